@@ -1,0 +1,65 @@
+// StreamCompressor turns one buffer into one complete LZS unit, whatever its length.
+//
+// Units compressed one after the other share a history until ResetCompressionHistory, which must
+// be called before the first. One thread uses an object at a time.
+#pragma once
+
+#include <cstdint>
+#include <vector>
+
+#include "capsule/export.h"
+
+namespace capsule {
+
+class CAPSULE_API StreamCompressor {
+ public:
+  // `pieceSize`: how many input bytes (1 to 16384) each call of the codec gets; part of what the
+  // output is for longer sources. `flags` and `effort` as for LzsCompress.
+  StreamCompressor(uint32_t pieceSize, uint16_t flags, uint16_t effort);
+  virtual ~StreamCompressor();
+  StreamCompressor(const StreamCompressor&) = delete;
+  StreamCompressor& operator=(const StreamCompressor&) = delete;
+
+  // Compresses `length` bytes into one unit. With a null destination or a capacity of 0 the unit
+  // goes to the result buffer of 65535 bytes. Always 0; GetCompressedSize tells the unit's size,
+  // and of a unit longer than the destination only the bytes that fit are stored.
+  int CompressBuffer(const unsigned char* source, uint32_t length, unsigned char* destination,
+                     uint32_t capacity);
+
+  // Bytes of the last unit, stored or not; 0 when the codec refused (history never reset).
+  uint32_t GetCompressedSize() const;
+
+  // The result buffer: holds the last unit that was compressed without a destination.
+  const unsigned char* GetResult() const;
+
+  // Starts a fresh history; the area, which stays the object's own.
+  void* ResetCompressionHistory();
+
+  int SetFastCompression();     // effort 0, matches not indexed
+  int SetMediumCompression();   // effort 7, match ends indexed
+  int SetMaximumCompression();  // effort 255, match bodies indexed
+
+ private:
+  bool Pass();
+
+  std::vector<unsigned char> m_pInput;
+  std::vector<unsigned char> m_pOutput;
+  uint32_t m_nPieceSize;
+  std::vector<unsigned char> m_pHistory;
+  const unsigned char* m_pSource = nullptr;
+  uint32_t m_nSourceCount = 0;
+  const unsigned char* m_pCallerNext = nullptr;
+  uint32_t m_nCallerLeft = 0;
+  unsigned char* m_pDestNext = nullptr;
+  uint32_t m_nDestLeft = 0;
+  unsigned char* m_pOut = nullptr;
+  uint32_t m_nTotalOut = 0;
+  uint32_t m_nOutCount = 0;
+  uint16_t m_nResult = 0;
+  uint16_t m_nCallFlags;
+  uint16_t m_nFlags;
+  uint16_t m_nEffort;
+  std::vector<unsigned char> m_pResult;
+};
+
+}  // namespace capsule

@@ -1,0 +1,47 @@
+// Files by descriptor. A descriptor is above 0: 0 means "not open" throughout the library, so a
+// file that the system opens as 0 is moved to a higher number. Failures give -1 or false and leave
+// the reason in errno. Every transfer goes on over EINTR and short transfers.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <optional>
+
+namespace capsule::platform {
+
+// The same file, whatever names lead to it.
+struct FileIdentity {
+  uint64_t device = 0;
+  uint64_t inode = 0;
+  bool operator==(const FileIdentity&) const = default;
+};
+
+// Opens for reading; -1 on failure. Paths are those of the system, taken as they are.
+int OpenForReading(const char* path);
+
+// Opens for writing and creates a missing file; an existing one keeps its bytes. -1 on failure.
+int OpenForWriting(const char* path);
+
+// Reads `count` bytes at `offset` without moving the descriptor's position: the number read, fewer
+// than `count` only at the end of the file; -1 on failure or for a negative offset.
+int64_t ReadAt(int descriptor, void* buffer, size_t count, int64_t offset);
+
+// Writes all `count` bytes at `offset` without moving the descriptor's position.
+bool WriteAt(int descriptor, const void* data, size_t count, int64_t offset);
+
+// Writes all `count` bytes at the descriptor's position and advances it.
+bool WriteHere(int descriptor, const void* data, size_t count);
+
+// The length of the open file in bytes, or -1.
+int64_t FileLength(int descriptor);
+
+bool Truncate(int descriptor, int64_t length);
+bool Sync(int descriptor);
+
+// Device and inode of an open file; none on failure.
+std::optional<FileIdentity> Identify(int descriptor);
+
+// 0 or -1. Never retried: after EINTR the descriptor is gone all the same.
+int Close(int descriptor);
+
+}  // namespace capsule::platform

@@ -1,0 +1,16 @@
+// Messages that are meant for the user's eyes, not for the caller.
+#pragma once
+
+#include "capsule/export.h"
+
+namespace capsule::platform {
+
+// Receives one message without a line end. May be called from any thread.
+using MessageSink = void (*)(const char* message, void* context);
+
+// Replaces the sink; null brings back the default, which writes one line to standard error.
+CAPSULE_API void SetMessageSink(MessageSink sink, void* context);
+
+void ShowMessage(const char* message);
+
+}  // namespace capsule::platform

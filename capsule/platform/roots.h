@@ -1,0 +1,12 @@
+// Roots of the paths that hosts insert.
+#pragma once
+
+#include "capsule/export.h"
+
+namespace capsule::platform {
+
+// From now on "X:" in front of an inserted path, X being `letter` compared exactly, stands for
+// `directory`, a path of the system. Belongs to the library state current on this thread.
+CAPSULE_API void SetRoot(char letter, const char* directory);
+
+}  // namespace capsule::platform

@@ -1,0 +1,11 @@
+# Compiler settings that every target of the project shares.
+add_library(capsule_options INTERFACE)
+target_compile_options(capsule_options INTERFACE
+  -Wall -Wextra -Wpedantic -Wconversion -Wshadow -Wold-style-cast -Wnon-virtual-dtor -Wundef
+  $<$<BOOL:${CAPSULE_WERROR}>:-Werror>)
+target_include_directories(capsule_options INTERFACE ${PROJECT_SOURCE_DIR})
+if(CAPSULE_SANITIZE)
+  target_compile_options(capsule_options INTERFACE
+    -fsanitize=${CAPSULE_SANITIZE} -fno-sanitize-recover=all -fno-omit-frame-pointer)
+  target_link_options(capsule_options INTERFACE -fsanitize=${CAPSULE_SANITIZE})
+endif()

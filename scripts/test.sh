@@ -1,0 +1,11 @@
+#!/usr/bin/env bash
+# Installs what the tests need, builds, and runs every test: a release build and one with
+# AddressSanitizer and UndefinedBehaviorSanitizer.
+set -euo pipefail
+cd "$(dirname "$0")/.."
+scripts/packages.sh g++ cmake ninja-build libgtest-dev libcli11-dev nlohmann-json3-dev libxxhash-dev
+for preset in release asan-ubsan; do
+  cmake --preset "$preset" -DCAPSULE_WERROR=ON
+  cmake --build --preset "$preset"
+  ctest --preset "$preset" -j "$(nproc)"
+done
