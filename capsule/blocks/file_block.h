@@ -1,0 +1,120 @@
+// CapsuleFileBlock is one file or directory of a partition: its directory entry, the data blocks
+// that hold its contents, and for a directory read from an image its children.
+//
+// It owns its children and its data blocks. An extraction buffer lives until the next extraction of
+// the same block. One thread uses the blocks of one partition at a time.
+//
+//   block.ReadDataBlocks(fd, block.GetDUPDATAOffset());
+//   int length = wanted;
+//   if (block.DecompressFile(&file, start, &length) == 0 && length >= 0)
+//     Use(block.GetPtrToDecompressedFile(), length);
+#pragma once
+
+#include <cstdint>
+#include <memory>
+
+#include "capsule/export.h"
+#include "capsule/partition/directory_entry.h"
+#include "capsule/platform/cstring.h"
+#include "capsule/runtime/cps_list.h"
+
+namespace capsule {
+
+class CapsuleFile;
+class CapsulePartition;
+
+class CAPSULE_API CapsuleFileBlock {
+ public:
+  using DirectoryType = CapsuleDirectoryEntry::DirectoryType;
+
+  // `parent`: null at the top level; not owned. `partition` must outlive the block.
+  CapsuleFileBlock(CapsuleFileBlock* parent, CapsulePartition& partition);
+  virtual ~CapsuleFileBlock();
+  CapsuleFileBlock(const CapsuleFileBlock&) = delete;
+  CapsuleFileBlock& operator=(const CapsuleFileBlock&) = delete;
+
+  // --- Writing (file_block_write.cpp) ---
+
+  // Prepares the entry of `path` and writes the pending zero entries and the record group at
+  // `offset`; adds their bytes to `*pTotal`.
+  int WriteDirEntry(DirectoryType type, const char* path, int fd, int offset, int* pTotal);
+
+  // Reads the whole file into data blocks of 8192 bytes.
+  int ReadAndChunk(const char* path);
+
+  // Writes one record a data block from `offset` on. `level`: 0 stored, 1-3 fast, 4-6 medium,
+  // other maximum. `history` is not used.
+  int WriteFile(int fd, int offset, int* pTotal, int level, char* history);
+
+  // The same bytes as ReadAndChunk and WriteFile, one chunk in memory at a time. The file must
+  // have the size that its entry states.
+  int StreamFile(const char* path, int fd, int offset, int* pTotal, int level);
+
+  // --- Reading (file_block_read.cpp) ---
+
+  // Reads the entry at `offset`; advances `*pOffset` past what it consumed.
+  int Read(DirectoryType type, int fd, int offset, int* pOffset, CapsuleFile& file, char* history);
+
+  // Reads header and payload of every data block from `offset` on.
+  bool ReadDataBlocks(int fd, int offset);
+  int SetUpDecompressHeader(CapsuleFile& file, char* history, int size);
+  int SetUpHistoryBuffer(char* history, int size);
+  int ResetHistoryBuffer();
+  int IsHeaderCreated(int);
+
+  // --- Extracting (file_block_extract.cpp) ---
+
+  // Extracts `*pLen` bytes from byte `start` on; `*pLen` becomes how many there are. -1 for a
+  // directory or a start at or behind the end; 0 with `*pLen` -1 when the extraction failed.
+  // `file` is the CapsuleFile of the image.
+  int DecompressFile(void* file, int start, int* pLen);
+  int DecompressFileBlocks(CapsuleFile* file, int start, int len);
+  void* GetPtrToDecompressedFile();
+  void ClearDecompressedFilePointer();
+
+  // Destroys children and data blocks.
+  void Close();
+
+  // --- Queries (file_block.cpp) ---
+  void InsertFileBlock(CapsuleFileBlock* child);
+  CpsList& FileList();
+
+  // The data blocks, prepared if they were not yet.
+  CpsList& GetFileDataBlockList();
+  CapsuleFileBlock* ParentFileBlock();
+  CapsuleDirectoryEntry& GetDirectoryEntry();
+  _DirectoryEntry* GetDirectoryPointer();
+  DirectoryType GetDirectoryType();
+  char* GetLongFileName();
+  int GetLongFileNameLength();
+  int GetFileBlockStartOffset() const;
+  int GetFileBlockEndOffset() const;
+  int GetDUPDATAOffset() const;
+  int GetNTFSDataBlockStart() const;
+  char* GetParentPartitionHistory();
+  int IsEndingMark();
+  int operator==(const CString& s) const;
+  void PrintYourself(CString s);
+  const CString& GetFilePath() const { return m_strFilePath; }
+  void SetFilePath(const char* path) { m_strFilePath = path; }
+
+ private:
+  CString m_strFilePath;
+  int32_t m_nDUPDATAOffset = 0;
+  CpsList m_FileList;
+  CpsList m_DataBlocks;
+  CapsuleDirectoryEntry m_DirectoryEntry;
+  int32_t m_nStartOffset = 0;
+  int32_t m_nEndOffset = 0;
+  int32_t m_nNTFSDataBlockStart = 0;
+  CapsuleFileBlock* m_pParent;
+  std::unique_ptr<unsigned char[]> m_pDecompressedFile;
+  int32_t m_nDecompressedSize = 0;
+  char* m_pSharedHistory = nullptr;
+  std::unique_ptr<unsigned char[]> m_pHistoryCopy;
+  int32_t m_nHistorySize = 0;
+  CapsulePartition* m_pPartition;
+  DirectoryType m_DirectoryType;
+};
+
+}  // namespace capsule

@@ -1,0 +1,20 @@
+// Everything a host of Capsule needs: the class interface and the codec.
+#pragma once
+
+#include "capsule/blocks/buffer.h"
+#include "capsule/blocks/data_block.h"
+#include "capsule/blocks/file_block.h"
+#include "capsule/compression/lzs.h"
+#include "capsule/compression/stream_compressor.h"
+#include "capsule/container/capsule_file.h"
+#include "capsule/container/header_records.h"
+#include "capsule/container/image_index.h"
+#include "capsule/container/reader_lock.h"
+#include "capsule/partition/directory_entry.h"
+#include "capsule/partition/directory_records.h"
+#include "capsule/partition/directory_support.h"
+#include "capsule/partition/partition.h"
+#include "capsule/partition/partition_record.h"
+#include "capsule/platform/message_sink.h"
+#include "capsule/platform/roots.h"
+#include "capsule/runtime/cps_list.h"

@@ -1,0 +1,120 @@
+// CapsuleFile is a host's handle on one image file.
+//
+// Writing:
+//   CapsuleFile image;
+//   image.CreateCapsuleFile("disk.cap");
+//   image.SetCompressionLevel(5);
+//   image.WriteImageFileHeader("Capsulate 1");
+//   image.InsertFile("C:\\a", 0);  image.InsertFile("C:\\a\\b.txt", 0);
+//   image.CloseImageFile();
+// Reading:
+//   CapsuleFile image("disk.cap");
+//   if (image.GetImageFileHandle() != 0 && image.ReadImage(0) == 0)
+//     for (_DirectoryEntry* e = image.GetDirectory("0:\\"); e; e = e->Next) Show(*e);
+//   image.CloseImageFileHandle();
+//
+// Operations give 0 for success and -1 for failure unless they say otherwise. The object owns its
+// header buffers and partitions; what it hands out lives as long as it does. One thread drives an
+// object; one image at a time is opened in a process.
+#pragma once
+
+#include <cstdint>
+#include <memory>
+#include <string>
+
+#include "capsule/container/header_records.h"
+#include "capsule/export.h"
+#include "capsule/partition/directory_records.h"
+#include "capsule/platform/cstring.h"
+#include "capsule/runtime/cps_list.h"
+
+namespace capsule {
+
+class CapsulePartition;
+struct _ListNode;
+
+class CAPSULE_API CapsuleFile {
+ public:
+  CapsuleFile();
+
+  // Opens `path` for reading; GetImageFileHandle() is 0 and GetLastError() tells why when it
+  // cannot. The string must outlive the object.
+  explicit CapsuleFile(const char* path);
+
+  // Does not close the file.
+  virtual ~CapsuleFile();
+  CapsuleFile(const CapsuleFile&) = delete;
+  CapsuleFile& operator=(const CapsuleFile&) = delete;
+
+  // --- Writing (capsule_file.cpp, capsule_file_insert.cpp) ---
+
+  // Opens or creates the file; an existing one keeps its bytes until they are overwritten.
+  int CreateCapsuleFile(const char* path);
+
+  // 0 (stored) to 9; other values give -1 and change nothing.
+  int SetCompressionLevel(int level);
+
+  // `version`: up to 255 bytes.
+  int WriteImageFileHeader(const char* version);
+
+  // Adds the file or directory at `path` to partition `partition` (0 to 9, never lower than in the
+  // call before). A failed insertion leaves the write offset and all bytes before it.
+  int InsertFile(const char* path, int partition);
+  int UpdatePartitionInfo(CapsulePartition* partition, int slot);
+
+  // Closes open levels, writes the last trailer, completes the header, closes the file.
+  int CloseImageFile();
+
+  // --- Reading (capsule_file_open.cpp) ---
+
+  // Reads header and index and, with `headerOnly` 0, every partition's tree. Throws the int 0 when
+  // the index cannot be read.
+  int ReadImage(int headerOnly);
+
+  // The listing of a directory, "0:\NAME.EXT" with padded short names; null when not found.
+  _DirectoryEntry* GetDirectory(const char* path);
+  bool CloseImageFileHandle();
+
+  // --- Queries (capsule_file.cpp) ---
+
+  // Whether data blocks are compressed: the header's compression flag.
+  int IsCompressed();
+
+  // 1 when partition `n` has no file system or does not exist.
+  int IsPartitionSector(int n);
+  int GetImageFileHandle();
+  char* GetVersionString() const;
+  const char* GetPathToImageFile() const;
+  _NewImageHeader* GetImageFileHeader() const;
+  int GetCurrentPartition() const;
+  CapsulePartition* GetCurrentPartitionPtr();
+  int GetCompressionLevel() const;
+  int GetLastError() const;
+
+  // The partitions in order: those inserted into, or those read.
+  CpsList& GetPartitions() { return m_Partitions; }
+
+  // Offset of the first byte behind the last item written.
+  int GetWriteOffset() const { return m_nWriteOffset; }
+
+ private:
+  int _IsKnownCompressed(CString& extension);
+  uint32_t _BuildPathSegmentList(_ListNode** head, const CString& path);
+  int _ContrastPathSegmentLists(_ListNode* previous, _ListNode* current);
+  int _RemoveLastDirFromPathString(CString& path);
+
+  uint32_t m_nSectorCount = 0;
+  int m_hImageFile = 0;
+  char m_szVersion[256] = {};
+  const char* m_pszImagePath = nullptr;
+  std::unique_ptr<unsigned char[]> m_pRawHeader;
+  CpsList m_Partitions;
+  CapsulePartition* m_pCurrentPartition = nullptr;
+  int m_nLastError = 0;
+  int m_nWriteOffset = 0;
+  int m_nCompressionLevel = 0;
+  int m_nCurrentPartition = -1;
+  std::unique_ptr<_NewImageHeader> m_pImageHeader;
+};
+
+}  // namespace capsule

@@ -1,0 +1,52 @@
+// Where things lie in the stored header, and how it becomes values: pure functions.
+#pragma once
+
+#include <cstdint>
+#include <optional>
+#include <span>
+#include <string>
+#include <vector>
+
+#include "capsule/partition/partition_record.h"
+
+namespace capsule {
+
+inline constexpr uint32_t kHeaderSize = 7560;
+inline constexpr uint32_t kVersionSize = 256;
+inline constexpr uint32_t kScrambleFlagOffset = 656;
+inline constexpr uint32_t kIndexOffsetOffset = 715;
+inline constexpr uint32_t kCompressionMarkOffset = 719;
+inline constexpr uint32_t kConstant3Offset = 720;
+inline constexpr uint32_t kTailOffsetOffset = 721;
+inline constexpr uint32_t kHeaderSectorAreaOffset = 5000;
+inline constexpr uint32_t kPartitionCountOffset = 5513;
+inline constexpr uint32_t kCompressionFlagOffset = 5515;
+inline constexpr uint32_t kPartitionRecordsOffset = 7056;
+inline constexpr uint32_t kPartitionRecordSize = 24;
+inline constexpr int kMaxPartitions = 10;
+
+// Layouts of the stored header. Fixed: tail offset 0, or a version that begins with "Capsulate"
+// in any letter case. Compact: everything else.
+enum class HeaderLayout { Fixed, Compact };
+
+using HeaderBytes = std::span<const unsigned char, kHeaderSize>;
+
+HeaderLayout SelectLayout(HeaderBytes header);
+
+// What readers need of a header, checked.
+struct DecodedHeader {
+  std::string version;  // up to the terminator, at most 256 bytes
+  HeaderLayout layout = HeaderLayout::Fixed;
+  uint32_t indexOffset = 0;
+  bool compressed = false;             // the compression flag is not 0
+  std::vector<_Partition> partitions;  // as many as there are sections to read
+};
+
+// Decodes a header whose scrambled region has been restored. None, with the reason in `*problem`,
+// when a field lies outside of the header or more partitions are claimed than it has room for.
+std::optional<DecodedHeader> DecodeHeader(HeaderBytes header, std::string* problem);
+
+// The header as written first: version (up to 255 bytes), compression, everything else at rest.
+std::vector<unsigned char> EncodeHeader(const std::string& version, bool compressed);
+
+}  // namespace capsule

@@ -1,0 +1,52 @@
+// ImageIndex hands out, in index order, the offsets of the partition sections and of the records
+// of an image. There is one current index in a library state at a time; reading an image replaces
+// it. One thread uses it.
+#pragma once
+
+#include <cstdint>
+#include <string>
+#include <vector>
+
+#include "capsule/export.h"
+
+namespace capsule {
+
+class CAPSULE_API ImageIndex {
+ public:
+  // The current index, built on `header` (the raw image header, not owned) and `path` when there
+  // is none yet; arguments are ignored when there is one.
+  static ImageIndex* Instance(const char* header, const char* path);
+  static ImageIndex* GetCurrentIndexInstance();
+  static void DeleteCurrentInstance();
+
+  // Walks the index. Throws the int 0 when the file cannot be opened or read. An index that lies
+  // behind the end of the file is empty.
+  void ReadIndex();
+
+  // The next offset, -1 at the end and from then on.
+  int GetNextPartitionOffset();
+  int PeekNextPartitionOffset();
+  int GetNextFileOffset();
+
+  // The raw image header that Instance was given.
+  const char* GetImageFilePath();
+
+ protected:
+  ImageIndex(const char* header, const char* path);
+  virtual ~ImageIndex();
+
+ private:
+  void _SetOffsetToImageIndex();
+  void _FillOffsetVects();
+  uint32_t _OffsetToIndex() const;
+
+  uint32_t _walk_end = 0;
+  const char* _image_header;
+  int _index_file;
+  uint32_t _partition_cursor = 0;
+  uint32_t _file_cursor = 0;
+  std::vector<int32_t> _file_offsets;
+  std::vector<int32_t> _partition_offsets;
+};
+
+}  // namespace capsule

@@ -1,0 +1,84 @@
+// ImageBuilder makes one image of one to ten folders, all or nothing.
+//
+//   host::ImageBuilder builder("photos.cap", {.level = 5});
+//   builder.AddDirectory("/home/me/photos");
+//   host::BuildReport report = builder.Finish();
+//
+// The image is written under a temporary name beside its own (mode 0600 until done), completed by
+// its index, synced and renamed: an existing file stays as it was until then. The same folders give
+// the same bytes wherever they lie. Links and special files are skipped and counted. What cannot
+// be read, changes meanwhile, or has a name the format cannot hold is left out (a folder with all
+// below it) and listed in the report.
+//
+// One thread uses a builder; Cancel may be called from any thread. Failures throw host::Error.
+#pragma once
+
+#include <cstdint>
+#include <filesystem>
+#include <functional>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "capsule/export.h"
+#include "capsule/host/error.h"
+
+namespace capsule::host {
+
+// How far a build has come. `path` is the item just inserted, "N:/dir/file".
+struct BuildProgress {
+  std::string path;
+  uint64_t files = 0;
+  uint64_t directories = 0;
+  uint64_t sourceBytes = 0;
+};
+
+struct BuildOptions {
+  int level = 5;                      // 0 stored, 1-3 fast, 4-6 medium, 7-9 maximum
+  std::string label;                  // version text; "Capsulate" is put in front unless there
+  std::vector<std::string> excludes;  // globs: matched against an item's name, or with a '/' in
+                                      // them against its path below its DIR
+  std::function<void(const BuildProgress&)> onProgress;
+};
+
+struct BuildProblem {
+  std::string path;  // the source as the system knows it
+  std::string reason;
+};
+
+struct BuildReport {
+  uint64_t files = 0;
+  uint64_t directories = 0;
+  uint64_t sourceBytes = 0;
+  uint64_t skipped = 0;  // links and special files
+  uint64_t excluded = 0;
+  uint64_t imageBytes = 0;
+  std::vector<BuildProblem> problems;
+};
+
+class CAPSULE_API ImageBuilder {
+ public:
+  // Throws when the options are out of range or the folder of `image` does not exist.
+  explicit ImageBuilder(std::filesystem::path image, BuildOptions options = {});
+
+  // Without Finish the temporary file is removed and the old image left.
+  ~ImageBuilder();
+  ImageBuilder(const ImageBuilder&) = delete;
+  ImageBuilder& operator=(const ImageBuilder&) = delete;
+
+  // Inserts everything below `directory` as the next partition. Throws when it cannot be opened
+  // or is the eleventh.
+  void AddDirectory(const std::filesystem::path& directory);
+
+  // Completes the image and puts it under its name.
+  BuildReport Finish();
+
+  // Makes AddDirectory or Finish throw soon.
+  void Cancel();
+
+ private:
+  struct Impl;
+  std::unique_ptr<Impl> m_pImpl;
+};
+
+}  // namespace capsule::host

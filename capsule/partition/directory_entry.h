@@ -1,0 +1,147 @@
+// CapsuleDirectoryEntry holds the directory record group of one file or directory: an 8.3 entry,
+// preceded by long-name entries when the two names differ.
+//
+// It is prepared from the host's file system (SetFileDirectory) and written (Write), or read from
+// an image (Read). Operations give 0 for success and -1 for failure unless they say otherwise.
+// `fd` is a descriptor of an image, `offset` an offset in it, `count` a running byte counter to
+// which an operation adds what it wrote or read. One thread uses an entry at a time.
+//
+//   CapsuleDirectoryEntry entry;
+//   int zeros = 0;
+//   if (entry.SetFileDirectory(CapsuleDirectoryEntry::DirTypeFat32, path, fd, at, &zeros) == 0)
+//     entry.Write(CapsuleDirectoryEntry::DirTypeFat32, fd, at + zeros, &written);
+#pragma once
+
+#include <array>
+#include <cstdint>
+#include <vector>
+
+#include "capsule/blocks/buffer.h"
+#include "capsule/export.h"
+#include "capsule/partition/directory_records.h"
+#include "capsule/platform/cstring.h"
+#include "capsule/platform/host_view.h"
+
+namespace capsule {
+
+class CapsuleFileBlock;
+
+class CAPSULE_API CapsuleDirectoryEntry {
+ public:
+  // Which kind of partition an entry belongs to; selects the copy of the record in use.
+  enum DirectoryType { DirTypeFat16 = 0, DirTypeFat32 = 1, DirTypeNtfs = 2 };
+
+  CapsuleDirectoryEntry();
+  virtual ~CapsuleDirectoryEntry();
+  CapsuleDirectoryEntry(const CapsuleDirectoryEntry&) = delete;
+  CapsuleDirectoryEntry& operator=(const CapsuleDirectoryEntry&) = delete;
+
+  // --- Preparing from the host's file system (directory_entry_prepare.cpp) ---
+
+  // Prepares the entry for the file or directory at `path` and writes the pending zero entries at
+  // `offset`. A null path makes a zero entry.
+  int SetFileDirectory(DirectoryType t, const char* path, int fd, int offset, int* count);
+  int SetZeroEntry(DirectoryType t);
+  void SetMiniHeader();
+  int SetDirEntry(DirectoryType t);
+  int SetCapFileTimeAttrib(DirectoryType t);
+  int SetCapFileName(DirectoryType t);
+  int SetCapLongFileName(DirectoryType t);
+  void SetCapShortFileName(DirectoryType t);
+
+  // Builds one 32-byte long-name record in `out`: piece `ordinal` of `count`, of which `rest`
+  // characters count in the last (0: all 13).
+  void SetWideCharStr(CString& out, const CString& piece, int ordinal, int count, int rest);
+
+  // Splits off the last component of `path` and splits that at its last '.': 1 when it has one.
+  int GetFileName(CString path, CString& name, CString& ext);
+
+  // --- Writing and reading records (directory_entry_records.cpp) ---
+
+  // Writes the record group at `offset`.
+  int Write(DirectoryType t, int fd, int offset, int* count);
+  int WriteMiniHeader(int fd, int offset, int* count);
+
+  // The long-name records with their headers and the short entry; 1 for success.
+  int WriteDirectoryEntry(DirectoryType t, int fd, int offset, int* count);
+
+  // One zero entry of 40 bytes.
+  int WriteZeroDirectoryEntry(int fd, int offset, int* count);
+
+  // The zero entries pending in the library state. `flag` is not used.
+  int SetZeroDirEntry(int fd, int offset, int* count, int& flag);
+
+  // Reads one group at `offset`.
+  int Read(DirectoryType t, int fd, int offset, int* count);
+
+  // Reads the rest of a long-name chain whose first record is `entry` (`size` bytes, 32) into
+  // `entry`, which ends as the short one. At most 63 pieces. `count` holds how many bytes of the
+  // group were read so far, the offset of the group being that of the current Read.
+  int LongFileNameProcess(int size, void* entry, int fd, int* count);
+
+  // Fills the long-name buffer from `length` UTF-16 units.
+  void FormatLongFileName(const unsigned short* name, unsigned char length);
+
+  // --- Names and queries (directory_entry.cpp) ---
+
+  // The short text: 8 name bytes, '.', 3 extension bytes, blanks kept. `entry`: 32 bytes.
+  CString& ShortName(const char* entry);
+  CString& ShortName(DirectoryType t);
+  CString& ShortName();
+  CapsuleBuffer& LongFileName();
+  int operator==(const CString& s) const;
+  void PrintEntryName(const char* entry);
+  int IsEmpty() const;
+  int IsDirectory() const;
+  int GetAttribute() const;
+  uint32_t FileSize() const;
+  int CompressedLength() const;
+  int NTFSIsDirectory() const;
+  DirectoryType GetDirectoryType() const;
+  void PopulateOtherStructure(DirectoryType t);
+  void RemoveCPtrArray();
+  void SetFileBlock(CapsuleFileBlock* block);
+  CapsuleFileBlock* GetParentFileBlockPtr() const;
+  void SetLastDirectoryEntry(int value);
+  int GetNumEntries() const;
+  int GetCurEntry() const;
+  void IncCurEntry();
+
+  // The record that a host receives; lives as long as this object.
+  _DirectoryEntry* GetRecord() { return &m_Record; }
+  const _DirectoryEntry* GetRecord() const { return &m_Record; }
+
+  // The copy of the 8.3 entry that `t` selects.
+  _ShortDirEntry& EntryFor(DirectoryType t);
+  const _ShortDirEntry& EntryInUse() const;
+
+ private:
+  uint8_t _CalculateChecksum(const char* name) const;
+
+  _DirectoryEntry m_Record{};
+  uint8_t m_nChecksum = 0;
+  CapsuleBuffer m_LongFileName;
+  DirectoryType m_DirectoryType = DirTypeFat32;
+  CString m_strShortName;
+  CString m_strLongName;
+  std::vector<std::array<unsigned char, 32>> m_LongEntries;  // last piece first
+  CString m_strPath;
+  CString m_strName;
+  CString m_strExt;
+  CString m_strShortPath;
+  int32_t m_nLongEntryChars = 13;
+  int32_t m_nNameChars = 8;
+  int32_t m_nExtChars = 3;
+  int32_t m_nDirectoryFlag = 0;
+  int32_t m_bZeroEntry = 0;
+  platform::FindData m_FindData;
+  int32_t m_nLastDirectoryEntry = 0;
+  CapsuleFileBlock* m_pParentFileBlock = nullptr;
+  int32_t m_nNumEntries = 0;
+  int32_t m_nCurEntry = 0;
+  int32_t m_nReadOffset = 0;  // where the group being read begins
+
+  static CString m_strPreviousCapFilePath;
+};
+
+}  // namespace capsule

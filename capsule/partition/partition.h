@@ -1,0 +1,99 @@
+// CapsulePartition is one partition section of an image: it writes the section's header, items and
+// trailer, or rebuilds the section's tree of file blocks from the index.
+//
+// It owns its file blocks and its history areas. Operations give 0 for success, -1 for failure.
+// One thread drives a partition; the lists have their own locks.
+#pragma once
+
+#include <cstdint>
+#include <memory>
+#include <string>
+#include <unordered_set>
+#include <vector>
+
+#include "capsule/export.h"
+#include "capsule/partition/directory_entry.h"
+#include "capsule/partition/partition_record.h"
+#include "capsule/runtime/cps_list.h"
+
+namespace capsule {
+
+class CapsuleFile;
+class CapsuleFileBlock;
+class DirectorySupport;
+
+class CAPSULE_API CapsulePartition {
+ public:
+  using DirectoryType = CapsuleDirectoryEntry::DirectoryType;
+
+  // Third byte of a section.
+  enum PartitionType { PartitionUnknown = 1, PartitionFat = 2 };
+
+  explicit CapsulePartition(CapsuleFile& file);
+  virtual ~CapsulePartition();
+  CapsulePartition(const CapsulePartition&) = delete;
+  CapsulePartition& operator=(const CapsulePartition&) = delete;
+
+  // --- Section header and trailer, queries (partition.cpp) ---
+  int WritePartitionHeader(int fd, int offset);
+  int WritePartitionTrailer(int fd, int offset);
+  int InitializePartHeaderInfo();
+  _Partition* GetHeaderPartitionInfo();
+  int IsFat();
+  int IsUnknown();
+  int IsPartitionType(const unsigned char* area, PartitionType t);
+  int GetStartOffset() const;
+  int GetOffsetInPartition() const;
+
+  // Depth of the last directory inserted: the number of `\` in `path` plus 1.
+  void SetHierarchyLevel(const char* path);
+  int GetHierarchyLevel();
+  CpsList& GetFileBlocks();
+  CapsuleFile& GetCapsuleFile();
+  DirectoryType GetPartitionType() const;
+  char* GetCompressionHistory();
+
+  // --- Writing items (partition_write.cpp) ---
+  int InitializeCompressionHistory();
+
+  // A directory's three record groups at `offset`: its own, "." and "..". Adds their bytes to
+  // `*written`. -1 and nothing written when `path` was inserted before.
+  int WriteDirectories(int fd, const char* path, int offset, int* written);
+
+  // A file's record group and data block records. `compress`: level 0 to 9.
+  int WriteFile(int fd, const char* path, int offset, int* written, int compress);
+
+  // --- Reading (partition_read.cpp) ---
+
+  // Rebuilds the tree of the section at `offset` from the current index. `pos` is not used.
+  int Read(DirectoryType t, int fd, int offset, int* pos);
+  void SetUpHistoryBuffer();
+
+  // Skips a run of data block records; `*pos` ends behind them.
+  int ReadDataBlocks(int fd, int offset, int* pos);
+
+  // The chained records of the directory that `path` names; null when not found or empty.
+  _DirectoryEntry* GetDirectoryEntry(DirectorySupport& path);
+
+  // Chains the records of `blocks` in list order; the first, or null.
+  _DirectoryEntry* SetupDirectoryEntry(CpsList& blocks);
+
+ private:
+  unsigned char m_SectorArea[512] = {};
+  CpsList m_FileBlocks;
+  CpsList m_Directories;
+  int32_t m_nStartOffset = 0;
+  int32_t m_nOffsetInPartition = 0;
+  int32_t m_nHierarchyLevel = 0;
+  _Partition m_PartInfo{};
+  CapsuleFile* m_pCapsuleFile;
+  std::unique_ptr<unsigned char[]> m_pDecompressionHistory;
+  std::unique_ptr<unsigned char[]> m_pCompressionHistory;
+  DirectoryType m_PartitionType = CapsuleDirectoryEntry::DirTypeFat32;
+
+  // Paths and short names of m_FileBlocks, so that duplicates are found without a walk.
+  std::unordered_set<std::string> m_InsertedPaths;
+  std::unordered_set<std::string> m_InsertedShortNames;
+};
+
+}  // namespace capsule

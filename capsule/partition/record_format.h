@@ -1,0 +1,69 @@
+// The bytes of the records of a partition section: pure functions between bytes and values.
+//
+// Section, in order: partition header (2056), then items, then partition trailer (1544).
+// Item: zero entries that close levels, then the record group (long-name records, short entry),
+// then for a file its data block records.
+#pragma once
+
+#include <array>
+#include <cstdint>
+#include <span>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "capsule/partition/directory_records.h"
+#include "capsule/partition/partition_record.h"
+
+namespace capsule {
+
+inline constexpr uint8_t kRecordDataBlock = 3;
+inline constexpr uint8_t kRecordDirectory = 0x16;
+inline constexpr uint8_t kRecordPartition = 0x17;
+
+inline constexpr uint32_t kMiniHeaderSize = 8;
+inline constexpr uint32_t kDirEntrySize = 32;
+inline constexpr uint32_t kDirRecordSize = kMiniHeaderSize + kDirEntrySize;  // 40
+inline constexpr uint32_t kSectorAreaSize = 512;
+inline constexpr uint16_t kPartitionPayload = 1536;
+inline constexpr uint32_t kPartitionHeaderSize = 2056;
+inline constexpr uint32_t kPartitionTrailerSize = 1544;
+
+inline constexpr uint8_t kLongNameAttribute = 0x0F;
+inline constexpr uint8_t kDirectoryAttribute = 0x10;
+inline constexpr int kMaxLongNamePieces = 63;
+inline constexpr size_t kPieceUnits = 13;
+
+std::array<unsigned char, 8> EncodeMiniHeader(const _MiniHeader& header);
+_MiniHeader DecodeMiniHeader(std::span<const unsigned char, 8> bytes);
+
+std::array<unsigned char, 32> EncodeShortEntry(const _ShortDirEntry& entry);
+_ShortDirEntry DecodeShortEntry(std::span<const unsigned char, 32> bytes);
+
+std::array<unsigned char, 24> EncodePartition(const _Partition& record);
+_Partition DecodePartition(std::span<const unsigned char, 24> bytes);
+
+// A zero entry with its header: closes one directory level.
+std::array<unsigned char, kDirRecordSize> EncodeZeroEntry();
+
+std::array<unsigned char, kPartitionHeaderSize> EncodePartitionHeader();
+std::array<unsigned char, kPartitionTrailerSize> EncodePartitionTrailer();
+
+// The FAT checksum of an 11-byte short name.
+uint8_t ShortNameChecksum(std::span<const unsigned char, 11> name);
+
+// The 26 name bytes of a long-name record, units in order.
+std::array<unsigned char, 26> LongNameUnits(std::span<const unsigned char, 32> record);
+
+// The name held by long-name units in on-disk piece order (a multiple of 26 bytes, last piece
+// first): every unit up to the terminator or padding, in name order.
+std::u16string DecodeLongName(std::span<const unsigned char> piecesLastFirst);
+
+// Name bytes of a decoded long name: one byte a unit when every unit is below 256, else UTF-8.
+std::string LongNameToBytes(std::u16string_view units);
+
+// Short name as text for people: name, then '.' and extension when there is one; only trailing
+// blanks of each are trimmed.
+std::string ShortNameToBytes(const _ShortDirEntry& entry);
+
+}  // namespace capsule
