@@ -14,17 +14,22 @@
 
 #include <array>
 #include <cstdint>
+#include <span>
+#include <string>
+#include <unordered_set>
 #include <vector>
 
 #include "capsule/blocks/buffer.h"
 #include "capsule/export.h"
 #include "capsule/partition/directory_records.h"
+#include "capsule/partition/ntfs_records.h"
 #include "capsule/platform/cstring.h"
 #include "capsule/platform/host_view.h"
 
 namespace capsule {
 
 class CapsuleFileBlock;
+struct NtfsFileName;
 
 class CAPSULE_API CapsuleDirectoryEntry {
  public:
@@ -82,6 +87,27 @@ class CAPSULE_API CapsuleDirectoryEntry {
   // Fills the long-name buffer from `length` UTF-16 units.
   void FormatLongFileName(const unsigned short* name, unsigned char length);
 
+  // --- From NTFS records (directory_entry_ntfs.cpp) ---
+
+  // The record's header from that of an NTFS record.
+  void FillDirHeader(_NTFSMiniHeader h);
+
+  // Fills the entry from `size` / 1024 FILE records, whose displaced bytes are restored in place.
+  void FileRecordtoDirectoryEntry(void* records, long size);
+  void PutStdInfoIntoDirEntry(const _StandardInformation* si);
+
+  // A short or long name; `index` counts the names met before. The name's units follow `fn`.
+  void PutFileNameIntoDirEntry(const _FileName* fn, int index);
+
+  // 1 unless `ns` is that of a Win32-only name.
+  int IsShortFileName(unsigned char ns);
+
+  // Notes a child by the low 32 bits of its file reference, once.
+  void NTFSAddEntry(long ref);
+
+  // The name that tells most among those of the FILE record; empty without one.
+  const std::u16string& NtfsFullName() const { return m_FullName; }
+
   // --- Names and queries (directory_entry.cpp) ---
 
   // The short text: 8 name bytes, '.', 3 extension bytes, blanks kept. `entry`: 32 bytes.
@@ -117,6 +143,8 @@ class CAPSULE_API CapsuleDirectoryEntry {
 
  private:
   uint8_t _CalculateChecksum(const char* name) const;
+  void _PutName(const NtfsFileName& name, int index);
+  void _PutFileRecord(std::span<unsigned char, 1024> record, int* nameCount);
 
   _DirectoryEntry m_Record{};
   uint8_t m_nChecksum = 0;
@@ -137,8 +165,12 @@ class CAPSULE_API CapsuleDirectoryEntry {
   platform::FindData m_FindData;
   int32_t m_nLastDirectoryEntry = 0;
   CapsuleFileBlock* m_pParentFileBlock = nullptr;
+  std::vector<uint32_t> m_FileReferences;
   int32_t m_nNumEntries = 0;
   int32_t m_nCurEntry = 0;
+  std::unordered_set<uint32_t> m_KnownReferences;  // the same as m_FileReferences
+  std::u16string m_FullName;
+  int m_nFullNameRank = 0;
   int32_t m_nReadOffset = 0;  // where the group being read begins
 
   static CString m_strPreviousCapFilePath;

@@ -1,0 +1,87 @@
+// The bytes of NTFS partitions: record headers, FILE records and index blocks, as pure functions
+// over windows of exactly the payload.
+//
+// Every walk ends at its record or attribute; an attribute shorter than its header, or reaching
+// beyond its record, ends the walk.
+#pragma once
+
+#include <cstdint>
+#include <functional>
+#include <span>
+#include <string>
+
+#include "capsule/partition/ntfs_records.h"
+
+namespace capsule {
+
+inline constexpr uint32_t kNtfsHeaderSize = 46;
+inline constexpr uint32_t kNtfsDirectoryRecord = 102;  // FILE record of a directory
+inline constexpr uint32_t kNtfsFileRecord = 104;       // FILE record that begins a file
+inline constexpr uint32_t kNtfsLastFileRecord = 105;   // 103 and 105: further FILE records
+inline constexpr uint32_t kNtfsData = 106;             // data of a file, index of a directory
+inline constexpr uint32_t kNtfsMoreData = 107;
+inline constexpr uint32_t kNtfsEnd = 108;  // no more records in the section
+inline constexpr size_t kFileRecordSize = 1024;
+inline constexpr uint32_t kNtfsChunkSize = 16384;
+
+_NTFSMiniHeader DecodeNtfsHeader(std::span<const unsigned char, kNtfsHeaderSize> bytes);
+
+// Types that begin the next entry of a section.
+inline bool BeginsNtfsEntry(uint32_t type) {
+  return type == kNtfsDirectoryRecord || type == kNtfsFileRecord || type == kNtfsEnd;
+}
+inline bool IsNtfsFileRecord(uint32_t type) {
+  return type >= kNtfsDirectoryRecord && type <= kNtfsLastFileRecord;
+}
+inline bool IsNtfsData(uint32_t type) { return type == kNtfsData || type == kNtfsMoreData; }
+
+// Attribute types of FILE records.
+inline constexpr uint32_t kStandardInformationType = 0x10;
+inline constexpr uint32_t kFileNameType = 0x30;
+inline constexpr uint32_t kDataType = 0x80;
+inline constexpr uint32_t kIndexRootType = 0x90;
+
+// One attribute of a FILE record: `bytes` are all of it, header included.
+struct NtfsAttribute {
+  uint32_t type = 0;
+  bool nonResident = false;
+  uint8_t nameLength = 0;  // units; 0 for an unnamed attribute
+  std::span<const unsigned char> bytes;
+
+  // The value of a $STANDARD_INFORMATION or $FILE_NAME attribute: from the name offset on when
+  // that lies inside the attribute, else from the value offset.
+  std::span<const unsigned char> NamedOffsetValue() const;
+
+  // The resident value by its own length and offset; empty when they do not fit.
+  std::span<const unsigned char> ResidentValue() const;
+
+  // Low 32 bits of the size of a $DATA attribute.
+  uint32_t DataSize() const;
+};
+
+// Restores the bytes that the update sequence displaced, in place. Records that state a plausible
+// layout are taken at their word; others have their sequence at 42.
+void UndoFileRecordFixups(std::span<unsigned char, kFileRecordSize> record);
+
+// Hands out the attributes in order until `visit` returns false. The first lies where the record
+// says when it states a plausible layout, else at 48.
+void VisitAttributes(std::span<const unsigned char, kFileRecordSize> record,
+                     const std::function<bool(const NtfsAttribute&)>& visit);
+
+// Low 32 bits of the references to children held by an $INDEX_ROOT attribute, in order; the entry
+// of a directory for itself is left out.
+void VisitIndexRoot(const NtfsAttribute& attribute, const std::function<void(uint32_t)>& visit);
+
+// The same for index blocks ("INDX", 2048 or 4096 bytes each); restores displaced bytes in place.
+void VisitIndexBlocks(std::span<unsigned char> blocks, const std::function<void(uint32_t)>& visit);
+
+// A $FILE_NAME value, checked.
+struct NtfsFileName {
+  uint8_t nameSpace = 0;
+  std::u16string units;
+};
+
+// False when the value does not hold the name that it claims.
+bool DecodeFileName(std::span<const unsigned char> value, NtfsFileName* name);
+
+}  // namespace capsule
