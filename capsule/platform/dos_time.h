@@ -20,7 +20,11 @@ DosDateTime ToDosDateTime(FileTime fileTime);
 // Seconds after 1970; fields out of range are clamped, so any two words give a time.
 int64_t ToUnixSeconds(DosDateTime dos);
 
+// `seconds` after 1970; times that a FileTime cannot hold become the nearest one.
 FileTime FileTimeFromUnix(int64_t seconds, uint32_t nanoseconds);
+
+// Seconds after 1970, rounded down.
+int64_t UnixSeconds(FileTime fileTime);
 
 // The seconds (0-59) of the time in local time, as stored beside a creation time.
 unsigned char LocalSeconds(FileTime fileTime);

@@ -1,0 +1,47 @@
+// What the system tells of files and directories. Paths are those of the system.
+#pragma once
+
+#include <compare>
+#include <cstdint>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "capsule/platform/file.h"
+
+namespace capsule::platform {
+
+// A moment: seconds after 1970 UTC (negative before), and nanoseconds in that second.
+struct Instant {
+  int64_t seconds = 0;
+  uint32_t nanoseconds = 0;
+  auto operator<=>(const Instant&) const = default;
+};
+
+enum class FileKind { Regular, Directory, Other };
+
+struct FileStatus {
+  FileKind kind = FileKind::Other;
+  FileIdentity identity;
+  bool writable = false;  // some write permission is set, whoever it is for
+  uint64_t size = 0;      // in bytes; 0 unless the file is regular
+  Instant birth;          // the modification time where the file system keeps no birth time
+  Instant access;
+  Instant modification;
+  Instant change;  // of contents or status; unlike the modification time nobody can set it
+};
+
+// Follows links. None when nothing is found, with the reason in errno.
+std::optional<FileStatus> Status(const std::string& path);
+
+// Whether something of that name is there, a dangling link included.
+bool Exists(const std::string& path);
+
+// The names in a directory in no particular order, without "." and ".."; none when it cannot be
+// read to its end.
+std::optional<std::vector<std::string>> ListDirectory(const std::string& path);
+
+// The time now, by the clock that stamps files, which advances in ticks.
+Instant ClockOfFiles();
+
+}  // namespace capsule::platform

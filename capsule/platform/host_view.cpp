@@ -1,0 +1,93 @@
+#include "capsule/platform/host_view.h"
+
+#include <algorithm>
+#include <limits>
+#include <unordered_map>
+
+#include "capsule/platform/alias_cache.h"
+#include "capsule/platform/dos_time.h"
+#include "capsule/platform/host_files.h"
+#include "capsule/platform/host_path.h"
+
+namespace capsule::platform {
+namespace {
+
+FileTime ToFileTime(Instant instant) {
+  return FileTimeFromUnix(instant.seconds, instant.nanoseconds);
+}
+
+uint32_t Attributes(const FileStatus& status, std::string_view path) {
+  uint32_t attributes =
+      status.kind == FileKind::Directory ? kAttributeDirectory : kAttributeArchive;
+  if (!status.writable) attributes |= kAttributeReadOnly;
+  if (IsDotName(path)) attributes |= kAttributeHidden;
+  return attributes;
+}
+
+}  // namespace
+
+struct HostView::Impl {
+  std::unordered_map<char, std::string> roots;
+  AliasCache aliases;
+  TimePolicy timePolicy = TimePolicy::System;
+  Instant latest{std::numeric_limits<int64_t>::max(), 0};
+
+  FileTime Report(Instant instant) const { return ToFileTime(std::min(instant, latest)); }
+};
+
+HostView::HostView() : m_pImpl(std::make_unique<Impl>()) {}
+HostView::~HostView() = default;
+
+void HostView::SetRoot(char letter, const std::string& directory) {
+  if (directory.empty()) {
+    m_pImpl->roots.erase(letter);
+  } else {
+    m_pImpl->roots.insert_or_assign(letter, CanonicalDirectory(directory));
+  }
+}
+
+void HostView::SetAliasPolicy(AliasPolicy policy) { m_pImpl->aliases.SetPolicy(policy); }
+
+void HostView::SetTimePolicy(TimePolicy policy) { m_pImpl->timePolicy = policy; }
+
+void HostView::CapTimes(int64_t unixSeconds) { m_pImpl->latest = {unixSeconds, 0}; }
+
+std::optional<std::string> HostView::Resolve(std::string_view path) const {
+  if (path.find('\0') != std::string_view::npos) return std::nullopt;
+  const HostPath parts = SplitHostPath(path);
+  if (!parts.letter) return WithSlashes(path);
+  const auto root = m_pImpl->roots.find(*parts.letter);
+  if (root == m_pImpl->roots.end()) return std::nullopt;
+  return JoinBelowRoot(root->second, path.substr(2));
+}
+
+std::optional<FindData> HostView::Find(std::string_view path) const {
+  const std::optional<std::string> resolved = Resolve(path);
+  if (!resolved) return std::nullopt;
+  const std::optional<FileStatus> status = Status(*resolved);
+  if (!status) return std::nullopt;
+
+  FindData found;
+  found.attributes = Attributes(*status, path);
+  found.size = status->size;
+  found.lastWriteTime = m_pImpl->Report(status->modification);
+  const bool modificationOnly = m_pImpl->timePolicy == TimePolicy::ModificationOnly;
+  found.creationTime = modificationOnly ? found.lastWriteTime : m_pImpl->Report(status->birth);
+  found.lastAccessTime = modificationOnly ? found.lastWriteTime : m_pImpl->Report(status->access);
+  return found;
+}
+
+std::optional<std::string> HostView::ShortPath(std::string_view path) {
+  const HostPath parts = SplitHostPath(path);
+  if (IsDirectoryReference(parts.component)) {
+    return Find(path) ? std::optional<std::string>(path) : std::nullopt;
+  }
+  const std::optional<std::string> directory = Resolve(parts.front);
+  if (!directory) return std::nullopt;
+  const std::string* alias =
+      m_pImpl->aliases.Find(CanonicalDirectory(*directory), std::string(parts.component));
+  if (alias == nullptr) return std::nullopt;
+  return std::string(parts.front) + *alias;
+}
+
+}  // namespace capsule::platform

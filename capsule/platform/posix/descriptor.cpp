@@ -1,0 +1,37 @@
+#include "capsule/platform/posix/descriptor.h"
+
+#include <fcntl.h>
+#include <unistd.h>
+
+#include <cerrno>
+
+namespace capsule::platform {
+namespace {
+
+constexpr int kFirstFree = 3;
+
+int MoveUp(int descriptor) {
+  const int moved = ::fcntl(descriptor, F_DUPFD_CLOEXEC, kFirstFree);
+  const int reason = errno;
+  ::close(descriptor);
+  errno = reason;
+  return moved;
+}
+
+}  // namespace
+
+int OpenDescriptor(const char* path, int flags, mode_t mode) {
+  int descriptor = -1;
+  do {
+    descriptor = ::open(path, flags | O_CLOEXEC | O_NONBLOCK | O_NOCTTY, mode);
+  } while (descriptor < 0 && errno == EINTR);
+  return descriptor >= 0 && descriptor < kFirstFree ? MoveUp(descriptor) : descriptor;
+}
+
+int CloseAndFail(int descriptor, int reason) {
+  ::close(descriptor);
+  errno = reason;
+  return -1;
+}
+
+}  // namespace capsule::platform

@@ -1,0 +1,127 @@
+#include "capsule/platform/file.h"
+
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
+
+#include "capsule/platform/posix/descriptor.h"
+
+namespace capsule::platform {
+namespace {
+
+// 0 means "not open": without this a forgotten open would read or close standard input.
+bool IsOpenable(int descriptor) {
+  if (descriptor > 0) return true;
+  errno = EBADF;
+  return false;
+}
+
+// Repeats `step(done)`, which transfers bytes behind the first `done` ones, until `count` are
+// through or it yields 0. The number of bytes, or -1.
+template <typename Step>
+int64_t TransferAll(size_t count, Step step) {
+  size_t done = 0;
+  while (done < count) {
+    const ssize_t moved = step(done);
+    if (moved < 0 && errno == EINTR) continue;
+    if (moved < 0) return -1;
+    if (moved == 0) break;
+    done += static_cast<size_t>(moved);
+  }
+  return static_cast<int64_t>(done);
+}
+
+bool IsWhole(int64_t written, size_t count) {
+  if (written >= 0 && static_cast<size_t>(written) < count) errno = EIO;
+  return written >= 0 && static_cast<size_t>(written) == count;
+}
+
+// 0, or the errno that says why the open file is not one to read.
+int ReasonNotRegular(int descriptor) {
+  struct stat status {};
+  if (::fstat(descriptor, &status) != 0) return errno;
+  if (S_ISDIR(status.st_mode)) return EISDIR;
+  return S_ISREG(status.st_mode) ? 0 : ENOTSUP;
+}
+
+}  // namespace
+
+int OpenForReading(const char* path) {
+  const int descriptor = OpenDescriptor(path, O_RDONLY, 0);
+  if (descriptor < 0) return -1;
+  const int reason = ReasonNotRegular(descriptor);
+  return reason == 0 ? descriptor : CloseAndFail(descriptor, reason);
+}
+
+int OpenForWriting(const char* path) {
+  return OpenDescriptor(path, O_WRONLY | O_CREAT,
+                        S_IRUSR | S_IWUSR | S_IRGRP | S_IWGRP | S_IROTH | S_IWOTH);
+}
+
+int64_t ReadAt(int descriptor, void* buffer, size_t count, int64_t offset) {
+  if (!IsOpenable(descriptor)) return -1;
+  if (offset < 0) {
+    errno = EINVAL;
+    return -1;
+  }
+  auto* bytes = static_cast<unsigned char*>(buffer);
+  return TransferAll(count, [&](size_t done) {
+    return ::pread(descriptor, bytes + done, count - done, offset + static_cast<int64_t>(done));
+  });
+}
+
+bool WriteAt(int descriptor, const void* data, size_t count, int64_t offset) {
+  if (!IsOpenable(descriptor)) return false;
+  const auto* bytes = static_cast<const unsigned char*>(data);
+  return IsWhole(TransferAll(count,
+                             [&](size_t done) {
+                               return ::pwrite(descriptor, bytes + done, count - done,
+                                               offset + static_cast<int64_t>(done));
+                             }),
+                 count);
+}
+
+bool WriteHere(int descriptor, const void* data, size_t count) {
+  if (!IsOpenable(descriptor)) return false;
+  const auto* bytes = static_cast<const unsigned char*>(data);
+  return IsWhole(
+      TransferAll(count,
+                  [&](size_t done) { return ::write(descriptor, bytes + done, count - done); }),
+      count);
+}
+
+int64_t FileLength(int descriptor) {
+  struct stat status {};
+  if (!IsOpenable(descriptor) || ::fstat(descriptor, &status) != 0) return -1;
+  return status.st_size;
+}
+
+bool Truncate(int descriptor, int64_t length) {
+  if (!IsOpenable(descriptor)) return false;
+  int result = -1;
+  do {
+    result = ::ftruncate(descriptor, length);
+  } while (result != 0 && errno == EINTR);
+  return result == 0;
+}
+
+bool Sync(int descriptor) {
+  if (!IsOpenable(descriptor)) return false;
+  int result = -1;
+  do {
+    result = ::fsync(descriptor);
+  } while (result != 0 && errno == EINTR);
+  return result == 0;
+}
+
+std::optional<FileIdentity> Identify(int descriptor) {
+  struct stat status {};
+  if (!IsOpenable(descriptor) || ::fstat(descriptor, &status) != 0) return std::nullopt;
+  return FileIdentity{status.st_dev, status.st_ino};
+}
+
+int Close(int descriptor) { return IsOpenable(descriptor) ? ::close(descriptor) : -1; }
+
+}  // namespace capsule::platform

@@ -1,0 +1,74 @@
+#include "capsule/platform/host_files.h"
+
+#include <dirent.h>
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <sys/sysmacros.h>
+
+#include <cerrno>
+#include <ctime>
+#include <memory>
+#include <string_view>
+
+namespace capsule::platform {
+namespace {
+
+struct DirectoryCloser {
+  void operator()(DIR* directory) const { ::closedir(directory); }
+};
+using Directory = std::unique_ptr<DIR, DirectoryCloser>;
+
+Instant ToInstant(const struct statx_timestamp& stamp) { return {stamp.tv_sec, stamp.tv_nsec}; }
+
+FileKind KindOf(mode_t mode) {
+  if (S_ISDIR(mode)) return FileKind::Directory;
+  return S_ISREG(mode) ? FileKind::Regular : FileKind::Other;
+}
+
+}  // namespace
+
+std::optional<FileStatus> Status(const std::string& path) {
+  struct statx found {};
+  if (::statx(AT_FDCWD, path.c_str(), 0, STATX_BASIC_STATS | STATX_BTIME, &found) != 0) {
+    return std::nullopt;
+  }
+  FileStatus status;
+  status.kind = KindOf(found.stx_mode);
+  status.identity = {makedev(found.stx_dev_major, found.stx_dev_minor), found.stx_ino};
+  status.writable = (found.stx_mode & (S_IWUSR | S_IWGRP | S_IWOTH)) != 0;
+  status.size = status.kind == FileKind::Regular ? found.stx_size : 0;
+  status.modification = ToInstant(found.stx_mtime);
+  status.access = ToInstant(found.stx_atime);
+  status.change = ToInstant(found.stx_ctime);
+  const bool hasBirth = (found.stx_mask & STATX_BTIME) != 0;
+  status.birth = hasBirth ? ToInstant(found.stx_btime) : status.modification;
+  return status;
+}
+
+bool Exists(const std::string& path) {
+  struct stat found {};
+  return ::lstat(path.c_str(), &found) == 0;
+}
+
+std::optional<std::vector<std::string>> ListDirectory(const std::string& path) {
+  const Directory directory(::opendir(path.c_str()));
+  if (!directory) return std::nullopt;
+  std::vector<std::string> names;
+  for (;;) {
+    errno = 0;
+    const dirent* entry = ::readdir(directory.get());
+    if (entry == nullptr) break;
+    const std::string_view name = entry->d_name;
+    if (name != "." && name != "..") names.emplace_back(name);
+  }
+  if (errno != 0) return std::nullopt;
+  return names;
+}
+
+Instant ClockOfFiles() {
+  timespec now{};
+  ::clock_gettime(CLOCK_REALTIME_COARSE, &now);
+  return {now.tv_sec, static_cast<uint32_t>(now.tv_nsec)};
+}
+
+}  // namespace capsule::platform

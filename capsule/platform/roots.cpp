@@ -1,0 +1,11 @@
+#include "capsule/platform/roots.h"
+
+#include "capsule/runtime/library_state.h"
+
+namespace capsule::platform {
+
+void SetRoot(char letter, const char* directory) {
+  CurrentLibraryState().hostView.SetRoot(letter, directory == nullptr ? "" : directory);
+}
+
+}  // namespace capsule::platform
