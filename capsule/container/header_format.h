@@ -46,7 +46,12 @@ struct DecodedHeader {
 // when a field lies outside of the header or more partitions are claimed than it has room for.
 std::optional<DecodedHeader> DecodeHeader(HeaderBytes header, std::string* problem);
 
-// The header as written first: version (up to 255 bytes), compression, everything else at rest.
+// Puts what a new image starts with into `header`: version (up to 255 bytes), compression, sector
+// area. Other bytes stay; the mark at 719 stays when the image is not compressed.
+void FillHeader(const std::string& version, bool compressed,
+                std::span<unsigned char, kHeaderSize> header);
+
+// FillHeader on zeros: the header as written first.
 std::vector<unsigned char> EncodeHeader(const std::string& version, bool compressed);
 
 }  // namespace capsule

@@ -80,8 +80,8 @@ class CAPSULE_API CapsuleDirectoryEntry {
   int Read(DirectoryType t, int fd, int offset, int* count);
 
   // Reads the rest of a long-name chain whose first record is `entry` (`size` bytes, 32) into
-  // `entry`, which ends as the short one. At most 63 pieces. `count` holds how many bytes of the
-  // group were read so far, the offset of the group being that of the current Read.
+  // `entry`, which ends as the short one. At most 63 pieces. Reading goes on where the last Read of
+  // this object has got to.
   int LongFileNameProcess(int size, void* entry, int fd, int* count);
 
   // Fills the long-name buffer from `length` UTF-16 units.
@@ -142,9 +142,18 @@ class CAPSULE_API CapsuleDirectoryEntry {
   const _ShortDirEntry& EntryInUse() const;
 
  private:
+  using LongEntry = std::array<unsigned char, 32>;
+
   uint8_t _CalculateChecksum(const char* name) const;
   void _PutName(const NtfsFileName& name, int index);
   void _PutFileRecord(std::span<unsigned char, 1024> record, int* nameCount);
+
+  // What WriteDirectoryEntry stores: long-name records, each with the header of the record behind
+  // it, and the short entry.
+  std::vector<unsigned char> EncodeEntries(DirectoryType t) const;
+
+  // Takes the records of a long-name chain from `records`; false when it is damaged.
+  bool TakeLongNameChain(std::span<const unsigned char> records, void* entry, int* count);
 
   _DirectoryEntry m_Record{};
   uint8_t m_nChecksum = 0;
@@ -152,7 +161,7 @@ class CAPSULE_API CapsuleDirectoryEntry {
   DirectoryType m_DirectoryType = DirTypeFat32;
   CString m_strShortName;
   CString m_strLongName;
-  std::vector<std::array<unsigned char, 32>> m_LongEntries;  // last piece first
+  std::vector<LongEntry> m_LongEntries;  // last piece first
   CString m_strPath;
   CString m_strName;
   CString m_strExt;
@@ -171,7 +180,7 @@ class CAPSULE_API CapsuleDirectoryEntry {
   std::unordered_set<uint32_t> m_KnownReferences;  // the same as m_FileReferences
   std::u16string m_FullName;
   int m_nFullNameRank = 0;
-  int32_t m_nReadOffset = 0;  // where the group being read begins
+  int64_t m_nReadOffset = 0;  // where the next record of the group being read begins
 
   static CString m_strPreviousCapFilePath;
 };

@@ -29,10 +29,28 @@ inline constexpr uint16_t kPartitionPayload = 1536;
 inline constexpr uint32_t kPartitionHeaderSize = 2056;
 inline constexpr uint32_t kPartitionTrailerSize = 1544;
 
+// The largest image: offsets are signed 32-bit values.
+inline constexpr int64_t kMaxImageSize = 0x7FFFFFFF;
+
+// Whether `size` bytes of records at `offset` leave room for the partition trailer that must
+// follow.
+inline bool FitsImage(int64_t offset, int64_t size) {
+  return offset >= 0 && size >= 0 && offset <= kMaxImageSize - kPartitionTrailerSize - size;
+}
+
+// Adds `bytes` to a running counter; false, and nothing added, when it would pass 2^31-1.
+inline bool Advance(int* counter, int64_t bytes) {
+  const int64_t sum = *counter + bytes;
+  if (sum > kMaxImageSize) return false;
+  *counter = static_cast<int>(sum);
+  return true;
+}
+
 inline constexpr uint8_t kLongNameAttribute = 0x0F;
 inline constexpr uint8_t kDirectoryAttribute = 0x10;
 inline constexpr int kMaxLongNamePieces = 63;
 inline constexpr size_t kPieceUnits = 13;
+inline constexpr size_t kPieceNameBytes = 2 * kPieceUnits;
 
 std::array<unsigned char, 8> EncodeMiniHeader(const _MiniHeader& header);
 _MiniHeader DecodeMiniHeader(std::span<const unsigned char, 8> bytes);

@@ -1,0 +1,75 @@
+#include "capsule/blocks/file_block.h"
+
+#include "capsule/blocks/data_block.h"
+#include "capsule/partition/partition.h"
+
+namespace capsule {
+
+namespace {
+
+// The first element of `list`, unlinked from it.
+template <typename Element>
+Element* TakeFirst(CpsList& list) {
+  auto* element = static_cast<Element*>(list.GetAt(0));
+  list.RemoveAt(0);
+  return element;
+}
+
+}  // namespace
+
+CapsuleFileBlock::CapsuleFileBlock(CapsuleFileBlock* parent, CapsulePartition& partition)
+    : m_pParent(parent), m_pPartition(&partition), m_DirectoryType(partition.GetPartitionType()) {
+  m_DirectoryEntry.SetFileBlock(this);
+}
+
+CapsuleFileBlock::~CapsuleFileBlock() { Close(); }
+
+// Grandchildren are moved up before their parent goes, so that the depth of a tree costs no stack.
+void CapsuleFileBlock::Close() {
+  while (m_FileList.GetCount() > 0) {
+    const std::unique_ptr<CapsuleFileBlock> child(TakeFirst<CapsuleFileBlock>(m_FileList));
+    while (child != nullptr && child->m_FileList.GetCount() > 0) {
+      m_FileList.Append(TakeFirst<CapsuleFileBlock>(child->m_FileList));
+    }
+  }
+  while (m_DataBlocks.GetCount() > 0) {
+    const std::unique_ptr<CapsuleFileDataBlock> block(
+        TakeFirst<CapsuleFileDataBlock>(m_DataBlocks));
+  }
+}
+
+void CapsuleFileBlock::InsertFileBlock(CapsuleFileBlock* child) { m_FileList.Append(child); }
+
+CpsList& CapsuleFileBlock::FileList() { return m_FileList; }
+
+CapsuleFileBlock* CapsuleFileBlock::ParentFileBlock() { return m_pParent; }
+
+CapsuleDirectoryEntry& CapsuleFileBlock::GetDirectoryEntry() { return m_DirectoryEntry; }
+
+_DirectoryEntry* CapsuleFileBlock::GetDirectoryPointer() { return m_DirectoryEntry.GetRecord(); }
+
+CapsuleFileBlock::DirectoryType CapsuleFileBlock::GetDirectoryType() { return m_DirectoryType; }
+
+char* CapsuleFileBlock::GetLongFileName() { return m_DirectoryEntry.LongFileName().GetRead(); }
+
+int CapsuleFileBlock::GetLongFileNameLength() { return m_DirectoryEntry.LongFileName().Size(); }
+
+int CapsuleFileBlock::GetFileBlockStartOffset() const { return m_nStartOffset; }
+
+int CapsuleFileBlock::GetFileBlockEndOffset() const { return m_nEndOffset; }
+
+int CapsuleFileBlock::GetDUPDATAOffset() const { return m_nDUPDATAOffset; }
+
+int CapsuleFileBlock::GetNTFSDataBlockStart() const { return m_nNTFSDataBlockStart; }
+
+char* CapsuleFileBlock::GetParentPartitionHistory() {
+  return m_pPartition->GetCompressionHistory();
+}
+
+int CapsuleFileBlock::IsEndingMark() { return m_DirectoryEntry.IsEmpty(); }
+
+int CapsuleFileBlock::operator==(const CString& s) const { return m_DirectoryEntry == s; }
+
+void CapsuleFileBlock::PrintYourself(CString /*s*/) {}
+
+}  // namespace capsule
