@@ -22,6 +22,9 @@ int OpenForReading(const char* path);
 // Opens for writing and creates a missing file; an existing one keeps its bytes. -1 on failure.
 int OpenForWriting(const char* path);
 
+// Opens an existing regular file for reading and writing. -1 on failure.
+int OpenForUpdate(const char* path);
+
 // Reads `count` bytes at `offset` without moving the descriptor's position: the number read, fewer
 // than `count` only at the end of the file; -1 on failure or for a negative offset.
 int64_t ReadAt(int descriptor, void* buffer, size_t count, int64_t offset);

@@ -46,14 +46,18 @@ int ReasonNotRegular(int descriptor) {
   return S_ISREG(status.st_mode) ? 0 : ENOTSUP;
 }
 
-}  // namespace
-
-int OpenForReading(const char* path) {
-  const int descriptor = OpenDescriptor(path, O_RDONLY, 0);
+int OpenRegular(const char* path, int flags) {
+  const int descriptor = OpenDescriptor(path, flags, 0);
   if (descriptor < 0) return -1;
   const int reason = ReasonNotRegular(descriptor);
   return reason == 0 ? descriptor : CloseAndFail(descriptor, reason);
 }
+
+}  // namespace
+
+int OpenForReading(const char* path) { return OpenRegular(path, O_RDONLY); }
+
+int OpenForUpdate(const char* path) { return OpenRegular(path, O_RDWR); }
 
 int OpenForWriting(const char* path) {
   return OpenDescriptor(path, O_WRONLY | O_CREAT,

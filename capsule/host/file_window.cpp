@@ -1,0 +1,33 @@
+#include "capsule/host/file_window.h"
+
+#include <algorithm>
+#include <cerrno>
+#include <utility>
+
+#include "capsule/host/error.h"
+#include "capsule/host/reason.h"
+#include "capsule/platform/file.h"
+
+namespace capsule::host {
+
+FileWindow::FileWindow(int descriptor, std::string name)
+    : m_nDescriptor(descriptor), m_strName(std::move(name)), m_Bytes(kSize) {}
+
+std::span<const unsigned char> FileWindow::At(uint64_t offset, size_t count) {
+  count = std::min(count, kSize);
+  const bool inside = offset >= m_nStart && offset - m_nStart <= m_nFilled &&
+                      count <= m_nFilled - static_cast<size_t>(offset - m_nStart);
+  if (!inside) {
+    const int64_t got =
+        platform::ReadAt(m_nDescriptor, m_Bytes.data(), kSize, static_cast<int64_t>(offset));
+    m_nStart = offset;
+    m_nFilled = got < 0 ? 0 : static_cast<size_t>(got);
+    if (got < 0) {
+      throw Error(m_strName, "read at " + Hex(offset) + ": " + SystemReason(errno), offset);
+    }
+  }
+  const auto at = static_cast<size_t>(offset - m_nStart);
+  return std::span<const unsigned char>(m_Bytes).subspan(at, std::min(count, m_nFilled - at));
+}
+
+}  // namespace capsule::host

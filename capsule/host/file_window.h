@@ -1,0 +1,30 @@
+// FileWindow reads an open file through one buffer, forwards at best.
+#pragma once
+
+#include <cstdint>
+#include <span>
+#include <string>
+#include <vector>
+
+namespace capsule::host {
+
+class FileWindow {
+ public:
+  static constexpr size_t kSize = size_t{64} << 10;
+
+  // `descriptor` stays the caller's; `name` is what errors call the file.
+  FileWindow(int descriptor, std::string name);
+
+  // Up to `count` bytes (at most kSize) at `offset`, fewer only at the end of the file. Valid until
+  // the next call. Throws Error when the file cannot be read.
+  std::span<const unsigned char> At(uint64_t offset, size_t count);
+
+ private:
+  int m_nDescriptor;
+  std::string m_strName;
+  std::vector<unsigned char> m_Bytes;
+  uint64_t m_nStart = 0;
+  size_t m_nFilled = 0;
+};
+
+}  // namespace capsule::host

@@ -1,0 +1,222 @@
+// The image is walked twice: once to know that it is sound, where it ends and how long its index
+// will be, and once to write. What is written, in this order, each step on disk before the next
+// where that matters:
+//   1. index offset 0, if the header has another, so that no reader follows an index being replaced
+//   2. the file is cut behind the last trailer, the index is appended
+//   3. the partition count, when numbers were skipped, and the index offset
+#include "capsule/host/index_writer.h"
+
+#include <algorithm>
+#include <cerrno>
+#include <utility>
+#include <vector>
+
+#include "capsule/container/index_format.h"
+#include "capsule/host/checksum.h"
+#include "capsule/host/error.h"
+#include "capsule/host/file_window.h"
+#include "capsule/host/index_stream.h"
+#include "capsule/host/reason.h"
+#include "capsule/host/section_scanner.h"
+#include "capsule/partition/record_format.h"
+#include "capsule/platform/file.h"
+#include "capsule/platform/little_endian.h"
+
+namespace capsule::host {
+namespace {
+
+constexpr uint64_t kMaxImageSize = 0x7FFFFFFF;
+constexpr uint8_t kIndexFolder = kIndexZeroEntry;  // everything of the tree that is not a file
+
+IndexRecord MakeRecord(uint8_t type, std::string name, uint64_t offset, uint64_t length) {
+  IndexRecord record;
+  record.type = type;
+  record.name = std::move(name);
+  record.offset = static_cast<uint32_t>(offset);
+  record.length = static_cast<uint32_t>(length);
+  return record;
+}
+
+IndexRecord ChecksumRecord(uint64_t value, uint64_t offset, uint64_t length) {
+  return MakeRecord(kIndexNote, ChecksumName(value), offset, length);
+}
+
+uint64_t RecordSize(const IndexRecord& record) {
+  std::vector<unsigned char> bytes;
+  AppendIndexRecord(record, &bytes);
+  return bytes.size();
+}
+
+// The record that stands for an item. That of a trailer covers its last 40 bytes alone.
+IndexRecord ItemRecord(const SectionItem& item) {
+  switch (item.kind) {
+    case SectionItem::Kind::Section:
+      return MakeRecord(kIndexSection, "", item.offset, item.length);
+    case SectionItem::Kind::File:
+      return MakeRecord(kIndexFile, item.path, item.offset, item.length);
+    case SectionItem::Kind::Trailer:
+      return MakeRecord(kIndexFolder, "", item.offset + item.length - kDirRecordSize,
+                        kDirRecordSize);
+    default:
+      return MakeRecord(kIndexFolder, item.path, item.offset, item.length);
+  }
+}
+
+// Writes the records of one image after the other, with the check values of what they cover.
+class RecordWriter {
+ public:
+  // `header`: as finally stored.
+  RecordWriter(int descriptor, const std::string& name, uint64_t indexOffset,
+               std::span<const unsigned char> header)
+      : m_strName(name), m_Window(descriptor, name), m_Stream(descriptor, name, indexOffset) {
+    RunningChecksum checksum;
+    checksum.Update(header);
+    m_Stream.Append(ChecksumRecord(checksum.Value(), 0, header.size()));
+  }
+
+  void Add(const SectionItem& item) {
+    const bool isFile = item.kind == SectionItem::Kind::File;
+    if (item.kind == SectionItem::Kind::Section) m_Section.Reset();
+    if (item.kind == SectionItem::Kind::Trailer) {
+      m_Stream.Replace(m_nSectionRecord, ChecksumRecord(m_Section.Value(), m_nSectionStart,
+                                                        item.offset - m_nSectionStart));
+    } else {
+      m_File.Reset();
+      Take(item, isFile ? &m_File : nullptr);
+    }
+    m_Stream.Append(ItemRecord(item));
+    if (item.kind == SectionItem::Kind::Section) {
+      m_nSectionStart = item.offset;
+      m_nSectionRecord = m_Stream.Append(ChecksumRecord(0, 0, 0));
+    } else if (isFile) {
+      m_Stream.Append(ChecksumRecord(m_File.Value(), item.offset, item.length));
+    }
+  }
+
+  uint64_t Finish() { return m_Stream.Finish(); }
+
+ private:
+  // Counts the item's bytes in for its section, and for its file if it has one.
+  void Take(const SectionItem& item, RunningChecksum* file) {
+    for (uint64_t at = item.offset, end = item.offset + item.length; at < end;) {
+      const auto bytes =
+          m_Window.At(at, static_cast<size_t>(std::min<uint64_t>(end - at, FileWindow::kSize / 2)));
+      if (bytes.empty()) throw Error(m_strName, "ends at " + Hex(at), at);
+      m_Section.Update(bytes);
+      if (file != nullptr) file->Update(bytes);
+      at += bytes.size();
+    }
+  }
+
+  std::string m_strName;
+  FileWindow m_Window;
+  IndexStream m_Stream;
+  RunningChecksum m_Section;
+  RunningChecksum m_File;
+  uint64_t m_nSectionRecord = 0;
+  uint64_t m_nSectionStart = 0;
+};
+
+}  // namespace
+
+IndexWriter::IndexWriter(const std::filesystem::path& image)
+    : m_nDescriptor(platform::OpenForUpdate(image.c_str())),
+      m_bOwned(true),
+      m_strName(image.string()) {
+  if (m_nDescriptor < 0) throw Error(m_strName, SystemReason(errno));
+}
+
+IndexWriter::IndexWriter(int descriptor, std::string name)
+    : m_nDescriptor(descriptor), m_strName(std::move(name)) {}
+
+IndexWriter::~IndexWriter() {
+  if (m_bOwned) platform::Close(m_nDescriptor);
+}
+
+// What the first walk found out.
+struct IndexWriter::Plan {
+  IndexReport report;
+  std::vector<unsigned char> header;  // as it will be stored
+};
+
+IndexReport IndexWriter::Write() {
+  Plan plan = Measure();
+  const uint64_t end = plan.report.indexOffset;
+  const std::vector<unsigned char> noOffset(kHeaderSize);
+  PatchHeader(noOffset, kIndexOffsetOffset, sizeof(uint32_t));
+  SyncFile();
+  try {
+    Append(plan);
+    SyncFile();
+  } catch (...) {
+    platform::Truncate(m_nDescriptor, static_cast<int64_t>(end));
+    throw;
+  }
+  PatchHeader(plan.header, kPartitionCountOffset, 1);
+  PatchHeader(plan.header, kIndexOffsetOffset, sizeof(uint32_t));
+  SyncFile();
+  return plan.report;
+}
+
+IndexWriter::Plan IndexWriter::Measure() {
+  SectionScanner scanner(m_nDescriptor, m_strName);
+  if (scanner.SectionCount() == 0) throw Error(m_strName, "has no partitions to index");
+  const uint64_t checksumSize = RecordSize(ChecksumRecord(0, 0, 0));
+  uint64_t indexSize = kIndexPreamble + checksumSize;
+  Plan plan;
+  for (SectionItem item; scanner.Next(&item);) {
+    ThrowIfCancelled();
+    indexSize += RecordSize(ItemRecord(item));
+    if (item.kind == SectionItem::Kind::Section || item.kind == SectionItem::Kind::File) {
+      indexSize += checksumSize;
+    }
+    plan.report.files += item.kind == SectionItem::Kind::File ? 1 : 0;
+    plan.report.directories += item.kind == SectionItem::Kind::Directory ? 1 : 0;
+  }
+  plan.report.sections = scanner.SectionCount();
+  plan.report.indexOffset = scanner.Position();
+  plan.report.imageBytes = scanner.Position() + indexSize;
+  if (plan.report.imageBytes > kMaxImageSize) {
+    throw Error(m_strName, "image with its index would be " +
+                               std::to_string(plan.report.imageBytes) + " bytes, " +
+                               std::to_string(kMaxImageSize) + " are possible");
+  }
+  const auto raw = scanner.RawHeader();
+  plan.header.assign(raw.begin(), raw.end());
+  platform::StoreLe32(&plan.header[kIndexOffsetOffset], static_cast<uint32_t>(scanner.Position()));
+  if (scanner.Header().layout == HeaderLayout::Fixed) {
+    plan.header[kPartitionCountOffset] = static_cast<unsigned char>(scanner.SectionCount());
+  }
+  return plan;
+}
+
+void IndexWriter::Append(const Plan& plan) {
+  const uint64_t start = plan.report.indexOffset;
+  if (!platform::Truncate(m_nDescriptor, static_cast<int64_t>(start))) {
+    throw Error(m_strName, "truncate: " + SystemReason(errno));
+  }
+  SectionScanner scanner(m_nDescriptor, m_strName);
+  RecordWriter writer(m_nDescriptor, m_strName, start, plan.header);
+  for (SectionItem item; scanner.Next(&item);) {
+    ThrowIfCancelled();
+    writer.Add(item);
+  }
+  if (writer.Finish() != plan.report.imageBytes) throw Error(m_strName, "changed meanwhile");
+}
+
+void IndexWriter::PatchHeader(std::span<const unsigned char> header, size_t offset, size_t count) {
+  const auto bytes = header.subspan(offset, count);
+  if (!platform::WriteAt(m_nDescriptor, bytes.data(), count, static_cast<int64_t>(offset))) {
+    throw Error(m_strName, "write of the header: " + SystemReason(errno), offset);
+  }
+}
+
+void IndexWriter::SyncFile() {
+  if (!platform::Sync(m_nDescriptor)) throw Error(m_strName, "sync: " + SystemReason(errno));
+}
+
+void IndexWriter::ThrowIfCancelled() const {
+  if (m_pCancel != nullptr && *m_pCancel) throw Error(m_strName, "cancelled");
+}
+
+}  // namespace capsule::host

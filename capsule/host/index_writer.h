@@ -1,0 +1,76 @@
+// IndexWriter completes an image: it finds the items by a SectionScanner, appends an index behind
+// the last trailer and stores the index's offset in the header.
+//
+//   IndexWriter("photos.cap").Write();
+//
+// An index that is there already is built anew; the same sections always get the same bytes.
+// Nothing is changed before the whole image has been scanned without damage and is known to stay
+// within 2^31-1 bytes. The header tells of the index only when the index is on disk: an image whose
+// completion was interrupted is one without an index and can be completed again.
+//
+// Index, after "CI1" and the XXH32 (seed 0) of everything behind it:
+//   header         type 6: offset 0, length 7560, named by its check value as finally stored
+//   each section   type 5: offset, length 2056
+//                  type 6: offset, length up to its trailer, named by its check value
+//     its items    type 3: the group of a folder, named by its path; "." and ".." groups and zero
+//                  entries, without a name
+//                  type 2: a file with its data, named by its path; then
+//                  type 6: the same offset and length, named by its check value
+//     its end      type 3: the last 40 bytes of the trailer. They read as a zero entry and leave
+//                  a reader exactly behind the section.
+// Paths have '/' between segments and no partition. A check value is "xxh3=" and 16 hex digits.
+//
+// Memory is bounded by the depth of the tree. One thread uses a writer.
+#pragma once
+
+#include <atomic>
+#include <cstdint>
+#include <filesystem>
+#include <span>
+#include <string>
+
+#include "capsule/export.h"
+
+namespace capsule::host {
+
+struct IndexReport {
+  uint32_t sections = 0;
+  uint64_t directories = 0;
+  uint64_t files = 0;
+  uint64_t indexOffset = 0;
+  uint64_t imageBytes = 0;  // sections, index and all
+};
+
+class CAPSULE_API IndexWriter {
+ public:
+  // Opens the image for reading and writing. Throws Error.
+  explicit IndexWriter(const std::filesystem::path& image);
+
+  // Works on an open image; the descriptor stays the caller's. `name`: what errors call it.
+  IndexWriter(int descriptor, std::string name);
+
+  ~IndexWriter();
+  IndexWriter(const IndexWriter&) = delete;
+  IndexWriter& operator=(const IndexWriter&) = delete;
+
+  // While `*flag` is true, Write throws soon. The flag must outlive the writer.
+  void SetCancelFlag(const std::atomic<bool>* flag) { m_pCancel = flag; }
+
+  // Throws Error when the image cannot be scanned, read or written.
+  IndexReport Write();
+
+ private:
+  struct Plan;
+  Plan Measure();
+  void Append(const Plan& plan);
+  void PatchHeader(std::span<const unsigned char> header, size_t offset, size_t count);
+  void SyncFile();
+  void ThrowIfCancelled() const;
+
+  int m_nDescriptor;
+  bool m_bOwned = false;
+  std::string m_strName;
+  const std::atomic<bool>* m_pCancel = nullptr;
+};
+
+}  // namespace capsule::host

@@ -1,0 +1,15 @@
+// Words for messages.
+#pragma once
+
+#include <cstdint>
+#include <string>
+
+namespace capsule::host {
+
+// What the system says about `error`, in lower case.
+std::string SystemReason(int error);
+
+// 8000 is "0x1f40".
+std::string Hex(uint64_t value);
+
+}  // namespace capsule::host

@@ -1,0 +1,167 @@
+#include "capsule/host/index_writer.h"
+
+#include <gtest/gtest.h>
+#include <sys/resource.h>
+
+#include <csignal>
+#include <cstdio>
+
+#define XXH_INLINE_ALL
+#include <xxhash.h>
+
+#include "capsule/container/index_format.h"
+#include "capsule/host/error.h"
+#include "capsule/platform/little_endian.h"
+#include "tests/host/small_image.h"
+#include "tests/support/temp_dir.h"
+
+namespace capsule::host {
+namespace {
+
+std::string Le(uint64_t value, int width) {
+  std::string bytes;
+  for (int i = 0; i < width; ++i) bytes += static_cast<char>(value >> (8 * i));
+  return bytes;
+}
+
+std::string Record(int type, const std::string& name, uint32_t offset, uint32_t length) {
+  return Le(static_cast<uint64_t>(type), 1) + Le(name.size(), 2) + name + Le(offset, 4) +
+         Le(length, 4);
+}
+
+std::string Checksum(const std::string& image, uint32_t offset, uint32_t length) {
+  char name[32];
+  std::snprintf(name, sizeof name, "xxh3=%016llx",
+                static_cast<unsigned long long>(XXH3_64bits(image.data() + offset, length)));
+  return Record(6, name, offset, length);
+}
+
+// Three partition numbers, the middle one skipped.
+test::SmallImage TwoSections() {
+  test::SmallImage image;
+  image.BeginSection();
+  image.Folder("A          ");
+  image.Entry("F       TXT", 0x20);
+  image.EndSection();
+  image.BeginSection();
+  image.Close();
+  image.Entry("G       TXT", 0x20, 3);
+  image.Data(512, true);
+  image.EndSection();
+  image.SetPartitionCount(3);
+  return image;
+}
+
+TEST(IndexWriter, WritesEveryByteAsDescribed) {
+  const test::TempDir folder;
+  const std::string path = folder / "x.cap";
+  const std::string before = TwoSections().Bytes();
+  test::WriteFile(path, before);
+  const IndexReport report = IndexWriter(path).Write();
+
+  std::string expected = before;
+  const auto end = static_cast<uint32_t>(before.size());
+  expected.replace(kIndexOffsetOffset, 4, Le(end, 4));
+  expected[kPartitionCountOffset] = 2;
+  const uint32_t a = 7560 + 2056, first = a + 160, second = first + 1544, g = second + 2096;
+  ASSERT_EQ(end, g + 40 + 520 + 1544);
+  const std::string records = Checksum(expected, 0, 7560) + Record(5, "", 7560, 2056) +
+                              Checksum(expected, 7560, first - 7560) + Record(3, "A", a, 40) +
+                              Record(3, "", a + 40, 40) + Record(3, "", a + 80, 40) +
+                              Record(2, "A/F.TXT", a + 120, 40) + Checksum(expected, a + 120, 40) +
+                              Record(3, "", second - 40, 40) + Record(5, "", second, 2056) +
+                              Checksum(expected, second, g + 560 - second) +
+                              Record(3, "", second + 2056, 40) + Record(2, "G.TXT", g, 560) +
+                              Checksum(expected, g, 560) + Record(3, "", end - 40, 40);
+  expected += "CI1" + Le(XXH32(records.data(), records.size(), 0), 4) + records;
+  EXPECT_EQ(test::ReadFile(path), expected);
+  EXPECT_EQ(report.sections, 2u);
+  EXPECT_EQ(report.directories, 1u);
+  EXPECT_EQ(report.files, 2u);
+  EXPECT_EQ(report.indexOffset, end);
+  EXPECT_EQ(report.imageBytes, expected.size());
+}
+
+TEST(IndexWriter, RebuildsTheSameBytesAndCutsWhatIsBehind) {
+  const test::TempDir folder;
+  const std::string path = folder / "x.cap";
+  test::WriteFile(path, TwoSections().Bytes() + std::string(5000, 'o'));
+  IndexWriter(path).Write();
+  const std::string complete = test::ReadFile(path);
+  IndexWriter(path).Write();
+  EXPECT_EQ(test::ReadFile(path), complete);
+
+  std::string damaged = complete;
+  damaged[complete.size() - 30] = static_cast<char>(damaged[complete.size() - 30] + 1);
+  test::WriteFile(path, damaged + "more");
+  IndexWriter(path).Write();
+  EXPECT_EQ(test::ReadFile(path), complete);
+}
+
+// More records than the writer buffers, so that check values go to the file and to the buffer.
+TEST(IndexWriter, LargeIndexesAreWrittenInPieces) {
+  test::SmallImage image;
+  image.BeginSection();
+  constexpr int kFiles = 5000;
+  for (int i = 0; i < kFiles; ++i) image.Entry("F       TXT", 0x20);
+  const uint32_t trailer = image.Size();
+  image.EndSection();
+  const test::TempDir folder;
+  const std::string path = folder / "x.cap";
+  test::WriteFile(path, image.Bytes());
+  const IndexReport report = IndexWriter(path).Write();
+  const std::string bytes = test::ReadFile(path);
+  const std::string index = bytes.substr(report.indexOffset);
+  EXPECT_EQ(index.substr(0, 3), "CI1");
+  EXPECT_EQ(index.substr(3, 4), Le(XXH32(index.data() + 7, index.size() - 7, 0), 4));
+  EXPECT_EQ(index.substr(7 + 32 + 11, 32), Checksum(bytes, 7560, trailer - 7560));
+  EXPECT_EQ(index.size(), 7u + 32 + 11 + 32 + kFiles * (11u + 5 + 32) + 11);
+}
+
+TEST(IndexWriter, DamagedImagesStayAsTheyAre) {
+  const test::TempDir folder;
+  const std::string path = folder / "x.cap";
+  test::WriteFile(path, TwoSections().Bytes());
+  IndexWriter(path).Write();
+  std::string bytes = test::ReadFile(path);
+  bytes[7560 + 2056] = 9;
+  test::WriteFile(path, bytes);
+  EXPECT_THROW(IndexWriter(path).Write(), Error);
+  EXPECT_EQ(test::ReadFile(path), bytes);
+
+  test::WriteFile(path, test::SmallImage().Bytes());
+  EXPECT_THROW(IndexWriter(path).Write(), Error);
+  EXPECT_THROW(IndexWriter(folder / "missing"), Error);
+  EXPECT_THROW(IndexWriter(folder.Path()), Error);
+}
+
+// A full disk: the image is one without an index, not one with half of it.
+TEST(IndexWriter, FailedWritesLeaveAnImageWithoutIndex) {
+  const test::TempDir folder;
+  const std::string path = folder / "x.cap";
+  const std::string before = TwoSections().Bytes();
+  test::WriteFile(path, before);
+  const std::string withIndex = [&] {
+    IndexWriter(path).Write();
+    return test::ReadFile(path);
+  }();
+
+  rlimit old{};
+  ASSERT_EQ(::getrlimit(RLIMIT_FSIZE, &old), 0);
+  const auto oldHandler = std::signal(SIGXFSZ, SIG_IGN);
+  rlimit low = old;
+  low.rlim_cur = before.size() + 50;
+  ASSERT_EQ(::setrlimit(RLIMIT_FSIZE, &low), 0);
+  EXPECT_THROW(IndexWriter(path).Write(), Error);
+  ASSERT_EQ(::setrlimit(RLIMIT_FSIZE, &old), 0);
+  std::signal(SIGXFSZ, oldHandler);
+
+  std::string withoutIndex = before;
+  withoutIndex[kPartitionCountOffset] = 2;
+  EXPECT_EQ(test::ReadFile(path), withoutIndex);
+  IndexWriter(path).Write();
+  EXPECT_EQ(test::ReadFile(path), withIndex);
+}
+
+}  // namespace
+}  // namespace capsule::host

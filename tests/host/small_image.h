@@ -1,0 +1,67 @@
+// An image put together by hand, record by record.
+#pragma once
+
+#include <algorithm>
+#include <cstdint>
+#include <span>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "capsule/container/header_format.h"
+#include "capsule/partition/record_format.h"
+
+namespace capsule::test {
+
+class SmallImage {
+ public:
+  SmallImage() { AddBytes(EncodeHeader("Capsulate test", false)); }
+
+  uint32_t Size() const { return static_cast<uint32_t>(m_Bytes.size()); }
+  std::string& Bytes() { return m_Bytes; }
+
+  void BeginSection(uint8_t systemId = 0x0B) {
+    m_Bytes[kPartitionRecordsOffset + kPartitionRecordSize * m_nSections + 2] =
+        static_cast<char>(systemId);
+    ++m_nSections;
+    SetPartitionCount(m_nSections);
+    AddBytes(EncodePartitionHeader());
+  }
+  void SetPartitionCount(uint32_t count) {
+    m_Bytes[kPartitionCountOffset] = static_cast<char>(count);
+  }
+  void EndSection() { AddBytes(EncodePartitionTrailer()); }
+  void Close(int levels = 1) {
+    for (int i = 0; i < levels; ++i) AddBytes(EncodeZeroEntry());
+  }
+
+  // `name`: 11 bytes.
+  void Entry(std::string_view name, uint8_t attribute, uint32_t size = 0) {
+    _ShortDirEntry entry{};
+    std::copy_n(name.begin(), 8, entry.Name);
+    std::copy_n(name.begin() + 8, 3, entry.Extension);
+    entry.Attribute = attribute;
+    entry.FileSize = size;
+    AddBytes(EncodeMiniHeader({kRecordDirectory, 1, 0, kDirEntrySize}));
+    AddBytes(EncodeShortEntry(entry));
+  }
+  void Folder(std::string_view name) {
+    Entry(name, kDirectoryAttribute);
+    Entry(".          ", kDirectoryAttribute);
+    Entry("..         ", kDirectoryAttribute);
+  }
+  void Data(uint16_t length, bool last) {
+    AddBytes(EncodeMiniHeader({kRecordDataBlock, static_cast<uint8_t>(last ? 1 : 0), 0, length}));
+    m_Bytes.append(length, 'd');
+  }
+
+ private:
+  void AddBytes(std::span<const unsigned char> bytes) {
+    m_Bytes.insert(m_Bytes.end(), bytes.begin(), bytes.end());
+  }
+
+  std::string m_Bytes;
+  uint32_t m_nSections = 0;
+};
+
+}  // namespace capsule::test
