@@ -1,0 +1,75 @@
+// CapsuleThread runs a body on a thread of its own; a subclass supplies the body.
+//
+//   class Copier : public CapsuleThread {
+//    protected:
+//     void threadBody() override { while (isStarted() && CopyOne()) {} }
+//   };
+//   Copier copier;
+//   copier.startThread();
+//   copier.setThreadStopping();          // a request; the body polls isStarted()
+//   copier.isThreadStopped(-1);          // 0 once the body has returned
+//
+// The object must outlive its thread: wait with isThreadStopped before it goes. Copies share the
+// thread, its stop event and its start mutex; the last one to go releases them. Starting belongs to
+// one thread; setThreadStopping, isStarted and isThreadStopped may be called from any.
+#pragma once
+
+#include <atomic>
+#include <cstdint>
+#include <memory>
+#include <mutex>
+
+#include "capsule/export.h"
+#include "capsule/runtime/capsule_event.h"
+
+namespace capsule {
+
+// Number of a started thread, above 0 and not used again in the process.
+using ThreadHandle = uint32_t;
+
+class CAPSULE_API CapsuleThread {
+ public:
+  CapsuleThread();
+  CapsuleThread(const CapsuleThread& other);
+  CapsuleThread& operator=(const CapsuleThread& other);
+
+  // Neither stops nor waits for the thread.
+  virtual ~CapsuleThread();
+
+  // Starts the thread and creates its stop event, an auto-reset event named by the thread's number
+  // in decimal. The handle, or 0 when the system refuses (isStarted is then 0 again).
+  virtual ThreadHandle startThread();
+
+  // Asks the body to end: isStarted becomes 0.
+  virtual void setThreadStopping();
+
+  int32_t isStarted() const;
+  ThreadHandle handle() const;
+
+  // Waits up to `timeoutMs` milliseconds (-1: no limit) for the end of the thread. 0 when it has
+  // ended, once; 0xFFFFFFFF on timeout or before startThread.
+  uint32_t isThreadStopped(int32_t timeoutMs);
+
+ protected:
+  virtual void threadBody() = 0;
+
+  // Entry of the thread: the body, then the stop event.
+  static void newThread(void* object);
+
+  // Ends the calling thread at once; the stop event is not signalled.
+  [[noreturn]] void doneThread(uint32_t exitCode);
+  void setThreadStopped();
+
+  // Enter and leave the start sequence.
+  void startProtect();
+  void startUnProtect();
+
+ private:
+  uint32_t m_nThreadId = 0;
+  ThreadHandle m_hThread = 0;
+  std::atomic<int32_t> m_bStarted = 0;
+  std::shared_ptr<CapsuleEvent> m_pStoppedEvent;
+  std::shared_ptr<std::mutex> m_pStartMutex;
+};
+
+}  // namespace capsule
