@@ -19,4 +19,6 @@
 #include "capsule/partition/partition_record.h"
 #include "capsule/platform/message_sink.h"
 #include "capsule/platform/roots.h"
+#include "capsule/runtime/capsule_event.h"
+#include "capsule/runtime/capsule_thread.h"
 #include "capsule/runtime/cps_list.h"

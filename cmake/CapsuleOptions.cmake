@@ -3,6 +3,10 @@ add_library(capsule_options INTERFACE)
 target_compile_options(capsule_options INTERFACE
   -Wall -Wextra -Wpedantic -Wconversion -Wshadow -Wold-style-cast -Wnon-virtual-dtor -Wundef
   $<$<BOOL:${CAPSULE_WERROR}>:-Werror>)
+if(CMAKE_CXX_COMPILER_ID STREQUAL "GNU")
+  # Level 2 takes a pointer difference that the optimiser moved behind realloc for a use.
+  target_compile_options(capsule_options INTERFACE -Wuse-after-free=1)
+endif()
 target_include_directories(capsule_options INTERFACE ${PROJECT_SOURCE_DIR})
 if(CAPSULE_SANITIZE)
   target_compile_options(capsule_options INTERFACE
