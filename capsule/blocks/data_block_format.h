@@ -28,6 +28,12 @@ inline bool IsCompressedPayload(const _MiniHeader& header, bool imageIsCompresse
          header.Param != 0xFFFFFFFF;
 }
 
+// Payload bytes of a unit of `size` bytes for a chunk of `length`: one zero byte more when the two
+// are equal, since that payload would be taken for the chunk itself. Decoders stop before it.
+inline uint32_t StoredUnitLength(uint32_t size, uint32_t length) {
+  return size == length ? size + 1 : size;
+}
+
 // Bytes that the record stands for.
 inline uint32_t UncompressedLength(const _MiniHeader& header, bool imageIsCompressed) {
   return IsCompressedPayload(header, imageIsCompressed) ? header.Param : header.Length;

@@ -58,7 +58,8 @@ class CAPSULE_API CapsuleFile {
   int WriteImageFileHeader(const char* version);
 
   // Adds the file or directory at `path` to partition `partition` (0 to 9, never lower than in the
-  // call before). A failed insertion leaves the write offset and all bytes before it.
+  // call before). A path that ends in '?' is skipped. A failed insertion leaves the write offset,
+  // all bytes before it, and the current partition as they were.
   int InsertFile(const char* path, int partition);
   int UpdatePartitionInfo(CapsulePartition* partition, int slot);
 
@@ -102,6 +103,19 @@ class CAPSULE_API CapsuleFile {
   uint32_t _BuildPathSegmentList(_ListNode** head, const CString& path);
   int _ContrastPathSegmentLists(_ListNode* previous, _ListNode* current);
   int _RemoveLastDirFromPathString(CString& path);
+
+  // What a failed insertion goes back to.
+  struct InsertionStart {
+    int64_t fileLength;
+    int writeOffset;
+    int partition;
+    CapsulePartition* current;
+  };
+  int _Insert(const CString& path, const CString& trimmed, int partition);
+  int _SwitchPartition(int partition);
+  int _CountLevelsToClose(const CString& directory);
+  int _WriteItem(const CString& path, bool directory);
+  void _RollBack(const InsertionStart& start);
 
   uint32_t m_nSectorCount = 0;
   int m_hImageFile = 0;

@@ -79,6 +79,13 @@ class CAPSULE_API CapsulePartition {
   _DirectoryEntry* SetupDirectoryEntry(CpsList& blocks);
 
  private:
+  // Appends to m_FileBlocks, which owns the block from then on.
+  void _Append(std::unique_ptr<CapsuleFileBlock> block);
+
+  // Brings the sets of inserted names up to date when a host has changed the list.
+  void _RefreshInsertedNames();
+  void _RememberInserted(CapsuleFileBlock& block);
+
   unsigned char m_SectorArea[512] = {};
   CpsList m_FileBlocks;
   CpsList m_Directories;
@@ -91,9 +98,11 @@ class CAPSULE_API CapsulePartition {
   std::unique_ptr<unsigned char[]> m_pCompressionHistory;
   DirectoryType m_PartitionType = CapsuleDirectoryEntry::DirTypeFat32;
 
-  // Paths and short names of m_FileBlocks, so that duplicates are found without a walk.
+  // Paths and short names of m_FileBlocks up to the first null element, so that duplicates are
+  // found without a walk; true of the list as it was after m_nKnownChanges changes.
   std::unordered_set<std::string> m_InsertedPaths;
   std::unordered_set<std::string> m_InsertedShortNames;
+  uint64_t m_nKnownChanges = 0;
 };
 
 }  // namespace capsule

@@ -18,11 +18,13 @@ void* CpsList::GetAt(int index) const {
 void CpsList::Append(void* element) {
   const std::lock_guard guard(m_Lock);
   m_Elements.push_back(element);
+  ++m_nChanges;
 }
 
 void CpsList::RemoveAt(int index) {
   const std::lock_guard guard(m_Lock);
   if (index < 0 || index >= GetCount()) return;
+  ++m_nChanges;
   const auto first = m_Elements.begin();
   if (index > 0) {
     m_Elements.erase(first + static_cast<std::ptrdiff_t>(m_nFirst) + index);
@@ -33,6 +35,11 @@ void CpsList::RemoveAt(int index) {
     m_Elements.erase(first, first + static_cast<std::ptrdiff_t>(m_nFirst));
     m_nFirst = 0;
   }
+}
+
+uint64_t CpsList::Changes() const {
+  const std::lock_guard guard(m_Lock);
+  return m_nChanges;
 }
 
 void CpsList::Lock() const { m_Lock.lock(); }

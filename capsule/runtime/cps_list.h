@@ -7,6 +7,7 @@
 #pragma once
 
 #include <cstddef>
+#include <cstdint>
 #include <mutex>
 #include <vector>
 
@@ -31,6 +32,9 @@ class CAPSULE_API CpsList {
   // Unlinks the element at `index`; nothing happens when there is none.
   void RemoveAt(int index);
 
+  // How often the list was changed: differs from an earlier value when it was since then.
+  uint64_t Changes() const;
+
   void Lock() const;
   void Unlock() const;
 
@@ -38,6 +42,7 @@ class CAPSULE_API CpsList {
   mutable std::recursive_mutex m_Lock;
   std::vector<void*> m_Elements;
   size_t m_nFirst = 0;  // elements before this one have been removed
+  uint64_t m_nChanges = 0;
 };
 
 }  // namespace capsule

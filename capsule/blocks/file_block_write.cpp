@@ -1,0 +1,160 @@
+// Writing one file: its record group, then one data block record a chunk.
+#include <algorithm>
+#include <array>
+#include <span>
+
+#include "capsule/blocks/data_block.h"
+#include "capsule/blocks/data_block_format.h"
+#include "capsule/blocks/file_block.h"
+#include "capsule/compression/stream_compressor.h"
+#include "capsule/partition/record_format.h"
+#include "capsule/platform/descriptor_owner.h"
+#include "capsule/platform/file.h"
+#include "capsule/runtime/library_state.h"
+
+namespace capsule {
+
+namespace {
+
+constexpr int kLastFastLevel = 3;
+constexpr int kLastMediumLevel = 6;
+
+void ConfigureCompressor(StreamCompressor& compressor, int level) {
+  if (level >= 1 && level <= kLastFastLevel) {
+    compressor.SetFastCompression();
+  } else if (level > kLastFastLevel && level <= kLastMediumLevel) {
+    compressor.SetMediumCompression();
+  } else {
+    compressor.SetMaximumCompression();
+  }
+}
+
+// Writes data block records one behind the other, each with its header in one write.
+class RecordWriter {
+ public:
+  RecordWriter(int fd, int64_t offset, int level) : m_hImage(fd), m_nOffset(offset) {
+    m_bCompress = level != 0;
+    if (m_bCompress) ConfigureCompressor(*CurrentLibraryState().compressor, level);
+  }
+
+  // Turns `padded`, the chunk with its padding, into the payload and all of `header` but Flag.
+  bool Encode(std::span<const unsigned char> padded, _MiniHeader* header) {
+    const auto length = static_cast<uint32_t>(padded.size());
+    *header = {kRecordDataBlock, header->Flag, m_bCompress ? length : 0,
+               static_cast<uint16_t>(length)};
+    if (!m_bCompress) {
+      std::copy(padded.begin(), padded.end(), Payload().begin());
+      return true;
+    }
+    StreamCompressor& compressor = *CurrentLibraryState().compressor;
+    compressor.CompressBuffer(padded.data(), length, Payload().data(), kCompressedChunkRoom);
+    const uint32_t size = compressor.GetCompressedSize();
+    const uint32_t stored = StoredUnitLength(size, length);
+    if (size == 0 || stored > kCompressedChunkRoom) return false;
+    if (stored > size) Payload()[size] = 0;
+    header->Length = static_cast<uint16_t>(stored);
+    return true;
+  }
+
+  // Writes `header` and the payload behind the record before.
+  bool Write(const _MiniHeader& header) {
+    const int64_t size = int64_t{kMiniHeaderSize} + header.Length;
+    if (!FitsImage(m_nOffset, size)) return false;
+    const auto bytes = EncodeMiniHeader(header);
+    std::copy(bytes.begin(), bytes.end(), m_Record.begin());
+    if (!platform::WriteAt(m_hImage, m_Record.data(), static_cast<size_t>(size), m_nOffset)) {
+      return false;
+    }
+    m_nOffset += size;
+    m_nWritten += size;
+    return true;
+  }
+
+  int64_t Written() const { return m_nWritten; }
+
+ private:
+  std::span<unsigned char> Payload() { return std::span(m_Record).subspan(kMiniHeaderSize); }
+
+  std::array<unsigned char, kMiniHeaderSize + kCompressedChunkRoom> m_Record;
+  int m_hImage;
+  int64_t m_nOffset;
+  int64_t m_nWritten = 0;
+  bool m_bCompress = false;
+};
+
+bool HasLength(int descriptor, uint32_t length) {
+  return platform::FileLength(descriptor) == int64_t{length};
+}
+
+bool StreamChunks(int source, uint32_t size, RecordWriter& writer) {
+  std::array<unsigned char, kChunkSize> chunk;
+  for (uint32_t position = 0; position < size;) {
+    const uint32_t length = std::min(size - position, kChunkSize);
+    if (platform::ReadAt(source, chunk.data(), length, position) != int64_t{length}) return false;
+    const uint32_t padded = PaddedChunkLength(length);
+    std::fill_n(chunk.begin() + length, padded - length, static_cast<unsigned char>(0));
+    position += length;
+    _MiniHeader header{};
+    header.Flag = position == size ? 1 : 0;
+    if (!writer.Encode({chunk.data(), padded}, &header) || !writer.Write(header)) return false;
+  }
+  return true;
+}
+
+}  // namespace
+
+int CapsuleFileBlock::WriteDirEntry(DirectoryType type, const char* path, int fd, int offset,
+                                    int* pTotal) {
+  m_strFilePath = path != nullptr ? path : "";
+  m_DirectoryType = type;
+  int written = 0;
+  if (m_DirectoryEntry.SetFileDirectory(type, path, fd, offset, &written) != 0) return -1;
+  if (m_DirectoryEntry.Write(type, fd, offset + written, &written) != 0) return -1;
+  return Advance(pTotal, written) ? 0 : -1;
+}
+
+int CapsuleFileBlock::ReadAndChunk(const char* path) {
+  int result = kChunkSize;
+  int fileSize = -1;
+  while (result == static_cast<int>(kChunkSize)) {
+    auto block = std::make_unique<CapsuleFileDataBlock>(m_DirectoryType, 0);
+    result = block->ReadFileData(path);
+    if (result == -1) return -1;
+    if (fileSize != -1 && block->GetFileSize() != fileSize) {
+      CurrentLibraryState().chunkReadPosition = 0;
+      return -1;
+    }
+    fileSize = block->GetFileSize();
+    m_DataBlocks.Append(block.get());
+    block.release();
+  }
+  return 0;
+}
+
+int CapsuleFileBlock::WriteFile(int fd, int offset, int* pTotal, int level, char* /*history*/) {
+  RecordWriter writer(fd, offset, level);
+  for (int i = 0; i < m_DataBlocks.GetCount(); ++i) {
+    auto* block = static_cast<CapsuleFileDataBlock*>(m_DataBlocks.GetAt(i));
+    if (block == nullptr || block->GetChunkPtr() == nullptr) return -1;
+    _MiniHeader header = block->GetMiniHeader();
+    if (header.Param > kChunkSize) return -1;
+    const void* chunk = block->GetChunkPtr();
+    const std::span padded(static_cast<const unsigned char*>(chunk), header.Param);
+    if (!writer.Encode(padded, &header) || !writer.Write(header)) return -1;
+    block->GetMiniHeader() = header;
+    block->DeleteChunkPtr();
+  }
+  return Advance(pTotal, writer.Written()) ? 0 : -1;
+}
+
+int CapsuleFileBlock::StreamFile(const char* path, int fd, int offset, int* pTotal, int level) {
+  const platform::DescriptorOwner source(
+      platform::OpenHostFile(CurrentLibraryState().hostView, path));
+  const uint32_t size = m_DirectoryEntry.EntryFor(m_DirectoryType).FileSize;
+  if (!source || !HasLength(source.Get(), size)) return -1;
+  RecordWriter writer(fd, offset, level);
+  if (!StreamChunks(source.Get(), size, writer) || !HasLength(source.Get(), size)) return -1;
+  return Advance(pTotal, writer.Written()) ? 0 : -1;
+}
+
+}  // namespace capsule

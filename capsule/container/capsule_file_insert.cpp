@@ -1,0 +1,214 @@
+// Inserting one item: which levels end before it, which partition it belongs to, how it is stored.
+#include <algorithm>
+#include <array>
+#include <cstdio>
+#include <new>
+#include <string_view>
+
+#include "capsule/compression/stream_compressor.h"
+#include "capsule/container/capsule_file.h"
+#include "capsule/container/header_format.h"
+#include "capsule/partition/partition.h"
+#include "capsule/partition/record_format.h"
+#include "capsule/platform/ascii.h"
+#include "capsule/platform/descriptor_owner.h"
+#include "capsule/platform/file.h"
+#include "capsule/platform/trace_file.h"
+#include "capsule/runtime/library_state.h"
+#include "capsule/runtime/list_node.h"
+
+namespace capsule {
+
+namespace {
+
+constexpr std::string_view kTracePath = "c:\\testdump.txt";
+constexpr char kSkipMark = '?';
+constexpr size_t kExtensionLength = 4;
+constexpr uint32_t kSectorSize = 512;
+constexpr std::array<std::string_view, 14> kKnownCompressed = {
+    ".ZIP", ".CAB", ".JPG", ".GIF", ".TAR", ".TGZ", ".ICE",
+    ".LZH", ".ARC", ".ARJ", ".PAK", ".QIC", ".IMC", ".AVI"};
+
+// Only for a host that registered a root for the letter of the trace file.
+void TraceInsertion(const LibraryState& state, const char* path) {
+  const auto resolved = state.hostView.Resolve(kTracePath);
+  if (!resolved) return;
+  std::FILE* trace = platform::OpenTraceFile(resolved->c_str(), platform::TraceStart::AtEnd);
+  if (trace == nullptr) return;
+  static_cast<void>(std::fprintf(trace, "%s\nPrev-%s\n", path, state.previousInsertDir.c_str()));
+  static_cast<void>(std::fclose(trace));
+}
+
+// The length of the file at `path`; none when it cannot be opened or has 2 GiB or more.
+std::optional<uint32_t> SourceLength(const platform::HostView& view, const CString& path) {
+  const platform::DescriptorOwner file(platform::OpenHostFile(view, path.c_str()));
+  const int64_t length = file ? platform::FileLength(file.Get()) : -1;
+  if (length < 0 || length > kMaxImageSize) return std::nullopt;
+  return static_cast<uint32_t>(length);
+}
+
+bool IsDirectory(const platform::FindData& found) {
+  return (found.attributes & platform::kAttributeDirectory) != 0;
+}
+
+// A list of path segments, released at the end of the scope.
+struct SegmentList {
+  _ListNode* head = nullptr;
+  SegmentList() = default;
+  ~SegmentList() { FreeList(&head, true); }
+  SegmentList(const SegmentList&) = delete;
+  SegmentList& operator=(const SegmentList&) = delete;
+};
+
+}  // namespace
+
+int CapsuleFile::InsertFile(const char* path, int partition) {
+  if (path == nullptr) return -1;
+  TraceInsertion(CurrentLibraryState(), path);
+  const CString trimmed(platform::TrimRight(path));
+  if (!trimmed.empty() && trimmed.back() == kSkipMark) return 0;
+
+  const InsertionStart start{platform::FileLength(m_hImageFile), m_nWriteOffset,
+                             m_nCurrentPartition, m_pCurrentPartition};
+  try {
+    if (_Insert(path, trimmed, partition) == 0) return 0;
+  } catch (const std::bad_alloc&) {
+    // Reported like every other failure.
+  }
+  _RollBack(start);
+  return -1;
+}
+
+int CapsuleFile::_Insert(const CString& path, const CString& trimmed, int partition) {
+  LibraryState& state = CurrentLibraryState();
+  auto found = state.hostView.Find(path);
+  const bool isDirectory = found && IsDirectory(*found);
+  if (!isDirectory) {
+    const auto length = SourceLength(state.hostView, path);
+    if (!length) return -1;
+    m_nSectorCount += *length / kSectorSize + 1;
+  }
+  if (_SwitchPartition(partition) != 0) return -1;
+  state.compressor->ResetCompressionHistory();
+  if (m_pCurrentPartition->InitializeCompressionHistory() != 0) return -1;
+
+  CString directory = trimmed;
+  if (!isDirectory) {
+    const size_t separator = trimmed.find_last_of("\\/");
+    if (separator == CString::npos) return -1;
+    directory.resize(separator);
+  }
+  if (_CountLevelsToClose(directory) != 0) return -1;
+
+  if (trimmed != path) found = state.hostView.Find(trimmed);
+  if (!found) return -1;
+  return _WriteItem(trimmed, IsDirectory(*found));
+}
+
+int CapsuleFile::_SwitchPartition(int partition) {
+  if (partition < m_nCurrentPartition || partition < 0 || partition >= kMaxPartitions) return -1;
+  if (partition == m_nCurrentPartition) return 0;
+  if (m_nCurrentPartition != -1) {
+    if (m_pCurrentPartition->WritePartitionTrailer(m_hImageFile, m_nWriteOffset) != 0) return -1;
+    if (!Advance(&m_nWriteOffset, kPartitionTrailerSize)) return -1;
+  }
+  auto opened = std::make_unique<CapsulePartition>(*this);
+  if (opened->InitializePartHeaderInfo() != 0 ||
+      opened->WritePartitionHeader(m_hImageFile, m_nWriteOffset) != 0) {
+    return -1;
+  }
+  m_Partitions.Append(opened.get());
+  m_pCurrentPartition = opened.release();
+  m_nCurrentPartition = partition;
+  return Advance(&m_nWriteOffset, kPartitionHeaderSize) ? 0 : -1;
+}
+
+int CapsuleFile::_CountLevelsToClose(const CString& directory) {
+  LibraryState& state = CurrentLibraryState();
+  SegmentList previous;
+  SegmentList current;
+  if (_BuildPathSegmentList(&previous.head, state.previousInsertDir) != 0 ||
+      _BuildPathSegmentList(&current.head, directory) != 0) {
+    return -1;
+  }
+  state.dirLevelsToClose = _ContrastPathSegmentLists(previous.head, current.head);
+  state.previousInsertDir = directory;
+  return 0;
+}
+
+int CapsuleFile::_WriteItem(const CString& path, bool directory) {
+  int written = 0;
+  if (directory) {
+    const int result =
+        m_pCurrentPartition->WriteDirectories(m_hImageFile, path.c_str(), m_nWriteOffset, &written);
+    if (result != 0) return -1;
+    m_pCurrentPartition->SetHierarchyLevel(path.c_str());
+  } else {
+    int level = m_nCompressionLevel;
+    if (path.size() > kExtensionLength) {
+      CString extension = path.substr(path.size() - kExtensionLength);
+      if (_IsKnownCompressed(extension) != 0) level = 0;
+    }
+    const int result =
+        m_pCurrentPartition->WriteFile(m_hImageFile, path.c_str(), m_nWriteOffset, &written, level);
+    if (result != 0) return -1;
+  }
+  return Advance(&m_nWriteOffset, written) ? 0 : -1;
+}
+
+// Takes back a partition that the failed insertion opened, and the bytes that it added to a file
+// that ended at the write offset. In a longer file the next insertion overwrites them.
+void CapsuleFile::_RollBack(const InsertionStart& start) {
+  if (m_pCurrentPartition != start.current) {
+    m_Partitions.RemoveAt(m_Partitions.GetCount() - 1);
+    delete m_pCurrentPartition;
+  }
+  m_pCurrentPartition = start.current;
+  m_nCurrentPartition = start.partition;
+  m_nWriteOffset = start.writeOffset;
+  const bool endedThere = start.fileLength >= 0 && start.fileLength <= m_nWriteOffset;
+  if (endedThere && platform::FileLength(m_hImageFile) > m_nWriteOffset) {
+    platform::Truncate(m_hImageFile, m_nWriteOffset);
+  }
+}
+
+int CapsuleFile::_IsKnownCompressed(CString& extension) {
+  extension = platform::UpperAscii(extension);
+  const auto* known = std::find(kKnownCompressed.begin(), kKnownCompressed.end(), extension);
+  return known != kKnownCompressed.end() ? 1 : 0;
+}
+
+uint32_t CapsuleFile::_BuildPathSegmentList(_ListNode** head, const CString& path) {
+  for (size_t begin = 0; begin < path.size();) {
+    const size_t end = std::min(path.find_first_of("\\/", begin), path.size());
+    auto segment = std::make_unique<CString>(path, begin, end - begin);
+    if (const uint32_t problem = AppendListNode(head, segment.get()); problem != 0) {
+      FreeList(head, false);
+      return problem;
+    }
+    segment.release();
+    begin = end + 1;
+  }
+  return 0;
+}
+
+int CapsuleFile::_ContrastPathSegmentLists(_ListNode* previous, _ListNode* current) {
+  int levels = 0;
+  for (const _ListNode* node = previous; node != nullptr; node = node->next) ++levels;
+  while (previous != nullptr && current != nullptr && *previous->data == *current->data) {
+    previous = previous->next;
+    current = current->next;
+    --levels;
+  }
+  return levels;
+}
+
+int CapsuleFile::_RemoveLastDirFromPathString(CString& path) {
+  size_t separator = path.rfind('\\');
+  if (separator == CString::npos) separator = path.rfind('/');
+  if (separator == CString::npos) return -1;
+  path.resize(separator);
+  return 0;
+}
+
+}  // namespace capsule
