@@ -30,11 +30,15 @@ bool WithinATick(Instant a, Instant b) {
   return std::abs(nanoseconds) <= kTickNanoseconds;
 }
 
-// "/a/b" gives "/a", then "/"; "a/b" gives "a", then nothing.
+// "/a/b" gives "/a", then "/"; "a/b" gives "a", then ".".
 bool GoUp(std::string& directory) {
+  if (directory == "/" || directory == ".") return false;
   const size_t slash = directory.rfind('/');
-  if (slash == std::string::npos || directory.size() == 1) return false;
-  directory.resize(slash == 0 ? 1 : slash);
+  if (slash == std::string::npos) {
+    directory = ".";
+  } else {
+    directory.resize(slash == 0 ? 1 : slash);
+  }
   return true;
 }
 

@@ -1,6 +1,8 @@
-// Files by descriptor. A descriptor is above 0: 0 means "not open" throughout the library, so a
-// file that the system opens as 0 is moved to a higher number. Failures give -1 or false and leave
-// the reason in errno. Every transfer goes on over EINTR and short transfers.
+// Files by descriptor. 0 means "not open" throughout the library and is refused with EBADF; a file
+// that the system opens in the place of a closed standard stream is moved above 2, so that nobody
+// prints into it. Descriptors are closed on exec. Failures give -1 or false and leave the reason in
+// errno. Every transfer goes on over EINTR and short transfers. Any thread may use a descriptor;
+// transfers at an offset are one step each and do not disturb each other.
 #pragma once
 
 #include <cstddef>
@@ -16,7 +18,8 @@ struct FileIdentity {
   bool operator==(const FileIdentity&) const = default;
 };
 
-// Opens for reading; -1 on failure. Paths are those of the system, taken as they are.
+// Opens a regular file for reading, without ever waiting for one. -1 on failure: EISDIR for a
+// directory, ENOTSUP for a pipe or a device. Paths are those of the system, taken as they are.
 int OpenForReading(const char* path);
 
 // Opens for writing and creates a missing file; an existing one keeps its bytes. -1 on failure.

@@ -2,8 +2,17 @@
 // what a file's attributes, times and size are in DOS terms, and which 8.3 alias it has.
 //
 // Paths are 8-bit strings in which `\` and `/` both separate. "X:" in front (any one character,
-// compared exactly) names a root registered with SetRoot; an unregistered one is not found. A path
-// without it is resolved by the system as it stands. One thread uses a view at a time.
+// compared exactly) names a root registered with SetRoot; an unregistered one is not found. Below a
+// root, "." and ".." are resolved by the text alone, and ".." of the root is the root itself: what
+// a path leads to does not depend on where the root lies. A path without a letter is resolved by
+// the system as it stands.
+//
+//   HostView view;
+//   view.SetRoot('0', "/home/me/photos");
+//   view.Find("0:\\2024\\a long name.jpg")->size;      // of /home/me/photos/2024/a long name.jpg
+//   view.ShortPath("0:\\2024\\a long name.jpg");       // "0:\\2024\\A_LONG~1.JPG"
+//
+// One thread uses a view at a time.
 #pragma once
 
 #include <cstdint>
@@ -46,23 +55,29 @@ class HostView {
   HostView(const HostView&) = delete;
   HostView& operator=(const HostView&) = delete;
 
-  // Registers `directory` (a path of the system) for `letter`; replaces an earlier one.
+  // Registers `directory`, a path of the system, for `letter`, in place of an earlier one; an empty
+  // one takes the letter back. A relative path is taken from the working directory at each use.
   void SetRoot(char letter, const std::string& directory);
 
-  void SetAliasPolicy(AliasPolicy policy);
-  void SetTimePolicy(TimePolicy policy);
+  void SetAliasPolicy(AliasPolicy policy);  // Dos unless set
+  void SetTimePolicy(TimePolicy policy);    // System unless set
 
   // No time is reported later than this many seconds after 1970.
   void CapTimes(int64_t unixSeconds);
 
-  // The system's path for `path`; none when its root is not registered.
+  // The system's path for `path`; none when its root is not registered or it holds a zero byte.
   std::optional<std::string> Resolve(std::string_view path) const;
 
-  // Follows links. None when nothing is found.
+  // Follows links. None when nothing is found. Read-only means that no write permission is set,
+  // whoever it is for; hidden, that the last component begins with a dot and is not "." or "..";
+  // everything but a directory is archive.
   std::optional<FindData> Find(std::string_view path) const;
 
   // `path` with its last component replaced by that component's 8.3 alias. "." and ".." are their
-  // own aliases. None when nothing of that name is in its directory.
+  // own aliases. None when nothing of that name is in its directory, or the directory cannot be
+  // listed. A directory is listed once and remembered: always while a walk is inside it or below,
+  // else among those last used, within 16 MiB. It is listed again once it has changed, and all its
+  // aliases are then decided anew.
   std::optional<std::string> ShortPath(std::string_view path);
 
  private:

@@ -6,7 +6,8 @@
 namespace capsule::platform {
 
 // From now on "X:" in front of an inserted path, X being `letter` compared exactly, stands for
-// `directory`, a path of the system. Belongs to the library state current on this thread.
+// `directory`, a path of the system; null or empty takes the letter back. Belongs to the library
+// state current on this thread: for a host that uses the classes directly, to the process.
 CAPSULE_API void SetRoot(char letter, const char* directory);
 
 }  // namespace capsule::platform

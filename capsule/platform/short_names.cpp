@@ -72,8 +72,8 @@ class Tails {
   std::string Next(std::string_view name) {
     const NameParts parts = Split(name);
     const std::string stem = MakeLegal(parts.base.substr(0, kBaseLength - 2));
-    const std::string end =
-        parts.extension.empty() ? "" : "." + MakeLegal(parts.extension.substr(0, kExtensionLength));
+    std::string end = MakeLegal(parts.extension.substr(0, kExtensionLength));
+    if (!end.empty()) end.insert(0, 1, '.');
     uint32_t first = 1;
     for (size_t digits = 1; digits <= kMostDigits; ++digits, first *= 10) {
       std::string alias = NextOf(stem.substr(0, kMostDigits - digits) + "~", end, first);
@@ -84,10 +84,12 @@ class Tails {
 
  private:
   std::string NextOf(const std::string& front, const std::string& end, uint32_t first) {
-    uint32_t& number =
-        m_Counters.try_emplace(std::to_string(first) + front + end, first).first->second;
+    std::string key = std::to_string(first);
+    key.append(front).append(end);
+    uint32_t& number = m_Counters.try_emplace(std::move(key), first).first->second;
     while (number / 10 < first) {
-      std::string alias = front + std::to_string(number++) + end;
+      std::string alias = front;
+      alias.append(std::to_string(number++)).append(end);
       if (!m_Reserved.contains(alias)) return alias;
     }
     return {};
@@ -97,11 +99,19 @@ class Tails {
   std::unordered_map<std::string, uint32_t> m_Counters;
 };
 
+// Whether `name` is its own alias. Of names that differ only in case the first one asked for is.
+bool TakesOwn(const std::string& name, AliasPolicy policy, Tails& tails) {
+  if (!Is8Dot3(name)) return false;
+  std::string upper = UpperAscii(name);
+  const bool mayTakeIt = policy == AliasPolicy::Dos || upper == name;
+  return tails.Reserve(std::move(upper)) && mayTakeIt;
+}
+
 }  // namespace
 
 std::unordered_map<std::string, std::string> MakeAliases(std::vector<std::string> names,
                                                          AliasPolicy policy) {
-  std::sort(names.begin(), names.end());
+  std::sort(names.begin(), names.end());  // capitals before small letters
   names.erase(std::unique(names.begin(), names.end()), names.end());
 
   std::unordered_map<std::string, std::string> aliases;
@@ -109,16 +119,11 @@ std::unordered_map<std::string, std::string> MakeAliases(std::vector<std::string
   Tails tails;
   std::vector<const std::string*> others;
   for (const std::string& name : names) {
-    if (Is8Dot3(name)) {
-      // Capitals sort first: of names that differ only in case, the exact spelling wins.
-      std::string upper = UpperAscii(name);
-      const bool mayBeOwn = policy == AliasPolicy::Dos || upper == name;
-      if (tails.Reserve(upper) && mayBeOwn) {
-        aliases.emplace(name, std::move(upper));
-        continue;
-      }
+    if (TakesOwn(name, policy, tails)) {
+      aliases.emplace(name, UpperAscii(name));
+    } else {
+      others.push_back(&name);
     }
-    others.push_back(&name);
   }
   for (const std::string* name : others) {
     std::string alias = tails.Next(*name);

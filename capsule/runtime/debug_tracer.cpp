@@ -40,7 +40,7 @@ DebugTracer::DebugTracer(const char* base) {
 DebugTracer::~DebugTracer() {
   if (m_pFile == nullptr) return;
   Trace("==== END DEBUGGING ====\n");
-  std::fclose(m_pFile);
+  static_cast<void>(std::fclose(m_pFile));
 }
 
 int DebugTracer::Trace(const char* format, ...) {
@@ -48,6 +48,7 @@ int DebugTracer::Trace(const char* format, ...) {
   char text[1024];
   va_list arguments;
   va_start(arguments, format);
+  // NOLINTNEXTLINE(clang-analyzer-valist.Uninitialized): va_start is right above
   const int length = std::vsnprintf(text, sizeof text, format, arguments);
   va_end(arguments);
   if (length >= 0 && m_pFile != nullptr) {

@@ -5,6 +5,7 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <span>
 
 #include "capsule/platform/posix/descriptor.h"
 
@@ -12,25 +13,29 @@ namespace capsule::platform {
 namespace {
 
 // 0 means "not open": without this a forgotten open would read or close standard input.
-bool IsOpenable(int descriptor) {
+bool IsOpen(int descriptor) {
   if (descriptor > 0) return true;
   errno = EBADF;
   return false;
 }
 
-// Repeats `step(done)`, which transfers bytes behind the first `done` ones, until `count` are
-// through or it yields 0. The number of bytes, or -1.
-template <typename Step>
-int64_t TransferAll(size_t count, Step step) {
+// Repeats `step(rest, done)`, which transfers bytes of `rest`, the span behind the first `done`
+// bytes, until all are through or it yields 0. The number of bytes, or -1.
+template <typename Byte, typename Step>
+int64_t TransferAll(std::span<Byte> bytes, Step step) {
   size_t done = 0;
-  while (done < count) {
-    const ssize_t moved = step(done);
+  while (done < bytes.size()) {
+    const ssize_t moved = step(bytes.subspan(done), static_cast<off_t>(done));
     if (moved < 0 && errno == EINTR) continue;
     if (moved < 0) return -1;
     if (moved == 0) break;
     done += static_cast<size_t>(moved);
   }
   return static_cast<int64_t>(done);
+}
+
+std::span<const unsigned char> BytesOf(const void* data, size_t count) {
+  return {static_cast<const unsigned char*>(data), count};
 }
 
 bool IsWhole(int64_t written, size_t count) {
@@ -65,45 +70,41 @@ int OpenForWriting(const char* path) {
 }
 
 int64_t ReadAt(int descriptor, void* buffer, size_t count, int64_t offset) {
-  if (!IsOpenable(descriptor)) return -1;
+  if (!IsOpen(descriptor)) return -1;
   if (offset < 0) {
     errno = EINVAL;
     return -1;
   }
-  auto* bytes = static_cast<unsigned char*>(buffer);
-  return TransferAll(count, [&](size_t done) {
-    return ::pread(descriptor, bytes + done, count - done, offset + static_cast<int64_t>(done));
+  const std::span bytes(static_cast<unsigned char*>(buffer), count);
+  return TransferAll(bytes, [&](std::span<unsigned char> rest, off_t done) {
+    return ::pread(descriptor, rest.data(), rest.size(), offset + done);
   });
 }
 
 bool WriteAt(int descriptor, const void* data, size_t count, int64_t offset) {
-  if (!IsOpenable(descriptor)) return false;
-  const auto* bytes = static_cast<const unsigned char*>(data);
-  return IsWhole(TransferAll(count,
-                             [&](size_t done) {
-                               return ::pwrite(descriptor, bytes + done, count - done,
-                                               offset + static_cast<int64_t>(done));
-                             }),
-                 count);
+  if (!IsOpen(descriptor)) return false;
+  const auto step = [&](std::span<const unsigned char> rest, off_t done) {
+    return ::pwrite(descriptor, rest.data(), rest.size(), offset + done);
+  };
+  return IsWhole(TransferAll(BytesOf(data, count), step), count);
 }
 
 bool WriteHere(int descriptor, const void* data, size_t count) {
-  if (!IsOpenable(descriptor)) return false;
-  const auto* bytes = static_cast<const unsigned char*>(data);
-  return IsWhole(
-      TransferAll(count,
-                  [&](size_t done) { return ::write(descriptor, bytes + done, count - done); }),
-      count);
+  if (!IsOpen(descriptor)) return false;
+  const auto step = [&](std::span<const unsigned char> rest, off_t) {
+    return ::write(descriptor, rest.data(), rest.size());
+  };
+  return IsWhole(TransferAll(BytesOf(data, count), step), count);
 }
 
 int64_t FileLength(int descriptor) {
   struct stat status {};
-  if (!IsOpenable(descriptor) || ::fstat(descriptor, &status) != 0) return -1;
+  if (!IsOpen(descriptor) || ::fstat(descriptor, &status) != 0) return -1;
   return status.st_size;
 }
 
 bool Truncate(int descriptor, int64_t length) {
-  if (!IsOpenable(descriptor)) return false;
+  if (!IsOpen(descriptor)) return false;
   int result = -1;
   do {
     result = ::ftruncate(descriptor, length);
@@ -112,7 +113,7 @@ bool Truncate(int descriptor, int64_t length) {
 }
 
 bool Sync(int descriptor) {
-  if (!IsOpenable(descriptor)) return false;
+  if (!IsOpen(descriptor)) return false;
   int result = -1;
   do {
     result = ::fsync(descriptor);
@@ -122,10 +123,10 @@ bool Sync(int descriptor) {
 
 std::optional<FileIdentity> Identify(int descriptor) {
   struct stat status {};
-  if (!IsOpenable(descriptor) || ::fstat(descriptor, &status) != 0) return std::nullopt;
+  if (!IsOpen(descriptor) || ::fstat(descriptor, &status) != 0) return std::nullopt;
   return FileIdentity{status.st_dev, status.st_ino};
 }
 
-int Close(int descriptor) { return IsOpenable(descriptor) ? ::close(descriptor) : -1; }
+int Close(int descriptor) { return IsOpen(descriptor) ? ::close(descriptor) : -1; }
 
 }  // namespace capsule::platform
