@@ -22,6 +22,7 @@
 #include "capsule/blocks/buffer.h"
 #include "capsule/export.h"
 #include "capsule/partition/directory_records.h"
+#include "capsule/partition/ntfs_format.h"
 #include "capsule/partition/ntfs_records.h"
 #include "capsule/platform/cstring.h"
 #include "capsule/platform/host_view.h"
@@ -29,7 +30,6 @@
 namespace capsule {
 
 class CapsuleFileBlock;
-struct NtfsFileName;
 
 class CAPSULE_API CapsuleDirectoryEntry {
  public:
@@ -105,6 +105,9 @@ class CAPSULE_API CapsuleDirectoryEntry {
   // Notes a child by the low 32 bits of its file reference, once.
   void NTFSAddEntry(long ref);
 
+  // Notes the children in index blocks of a directory whose FILE records have been filled in.
+  void AddIndexBlocks(std::span<unsigned char> blocks);
+
   // The name that tells most among those of the FILE record; empty without one.
   const std::u16string& NtfsFullName() const { return m_FullName; }
 
@@ -178,6 +181,7 @@ class CAPSULE_API CapsuleDirectoryEntry {
   int32_t m_nNumEntries = 0;
   int32_t m_nCurEntry = 0;
   std::unordered_set<uint32_t> m_KnownReferences;  // the same as m_FileReferences
+  NtfsIndexUse m_IndexUse;
   std::u16string m_FullName;
   int m_nFullNameRank = 0;
   int64_t m_nReadOffset = 0;  // where the next record of the group being read begins

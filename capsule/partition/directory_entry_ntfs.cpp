@@ -120,6 +120,7 @@ void CapsuleDirectoryEntry::_PutFileRecord(std::span<unsigned char, kFileRecordS
   VisitAttributes(record, [&](const NtfsAttribute& attribute) {
     _StandardInformation info{};
     NtfsFileName name;
+    m_IndexUse.Take(attribute);
     switch (attribute.type & 0xFFFF) {
       case kStandardInformationType:
         if (DecodeStandardInformation(attribute.NamedOffsetValue(), &info)) {
@@ -130,7 +131,9 @@ void CapsuleDirectoryEntry::_PutFileRecord(std::span<unsigned char, kFileRecordS
         if (DecodeFileName(attribute.NamedOffsetValue(), &name)) _PutName(name, (*nameCount)++);
         break;
       case kDataType:
-        if (attribute.nameLength == 0) m_Record.OtherEntry.FileSize = attribute.DataSize();
+        if (attribute.nameLength == 0 && attribute.BeginsStream()) {
+          m_Record.OtherEntry.FileSize = attribute.DataSize();
+        }
         break;
       case kIndexRootType:
         VisitIndexRoot(attribute,
@@ -141,6 +144,11 @@ void CapsuleDirectoryEntry::_PutFileRecord(std::span<unsigned char, kFileRecordS
     }
     return true;
   });
+}
+
+void CapsuleDirectoryEntry::AddIndexBlocks(std::span<unsigned char> blocks) {
+  VisitIndexBlocks(blocks, m_IndexUse,
+                   [this](uint32_t reference) { NTFSAddEntry(static_cast<long>(reference)); });
 }
 
 void CapsuleDirectoryEntry::FileRecordtoDirectoryEntry(void* records, long size) {

@@ -20,6 +20,7 @@ constexpr size_t kResidentHeader = 24;
 constexpr size_t kNonResidentHeader = 64;
 constexpr size_t kFixedSequence = 42;
 constexpr size_t kFixedFirstAttribute = 48;
+constexpr size_t kBlockPosition = 16;  // of an index block: where it lies in its stream
 
 // Where a FILE record keeps its update sequence and its first attribute.
 struct FileRecordLayout {
@@ -101,6 +102,10 @@ std::span<const unsigned char> NtfsAttribute::ResidentValue() const {
   return reader.Take(LoadLe32(&bytes[16]));
 }
 
+bool NtfsAttribute::BeginsStream() const {
+  return !nonResident || platform::LoadLe64(&bytes[16]) == 0;
+}
+
 uint32_t NtfsAttribute::DataSize() const {
   if (!nonResident) return LoadLe16(&bytes[16]);
   return LoadLe32(&bytes[48]);
@@ -138,7 +143,25 @@ void VisitIndexRoot(const NtfsAttribute& attribute, const std::function<void(uin
   VisitIndexEntries(reader, visit);
 }
 
-void VisitIndexBlocks(std::span<unsigned char> blocks, const std::function<void(uint32_t)>& visit) {
+void NtfsIndexUse::Take(const NtfsAttribute& attribute) {
+  constexpr size_t kUnitsPerBlock = 12;
+  if (attribute.nonResident) return;
+  const std::span<const unsigned char> value = attribute.ResidentValue();
+  if (attribute.type == kIndexRootType && value.size() > kUnitsPerBlock) {
+    m_nUnitsPerBlock = value[kUnitsPerBlock];
+  } else if (attribute.type == kBitmapType) {
+    m_Bitmap.assign(value.begin(), value.end());
+  }
+}
+
+bool NtfsIndexUse::InUse(uint64_t position) const {
+  if (m_nUnitsPerBlock == 0) return true;
+  const uint64_t block = position / m_nUnitsPerBlock;
+  return block / 8 >= m_Bitmap.size() || (m_Bitmap[block / 8] >> (block % 8) & 1) != 0;
+}
+
+void VisitIndexBlocks(std::span<unsigned char> blocks, const NtfsIndexUse& use,
+                      const std::function<void(uint32_t)>& visit) {
   constexpr size_t kLarge = 4096;
   constexpr size_t kSmall = 2048;
   const auto isIndex = [&](size_t at) {
@@ -147,7 +170,8 @@ void VisitIndexBlocks(std::span<unsigned char> blocks, const std::function<void(
   if (!isIndex(0)) return;
   const size_t size = isIndex(kSmall) || blocks.size() == kSmall ? kSmall : kLarge;
   for (size_t at = 0; at + size <= blocks.size(); at += size) {
-    VisitIndexBlock(blocks.subspan(at, size), visit);
+    const std::span<unsigned char> block = blocks.subspan(at, size);
+    if (use.InUse(platform::LoadLe64(&block[kBlockPosition]))) VisitIndexBlock(block, visit);
   }
 }
 

@@ -9,6 +9,7 @@
 #include <functional>
 #include <span>
 #include <string>
+#include <vector>
 
 #include "capsule/partition/ntfs_records.h"
 
@@ -40,6 +41,7 @@ inline constexpr uint32_t kStandardInformationType = 0x10;
 inline constexpr uint32_t kFileNameType = 0x30;
 inline constexpr uint32_t kDataType = 0x80;
 inline constexpr uint32_t kIndexRootType = 0x90;
+inline constexpr uint32_t kBitmapType = 0xB0;
 
 // One attribute of a FILE record: `bytes` are all of it, header included.
 struct NtfsAttribute {
@@ -54,6 +56,10 @@ struct NtfsAttribute {
 
   // The resident value by its own length and offset; empty when they do not fit.
   std::span<const unsigned char> ResidentValue() const;
+
+  // Whether this is the part of its stream that states the size: parts of a stream that is spread
+  // over several attributes say which cluster they begin with.
+  bool BeginsStream() const;
 
   // Low 32 bits of the size of a $DATA attribute.
   uint32_t DataSize() const;
@@ -72,8 +78,24 @@ void VisitAttributes(std::span<const unsigned char, kFileRecordSize> record,
 // of a directory for itself is left out.
 void VisitIndexRoot(const NtfsAttribute& attribute, const std::function<void(uint32_t)>& visit);
 
+// Which blocks of a folder's index are in use: a block that was given back keeps its old entries.
+// Without a bitmap all are.
+class NtfsIndexUse {
+ public:
+  // Takes what an $INDEX_ROOT or $BITMAP of the folder tells; leaves others alone.
+  void Take(const NtfsAttribute& attribute);
+
+  // `position`: as an index block states its own, in units of the volume.
+  bool InUse(uint64_t position) const;
+
+ private:
+  uint8_t m_nUnitsPerBlock = 0;
+  std::vector<unsigned char> m_Bitmap;
+};
+
 // The same for index blocks ("INDX", 2048 or 4096 bytes each); restores displaced bytes in place.
-void VisitIndexBlocks(std::span<unsigned char> blocks, const std::function<void(uint32_t)>& visit);
+void VisitIndexBlocks(std::span<unsigned char> blocks, const NtfsIndexUse& use,
+                      const std::function<void(uint32_t)>& visit);
 
 // A $FILE_NAME value, checked.
 struct NtfsFileName {

@@ -1,0 +1,118 @@
+#include <gtest/gtest.h>
+
+#include "capsule/partition/directory_entry.h"
+#include "capsule/platform/little_endian.h"
+#include "tests/support/ntfs_record.h"
+
+namespace capsule {
+namespace {
+
+using test::Bytes;
+using test::NtfsRecord;
+
+void Fill(CapsuleDirectoryEntry& entry, Bytes records) {
+  entry.FileRecordtoDirectoryEntry(records.data(), static_cast<long>(records.size()));
+}
+
+std::string ShortText(const _ShortDirEntry& entry) {
+  return std::string(std::begin(entry.Name), std::end(entry.Name)) + "|" +
+         std::string(std::begin(entry.Extension), std::end(entry.Extension));
+}
+
+TEST(NtfsEntry, ShortAndLongNameInEitherOrder) {
+  for (const bool dosFirst : {true, false}) {
+    NtfsRecord record;
+    if (dosFirst) record.Name(2, u"LONGNA~1");
+    record.Name(1, u"thirteen.char");
+    if (!dosFirst) record.Name(2, u"LONGNA~1");
+    CapsuleDirectoryEntry entry;
+    Fill(entry, record.Finish());
+    EXPECT_EQ(ShortText(entry.GetRecord()->OtherEntry), "LONGNA~1|   ");
+    EXPECT_EQ(ShortText(entry.GetRecord()->FirstEntry), "LONGNA~1|   ");
+    EXPECT_EQ(entry.ShortName(), "LONGNA~1.   ");
+    EXPECT_EQ(entry.GetRecord()->LongNameLength, 13);
+    EXPECT_EQ(entry.LongFileName().Size(), 52);
+    EXPECT_EQ(entry.LongFileName()[25], 0xFF);
+    EXPECT_EQ(entry.LongFileName()[26], 't');
+    EXPECT_EQ(entry.NtfsFullName(), u"thirteen.char");
+  }
+}
+
+TEST(NtfsEntry, ShortNamesFromNamesOfAnyShape) {
+  const std::vector<std::pair<std::u16string, std::string>> cases = {
+      {u"resident.bin", "resident|bin"},
+      {u"resident2.bin", "resident|bi "},  // 12 characters are looked at
+      {u".hidden", "        |hid"},
+      {u"a.b.c", "a       |b.c"},
+      {u"a long name", "a long n|   "},
+      {u"\u0416\u4E2D.x", "\x16-      |x  "}};
+  for (const auto& [name, expected] : cases) {
+    CapsuleDirectoryEntry entry;
+    Fill(entry, NtfsRecord().Name(0, name).Finish());
+    EXPECT_EQ(ShortText(entry.GetRecord()->OtherEntry), expected);
+    EXPECT_EQ(entry.GetRecord()->LongNameLength, 0);
+    EXPECT_EQ(entry.NtfsFullName(), name);
+  }
+}
+
+TEST(NtfsEntry, ChildrenAreCountedOnce) {
+  CapsuleDirectoryEntry entry;
+  Fill(entry, NtfsRecord().IndexRoot({{40, 5}, {5, 5}, {41, 5}}).Finish());
+  EXPECT_EQ(entry.GetNumEntries(), 2);
+  entry.NTFSAddEntry(41);
+  EXPECT_EQ(entry.GetNumEntries(), 2);
+  entry.NTFSAddEntry(42);
+  EXPECT_EQ(entry.GetNumEntries(), 3);
+}
+
+TEST(NtfsEntry, SizeIsThatOfTheUnnamedStream) {
+  const auto sizeOf = [](const Bytes& records) {
+    CapsuleDirectoryEntry entry;
+    Fill(entry, records);
+    EXPECT_EQ(entry.GetRecord()->FirstEntry.FileSize, entry.GetRecord()->OtherEntry.FileSize);
+    return entry.GetRecord()->OtherEntry.FileSize;
+  };
+  EXPECT_EQ(sizeOf(NtfsRecord().Resident(0x80, Bytes(100)).Finish()), 100U);
+  EXPECT_EQ(sizeOf(NtfsRecord().NonResident(0x80, 0x112345678).Finish()), 0x12345678U);
+  EXPECT_EQ(
+      sizeOf(NtfsRecord().Resident(0x80, Bytes(100)).Resident(0x80, Bytes(7), u"stream").Finish()),
+      100U);
+
+  // A stream in several parts states its size in the first.
+  Bytes records = NtfsRecord().NonResident(0x80, 70000).Finish();
+  const Bytes second = NtfsRecord().NonResident(0x80, 0, 9).Finish();
+  records.insert(records.end(), second.begin(), second.end());
+  EXPECT_EQ(sizeOf(records), 70000U);
+}
+
+TEST(NtfsEntry, TimesAndAttributes) {
+  constexpr uint64_t kDay = 864000000000;
+  constexpr uint64_t kStart = 148731 * kDay;  // 2008-03-19
+  Bytes value(48);
+  const auto put = [&](size_t at, uint64_t time) {
+    platform::StoreLe32(&value[at], static_cast<uint32_t>(time));
+    platform::StoreLe32(&value[at + 4], static_cast<uint32_t>(time >> 32));
+  };
+  put(0, kStart);
+  put(8, kStart + kDay);
+  put(16, kStart + 2 * kDay);
+  platform::StoreLe32(&value[32], 0x0820);
+  CapsuleDirectoryEntry entry;
+  Fill(entry, NtfsRecord().Resident(0x10, value).Finish());
+  const _ShortDirEntry& got = entry.GetRecord()->OtherEntry;
+  EXPECT_EQ(got.CreationDate, got.WriteDate + 1);
+  EXPECT_EQ(got.LastAccessDate, got.WriteDate + 2);
+  EXPECT_EQ(got.WriteDate >> 9, 2008 - 1980);
+  EXPECT_EQ(got.WriteTime, 0);
+  EXPECT_EQ(got.Attribute, 0xA0);
+}
+
+TEST(NtfsEntry, NothingIsReadFromLessThanOneRecord) {
+  CapsuleDirectoryEntry entry;
+  Fill(entry, Bytes(1023, 0xFF));
+  EXPECT_EQ(entry.FileSize(), 0U);
+  EXPECT_EQ(entry.GetNumEntries(), 0);
+}
+
+}  // namespace
+}  // namespace capsule

@@ -1,0 +1,145 @@
+#include "tests/support/fat_section.h"
+
+#include <algorithm>
+#include <array>
+
+#include "capsule/platform/little_endian.h"
+
+namespace capsule::test {
+namespace {
+
+using Entry = std::array<unsigned char, 32>;
+
+constexpr std::array<unsigned char, 8> kGroupHeader = {0x16, 1, 0, 0, 0, 0, 32, 0};
+constexpr size_t kPieceUnits = 13;
+
+unsigned char Checksum(const std::string& shortName) {
+  unsigned sum = 0;
+  for (const char c : shortName) {
+    sum = ((sum & 1U) << 7) + (sum >> 1) + static_cast<unsigned char>(c);
+    sum &= 0xFF;
+  }
+  return static_cast<unsigned char>(sum);
+}
+
+Entry LongPiece(const ForeignItem& item, size_t piece, size_t count) {
+  Entry entry{};
+  entry[0] = static_cast<unsigned char>(piece | (piece == count ? 0x40 : 0));
+  entry[11] = 0x0F;
+  entry[13] = Checksum(item.shortName);
+  constexpr std::array<size_t, kPieceUnits> kPlaces = {1,  3,  5,  7,  9,  14, 16,
+                                                       18, 20, 22, 24, 28, 30};
+  for (size_t i = 0; i < kPieceUnits; ++i) {
+    const size_t at = (piece - 1) * kPieceUnits + i;
+    const size_t length = item.longName.size();
+    const auto unit = at < length ? static_cast<uint16_t>(item.longName[at])
+                                  : static_cast<uint16_t>(at == length ? 0 : 0xFFFF);
+    platform::StoreLe16(&entry[kPlaces[i]], unit);
+  }
+  return entry;
+}
+
+Entry ShortEntry(const ForeignItem& item) {
+  Entry entry{};
+  std::copy_n(item.shortName.begin(), 11, entry.begin());
+  entry[11] = item.directory ? 0x10 : 0x20;
+  constexpr uint16_t kTime = 0x6AC5;
+  constexpr uint16_t kDate = 0x2F0A;
+  platform::StoreLe16(&entry[22], kTime);
+  platform::StoreLe16(&entry[24], kDate);
+  platform::StoreLe32(&entry[28], static_cast<uint32_t>(item.content.size()));
+  return entry;
+}
+
+class FatWriter {
+ public:
+  FatWriter(ForeignImage& image, const FatStyle& style) : m_Image(image), m_Style(style) {}
+
+  void Put(const std::vector<ForeignItem>& items) {
+    for (const ForeignItem& item : items) {
+      if (item.directory) {
+        PutDirectory(item);
+      } else {
+        PutFile(item);
+      }
+    }
+  }
+
+ private:
+  void PutRecord(const Entry& entry) {
+    m_Image.Put(kGroupHeader);
+    m_Image.Put(entry);
+  }
+
+  void PutGroup(const ForeignItem& item) {
+    const size_t pieces = (item.longName.size() + kPieceUnits - 1) / kPieceUnits;
+    for (size_t piece = pieces; piece > 0; --piece) PutRecord(LongPiece(item, piece, pieces));
+    PutRecord(ShortEntry(item));
+  }
+
+  void IndexFrom(uint8_t type, uint32_t start, const std::string& name) {
+    if (m_Style.notes) {
+      m_Image.IndexMark(4);
+      m_Image.Index(6, start, 1, "a note");
+      m_Image.IndexMark(1);
+    }
+    m_Image.Index(type, start, m_Image.Offset() - start, name);
+  }
+
+  void PutDirectory(const ForeignItem& item) {
+    for (const char* name : {"", ".          ", "..         "}) {
+      ForeignItem group = item;
+      if (*name != '\0') {
+        group.shortName = name;
+        group.longName.clear();
+      }
+      const uint32_t start = m_Image.Offset();
+      PutGroup(group);
+      IndexFrom(2, start, group.shortName);
+    }
+    Put(item.children);
+    const uint32_t start = m_Image.Offset();
+    PutRecord(Entry{});
+    IndexFrom(3, start, {});
+  }
+
+  void PutFile(const ForeignItem& item) {
+    const uint32_t start = m_Image.Offset();
+    PutGroup(item);
+    LzsWriter codec;
+    for (size_t at = 0; at < item.content.size(); at += m_Style.chunkSize) {
+      const size_t taken = std::min(m_Style.chunkSize, item.content.size() - at);
+      Bytes chunk(item.content.begin() + static_cast<std::ptrdiff_t>(at),
+                  item.content.begin() + static_cast<std::ptrdiff_t>(at + taken));
+      PutChunk(std::move(chunk), item.stored, at + taken == item.content.size(), codec);
+    }
+    IndexFrom(2, start, item.shortName);
+  }
+
+  void PutChunk(Bytes chunk, bool stored, bool last, LzsWriter& codec) {
+    chunk.resize((chunk.size() + 511) / 512 * 512);
+    const bool compress = m_Image.Compressed() && !stored;
+    Bytes payload = compress ? codec.Unit(chunk) : chunk;
+    if (compress && payload.size() == chunk.size()) payload.push_back(0);
+    std::array<unsigned char, 8> header = {3, static_cast<unsigned char>(last ? 1 : 0)};
+    if (!stored) platform::StoreLe32(&header[2], static_cast<uint32_t>(chunk.size()));
+    platform::StoreLe16(&header[6], static_cast<uint16_t>(payload.size()));
+    m_Image.Put(header);
+    m_Image.Put(payload);
+  }
+
+  ForeignImage& m_Image;
+  const FatStyle& m_Style;
+};
+
+}  // namespace
+
+void PutFatSection(ForeignImage& image, const std::vector<ForeignItem>& items,
+                   const FatStyle& style) {
+  image.BeginSection(style.systemId, 2);
+  FatWriter(image, style).Put(items);
+  image.EndSection();
+  image.Index(3, image.Offset() - 40, 40);
+}
+
+}  // namespace capsule::test

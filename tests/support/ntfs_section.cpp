@@ -1,0 +1,145 @@
+#include "tests/support/ntfs_section.h"
+
+#include <algorithm>
+#include <array>
+
+#include "capsule/platform/little_endian.h"
+
+namespace capsule::test {
+namespace {
+
+using platform::LoadLe16;
+using platform::StoreLe16;
+
+constexpr size_t kSector = 512;
+constexpr uint32_t kDirectoryRecord = 102;
+constexpr uint32_t kMoreOfDirectory = 103;
+constexpr uint32_t kFileRecord = 104;
+constexpr uint32_t kData = 106;
+constexpr uint32_t kOtherData = 107;
+constexpr uint32_t kEndOfRecords = 108;
+constexpr size_t kChunk = 16384;
+
+class NtfsWriter {
+ public:
+  NtfsWriter(ForeignImage& image, const NtfsVolume& volume, const NtfsStyle& style)
+      : m_Image(image), m_Volume(volume), m_Style(style) {}
+
+  void Put(uint32_t number) {
+    const uint32_t start = m_Image.Offset();
+    if (m_Volume.IsDirectory(number)) {
+      PutFolder(number, start);
+      for (const uint32_t child : m_Volume.Children(number)) Put(child);
+    } else {
+      PutFile(number, start);
+    }
+  }
+
+  void PutEnd() { PutRecord(kEndOfRecords, false, 0, {}, 0); }
+
+ private:
+  std::vector<Bytes> FileRecords(uint32_t number) const {
+    std::vector<Bytes> records = m_Volume.FileRecords(number);
+    if (m_Style.earlierLayout) std::ranges::for_each(records, ToEarlierLayout);
+    return records;
+  }
+
+  void PutFolder(uint32_t number, uint32_t start) {
+    uint32_t type = kDirectoryRecord;
+    for (const Bytes& record : FileRecords(number)) {
+      LzsWriter codec;
+      PutChunk(type, false, record, codec, 0);
+      if (type == kDirectoryRecord) m_Image.Index(2, start, m_Image.Offset() - start);
+      type = kMoreOfDirectory;
+    }
+    PutChunks(m_Volume.IndexBlocks(number), 0);
+  }
+
+  void PutFile(uint32_t number, uint32_t start) {
+    Bytes joined;
+    for (const Bytes& record : FileRecords(number)) {
+      joined.insert(joined.end(), record.begin(), record.end());
+    }
+    LzsWriter codec;
+    PutChunk(kFileRecord, false, joined, codec, 0);
+    m_Image.Index(2, start, m_Image.Offset() - start);
+    const bool stored = number >= NtfsVolume::kFirstUserFile && !m_Volume.HasResidentData(number);
+    if (stored) PutChunks(m_Volume.Data(number), 1);
+  }
+
+  void PutChunks(const Bytes& data, uint32_t primary) {
+    LzsWriter codec;
+    for (size_t at = 0; at < data.size(); at += kChunk) {
+      const size_t end = std::min(at + kChunk, data.size());
+      Bytes chunk(data.begin() + static_cast<std::ptrdiff_t>(at),
+                  data.begin() + static_cast<std::ptrdiff_t>(end));
+      chunk.resize((chunk.size() + kSector - 1) / kSector * kSector);
+      PutChunk(end == data.size() ? kOtherData : kData, end == data.size(), chunk, codec, primary);
+    }
+  }
+
+  // In LZS form, unless that is not shorter.
+  void PutChunk(uint32_t type, bool last, const Bytes& chunk, LzsWriter& codec, uint32_t primary) {
+    if (m_Image.Compressed()) {
+      LzsWriter attempt = codec;
+      const Bytes unit = attempt.Unit(chunk);
+      if (unit.size() < chunk.size()) {
+        codec = std::move(attempt);
+        return PutRecord(type, last, chunk.size(), unit, primary);
+      }
+    }
+    PutRecord(type, last, 0, chunk, primary);
+  }
+
+  void PutRecord(uint32_t type, bool last, size_t length, const Bytes& payload, uint32_t primary) {
+    std::array<unsigned char, 46> header = {'N', static_cast<unsigned char>(last ? 1 : 0)};
+    platform::StoreLe32(&header[2], type);
+    StoreLe16(&header[8], static_cast<uint16_t>(length));
+    StoreLe16(&header[10], static_cast<uint16_t>(payload.size()));
+    platform::StoreLe32(&header[42], primary);
+    m_Image.Put(header);
+    m_Image.Put(payload);
+  }
+
+  ForeignImage& m_Image;
+  const NtfsVolume& m_Volume;
+  const NtfsStyle& m_Style;
+};
+
+}  // namespace
+
+void ToEarlierLayout(Bytes& record) {
+  constexpr size_t kSequence = 42;
+  constexpr size_t kFirst = 48;
+  const size_t sequence = LoadLe16(&record[4]);
+  const size_t first = LoadLe16(&record[20]);
+  const uint16_t number = LoadLe16(&record[sequence]);
+  for (size_t sector = 0; sector < 2; ++sector) {
+    std::copy_n(&record[sequence + 2 + 2 * sector], 2, &record[(sector + 1) * kSector - 2]);
+  }
+  std::copy(record.begin() + static_cast<std::ptrdiff_t>(first), record.end(),
+            record.begin() + static_cast<std::ptrdiff_t>(kFirst));
+  std::fill_n(record.end() - static_cast<std::ptrdiff_t>(first - kFirst), first - kFirst,
+              static_cast<unsigned char>(0));
+  StoreLe16(&record[4], kSequence);
+  StoreLe16(&record[20], kFirst);
+  StoreLe16(&record[24], static_cast<uint16_t>(LoadLe16(&record[24]) - (first - kFirst)));
+  StoreLe16(&record[kSequence], number);
+  for (size_t sector = 0; sector < 2; ++sector) {
+    std::copy_n(&record[(sector + 1) * kSector - 2], 2, &record[kSequence + 2 + 2 * sector]);
+    StoreLe16(&record[(sector + 1) * kSector - 2], number);
+  }
+}
+
+void PutNtfsSection(ForeignImage& image, const NtfsVolume& volume, const NtfsStyle& style) {
+  constexpr uint8_t kNtfs = 7;
+  image.BeginSection(kNtfs, 3);
+  NtfsWriter writer(image, volume, style);
+  writer.Put(NtfsVolume::kRoot);
+  const uint32_t end = image.Offset();
+  writer.PutEnd();
+  image.EndSection();
+  image.Index(2, end, image.Offset() - end);
+}
+
+}  // namespace capsule::test
