@@ -47,7 +47,7 @@ class CAPSULE_API CapsuleFileBlock {
   int WriteFile(int fd, int offset, int* pTotal, int level, char* history);
 
   // The same bytes as ReadAndChunk and WriteFile, one chunk in memory at a time. The file must
-  // have the size that its entry states.
+  // have the size that its entry states and not be written to meanwhile.
   int StreamFile(const char* path, int fd, int offset, int* pTotal, int level);
 
   // --- Reading (file_block_read.cpp) ---

@@ -1,6 +1,7 @@
 // Writing one file: its record group, then one data block record a chunk.
 #include <algorithm>
 #include <array>
+#include <atomic>
 #include <span>
 
 #include "capsule/blocks/data_block.h"
@@ -82,13 +83,15 @@ class RecordWriter {
   bool m_bCompress = false;
 };
 
-bool HasLength(int descriptor, uint32_t length) {
-  return platform::FileLength(descriptor) == int64_t{length};
+bool IsCancelled() {
+  const std::atomic<bool>* cancel = CurrentLibraryState().cancel;
+  return cancel != nullptr && *cancel;
 }
 
 bool StreamChunks(int source, uint32_t size, RecordWriter& writer) {
   std::array<unsigned char, kChunkSize> chunk;
   for (uint32_t position = 0; position < size;) {
+    if (IsCancelled()) return false;
     const uint32_t length = std::min(size - position, kChunkSize);
     if (platform::ReadAt(source, chunk.data(), length, position) != int64_t{length}) return false;
     const uint32_t padded = PaddedChunkLength(length);
@@ -151,9 +154,12 @@ int CapsuleFileBlock::StreamFile(const char* path, int fd, int offset, int* pTot
   const platform::DescriptorOwner source(
       platform::OpenHostFile(CurrentLibraryState().hostView, path));
   const uint32_t size = m_DirectoryEntry.EntryFor(m_DirectoryType).FileSize;
-  if (!source || !HasLength(source.Get(), size)) return -1;
+  const auto before = platform::Stamp(source.Get());
+  if (!before || before->length != int64_t{size}) return -1;
   RecordWriter writer(fd, offset, level);
-  if (!StreamChunks(source.Get(), size, writer) || !HasLength(source.Get(), size)) return -1;
+  if (!StreamChunks(source.Get(), size, writer)) return -1;
+  // Written to meanwhile, the file may never have had the content that was read.
+  if (platform::Stamp(source.Get()) != before) return -1;
   return Advance(pTotal, writer.Written()) ? 0 : -1;
 }
 

@@ -61,6 +61,10 @@ class CAPSULE_API CapsuleFile {
   // call before). A path that ends in '?' is skipped. A failed insertion leaves the write offset,
   // all bytes before it, and the current partition as they were.
   int InsertFile(const char* path, int partition);
+
+  // Makes `partition` the current one: closes the section before and begins a new one. InsertFile
+  // does so by itself; this is for a partition that may stay empty. Same rules and failures.
+  int BeginPartition(int partition);
   int UpdatePartitionInfo(CapsulePartition* partition, int slot);
 
   // Closes open levels, writes the last trailer, completes the header, closes the file.
@@ -115,6 +119,9 @@ class CAPSULE_API CapsuleFile {
   int _SwitchPartition(int partition);
   int _CountLevelsToClose(const CString& directory);
   int _WriteItem(const CString& path, bool directory);
+  // Runs `step`; when it does not give 0, takes back what it wrote.
+  template <typename Step>
+  int _AllOrNothing(Step step);
   void _RollBack(const InsertionStart& start);
 
   uint32_t m_nSectorCount = 0;

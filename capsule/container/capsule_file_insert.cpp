@@ -68,10 +68,19 @@ int CapsuleFile::InsertFile(const char* path, int partition) {
   const CString trimmed(platform::TrimRight(path));
   if (!trimmed.empty() && trimmed.back() == kSkipMark) return 0;
 
+  return _AllOrNothing([&] { return _Insert(path, trimmed, partition); });
+}
+
+int CapsuleFile::BeginPartition(int partition) {
+  return _AllOrNothing([&] { return _SwitchPartition(partition); });
+}
+
+template <typename Step>
+int CapsuleFile::_AllOrNothing(Step step) {
   const InsertionStart start{platform::FileLength(m_hImageFile), m_nWriteOffset,
                              m_nCurrentPartition, m_pCurrentPartition};
   try {
-    if (_Insert(path, trimmed, partition) == 0) return 0;
+    if (step() == 0) return 0;
   } catch (const std::bad_alloc&) {
     // Reported like every other failure.
   }

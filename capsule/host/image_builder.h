@@ -34,11 +34,11 @@ struct BuildProgress {
 };
 
 struct BuildOptions {
-  int level = 5;                      // 0 stored, 1-3 fast, 4-6 medium, 7-9 maximum
-  std::string label;                  // version text; "Capsulate" is put in front unless there
-  std::vector<std::string> excludes;  // globs: matched against an item's name, or with a '/' in
-                                      // them against its path below its DIR
-  std::function<void(const BuildProgress&)> onProgress;
+  int level = 5;                        // 0 stored, 1-3 fast, 4-6 medium, 7-9 maximum
+  std::string label{};                  // version text; "Capsulate" is put in front unless there
+  std::vector<std::string> excludes{};  // globs: matched against an item's name, or with a '/' in
+                                        // them against its path below its DIR
+  std::function<void(const BuildProgress&)> onProgress{};
 };
 
 struct BuildProblem {

@@ -25,7 +25,6 @@
 namespace capsule::host {
 namespace {
 
-constexpr uint64_t kMaxImageSize = 0x7FFFFFFF;
 constexpr uint8_t kIndexFolder = kIndexZeroEntry;  // everything of the tree that is not a file
 
 IndexRecord MakeRecord(uint8_t type, std::string name, uint64_t offset, uint64_t length) {
@@ -176,7 +175,7 @@ IndexWriter::Plan IndexWriter::Measure() {
   plan.report.sections = scanner.SectionCount();
   plan.report.indexOffset = scanner.Position();
   plan.report.imageBytes = scanner.Position() + indexSize;
-  if (plan.report.imageBytes > kMaxImageSize) {
+  if (plan.report.imageBytes > static_cast<uint64_t>(kMaxImageSize)) {
     throw Error(m_strName, "image with its index would be " +
                                std::to_string(plan.report.imageBytes) + " bytes, " +
                                std::to_string(kMaxImageSize) + " are possible");

@@ -15,7 +15,6 @@
 namespace capsule::host {
 namespace {
 
-constexpr uint64_t kMaxImageSize = 0x7FFFFFFF;
 constexpr uint8_t kSystemIdNtfs = 7;
 constexpr uint64_t kClosingBytes = kDirRecordSize;  // of a trailer, read as a zero entry
 
@@ -41,7 +40,7 @@ SectionScanner::SectionScanner(int descriptor, std::string name)
   const int64_t length = platform::FileLength(descriptor);
   if (length < 0) throw Error(m_strName, "length is not known");
   m_nFileLength = static_cast<uint64_t>(length);
-  if (m_nFileLength > kMaxImageSize) {
+  if (m_nFileLength > static_cast<uint64_t>(kMaxImageSize)) {
     throw Error(m_strName, "not an image: " + Numbers(m_nFileLength, " bytes, at most ",
                                                       kMaxImageSize, " are possible"));
   }

@@ -41,6 +41,20 @@ bool WriteHere(int descriptor, const void* data, size_t count);
 // The length of the open file in bytes, or -1.
 int64_t FileLength(int descriptor);
 
+// What becomes another when a file is written to.
+struct FileStamp {
+  int64_t length = 0;
+  int64_t modifiedSeconds = 0;
+  int64_t modifiedNanoseconds = 0;
+  bool operator==(const FileStamp&) const = default;
+};
+
+// The stamp of an open file; none on failure.
+std::optional<FileStamp> Stamp(int descriptor);
+
+// Whether the file's storage has room for `count` bytes from `offset` on; its length stays.
+bool CanGrow(int descriptor, int64_t offset, int64_t count);
+
 bool Truncate(int descriptor, int64_t length);
 bool Sync(int descriptor);
 

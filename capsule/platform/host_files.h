@@ -34,6 +34,9 @@ struct FileStatus {
 // Follows links. None when nothing is found, with the reason in errno.
 std::optional<FileStatus> Status(const std::string& path);
 
+// The same for a link itself where the path ends in one.
+std::optional<FileStatus> StatusOfLink(const std::string& path);
+
 // Whether something of that name is there, a dangling link included.
 bool Exists(const std::string& path);
 

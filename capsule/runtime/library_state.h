@@ -6,6 +6,7 @@
 // a parameter.
 #pragma once
 
+#include <atomic>
 #include <cstdint>
 #include <memory>
 #include <string>
@@ -39,6 +40,10 @@ struct LibraryState {
 
   // The current index, or null. Written by ImageIndex::Instance and DeleteCurrentInstance.
   ImageIndex* index = nullptr;
+
+  // When it is there and true, the insertion of a file fails soon. Set by host::ImageBuilder, made
+  // true on any thread; read between the chunks of a file.
+  const std::atomic<bool>* cancel = nullptr;
 
   // How inserted paths are resolved and described.
   platform::HostView hostView;

@@ -163,7 +163,7 @@ TEST(SectionScanner, EveryTruncationIsNoticed) {
   const std::string good = test::ReadFile(CAPSULE_TEST_DATA "/images/w_files_only.img");
   const size_t end = 19756;
   const test::TempDir folder;
-  for (size_t length = 0; length < end; length += length < 9600 ? 97 : 31) {
+  for (size_t length = 0; length < end; length += length < 9600 ? 997 : 97) {
     test::WriteFile(folder / "x.cap", good.substr(0, length));
     EXPECT_THROW(Scan(folder / "x.cap"), Error) << length;
   }

@@ -103,6 +103,22 @@ int64_t FileLength(int descriptor) {
   return status.st_size;
 }
 
+std::optional<FileStamp> Stamp(int descriptor) {
+  struct stat status {};
+  if (!IsOpen(descriptor) || ::fstat(descriptor, &status) != 0) return std::nullopt;
+  return FileStamp{status.st_size, status.st_mtim.tv_sec, status.st_mtim.tv_nsec};
+}
+
+bool CanGrow(int descriptor, int64_t offset, int64_t count) {
+  const int64_t length = FileLength(descriptor);
+  if (length < 0) return false;
+  int reason = EINTR;
+  while (reason == EINTR) reason = ::posix_fallocate(descriptor, offset, count);
+  if (!Truncate(descriptor, length)) return false;
+  errno = reason;
+  return reason == 0;
+}
+
 bool Truncate(int descriptor, int64_t length) {
   if (!IsOpen(descriptor)) return false;
   int result = -1;

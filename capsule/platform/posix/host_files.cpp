@@ -25,11 +25,9 @@ FileKind KindOf(mode_t mode) {
   return S_ISREG(mode) ? FileKind::Regular : FileKind::Other;
 }
 
-}  // namespace
-
-std::optional<FileStatus> Status(const std::string& path) {
+std::optional<FileStatus> StatusWith(const std::string& path, int flags) {
   struct statx found {};
-  if (::statx(AT_FDCWD, path.c_str(), 0, STATX_BASIC_STATS | STATX_BTIME, &found) != 0) {
+  if (::statx(AT_FDCWD, path.c_str(), flags, STATX_BASIC_STATS | STATX_BTIME, &found) != 0) {
     return std::nullopt;
   }
   FileStatus status;
@@ -43,6 +41,14 @@ std::optional<FileStatus> Status(const std::string& path) {
   const bool hasBirth = (found.stx_mask & STATX_BTIME) != 0;
   status.birth = hasBirth ? ToInstant(found.stx_btime) : status.modification;
   return status;
+}
+
+}  // namespace
+
+std::optional<FileStatus> Status(const std::string& path) { return StatusWith(path, 0); }
+
+std::optional<FileStatus> StatusOfLink(const std::string& path) {
+  return StatusWith(path, AT_SYMLINK_NOFOLLOW);
 }
 
 bool Exists(const std::string& path) {

@@ -1,0 +1,179 @@
+#include "capsule/host/image_builder.h"
+
+#include <algorithm>
+#include <atomic>
+#include <cerrno>
+#include <charconv>
+#include <cstdlib>
+#include <optional>
+#include <string_view>
+#include <system_error>
+#include <utility>
+
+#include "capsule/container/header_format.h"
+#include "capsule/host/image_draft.h"
+#include "capsule/host/reason.h"
+#include "capsule/host/source_walk.h"
+#include "capsule/platform/ascii.h"
+#include "capsule/platform/glob.h"
+#include "capsule/platform/host_files.h"
+
+namespace capsule::host {
+namespace {
+
+namespace fs = std::filesystem;
+
+constexpr std::string_view kSignature = "Capsulate";
+constexpr const char* kTimeVariable = "SOURCE_DATE_EPOCH";
+
+// The version text: readers know the layout of the header by its first word.
+std::string VersionText(const fs::path& image, const std::string& label) {
+  std::string version = label;
+  const std::string_view beginning = std::string_view(label).substr(0, kSignature.size());
+  if (!platform::EqualIgnoringCase(beginning, kSignature)) {
+    version = std::string(kSignature) + (label.empty() ? "" : " ") + label;
+  }
+  if (version.size() >= kVersionSize) {
+    throw Error(image.string(), "label is " + std::to_string(version.size()) + " bytes, " +
+                                    std::to_string(kVersionSize - 1) + " are possible");
+  }
+  if (version.find('\0') != std::string::npos) {
+    throw Error(image.string(), "label has a zero byte");
+  }
+  return version;
+}
+
+int CheckedLevel(const fs::path& image, int level) {
+  if (level >= 0 && level <= 9) return level;
+  throw Error(image.string(), "level is " + std::to_string(level) + ", 0 to 9 are possible");
+}
+
+// The file that a build replaces: where a link leads, so that the link stays.
+std::string Target(const fs::path& image) {
+  std::error_code error;
+  fs::path target = fs::absolute(image, error);
+  std::error_code missing;  // no link then
+  if (!error && fs::is_symlink(target, missing)) target = fs::weakly_canonical(target, error);
+  if (error) throw Error(image.string(), SystemReason(error.value()));
+  return target.string();
+}
+
+// The latest time to write, if the environment names one.
+std::optional<int64_t> LatestTime() {
+  const char* text = std::getenv(kTimeVariable);
+  if (text == nullptr || *text == '\0') return std::nullopt;
+  const std::string_view digits(text);
+  int64_t seconds = 0;
+  const auto [end, error] = std::from_chars(digits.begin(), digits.end(), seconds);
+  if (error != std::errc() || end != digits.end()) {
+    throw Error(kTimeVariable, "'" + std::string(digits) + "' is not a number of seconds");
+  }
+  return seconds;
+}
+
+bool IsExcluded(const std::vector<std::string>& globs, const std::string& name,
+                const std::string& relative) {
+  return std::any_of(globs.begin(), globs.end(), [&](const std::string& glob) {
+    if (glob.find('/') == std::string::npos) return platform::MatchesGlob(glob, name, false);
+    return platform::MatchesGlob(glob.front() == '/' ? glob.substr(1) : glob, relative, true);
+  });
+}
+
+}  // namespace
+
+struct ImageBuilder::Impl {
+  Impl(const fs::path& path, BuildOptions given)
+      : name(path.string()),
+        options(std::move(given)),
+        draft(Target(path), name, CheckedLevel(path, options.level),
+              VersionText(path, options.label), &isCancelled) {
+    if (const auto latest = LatestTime()) draft.CapTimes(*latest);
+  }
+
+  void Take(SourceWalk* walk, const SourceItem& item);
+  void Insert(SourceWalk* walk, const SourceItem& item);
+  void ThrowIfUnusable() const;
+
+  std::string name;
+  BuildOptions options;
+  std::atomic<bool> isCancelled = false;
+  ImageDraft draft;
+  BuildReport report;
+  int partitions = 0;
+  bool isBroken = false;  // thrown in the middle of something
+  bool isFinished = false;
+};
+
+void ImageBuilder::Impl::Take(SourceWalk* walk, const SourceItem& item) {
+  switch (item.kind) {
+    case SourceItem::Kind::Special:
+      ++report.skipped;
+      break;
+    case SourceItem::Kind::Excluded:
+      ++report.excluded;
+      break;
+    case SourceItem::Kind::Unreadable:
+      report.problems.push_back({item.path, item.reason});
+      break;
+    default:
+      if (!draft.IsOwnFile(item.status.identity)) Insert(walk, item);
+  }
+}
+
+void ImageBuilder::Impl::Insert(SourceWalk* walk, const SourceItem& item) {
+  const bool isFolder = item.kind == SourceItem::Kind::Folder;
+  if (const auto problem = draft.Insert(item)) {
+    report.problems.push_back({item.path, *problem});
+    if (isFolder) walk->SkipFolder();
+    return;
+  }
+  ++(isFolder ? report.directories : report.files);
+  report.sourceBytes += item.status.size;
+  if (!options.onProgress) return;
+  options.onProgress({std::to_string(partitions - 1) + ":/" + item.relative, report.files,
+                      report.directories, report.sourceBytes});
+}
+
+void ImageBuilder::Impl::ThrowIfUnusable() const {
+  if (isCancelled) throw Error(name, "cancelled");
+  if (isBroken) throw Error(name, "the build has failed before");
+  if (isFinished) throw Error(name, "the build is finished");
+}
+
+ImageBuilder::ImageBuilder(fs::path image, BuildOptions options)
+    : m_pImpl(std::make_unique<Impl>(image, std::move(options))) {}
+
+ImageBuilder::~ImageBuilder() = default;
+
+void ImageBuilder::AddDirectory(const fs::path& directory) {
+  m_pImpl->ThrowIfUnusable();
+  if (m_pImpl->partitions == kMaxPartitions) {
+    throw Error(directory.string(),
+                "an image holds " + std::to_string(kMaxPartitions) + " folders at most");
+  }
+  SourceWalk walk(directory.string(), [this](const std::string& name, const std::string& relative) {
+    return IsExcluded(m_pImpl->options.excludes, name, relative);
+  });
+  m_pImpl->isBroken = true;
+  m_pImpl->draft.BeginPartition(directory.string());
+  ++m_pImpl->partitions;
+  for (SourceItem item; walk.Next(&item);) {
+    if (m_pImpl->isCancelled) throw Error(m_pImpl->name, "cancelled");
+    m_pImpl->Take(&walk, item);
+  }
+  m_pImpl->isBroken = false;
+}
+
+BuildReport ImageBuilder::Finish() {
+  m_pImpl->ThrowIfUnusable();
+  if (m_pImpl->partitions == 0) throw Error(m_pImpl->name, "no folder was added");
+  m_pImpl->isBroken = true;
+  m_pImpl->report.imageBytes = m_pImpl->draft.Complete();
+  m_pImpl->isBroken = false;
+  m_pImpl->isFinished = true;
+  return std::move(m_pImpl->report);
+}
+
+void ImageBuilder::Cancel() { m_pImpl->isCancelled = true; }
+
+}  // namespace capsule::host

@@ -1,0 +1,65 @@
+// ImageDraft is an image in the making: a temporary file beside the target, and the classes that
+// write into it with a library state of their own.
+//
+// Calling order: the constructor, then BeginPartition and Insert as often as wanted, then Complete.
+// A draft that is not completed leaves nothing behind. Failures throw Error about the target. One
+// thread uses a draft.
+#pragma once
+
+#include <atomic>
+#include <cstdint>
+#include <optional>
+#include <string>
+
+#include "capsule/container/capsule_file.h"
+#include "capsule/host/source_walk.h"
+#include "capsule/platform/file.h"
+#include "capsule/platform/temporary_file.h"
+#include "capsule/runtime/library_state.h"
+
+namespace capsule::host {
+
+class ImageDraft {
+ public:
+  // `target`: absolute. `name`: what errors call it. `level`: 0 to 9. `version`: up to 255 bytes.
+  // Once `*cancel` is true, Insert and Complete throw soon; the flag must outlive the draft.
+  ImageDraft(std::string target, std::string name, int level, const std::string& version,
+             const std::atomic<bool>* cancel);
+  ~ImageDraft();
+  ImageDraft(const ImageDraft&) = delete;
+  ImageDraft& operator=(const ImageDraft&) = delete;
+
+  // No time is written that is later than this many seconds after 1970.
+  void CapTimes(int64_t unixSeconds);
+
+  // What is inserted from now on lies below `directory` and goes to the next partition.
+  void BeginPartition(const std::string& directory);
+
+  // Adds a file or a folder. None when it is in the image, else why it was left out: the image is
+  // as it was. Throws when the image cannot take it.
+  std::optional<std::string> Insert(const SourceItem& item);
+
+  // Whether this is the draft itself or the file in whose place it is to come.
+  bool IsOwnFile(const platform::FileIdentity& identity) const;
+
+  // Completes the image and puts it in the place of the target. Its size in bytes.
+  uint64_t Complete();
+
+ private:
+  [[noreturn]] void Fail(const std::string& reason) const;
+  void ThrowIfFull(int error, uint64_t size);
+  void CloseImage();
+  void ThrowIfCancelled() const;
+
+  std::string m_strTarget;
+  std::string m_strName;
+  platform::TemporaryFile m_Temporary;
+  std::optional<platform::FileIdentity> m_Own;
+  std::optional<platform::FileIdentity> m_Old;
+  LibraryState m_State;
+  CapsuleFile m_Image;
+  bool m_bOpen = false;  // m_Image has the file open
+  int m_nPartition = -1;
+};
+
+}  // namespace capsule::host

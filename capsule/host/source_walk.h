@@ -1,0 +1,69 @@
+// SourceWalk steps through a folder of the system in depth, names in byte order, following no link.
+//
+//   SourceWalk walk("/home/me/photos", filter);
+//   SourceItem item;
+//   while (walk.Next(&item)) ...
+//
+// A folder is listed when it is handed out and its items come right behind it, so memory is bounded
+// by the names of the folders that are open. One thread uses a walk.
+#pragma once
+
+#include <cstdint>
+#include <functional>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "capsule/platform/host_files.h"
+
+namespace capsule::host {
+
+struct SourceItem {
+  enum class Kind {
+    File,
+    Folder,
+    Special,     // a link, a device and the like
+    Excluded,    // by the filter
+    Unreadable,  // or of a name an image cannot hold: `reason` says it
+  };
+
+  Kind kind = Kind::File;
+  std::string path;      // of the system
+  std::string relative;  // to the walk's root, '/' between segments
+  platform::FileStatus status;
+  std::string reason;
+};
+
+// Why an image cannot hold an item of this name; null when it can.
+const char* NameProblem(std::string_view name);
+
+class SourceWalk {
+ public:
+  // Whether an item is left out, by name and by path below the root.
+  using Filter = std::function<bool(const std::string& name, const std::string& relative)>;
+
+  // Throws Error when `root` cannot be listed.
+  SourceWalk(std::string root, Filter filter);
+
+  // The next item; false behind the last.
+  bool Next(SourceItem* item);
+
+  // Leaves out what lies in the folder handed out last.
+  void SkipFolder();
+
+ private:
+  struct Frame {
+    std::vector<std::string> names;  // in byte order from the end on
+    size_t pathLength = 0;           // of m_strRelative before this folder's name
+  };
+
+  void Examine(const std::string& name, SourceItem* item);
+  void Enter(SourceItem* item);
+
+  std::string m_strRoot;
+  Filter m_Filter;
+  std::vector<Frame> m_Frames;
+  std::string m_strRelative;  // the open folder
+};
+
+}  // namespace capsule::host

@@ -1,0 +1,248 @@
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <sys/file.h>
+#include <sys/resource.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <csignal>
+#include <thread>
+
+#include "capsule/host/image_builder.h"
+#include "tests/host/scanned_tree.h"
+#include "tests/support/temp_dir.h"
+
+namespace capsule::host {
+namespace {
+
+namespace fs = std::filesystem;
+using test::TempDir;
+
+std::vector<std::string> Names(const fs::path& folder) {
+  std::vector<std::string> names;
+  for (const auto& entry : fs::directory_iterator(folder)) names.push_back(entry.path().filename());
+  std::sort(names.begin(), names.end());
+  return names;
+}
+
+std::string ErrorOf(const std::function<void()>& action) {
+  try {
+    action();
+  } catch (const Error& error) {
+    return error.what();
+  }
+  return "";
+}
+
+// A folder with sources, and one with an image that must survive.
+struct Place {
+  TempDir folder;
+  std::string source = folder / "source";
+  std::string target = folder / "target";
+  std::string image = target + "/x.cap";
+
+  Place() {
+    fs::create_directories(source);
+    fs::create_directories(target);
+    test::WriteFile(image, "the old image");
+  }
+  void ExpectUntouched() const {
+    EXPECT_EQ(test::ReadFile(image), "the old image");
+    EXPECT_EQ(Names(target), std::vector<std::string>{"x.cap"});
+  }
+};
+
+TEST(ImageBuilderFailure, NothingIsLeftOfABuildThatIsNotFinished) {
+  Place place;
+  test::WriteFile(place.source + "/f", "x");
+  {
+    ImageBuilder builder(place.image);
+    builder.AddDirectory(place.source);
+    EXPECT_EQ(Names(place.target).size(), 2u);
+  }
+  place.ExpectUntouched();
+
+  EXPECT_EQ(ErrorOf([&] { ImageBuilder(place.image).AddDirectory(place.source + "/none"); }),
+            place.source + "/none: no such file or directory");
+  EXPECT_EQ(ErrorOf([&] { ImageBuilder(place.image).AddDirectory(place.source + "/f"); }),
+            place.source + "/f: not a directory");
+  EXPECT_EQ(ErrorOf([&] { ImageBuilder(place.image).Finish(); }),
+            place.image + ": no folder was added");
+  EXPECT_EQ(ErrorOf([&] { ImageBuilder(place.target); }), place.target + ": is not a regular file");
+  EXPECT_EQ(ErrorOf([&] { ImageBuilder(place.folder / "none/x.cap"); }),
+            place.folder / "none/x.cap" + ": cannot be created: no such file or directory");
+  EXPECT_EQ(ErrorOf([&] { ImageBuilder(place.image, {.level = 10}); }),
+            place.image + ": level is 10, 0 to 9 are possible");
+  EXPECT_EQ(ErrorOf([&] {
+              ImageBuilder builder(place.image);
+              for (int i = 0; i < 11; ++i) builder.AddDirectory(place.source);
+            }),
+            place.source + ": an image holds 10 folders at most");
+  place.ExpectUntouched();
+}
+
+TEST(ImageBuilderFailure, CancelStopsTheBuild) {
+  Place place;
+  for (int i = 0; i < 100; ++i) test::WriteFile(place.source + "/" + std::to_string(i), "x");
+  uint64_t files = 0;
+  ImageBuilder* running = nullptr;
+  const auto onProgress = [&](const BuildProgress& at) {
+    files = at.files;
+    if (files == 10) running->Cancel();
+  };
+  {
+    ImageBuilder builder(place.image, {.onProgress = onProgress});
+    running = &builder;
+    EXPECT_EQ(ErrorOf([&] { builder.AddDirectory(place.source); }), place.image + ": cancelled");
+    EXPECT_EQ(files, 10u);
+    EXPECT_THROW(builder.Finish(), Error);
+  }
+  place.ExpectUntouched();
+}
+
+TEST(ImageBuilderFailure, ItemsThatVanishAreNamedAndLeftOut) {
+  Place place;
+  for (const char* name : {"a", "m/inner", "z"}) fs::create_directories(place.source + "/" + name);
+  for (const char* name : {"a/1", "b", "c", "m/2", "z/3"}) {
+    test::WriteFile(place.source + "/" + name, name);
+  }
+  const auto onProgress = [&](const BuildProgress& at) {
+    if (at.path == "0:/a/1") {
+      fs::remove(place.source + "/c");
+      fs::remove_all(place.source + "/m");
+      test::WriteFile(place.source + "/m", "now a file");
+    }
+  };
+  ImageBuilder builder(place.image, {.level = 0, .onProgress = onProgress});
+  builder.AddDirectory(place.source);
+  const BuildReport report = builder.Finish();
+  ASSERT_EQ(report.problems.size(), 1u);
+  EXPECT_EQ(report.problems[0].path, place.source + "/c");
+  EXPECT_EQ(report.problems[0].reason, "no such file or directory");
+  EXPECT_EQ(test::ScannedTree(place.image), test::FolderTree(place.source));
+}
+
+// Everything behind an item that failed lies where it would have without it.
+TEST(ImageBuilderFailure, FilesThatGrowAreNamedAndLeftOut) {
+  Place place;
+  fs::create_directories(place.source + "/d/e");
+  test::WriteFile(place.source + "/d/e/1", "in the depth");
+  test::WriteFile(place.source + "/d/growing", std::string(8 << 20, 'g'));
+  test::WriteFile(place.source + "/d/z", "behind");
+  std::atomic<bool> stop = false;
+  std::thread writer([&] {
+    const int file = ::open((place.source + "/d/growing").c_str(), O_WRONLY | O_APPEND | O_CLOEXEC);
+    while (!stop) EXPECT_EQ(::write(file, "more", 4), 4);
+    ::close(file);
+  });
+  ImageBuilder builder(place.image, {.level = 0});
+  builder.AddDirectory(place.source);
+  stop = true;
+  writer.join();
+  const BuildReport report = builder.Finish();
+  ASSERT_EQ(report.problems.size(), 1u);
+  EXPECT_EQ(report.problems[0].path, place.source + "/d/growing");
+  EXPECT_EQ(report.problems[0].reason, "changed while it was read");
+  fs::remove(place.source + "/d/growing");
+  EXPECT_EQ(test::ScannedTree(place.image), test::FolderTree(place.source));
+}
+
+TEST(ImageBuilderFailure, UnreadableItemsAreNamedAndLeftOut) {
+  Place place;
+  for (const char* name : {"closed", "open"}) fs::create_directories(place.source + "/" + name);
+  for (const char* name : {"closed/1", "open/2", "secret", "t"}) {
+    test::WriteFile(place.source + "/" + name, name);
+  }
+  fs::permissions(place.folder.Path(), fs::perms(0777));
+  fs::permissions(place.target, fs::perms(0777));
+  ::chmod((place.source + "/closed").c_str(), 0);
+  ::chmod((place.source + "/secret").c_str(), 0);
+  const uid_t user = ::geteuid();
+  ASSERT_TRUE(user != 0 || ::seteuid(65534) == 0);
+  const BuildReport report = [&] {
+    ImageBuilder builder(place.image, {.level = 0});
+    builder.AddDirectory(place.source);
+    return builder.Finish();
+  }();
+  ASSERT_TRUE(user != 0 || ::seteuid(0) == 0);
+  EXPECT_EQ(test::ScannedTree(place.image),
+            (test::Tree{{"0:open", "<dir>"}, {"0:open/2", "open/2"}, {"0:t", "t"}}));
+  ASSERT_EQ(report.problems.size(), 2u);
+  EXPECT_EQ(report.problems[0].path, place.source + "/closed");
+  EXPECT_EQ(report.problems[1].path, place.source + "/secret");
+  EXPECT_EQ(report.problems[1].reason, "permission denied");
+  ::chmod((place.source + "/closed").c_str(), 0700);
+}
+
+TEST(ImageBuilderFailure, FilesOfTwoGibibytesAreLeftOut) {
+  Place place;
+  test::WriteFile(place.source + "/f", "x");
+  fs::resize_file(place.source + "/f", uint64_t{1} << 31);
+  ImageBuilder builder(place.image);
+  builder.AddDirectory(place.source);
+  const BuildReport report = builder.Finish();
+  ASSERT_EQ(report.problems.size(), 1u);
+  EXPECT_EQ(report.problems[0].reason, "file has 2147483648 bytes, 2147483647 are possible");
+}
+
+// A file that the disk has no room for, at any size of the disk.
+TEST(ImageBuilderFailure, AFullDiskLeavesTheOldImage) {
+  Place place;
+  test::WriteFile(place.source + "/a", std::string(30'000, 'a'));
+  test::WriteFile(place.source + "/b", std::string(100, 'b'));
+  rlimit old{};
+  ASSERT_EQ(::getrlimit(RLIMIT_FSIZE, &old), 0);
+  const auto oldHandler = std::signal(SIGXFSZ, SIG_IGN);
+  for (rlim_t room = 0; room < 43'000; room += 1'000) {
+    rlimit low = old;
+    low.rlim_cur = room;
+    ASSERT_EQ(::setrlimit(RLIMIT_FSIZE, &low), 0);
+    const std::string error = ErrorOf([&] {
+      ImageBuilder builder(place.image, {.level = 0});
+      builder.AddDirectory(place.source);
+      builder.Finish();
+    });
+    ASSERT_EQ(::setrlimit(RLIMIT_FSIZE, &old), 0);
+    EXPECT_NE(error.find("file too large"), std::string::npos) << room << ": " << error;
+    place.ExpectUntouched();
+  }
+  std::signal(SIGXFSZ, oldHandler);
+}
+
+TEST(ImageBuilderFailure, AKilledBuildLeavesTheOldImageAndIsCleanedUp) {
+  Place place;
+  for (int i = 0; i < 50; ++i) test::WriteFile(place.source + "/" + std::to_string(i), "x");
+  const pid_t child = ::fork();
+  ASSERT_GE(child, 0);
+  if (child == 0) {
+    ImageBuilder builder(place.image, {.onProgress = [](const BuildProgress& at) {
+                           if (at.files == 20) ::raise(SIGKILL);
+                         }});
+    builder.AddDirectory(place.source);
+    ::_exit(1);
+  }
+  int status = 0;
+  ASSERT_EQ(::waitpid(child, &status, 0), child);
+  ASSERT_TRUE(WIFSIGNALED(status) && WTERMSIG(status) == SIGKILL);
+  EXPECT_EQ(test::ReadFile(place.image), "the old image");
+  ASSERT_EQ(Names(place.target).size(), 2u);
+  EXPECT_EQ(Names(place.target)[0].substr(0, 20),
+            ".x.cap.capsule-tmp-" + Names(place.target)[0].substr(19, 1));
+
+  ImageBuilder live(place.image);
+  ASSERT_EQ(Names(place.target).size(), 2u) << "the dead one is gone, the live one there";
+  const std::string other = Names(place.target)[0];
+  {
+    ImageBuilder second(place.image);
+    EXPECT_EQ(Names(place.target).size(), 3u) << "a live one is left alone";
+  }
+  EXPECT_EQ(Names(place.target)[0], other);
+  live.AddDirectory(place.source);
+  live.Finish();
+  EXPECT_EQ(Names(place.target), std::vector<std::string>{"x.cap"});
+}
+
+}  // namespace
+}  // namespace capsule::host

@@ -1,0 +1,206 @@
+#include "capsule/host/image_builder.h"
+
+#include <gtest/gtest.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cstdlib>
+
+#include "tests/host/scanned_tree.h"
+#include "tests/support/temp_dir.h"
+
+namespace capsule::host {
+namespace {
+
+namespace fs = std::filesystem;
+using test::TempDir;
+
+const fs::path kSources = fs::path(CAPSULE_TEST_DATA) / "../../capsule";
+
+BuildReport Build(const std::string& image, const std::vector<fs::path>& folders,
+                  BuildOptions options = {}) {
+  ImageBuilder builder(image, std::move(options));
+  for (const fs::path& folder : folders) builder.AddDirectory(folder);
+  return builder.Finish();
+}
+
+TEST(ImageBuilder, PutsEveryItemInItsFolder) {
+  const TempDir folder;
+  const std::string image = folder / "x.cap";
+  const BuildReport report =
+      Build(image, {kSources, kSources / "host", kSources / "platform"}, {.level = 0});
+  test::Tree expected;
+  test::AddFolder(0, kSources, &expected);
+  test::AddFolder(1, kSources / "host", &expected);
+  test::AddFolder(2, kSources / "platform", &expected);
+  EXPECT_EQ(test::ScannedTree(image), expected);
+  EXPECT_EQ(report.files + report.directories, expected.size());
+  EXPECT_TRUE(report.problems.empty());
+  EXPECT_EQ(report.imageBytes, fs::file_size(image));
+}
+
+TEST(ImageBuilder, OddNamesComeOutAsTheyAre) {
+  const TempDir folder;
+  const std::string source = folder / "source";
+  fs::create_directories(source + "/sub folder/.deep/d.d");
+  std::vector<std::string> names = {"Makefile",   "README",      "readme.txt",    ".gitignore",
+                                    ".a.b",       "a..b",        "x+y[1].tar.gz", " lead",
+                                    "in between", "n\xc3\xa4me", "latin\xe9",     "case",
+                                    "Case",       "CASE",        "two\nlines",    "a:b"};
+  for (const size_t length : {1, 8, 12, 13, 14, 26, 27, 255}) names.emplace_back(length, 'L');
+  for (int i = 0; i < 2000; ++i) names.push_back("sameeight" + std::to_string(i));
+  for (const std::string& name : names) test::WriteFile(source + "/" + name, "of " + name);
+  test::WriteFile(source + "/sub folder/.deep/d.d/leaf", "l");
+  test::WriteFile(source + "/sub folder/zz", "after a folder");
+  test::WriteFile(source + "/zzz", "after two");
+
+  const BuildReport report = Build(folder / "x.cap", {source}, {.level = 0});
+  EXPECT_EQ(test::ScannedTree(folder / "x.cap"), test::FolderTree(source));
+  EXPECT_TRUE(report.problems.empty());
+  EXPECT_EQ(report.files, names.size() + 3);
+}
+
+TEST(ImageBuilder, NamesThatDoNotFitAreLeftOutWithAllBelow) {
+  const TempDir folder;
+  const std::string source = folder / "source";
+  fs::create_directories(source + "/dot./inner");
+  fs::create_directories(source + "/ok");
+  test::WriteFile(source + "/dot./inner/f", "x");
+  for (const char* name : {"back\\slash", "what?", "blank ", "tab\t", "ok/line\n", "ok/a\\"}) {
+    test::WriteFile(source + "/" + name, "x");
+  }
+  test::WriteFile(source + "/ok/?.no\x85", "kept");
+  const BuildReport report = Build(folder / "x.cap", {source}, {.level = 0});
+  EXPECT_EQ(test::ScannedTree(folder / "x.cap"),
+            (test::Tree{{"0:ok", "<dir>"}, {"0:ok/?.no\x85", "kept"}}));
+  ASSERT_EQ(report.problems.size(), 7u);
+  EXPECT_EQ(report.problems[0].path, source + "/back\\slash");
+  EXPECT_EQ(report.problems[0].reason, "an image cannot hold a name with a '\\'");
+}
+
+TEST(ImageBuilder, SameTreeSameBytesWhereverItLies) {
+  const TempDir folder;
+  const std::string here = folder / "here";
+  const std::string there = folder / "elsewhere/deeper/there";
+  fs::create_directories(here + "/d");
+  for (int i = 0; i < 50; ++i) test::WriteFile(here + "/Long name " + std::to_string(i), "x");
+  test::WriteFile(here + "/d/f", std::string(20000, 'f'));
+  fs::create_directories(fs::path(there).parent_path());
+  ASSERT_EQ(std::system(("cp -a '" + here + "' '" + there + "'").c_str()), 0);
+
+  Build(folder / "a.cap", {here});
+  Build(folder / "b.cap", {there});
+  const std::string first = test::ReadFile(folder / "a.cap");
+  EXPECT_EQ(first, test::ReadFile(folder / "b.cap"));
+  Build(folder / "a.cap", {here + "/"});
+  EXPECT_EQ(first, test::ReadFile(folder / "a.cap"));
+}
+
+// Each folder stays a partition of its own number, also when nothing lies in it.
+TEST(ImageBuilder, EmptyFoldersAreEmptyPartitions) {
+  const TempDir folder;
+  for (const char* name : {"a", "b/sub", "c"}) fs::create_directories(folder / name);
+  test::WriteFile(folder / "b/sub/f", "x");
+  Build(folder / "x.cap", {folder / "a", folder / "b", folder / "c", folder / "b"}, {.level = 0});
+  EXPECT_EQ(
+      test::ScannedTree(folder / "x.cap"),
+      (test::Tree{{"1:sub", "<dir>"}, {"1:sub/f", "x"}, {"3:sub", "<dir>"}, {"3:sub/f", "x"}}));
+}
+
+TEST(ImageBuilder, SkipsWhatIsNoFileAndWhatIsExcluded) {
+  const TempDir folder;
+  const std::string source = folder / "s";
+  for (const char* name : {"keep/build", "build/x", "a/b/c"})
+    fs::create_directories(source + "/" + name);
+  for (const char* name : {"1.o", "1.c", "keep/2.o", "build/x/3", "a/b/c/4", "a/b/5"}) {
+    test::WriteFile(source + "/" + name, "x");
+  }
+  fs::create_symlink("1.c", source + "/link");
+  fs::create_symlink("keep", source + "/folder link");
+  ASSERT_EQ(::mkfifo((source + "/fifo").c_str(), 0600), 0);
+  const BuildReport report =
+      Build(folder / "x.cap", {source}, {.level = 0, .excludes = {"*.o", "/build", "a/*/c"}});
+  EXPECT_EQ(test::ScannedTree(folder / "x.cap"), (test::Tree{{"0:1.c", "x"},
+                                                             {"0:a", "<dir>"},
+                                                             {"0:a/b", "<dir>"},
+                                                             {"0:a/b/5", "x"},
+                                                             {"0:keep", "<dir>"},
+                                                             {"0:keep/build", "<dir>"}}));
+  EXPECT_EQ(report.skipped, 3u);
+  EXPECT_EQ(report.excluded, 4u);
+}
+
+TEST(ImageBuilder, NeverTakesItsOwnFiles) {
+  const TempDir folder;
+  test::WriteFile(folder / "f", "x");
+  for (int run = 0; run < 2; ++run) {
+    const BuildReport report = Build(folder / "x.cap", {folder.Path()}, {.level = 0});
+    EXPECT_EQ(test::ScannedTree(folder / "x.cap"), (test::Tree{{"0:f", "x"}}));
+    EXPECT_EQ(report.skipped + report.excluded + report.problems.size(), 0u);
+  }
+}
+
+TEST(ImageBuilder, KeepsPermissionsAndLinksOfTheTarget) {
+  const TempDir folder;
+  fs::create_directories(folder / "s");
+  const mode_t mask = ::umask(027);
+  Build(folder / "new.cap", {folder / "s"});
+  ::umask(mask);
+  EXPECT_EQ(static_cast<unsigned>(fs::status(folder / "new.cap").permissions()), 0640u);
+
+  test::WriteFile(folder / "old.cap", "old");
+  fs::permissions(folder / "old.cap", fs::perms(0604));
+  fs::create_symlink("old.cap", folder / "link.cap");
+  Build(folder / "link.cap", {folder / "s"});
+  EXPECT_TRUE(fs::is_symlink(folder / "link.cap"));
+  EXPECT_EQ(static_cast<unsigned>(fs::status(folder / "old.cap").permissions()), 0604u);
+  EXPECT_EQ(test::ReadFile(folder / "old.cap"), test::ReadFile(folder / "new.cap"));
+}
+
+TEST(ImageBuilder, LabelsBeginWithTheSignature) {
+  const TempDir folder;
+  fs::create_directories(folder / "s");
+  const auto label = [&](const std::string& given) {
+    Build(folder / "x.cap", {folder / "s"}, {.label = given});
+    return std::string(test::ReadFile(folder / "x.cap").c_str());
+  };
+  EXPECT_EQ(label(""), "Capsulate");
+  EXPECT_EQ(label("my photos"), "Capsulate my photos");
+  EXPECT_EQ(label("capsulated"), "capsulated");
+  EXPECT_EQ(label(std::string(245, 'x')).size(), 255u);
+  EXPECT_THROW(label(std::string(246, 'x')), Error);
+}
+
+TEST(ImageBuilder, SourceDateEpochCapsTimes) {
+  const TempDir folder;
+  fs::create_directories(folder / "s");
+  test::WriteFile(folder / "s/F", "x");
+  const auto writeDate = [&](const char* epoch) {
+    ::setenv("SOURCE_DATE_EPOCH", epoch, 1);
+    Build(folder / "x.cap", {folder / "s"});
+    const std::string image = test::ReadFile(folder / "x.cap");
+    return static_cast<unsigned char>(image[9616 + 8 + 24]) +
+           256 * static_cast<unsigned char>(image[9616 + 8 + 25]);
+  };
+  EXPECT_EQ(writeDate("946684800"), (2000 - 1980) << 9 | 1 << 5 | 1);
+  EXPECT_GT(writeDate("4000000000"), (2025 - 1980) << 9);
+  EXPECT_THROW(writeDate("soon"), Error);
+  ::unsetenv("SOURCE_DATE_EPOCH");
+}
+
+TEST(ImageBuilder, ReportsProgress) {
+  const TempDir folder;
+  fs::create_directories(folder / "s/d");
+  fs::create_directories(folder / "d");
+  test::WriteFile(folder / "s/d/f", "12345");
+  std::vector<std::string> seen;
+  Build(folder / "x.cap", {folder / "d", folder / "s"},
+        {.onProgress = [&](const BuildProgress& at) {
+          seen.push_back(at.path + " " + std::to_string(at.files) + std::to_string(at.directories) +
+                         std::to_string(at.sourceBytes));
+        }});
+  EXPECT_EQ(seen, (std::vector<std::string>{"1:/d 010", "1:/d/f 115"}));
+}
+
+}  // namespace
+}  // namespace capsule::host
