@@ -1,0 +1,38 @@
+// The compressor's inner loop: search and write without a check per token.
+//
+// Contract. On entry the call's writer stands at the start of a word. The loop goes on while the
+// cursor is below `stop` and the destination has kFastRoom bytes left; it never writes within the
+// last bytes of that room that a word and a half of codes could need. A token takes at most
+// kMaxHeaderBits, is added to less than a byte of left-over bits, and is stored as eight bytes of
+// which the unused rest is overwritten by the next store. A match whose groups of length do not
+// surely fit is handed back unwritten.
+#pragma once
+
+#include <cstdint>
+
+#include "capsule/compression/compression_area.h"
+#include "capsule/compression/match_search.h"
+
+namespace capsule::lzs {
+
+struct FastCompression {
+  SearchWindow window;
+  uint32_t next;  // source index of the cursor; stop: where the search ends
+  uint32_t stop;
+  uint32_t position;  // of the cursor
+  unsigned char* out;
+  const unsigned char* outLimit;
+  uint32_t bits;  // right-aligned, bitCount (below 32) of them
+  unsigned bitCount;
+  Match unwritten;  // length 0: none; `next` and `position` are behind it
+};
+
+inline constexpr uint32_t kStoreSize = 8;
+inline constexpr uint32_t kFastRoom = 24;
+// The bits held at entry, one token and a store; what remains holds the words of a token.
+static_assert(kFastRoom >= 31 / 8 + kStoreSize + kStoreSize);
+static_assert(31 + kMaxHeaderBits <= 64);
+
+void CompressFast(CompressionArea& area, FastCompression& run, uint16_t flags, uint32_t effort);
+
+}  // namespace capsule::lzs
