@@ -27,7 +27,9 @@ char* AsChars(unsigned char* p) { return static_cast<char*>(static_cast<void*>(p
 
 }  // namespace
 
-CapsuleBuffer::CapsuleBuffer(const CapsuleBuffer& source) { *this = source; }
+CapsuleBuffer::CapsuleBuffer(const CapsuleBuffer& source) {
+  CapsuleBuffer::Add(source.m_pRead, source.Size());
+}
 
 CapsuleBuffer::~CapsuleBuffer() {
   if (m_bDontDelete == 0) std::free(m_pStart);

@@ -70,6 +70,7 @@ int CapsuleFileBlock::IsEndingMark() { return m_DirectoryEntry.IsEmpty(); }
 
 int CapsuleFileBlock::operator==(const CString& s) const { return m_DirectoryEntry == s; }
 
+// NOLINTNEXTLINE(performance-unnecessary-value-param): the class interface takes it by value
 void CapsuleFileBlock::PrintYourself(CString /*s*/) {}
 
 }  // namespace capsule

@@ -129,7 +129,7 @@ int CapsuleFileBlock::ReadAndChunk(const char* path) {
     }
     fileSize = block->GetFileSize();
     m_DataBlocks.Append(block.get());
-    block.release();
+    static_cast<void>(block.release());
   }
   return 0;
 }

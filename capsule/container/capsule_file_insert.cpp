@@ -195,7 +195,7 @@ uint32_t CapsuleFile::_BuildPathSegmentList(_ListNode** head, const CString& pat
       FreeList(head, false);
       return problem;
     }
-    segment.release();
+    static_cast<void>(segment.release());
     begin = end + 1;
   }
   return 0;

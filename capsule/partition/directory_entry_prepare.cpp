@@ -142,6 +142,7 @@ int CapsuleDirectoryEntry::SetCapFileName(DirectoryType t) {
   return -1;
 }
 
+// NOLINTNEXTLINE(performance-unnecessary-value-param): the class interface takes it by value
 int CapsuleDirectoryEntry::GetFileName(CString path, CString& name, CString& ext) {
   if (path.empty()) return 0;
   const CString component = LastComponent(path);

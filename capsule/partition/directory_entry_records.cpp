@@ -13,7 +13,7 @@ namespace capsule {
 
 namespace {
 
-constexpr size_t kMaxChainBytes = kMaxLongNamePieces * kDirRecordSize;
+constexpr size_t kMaxChainBytes = size_t{kMaxLongNamePieces} * kDirRecordSize;
 
 template <typename Bytes>
 void Append(std::vector<unsigned char>& out, const Bytes& bytes) {

@@ -26,7 +26,7 @@ int CapsulePartition::InitializeCompressionHistory() {
 
 void CapsulePartition::_Append(std::unique_ptr<CapsuleFileBlock> block) {
   m_FileBlocks.Append(block.get());
-  block.release();
+  static_cast<void>(block.release());
 }
 
 void CapsulePartition::_RememberInserted(CapsuleFileBlock& block) {

@@ -1,0 +1,232 @@
+#include "capsule/partition/directory_entry.h"
+
+#include <gtest/gtest.h>
+
+#include <filesystem>
+
+#include "capsule/partition/record_format.h"
+#include "capsule/platform/descriptor_owner.h"
+#include "tests/support/bytes.h"
+#include "tests/support/source_tree.h"
+
+namespace capsule {
+namespace {
+
+using test::Hex;
+using test::Zeros;
+
+constexpr auto kFat16 = CapsuleDirectoryEntry::DirTypeFat16;
+constexpr auto kFat32 = CapsuleDirectoryEntry::DirTypeFat32;
+const std::string kHeader = Hex("16 01 00 00 00 00 20 00");
+
+class DirectoryEntryTest : public testing::Test {
+ protected:
+  // The records that an entry for `path` is written as, zero entries included.
+  std::string Written(const char* path, CapsuleDirectoryEntry::DirectoryType type = kFat32) {
+    const std::string target = m_Tree.Beside("records");
+    std::filesystem::remove(target);
+    const platform::DescriptorOwner image(platform::OpenForWriting(target.c_str()));
+    CapsuleDirectoryEntry entry;
+    int count = 0;
+    EXPECT_EQ(entry.SetFileDirectory(type, path, image.Get(), 0, &count), 0) << path;
+    EXPECT_EQ(entry.Write(type, image.Get(), count, &count), 0) << path;
+    std::string bytes = test::ReadFile(target);
+    EXPECT_EQ(static_cast<size_t>(count), bytes.size());
+    return bytes;
+  }
+
+  // Result of reading `bytes`, which stand at offset 100 of an image.
+  int Read(CapsuleDirectoryEntry& entry, const std::string& bytes, int* count) {
+    const std::string image = m_Tree.Beside("image");
+    test::WriteFile(image, Zeros(100) + bytes);
+    const platform::DescriptorOwner file(platform::OpenForReading(image.c_str()));
+    return entry.Read(kFat32, file.Get(), 100, count);
+  }
+
+  // The name that `bytes` read back as.
+  std::string NameReadFrom(const std::string& bytes) {
+    CapsuleDirectoryEntry entry;
+    int count = 100;
+    EXPECT_EQ(Read(entry, bytes, &count), 0);
+    EXPECT_EQ(static_cast<size_t>(count), 100 + bytes.size());
+    const std::string units(entry.LongFileName().GetRead(),
+                            static_cast<size_t>(entry.LongFileName().Size()));
+    if (units.empty()) return ShortNameToBytes(entry.GetRecord()->OtherEntry);
+    return LongNameToBytes(DecodeLongName({test::Unsigned(units), units.size()}));
+  }
+
+  test::SourceTree m_Tree;
+};
+
+std::string LongRecord(int ordinal, const std::string& units1, const std::string& units6,
+                       const std::string& units12) {
+  return std::string(1, static_cast<char>(ordinal)) + units1 + Hex("0F 00 55") + units6 + Zeros(2) +
+         units12;
+}
+
+TEST_F(DirectoryEntryTest, NamesComeBackAsTheyWere) {
+  m_Tree.State().hostView.SetAliasPolicy(platform::AliasPolicy::Exact);
+  std::vector<std::string> names = {"Makefile",    "README",   ".gitignore",    ".a.b",
+                                    "a..b",        "MIX.txt",  "x+y[1].tar.gz", "with blank",
+                                    "caf\xC3\xA9", "\xFF\x80", "noext",         "A",
+                                    "UPPER.EX",    "..x",      "...y"};
+  for (const size_t length : {1U, 8U, 12U, 13U, 14U, 26U, 27U, 255U}) {
+    names.push_back(std::string(length - 1, 'n') + "z");
+  }
+  for (const std::string& name : names) m_Tree.AddFile(name, "");
+  for (const std::string& name : names) {
+    const std::string bytes = Written(test::SourceTree::Inserted(name).c_str());
+    EXPECT_EQ(NameReadFrom(bytes), name);
+    const bool isShort =
+        name == "README" || name == "A" || name == "UPPER.EX" || name == "\xFF\x80";
+    const size_t pieces = isShort ? 0 : (name.size() + 12) / 13;
+    EXPECT_EQ(bytes.size(), 40 * (pieces + 1)) << name;
+    if (isShort) continue;
+    const auto checksum = ShortNameChecksum(
+        std::span<const unsigned char, 11>(test::Unsigned(bytes) + 40 * pieces + 8, 11));
+    for (size_t i = 0; i < pieces; ++i) {
+      EXPECT_EQ(test::U8At(bytes, 40 * i + 8), pieces - i + (i == 0 ? 0x40 : 0)) << name;
+      EXPECT_EQ(test::U8At(bytes, 40 * i + 8 + 13), checksum) << name;
+    }
+  }
+}
+
+TEST_F(DirectoryEntryTest, ALastPieceIsTerminatedAndPaddedUnlessFull) {
+  m_Tree.AddFile("thirteen.char", "");
+  m_Tree.AddFile("fourteen.chars", "");
+  const std::string thirteen = Written("C:\\thirteen.char");
+  ASSERT_EQ(thirteen.size(), 80U);
+  EXPECT_EQ(thirteen.substr(8, 11), Hex("41 74 00 68 00 69 00 72 00 74 00"));
+  EXPECT_EQ(thirteen.substr(36, 4), Hex("61 00 72 00"));
+  const std::string fourteen = Written("C:\\fourteen.chars");
+  ASSERT_EQ(fourteen.size(), 120U);
+  EXPECT_EQ(fourteen.substr(0, 8), kHeader);
+  EXPECT_EQ(fourteen.substr(8, 11), Hex("42 73 00 00 00 FF FF FF FF FF FF"));
+  EXPECT_EQ(fourteen.substr(22, 12), std::string(12, '\xFF'));
+  EXPECT_EQ(test::U8At(fourteen, 48), 1);
+
+  CapsuleDirectoryEntry entry;
+  int count = 0;
+  ASSERT_EQ(Read(entry, fourteen, &count), 0);
+  EXPECT_EQ(count, 120);
+  EXPECT_EQ(entry.LongFileName().Size(), 52);
+  EXPECT_EQ(entry.ShortName(), "FOURTE~1.CHA");
+}
+
+TEST_F(DirectoryEntryTest, ShortEntriesHoldWhatTheFinderTells) {
+  m_Tree.AddFile("readme.txt", "12345");
+  m_Tree.AddDirectory("dir.d");
+  m_Tree.SetTime("readme.txt", 981173106);
+  m_Tree.SetTime("dir.d", 981173106);
+  EXPECT_EQ(Written("C:\\readme.txt"),
+            kHeader + "README  TXT" +
+                Hex("20 00 06 A3 20 43 2A 43 2A 0A 00 A3 20 43 2A 0A 00 05 00 00 00"));
+  EXPECT_EQ(Written("C:\\readme.txt", kFat16),
+            kHeader + "README  TXT" +
+                Hex("20 00 00 00 00 00 00 00 00 00 00 A3 20 43 2A 00 00 05 00 00 00"));
+  const std::string rest = Hex("10 00 06 A3 20 43 2A 43 2A 0A 00 A3 20 43 2A 0A 00 00 00 00 00");
+  EXPECT_EQ(Written("C:\\dir.d"), kHeader + "DIR     D  " + rest);
+  EXPECT_EQ(Written("C:\\dir.d\\."), kHeader + ".          " + rest);
+  EXPECT_EQ(Written("C:\\dir.d\\..").substr(0, 20), kHeader + "..         " + "\x10");
+  EXPECT_EQ(Written(nullptr), kHeader + Zeros(20) + Hex("0A 00 00 00 00 00 0A 00") + Zeros(4));
+
+  CapsuleDirectoryEntry entry;
+  int count = 0;
+  EXPECT_EQ(entry.SetFileDirectory(kFat32, "C:\\missing", -1, 0, &count), -1);
+  EXPECT_EQ(entry.SetFileDirectory(kFat32, "C", -1, 0, &count), -1);
+  EXPECT_EQ(entry.Write(kFat32, -1, 0, &count), -1);
+  EXPECT_EQ(count, 0);
+}
+
+TEST_F(DirectoryEntryTest, PendingZeroEntriesComeFirst) {
+  m_Tree.AddFile("F", "");
+  m_Tree.State().dirLevelsToClose = 2;
+  const std::string bytes = Written("C:\\F");
+  EXPECT_EQ(bytes.substr(0, 80), kHeader + Zeros(32) + kHeader + Zeros(32));
+  EXPECT_EQ(bytes.size(), 120U);
+  EXPECT_EQ(m_Tree.State().dirLevelsToClose, 0);
+  EXPECT_EQ(Written("C:\\F"), bytes.substr(80));
+
+  const platform::DescriptorOwner full(platform::OpenForWriting("/dev/full"));
+  CapsuleDirectoryEntry entry;
+  int count = 0;
+  m_Tree.State().dirLevelsToClose = 2;
+  EXPECT_EQ(entry.SetFileDirectory(kFat32, "C:\\F", full.Get(), 0, &count), -1);
+  EXPECT_EQ(m_Tree.State().dirLevelsToClose, 2);
+}
+
+TEST_F(DirectoryEntryTest, DamagedChainsFail) {
+  const std::string piece = LongRecord(0x41, Hex("61 00 62 00 00 00 FF FF FF FF"),
+                                       std::string(12, '\xFF'), std::string(4, '\xFF'));
+  const std::string entry = "AB         " + Hex("20") + Zeros(20);
+  const auto read = [&](const std::string& bytes) {
+    CapsuleDirectoryEntry target;
+    int count = 0;
+    return Read(target, bytes, &count);
+  };
+  const std::string partition = Hex("17 00 00 00 00 00 00 06");
+  EXPECT_EQ(NameReadFrom(kHeader + piece + kHeader + entry), "ab");
+  EXPECT_EQ(read(kHeader + piece + partition + entry), -1);
+  EXPECT_EQ(read(kHeader + piece + kHeader + Zeros(32)), -1);
+  for (size_t cut = 0; cut < 80; ++cut) {
+    EXPECT_EQ(read((kHeader + piece + kHeader + entry).substr(0, cut)), -1) << cut;
+  }
+  std::string chain;
+  for (int i = 0; i < 63; ++i) chain += kHeader + piece;
+  EXPECT_EQ(read(chain + kHeader + entry), 0);
+  EXPECT_EQ(read(chain + kHeader + piece + kHeader + entry), -1);
+
+  CapsuleDirectoryEntry zero;
+  int count = 0;
+  EXPECT_EQ(Read(zero, kHeader + Zeros(32), &count), 0);
+  EXPECT_EQ(count, 40);
+  EXPECT_EQ(zero.IsEmpty(), 1);
+}
+
+TEST_F(DirectoryEntryTest, LongNamesAreUtf16UnlessEveryUnitIsAByte) {
+  EXPECT_EQ(LongNameToBytes(u"caf\u00E9"), "caf\xE9");
+  EXPECT_EQ(LongNameToBytes(u"\u20AC\u00E9a"),
+            "\xE2\x82\xAC\xC3\xA9"
+            "a");
+  EXPECT_EQ(LongNameToBytes(u"\U0001F600"), "\xF0\x9F\x98\x80");
+  EXPECT_EQ(LongNameToBytes(std::u16string{0xDC00, u'x', 0xD800}), "\xEF\xBF\xBDx\xEF\xBF\xBD");
+}
+
+TEST_F(DirectoryEntryTest, Utf16NamesAreLaidOutLastPieceFirst) {
+  const std::u16string name = u"abcdefghijklmn";
+  std::vector<unsigned short> units(name.begin(), name.end());
+  CapsuleDirectoryEntry entry;
+  entry.FormatLongFileName(units.data(), 14);
+  ASSERT_EQ(entry.LongFileName().Size(), 52);
+  const std::string bytes(entry.LongFileName().GetRead(), 52);
+  EXPECT_EQ(bytes.substr(0, 26), Hex("6E 00") + std::string(24, '\xFF'));
+  EXPECT_EQ(DecodeLongName({test::Unsigned(bytes), 52}), name);
+
+  CapsuleDirectoryEntry full;
+  full.FormatLongFileName(units.data(), 13);
+  const std::string padded(full.LongFileName().GetRead(), 52);
+  EXPECT_EQ(padded.substr(0, 26), std::string(26, '\xFF'));
+  EXPECT_EQ(DecodeLongName({test::Unsigned(padded), 52}), name.substr(0, 13));
+}
+
+TEST_F(DirectoryEntryTest, PathsAreSplitAtTheLastSeparatorAndDot) {
+  struct Case {
+    const char* path;
+    int result;
+    const char* name;
+    const char* extension;
+  };
+  for (const Case& test :
+       {Case{"C:\\a.b\\c.tar.gz", 1, "c.tar", "gz"}, Case{"C:/a.b/plain", 0, "plain", "kept"},
+        Case{"a\\.", 1, ".", ""}, Case{"a\\..", 1, "..", ""}, Case{"", 0, "kept", "kept"}}) {
+    CapsuleDirectoryEntry entry;
+    CString name = "kept";
+    CString extension = "kept";
+    EXPECT_EQ(entry.GetFileName(test.path, name, extension), test.result) << test.path;
+    EXPECT_EQ(name, test.name) << test.path;
+    EXPECT_EQ(extension, test.extension) << test.path;
+  }
+}
+
+}  // namespace
+}  // namespace capsule

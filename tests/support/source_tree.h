@@ -1,0 +1,75 @@
+// A folder of sources to insert, seen as "C:" by a library state of the test's own.
+#pragma once
+
+#include <fcntl.h>
+#include <sys/stat.h>
+
+#include <cstdint>
+#include <filesystem>
+#include <random>
+#include <string>
+#include <string_view>
+
+#include "capsule/platform/host_view.h"
+#include "capsule/runtime/library_state.h"
+#include "tests/support/temp_dir.h"
+
+namespace capsule::test {
+
+class SourceTree {
+ public:
+  SourceTree() : m_Scope(m_State) {
+    std::filesystem::create_directory(Root());
+    m_State.hostView.SetRoot('C', Root());
+    m_State.hostView.SetTimePolicy(platform::TimePolicy::ModificationOnly);
+  }
+
+  LibraryState& State() { return m_State; }
+  std::string Root() const { return m_Dir / "src"; }
+
+  // The system's path of `name` below the root, and of a file beside the root.
+  std::string Source(std::string_view name) const { return Root() + "/" + std::string(name); }
+  std::string Beside(std::string_view name) const { return m_Dir / name; }
+
+  // What goes to InsertFile for `name`, whose separators are '/'.
+  static std::string Inserted(std::string_view name) {
+    std::string path = "C:/" + std::string(name);
+    for (char& c : path) c = c == '/' ? '\\' : c;
+    return path;
+  }
+
+  std::string AddFile(std::string_view name, std::string_view bytes) {
+    std::filesystem::create_directories(std::filesystem::path(Source(name)).parent_path());
+    WriteFile(Source(name), bytes);
+    return Inserted(name);
+  }
+
+  std::string AddDirectory(std::string_view name) {
+    std::filesystem::create_directories(Source(name));
+    return Inserted(name);
+  }
+
+  // Access and modification time of `name`.
+  void SetTime(std::string_view name, int64_t unixSeconds) {
+    const timespec times[] = {{unixSeconds, 0}, {unixSeconds, 0}};
+    ::utimensat(AT_FDCWD, Source(name).c_str(), times, 0);
+  }
+
+ private:
+  TempDir m_Dir;
+  LibraryState m_State;
+  ScopedLibraryState m_Scope;
+};
+
+// Half text of few letters, half noise: compresses somewhat.
+inline std::string MixedBytes(size_t count, uint32_t seed) {
+  std::mt19937 random(seed);
+  std::string bytes;
+  while (bytes.size() < count) {
+    const bool text = (bytes.size() / 300) % 2 == 0;
+    bytes.push_back(static_cast<char>(text ? 'a' + random() % 4 : random() % 256));
+  }
+  return bytes;
+}
+
+}  // namespace capsule::test
