@@ -188,10 +188,13 @@ int CapsuleFile::_IsKnownCompressed(CString& extension) {
 }
 
 uint32_t CapsuleFile::_BuildPathSegmentList(_ListNode** head, const CString& path) {
+  // Appending at the list's own end: walking to it for each segment would cost the square of them.
+  _ListNode** listEnd = head;
   for (size_t begin = 0; begin < path.size();) {
     const size_t end = std::min(path.find_first_of("\\/", begin), path.size());
     auto segment = std::make_unique<CString>(path, begin, end - begin);
-    if (const uint32_t problem = AppendListNode(head, segment.get()); problem != 0) {
+    while (*listEnd != nullptr) listEnd = &(*listEnd)->next;
+    if (const uint32_t problem = AppendListNode(listEnd, segment.get()); problem != 0) {
       FreeList(head, false);
       return problem;
     }

@@ -20,6 +20,10 @@ class FileWindow {
   std::span<const unsigned char> At(uint64_t offset, size_t count);
 
  private:
+  static constexpr size_t kLeapSize = size_t{4} << 10;
+
+  void Fill(uint64_t offset, size_t count);
+
   int m_nDescriptor;
   std::string m_strName;
   std::vector<unsigned char> m_Bytes;

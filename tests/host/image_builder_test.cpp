@@ -47,7 +47,8 @@ TEST(ImageBuilder, OddNamesComeOutAsTheyAre) {
                                     ".a.b",       "a..b",        "x+y[1].tar.gz", " lead",
                                     "in between", "n\xc3\xa4me", "latin\xe9",     "case",
                                     "Case",       "CASE",        "two\nlines",    "a:b"};
-  for (const size_t length : {1, 8, 12, 13, 14, 26, 27, 255}) names.emplace_back(length, 'L');
+  for (const size_t length : {1u, 8u, 12u, 13u, 14u, 26u, 27u, 255u})
+    names.emplace_back(length, 'L');
   for (int i = 0; i < 2000; ++i) names.push_back("sameeight" + std::to_string(i));
   for (const std::string& name : names) test::WriteFile(source + "/" + name, "of " + name);
   test::WriteFile(source + "/sub folder/.deep/d.d/leaf", "l");
@@ -94,6 +95,19 @@ TEST(ImageBuilder, SameTreeSameBytesWhereverItLies) {
   EXPECT_EQ(first, test::ReadFile(folder / "b.cap"));
   Build(folder / "a.cap", {here + "/"});
   EXPECT_EQ(first, test::ReadFile(folder / "a.cap"));
+}
+
+// As deep as paths of the system reach.
+TEST(ImageBuilder, DeepTreesGoInWithoutRecursion) {
+  const TempDir folder;
+  std::string path = folder / "s";
+  fs::create_directory(path);
+  for (int i = 0; i < 600; ++i) fs::create_directory(path += "/d");
+  test::WriteFile(path + "/leaf", "x");
+  test::WriteFile(folder / "s/z", "behind it all");
+  const BuildReport report = Build(folder / "x.cap", {folder / "s"}, {.level = 0});
+  EXPECT_EQ(report.directories, 600u);
+  EXPECT_EQ(test::ScannedTree(folder / "x.cap"), test::FolderTree(folder / "s"));
 }
 
 // Each folder stays a partition of its own number, also when nothing lies in it.

@@ -5,6 +5,8 @@
 
 #include <csignal>
 #include <cstdio>
+#include <filesystem>
+#include <fstream>
 
 #define XXH_INLINE_ALL
 #include <xxhash.h>
@@ -133,6 +135,42 @@ TEST(IndexWriter, DamagedImagesStayAsTheyAre) {
   EXPECT_THROW(IndexWriter(path).Write(), Error);
   EXPECT_THROW(IndexWriter(folder / "missing"), Error);
   EXPECT_THROW(IndexWriter(folder.Path()), Error);
+}
+
+// An image of holes that leaves room for 100 bytes: too few for its index.
+TEST(IndexWriter, ImagesThatWouldGetTooLargeStayAsTheyAre) {
+  constexpr uint64_t kMost = 0x7FFFFFFF;
+  test::SmallImage image;
+  image.BeginSection();
+  image.Entry("F       BIN", 0x20, 0x7F000000);
+  const test::TempDir folder;
+  const std::string path = folder / "x.cap";
+  test::WriteFile(path, image.Bytes());
+  std::fstream file(path, std::ios::in | std::ios::out | std::ios::binary);
+  const uint64_t trailer = kMost - 100 - kPartitionTrailerSize;
+  for (uint64_t at = image.Size(); at < trailer;) {
+    // The last record ends at the trailer; the one before leaves it room for a header.
+    uint64_t length = std::min<uint64_t>(trailer - at - 8, 65535);
+    if (trailer - at - 8 - length < 8 && trailer - at - 8 != length) length -= 8;
+    file.seekp(static_cast<std::streamoff>(at));
+    const bool last = at + 8 + length == trailer;
+    const auto header = EncodeMiniHeader(
+        {kRecordDataBlock, static_cast<uint8_t>(last ? 1 : 0), 0, static_cast<uint16_t>(length)});
+    file.write(std::string(header.begin(), header.end()).data(), 8);
+    at += 8 + length;
+  }
+  const auto end = EncodePartitionTrailer();
+  file.seekp(static_cast<std::streamoff>(trailer));
+  file.write(std::string(end.begin(), end.end()).data(), end.size());
+  file.close();
+  ASSERT_EQ(std::filesystem::file_size(path), kMost - 100);
+  try {
+    IndexWriter(path).Write();
+    FAIL();
+  } catch (const Error& error) {
+    EXPECT_NE(std::string(error.what()).find("2147483647 are possible"), std::string::npos);
+  }
+  EXPECT_EQ(std::filesystem::file_size(path), kMost - 100);
 }
 
 // A full disk: the image is one without an index, not one with half of it.
