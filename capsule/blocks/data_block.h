@@ -42,11 +42,13 @@ class CAPSULE_API CapsuleFileDataBlock {
   // --- Reading (data_block_read.cpp) ---
 
   // Reads the record at `offset` of the image open on `fd`; advances `*pOffset` past it. A record
-  // of another type gives 0 with IsValid() 0 and does not advance.
+  // of another type gives 0 with IsValid() 0 and does not advance. -1 also for a payload that the
+  // file does not hold.
   int Read(int fd, int offset, int* pOffset);
 
   // Makes the chunk's bytes, with the history that the chunk before left. 0 without data
-  // (IsDecompressed() 0) when the stated length is out of range.
+  // (IsDecompressed() 0) when the stated length is out of range. A unit that does not end where
+  // its chunk ends leaves a history with which no further unit decodes.
   int Decompress(CapsuleFile* file, char* history);
 
   // 1 when the chunk that begins at `blockStart` of its file touches the range; `*pBlockEnd` is
@@ -73,7 +75,14 @@ class CAPSULE_API CapsuleFileDataBlock {
   int NTFSIsDirectory();
   _MiniHeader& GetMiniHeader() { return m_MiniHeader; }
 
+  // Whether the payload that Read took is still held.
+  bool HasPayload() const { return m_pCompressed != nullptr; }
+
  private:
+  int ReadPayload(int fd, int64_t offset);
+  int DecompressUnit(char* history);
+  int ReadStored(CapsuleFile* file);
+
   _MiniHeader m_MiniHeader{};
   std::unique_ptr<unsigned char[]> m_pCompressed;
   std::unique_ptr<unsigned char[]> m_pUncompressed;

@@ -1,6 +1,7 @@
 #include "capsule/blocks/file_block.h"
 
 #include "capsule/blocks/data_block.h"
+#include "capsule/blocks/file_extraction.h"
 #include "capsule/partition/partition.h"
 
 namespace capsule {

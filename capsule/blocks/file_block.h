@@ -12,6 +12,7 @@
 
 #include <cstdint>
 #include <memory>
+#include <vector>
 
 #include "capsule/export.h"
 #include "capsule/partition/directory_entry.h"
@@ -21,7 +22,9 @@
 namespace capsule {
 
 class CapsuleFile;
+class CapsuleFileDataBlock;
 class CapsulePartition;
+struct FileExtraction;
 
 class CAPSULE_API CapsuleFileBlock {
  public:
@@ -55,10 +58,18 @@ class CAPSULE_API CapsuleFileBlock {
   // Reads the entry at `offset`; advances `*pOffset` past what it consumed.
   int Read(DirectoryType type, int fd, int offset, int* pOffset, CapsuleFile& file, char* history);
 
-  // Reads header and payload of every data block from `offset` on.
+  // Reads header and payload of every data block from `offset` on: all of the file's payloads are
+  // in memory afterwards. DecompressFile reads what it needs by itself where this was not called.
   bool ReadDataBlocks(int fd, int offset);
+
+  // Gives every block without children, here and below, its history; -1 at the first failure.
   int SetUpDecompressHeader(CapsuleFile& file, char* history, int size);
+
+  // Takes the `size` bytes at `history`, which stay the caller's, as what the first data block is
+  // decoded with. -1 when that was done before.
   int SetUpHistoryBuffer(char* history, int size);
+
+  // Copies the block's own history over the one it was set up from.
   int ResetHistoryBuffer();
   int IsHeaderCreated(int);
 
@@ -66,8 +77,11 @@ class CAPSULE_API CapsuleFileBlock {
 
   // Extracts `*pLen` bytes from byte `start` on; `*pLen` becomes how many there are. -1 for a
   // directory or a start at or behind the end; 0 with `*pLen` -1 when the extraction failed.
-  // `file` is the CapsuleFile of the image.
+  // `file` is the CapsuleFile of the image. Ranges may come in any order; forward ones decode every
+  // data block once.
   int DecompressFile(void* file, int start, int* pLen);
+
+  // The step of DecompressFile that fills the extraction buffer, which must hold `len` bytes.
   int DecompressFileBlocks(CapsuleFile* file, int start, int len);
   void* GetPtrToDecompressedFile();
   void ClearDecompressedFilePointer();
@@ -99,6 +113,22 @@ class CAPSULE_API CapsuleFileBlock {
   void SetFilePath(const char* path) { m_strFilePath = path; }
 
  private:
+  // Data blocks as stored (file_block_read.cpp).
+  void PrepareDataBlocks(int fd);
+  CapsuleFileDataBlock* DataBlockAt(int index) const;
+  FileExtraction& Extraction();
+  void LocateDataBlocks();
+  void SyncPlaces();
+
+  // Decoding in order (file_block_extract.cpp).
+  int FillExtractionBuffer(CapsuleFile* file, int64_t start, int len);
+  bool EnsureRecord(CapsuleFile* file, int index);
+  int DecodeDataBlock(CapsuleFile* file, int index);
+  int DecodeUpTo(CapsuleFile* file, int index);
+  void KeepCheckpoint();
+  bool RewindHistory(int index);
+  void ReleaseOutside(int64_t start, int64_t end);
+
   CString m_strFilePath;
   int32_t m_nDUPDATAOffset = 0;
   CpsList m_FileList;
@@ -111,10 +141,13 @@ class CAPSULE_API CapsuleFileBlock {
   std::unique_ptr<unsigned char[]> m_pDecompressedFile;
   int32_t m_nDecompressedSize = 0;
   char* m_pSharedHistory = nullptr;
-  std::unique_ptr<unsigned char[]> m_pHistoryCopy;
+  std::shared_ptr<const std::vector<unsigned char>> m_pInitialHistory;  // as it was set up
+  std::unique_ptr<unsigned char[]> m_pHistoryCopy;  // the same, moved on; null until first used
   int32_t m_nHistorySize = 0;
   CapsulePartition* m_pPartition;
   DirectoryType m_DirectoryType;
+  bool m_bDataBlocksPending = false;  // a file was read, its data blocks are not prepared yet
+  std::unique_ptr<FileExtraction> m_pExtraction;
 };
 
 }  // namespace capsule

@@ -25,13 +25,6 @@ void DestroyPartitions(CpsList& partitions) {
   }
 }
 
-void DestroyChain(_PartitionNode* node) {
-  while (node != nullptr) {
-    const std::unique_ptr<_PartitionNode> current(node);
-    node = current->Next;
-  }
-}
-
 bool WriteZeroEntries(int fd, int64_t offset, int count) {
   if (count <= 0) return true;
   if (!FitsImage(offset, int64_t{count} * kDirRecordSize)) return false;
@@ -61,7 +54,7 @@ CapsuleFile::CapsuleFile(const char* path) {
 
 CapsuleFile::~CapsuleFile() {
   DestroyPartitions(m_Partitions);
-  if (m_pImageHeader != nullptr) DestroyChain(m_pImageHeader->Partitions);
+  if (m_pImageHeader != nullptr) ReleasePartitionChain(m_pImageHeader.get());
 }
 
 int CapsuleFile::CreateCapsuleFile(const char* path) {

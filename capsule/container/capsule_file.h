@@ -72,12 +72,15 @@ class CAPSULE_API CapsuleFile {
 
   // --- Reading (capsule_file_open.cpp) ---
 
-  // Reads header and index and, with `headerOnly` 0, every partition's tree. Throws the int 0 when
-  // the index cannot be read.
+  // Reads header and index and, with `headerOnly` 0, every partition's tree. -1 with EINVAL in
+  // GetLastError() for a header that cannot be decoded. Throws the int 0 when the index cannot be
+  // read.
   int ReadImage(int headerOnly);
 
   // The listing of a directory, "0:\NAME.EXT" with padded short names; null when not found.
   _DirectoryEntry* GetDirectory(const char* path);
+
+  // Closes the file and forgets its descriptor; extraction is over then. False when none was open.
   bool CloseImageFileHandle();
 
   // --- Queries (capsule_file.cpp) ---
@@ -103,6 +106,7 @@ class CAPSULE_API CapsuleFile {
   int GetWriteOffset() const { return m_nWriteOffset; }
 
  private:
+  int ReadPartition(const _Partition& record);
   int _IsKnownCompressed(CString& extension);
   uint32_t _BuildPathSegmentList(_ListNode** head, const CString& path);
   int _ContrastPathSegmentLists(_ListNode* previous, _ListNode* current);

@@ -7,6 +7,7 @@
 #include <string>
 #include <vector>
 
+#include "capsule/container/header_records.h"
 #include "capsule/partition/partition_record.h"
 
 namespace capsule {
@@ -45,6 +46,10 @@ struct DecodedHeader {
 // Decodes a header whose scrambled region has been restored. None, with the reason in `*problem`,
 // when a field lies outside of the header or more partitions are claimed than it has room for.
 std::optional<DecodedHeader> DecodeHeader(HeaderBytes header, std::string* problem);
+
+// Fills the header that hosts see. The chain of partition records that it had before is released.
+void FillImageHeader(HeaderBytes header, const DecodedHeader& decoded, _NewImageHeader* out);
+void ReleasePartitionChain(_NewImageHeader* header);
 
 // Puts what a new image starts with into `header`: version (up to 255 bytes), compression, sector
 // area. Other bytes stay; the mark at 719 stays when the image is not compressed.

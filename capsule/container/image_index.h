@@ -11,6 +11,9 @@
 
 namespace capsule {
 
+struct IndexRecord;
+struct LibraryState;
+
 class CAPSULE_API ImageIndex {
  public:
   // The current index, built on `header` (the raw image header, not owned) and `path` when there
@@ -36,13 +39,17 @@ class CAPSULE_API ImageIndex {
   virtual ~ImageIndex();
 
  private:
+  friend struct LibraryState;  // destroys its current index
+
   void _SetOffsetToImageIndex();
   void _FillOffsetVects();
+  void _TakeRecord(const IndexRecord& record);
   uint32_t _OffsetToIndex() const;
 
-  uint32_t _walk_end = 0;
+  uint64_t _walk_end = 0;  // offset + length of the last record with a body
   const char* _image_header;
-  int _index_file;
+  int _index_file;             // a descriptor of its own
+  int64_t _read_position = 0;  // where the first record lies
   uint32_t _partition_cursor = 0;
   uint32_t _file_cursor = 0;
   std::vector<int32_t> _file_offsets;

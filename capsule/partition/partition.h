@@ -69,6 +69,10 @@ class CAPSULE_API CapsulePartition {
   int Read(DirectoryType t, int fd, int offset, int* pos);
   void SetUpHistoryBuffer();
 
+  // The `size` bytes at `history` as they are now. Equal ones in a row share their memory, so that
+  // a hundred thousand files hold one copy.
+  std::shared_ptr<const std::vector<unsigned char>> HistorySnapshot(const char* history, int size);
+
   // Skips a run of data block records; `*pos` ends behind them.
   int ReadDataBlocks(int fd, int offset, int* pos);
 
@@ -86,6 +90,10 @@ class CAPSULE_API CapsulePartition {
   void _RefreshInsertedNames();
   void _RememberInserted(CapsuleFileBlock& block);
 
+  int ReadFatSection(int fd);
+  CapsuleFileBlock* PlaceBlock(std::unique_ptr<CapsuleFileBlock> block,
+                               CapsuleFileBlock* directory);
+
   unsigned char m_SectorArea[512] = {};
   CpsList m_FileBlocks;
   CpsList m_Directories;
@@ -96,6 +104,7 @@ class CAPSULE_API CapsulePartition {
   CapsuleFile* m_pCapsuleFile;
   std::unique_ptr<unsigned char[]> m_pDecompressionHistory;
   std::unique_ptr<unsigned char[]> m_pCompressionHistory;
+  std::shared_ptr<const std::vector<unsigned char>> m_pHistorySnapshot;
   DirectoryType m_PartitionType = CapsuleDirectoryEntry::DirTypeFat32;
 
   // Paths and short names of m_FileBlocks up to the first null element, so that duplicates are

@@ -2,6 +2,7 @@
 
 #include "capsule/compression/lzs.h"
 #include "capsule/compression/stream_compressor.h"
+#include "capsule/container/image_index.h"
 
 namespace capsule {
 namespace {
@@ -21,7 +22,7 @@ LibraryState& ProcessState() {
 LibraryState::LibraryState()
     : compressor(std::make_unique<StreamCompressor>(kPieceSize, LzsKeepHistory, kEffort)) {}
 
-LibraryState::~LibraryState() = default;
+LibraryState::~LibraryState() { delete index; }
 
 LibraryState& CurrentLibraryState() { return t_pCurrent != nullptr ? *t_pCurrent : ProcessState(); }
 

@@ -1,0 +1,160 @@
+// Reading a file block touches its directory entry only. The data blocks of a file are prepared
+// when somebody first asks for them, one for each record that is really there: what an entry
+// claims costs nothing.
+#include <memory>
+#include <new>
+#include <utility>
+#include <vector>
+
+#include "capsule/blocks/data_block.h"
+#include "capsule/blocks/data_block_format.h"
+#include "capsule/blocks/file_block.h"
+#include "capsule/blocks/file_extraction.h"
+#include "capsule/container/capsule_file.h"
+#include "capsule/container/reader_lock.h"
+#include "capsule/partition/partition.h"
+#include "capsule/partition/record_format.h"
+
+namespace capsule {
+namespace {
+
+// Whether a record can be followed by another of the same file.
+bool MayGoOn(const _MiniHeader& header, uint32_t length) {
+  return header.Flag != 1 && length != 0 && length <= kMaxUncompressedLength;
+}
+
+CapsuleFileBlock* BlockAt(const CpsList& list, int index) {
+  return static_cast<CapsuleFileBlock*>(list.GetAt(index));
+}
+
+}  // namespace
+
+int CapsuleFileBlock::Read(DirectoryType type, int fd, int offset, int* pOffset, CapsuleFile&,
+                           char*) {
+  try {
+    m_nStartOffset = offset;
+    if (type == CapsuleDirectoryEntry::DirTypeNtfs) return -1;
+    if (m_DirectoryEntry.Read(type, fd, offset, pOffset) != 0) return -1;
+    m_nDUPDATAOffset = *pOffset;
+    m_nEndOffset = *pOffset - 1;
+    m_bDataBlocksPending = m_DirectoryEntry.IsDirectory() == 0 && m_DirectoryEntry.IsEmpty() == 0;
+    return 0;
+  } catch (...) {
+    return -1;
+  }
+}
+
+CpsList& CapsuleFileBlock::GetFileDataBlockList() {
+  if (m_bDataBlocksPending) PrepareDataBlocks(m_pPartition->GetCapsuleFile().GetImageFileHandle());
+  return m_DataBlocks;
+}
+
+CapsuleFileDataBlock* CapsuleFileBlock::DataBlockAt(int index) const {
+  return static_cast<CapsuleFileDataBlock*>(m_DataBlocks.GetAt(index));
+}
+
+FileExtraction& CapsuleFileBlock::Extraction() {
+  if (!m_pExtraction) m_pExtraction = std::make_unique<FileExtraction>();
+  return *m_pExtraction;
+}
+
+void CapsuleFileBlock::PrepareDataBlocks(int fd) {
+  if (!m_bDataBlocksPending || fd <= 0) return;
+  m_bDataBlocksPending = false;
+  FileExtraction& extraction = Extraction();
+  const bool compressed = m_pPartition->GetCapsuleFile().IsCompressed() != 0;
+  const int64_t size = m_DirectoryEntry.FileSize();
+  CpsReaderLock reader;
+  int at = m_nDUPDATAOffset;
+  bool more = true;
+  while (more && extraction.end < size) {
+    unsigned char bytes[kMiniHeaderSize];
+    if (reader.ReadAt(fd, bytes, sizeof bytes, at) != static_cast<int>(sizeof bytes)) break;
+    const _MiniHeader header = DecodeMiniHeader(bytes);
+    if (header.Type != kRecordDataBlock) break;
+    const uint32_t length = UncompressedLength(header, compressed);
+    extraction.places.push_back({at, extraction.end});
+    extraction.end += length;
+    auto block = std::make_unique<CapsuleFileDataBlock>(m_DirectoryType, 0);
+    m_DataBlocks.Append(block.get());
+    block.release();
+    more = MayGoOn(header, length) && Advance(&at, int64_t{kMiniHeaderSize} + header.Length);
+  }
+}
+
+bool CapsuleFileBlock::ReadDataBlocks(int fd, int offset) {
+  try {
+    PrepareDataBlocks(fd);
+    const int count = m_DataBlocks.GetCount();
+    int position = offset;
+    for (int i = 0; i < count; ++i) {
+      CapsuleFileDataBlock* block = DataBlockAt(i);
+      if (block == nullptr || block->Read(fd, position, &position) != 0) return false;
+    }
+    LocateDataBlocks();
+    return true;
+  } catch (const std::bad_alloc&) {
+    return false;
+  }
+}
+
+// Takes the places from the headers of data blocks that have been read.
+void CapsuleFileBlock::LocateDataBlocks() {
+  const bool compressed = m_pPartition->GetCapsuleFile().IsCompressed() != 0;
+  std::vector<FileExtraction::Place> places;
+  int64_t end = 0;
+  const int count = m_DataBlocks.GetCount();
+  for (int i = 0; i < count; ++i) {
+    CapsuleFileDataBlock* block = DataBlockAt(i);
+    if (block == nullptr) break;
+    const auto record = block->GetDataOffset() - static_cast<int32_t>(kMiniHeaderSize);
+    places.push_back({record, end});
+    if (block->IsValid() != 0) end += UncompressedLength(block->GetMiniHeader(), compressed);
+  }
+  FileExtraction& extraction = Extraction();
+  if (!extraction.places.empty() && !places.empty() &&
+      extraction.places.front().record != places.front().record) {
+    ReleaseOutside(0, -1);
+    extraction = {};
+    extraction.historyAt = FileExtraction::kUnknown;
+  }
+  extraction.places = std::move(places);
+  extraction.end = end;
+}
+
+// The list is handed out: blocks may have been added or removed.
+void CapsuleFileBlock::SyncPlaces() {
+  if (Extraction().places.size() != static_cast<size_t>(m_DataBlocks.GetCount())) {
+    LocateDataBlocks();
+  }
+}
+
+int CapsuleFileBlock::SetUpDecompressHeader(CapsuleFile&, char* history, int size) {
+  std::vector<CapsuleFileBlock*> pending{this};
+  while (!pending.empty()) {
+    CapsuleFileBlock* block = pending.back();
+    pending.pop_back();
+    const int children = block->m_FileList.GetCount();
+    if (children == 0 && block->SetUpHistoryBuffer(history, size) != 0) return -1;
+    for (int i = children; i > 0; --i) {
+      if (CapsuleFileBlock* child = BlockAt(block->m_FileList, i - 1)) pending.push_back(child);
+    }
+  }
+  return 0;
+}
+
+int CapsuleFileBlock::SetUpHistoryBuffer(char* history, int size) {
+  if (m_pSharedHistory != nullptr || history == nullptr || size <= 0) return -1;
+  try {
+    m_pInitialHistory = m_pPartition->HistorySnapshot(history, size);
+  } catch (const std::bad_alloc&) {
+    return -1;
+  }
+  m_pSharedHistory = history;
+  m_nHistorySize = size;
+  return 0;
+}
+
+int CapsuleFileBlock::IsHeaderCreated(int) { return 0; }
+
+}  // namespace capsule

@@ -1,0 +1,103 @@
+#include <algorithm>
+#include <cerrno>
+#include <memory>
+#include <new>
+
+#include "capsule/container/capsule_file.h"
+#include "capsule/container/header_format.h"
+#include "capsule/container/image_index.h"
+#include "capsule/container/reader_lock.h"
+#include "capsule/partition/directory_support.h"
+#include "capsule/partition/partition.h"
+#include "capsule/platform/file.h"
+#include "capsule/runtime/debug_tracer.h"
+
+namespace capsule {
+namespace {
+
+using DirectoryType = CapsulePartition::DirectoryType;
+
+constexpr uint8_t kNtfsSystemId = 7;
+
+// How the sections of partitions with this system id are read.
+DirectoryType DirectoryTypeFor(uint8_t systemId) {
+  constexpr uint8_t kFat16SystemIds[] = {4, 5, 6, 14};
+  if (systemId == kNtfsSystemId) return CapsuleDirectoryEntry::DirTypeNtfs;
+  const bool fat16 = std::find(std::begin(kFat16SystemIds), std::end(kFat16SystemIds), systemId) !=
+                     std::end(kFat16SystemIds);
+  return fat16 ? CapsuleDirectoryEntry::DirTypeFat16 : CapsuleDirectoryEntry::DirTypeFat32;
+}
+
+// The partition number that a path's drive part stands for: 0 without one.
+int PartitionNumber(const char* drive) {
+  if (drive == nullptr || *drive < '0' || *drive > '9') return 0;
+  return *drive - '0';
+}
+
+// Makes the index of this image the current one.
+void LoadIndex(const unsigned char* header, const char* path) {
+  try {
+    ImageIndex::DeleteCurrentInstance();
+    const auto* bytes = static_cast<const char*>(static_cast<const void*>(header));
+    ImageIndex::Instance(bytes, path)->ReadIndex();
+  } catch (...) {
+    throw 0;
+  }
+}
+
+}  // namespace
+
+int CapsuleFile::ReadImage(int headerOnly) {
+  if (m_pRawHeader == nullptr || m_pImageHeader == nullptr) return -1;
+  CpsReaderLock reader;
+  if (reader.ReadAt(m_hImageFile, m_pRawHeader.get(), kHeaderSize, 0) !=
+      static_cast<int>(kHeaderSize)) {
+    m_nLastError = errno;
+    return -1;
+  }
+  const HeaderBytes header(m_pRawHeader.get(), kHeaderSize);
+  std::copy_n(m_pRawHeader.get(), kVersionSize, m_szVersion);
+  std::string problem;
+  const std::optional<DecodedHeader> decoded = DecodeHeader(header, &problem);
+  if (!decoded) {
+    m_nLastError = EINVAL;
+    return -1;
+  }
+  FillImageHeader(header, *decoded, m_pImageHeader.get());
+  LoadIndex(m_pRawHeader.get(), m_pszImagePath);
+  MainTracer().Trace("(CpsFile 547) Index read\n");
+  if (headerOnly != 0) return 0;
+  for (const _Partition& record : decoded->partitions) {
+    const int result = ReadPartition(record);
+    if (result != 0) return result;
+  }
+  return 0;
+}
+
+int CapsuleFile::ReadPartition(const _Partition& record) {
+  auto partition = std::make_unique<CapsulePartition>(*this);
+  const int offset = ImageIndex::GetCurrentIndexInstance()->GetNextPartitionOffset();
+  int position = 0;
+  const int result =
+      partition->Read(DirectoryTypeFor(record.SystemId), m_hImageFile, offset, &position);
+  partition->SetUpHistoryBuffer();
+  if (result != 0) return result;
+  m_Partitions.Append(partition.get());
+  partition.release();
+  return 0;
+}
+
+_DirectoryEntry* CapsuleFile::GetDirectory(const char* path) {
+  DirectorySupport segments(path);
+  auto* partition =
+      static_cast<CapsulePartition*>(m_Partitions.GetAt(PartitionNumber(segments.Drive())));
+  return partition == nullptr ? nullptr : partition->GetDirectoryEntry(segments);
+}
+
+bool CapsuleFile::CloseImageFileHandle() {
+  const int descriptor = m_hImageFile;
+  m_hImageFile = 0;  // the number may soon stand for another file
+  return descriptor > 0 && platform::Close(descriptor) == 0;
+}
+
+}  // namespace capsule
