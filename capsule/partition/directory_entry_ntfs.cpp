@@ -39,19 +39,19 @@ int NameRank(uint8_t nameSpace) {
   }
 }
 
+void PutPadded(std::u16string_view units, std::span<uint8_t> field) {
+  for (size_t i = 0; i < field.size(); ++i) {
+    field[i] = i < units.size() ? static_cast<uint8_t>(units[i]) : uint8_t{' '};
+  }
+}
+
 // The first 12 characters, low bytes, split at the first '.' into 8 + 3.
 void PutShortName(std::u16string_view units, _ShortDirEntry* entry) {
   constexpr size_t kExamined = 12;
   const std::u16string_view examined = units.substr(0, kExamined);
   const size_t dot = std::min(examined.find(u'.'), examined.size());
-  const std::u16string_view name = examined.substr(0, std::min(dot, std::size(entry->Name)));
-  const std::u16string_view rest = dot < examined.size() ? examined.substr(dot + 1) : u"";
-  const std::u16string_view extension = rest.substr(0, std::size(entry->Extension));
-  const auto lowByte = [](char16_t unit) { return static_cast<uint8_t>(unit); };
-  std::ranges::fill(entry->Name, uint8_t{' '});
-  std::ranges::fill(entry->Extension, uint8_t{' '});
-  std::ranges::transform(name, entry->Name, lowByte);
-  std::ranges::transform(extension, entry->Extension, lowByte);
+  PutPadded(examined.substr(0, dot), entry->Name);
+  PutPadded(dot < examined.size() ? examined.substr(dot + 1) : u"", entry->Extension);
 }
 
 }  // namespace

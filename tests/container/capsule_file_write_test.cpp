@@ -1,0 +1,346 @@
+#include <gtest/gtest.h>
+#include <sys/resource.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <csignal>
+#include <filesystem>
+
+#include "capsule/blocks/file_block.h"
+#include "capsule/container/capsule_file.h"
+#include "capsule/partition/partition.h"
+#include "tests/support/bytes.h"
+#include "tests/support/source_tree.h"
+
+namespace capsule {
+namespace {
+
+using test::Hex;
+using test::U16At;
+using test::U32At;
+using test::U8At;
+using test::Zeros;
+
+constexpr size_t kFirstItem = 7560 + 2056;
+
+class CapsuleFileWrite : public testing::Test {
+ protected:
+  // A new image that has its header.
+  void Start(int level, const std::string& name = "out.img") {
+    m_strImage = m_Tree.Beside(name);
+    m_State.previousInsertDir.clear();
+    m_State.dirLevelsToClose = 0;
+    m_pImage = std::make_unique<CapsuleFile>();
+    ASSERT_EQ(m_pImage->CreateCapsuleFile(m_strImage.c_str()), 0);
+    ASSERT_EQ(m_pImage->SetCompressionLevel(level), 0);
+    ASSERT_EQ(m_pImage->WriteImageFileHeader("Capsulate test"), 0);
+  }
+
+  int Insert(const std::string& path, int partition = 0) {
+    return m_pImage->InsertFile(path.c_str(), partition);
+  }
+
+  // The stored bytes of the finished image.
+  std::string Finish() {
+    EXPECT_EQ(m_pImage->CloseImageFile(), 0);
+    return test::ReadFile(m_strImage);
+  }
+
+  test::SourceTree m_Tree;
+  LibraryState& m_State = m_Tree.State();
+  std::string m_strImage;
+  std::unique_ptr<CapsuleFile> m_pImage;
+};
+
+TEST_F(CapsuleFileWrite, SmallImageHasExactlyTheseBytes) {
+  m_Tree.AddFile("a/Hello World.txt", "hi\n");
+  m_Tree.AddFile("Z.TXT", "");
+  m_Tree.AddDirectory("D");
+  for (const char* name : {"a/Hello World.txt", "Z.TXT", "a", "D", ""}) {
+    m_Tree.SetTime(name, 981173106);  // 2001-02-03 04:05:06
+  }
+  Start(0);
+  EXPECT_EQ(Insert("C:\\a"), 0);
+  EXPECT_EQ(Insert("C:\\a\\Hello World.txt"), 0);
+  EXPECT_EQ(Insert("C:\\Z.TXT"), 0);
+  EXPECT_EQ(Insert("C:\\D", 1), 0);
+
+  const std::string record = Hex("16 01 00 00 00 00 20 00");
+  const std::string zeroEntry = record + Zeros(32);
+  const std::string times = Hex("00 06 A3 20 43 2A 43 2A 0A 00 A3 20 43 2A 0A 00");
+  const auto entry = [&](const std::string& name, int attribute, const std::string& size) {
+    return record + name + static_cast<char>(attribute) + times + Hex(size);
+  };
+  const std::string none = "00 00 00 00";
+  const std::string area = Hex("17 00 00 00 00 00 00 06") + Zeros(1536);
+  const std::string sectionStart = Hex("AB CD 02") + Zeros(509) + area;
+
+  std::string header = "Capsulate test" + Zeros(7560 - 14);
+  header.replace(720, 1, "\x03");
+  header.replace(5000, 2, "\xAB\xCD");
+  header.replace(5513, 1, "\x02");
+  for (const size_t slot : {7056, 7080})
+    header.replace(slot + 2, 13, Hex("0B") + Zeros(11) + "\x02");
+
+  const std::string directoryA = entry("A          ", 0x10, none) +
+                                 entry(".          ", 0x10, none) +
+                                 entry("..         ", 0x10, none);
+  const std::string hello =
+      record +
+      Hex("42 78 00 74 00 00 00 FF FF FF FF 0F 00 DB FF FF FF FF FF FF FF FF FF FF FF FF 00 00 FF "
+          "FF FF FF") +
+      record +
+      Hex("01 48 00 65 00 6C 00 6C 00 6F 00 0F 00 DB 20 00 57 00 6F 00 72 00 6C 00 64 00 00 00 2E "
+          "00 74 00") +
+      entry("HELLO_~1TXT", 0x20, "03 00 00 00");
+  const std::string data = Hex("03 01 00 00 00 00 00 02") + "hi\n" + Zeros(509);
+  const std::string file = zeroEntry + entry("Z       TXT", 0x20, none);
+  const std::string directoryD = entry("D          ", 0x10, none) +
+                                 entry(".          ", 0x10, none) +
+                                 entry("..         ", 0x10, none);
+  const std::string expected = header + sectionStart + directoryA + hello + data + file + area +
+                               sectionStart + directoryD + zeroEntry + zeroEntry + area;
+  EXPECT_EQ(m_pImage->GetWriteOffset(),
+            static_cast<int>(expected.size() - area.size() - 2 * zeroEntry.size()));
+  const std::string stored = Finish();
+  ASSERT_EQ(stored.size(), expected.size());
+  const auto different = std::mismatch(stored.begin(), stored.end(), expected.begin()).first;
+  EXPECT_EQ(different - stored.begin(), static_cast<std::ptrdiff_t>(expected.size()));
+}
+
+TEST_F(CapsuleFileWrite, HeaderTellsTheLevelAndRefusesLongVersions) {
+  for (const int level : {0, 1, 9}) {
+    Start(level, "header" + std::to_string(level));
+    EXPECT_EQ(m_pImage->SetCompressionLevel(10), -1);
+    EXPECT_EQ(m_pImage->SetCompressionLevel(-1), -1);
+    EXPECT_EQ(m_pImage->GetCompressionLevel(), level);
+    const std::string bytes = Finish();
+    EXPECT_EQ(bytes.size(), 7560U);
+    EXPECT_EQ(U8At(bytes, 5513), 0);
+    EXPECT_EQ(U8At(bytes, 5515), level == 0 ? 0 : 1);
+    EXPECT_EQ(U8At(bytes, 719), level == 0 ? 0 : 2);
+  }
+  CapsuleFile image;
+  ASSERT_EQ(image.CreateCapsuleFile(m_Tree.Beside("long").c_str()), 0);
+  EXPECT_EQ(image.WriteImageFileHeader(std::string(256, 'v').c_str()), -1);
+  EXPECT_EQ(std::filesystem::file_size(m_Tree.Beside("long")), 0U);
+  EXPECT_EQ(image.WriteImageFileHeader(std::string(255, 'v').c_str()), 0);
+  EXPECT_EQ(std::string(image.GetVersionString()), std::string(255, 'v'));
+}
+
+TEST_F(CapsuleFileWrite, CreatingAgainReleasesTheFirstFileAndOldBytesStay) {
+  test::WriteFile(m_Tree.Beside("second"), std::string(20000, 'x'));
+  Start(0, "first");
+  ASSERT_EQ(Insert(m_Tree.AddDirectory("d")), 0);
+  ASSERT_EQ(m_pImage->CreateCapsuleFile(m_Tree.Beside("second").c_str()), 0);
+  EXPECT_EQ(m_pImage->GetPartitions().GetCount(), 0);
+  ASSERT_EQ(m_pImage->WriteImageFileHeader("Capsulate"), 0);
+  EXPECT_EQ(m_pImage->GetWriteOffset(), 7560);
+  ASSERT_EQ(m_pImage->CloseImageFile(), 0);
+  const std::string bytes = test::ReadFile(m_Tree.Beside("second"));
+  EXPECT_EQ(bytes.substr(7560), std::string(20000 - 7560, 'x'));
+
+  EXPECT_EQ(m_pImage->CreateCapsuleFile(m_Tree.Beside("no/such").c_str()), -1);
+  EXPECT_EQ(m_pImage->GetImageFileHandle(), 0);
+  EXPECT_EQ(m_pImage->GetLastError(), ENOENT);
+}
+
+TEST_F(CapsuleFileWrite, LevelsAreClosedByWhatThePathsShare) {
+  struct Case {
+    const char* previous;
+    const char* path;  // a directory
+    size_t levels;
+  };
+  const Case cases[] = {
+      {"", "C:\\a", 0},         {"C:\\a\\b", "C:\\a\\c", 1}, {"C:\\a\\b\\d", "C:\\a", 2},
+      {"C:\\a", "C:\\a\\b", 0}, {"C:\\A", "C:\\a\\b", 1},    {"C:/a/b", "C:\\a", 1},
+      {"C:\\a\\", "C:\\a", 0},  {"\\\\a", "C:\\a", 3}};
+  for (const char* name : {"a/b/d", "a/c"}) m_Tree.AddDirectory(name);
+  int number = 0;
+  for (const Case& test : cases) {
+    Start(0, "levels" + std::to_string(number++));
+    m_State.previousInsertDir = test.previous;
+    ASSERT_EQ(Insert(test.path), 0);
+    const std::string bytes = Finish();
+    size_t zeroEntries = 0;
+    while (U8At(bytes, kFirstItem + 40 * zeroEntries + 8) == 0) ++zeroEntries;
+    EXPECT_EQ(zeroEntries, test.levels) << test.previous << " then " << test.path;
+    EXPECT_EQ(m_State.previousInsertDir, test.path);
+    EXPECT_EQ(m_State.dirLevelsToClose, 0);
+  }
+}
+
+TEST_F(CapsuleFileWrite, PartitionsOpenInOrderAndCountTheirNumbers) {
+  const std::string file = m_Tree.AddFile("F.BIN", std::string(511, 'f'));
+  const std::string sectors = m_Tree.AddFile("S.BIN", std::string(512, 's'));
+  Start(0);
+  for (const int number : {-1, 10}) EXPECT_EQ(Insert(m_Tree.AddDirectory("d"), number), -1);
+  EXPECT_EQ(m_pImage->GetCurrentPartition(), -1);
+  EXPECT_EQ(std::filesystem::file_size(m_strImage), 7560U);
+  ASSERT_EQ(Insert(file, 0), 0);
+  const int before = m_pImage->GetWriteOffset();
+  ASSERT_EQ(Insert(sectors, 2), 0);
+  EXPECT_EQ(m_pImage->GetWriteOffset(), before + 3600 + 40 + 8 + 512);
+  const auto length = std::filesystem::file_size(m_strImage);
+  EXPECT_EQ(Insert(file, 1), -1);
+  EXPECT_EQ(std::filesystem::file_size(m_strImage), length);
+  EXPECT_EQ(m_pImage->IsPartitionSector(0), 0);
+  EXPECT_EQ(m_pImage->IsPartitionSector(2), 1);
+
+  const std::string bytes = Finish();
+  EXPECT_EQ(U8At(bytes, 5513), 3);
+  EXPECT_EQ(bytes.substr(7104, 192), Zeros(192));
+  // 511 bytes: 1, 512 bytes: 2, and 1 of the insertion into a partition that was over.
+  EXPECT_EQ(U32At(bytes, 7056 + 14), 4U);
+  EXPECT_EQ(U32At(bytes, 7080 + 14), 4U);
+}
+
+TEST_F(CapsuleFileWrite, KnownCompressedExtensionsAreStored) {
+  const std::string text(600, 't');
+  Start(5);
+  struct Case {
+    const char* name;
+    uint32_t param;
+  };
+  for (const Case& test : {Case{"REPORT.ZIP", 0}, Case{"report2.zip", 0}, Case{"X.Avi", 0},
+                           Case{"A.TXT", 1024}, Case{"P.TGZ", 0}, Case{"XJPG", 1024}}) {
+    const auto at = static_cast<size_t>(m_pImage->GetWriteOffset());
+    ASSERT_EQ(Insert(m_Tree.AddFile(test.name, text)), 0);
+    const std::string bytes = test::ReadFile(m_strImage);
+    const size_t data = at == 7560 ? kFirstItem + 40 : at + 40;
+    ASSERT_EQ(U8At(bytes, data), 3) << test.name;
+    EXPECT_EQ(U32At(bytes, data + 2), test.param) << test.name;
+    EXPECT_EQ(U16At(bytes, data + 6) == 1024, test.param == 0) << test.name;
+  }
+}
+
+TEST_F(CapsuleFileWrite, MarkedPathsAreSkippedAndTheTraceNeedsARoot) {
+  const std::string file = m_Tree.AddFile("F.TXT", "f");
+  const std::string trace = m_Tree.Beside("testdump.txt");
+  Start(0);
+  EXPECT_EQ(Insert(file + "? \t"), 0);
+  EXPECT_EQ(std::filesystem::file_size(m_strImage), 7560U);
+  EXPECT_EQ(m_State.previousInsertDir, "");
+  EXPECT_FALSE(std::filesystem::exists(trace));
+
+  m_State.hostView.SetRoot('c', m_Tree.Beside(""));
+  EXPECT_EQ(Insert(file), 0);
+  EXPECT_EQ(Insert("C:\\F?"), 0);
+  EXPECT_EQ(test::ReadFile(trace), "C:\\F.TXT\nPrev-\nC:\\F?\nPrev-C:\n");
+
+  std::filesystem::rename(trace, m_Tree.Beside("target"));
+  std::filesystem::create_symlink(m_Tree.Beside("target"), trace);
+  EXPECT_EQ(Insert("C:\\F?"), 0);
+  EXPECT_EQ(test::ReadFile(trace), "C:\\F.TXT\nPrev-\nC:\\F?\nPrev-C:\n");
+}
+
+TEST_F(CapsuleFileWrite, DirectoriesGoInOnceUnlessTheHostTakesThemOut) {
+  const std::string directory = m_Tree.AddDirectory("d");
+  Start(0);
+  ASSERT_EQ(Insert(directory), 0);
+  const int offset = m_pImage->GetWriteOffset();
+  EXPECT_EQ(Insert(directory), -1);
+  EXPECT_EQ(m_pImage->GetWriteOffset(), offset);
+  EXPECT_EQ(std::filesystem::file_size(m_strImage), static_cast<uintmax_t>(offset));
+  EXPECT_EQ(Insert(m_Tree.AddDirectory("e")), 0);
+
+  CpsList& blocks = m_pImage->GetCurrentPartitionPtr()->GetFileBlocks();
+  ASSERT_EQ(blocks.GetCount(), 6);
+  for (int i = 0; i < 3; ++i) {
+    delete static_cast<CapsuleFileBlock*>(blocks.GetAt(0));
+    blocks.RemoveAt(0);
+  }
+  EXPECT_EQ(Insert(directory), 0);
+  EXPECT_EQ(Insert(directory), -1);
+  EXPECT_EQ(Insert(m_Tree.AddDirectory("e")), -1);
+}
+
+TEST_F(CapsuleFileWrite, WhatCannotBeInsertedChangesNothing) {
+  Start(0);
+  const std::string huge = m_Tree.AddFile("huge", "");
+  std::filesystem::resize_file(m_Tree.Source("huge"), uintmax_t{1} << 31);
+  for (const std::string& path : {std::string("C:\\missing"), std::string("X:\\a"), std::string(),
+                                  std::string("noseparator"), huge}) {
+    EXPECT_EQ(Insert(path), -1) << path;
+    EXPECT_EQ(m_pImage->GetCurrentPartition(), -1) << path;
+    EXPECT_EQ(m_pImage->GetPartitions().GetCount(), 0) << path;
+    EXPECT_EQ(std::filesystem::file_size(m_strImage), 7560U) << path;
+  }
+  EXPECT_EQ(m_pImage->InsertFile(nullptr, 0), -1);
+}
+
+TEST_F(CapsuleFileWrite, AFullDiskIsReported) {
+  CapsuleFile image;
+  ASSERT_EQ(image.CreateCapsuleFile("/dev/full"), 0);
+  EXPECT_EQ(image.WriteImageFileHeader("Capsulate"), -1);
+  EXPECT_EQ(image.GetLastError(), ENOSPC);
+  EXPECT_EQ(image.GetWriteOffset(), 0);
+}
+
+// Lets the process write no file beyond `bytes` until the end of the scope.
+class FileSizeLimit {
+ public:
+  explicit FileSizeLimit(rlim_t bytes) {
+    m_pOldHandler = std::signal(SIGXFSZ, SIG_IGN);
+    ::getrlimit(RLIMIT_FSIZE, &m_Old);
+    const rlimit limit{bytes, m_Old.rlim_max};
+    ::setrlimit(RLIMIT_FSIZE, &limit);
+  }
+  ~FileSizeLimit() {
+    ::setrlimit(RLIMIT_FSIZE, &m_Old);
+    std::signal(SIGXFSZ, m_pOldHandler);
+  }
+  FileSizeLimit(const FileSizeLimit&) = delete;
+  FileSizeLimit& operator=(const FileSizeLimit&) = delete;
+
+ private:
+  rlimit m_Old{};
+  void (*m_pOldHandler)(int);
+};
+
+TEST_F(CapsuleFileWrite, FailedInsertionsLeaveTheImageAsIfTheyHadNotBeen) {
+  const std::string small = m_Tree.AddFile("d/S.TXT", "small");
+  const std::string large = m_Tree.AddFile("d/LARGE.BIN", test::MixedBytes(100000, 7));
+  const std::string next = m_Tree.AddFile("d/N.TXT", "next");
+  for (const int level : {0, 9}) {
+    std::string images[2];
+    for (const bool failing : {false, true}) {
+      Start(level, (failing ? "failing" : "plain") + std::to_string(level));
+      ASSERT_EQ(Insert("C:\\d"), 0);
+      ASSERT_EQ(Insert(small), 0);
+      if (failing) {
+        const auto offset = static_cast<uintmax_t>(m_pImage->GetWriteOffset());
+        for (const uintmax_t room : {1U, 40U, 45U, 3000U, 3700U, 40000U}) {
+          for (const int partition : {0, 3}) {
+            const FileSizeLimit limit(offset + room);
+            ASSERT_EQ(Insert(large, partition), -1) << room;
+            ASSERT_EQ(std::filesystem::file_size(m_strImage), offset) << room;
+            ASSERT_EQ(m_pImage->GetCurrentPartition(), 0) << room;
+            ASSERT_EQ(m_pImage->GetPartitions().GetCount(), 1) << room;
+          }
+        }
+      }
+      ASSERT_EQ(Insert(next), 0);
+      images[failing ? 1 : 0] = Finish();
+    }
+    // Only the sector count still has the sources that were opened.
+    EXPECT_EQ(U32At(images[1], 7056 + 14) - U32At(images[0], 7056 + 14), 12U * (100000 / 512 + 1));
+    images[1].replace(7056 + 14, 4, images[0].substr(7056 + 14, 4));
+    EXPECT_TRUE(images[0] == images[1]) << "level " << level;
+  }
+}
+
+TEST_F(CapsuleFileWrite, ALongerOldFileIsNotCutByAFailure) {
+  test::WriteFile(m_Tree.Beside("old"), std::string(50000, 'x'));
+  Start(0, "old");
+  const std::string file = m_Tree.AddFile("L.BIN", test::MixedBytes(60000, 1));
+  {
+    const FileSizeLimit limit(30000);
+    EXPECT_EQ(Insert(file), -1);
+  }
+  EXPECT_EQ(std::filesystem::file_size(m_strImage), 50000U);
+  EXPECT_EQ(m_pImage->GetWriteOffset(), 7560);
+}
+
+}  // namespace
+}  // namespace capsule
