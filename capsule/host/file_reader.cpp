@@ -1,0 +1,35 @@
+#include "capsule/host/file_reader.h"
+
+#include <algorithm>
+
+#include "capsule/host/file_reader_impl.h"
+
+namespace capsule::host {
+
+FileReader::FileReader(std::unique_ptr<Impl> impl) : m_pImpl(std::move(impl)) {}
+FileReader::FileReader(FileReader&&) noexcept = default;
+FileReader& FileReader::operator=(FileReader&&) noexcept = default;
+FileReader::~FileReader() = default;
+
+uint64_t FileReader::Size() const { return m_pImpl->records.Source().size; }
+
+size_t FileReader::Read(uint64_t offset, std::span<unsigned char> out) {
+  RecordStream& records = m_pImpl->records;
+  const uint64_t size = Size();
+  const uint64_t end =
+      offset >= size ? offset : offset + std::min<uint64_t>(out.size(), size - offset);
+  if (m_pImpl->hasFailed || offset < records.ChunkBegin()) records.Restart();
+  m_pImpl->hasFailed = true;
+  for (uint64_t at = offset; at < end;) {
+    while (at >= records.ChunkEnd()) records.Advance(at);
+    const auto skip = static_cast<size_t>(at - records.ChunkBegin());
+    const auto count = static_cast<size_t>(std::min(end, records.ChunkEnd()) - at);
+    const auto bytes = records.Chunk().subspan(skip, count);
+    std::copy(bytes.begin(), bytes.end(), out.begin() + static_cast<std::ptrdiff_t>(at - offset));
+    at += count;
+  }
+  m_pImpl->hasFailed = false;
+  return static_cast<size_t>(end - offset);
+}
+
+}  // namespace capsule::host

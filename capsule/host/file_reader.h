@@ -1,0 +1,43 @@
+// FileReader reads one file of an image, any range in any order, with bounded memory.
+//
+// Reading forward decodes every record once; going back decodes again from the file's first record.
+// One thread uses a reader; readers of the same image are independent of each other. The Image must
+// outlive it.
+//
+//   host::FileReader reader = image.OpenFile(entry);
+//   while (size_t n = reader.Read(at, buffer)) { Use(buffer, n); at += n; }
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <memory>
+#include <span>
+
+#include "capsule/export.h"
+#include "capsule/host/entry.h"
+#include "capsule/host/error.h"
+
+namespace capsule::host {
+
+class CAPSULE_API FileReader {
+ public:
+  FileReader(FileReader&&) noexcept;
+  FileReader& operator=(FileReader&&) noexcept;
+  ~FileReader();
+
+  uint64_t Size() const;
+
+  // Fills `out` with the bytes from `offset` on: how many there were, fewer than asked for only at
+  // the end of the file. Throws host::Error when the records do not hold exactly what they state;
+  // `out` may then be half filled.
+  size_t Read(uint64_t offset, std::span<unsigned char> out);
+
+ private:
+  friend class Image;
+  struct Impl;
+  explicit FileReader(std::unique_ptr<Impl> impl);
+
+  std::unique_ptr<Impl> m_pImpl;
+};
+
+}  // namespace capsule::host

@@ -1,0 +1,125 @@
+#include "capsule/host/image.h"
+
+#include <cerrno>
+
+#include "capsule/host/file_reader_impl.h"
+#include "capsule/host/image_open.h"
+#include "capsule/host/reason.h"
+#include "capsule/host/scoped_descriptor.h"
+#include "capsule/platform/file.h"
+
+namespace capsule::host {
+
+struct Image::Impl {
+  std::string path;
+  ScopedDescriptor file;
+  ImageInfo info;
+  std::unique_ptr<Catalog> catalog;
+  std::vector<ImageProblem> problems;
+};
+
+namespace {
+
+ScopedDescriptor Open(const std::string& path) {
+  ScopedDescriptor file(platform::OpenForReading(path.c_str()));
+  if (!file) throw Error(path, "cannot open: " + SystemReason(errno));
+  return file;
+}
+
+uint64_t LengthOf(const ScopedDescriptor& file, const std::string& path) {
+  const int64_t length = platform::FileLength(file.Get());
+  if (length < 0) throw Error(path, "cannot tell its length: " + SystemReason(errno));
+  return static_cast<uint64_t>(length);
+}
+
+ImageInfo Summarize(const DecodedHeader& header, const IndexContents& index,
+                    const Catalog& catalog) {
+  ImageInfo info;
+  info.label = header.version;
+  info.compressed = header.compressed;
+  info.checked = index.isChecked;
+  info.indexOffset = header.indexOffset;
+  info.partitions.resize(catalog.Roots());
+  for (size_t i = 0; i < info.partitions.size(); ++i) {
+    info.partitions[i].systemId = header.partitions[i].SystemId;
+    info.partitions[i].sectorCount = header.partitions[i].SectorCount;
+    info.partitions[i].offset = i < index.sections.size() ? index.sections[i] : 0;
+  }
+  for (uint32_t id = catalog.Roots(); id < catalog.Size(); ++id) {
+    const CatalogNode& node = catalog.Node(id);
+    PartitionInfo& partition = info.partitions[node.partition];
+    ++(node.isDirectory ? partition.directories : partition.files);
+    partition.bytes += node.size;
+  }
+  return info;
+}
+
+// Takes "N:" from the front of `path`; partition 0 without it, none when N is out of reach.
+std::optional<uint32_t> TakePartition(std::string_view* path) {
+  size_t digits = 0;
+  while (digits < path->size() && (*path)[digits] >= '0' && (*path)[digits] <= '9') ++digits;
+  if (digits == 0 || digits == path->size() || (*path)[digits] != ':') return 0;
+  if (digits > 3) return std::nullopt;
+  const auto number = static_cast<uint32_t>(std::stoul(std::string(path->substr(0, digits))));
+  path->remove_prefix(digits + 1);
+  return number;
+}
+
+}  // namespace
+
+Image::Image(const std::filesystem::path& path) : m_pImpl(std::make_unique<Impl>()) {
+  Impl& impl = *m_pImpl;
+  impl.path = path.string();
+  impl.file = Open(impl.path);
+  const uint64_t length = LengthOf(impl.file, impl.path);
+  const DecodedHeader header = ReadImageHeader(impl.file.Get(), impl.path, length);
+  const IndexContents index = CheckIndex(impl.file.Get(), impl.path, header.indexOffset, length);
+  impl.catalog = ReadCatalog(impl.file.Get(), impl.path, index, &impl.problems);
+  impl.info = Summarize(header, index, *impl.catalog);
+  impl.info.imageBytes = length;
+}
+
+Image::~Image() = default;
+Image::Image(Image&&) noexcept = default;
+Image& Image::operator=(Image&&) noexcept = default;
+
+const std::string& Image::Path() const { return m_pImpl->path; }
+const ImageInfo& Image::Info() const { return m_pImpl->info; }
+const std::vector<ImageProblem>& Image::Problems() const { return m_pImpl->problems; }
+int Image::Partitions() const { return static_cast<int>(m_pImpl->catalog->Roots()); }
+Entry Image::Root(int n) const { return m_pImpl->catalog->At(static_cast<uint32_t>(n)); }
+
+std::optional<Entry> Image::Find(std::string_view path) const {
+  const Catalog& catalog = *m_pImpl->catalog;
+  const std::optional<uint32_t> partition = TakePartition(&path);
+  if (!partition || *partition >= catalog.Roots()) return std::nullopt;
+  std::optional<uint32_t> at = partition;
+  while (at && !path.empty()) {
+    const std::string_view segment = path.substr(0, path.find_first_of("/\\"));
+    path.remove_prefix(std::min(path.size(), segment.size() + 1));
+    if (!segment.empty()) at = catalog.FindChild(*at, segment);
+  }
+  if (!at) return std::nullopt;
+  return catalog.At(*at);
+}
+
+FileReader Image::OpenFile(const Entry& entry) const {
+  const CatalogNode& node = m_pImpl->catalog->Node(entry.m_nId);
+  if (node.isDirectory) throw Error(Path(), entry.Path() + ": is a directory");
+  RecordSource source;
+  source.descriptor = m_pImpl->file.Get();
+  source.imageIsCompressed = m_pImpl->info.compressed;
+  source.begin = node.dataOffset;
+  source.limit = node.dataLimit;
+  source.size = node.size;
+  source.imagePath = Path();
+  source.entryPath = entry.Path();
+  return FileReader(std::unique_ptr<FileReader::Impl>(
+      new FileReader::Impl{RecordStream(std::move(source)), false}));
+}
+
+size_t Image::Read(const Entry& entry, uint64_t offset, std::span<unsigned char> out) const {
+  return OpenFile(entry).Read(offset, out);
+}
+
+}  // namespace capsule::host

@@ -1,0 +1,92 @@
+// Image is an image file open for reading.
+//
+//   host::Image image("photos.cap");
+//   if (auto entry = image.Find("0:/2024/beach.jpg")) {
+//     host::FileReader reader = image.OpenFile(*entry);
+//     ...
+//   }
+//
+// Opening reads the header, the index and the tree, and throws host::Error when the file is not an
+// image, is cut short, has no index or a damaged one, or is of a kind not supported yet. Contents
+// are read when they are asked for, strictly: a record that does not decode to exactly what it
+// states is an error, never a guess.
+//
+// Const operations may be used from many threads. Entries and readers must not outlive the Image.
+#pragma once
+
+#include <cstdint>
+#include <filesystem>
+#include <memory>
+#include <optional>
+#include <span>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "capsule/export.h"
+#include "capsule/host/entry.h"
+#include "capsule/host/error.h"
+#include "capsule/host/file_reader.h"
+
+namespace capsule::host {
+
+struct PartitionInfo {
+  uint8_t systemId = 0;      // in the numbering of PC partition tables
+  uint32_t offset = 0;       // of the section in the image
+  uint32_t sectorCount = 0;  // as the header states it
+  uint64_t files = 0;
+  uint64_t directories = 0;
+  uint64_t bytes = 0;  // sizes of the files, summed up
+};
+
+struct ImageInfo {
+  std::string label;        // the version text of the header
+  bool compressed = false;  // files are compressed unless they are known not to shrink
+  bool checked = false;     // the index has a check value, and it holds
+  uint64_t imageBytes = 0;
+  uint64_t indexOffset = 0;
+  std::vector<PartitionInfo> partitions;
+};
+
+// What is wrong with a single entry of an image that could be opened.
+struct ImageProblem {
+  std::string path;
+  std::string reason;
+};
+
+class CAPSULE_API Image {
+ public:
+  explicit Image(const std::filesystem::path& path);
+  ~Image();
+  Image(Image&&) noexcept;
+  Image& operator=(Image&&) noexcept;
+
+  const std::string& Path() const;
+  const ImageInfo& Info() const;
+
+  // Entries whose long name is damaged; they go by their short name.
+  const std::vector<ImageProblem>& Problems() const;
+
+  int Partitions() const;
+
+  // The root of partition `n`, which exists; its children are the top level of the tree.
+  Entry Root(int n) const;
+
+  // Looks up "N:/folder/file". Partition 0 when "N:" is left out; `/` and `\` both separate, empty
+  // segments count for nothing. A segment is a long or a short name: an exact match comes first,
+  // then one that ignores the case of ASCII letters.
+  std::optional<Entry> Find(std::string_view path) const;
+
+  // Throws for a directory.
+  FileReader OpenFile(const Entry& entry) const;
+
+  // OpenFile and one Read, which decodes from the file's first record on: for many ranges of one
+  // file keep a reader.
+  size_t Read(const Entry& entry, uint64_t offset, std::span<unsigned char> out) const;
+
+ private:
+  struct Impl;
+  std::unique_ptr<Impl> m_pImpl;
+};
+
+}  // namespace capsule::host

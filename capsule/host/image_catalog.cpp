@@ -1,0 +1,214 @@
+// Turns the tree of file blocks that the exported classes read into a Catalog, level by level, and
+// checks what the classes leave to their callers:
+// 1. every record group lies between its own offset and the next item of the index, so that no two
+//    items share a byte;
+// 2. every file and folder that a checked index names is in the tree;
+// 3. the pieces of a long name are in order and belong to the short name behind them.
+#include <algorithm>
+#include <cerrno>
+
+#include "capsule/blocks/file_block.h"
+#include "capsule/container/capsule_file.h"
+#include "capsule/container/image_index.h"
+#include "capsule/host/error.h"
+#include "capsule/host/image_open.h"
+#include "capsule/host/reason.h"
+#include "capsule/partition/partition.h"
+#include "capsule/partition/record_format.h"
+#include "capsule/platform/file.h"
+#include "capsule/runtime/library_state.h"
+
+namespace capsule::host {
+namespace {
+
+constexpr char kDot[] = ".       .   ";
+constexpr char kDotDot[] = "..      .   ";
+constexpr uint8_t kLastPiece = 0x40;
+
+// Reads the image in a library state of its own, so that images open side by side.
+class ClassReader {
+ public:
+  ClassReader(int descriptor, const std::string& path)
+      : m_Scope(m_State), m_File(std::make_unique<CapsuleFile>(path.c_str())) {
+    if (m_File->GetImageFileHandle() <= 0) {
+      throw Error(path, "cannot open: " + SystemReason(m_File->GetLastError()));
+    }
+    if (platform::Identify(descriptor) != platform::Identify(m_File->GetImageFileHandle())) {
+      throw Error(path, "was replaced while it was opened");
+    }
+    Read(path);
+  }
+
+  ~ClassReader() {
+    m_File->CloseImageFileHandle();
+    m_File.reset();
+    ImageIndex::DeleteCurrentInstance();
+  }
+  ClassReader(const ClassReader&) = delete;
+  ClassReader& operator=(const ClassReader&) = delete;
+
+  CpsList& Partitions() { return m_File->GetPartitions(); }
+
+ private:
+  void Read(const std::string& path) {
+    int result = -1;
+    try {
+      result = m_File->ReadImage(0);
+    } catch (int) {
+      throw Error(path, "index cannot be read");
+    }
+    if (result == 0) return;
+    throw Error(path, "folders of partition " + std::to_string(Partitions().GetCount()) +
+                          " cannot be read: a record is damaged or missing");
+  }
+
+  LibraryState m_State;
+  ScopedLibraryState m_Scope;
+  std::unique_ptr<CapsuleFile> m_File;
+};
+
+class CatalogBuilder {
+ public:
+  CatalogBuilder(int descriptor, const std::string& path, const IndexContents& index,
+                 std::vector<ImageProblem>* problems)
+      : m_nDescriptor(descriptor), m_strPath(path), m_Index(index), m_pProblems(problems) {}
+
+  std::unique_ptr<Catalog> Build(CpsList& partitions) {
+    const int count = partitions.GetCount();
+    for (int i = 0; i < count; ++i) {
+      CatalogNode root;
+      root.isDirectory = true;
+      root.attributes = kDirectoryAttribute;
+      root.parent = static_cast<uint32_t>(i);
+      root.partition = static_cast<uint8_t>(i);
+      m_Nodes.push_back(root);
+      m_Lists.push_back(&static_cast<CapsulePartition*>(partitions.GetAt(i))->GetFileBlocks());
+    }
+    for (uint32_t id = 0; id < m_Nodes.size(); ++id) AddChildren(id);
+    CheckThatAllAreThere();
+    auto catalog = std::make_unique<Catalog>(std::move(m_Nodes), static_cast<uint32_t>(count));
+    for (const auto& [id, reason] : m_Problems) {
+      m_pProblems->push_back({catalog->At(id).Path(), reason});
+    }
+    return catalog;
+  }
+
+ private:
+  void AddChildren(uint32_t folder) {
+    CpsList* list = m_Lists[folder];
+    m_Nodes[folder].firstChild = static_cast<uint32_t>(m_Nodes.size());
+    const int count = list == nullptr ? 0 : list->GetCount();
+    for (int i = 0; i < count; ++i) {
+      AddEntry(folder, *static_cast<CapsuleFileBlock*>(list->GetAt(i)));
+    }
+    m_Nodes[folder].childCount = static_cast<uint32_t>(m_Nodes.size()) - m_Nodes[folder].firstChild;
+  }
+
+  void AddEntry(uint32_t folder, CapsuleFileBlock& block) {
+    CapsuleDirectoryEntry& entry = block.GetDirectoryEntry();
+    const CString& shortText = entry.ShortName();
+    CapsuleBuffer& longName = entry.LongFileName();
+    const bool hasLongName = longName.GetWrite() != longName.GetRead();
+    const _ShortDirEntry& record = entry.EntryInUse();
+    CatalogNode node;
+    node.isDirectory = (record.Attribute & kDirectoryAttribute) != 0;
+    if (node.isDirectory && !hasLongName && (shortText == kDot || shortText == kDotDot)) return;
+    node.parent = folder;
+    node.partition = m_Nodes[folder].partition;
+    node.attributes = record.Attribute;
+    node.size = node.isDirectory ? 0 : record.FileSize;
+    node.modified = {record.WriteDate, record.WriteTime};
+    node.shortName = ShortNameToBytes(record);
+    node.name = node.shortName;
+    node.offset = static_cast<uint32_t>(block.GetFileBlockStartOffset());
+    node.dataOffset = static_cast<uint32_t>(block.GetDUPDATAOffset());
+    node.dataLimit = m_Index.LimitOf(node.offset);
+    CheckPlace(node, entry.GetRecord()->Header);
+    if (hasLongName) SetLongName(longName, record, &node);
+    m_Lists.push_back(node.isDirectory ? &block.FileList() : nullptr);
+    m_Nodes.push_back(std::move(node));
+  }
+
+  void CheckPlace(const CatalogNode& node, const _MiniHeader& header) const {
+    if (header.Type != kRecordDirectory || header.Length != kDirEntrySize) {
+      Fail(node.offset, "type " + std::to_string(header.Type) + ", length " +
+                            std::to_string(header.Length) + ": not a directory record");
+    }
+    if (node.dataOffset <= node.offset || node.dataOffset > node.dataLimit) {
+      Fail(node.offset, "its group reaches to " + Hex(node.dataOffset) +
+                            ", the next item begins at " + Hex(node.dataLimit));
+    }
+  }
+
+  void SetLongName(CapsuleBuffer& buffer, const _ShortDirEntry& record, CatalogNode* node) {
+    const std::string text(buffer.GetRead(), buffer.GetWrite());
+    const std::vector<unsigned char> pieces(text.begin(), text.end());
+    const std::string name = LongNameToBytes(DecodeLongName(pieces));
+    const std::string problem = JudgeChain(*node, record);
+    if (problem.empty() && !name.empty()) {
+      node->name = name;
+      return;
+    }
+    m_Problems.emplace_back(
+        static_cast<uint32_t>(m_Nodes.size()),
+        "long name at " + Hex(node->offset) + ": " + (problem.empty() ? "empty" : problem));
+  }
+
+  // What is wrong with the long-name records of a group, or nothing.
+  std::string JudgeChain(const CatalogNode& node, const _ShortDirEntry& record) const {
+    std::vector<unsigned char> group(node.dataOffset - node.offset);
+    const int64_t got = platform::ReadAt(m_nDescriptor, group.data(), group.size(), node.offset);
+    if (got < 0) throw Error(m_strPath, "cannot be read: " + SystemReason(errno), node.offset);
+    const size_t pieces = group.size() / kDirRecordSize - 1;
+    if (static_cast<size_t>(got) != group.size() || group.size() % kDirRecordSize != 0) {
+      return "records of other sizes between its own";
+    }
+    const auto stored = EncodeShortEntry(record);
+    const uint8_t checksum = ShortNameChecksum(std::span(stored).first<11>());
+    for (size_t i = 0; i < pieces; ++i) {
+      const unsigned char* piece = &group[i * kDirRecordSize + kMiniHeaderSize];
+      const size_t ordinal = (pieces - i) | (i == 0 ? kLastPiece : 0);
+      if (piece[0] != ordinal) {
+        return "piece " + std::to_string(piece[0]) + " where " + std::to_string(ordinal) +
+               " belongs";
+      }
+      if (piece[offsetof(_LongDirEntry, Checksum)] != checksum) {
+        return "belongs to another short name";
+      }
+    }
+    return {};
+  }
+
+  void CheckThatAllAreThere() const {
+    std::vector<uint32_t> found;
+    for (const CatalogNode& node : m_Nodes) found.push_back(node.offset);
+    std::sort(found.begin(), found.end());
+    for (const uint32_t offset : m_Index.entries) {
+      if (std::binary_search(found.begin(), found.end(), offset)) continue;
+      Fail(offset, "the index names an item here, but it cannot be read");
+    }
+  }
+
+  [[noreturn]] void Fail(uint32_t offset, const std::string& what) const {
+    throw Error(m_strPath, "directory record at " + Hex(offset) + ": " + what, offset);
+  }
+
+  int m_nDescriptor;
+  const std::string& m_strPath;
+  const IndexContents& m_Index;
+  std::vector<ImageProblem>* m_pProblems;
+  std::vector<CatalogNode> m_Nodes;
+  std::vector<CpsList*> m_Lists;  // by node; null for files
+  std::vector<std::pair<uint32_t, std::string>> m_Problems;
+};
+
+}  // namespace
+
+std::unique_ptr<Catalog> ReadCatalog(int descriptor, const std::string& path,
+                                     const IndexContents& index,
+                                     std::vector<ImageProblem>* problems) {
+  ClassReader reader(descriptor, path);
+  return CatalogBuilder(descriptor, path, index, problems).Build(reader.Partitions());
+}
+
+}  // namespace capsule::host

@@ -1,0 +1,24 @@
+// The steps of opening an image, each of which throws host::Error when it cannot be done.
+#pragma once
+
+#include <cstdint>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "capsule/container/header_format.h"
+#include "capsule/host/catalog.h"
+#include "capsule/host/image.h"
+#include "capsule/host/index_check.h"
+
+namespace capsule::host {
+
+// The header of the image at `path`, checked for being one that can be read.
+DecodedHeader ReadImageHeader(int descriptor, const std::string& path, uint64_t fileSize);
+
+// The tree of an image, read through the exported classes. `descriptor` is open on the same file.
+std::unique_ptr<Catalog> ReadCatalog(int descriptor, const std::string& path,
+                                     const IndexContents& index,
+                                     std::vector<ImageProblem>* problems);
+
+}  // namespace capsule::host

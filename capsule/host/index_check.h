@@ -1,0 +1,32 @@
+// Reads the index of an image as a whole and says what it covers, or what is wrong with it.
+#pragma once
+
+#include <cstdint>
+#include <string>
+#include <vector>
+
+namespace capsule::host {
+
+struct IndexContents {
+  // Whether the index carries a check value, which then holds.
+  bool isChecked = false;
+
+  // Offsets in ascending order: records that stand for items, among them those that must be
+  // entries of the tree (known of checked indexes only), and sections.
+  std::vector<uint32_t> items;
+  std::vector<uint32_t> entries;
+  std::vector<uint32_t> sections;
+
+  // Where the next item, section or the index begins behind `offset`.
+  uint32_t LimitOf(uint32_t offset) const;
+
+  // Items and sections and the index itself, ascending.
+  std::vector<uint32_t> boundaries;
+};
+
+// `descriptor`: the image at `path`, `fileSize` bytes long. Throws host::Error when the index ends
+// too early, its check value does not hold, or two of its records name the same item.
+IndexContents CheckIndex(int descriptor, const std::string& path, uint64_t indexOffset,
+                         uint64_t fileSize);
+
+}  // namespace capsule::host

@@ -1,0 +1,143 @@
+#include "capsule/host/record_stream.h"
+
+#include <algorithm>
+#include <cerrno>
+
+#include "capsule/blocks/data_block_format.h"
+#include "capsule/compression/lzs.h"
+#include "capsule/host/error.h"
+#include "capsule/host/reason.h"
+#include "capsule/partition/record_format.h"
+#include "capsule/platform/file.h"
+
+namespace capsule::host {
+namespace {
+
+constexpr size_t kWindowSize = 128 * 1024;  // holds any record: 8 + 65535 bytes
+constexpr uint64_t kMaxExpansion = 30;      // a group of 4 bits stands for up to 15 bytes
+
+std::string Count(uint64_t n) { return std::to_string(n); }
+
+bool AllZero(std::span<const unsigned char> bytes) {
+  return std::all_of(bytes.begin(), bytes.end(), [](unsigned char b) { return b == 0; });
+}
+
+}  // namespace
+
+RecordStream::RecordStream(RecordSource source)
+    : m_Source(std::move(source)), m_History(LzsSizeOfDecompressionHistory()) {
+  const uint64_t room = m_Source.limit - m_Source.begin;
+  Restart();
+  if (m_Source.size > room * kMaxExpansion) {
+    Fail("its entry states " + Count(m_Source.size) + " bytes, but " + Count(room) +
+         " bytes of records cannot hold them");
+  }
+}
+
+void RecordStream::Restart() {
+  m_nRecord = m_Source.begin;
+  m_nChunkBegin = m_nChunkEnd = 0;
+  m_Chunk.clear();
+  LzsInitDecompressionHistory(m_History.data());
+}
+
+void RecordStream::Advance(uint64_t offset) {
+  const _MiniHeader header = ReadHeader();
+  const uint32_t length = UncompressedLength(header, m_Source.imageIsCompressed);
+  CheckCoverage(header, length);
+  const bool isStored = !IsCompressedPayload(header, m_Source.imageIsCompressed);
+  m_Chunk.clear();
+  if (!isStored) {
+    Decode(Window(m_nRecord + kMiniHeaderSize, header.Length), length);
+  } else if (offset < m_nChunkEnd + length) {
+    const auto payload = Window(m_nRecord + kMiniHeaderSize, header.Length);
+    m_Chunk.assign(payload.begin(), payload.end());
+  }
+  m_nRecord += kMiniHeaderSize + header.Length;
+  m_nChunkBegin = m_nChunkEnd;
+  m_nChunkEnd += length;
+}
+
+_MiniHeader RecordStream::ReadHeader() {
+  const uint64_t room = m_Source.limit - m_nRecord;
+  if (room < kMiniHeaderSize) {
+    Fail("its records end after " + Count(m_nChunkEnd) + " of " + Count(m_Source.size) + " bytes");
+  }
+  const _MiniHeader header =
+      DecodeMiniHeader(Window(m_nRecord, kMiniHeaderSize).first<kMiniHeaderSize>());
+  if (header.Type != kRecordDataBlock) {
+    Fail("record is of type " + Count(header.Type) + ", a data block is " +
+         Count(kRecordDataBlock) + "; " + Count(m_nChunkEnd) + " of " + Count(m_Source.size) +
+         " bytes were read");
+  }
+  if (header.Length > room - kMiniHeaderSize) {
+    Fail("payload is " + Count(header.Length) + " bytes, " + Count(room - kMiniHeaderSize) +
+         " remain");
+  }
+  return header;
+}
+
+void RecordStream::CheckCoverage(const _MiniHeader& header, uint32_t length) const {
+  if (length == 0 || length > kMaxUncompressedLength) {
+    Fail("chunk is " + Count(length) + " bytes, 1 to " + Count(kMaxUncompressedLength) +
+         " are possible");
+  }
+  const uint64_t end = m_nChunkEnd + length;
+  const bool reachesEnd = end >= m_Source.size;
+  if (reachesEnd != (header.Flag == 1)) {
+    Fail((reachesEnd ? "not marked as the last" : "marked as the last") +
+         std::string(" record, but ends at ") + Count(end) + " of " + Count(m_Source.size) +
+         " bytes");
+  }
+  if (reachesEnd && end - m_Source.size >= kChunkAlignment) {
+    Fail("last record ends at " + Count(end) + ", the file at " + Count(m_Source.size));
+  }
+}
+
+void RecordStream::Decode(std::span<const unsigned char> payload, uint32_t length) {
+  m_Chunk.resize(length);
+  const unsigned char* source = payload.data();
+  unsigned char* destination = m_Chunk.data();
+  uint32_t sourceLeft = static_cast<uint32_t>(payload.size());
+  uint32_t destinationLeft = length;
+  const uint16_t result = LzsDecompress(&source, &destination, &sourceLeft, &destinationLeft,
+                                        m_History.data(), LzsKeepHistory);
+  if (result == 0) Fail("compressed data is corrupt");
+  if ((result & LzsUnitComplete) == 0) {
+    Fail((result & LzsOutputFull) != 0
+             ? "decodes to more than the " + Count(length) + " bytes that it states"
+             : "compressed data has no end within its " + Count(payload.size()) + " bytes");
+  }
+  if (destinationLeft != 0) {
+    Fail("decodes to " + Count(length - destinationLeft) + " bytes instead of " + Count(length));
+  }
+  if (!AllZero(payload.last(sourceLeft))) {
+    Fail(Count(sourceLeft) + " bytes follow the end of the compressed data");
+  }
+}
+
+std::span<const unsigned char> RecordStream::Window(uint64_t offset, size_t count) {
+  const uint64_t end = m_nWindowBegin + m_Window.size();
+  if (offset < m_nWindowBegin || offset + count > end) {
+    const auto wanted =
+        static_cast<size_t>(std::min<uint64_t>(kWindowSize, m_Source.limit - offset));
+    m_Window.resize(wanted);
+    m_nWindowBegin = offset;
+    const int64_t got = platform::ReadAt(m_Source.descriptor, m_Window.data(), wanted,
+                                         static_cast<int64_t>(offset));
+    const int reason = errno;
+    m_Window.resize(got < 0 ? 0 : static_cast<size_t>(got));
+    if (got < 0) Fail("cannot be read: " + SystemReason(reason));
+    if (m_Window.size() < count) {
+      Fail("needs " + Count(count) + " bytes, the file has " + Count(m_Window.size()) + " more");
+    }
+  }
+  return std::span(m_Window).subspan(static_cast<size_t>(offset - m_nWindowBegin), count);
+}
+
+void RecordStream::Fail(const std::string& what) const {
+  throw Error(m_Source.imagePath,
+              m_Source.entryPath + ": data block at " + Hex(m_nRecord) + ": " + what, m_nRecord);
+}
+
+}  // namespace capsule::host

@@ -1,0 +1,69 @@
+// RecordStream decodes the data block records of one file, one after the other.
+//
+// 1. Bytes of the image from the first record up to the limit are all it ever looks at.
+// 2. A record counts only when it decodes to exactly the length that it states, with its end
+//    marker, and the records together cover the file's size exactly: the one that reaches it, and
+//    no other, is marked as the last, and less than 512 bytes of padding follow.
+// 3. The history holds what the records before the current one left, so records are decoded in
+//    order; stored records do not touch it and may be passed over unread.
+#pragma once
+
+#include <cstdint>
+#include <optional>
+#include <span>
+#include <string>
+#include <vector>
+
+#include "capsule/partition/directory_records.h"
+
+namespace capsule::host {
+
+// Where a file's records lie, and what is said about them in messages.
+struct RecordSource {
+  int descriptor = -1;
+  bool imageIsCompressed = false;
+  uint64_t begin = 0;
+  uint64_t limit = 0;
+  uint64_t size = 0;
+  std::string imagePath;
+  std::string entryPath;
+};
+
+class RecordStream {
+ public:
+  // Throws host::Error when no records between begin and limit can hold `size` bytes.
+  explicit RecordStream(RecordSource source);
+
+  const RecordSource& Source() const { return m_Source; }
+
+  // The part of the file that the current record holds; both 0 before the first Advance.
+  uint64_t ChunkBegin() const { return m_nChunkBegin; }
+  uint64_t ChunkEnd() const { return m_nChunkEnd; }
+
+  // Goes to the next record. `offset`: the first byte of the file that will be asked for.
+  void Advance(uint64_t offset);
+
+  // The bytes of the current record, padding included.
+  std::span<const unsigned char> Chunk() const { return m_Chunk; }
+
+  // Goes back to before the first record.
+  void Restart();
+
+ private:
+  _MiniHeader ReadHeader();
+  void CheckCoverage(const _MiniHeader& header, uint32_t length) const;
+  void Decode(std::span<const unsigned char> payload, uint32_t length);
+  std::span<const unsigned char> Window(uint64_t offset, size_t count);
+  [[noreturn]] void Fail(const std::string& what) const;
+
+  RecordSource m_Source;
+  uint64_t m_nRecord = 0;  // offset of the next record, of the current one while it is decoded
+  uint64_t m_nChunkBegin = 0;
+  uint64_t m_nChunkEnd = 0;
+  uint64_t m_nWindowBegin = 0;
+  std::vector<unsigned char> m_Window;
+  std::vector<unsigned char> m_History;
+  std::vector<unsigned char> m_Chunk;
+};
+
+}  // namespace capsule::host
