@@ -1,0 +1,216 @@
+// Walks the tree of an image and the folders of the target side by side.
+//
+// 1. One folder of the target is open at a time, reached from the target one component at a time
+//    without following links. Going up takes "..", which must be the very folder (device and inode)
+//    that the walk came from: so depth costs no descriptors, and a folder that is moved away
+//    meanwhile ends the extraction instead of leading it elsewhere.
+// 2. A name is judged as it will be used and is not changed afterwards.
+// 3. A folder's times are set when the walk leaves it, after its contents.
+#include "capsule/host/extractor.h"
+
+#include <algorithm>
+#include <cerrno>
+#include <unordered_map>
+
+#include "capsule/host/file_extraction.h"
+#include "capsule/host/reason.h"
+#include "capsule/host/scoped_descriptor.h"
+#include "capsule/platform/folder.h"
+
+namespace capsule::host {
+namespace {
+
+// Reason why a file of this name must not be made, or null.
+const char* JudgeName(const std::string& name) {
+  if (name.empty()) return "name is empty";
+  if (name == "." || name == "..") return "name stands for a folder of the file system";
+  if (name.find_first_of(std::string_view("/\\\0", 3)) != std::string::npos) {
+    return "name contains a separator or a zero byte";
+  }
+  return nullptr;
+}
+
+}  // namespace
+
+struct Extractor::Impl {
+  // A folder that the walk is in, and how to leave it.
+  struct Level {
+    Entry folder;
+    EntryRange::Iterator next;
+    bool isWanted = false;  // everything below is
+    bool isNew = false;
+    platform::FileIdentity identity;
+  };
+
+  Impl(const Image& source, std::filesystem::path path, ExtractOptions settings)
+      : image(source), target(std::move(path)), options(std::move(settings)) {}
+
+  void OpenTarget();
+  void Walk(const Entry& root);
+  void Visit(const Entry& entry);
+  bool Enter(const Entry& folder, const std::string& name, bool isWanted);
+  void Leave();
+  void ExtractFile(const Entry& file);
+  bool OpenOrMake(const std::string& name, const Entry& folder, bool* isNew);
+  platform::FileIdentity IdentityOf(const ScopedDescriptor& folder) const;
+  void Problem(const Entry& entry, std::string reason);
+  void Tell(const Entry& entry);
+
+  const Image& image;
+  std::filesystem::path target;
+  ExtractOptions options;
+  std::unordered_map<uint32_t, bool> chosen;  // by node: true: wanted; false: leads to a wanted one
+  ScopedDescriptor current;
+  std::vector<Level> levels;
+  ExtractReport report;
+};
+
+void Extractor::Impl::OpenTarget() {
+  current = ScopedDescriptor(platform::OpenFolder(target.c_str()));
+  if (current) return;
+  const bool isLink = errno == ELOOP || (errno == ENOTDIR && std::filesystem::is_symlink(target));
+  throw Error(target.string(), isLink ? "is a link; name the folder it leads to, or end it with '/'"
+                                      : "cannot open: " + SystemReason(errno));
+}
+
+platform::FileIdentity Extractor::Impl::IdentityOf(const ScopedDescriptor& folder) const {
+  const auto identity = platform::Identify(folder.Get());
+  if (!identity) throw Error(target.string(), "cannot look at a folder: " + SystemReason(errno));
+  return *identity;
+}
+
+void Extractor::Impl::Problem(const Entry& entry, std::string reason) {
+  report.problems.push_back({entry.Path(), std::move(reason)});
+}
+
+void Extractor::Impl::Tell(const Entry& entry) {
+  if (!options.onProgress) return;
+  options.onProgress({entry.Path(), report.files, report.directories, report.bytes});
+}
+
+// Opens the folder `name` of the current one, made if there is none; it becomes the current one.
+bool Extractor::Impl::OpenOrMake(const std::string& name, const Entry& folder, bool* isNew) {
+  *isNew = platform::MakeFolderIn(current.Get(), name.c_str());
+  if (!*isNew && errno != EEXIST) {
+    Problem(folder, "cannot make the folder: " + SystemReason(errno));
+    return false;
+  }
+  ScopedDescriptor opened(platform::OpenFolderIn(current.Get(), name.c_str()));
+  if (!opened) {
+    const int reason = errno;
+    Problem(folder, platform::LookIn(current.Get(), name.c_str()) == platform::Presence::Folder
+                        ? "cannot enter the folder: " + SystemReason(reason)
+                        : "something that is not a folder is in the way");
+    return false;
+  }
+  current = std::move(opened);
+  return true;
+}
+
+bool Extractor::Impl::Enter(const Entry& folder, const std::string& name, bool isWanted) {
+  bool isNew = false;
+  if (!OpenOrMake(name, folder, &isNew)) return false;
+  levels.push_back({folder, folder.Children().begin(), isWanted, isNew, IdentityOf(current)});
+  if (isNew) ++report.directories;
+  Tell(folder);
+  return true;
+}
+
+void Extractor::Impl::Leave() {
+  const Level level = levels.back();
+  levels.pop_back();
+  // The way up is opened first: a folder that loses its permissions may not be asked any more.
+  ScopedDescriptor above(platform::OpenFolderIn(current.Get(), ".."));
+  if (!above) throw Error(target.string(), "cannot go back up: " + SystemReason(errno));
+  if (IdentityOf(above) != levels.back().identity) {
+    throw Error(target.string(), "a folder in it was moved while extracting");
+  }
+  if ((level.isNew || options.force) && !level.folder.IsRoot()) {
+    const auto time = level.folder.ModifiedTime();
+    const bool done = (!time || platform::SetTimes(current.Get(), *time)) &&
+                      (!level.folder.IsReadOnly() || platform::MakeReadOnly(current.Get()));
+    if (!done) Problem(level.folder, "cannot set times or permissions: " + SystemReason(errno));
+  }
+  current = std::move(above);
+}
+
+void Extractor::Impl::ExtractFile(const Entry& file) {
+  try {
+    report.bytes += host::ExtractFile(image, file, current.Get(), options.force);
+    ++report.files;
+    Tell(file);
+  } catch (const Error& error) {
+    // The reader names the entry, and so does the report.
+    const std::string prefix = file.Path() + ": ";
+    const std::string& reason = error.Reason();
+    Problem(file, reason.starts_with(prefix) ? reason.substr(prefix.size()) : reason);
+  }
+}
+
+void Extractor::Impl::Visit(const Entry& entry) {
+  const auto mark = chosen.find(entry.m_nId);
+  const bool isWanted = levels.back().isWanted || (mark != chosen.end() && mark->second);
+  if (!isWanted && mark == chosen.end()) return;
+  const char* objection = JudgeName(entry.Name());
+  if (objection == nullptr && entry.IsDuplicate()) {
+    objection = "an earlier entry has the same name";
+  }
+  if (objection == nullptr && entry.IsDirectory() && levels.size() > kMaxExtractDepth) {
+    objection = "folders are nested too deep";
+  }
+  if (objection != nullptr) {
+    Problem(entry, objection);
+  } else if (entry.IsDirectory()) {
+    Enter(entry, entry.Name(), isWanted);
+  } else {
+    ExtractFile(entry);
+  }
+}
+
+void Extractor::Impl::Walk(const Entry& root) {
+  const auto mark = chosen.find(root.m_nId);
+  if (!chosen.empty() && mark == chosen.end()) return;
+  const bool isWanted = chosen.empty() || mark->second;
+  OpenTarget();
+  levels.clear();
+  levels.push_back({root, root.Children().end(), false, false, IdentityOf(current)});
+  if (image.Partitions() == 1) {
+    levels.back().next = root.Children().begin();
+    levels.back().isWanted = isWanted;
+  } else if (!Enter(root, std::to_string(root.Partition()), isWanted)) {
+    return;
+  }
+  while (true) {
+    Level& level = levels.back();
+    if (level.next != level.folder.Children().end()) {
+      Visit(*level.next++);
+    } else if (levels.size() > 1) {
+      Leave();
+    } else {
+      return;
+    }
+  }
+}
+
+Extractor::Extractor(const Image& image, std::filesystem::path target, ExtractOptions options)
+    : m_pImpl(std::make_unique<Impl>(image, std::move(target), std::move(options))) {
+  m_pImpl->OpenTarget();
+}
+
+Extractor::~Extractor() = default;
+
+void Extractor::Add(const Entry& entry) {
+  m_pImpl->chosen[entry.m_nId] = true;
+  for (Entry at = entry; !at.IsRoot();) {
+    at = at.Parent();
+    if (!m_pImpl->chosen.try_emplace(at.m_nId, false).second) return;
+  }
+}
+
+ExtractReport Extractor::Run() {
+  m_pImpl->report = {};
+  for (int n = 0; n < m_pImpl->image.Partitions(); ++n) m_pImpl->Walk(m_pImpl->image.Root(n));
+  return std::move(m_pImpl->report);
+}
+
+}  // namespace capsule::host

@@ -1,0 +1,80 @@
+// Extractor writes entries of an image into a folder, and nothing outside of it.
+//
+//   host::Extractor extractor(image, "/home/me/out");
+//   extractor.Add(*image.Find("0:/2024"));
+//   host::ExtractReport report = extractor.Run();
+//
+// An entry goes to its whole path below the target, so its folders are made too; the partitions of
+// an image with several go to folders named by their numbers. The target must exist and must not
+// be a link (a path that ends in '/' is the folder behind the link). No link found on the way is
+// followed, whatever it leads to.
+//
+// A file is written under a temporary name (.capsule-*.tmp) and gets its own when it is complete.
+// What exists stays: a file is replaced, in one step, only with `force`; folders are entered, and
+// keep their times unless `force`. Files get the stored modification time, and no permission to
+// write when they are read-only.
+//
+// What cannot be written is listed in the report, and the rest goes on: names that are no names of
+// a file system ("", ".", "..", any with '/', '\' or NUL), existing files, damaged contents,
+// second entries of the same name, folders nested deeper than kMaxExtractDepth.
+#pragma once
+
+#include <cstdint>
+#include <filesystem>
+#include <functional>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "capsule/export.h"
+#include "capsule/host/image.h"
+
+namespace capsule::host {
+
+inline constexpr int kMaxExtractDepth = 2048;
+
+// How far an extraction has come. `path` is the entry just written, "N:/folder/file".
+struct ExtractProgress {
+  std::string path;
+  uint64_t files = 0;
+  uint64_t directories = 0;
+  uint64_t bytes = 0;
+};
+
+struct ExtractOptions {
+  bool force = false;
+  std::function<void(const ExtractProgress&)> onProgress;
+};
+
+struct ExtractProblem {
+  std::string path;  // the entry, "N:/folder/file"
+  std::string reason;
+};
+
+struct ExtractReport {
+  uint64_t files = 0;
+  uint64_t directories = 0;  // made, not only entered
+  uint64_t bytes = 0;
+  std::vector<ExtractProblem> problems;
+};
+
+class CAPSULE_API Extractor {
+ public:
+  // The image must outlive the extractor. Throws Error when the target cannot be opened.
+  Extractor(const Image& image, std::filesystem::path target, ExtractOptions options = {});
+  ~Extractor();
+  Extractor(const Extractor&) = delete;
+  Extractor& operator=(const Extractor&) = delete;
+
+  // Chooses an entry, with all below it. Without any, Run extracts everything.
+  void Add(const Entry& entry);
+
+  // Throws Error when the target folder is taken away or moved meanwhile.
+  ExtractReport Run();
+
+ private:
+  struct Impl;
+  std::unique_ptr<Impl> m_pImpl;
+};
+
+}  // namespace capsule::host

@@ -1,0 +1,90 @@
+#include "capsule/host/file_extraction.h"
+
+#include <algorithm>
+#include <cerrno>
+#include <string>
+#include <vector>
+
+#include "capsule/host/error.h"
+#include "capsule/host/reason.h"
+#include "capsule/host/scoped_descriptor.h"
+#include "capsule/platform/folder.h"
+
+namespace capsule::host {
+namespace {
+
+constexpr char kExists[] = "exists in the target folder, kept";
+constexpr size_t kPiece = 128 * 1024;
+
+// A file that goes away again unless it is published.
+class TemporaryFile {
+ public:
+  TemporaryFile(int folder, const Entry& entry)
+      : m_nFolder(folder),
+        m_Entry(entry),
+        m_File(platform::CreateTemporaryIn(folder, entry.IsReadOnly(), &m_strName)) {
+    if (!m_File) Fail("cannot create a file");
+  }
+  ~TemporaryFile() {
+    if (!m_bPublished) platform::RemoveIn(m_nFolder, m_strName.c_str());
+  }
+  TemporaryFile(const TemporaryFile&) = delete;
+  TemporaryFile& operator=(const TemporaryFile&) = delete;
+
+  void Append(std::span<const unsigned char> bytes) {
+    if (!platform::WriteHere(m_File.Get(), bytes.data(), bytes.size())) Fail("cannot write");
+  }
+
+  void Publish(bool force) {
+    const auto time = m_Entry.ModifiedTime();
+    if (time && !platform::SetTimes(m_File.Get(), *time)) Fail("cannot set its time");
+    if (!m_File.Close()) Fail("cannot write");
+    const std::string& name = m_Entry.Name();
+    m_bPublished = platform::PublishIn(m_nFolder, m_strName.c_str(), name.c_str(), !force);
+    if (!m_bPublished) Fail("cannot give the file its name");
+  }
+
+ private:
+  [[noreturn]] void Fail(const std::string& what) const {
+    if (errno == EEXIST) throw Error(m_Entry.Path(), kExists);
+    throw Error(m_Entry.Path(), what + ": " + SystemReason(errno));
+  }
+
+  int m_nFolder;
+  Entry m_Entry;
+  std::string m_strName;
+  ScopedDescriptor m_File;
+  bool m_bPublished = false;
+};
+
+// Spares the work where the outcome is known; Publish decides.
+void RefuseExisting(const Entry& file, int folder, bool force) {
+  switch (platform::LookIn(folder, file.Name().c_str())) {
+    case platform::Presence::Folder:
+      throw Error(file.Path(), "a folder is in the way in the target folder");
+    case platform::Presence::File:
+    case platform::Presence::Other:
+      if (!force) throw Error(file.Path(), kExists);
+      return;
+    default:
+      return;
+  }
+}
+
+}  // namespace
+
+uint64_t ExtractFile(const Image& image, const Entry& file, int folder, bool force) {
+  RefuseExisting(file, folder, force);
+  FileReader reader = image.OpenFile(file);
+  std::vector<unsigned char> piece(std::min<size_t>(kPiece, file.Size()));
+  TemporaryFile out(folder, file);
+  for (uint64_t at = 0; at < file.Size();) {
+    const size_t count = reader.Read(at, piece);
+    out.Append(std::span(piece).first(count));
+    at += count;
+  }
+  out.Publish(force);
+  return file.Size();
+}
+
+}  // namespace capsule::host
