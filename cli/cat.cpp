@@ -1,0 +1,63 @@
+#include <algorithm>
+#include <cstdint>
+#include <limits>
+#include <memory>
+#include <vector>
+
+#include "cli/command.h"
+#include "cli/opening.h"
+#include "cli/output.h"
+
+namespace capsule::cli {
+namespace {
+
+constexpr size_t kPiece = 128 * 1024;
+
+struct CatArguments {
+  std::string image;
+  std::string path;
+  uint64_t offset = 0;
+  uint64_t length = std::numeric_limits<uint64_t>::max();
+};
+
+int Cat(const CatArguments& arguments) {
+  const host::Image image(arguments.image);
+  const host::Entry entry = FindOrFail(image, arguments.path);
+  host::FileReader reader = image.OpenFile(entry);
+  if (arguments.offset > reader.Size()) {
+    throw host::Error(image.Path(), entry.Path() + ": offset is " +
+                                        std::to_string(arguments.offset) + ", the file has " +
+                                        std::to_string(reader.Size()) + " bytes");
+  }
+  Output output;
+  std::vector<unsigned char> piece(kPiece);
+  uint64_t at = arguments.offset;
+  uint64_t left = std::min(arguments.length, reader.Size() - at);
+  while (left != 0) {
+    const auto wanted = static_cast<size_t>(std::min<uint64_t>(left, piece.size()));
+    const size_t count = reader.Read(at, std::span(piece).first(wanted));
+    output.Write(std::span<const unsigned char>(piece).first(count));
+    at += count;
+    left -= count;
+  }
+  return kDone;
+}
+
+}  // namespace
+
+void DeclareCat(CLI::App& app, Session& session) {
+  auto arguments = std::make_shared<CatArguments>();
+  CLI::App* command = app.add_subcommand("cat", "Write a file of an image to standard output");
+  command->add_option("IMAGE", arguments->image, "The image file")->required();
+  command->add_option("PATH", arguments->path, "The file in it")->required();
+  command->add_option("--offset", arguments->offset, "First byte to write")
+      ->type_name("N")
+      ->check(CLI::NonNegativeNumber);
+  command->add_option("--length", arguments->length, "How many bytes at most")
+      ->type_name("N")
+      ->check(CLI::NonNegativeNumber);
+  command->callback(
+      [arguments, &session] { session.run = [arguments] { return Cat(*arguments); }; });
+}
+
+}  // namespace capsule::cli

@@ -1,0 +1,71 @@
+#include <memory>
+
+#include "capsule/host/extractor.h"
+#include "cli/command.h"
+#include "cli/opening.h"
+#include "cli/text.h"
+
+namespace capsule::cli {
+namespace {
+
+struct ExtractArguments {
+  std::string image;
+  std::vector<std::string> paths;
+  std::string target = ".";
+  bool force = false;
+};
+
+// Paths that are not in the image are named, and the others extracted. How many were missing.
+size_t AddPaths(const host::Image& image, const std::vector<std::string>& paths,
+                host::Extractor& extractor, Talk& talk) {
+  size_t missing = 0;
+  for (const std::string& path : paths) {
+    if (const auto entry = image.Find(path)) {
+      extractor.Add(*entry);
+    } else {
+      talk.Complain(image.Path(), path + ": not in the image");
+      ++missing;
+    }
+  }
+  return missing;
+}
+
+int Extract(const ExtractArguments& arguments, Talk& talk) {
+  const host::Image image(arguments.image);
+  host::ExtractOptions options;
+  options.force = arguments.force;
+  options.onProgress = [&talk](const host::ExtractProgress& progress) {
+    talk.Progress(progress.files, progress.bytes, progress.path);
+  };
+  host::Extractor extractor(image, arguments.target, options);
+  const size_t missing = AddPaths(image, arguments.paths, extractor, talk);
+  if (missing != 0 && missing == arguments.paths.size()) return kFailed;
+  int result = ComplainAboutProblems(image, talk);
+  const host::ExtractReport report = extractor.Run();
+  for (const host::ExtractProblem& problem : report.problems) {
+    talk.Complain(image.Path(), problem.path + ": " + problem.reason);
+  }
+  talk.Summarize(arguments.target + ": " + Counted(report.files, "file", "files") + " and " +
+                 Counted(report.directories, "new folder", "new folders") + ", " +
+                 Counted(report.bytes, "byte", "bytes"));
+  if (missing != 0 || !report.problems.empty()) result = kProblems;
+  return result;
+}
+
+}  // namespace
+
+void DeclareExtract(CLI::App& app, Session& session) {
+  auto arguments = std::make_shared<ExtractArguments>();
+  CLI::App* command = app.add_subcommand("extract", "Write files and folders of an image to disk");
+  command->add_option("IMAGE", arguments->image, "The image file")->required();
+  command->add_option("PATH", arguments->paths, "What to extract; everything by default");
+  command->add_option("-C,--directory", arguments->target, "The folder to write to")
+      ->type_name("DIR")
+      ->capture_default_str();
+  command->add_flag("--force", arguments->force, "Replace existing files");
+  command->callback([arguments, &session] {
+    session.run = [arguments, &session] { return Extract(*arguments, session.talk); };
+  });
+}
+
+}  // namespace capsule::cli

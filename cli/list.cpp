@@ -1,0 +1,126 @@
+#include <algorithm>
+#include <array>
+#include <cstdio>
+#include <memory>
+#include <nlohmann/json.hpp>
+#include <vector>
+
+#include "cli/command.h"
+#include "cli/opening.h"
+#include "cli/output.h"
+#include "cli/text.h"
+
+namespace capsule::cli {
+namespace {
+
+constexpr uint8_t kSystemAttribute = 0x04;
+
+struct ListArguments {
+  std::string image;
+  std::string path;
+  bool isLong = false;
+  bool recursive = false;
+  bool json = false;
+};
+
+std::string LongColumns(const host::Entry& entry) {
+  const auto time = entry.ModifiedTime();
+  std::array<char, 64> text{};
+  std::snprintf(text.data(), text.size(), "%c%c%c%c %10u %-20s ", entry.IsDirectory() ? 'd' : '-',
+                entry.IsReadOnly() ? 'r' : '-', entry.IsHidden() ? 'h' : '-',
+                (entry.Attributes() & kSystemAttribute) != 0 ? 's' : '-', entry.Size(),
+                time ? IsoTime(*time).c_str() : "-");
+  return text.data();
+}
+
+std::string JsonLine(const host::Entry& entry, const std::string& path) {
+  nlohmann::ordered_json json;
+  json["path"] = ToUtf8(path);
+  if (!IsUtf8(path)) json["path_hex"] = ToHex(path);
+  json["type"] = entry.IsDirectory() ? "directory" : "file";
+  json["size"] = entry.Size();
+  const auto time = entry.ModifiedTime();
+  json["modified"] = time ? nlohmann::ordered_json(IsoTime(*time)) : nullptr;
+  json["attributes"] = entry.Attributes();
+  json["short_name"] = ToUtf8(entry.ShortName());
+  return json.dump() + "\n";
+}
+
+class Lister {
+ public:
+  Lister(const ListArguments& arguments, Output& output)
+      : m_Arguments(arguments), m_Output(output) {}
+
+  // What lies in a folder, or one file.
+  void List(const host::Entry& entry) {
+    const std::string path = entry.Path();
+    if (!entry.IsDirectory()) return Line(entry, path);
+    Below(entry, entry.IsRoot() ? path.substr(0, path.size() - 1) : path);
+  }
+
+ private:
+  struct Level {
+    host::EntryRange::Iterator next;
+    host::EntryRange::Iterator end;
+    size_t pathLength;
+  };
+
+  // `path` grows and shrinks with the walk, so that a deep tree costs no more than its output.
+  void Below(const host::Entry& folder, std::string path) {
+    const auto children = folder.Children();
+    std::vector<Level> levels{{children.begin(), children.end(), path.size()}};
+    while (!levels.empty()) {
+      Level& level = levels.back();
+      path.resize(level.pathLength);
+      if (level.next == level.end) {
+        levels.pop_back();
+        continue;
+      }
+      const host::Entry entry = *level.next++;
+      path.append("/").append(entry.Name());
+      Line(entry, path);
+      if (!m_Arguments.recursive || entry.Children().empty()) continue;
+      levels.push_back({entry.Children().begin(), entry.Children().end(), path.size()});
+    }
+  }
+
+  void Line(const host::Entry& entry, const std::string& path) {
+    if (m_Arguments.json) return m_Output.Write(JsonLine(entry, path));
+    const std::string columns = m_Arguments.isLong ? LongColumns(entry) : "";
+    m_Output.WritePathLine(columns, entry.IsDirectory() ? path + "/" : path);
+  }
+
+  const ListArguments& m_Arguments;
+  Output& m_Output;
+};
+
+int List(const ListArguments& arguments, Talk& talk) {
+  const host::Image image(arguments.image);
+  Output output;
+  Lister lister(arguments, output);
+  if (!arguments.path.empty()) {
+    lister.List(FindOrFail(image, arguments.path));
+  } else {
+    for (int n = 0; n < image.Partitions(); ++n) lister.List(image.Root(n));
+  }
+  return ComplainAboutProblems(image, talk);
+}
+
+}  // namespace
+
+void DeclareList(CLI::App& app, Session& session) {
+  auto arguments = std::make_shared<ListArguments>();
+  CLI::App* command =
+      app.add_subcommand("list", "List what is in an image, or in one folder of it");
+  command->add_option("IMAGE", arguments->image, "The image file")->required();
+  command->add_option("PATH", arguments->path, "A folder or file in it; everything by default");
+  command->add_flag("-l,--long", arguments->isLong,
+                    "Attributes (d folder, r read-only, h hidden, s system), size and time too");
+  command->add_flag("-R,--recursive", arguments->recursive, "What is in the folders too");
+  command->add_flag("--json", arguments->json, "One JSON object a line");
+  command->callback([arguments, &session] {
+    session.run = [arguments, &session] { return List(*arguments, session.talk); };
+  });
+}
+
+}  // namespace capsule::cli

@@ -1,0 +1,64 @@
+#include "cli/talk.h"
+
+#include <unistd.h>
+
+#include <cstdio>
+
+#include "capsule/host/error.h"
+#include "cli/text.h"
+
+namespace capsule::cli {
+namespace {
+
+constexpr auto kProgressInterval = std::chrono::milliseconds(100);
+constexpr size_t kProgressWidth = 76;
+
+// The end of `text` that fits a line, cut between characters.
+std::string Shortened(const std::string& text) {
+  if (text.size() <= kProgressWidth) return text;
+  size_t begin = text.size() - (kProgressWidth - 3);
+  while (begin < text.size() && (static_cast<unsigned char>(text[begin]) & 0xC0) == 0x80) ++begin;
+  return "..." + text.substr(begin);
+}
+
+void Write(const std::string& text) {
+  // Nothing is left to tell anybody when standard error cannot be written.
+  static_cast<void>(std::fwrite(text.data(), 1, text.size(), stderr));
+}
+
+}  // namespace
+
+Talk::Talk() : m_bTerminal(isatty(STDERR_FILENO) == 1) {}
+Talk::~Talk() { ClearProgress(); }
+
+void Talk::Complain(const std::string& path, const std::string& reason) {
+  Complain(host::Error(path, reason).what());
+}
+
+void Talk::Complain(const std::string& message) {
+  ClearProgress();
+  Write("capsule: " + (m_bTerminal ? ToUtf8(message) : message) + "\n");
+}
+
+void Talk::Summarize(const std::string& text) {
+  if (m_bQuiet) return;
+  ClearProgress();
+  Write("capsule: " + (m_bTerminal ? ToUtf8(text) : text) + "\n");
+}
+
+void Talk::Progress(uint64_t files, uint64_t bytes, const std::string& path) {
+  if (m_bQuiet || !m_bTerminal) return;
+  const auto now = std::chrono::steady_clock::now();
+  if (m_bProgressShown && now - m_LastProgress < kProgressInterval) return;
+  m_LastProgress = now;
+  m_bProgressShown = true;
+  Write("\r\033[K" + Shortened(Counted(files, "file", "files") + ", " +
+                               std::to_string(bytes / 1000000) + " MB  " + ForTerminal(path)));
+}
+
+void Talk::ClearProgress() {
+  if (m_bProgressShown) Write("\r\033[K");
+  m_bProgressShown = false;
+}
+
+}  // namespace capsule::cli

@@ -1,0 +1,42 @@
+// Talk is what the command says to people, on standard error: messages, a summary, progress.
+#pragma once
+
+#include <chrono>
+#include <cstdint>
+#include <string>
+
+namespace capsule::cli {
+
+class Talk {
+ public:
+  Talk();
+  ~Talk();
+  Talk(const Talk&) = delete;
+  Talk& operator=(const Talk&) = delete;
+
+  // No summaries, no progress; what went wrong is said all the same.
+  void SetQuiet(bool quiet) { m_bQuiet = quiet; }
+  bool& QuietFlag() { return m_bQuiet; }
+
+  // "capsule: path: reason" in one line.
+  void Complain(const std::string& path, const std::string& reason);
+
+  // "capsule: message", the message being one line already.
+  void Complain(const std::string& message);
+
+  // Tells what was done.
+  void Summarize(const std::string& text);
+
+  // On a terminal only, a few times a second: one line that is overwritten.
+  void Progress(uint64_t files, uint64_t bytes, const std::string& path);
+
+ private:
+  void ClearProgress();
+
+  bool m_bQuiet = false;
+  bool m_bTerminal;
+  bool m_bProgressShown = false;
+  std::chrono::steady_clock::time_point m_LastProgress;
+};
+
+}  // namespace capsule::cli

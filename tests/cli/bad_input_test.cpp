@@ -1,0 +1,157 @@
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <filesystem>
+
+#include "tests/cli/command_runner.h"
+
+namespace capsule::test {
+namespace {
+
+namespace fs = std::filesystem;
+
+class BadInputTest : public testing::Test {
+ protected:
+  BadInputTest() {
+    fs::create_directories(At("in/sub"));
+    WriteFile(At("in/a"), "content of a");
+    WriteFile(At("in/sub/b"), std::string(20000, 'b'));
+    EXPECT_EQ(RunCapsule({"create", "-q", At("i"), At("in")}).status, 0);
+    m_Image = ReadFile(At("i"));
+  }
+
+  std::string At(const std::string& name) const { return m_Directory / name; }
+
+  // Exit status 2, one line that has all of `parts`, nothing on standard output.
+  static void ExpectFailure(const CommandResult& result, const std::vector<std::string>& parts) {
+    EXPECT_EQ(result.status, 2) << result.err;
+    EXPECT_EQ(std::count(result.err.begin(), result.err.end(), '\n'), 1) << result.err;
+    EXPECT_EQ(result.err.substr(0, 9), "capsule: ");
+    for (const std::string& part : parts) {
+      EXPECT_NE(result.err.find(part), std::string::npos) << part << " in " << result.err;
+    }
+    EXPECT_EQ(result.out, "");
+  }
+
+  void ExpectImageAsItWas() const {
+    EXPECT_TRUE(ReadFile(At("i")) == m_Image);
+    for (const auto& entry : fs::directory_iterator(m_Directory.Path())) {
+      EXPECT_EQ(entry.path().filename().string().find("capsule-tmp"), std::string::npos);
+    }
+  }
+
+  TempDir m_Directory;
+  std::string m_Image;
+};
+
+TEST_F(BadInputTest, WrongArguments) {
+  ExpectFailure(RunCapsule({}), {"subcommand is required"});
+  ExpectFailure(RunCapsule({"frobnicate"}), {"capsule --help"});
+  ExpectFailure(RunCapsule({"create", At("i")}), {"DIR is required"});
+  ExpectFailure(RunCapsule({"create", "-x", At("i"), At("in")}), {"-x"});
+  ExpectFailure(RunCapsule({"cat", At("i"), "a", "--offset", "-1"}), {"-1"});
+  ExpectFailure(RunCapsule({"cat", At("i"), "a", "--length", "much"}), {"much"});
+  ExpectFailure(RunCapsule({"list", At("i"), "a", "b"}), {"b"});
+  EXPECT_EQ(RunCapsule({"--help"}).status, 0);
+  EXPECT_EQ(RunCapsule({"create", "--help"}).status, 0);
+  EXPECT_NE(RunCapsule({"--version"}).out.find("capsule "), std::string::npos);
+  ExpectImageAsItWas();
+}
+
+TEST_F(BadInputTest, SourcesThatCannotBeUsedLeaveTheOldImage) {
+  ExpectFailure(RunCapsule({"create", At("i"), At("missing")}), {"missing", "no such file"});
+  ExpectFailure(RunCapsule({"create", At("i"), At("in"), At("in/a")}), {"in/a"});
+  ExpectFailure(RunCapsule({"create", At("nowhere/i"), At("in")}), {"nowhere"});
+  std::vector<std::string> eleven = {"create", At("i")};
+  eleven.insert(eleven.end(), 11, At("in"));
+  ExpectFailure(RunCapsule(eleven), {});
+  ExpectImageAsItWas();
+  EXPECT_FALSE(fs::exists(At("nowhere")));
+}
+
+TEST_F(BadInputTest, TheImageDoesNotSwallowItself) {
+  WriteFile(At("in/inside"), "old");
+  const CommandResult result = RunCapsule({"create", "-q", At("in/inside"), At("in")});
+  EXPECT_EQ(result.status, 0) << result.err;
+  EXPECT_EQ(RunCapsule({"list", "-R", At("in/inside")}).out, "0:/a\n0:/sub/\n0:/sub/b\n");
+}
+
+TEST_F(BadInputTest, FilesThatAreNoImages) {
+  for (const std::string command : {"list", "info", "extract"}) {
+    ExpectFailure(RunCapsule({command, At("missing")}), {"missing", "no such file"});
+    ExpectFailure(RunCapsule({command, At("in")}), {});
+    ExpectFailure(RunCapsule({command, At("in/a")}), {"not an image", "12 bytes"});
+    ExpectFailure(RunCapsule({command, At("in/sub/b")}), {"not an image"});
+  }
+  ExpectFailure(RunCapsule({"cat", At("in/sub/b"), "x"}), {"not an image"});
+  ExpectFailure(RunCapsule({"index", At("in/sub/b")}), {At("in/sub/b")});
+  EXPECT_EQ(ReadFile(At("in/sub/b")), std::string(20000, 'b'));
+}
+
+TEST_F(BadInputTest, ImagesCutShort) {
+  for (const size_t length : {size_t{0}, size_t{100}, size_t{7560}, size_t{9000},
+                              m_Image.size() / 2, m_Image.size() - 1}) {
+    WriteFile(At("cut"), m_Image.substr(0, length));
+    ExpectFailure(RunCapsule({"list", At("cut")}), {At("cut")});
+  }
+}
+
+TEST_F(BadInputTest, PathsThatAreNotInTheImage) {
+  ExpectFailure(RunCapsule({"list", At("i"), "0:/nope"}), {"0:/nope: not in the image"});
+  ExpectFailure(RunCapsule({"cat", At("i"), "3:/a"}), {"3:/a: not in the image"});
+  ExpectFailure(RunCapsule({"cat", At("i"), "sub"}), {"is a directory"});
+  ExpectFailure(RunCapsule({"cat", At("i"), "a", "--offset", "13"}), {"offset is 13", "12 bytes"});
+  fs::create_directory(At("out"));
+  ExpectFailure(RunCapsule({"extract", At("i"), "nope", "-C", At("out")}),
+                {"nope: not in the image"});
+  EXPECT_TRUE(fs::is_empty(At("out")));
+  const CommandResult some = RunCapsule({"extract", "-q", At("i"), "nope", "a", "-C", At("out")});
+  EXPECT_EQ(some.status, 1) << some.err;
+  EXPECT_EQ(ReadFile(At("out/a")), "content of a");
+}
+
+TEST_F(BadInputTest, ExistingFilesAreKeptUnlessForced) {
+  fs::create_directories(At("out/sub"));
+  WriteFile(At("out/a"), "mine");
+  const CommandResult kept = RunCapsule({"extract", "-q", At("i"), "-C", At("out")});
+  EXPECT_EQ(kept.status, 1);
+  EXPECT_NE(kept.err.find("0:/a: exists in the target folder, kept\n"), std::string::npos);
+  EXPECT_EQ(ReadFile(At("out/a")), "mine");
+  EXPECT_EQ(ReadFile(At("out/sub/b")), std::string(20000, 'b'));
+  EXPECT_EQ(RunCapsule({"extract", "-q", "--force", At("i"), "-C", At("out")}).status, 0);
+  EXPECT_EQ(ReadFile(At("out/a")), "content of a");
+  ExpectFailure(RunCapsule({"extract", At("i"), "-C", At("missing")}), {"missing", "no such file"});
+  fs::create_directory_symlink(At("out"), At("link"));
+  ExpectFailure(RunCapsule({"extract", At("i"), "-C", At("link")}), {"is a link"});
+}
+
+TEST_F(BadInputTest, DamageIsNamedAndTheRestComesOut) {
+  std::string bytes = m_Image;
+  const size_t data = bytes.find(std::string("\x03\x01\x00\x02\x00\x00", 6));  // of "a"
+  ASSERT_NE(data, std::string::npos);
+  bytes[data] = 9;
+  WriteFile(At("i"), bytes);
+  fs::create_directory(At("out"));
+  const CommandResult result = RunCapsule({"extract", "-q", At("i"), "-C", At("out")});
+  EXPECT_EQ(result.status, 1);
+  EXPECT_NE(result.err.find(At("i") + ": 0:/a: data block at 0x"), std::string::npos) << result.err;
+  EXPECT_FALSE(fs::exists(At("out/a")));
+  EXPECT_EQ(ReadFile(At("out/sub/b")), std::string(20000, 'b'));
+  ExpectFailure(RunCapsule({"cat", At("i"), "a"}), {"0:/a: data block at 0x"});
+}
+
+TEST_F(BadInputTest, OutputThatCannotBeWritten) {
+  const std::string image = Quoted(At("i"));
+  ExpectFailure(RunShell("capsule cat " + image + " sub/b >/dev/full"), {"no space left"});
+  ExpectFailure(RunShell("capsule info " + image + " >/dev/full"), {"no space left"});
+  ExpectFailure(RunShell("capsule --help >/dev/full"), {"no space left"});
+  const CommandResult closed = RunShell("capsule list " + image + " >&-; echo $? >&2");
+  EXPECT_NE(closed.err.find("cannot write"), std::string::npos) << closed.err;
+  EXPECT_NE(closed.err.find("\n2\n"), std::string::npos) << closed.err;
+  // With no standard stream open the image must not become one of them.
+  RunShell("capsule create " + image + " " + Quoted(At("in")) + " <&- >&- 2>&-");
+  ExpectImageAsItWas();
+}
+
+}  // namespace
+}  // namespace capsule::test

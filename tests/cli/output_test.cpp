@@ -1,0 +1,94 @@
+#include <gtest/gtest.h>
+
+#include <filesystem>
+#include <nlohmann/json.hpp>
+#include <sstream>
+
+#include "tests/cli/command_runner.h"
+
+namespace capsule::test {
+namespace {
+
+namespace fs = std::filesystem;
+using nlohmann::json;
+
+class OutputTest : public testing::Test {
+ protected:
+  OutputTest() {
+    fs::create_directories(At("in/sub/folder"));
+    WriteFile(At("in/sub/file"), "0123456789");
+    WriteFile(At("in/caf\xe9"), "latin");
+    WriteFile(At("in/\xc3\xa9t\xc3\xa9"), "utf");
+    WriteFile(At("in/bell\x07"), "control");
+    EXPECT_EQ(RunShell("touch -d '2024-05-01 12:00:00Z' " + Quoted(At("in/sub/file"))).status, 0);
+    EXPECT_EQ(RunCapsule({"create", "-q", "--label", "my label", At("i"), At("in")}).status, 0);
+  }
+
+  std::string At(const std::string& name) const { return m_Directory / name; }
+
+  TempDir m_Directory;
+};
+
+TEST_F(OutputTest, ListsShallowDeepAndSingleEntries) {
+  EXPECT_EQ(RunCapsule({"list", At("i"), "sub"}).out, "0:/sub/file\n0:/sub/folder/\n");
+  EXPECT_EQ(RunCapsule({"list", At("i"), "SUB/FILE"}).out, "0:/sub/file\n");
+  EXPECT_EQ(
+      RunCapsule({"list", "-R", At("i")}).out,
+      "0:/bell\x07\n0:/caf\xe9\n0:/sub/\n0:/sub/file\n0:/sub/folder/\n0:/\xc3\xa9t\xc3\xa9\n");
+  EXPECT_EQ(RunCapsule({"list", "-l", At("i"), "sub/file"}).out,
+            "----         10 2024-05-01T12:00:00Z 0:/sub/file\n");
+}
+
+TEST_F(OutputTest, JsonIsUtf8AndKeepsTheBytes) {
+  std::istringstream lines(RunCapsule({"list", "-R", "--json", At("i")}).out);
+  std::vector<json> entries;
+  for (std::string line; std::getline(lines, line);) entries.push_back(json::parse(line));
+  ASSERT_EQ(entries.size(), 6u);
+  EXPECT_EQ(entries[1]["path"], "0:/caf\xc3\xa9");
+  EXPECT_EQ(entries[1]["path_hex"], "303a2f636166e9");
+  EXPECT_EQ(entries[5]["path"], "0:/\xc3\xa9t\xc3\xa9");
+  EXPECT_FALSE(entries[5].contains("path_hex"));
+  EXPECT_EQ(entries[2]["type"], "directory");
+  EXPECT_EQ(entries[3]["type"], "file");
+  EXPECT_EQ(entries[3]["size"], 10);
+  EXPECT_EQ(entries[3]["modified"], "2024-05-01T12:00:00Z");
+
+  const json info = json::parse(RunCapsule({"info", "--json", At("i")}).out);
+  EXPECT_EQ(info["label"].get<std::string>().substr(0, 9), "Capsulate");
+  EXPECT_NE(info["label"].get<std::string>().find("my label"), std::string::npos);
+  EXPECT_EQ(info["partitions"][0]["files"], 4);
+  EXPECT_EQ(info["partitions"][0]["directories"], 2);
+  EXPECT_EQ(info["index_checked"], true);
+  EXPECT_EQ(info["size"], fs::file_size(At("i")));
+}
+
+TEST_F(OutputTest, CatGivesTheRangeAskedFor) {
+  EXPECT_EQ(RunCapsule({"cat", At("i"), "0:/sub/file"}).out, "0123456789");
+  EXPECT_EQ(RunCapsule({"cat", At("i"), "sub/file", "--offset", "3"}).out, "3456789");
+  EXPECT_EQ(RunCapsule({"cat", At("i"), "sub/file", "--offset", "3", "--length", "2"}).out, "34");
+  EXPECT_EQ(RunCapsule({"cat", At("i"), "sub/file", "--offset", "10"}).out, "");
+  EXPECT_EQ(RunCapsule({"cat", At("i"), "caf\xe9"}).out, "latin");
+}
+
+TEST_F(OutputTest, TalkGoesToStandardErrorAndCanBeSilenced) {
+  const CommandResult loud = RunCapsule({"create", At("j"), At("in")});
+  EXPECT_EQ(loud.out, "");
+  EXPECT_NE(loud.err.find("4 files and 2 folders"), std::string::npos) << loud.err;
+  EXPECT_EQ(loud.err.find('\r'), std::string::npos);  // no progress where nobody watches
+  for (const auto& line : {std::vector<std::string>{"create", At("j"), At("in"), "--quiet"},
+                           std::vector<std::string>{"-q", "create", At("j"), "--", At("in")}}) {
+    EXPECT_EQ(RunCapsule(line).err, "");
+  }
+}
+
+TEST_F(OutputTest, TerminalsSeeNoControlBytes) {
+  const CommandResult shown =
+      RunShell("command -v script >/dev/null || exit 77\nscript -qec " +
+               Quoted(Quoted(CAPSULE_COMMAND) + " list " + Quoted(At("i"))) + " /dev/null");
+  if (shown.status == 77) GTEST_SKIP() << "no script(1) to make a terminal";
+  EXPECT_NE(shown.out.find("0:/bell\\x07"), std::string::npos) << shown.out;
+  EXPECT_NE(shown.out.find("0:/caf\xc3\xa9\r\n"), std::string::npos) << shown.out;
+}
+
+}  // namespace
+}  // namespace capsule::test
