@@ -25,35 +25,39 @@ constexpr char kDot[] = ".       .   ";
 constexpr char kDotDot[] = "..      .   ";
 constexpr uint8_t kLastPiece = 0x40;
 
+// The class leaves its file and its index open.
+struct OpenedFile {
+  explicit OpenedFile(const std::string& path) : file(path.c_str()) {}
+  ~OpenedFile() {
+    file.CloseImageFileHandle();
+    ImageIndex::DeleteCurrentInstance();
+  }
+  OpenedFile(const OpenedFile&) = delete;
+  OpenedFile& operator=(const OpenedFile&) = delete;
+
+  CapsuleFile file;
+};
+
 // Reads the image in a library state of its own, so that images open side by side.
 class ClassReader {
  public:
-  ClassReader(int descriptor, const std::string& path)
-      : m_Scope(m_State), m_File(std::make_unique<CapsuleFile>(path.c_str())) {
-    if (m_File->GetImageFileHandle() <= 0) {
-      throw Error(path, "cannot open: " + SystemReason(m_File->GetLastError()));
+  ClassReader(int descriptor, const std::string& path) : m_Scope(m_State), m_Opened(path) {
+    if (m_Opened.file.GetImageFileHandle() <= 0) {
+      throw Error(path, "cannot open: " + SystemReason(m_Opened.file.GetLastError()));
     }
-    if (platform::Identify(descriptor) != platform::Identify(m_File->GetImageFileHandle())) {
+    if (platform::Identify(descriptor) != platform::Identify(m_Opened.file.GetImageFileHandle())) {
       throw Error(path, "was replaced while it was opened");
     }
     Read(path);
   }
 
-  ~ClassReader() {
-    m_File->CloseImageFileHandle();
-    m_File.reset();
-    ImageIndex::DeleteCurrentInstance();
-  }
-  ClassReader(const ClassReader&) = delete;
-  ClassReader& operator=(const ClassReader&) = delete;
-
-  CpsList& Partitions() { return m_File->GetPartitions(); }
+  CpsList& Partitions() { return m_Opened.file.GetPartitions(); }
 
  private:
   void Read(const std::string& path) {
     int result = -1;
     try {
-      result = m_File->ReadImage(0);
+      result = m_Opened.file.ReadImage(0);
     } catch (int) {
       throw Error(path, "index cannot be read");
     }
@@ -64,7 +68,7 @@ class ClassReader {
 
   LibraryState m_State;
   ScopedLibraryState m_Scope;
-  std::unique_ptr<CapsuleFile> m_File;
+  OpenedFile m_Opened;
 };
 
 class CatalogBuilder {

@@ -54,6 +54,11 @@ void ReadEverything(const Image& image) {
   }
 }
 
+std::ptrdiff_t OpenDescriptors() {
+  const std::filesystem::directory_iterator listing("/proc/self/fd");
+  return std::distance(begin(listing), end(listing));
+}
+
 // One folder with a file of 700 bytes in two records, and one with 10 bytes.
 SmallImage TwoFiles() {
   SmallImage image;
@@ -190,6 +195,7 @@ TEST(ImageTest, ADamagedIndexIsNoticedAndOtherDamageDoesNoHarm) {
   std::string bytes = test::ReadFile(directory / "i");
   const size_t index =
       platform::LoadLe32(Bytes(bytes.begin(), bytes.end()).data() + kIndexOffsetOffset);
+  const auto descriptors = OpenDescriptors();
   for (size_t at = 5500; at < bytes.size(); at += at < index ? 37 : 5) {
     const char before = bytes[at];
     for (const int value : {0x00, 0x01, 0xFF}) {
@@ -204,6 +210,7 @@ TEST(ImageTest, ADamagedIndexIsNoticedAndOtherDamageDoesNoHarm) {
     }
     bytes[at] = before;
   }
+  EXPECT_EQ(OpenDescriptors(), descriptors);
 }
 
 TEST(ImageTest, RecordsMustHoldExactlyWhatTheyState) {
