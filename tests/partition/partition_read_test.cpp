@@ -31,6 +31,7 @@ class PartitionReadTest : public testing::Test {
   // Opens the image that `maker` lays out; what ReadImage gives.
   int Open(ImageMaker& maker) { return OpenBytes(maker.Finish()); }
   int OpenBytes(const std::string& bytes) {
+    std::filesystem::remove(m_Dir / "image");  // some file systems flush what is written over
     test::WriteFile(m_Dir / "image", bytes);
     m_pImage = std::make_unique<OpenImage>(m_Dir / "image");
     return m_pImage->Read();
