@@ -7,6 +7,7 @@
 #include "capsule/compression/lzs.h"
 #include "capsule/compression/stream_compressor.h"
 #include "capsule/container/capsule_file.h"
+#include "capsule/container/capsule_header.h"
 #include "capsule/container/header_records.h"
 #include "capsule/container/header_scramble.h"
 #include "capsule/container/image_index.h"

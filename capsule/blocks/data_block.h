@@ -7,6 +7,7 @@
 
 #include <cstdint>
 #include <memory>
+#include <span>
 
 #include "capsule/export.h"
 #include "capsule/partition/directory_entry.h"
@@ -62,6 +63,15 @@ class CAPSULE_API CapsuleFileDataBlock {
   void AssignUncompressedBuffer(const unsigned char* data, int len);
   char* GetPtrToUncompressedDataBuffer();
 
+  // --- NTFS partitions (data_block_ntfs.cpp) ---
+
+  // Hands the children in the index blocks of a directory, decoded before, to its entry.
+  void ReadDirectoryBlock(CapsuleDirectoryEntry* entry);
+  void NTFSMINIHEADERtoMINIHEADER(const _NTFSMiniHeader* header);
+
+  // The chunk's bytes; none before Decompress.
+  std::span<unsigned char> Uncompressed();
+
   // --- Queries (data_block.cpp) ---
   int IsLast();
   int IsValid();
@@ -79,8 +89,10 @@ class CAPSULE_API CapsuleFileDataBlock {
   bool HasPayload() const { return m_pCompressed != nullptr; }
 
  private:
+  int ReadNtfsRecord(int fd, int offset, int* pOffset);
   int ReadPayload(int fd, int64_t offset);
-  int DecompressUnit(char* history);
+  bool TakePayload(int fd, int64_t offset);
+  int DecompressUnit(CapsuleFile* file, char* history);
   int ReadStored(CapsuleFile* file);
 
   _MiniHeader m_MiniHeader{};

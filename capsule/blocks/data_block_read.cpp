@@ -60,7 +60,9 @@ int ClampToInt(int64_t value) {
 }  // namespace
 
 int CapsuleFileDataBlock::Read(int fd, int offset, int* pOffset) {
-  if (m_DirectoryType == CapsuleDirectoryEntry::DirTypeNtfs) return -1;
+  if (m_DirectoryType == CapsuleDirectoryEntry::DirTypeNtfs) {
+    return ReadNtfsRecord(fd, offset, pOffset);
+  }
   CpsReaderLock reader;
   unsigned char bytes[kMiniHeaderSize];
   if (reader.ReadAt(fd, bytes, sizeof bytes, offset) != static_cast<int>(sizeof bytes)) return -1;
@@ -77,26 +79,30 @@ int CapsuleFileDataBlock::Read(int fd, int offset, int* pOffset) {
 }
 
 int CapsuleFileDataBlock::ReadPayload(int fd, int64_t offset) {
+  const bool taken = TakePayload(fd, offset);
+  MainTracer().Trace("Read of Compressed Buffer: len: %d : offset: %d \n",
+                     static_cast<int>(m_MiniHeader.Length), ClampToInt(offset));
+  return taken ? 0 : -1;
+}
+
+bool CapsuleFileDataBlock::TakePayload(int fd, int64_t offset) {
   const uint32_t length = m_MiniHeader.Length;
   m_nCompressedSize = 0;
   m_pCompressed.reset(new (std::nothrow) unsigned char[std::max<uint32_t>(length, 1)]);
-  if (!m_pCompressed) return -1;
+  if (!m_pCompressed) return false;
   CpsReaderLock reader;
-  const int got = reader.ReadAt(fd, m_pCompressed.get(), length, offset);
-  MainTracer().Trace("Read of Compressed Buffer: len: %d : offset: %d \n", static_cast<int>(length),
-                     ClampToInt(offset));
-  if (got != static_cast<int>(length)) {
+  if (reader.ReadAt(fd, m_pCompressed.get(), length, offset) != static_cast<int>(length)) {
     m_pCompressed.reset();
-    return -1;
+    return false;
   }
   m_nCompressedSize = length;
-  return 0;
+  return true;
 }
 
 int CapsuleFileDataBlock::Decompress(CapsuleFile* file, char* history) {
   try {
     const bool imageIsCompressed = file->IsCompressed() != 0;
-    return IsCompressedPayload(m_MiniHeader, imageIsCompressed) ? DecompressUnit(history)
+    return IsCompressedPayload(m_MiniHeader, imageIsCompressed) ? DecompressUnit(file, history)
                                                                 : ReadStored(file);
   } catch (const std::exception&) {
     platform::ShowMessage(kException);
@@ -104,13 +110,17 @@ int CapsuleFileDataBlock::Decompress(CapsuleFile* file, char* history) {
   }
 }
 
-int CapsuleFileDataBlock::DecompressUnit(char* history) {
+int CapsuleFileDataBlock::DecompressUnit(CapsuleFile* file, char* history) {
   const uint32_t size = m_MiniHeader.Param;
   m_bDecompressed = 0;
   if (size > kMaxUncompressedLength) return 0;
   m_nUncompressedSize = 0;
   m_pUncompressed = AllocateChunk(size);
   if (!m_pUncompressed) return -1;
+  if (m_DirectoryType == CapsuleDirectoryEntry::DirTypeNtfs &&
+      !TakePayload(file->GetImageFileHandle(), m_nDataOffset)) {
+    return -1;
+  }
   MainTracer().Trace("Uncompressed buffer read - len: %d : offset: %d \n",
                      static_cast<int>(m_MiniHeader.Length), m_nDataOffset);
   if (!m_pCompressed || history == nullptr) return -1;

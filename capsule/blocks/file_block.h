@@ -12,6 +12,7 @@
 
 #include <cstdint>
 #include <memory>
+#include <span>
 #include <vector>
 
 #include "capsule/export.h"
@@ -73,6 +74,17 @@ class CAPSULE_API CapsuleFileBlock {
   int ResetHistoryBuffer();
   int IsHeaderCreated(int);
 
+  // --- Reading in NTFS partitions (file_block_read_ntfs.cpp) ---
+
+  // Finds the data of a file: in its FILE record, or in the records from those of `from` on, whose
+  // headers are read. False when records are missing. DecompressFile does it where this was not
+  // called.
+  bool ReadNTFSDataBlocks(CapsuleFile* file, CapsuleFileBlock* from);
+
+  // Takes data that lies in the FILE record itself into the first data block. False only when the
+  // record was read and holds no such data.
+  bool IsResidentData(CapsuleFile* file);
+
   // --- Extracting (file_block_extract.cpp) ---
 
   // Extracts `*pLen` bytes from byte `start` on; `*pLen` becomes how many there are. -1 for a
@@ -120,6 +132,17 @@ class CAPSULE_API CapsuleFileBlock {
   void LocateDataBlocks();
   void SyncPlaces();
 
+  // NTFS partitions (file_block_read_ntfs.cpp).
+  int ReadNtfsEntry(int fd, int* pOffset, CapsuleFile& file, char* history);
+  int TakeNtfsRecord(int fd, int* pOffset, CapsuleFile& file, char* history);
+  int TakeCompanions(int fd, int offset, CapsuleFile& file, char* history);
+  void PrepareNtfsDataBlocks(int fd);
+  bool LocateNtfsData(CapsuleFile* file, int start);
+  bool ReadNtfsData(int fd, CapsuleFileDataBlock* block, int* offset);
+  void KeepResidentData(std::span<const unsigned char> value);
+  bool HoldsResidentData() const;
+  int CopyResidentData(int start, int len);
+
   // Decoding in order (file_block_extract.cpp).
   int FillExtractionBuffer(CapsuleFile* file, int64_t start, int len);
   bool EnsureRecord(CapsuleFile* file, int index);
@@ -147,6 +170,7 @@ class CAPSULE_API CapsuleFileBlock {
   CapsulePartition* m_pPartition;
   DirectoryType m_DirectoryType;
   bool m_bDataBlocksPending = false;  // a file was read, its data blocks are not prepared yet
+  bool m_bNtfsDataPending = false;    // data blocks are prepared, their records not found yet
   std::unique_ptr<FileExtraction> m_pExtraction;
 };
 

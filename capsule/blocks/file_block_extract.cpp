@@ -78,8 +78,11 @@ int CapsuleFileBlock::DecompressFile(void* file, int start, int* pLen) {
 
 // The buffer is made only when there are data blocks that reach the range's end.
 int CapsuleFileBlock::FillExtractionBuffer(CapsuleFile* file, int64_t start, int len) {
-  SyncPlaces();
-  if (Extraction().end < start + len) return -1;
+  if (m_bNtfsDataPending) LocateNtfsData(file, m_nNTFSDataBlockStart);
+  if (!HoldsResidentData()) {
+    SyncPlaces();
+    if (Extraction().end < start + len) return -1;
+  }
   if (m_nDecompressedSize < len) {
     ClearDecompressedFilePointer();
     m_pDecompressedFile.reset(new unsigned char[static_cast<size_t>(len)]);
@@ -93,6 +96,8 @@ int CapsuleFileBlock::DecompressFileBlocks(CapsuleFile* file, int start, int len
   if (start < 0 || len < 0 || len > std::numeric_limits<int>::max() - start) return -1;
   if (len > m_nDecompressedSize) return -1;
   const int end = start + len;
+  if (m_bNtfsDataPending) LocateNtfsData(file, m_nNTFSDataBlockStart);
+  if (HoldsResidentData()) return CopyResidentData(start, len);
   SyncPlaces();
   const int count = m_DataBlocks.GetCount();
   ReleaseOutside(start, end);
@@ -115,12 +120,25 @@ int CapsuleFileBlock::DecompressFileBlocks(CapsuleFile* file, int start, int len
   return position >= end ? 0 : -1;
 }
 
+bool CapsuleFileBlock::HoldsResidentData() const {
+  const CapsuleFileDataBlock* first = DataBlockAt(0);
+  return first != nullptr && first->IsResident();
+}
+
+int CapsuleFileBlock::CopyResidentData(int start, int len) {
+  const std::span<const unsigned char> value = DataBlockAt(0)->Uncompressed();
+  if (static_cast<size_t>(start) + static_cast<size_t>(len) > value.size()) return -1;
+  std::copy_n(value.begin() + start, len, m_pDecompressedFile.get());
+  return 0;
+}
+
 // Makes sure that the header of a data block is known and, unless its chunk is held, the payload
 // that decoding takes; false when the image does not hold them.
 bool CapsuleFileBlock::EnsureRecord(CapsuleFile* file, int index) {
   CapsuleFileDataBlock* block = DataBlockAt(index);
   if (block == nullptr || block->IsValid() == 0) return false;
   if (block->HasPayload() || block->IsDecompressed() != 0) return true;
+  if (m_DirectoryType == CapsuleDirectoryEntry::DirTypeNtfs) return block->GetDataOffset() != 0;
   if (block->GetDataOffset() != 0 &&
       !IsCompressedPayload(block->GetMiniHeader(), file->IsCompressed() != 0)) {
     return true;

@@ -12,6 +12,7 @@
 #include "capsule/blocks/file_extraction.h"
 #include "capsule/container/capsule_file.h"
 #include "capsule/container/reader_lock.h"
+#include "capsule/partition/ntfs_format.h"
 #include "capsule/partition/partition.h"
 #include "capsule/partition/record_format.h"
 
@@ -29,13 +30,15 @@ CapsuleFileBlock* BlockAt(const CpsList& list, int index) {
 
 }  // namespace
 
-int CapsuleFileBlock::Read(DirectoryType type, int fd, int offset, int* pOffset, CapsuleFile&,
-                           char*) {
+int CapsuleFileBlock::Read(DirectoryType type, int fd, int offset, int* pOffset, CapsuleFile& file,
+                           char* history) {
   try {
     m_nStartOffset = offset;
-    if (type == CapsuleDirectoryEntry::DirTypeNtfs) return -1;
     if (m_DirectoryEntry.Read(type, fd, offset, pOffset) != 0) return -1;
     m_nDUPDATAOffset = *pOffset;
+    if (type == CapsuleDirectoryEntry::DirTypeNtfs) {
+      return ReadNtfsEntry(fd, pOffset, file, history);
+    }
     m_nEndOffset = *pOffset - 1;
     m_bDataBlocksPending = m_DirectoryEntry.IsDirectory() == 0 && m_DirectoryEntry.IsEmpty() == 0;
     return 0;
@@ -60,6 +63,7 @@ FileExtraction& CapsuleFileBlock::Extraction() {
 
 void CapsuleFileBlock::PrepareDataBlocks(int fd) {
   if (!m_bDataBlocksPending || fd <= 0) return;
+  if (m_DirectoryType == CapsuleDirectoryEntry::DirTypeNtfs) return PrepareNtfsDataBlocks(fd);
   m_bDataBlocksPending = false;
   FileExtraction& extraction = Extraction();
   const bool compressed = m_pPartition->GetCapsuleFile().IsCompressed() != 0;
@@ -103,11 +107,13 @@ void CapsuleFileBlock::LocateDataBlocks() {
   const bool compressed = m_pPartition->GetCapsuleFile().IsCompressed() != 0;
   std::vector<FileExtraction::Place> places;
   int64_t end = 0;
+  const bool ntfs = m_DirectoryType == CapsuleDirectoryEntry::DirTypeNtfs;
+  const uint32_t headerSize = ntfs ? kNtfsHeaderSize : kMiniHeaderSize;
   const int count = m_DataBlocks.GetCount();
   for (int i = 0; i < count; ++i) {
     CapsuleFileDataBlock* block = DataBlockAt(i);
     if (block == nullptr) break;
-    const auto record = block->GetDataOffset() - static_cast<int32_t>(kMiniHeaderSize);
+    const auto record = block->GetDataOffset() - static_cast<int32_t>(headerSize);
     places.push_back({record, end});
     if (block->IsValid() != 0) end += UncompressedLength(block->GetMiniHeader(), compressed);
   }

@@ -55,10 +55,11 @@ int CapsuleFile::ReadImage(int headerOnly) {
     m_nLastError = errno;
     return -1;
   }
-  const HeaderBytes header(m_pRawHeader.get(), kHeaderSize);
+  const std::span<unsigned char, kHeaderSize> header(m_pRawHeader.get(), kHeaderSize);
   std::copy_n(m_pRawHeader.get(), kVersionSize, m_szVersion);
   std::string problem;
-  const std::optional<DecodedHeader> decoded = DecodeHeader(header, &problem);
+  std::optional<DecodedHeader> decoded;
+  if (RestoreScrambledRegion(header, &problem)) decoded = DecodeHeader(header, &problem);
   if (!decoded) {
     m_nLastError = EINVAL;
     return -1;

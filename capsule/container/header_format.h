@@ -34,6 +34,27 @@ using HeaderBytes = std::span<const unsigned char, kHeaderSize>;
 
 HeaderLayout SelectLayout(HeaderBytes header);
 
+// Restores, in place, the scrambled region of a header that says it has one. False, with the reason
+// in `*problem`, when the region would leave the header.
+bool RestoreScrambledRegion(std::span<unsigned char, kHeaderSize> header, std::string* problem);
+
+// Where a header keeps what follows its middle: the fixed layout has it at 5000, the compact one
+// where the tail offset says.
+struct HeaderTail {
+  size_t sectorArea = kHeaderSectorAreaOffset;
+  size_t records = kPartitionRecordsOffset;
+  size_t recordSize = kPartitionRecordSize;
+  size_t recordCount = 0;   // records in the chain
+  size_t sectionCount = 0;  // sections to read; the compact layout states it by itself
+
+  size_t At(size_t fixedOffset) const { return sectorArea + fixedOffset - kHeaderSectorAreaOffset; }
+  size_t BehindRecords() const { return records + recordSize * recordCount; }
+};
+
+// None, with the reason, when something lies outside of the header or more partitions are claimed
+// than it has room for.
+std::optional<HeaderTail> LocateTail(HeaderBytes header, std::string* problem);
+
 // What readers need of a header, checked.
 struct DecodedHeader {
   std::string version;  // up to the terminator, at most 256 bytes
@@ -41,6 +62,7 @@ struct DecodedHeader {
   uint32_t indexOffset = 0;
   bool compressed = false;             // the compression flag is not 0
   std::vector<_Partition> partitions;  // as many as there are sections to read
+  HeaderTail tail;
 };
 
 // Decodes a header whose scrambled region has been restored. None, with the reason in `*problem`,

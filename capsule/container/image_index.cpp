@@ -76,6 +76,8 @@ int ImageIndex::PeekNextPartitionOffset() {
 
 int ImageIndex::GetNextFileOffset() { return TakeOffset(_file_offsets, &_file_cursor); }
 
+int ImageIndex::PeekNextFileOffset() { return OffsetAt(_file_offsets, _file_cursor); }
+
 const char* ImageIndex::GetImageFilePath() { return _image_header; }
 
 void ImageIndex::_SetOffsetToImageIndex() {

@@ -30,6 +30,7 @@ class CAPSULE_API ImageIndex {
   int GetNextPartitionOffset();
   int PeekNextPartitionOffset();
   int GetNextFileOffset();
+  int PeekNextFileOffset();
 
   // The raw image header that Instance was given.
   const char* GetImageFilePath();

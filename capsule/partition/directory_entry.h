@@ -108,6 +108,9 @@ class CAPSULE_API CapsuleDirectoryEntry {
   // Notes the children in index blocks of a directory whose FILE records have been filled in.
   void AddIndexBlocks(std::span<unsigned char> blocks);
 
+  // Whether the FILE record refers to further ones for some of its attributes.
+  bool HasAttributeList() const { return m_bAttributeList; }
+
   // The name that tells most among those of the FILE record; empty without one.
   const std::u16string& NtfsFullName() const { return m_FullName; }
 
@@ -148,6 +151,7 @@ class CAPSULE_API CapsuleDirectoryEntry {
   using LongEntry = std::array<unsigned char, 32>;
 
   uint8_t _CalculateChecksum(const char* name) const;
+  int ReadNtfsHeader(int fd, int offset);
   void _PutName(const NtfsFileName& name, int index);
   void _PutFileRecord(std::span<unsigned char, 1024> record, int* nameCount);
 
@@ -182,6 +186,7 @@ class CAPSULE_API CapsuleDirectoryEntry {
   int32_t m_nCurEntry = 0;
   std::unordered_set<uint32_t> m_KnownReferences;  // the same as m_FileReferences
   NtfsIndexUse m_IndexUse;
+  bool m_bAttributeList = false;
   std::u16string m_FullName;
   int m_nFullNameRank = 0;
   int64_t m_nReadOffset = 0;  // where the next record of the group being read begins

@@ -1,5 +1,6 @@
 // NTFS FILE records become the same entry that FAT-style sections give.
 #include <algorithm>
+#include <array>
 #include <span>
 
 #include "capsule/partition/directory_entry.h"
@@ -7,6 +8,7 @@
 #include "capsule/partition/record_format.h"
 #include "capsule/platform/byte_reader.h"
 #include "capsule/platform/dos_time.h"
+#include "capsule/platform/file.h"
 
 namespace capsule {
 namespace {
@@ -61,6 +63,17 @@ void CapsuleDirectoryEntry::FillDirHeader(_NTFSMiniHeader h) {
   m_Record.Header.Flag = 0;
   m_Record.Header.Param = h.UncompressedLength;
   m_Record.Header.Length = h.Length;
+}
+
+int CapsuleDirectoryEntry::ReadNtfsHeader(int fd, int offset) {
+  std::array<unsigned char, kNtfsHeaderSize> bytes;
+  if (platform::ReadAt(fd, bytes.data(), bytes.size(), offset) !=
+      static_cast<int64_t>(bytes.size())) {
+    return -1;
+  }
+  FillDirHeader(DecodeNtfsHeader(bytes));
+  if (m_Record.Header.Type == kNtfsDirectoryRecord) m_nDirectoryFlag = 1;
+  return 0;
 }
 
 int CapsuleDirectoryEntry::IsShortFileName(unsigned char ns) {
@@ -121,6 +134,7 @@ void CapsuleDirectoryEntry::_PutFileRecord(std::span<unsigned char, kFileRecordS
     _StandardInformation info{};
     NtfsFileName name;
     m_IndexUse.Take(attribute);
+    if (attribute.type == kAttributeListType) m_bAttributeList = true;
     switch (attribute.type & 0xFFFF) {
       case kStandardInformationType:
         if (DecodeStandardInformation(attribute.NamedOffsetValue(), &info)) {

@@ -77,7 +77,7 @@ int CapsuleDirectoryEntry::SetZeroDirEntry(int fd, int offset, int* count, int& 
 
 int CapsuleDirectoryEntry::Read(DirectoryType t, int fd, int offset, int* count) {
   m_DirectoryType = t;
-  if (t == DirTypeNtfs) return -1;
+  if (t == DirTypeNtfs) return ReadNtfsHeader(fd, offset);
 
   std::array<unsigned char, kDirRecordSize + kMaxChainBytes> group;
   const int64_t got = platform::ReadAt(fd, group.data(), group.size(), offset);

@@ -38,6 +38,7 @@ inline bool IsNtfsData(uint32_t type) { return type == kNtfsData || type == kNtf
 
 // Attribute types of FILE records.
 inline constexpr uint32_t kStandardInformationType = 0x10;
+inline constexpr uint32_t kAttributeListType = 0x20;
 inline constexpr uint32_t kFileNameType = 0x30;
 inline constexpr uint32_t kDataType = 0x80;
 inline constexpr uint32_t kIndexRootType = 0x90;

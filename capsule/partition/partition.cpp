@@ -26,7 +26,7 @@ void DestroyBlocks(CpsList& blocks) {
 CapsulePartition::CapsulePartition(CapsuleFile& file) : m_pCapsuleFile(&file) {}
 
 CapsulePartition::~CapsulePartition() {
-  DestroyBlocks(m_FileBlocks);
+  if (m_pRootBlock == nullptr) DestroyBlocks(m_FileBlocks);
   DestroyBlocks(m_Directories);
 }
 

@@ -6,6 +6,7 @@
 #pragma once
 
 #include <cstdint>
+#include <functional>
 #include <memory>
 #include <string>
 #include <unordered_set>
@@ -21,6 +22,7 @@ namespace capsule {
 class CapsuleFile;
 class CapsuleFileBlock;
 class DirectorySupport;
+class ImageIndex;
 
 class CAPSULE_API CapsulePartition {
  public:
@@ -91,6 +93,11 @@ class CAPSULE_API CapsulePartition {
   void _RememberInserted(CapsuleFileBlock& block);
 
   int ReadFatSection(int fd);
+  int ReadNtfsSection(int fd);
+  int ReadNtfsEntries(int fd, ImageIndex* index, int position,
+                      const std::function<bool(int)>& inSection);
+  CapsuleFileBlock* PlaceNtfsBlock(std::unique_ptr<CapsuleFileBlock> block,
+                                   CapsuleFileBlock* directory);
   CapsuleFileBlock* PlaceBlock(std::unique_ptr<CapsuleFileBlock> block,
                                CapsuleFileBlock* directory);
 
@@ -106,6 +113,10 @@ class CAPSULE_API CapsulePartition {
   std::unique_ptr<unsigned char[]> m_pCompressionHistory;
   std::shared_ptr<const std::vector<unsigned char>> m_pHistorySnapshot;
   DirectoryType m_PartitionType = CapsuleDirectoryEntry::DirTypeFat32;
+
+  // NTFS sections: the first block read, which owns all others; m_FileBlocks refers to its
+  // children.
+  std::unique_ptr<CapsuleFileBlock> m_pRootBlock;
 
   // Paths and short names of m_FileBlocks up to the first null element, so that duplicates are
   // found without a walk; true of the list as it was after m_nKnownChanges changes.

@@ -47,9 +47,8 @@ CapsuleFileBlock* FindBlock(const CpsList& list, const CString& name) {
 int CapsulePartition::Read(DirectoryType t, int fd, int offset, int* /*pos*/) {
   m_nStartOffset = offset;
   m_PartitionType = t;
-  if (t == CapsuleDirectoryEntry::DirTypeNtfs) return -1;
   try {
-    return ReadFatSection(fd);
+    return t == CapsuleDirectoryEntry::DirTypeNtfs ? ReadNtfsSection(fd) : ReadFatSection(fd);
   } catch (const std::bad_alloc&) {
     return -1;
   }

@@ -10,12 +10,12 @@
 namespace capsule::test {
 
 struct ForeignItem {
-  std::string shortName;    // 11 bytes, padded with blanks
-  std::u16string longName;  // empty: none
+  std::string shortName = {};    // 11 bytes, padded with blanks
+  std::u16string longName = {};  // empty: none
   bool directory = false;
-  Bytes content;
+  Bytes content = {};
   bool stored = false;  // do not compress
-  std::vector<ForeignItem> children;
+  std::vector<ForeignItem> children = {};
 };
 
 struct FatStyle {

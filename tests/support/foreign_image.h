@@ -16,7 +16,7 @@ struct ForeignHeader {
   std::string version = "Foreign writer 1.0";
   uint16_t tailOffset = 0;  // not 0: compact layout
   bool scrambled = false;
-  std::string key;  // up to 36 bytes
+  std::string key = {};  // up to 36 bytes
   bool compressed = true;
 };
 

@@ -1,0 +1,23 @@
+// CapsuleHeader holds one stored image header in the fixed layout, by value.
+#pragma once
+
+#include "capsule/container/header_records.h"
+#include "capsule/export.h"
+
+namespace capsule {
+
+class CAPSULE_API CapsuleHeader {
+ public:
+  CapsuleHeader() = default;
+  CapsuleHeader(const CapsuleHeader&) = default;
+  CapsuleHeader& operator=(const CapsuleHeader&) = default;
+  virtual ~CapsuleHeader() = default;
+
+  // The record; lives as long as the object. All zeros at first.
+  _ImageHeader* Read() { return &m_Header; }
+
+ private:
+  _ImageHeader m_Header{};
+};
+
+}  // namespace capsule
