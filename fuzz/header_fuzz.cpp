@@ -15,6 +15,9 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   std::array<unsigned char, capsule::kHeaderSize> header{};
   std::copy_n(data, std::min(size, header.size()), header.begin());
   std::string problem;
+  const bool inPlace = capsule::RestoreScrambledRegion(header, &problem);
+  Require(inPlace != !problem.empty(), "a region is restored or its problem is named");
+  problem.clear();
   const auto decoded = capsule::DecodeHeader(header, &problem);
   Require(decoded.has_value() != !problem.empty(), "a header is decoded or its problem is named");
   Require(!decoded || decoded->partitions.size() <= 255, "as many partitions as a byte counts");

@@ -17,12 +17,10 @@ namespace {
 
 using DirectoryType = CapsulePartition::DirectoryType;
 
-constexpr uint8_t kNtfsSystemId = 7;
-
 // How the sections of partitions with this system id are read.
 DirectoryType DirectoryTypeFor(uint8_t systemId) {
   constexpr uint8_t kFat16SystemIds[] = {4, 5, 6, 14};
-  if (systemId == kNtfsSystemId) return CapsuleDirectoryEntry::DirTypeNtfs;
+  if (systemId == kSystemIdNtfs) return CapsuleDirectoryEntry::DirTypeNtfs;
   const bool fat16 = std::find(std::begin(kFat16SystemIds), std::end(kFat16SystemIds), systemId) !=
                      std::end(kFat16SystemIds);
   return fat16 ? CapsuleDirectoryEntry::DirTypeFat16 : CapsuleDirectoryEntry::DirTypeFat32;

@@ -112,6 +112,8 @@ FileReader Image::OpenFile(const Entry& entry) const {
   source.begin = node.dataOffset;
   source.limit = node.dataLimit;
   source.size = node.size;
+  source.ntfs = m_pImpl->info.partitions[node.partition].systemId == kSystemIdNtfs;
+  source.fileRecord = node.offset;
   source.imagePath = Path();
   source.entryPath = entry.Path();
   return FileReader(std::unique_ptr<FileReader::Impl>(

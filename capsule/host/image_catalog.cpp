@@ -5,6 +5,7 @@
 // 2. every file and folder that a checked index names is in the tree;
 // 3. the pieces of a long name are in order and belong to the short name behind them.
 #include <algorithm>
+#include <array>
 #include <cerrno>
 
 #include "capsule/blocks/file_block.h"
@@ -13,6 +14,7 @@
 #include "capsule/host/error.h"
 #include "capsule/host/image_open.h"
 #include "capsule/host/reason.h"
+#include "capsule/partition/ntfs_format.h"
 #include "capsule/partition/partition.h"
 #include "capsule/partition/record_format.h"
 #include "capsule/platform/file.h"
@@ -86,7 +88,10 @@ class CatalogBuilder {
       root.parent = static_cast<uint32_t>(i);
       root.partition = static_cast<uint8_t>(i);
       m_Nodes.push_back(root);
-      m_Lists.push_back(&static_cast<CapsulePartition*>(partitions.GetAt(i))->GetFileBlocks());
+      auto* partition = static_cast<CapsulePartition*>(partitions.GetAt(i));
+      m_Lists.push_back(&partition->GetFileBlocks());
+      m_Ntfs.push_back(partition->GetPartitionType() == CapsuleDirectoryEntry::DirTypeNtfs);
+      m_Starts.push_back(static_cast<uint32_t>(partition->GetStartOffset()));
     }
     for (uint32_t id = 0; id < m_Nodes.size(); ++id) AddChildren(id);
     CheckThatAllAreThere();
@@ -109,14 +114,41 @@ class CatalogBuilder {
   }
 
   void AddEntry(uint32_t folder, CapsuleFileBlock& block) {
+    if (m_Ntfs[m_Nodes[folder].partition]) return AddNtfsEntry(folder, block);
     CapsuleDirectoryEntry& entry = block.GetDirectoryEntry();
     const CString& shortText = entry.ShortName();
     CapsuleBuffer& longName = entry.LongFileName();
     const bool hasLongName = longName.GetWrite() != longName.GetRead();
     const _ShortDirEntry& record = entry.EntryInUse();
+    CatalogNode node = NodeOf(folder, block);
+    if (node.isDirectory && !hasLongName && (shortText == kDot || shortText == kDotDot)) return;
+    node.dataOffset = static_cast<uint32_t>(block.GetDUPDATAOffset());
+    CheckPlace(node, entry.GetRecord()->Header);
+    if (hasLongName) SetLongName(longName, record, &node);
+    Add(std::move(node), block);
+  }
+
+  // The long-name buffer of such an entry holds its names one behind the other: the full name is
+  // kept apart.
+  void AddNtfsEntry(uint32_t folder, CapsuleFileBlock& block) {
+    const CapsuleDirectoryEntry& entry = block.GetDirectoryEntry();
+    CatalogNode node = NodeOf(folder, block);
+    node.isDirectory = entry.NTFSIsDirectory() != 0;
+    if (node.isDirectory) node.size = 0;
+    node.name = Utf16ToUtf8(entry.NtfsFullName());
+    if (!entry.HasNtfsShortName()) node.shortName = node.name;
+    node.dataOffset = static_cast<uint32_t>(block.GetNTFSDataBlockStart());
+    if (!node.isDirectory && (node.dataOffset <= node.offset || node.dataOffset > node.dataLimit)) {
+      Fail(node.offset, "its FILE record reaches to " + Hex(node.dataOffset) +
+                            ", the next item begins at " + Hex(node.dataLimit));
+    }
+    Add(std::move(node), block);
+  }
+
+  CatalogNode NodeOf(uint32_t folder, CapsuleFileBlock& block) const {
+    const _ShortDirEntry& record = block.GetDirectoryEntry().EntryInUse();
     CatalogNode node;
     node.isDirectory = (record.Attribute & kDirectoryAttribute) != 0;
-    if (node.isDirectory && !hasLongName && (shortText == kDot || shortText == kDotDot)) return;
     node.parent = folder;
     node.partition = m_Nodes[folder].partition;
     node.attributes = record.Attribute;
@@ -125,10 +157,11 @@ class CatalogBuilder {
     node.shortName = ShortNameToBytes(record);
     node.name = node.shortName;
     node.offset = static_cast<uint32_t>(block.GetFileBlockStartOffset());
-    node.dataOffset = static_cast<uint32_t>(block.GetDUPDATAOffset());
     node.dataLimit = m_Index.LimitOf(node.offset);
-    CheckPlace(node, entry.GetRecord()->Header);
-    if (hasLongName) SetLongName(longName, record, &node);
+    return node;
+  }
+
+  void Add(CatalogNode node, CapsuleFileBlock& block) {
     m_Lists.push_back(node.isDirectory ? &block.FileList() : nullptr);
     m_Nodes.push_back(std::move(node));
   }
@@ -187,10 +220,50 @@ class CatalogBuilder {
     std::vector<uint32_t> found;
     for (const CatalogNode& node : m_Nodes) found.push_back(node.offset);
     std::sort(found.begin(), found.end());
+    for (size_t i = 0; i < m_Ntfs.size(); ++i) {
+      if (m_Ntfs[i]) NoteLostEntries(i, found);
+    }
     for (const uint32_t offset : m_Index.entries) {
+      if (LiesInNtfsSection(offset)) continue;
       if (std::binary_search(found.begin(), found.end(), offset)) continue;
       Fail(offset, "the index names an item here, but it cannot be read");
     }
+  }
+
+  // Where the section that begins at `start` ends.
+  uint32_t EndOfSection(uint32_t start) const {
+    const auto next = std::upper_bound(m_Index.sections.begin(), m_Index.sections.end(), start);
+    return next == m_Index.sections.end() ? m_Index.boundaries.back() : *next;
+  }
+
+  bool LiesInNtfsSection(uint32_t offset) const {
+    for (size_t i = 0; i < m_Ntfs.size(); ++i) {
+      if (m_Ntfs[i] && offset >= m_Starts[i] && offset < EndOfSection(m_Starts[i])) return true;
+    }
+    return false;
+  }
+
+  // Folders of NTFS partitions know how many children they have; what comes when all are full has
+  // no place in the tree. The first item is the root itself.
+  void NoteLostEntries(size_t partition, const std::vector<uint32_t>& found) const {
+    const auto& items = m_Index.items;
+    auto item = std::lower_bound(items.begin(), items.end(), m_Starts[partition]);
+    const uint32_t end = EndOfSection(m_Starts[partition]);
+    if (item != items.end()) ++item;
+    for (; item != items.end() && *item < end; ++item) {
+      if (std::binary_search(found.begin(), found.end(), *item) || !IsNtfsEntryAt(*item)) continue;
+      m_pProblems->push_back({std::to_string(partition) + ":/",
+                              "FILE record at " + Hex(*item) + ": no folder has a place for it"});
+    }
+  }
+
+  bool IsNtfsEntryAt(uint32_t offset) const {
+    std::array<unsigned char, kNtfsHeaderSize> bytes{};
+    if (platform::ReadAt(m_nDescriptor, bytes.data(), bytes.size(), offset) < 0) {
+      throw Error(m_strPath, "cannot be read: " + SystemReason(errno), offset);
+    }
+    const uint32_t type = DecodeNtfsHeader(bytes).RecordType;
+    return BeginsNtfsEntry(type) && type != kNtfsEnd;
   }
 
   [[noreturn]] void Fail(uint32_t offset, const std::string& what) const {
@@ -202,7 +275,9 @@ class CatalogBuilder {
   const IndexContents& m_Index;
   std::vector<ImageProblem>* m_pProblems;
   std::vector<CatalogNode> m_Nodes;
-  std::vector<CpsList*> m_Lists;  // by node; null for files
+  std::vector<CpsList*> m_Lists;   // by node; null for files
+  std::vector<bool> m_Ntfs;        // by partition
+  std::vector<uint32_t> m_Starts;  // of the sections, by partition
   std::vector<std::pair<uint32_t, std::string>> m_Problems;
 };
 

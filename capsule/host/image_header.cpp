@@ -1,4 +1,4 @@
-// Tells images from other files, and those that can be read from those that cannot yet.
+// Tells images from other files.
 #include <algorithm>
 #include <cerrno>
 
@@ -11,23 +11,12 @@
 namespace capsule::host {
 namespace {
 
-constexpr uint8_t kNtfsSystemId = 7;
-
 // Every writer begins the sector area with these two bytes.
 bool HasSectorMark(HeaderBytes header, HeaderLayout layout) {
   const uint32_t area = layout == HeaderLayout::Fixed
                             ? kHeaderSectorAreaOffset
                             : platform::LoadLe16(&header[kTailOffsetOffset]);
   return area + 2 <= kHeaderSize && header[area] == 0xAB && header[area + 1] == 0xCD;
-}
-
-void RefuseUnsupported(HeaderBytes header, HeaderLayout layout, const std::string& path) {
-  if (layout == HeaderLayout::Compact) {
-    throw Error(path, "images with a compact header are not supported yet");
-  }
-  if (header[kScrambleFlagOffset] == 1) {
-    throw Error(path, "images with a scrambled header are not supported yet");
-  }
 }
 
 void CheckIndexOffset(const DecodedHeader& header, const std::string& path, uint64_t fileSize) {
@@ -56,20 +45,14 @@ DecodedHeader ReadImageHeader(int descriptor, const std::string& path, uint64_t 
   const int64_t got = platform::ReadAt(descriptor, bytes.data(), bytes.size(), 0);
   if (got < 0) throw Error(path, "cannot read the header: " + SystemReason(errno));
   if (static_cast<size_t>(got) != bytes.size()) throw Error(path, "image is cut short");
-  const HeaderBytes header(bytes.data(), kHeaderSize);
-  const HeaderLayout layout = SelectLayout(header);
-  if (!HasSectorMark(header, layout)) {
+  const std::span<unsigned char, kHeaderSize> header(bytes.data(), kHeaderSize);
+  if (!HasSectorMark(header, SelectLayout(header))) {
     throw Error(path, "not an image: no image header at its start");
   }
-  RefuseUnsupported(header, layout, path);
   std::string problem;
-  auto decoded = DecodeHeader(header, &problem);
+  std::optional<DecodedHeader> decoded;
+  if (RestoreScrambledRegion(header, &problem)) decoded = DecodeHeader(header, &problem);
   if (!decoded) throw Error(path, "header is damaged: " + problem);
-  for (size_t i = 0; i < decoded->partitions.size(); ++i) {
-    if (decoded->partitions[i].SystemId != kNtfsSystemId) continue;
-    throw Error(path, "partition " + std::to_string(i) +
-                          " holds NTFS records, which are not supported yet");
-  }
   CheckIndexOffset(*decoded, path, fileSize);
   return *decoded;
 }

@@ -7,6 +7,7 @@
 #include "capsule/compression/lzs.h"
 #include "capsule/host/error.h"
 #include "capsule/host/reason.h"
+#include "capsule/partition/ntfs_format.h"
 #include "capsule/partition/record_format.h"
 #include "capsule/platform/file.h"
 
@@ -25,10 +26,14 @@ bool AllZero(std::span<const unsigned char> bytes) {
 }  // namespace
 
 RecordStream::RecordStream(RecordSource source)
-    : m_Source(std::move(source)), m_History(LzsSizeOfDecompressionHistory()) {
+    : m_Source(std::move(source)),
+      m_nHeaderSize(m_Source.ntfs ? kNtfsHeaderSize : kMiniHeaderSize),
+      m_History(LzsSizeOfDecompressionHistory()) {
   const uint64_t room = m_Source.limit - m_Source.begin;
   Restart();
-  if (m_Source.size > room * kMaxExpansion) {
+  if (m_Source.ntfs) TakeResidentData();
+  Restart();
+  if (!m_bResident && m_Source.size > room * kMaxExpansion) {
     Fail("its entry states " + Count(m_Source.size) + " bytes, but " + Count(room) +
          " bytes of records cannot hold them");
   }
@@ -39,6 +44,10 @@ void RecordStream::Restart() {
   m_nChunkBegin = m_nChunkEnd = 0;
   m_Chunk.clear();
   LzsInitDecompressionHistory(m_History.data());
+  if (m_bResident) {
+    m_nChunkEnd = m_Source.size;
+    m_Chunk = m_Resident;
+  }
 }
 
 void RecordStream::Advance(uint64_t offset) {
@@ -47,32 +56,40 @@ void RecordStream::Advance(uint64_t offset) {
   CheckCoverage(header, length);
   const bool isStored = !IsCompressedPayload(header, m_Source.imageIsCompressed);
   m_Chunk.clear();
-  if (!isStored) {
-    Decode(Window(m_nRecord + kMiniHeaderSize, header.Length), length);
-  } else if (offset < m_nChunkEnd + length) {
-    const auto payload = Window(m_nRecord + kMiniHeaderSize, header.Length);
-    m_Chunk.assign(payload.begin(), payload.end());
-  }
-  m_nRecord += kMiniHeaderSize + header.Length;
+  if (!isStored || offset < m_nChunkEnd + length) DecodeRecord(header, length);
+  m_nRecord += m_nHeaderSize + header.Length;
   m_nChunkBegin = m_nChunkEnd;
   m_nChunkEnd += length;
 }
 
-_MiniHeader RecordStream::ReadHeader() {
-  const uint64_t room = m_Source.limit - m_nRecord;
-  if (room < kMiniHeaderSize) {
+void RecordStream::DecodeRecord(const _MiniHeader& header, uint32_t length) {
+  const auto payload = Window(m_nRecord + m_nHeaderSize, header.Length);
+  if (IsCompressedPayload(header, m_Source.imageIsCompressed)) return Decode(payload, length);
+  m_Chunk.assign(payload.begin(), payload.end());
+}
+
+// How many bytes there are from the current record on; at least `needed`.
+uint64_t RecordStream::CheckRoom(uint64_t needed) const {
+  const uint64_t room = m_nRecord < m_Source.limit ? m_Source.limit - m_nRecord : 0;
+  if (room < needed) {
     Fail("its records end after " + Count(m_nChunkEnd) + " of " + Count(m_Source.size) + " bytes");
   }
+  return room;
+}
+
+_MiniHeader RecordStream::ReadHeader() {
+  CheckRoom(m_nHeaderSize);
   const _MiniHeader header =
-      DecodeMiniHeader(Window(m_nRecord, kMiniHeaderSize).first<kMiniHeaderSize>());
-  if (header.Type != kRecordDataBlock) {
+      m_Source.ntfs ? ReadNtfsHeader()
+                    : DecodeMiniHeader(Window(m_nRecord, kMiniHeaderSize).first<kMiniHeaderSize>());
+  const uint64_t room = CheckRoom(m_nHeaderSize) - m_nHeaderSize;
+  if (!m_Source.ntfs && header.Type != kRecordDataBlock) {
     Fail("record is of type " + Count(header.Type) + ", a data block is " +
          Count(kRecordDataBlock) + "; " + Count(m_nChunkEnd) + " of " + Count(m_Source.size) +
          " bytes were read");
   }
-  if (header.Length > room - kMiniHeaderSize) {
-    Fail("payload is " + Count(header.Length) + " bytes, " + Count(room - kMiniHeaderSize) +
-         " remain");
+  if (header.Length > room) {
+    Fail("payload is " + Count(header.Length) + " bytes, " + Count(room) + " remain");
   }
   return header;
 }
@@ -84,6 +101,7 @@ void RecordStream::CheckCoverage(const _MiniHeader& header, uint32_t length) con
   }
   const uint64_t end = m_nChunkEnd + length;
   const bool reachesEnd = end >= m_Source.size;
+  if (m_Source.ntfs) return;
   if (reachesEnd != (header.Flag == 1)) {
     Fail((reachesEnd ? "not marked as the last" : "marked as the last") +
          std::string(" record, but ends at ") + Count(end) + " of " + Count(m_Source.size) +

@@ -3,7 +3,8 @@
 // 1. Bytes of the image from the first record up to the limit are all it ever looks at.
 // 2. A record counts only when it decodes to exactly the length that it states, with its end
 //    marker, and the records together cover the file's size exactly: the one that reaches it, and
-//    no other, is marked as the last, and less than 512 bytes of padding follow.
+//    no other, is marked as the last, and less than 512 bytes of padding follow. In NTFS partitions
+//    the padding may fill the record.
 // 3. The history holds what the records before the current one left, so records are decoded in
 //    order; stored records do not touch it and may be passed over unread.
 #pragma once
@@ -25,6 +26,8 @@ struct RecordSource {
   uint64_t begin = 0;
   uint64_t limit = 0;
   uint64_t size = 0;
+  bool ntfs = false;        // records are those of an NTFS partition
+  uint64_t fileRecord = 0;  // NTFS: where the file's FILE record lies
   std::string imagePath;
   std::string entryPath;
 };
@@ -51,12 +54,20 @@ class RecordStream {
 
  private:
   _MiniHeader ReadHeader();
+  _MiniHeader ReadNtfsHeader();
+  _MiniHeader NtfsHeaderAt(uint64_t offset, uint32_t* type);
+  void TakeResidentData();
+  void DecodeRecord(const _MiniHeader& header, uint32_t length);
+  uint64_t CheckRoom(uint64_t needed) const;
   void CheckCoverage(const _MiniHeader& header, uint32_t length) const;
   void Decode(std::span<const unsigned char> payload, uint32_t length);
   std::span<const unsigned char> Window(uint64_t offset, size_t count);
   [[noreturn]] void Fail(const std::string& what) const;
 
   RecordSource m_Source;
+  uint32_t m_nHeaderSize;
+  bool m_bResident = false;  // the whole file is m_Resident
+  std::vector<unsigned char> m_Resident;
   uint64_t m_nRecord = 0;  // offset of the next record, of the current one while it is decoded
   uint64_t m_nChunkBegin = 0;
   uint64_t m_nChunkEnd = 0;

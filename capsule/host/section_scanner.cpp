@@ -15,7 +15,6 @@
 namespace capsule::host {
 namespace {
 
-constexpr uint8_t kSystemIdNtfs = 7;
 constexpr uint64_t kClosingBytes = kDirRecordSize;  // of a trailer, read as a zero entry
 
 bool IsAllZero(std::span<const unsigned char> bytes) {

@@ -114,6 +114,9 @@ class CAPSULE_API CapsuleDirectoryEntry {
   // The name that tells most among those of the FILE record; empty without one.
   const std::u16string& NtfsFullName() const { return m_FullName; }
 
+  // Whether the short text is a name of the file, not just made from a longer one.
+  bool HasNtfsShortName() const { return m_bNtfsShortName; }
+
   // --- Names and queries (directory_entry.cpp) ---
 
   // The short text: 8 name bytes, '.', 3 extension bytes, blanks kept. `entry`: 32 bytes.
@@ -187,6 +190,7 @@ class CAPSULE_API CapsuleDirectoryEntry {
   std::unordered_set<uint32_t> m_KnownReferences;  // the same as m_FileReferences
   NtfsIndexUse m_IndexUse;
   bool m_bAttributeList = false;
+  bool m_bNtfsShortName = false;
   std::u16string m_FullName;
   int m_nFullNameRank = 0;
   int64_t m_nReadOffset = 0;  // where the next record of the group being read begins

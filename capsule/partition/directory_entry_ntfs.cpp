@@ -15,6 +15,7 @@ namespace {
 
 constexpr uint8_t kNamespacePosix = 0;
 constexpr uint8_t kNamespaceWin32 = 1;
+constexpr uint8_t kNamespaceDos = 2;
 constexpr uint8_t kNamespaceWin32AndDos = 3;
 
 bool DecodeStandardInformation(std::span<const unsigned char> value, _StandardInformation* info) {
@@ -119,6 +120,7 @@ void CapsuleDirectoryEntry::_PutName(const NtfsFileName& name, int index) {
   if (IsShortFileName(name.nameSpace) != 0) {
     if (index == 0) m_Record.LongNameLength = 0;
     PutShortName(name.units, &m_Record.OtherEntry);
+    m_bNtfsShortName = name.nameSpace == kNamespaceDos || name.nameSpace == kNamespaceWin32AndDos;
     ShortName(DirTypeNtfs);
     return;
   }

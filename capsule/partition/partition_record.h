@@ -16,6 +16,8 @@ struct _Partition {
 };
 #pragma pack(pop)
 
+inline constexpr uint8_t kSystemIdNtfs = 7;
+
 static_assert(sizeof(_Partition) == 24 && offsetof(_Partition, SystemId) == 2);
 static_assert(offsetof(_Partition, SectorCount) == 14);
 

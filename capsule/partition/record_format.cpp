@@ -54,7 +54,8 @@ void AppendUtf8(char32_t point, std::string* out) {
   }
 }
 
-// Surrogates that stand alone become U+FFFD.
+}  // namespace
+
 std::string Utf16ToUtf8(std::u16string_view units) {
   std::string out;
   for (size_t i = 0; i < units.size(); ++i) {
@@ -68,8 +69,6 @@ std::string Utf16ToUtf8(std::u16string_view units) {
   }
   return out;
 }
-
-}  // namespace
 
 std::array<unsigned char, 8> EncodeMiniHeader(const _MiniHeader& header) {
   std::array<unsigned char, 8> bytes{};

@@ -80,6 +80,9 @@ std::u16string DecodeLongName(std::span<const unsigned char> piecesLastFirst);
 // Name bytes of a decoded long name: one byte a unit when every unit is below 256, else UTF-8.
 std::string LongNameToBytes(std::u16string_view units);
 
+// UTF-8 of UTF-16 units; surrogates that stand alone become U+FFFD.
+std::string Utf16ToUtf8(std::u16string_view units);
+
 // Short name as text for people: name, then '.' and extension when there is one; only trailing
 // blanks of each are trimmed.
 std::string ShortNameToBytes(const _ShortDirEntry& entry);

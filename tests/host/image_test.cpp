@@ -165,8 +165,8 @@ TEST(ImageTest, SaysWhyItCannotBeOpened) {
     return with(std::string(whole).replace(at, bytes.size(), bytes));
   };
   EXPECT_EQ(with(whole), "");
-  has(patched(kPartitionRecordsOffset + 2, "\x07"), "NTFS records, which are not supported yet");
-  has(patched(kScrambleFlagOffset, "\x01"), "scrambled header");
+  has(patched(kPartitionRecordsOffset + 2, "\x07"), "folders of partition 0 cannot be read");
+  has(patched(kScrambleFlagOffset, "\x01"), "folders of partition 1 cannot be read");
   has(patched(kPartitionCountOffset, "\x0b"), "header is damaged");
   has(patched(kIndexOffsetOffset, std::string_view("\x01\0\0\0", 4)), "inside the header");
   has(patched(kIndexOffsetOffset, "\xff\xff\xff\xff"), "cut short");

@@ -136,6 +136,7 @@ void PutNtfsSection(ForeignImage& image, const NtfsVolume& volume, const NtfsSty
   image.BeginSection(kNtfs, 3);
   NtfsWriter writer(image, volume, style);
   writer.Put(NtfsVolume::kRoot);
+  if (style.strayFile) writer.Put(NtfsVolume::kFirstUserFile);
   const uint32_t end = image.Offset();
   writer.PutEnd();
   image.EndSection();

@@ -14,6 +14,9 @@ struct NtfsStyle {
   // The volume's FILE records have their update sequence at 48 and their first attribute at 56.
   // Earlier systems had them at 42 and 48.
   bool earlierLayout = false;
+
+  // A FILE record behind the tree that no folder counts.
+  bool strayFile = false;
 };
 
 // Moves a FILE record's update sequence to 42 and its first attribute to 48.

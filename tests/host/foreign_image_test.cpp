@@ -1,0 +1,229 @@
+// Images of other writers through host::Image: everything in them comes out equal to its source.
+#include <gtest/gtest.h>
+
+#include <map>
+#include <random>
+
+#include "capsule/host/image.h"
+#include "capsule/partition/record_format.h"
+#include "tests/support/fat_section.h"
+#include "tests/support/ntfs_section.h"
+#include "tests/support/sample_images.h"
+#include "tests/support/sha256.h"
+
+namespace capsule::host {
+namespace {
+
+using nlohmann::json;
+using test::Bytes;
+using test::ForeignItem;
+using test::NtfsVolume;
+using test::TempDir;
+
+std::string Text(const Bytes& bytes) { return {bytes.begin(), bytes.end()}; }
+
+std::string ReadAll(const Image& image, const Entry& entry) {
+  Bytes bytes(entry.Size());
+  EXPECT_EQ(image.Read(entry, 0, bytes), bytes.size());
+  return Text(bytes);
+}
+
+// Contents by path; folders end in '/'.
+using Contents = std::map<std::string, std::string>;
+
+void Collect(const NtfsVolume& volume, uint32_t folder, const std::string& path, Contents* out) {
+  for (const uint32_t child : volume.Children(folder)) {
+    const std::string name = path + "/" + Utf16ToUtf8(volume.Name(child));
+    if (volume.IsDirectory(child)) {
+      (*out)[name + "/"];
+      Collect(volume, child, name, out);
+    } else {
+      const bool stored = child >= NtfsVolume::kFirstUserFile;
+      (*out)[name] = stored ? Text(volume.Data(child)) : "of the file system";
+    }
+  }
+}
+
+void Collect(const std::vector<ForeignItem>& items, const std::string& path, Contents* out) {
+  for (const ForeignItem& item : items) {
+    const std::string base = item.shortName.substr(0, item.shortName.find(' '));
+    const std::string ending = item.directory ? "" : "." + item.shortName.substr(8);
+    const std::string name =
+        path + "/" + (item.longName.empty() ? base + ending : Utf16ToUtf8(item.longName));
+    if (item.directory) {
+      (*out)[name + "/"];
+      Collect(item.children, name, out);
+    } else {
+      (*out)[name] = Text(item.content);
+    }
+  }
+}
+
+Contents ReadEverything(const Image& image, const Contents& expected) {
+  Contents found;
+  std::vector<Entry> left;
+  for (int n = 0; n < image.Partitions(); ++n) left.push_back(image.Root(n));
+  while (!left.empty()) {
+    const Entry entry = left.back();
+    left.pop_back();
+    for (const Entry& child : entry.Children()) left.push_back(child);
+    if (entry.IsRoot()) continue;
+    const auto wanted = expected.find(entry.Path());
+    if (entry.IsDirectory()) {
+      found[entry.Path() + "/"];
+    } else if (wanted != expected.end() && wanted->second == "of the file system") {
+      found[entry.Path()] = wanted->second;
+    } else {
+      found[entry.Path()] = ReadAll(image, entry);
+    }
+  }
+  return found;
+}
+
+std::string Noise(size_t size, unsigned seed) {
+  std::mt19937 random(seed);
+  std::string text(size, ' ');
+  for (char& c : text) c = static_cast<char>(random() % 9 == 0 ? random() : 'a' + random() % 4);
+  return text;
+}
+
+ForeignItem File(const std::string& shortName, const std::u16string& longName, size_t size) {
+  const std::string noise = Noise(size, static_cast<unsigned>(size));
+  return {.shortName = shortName, .longName = longName, .content = {noise.begin(), noise.end()}};
+}
+
+std::vector<ForeignItem> FatItems() {
+  ForeignItem folder{.shortName = "FOLDER     ", .directory = true};
+  folder.children.push_back(File("BIG     BIN", u"", 100000));
+  folder.children.push_back(File("LONG~1  TXT", u"a long name of some length.text", 16384));
+  folder.children.push_back({.shortName = "INNER      ", .directory = true});
+  ForeignItem stored = File("STORED  ZIP", u"", 40000);
+  stored.stored = true;
+  return {File("SMALL   TXT", u"", 700), folder, stored};
+}
+
+struct ThreePartitions {
+  Bytes image;
+  Contents contents;
+};
+
+ThreePartitions MakeThreePartitions(const test::ForeignHeader& header, bool earlierLayout) {
+  const NtfsVolume volume(test::UnpackVolume("vol_tree.ntfs"));
+  test::ForeignImage foreign(header);
+  ThreePartitions made;
+  PutFatSection(foreign, FatItems(), {.systemId = 6, .chunkSize = 16384, .notes = true});
+  Collect(FatItems(), "0:", &made.contents);
+  PutNtfsSection(foreign, volume, {.earlierLayout = earlierLayout});
+  Collect(volume, NtfsVolume::kRoot, "1:", &made.contents);
+  PutFatSection(foreign, FatItems(), {.systemId = 12});
+  Collect(FatItems(), "2:", &made.contents);
+  made.image = foreign.Finish();
+  return made;
+}
+
+TEST(ForeignImage, NtfsAndFatPartitionsInOneScrambledCompactImage) {
+  const TempDir dir;
+  const test::ForeignHeader compact{.tailOffset = 800, .scrambled = true, .key = "a key"};
+  const test::ForeignHeader fixed{.compressed = false};
+  for (const auto& header : {compact, fixed}) {
+    const ThreePartitions made = MakeThreePartitions(header, header.compressed);
+    test::WriteFile(dir / "image", Text(made.image));
+    const Image image(dir / "image");
+    EXPECT_EQ(ReadEverything(image, made.contents), made.contents);
+    EXPECT_GT(made.contents.size(), 150U);
+    EXPECT_TRUE(image.Problems().empty());
+    EXPECT_EQ(image.Info().partitions[1].systemId, 7);
+    EXPECT_EQ(image.Info().label, "Foreign writer 1.0");
+  }
+}
+
+TEST(ForeignImage, NtfsEntriesAreFoundByBothNames) {
+  const TempDir dir;
+  test::WriteFile(dir / "image", Text(MakeThreePartitions({}, false).image));
+  const Image image(dir / "image");
+  const auto pathOf = [&](const char* path) {
+    const auto entry = image.Find(path);
+    return entry ? entry->Path() : "none";
+  };
+  EXPECT_EQ(pathOf("1:/DOCUME~1/SUBONE~1/short.txt"), "1:/Documents/Sub One/SHORT.TXT");
+  EXPECT_EQ(pathOf("1:\\documents\\a LONG file name.text"), "1:/Documents/a long file name.text");
+  EXPECT_EQ(pathOf("1:/Documents/thirteen.cha"), "none");  // not a name, only the first of one
+  EXPECT_TRUE(image.Find("1:/EMPTY")->Children().empty());
+  EXPECT_EQ(image.Find("1:/fragmented.bin")->Size(), 106820U);
+}
+
+TEST(ForeignImage, RangesOfNtfsFiles) {
+  const TempDir dir;
+  const ThreePartitions made = MakeThreePartitions({}, false);
+  test::WriteFile(dir / "image", Text(made.image));
+  const Image image(dir / "image");
+  std::mt19937 random(20014);
+  for (const char* path : {"1:/fragmented.bin", "1:/Documents/after.txt"}) {
+    const std::string& whole = made.contents.at(path);
+    FileReader reader = image.OpenFile(*image.Find(path));
+    for (int round = 0; round < 100; ++round) {
+      const size_t start = random() % whole.size();
+      Bytes bytes(1 + random() % 30000);
+      bytes.resize(reader.Read(start, bytes));
+      EXPECT_EQ(Text(bytes), whole.substr(start, std::max<size_t>(bytes.size(), 1)));
+    }
+  }
+}
+
+TEST(ForeignImage, DataThatIsNotInTheImageIsAnError) {
+  const Image image(test::SamplePath("n_flat_old.img"));
+  const auto entry = image.Find("$LogFile");
+  ASSERT_TRUE(entry);
+  try {
+    ReadAll(image, *entry);
+    FAIL() << "was read";
+  } catch (const Error& error) {
+    EXPECT_NE(std::string(error.what()).find("$LogFile"), std::string::npos) << error.what();
+  }
+}
+
+TEST(ForeignImage, EntriesBeyondAFoldersCountAreNamed) {
+  const TempDir dir;
+  const NtfsVolume volume(test::UnpackVolume("vol_flat.ntfs"));
+  test::ForeignImage foreign({});
+  PutNtfsSection(foreign, volume, {});
+  test::WriteFile(dir / "good", Text(foreign.Finish()));
+  EXPECT_TRUE(Image(dir / "good").Problems().empty());
+  test::ForeignImage longer({});
+  PutNtfsSection(longer, volume, {.strayFile = true});
+  test::WriteFile(dir / "stray", Text(longer.Finish()));
+  const Image image(dir / "stray");
+  ASSERT_EQ(image.Problems().size(), 1U);
+  EXPECT_EQ(image.Problems()[0].path, "0:/");
+}
+
+std::string Sha256Of(const Image& image, const Entry& entry) {
+  return test::Sha256(ReadAll(image, entry));
+}
+
+TEST(ForeignImage, SamplesOfOtherWritersHaveTheirContents) {
+  const json expected = json::parse(test::ReadFile(test::SamplePath("n_flat_old.json")));
+  const Image flat(test::SamplePath("n_flat_old.img"));
+  std::map<uint32_t, Entry> byOffset;
+  for (const Entry& entry : flat.Root(0).Children()) byOffset[entry.Offset()] = entry;
+  int compared = 0;
+  for (const json& item : expected.at("children")) {
+    ASSERT_TRUE(byOffset.contains(item.at("start").get<uint32_t>()));
+    const Entry& entry = byOffset[item.at("start").get<uint32_t>()];
+    EXPECT_EQ(entry.IsDirectory(), item.contains("children"));
+    if (!item.contains("sha256")) continue;
+    EXPECT_EQ(Sha256Of(flat, entry), item.at("sha256").get<std::string>()) << entry.Path();
+    ++compared;
+  }
+  EXPECT_EQ(compared, 98);
+  EXPECT_TRUE(flat.Find("child file number 089.txt"));
+
+  const Image compact(test::SamplePath("h_compact_scrambled.img"));
+  EXPECT_EQ(Sha256Of(compact, *compact.Find("0:/P6/SUB/deep dir number 6/X6.TXT")),
+            "e157a2cd9d9710a3ca881bb79b1c66162982e99caf9f6ea7d5e96fecd18058ce");
+  EXPECT_EQ(Sha256Of(compact, *compact.Find("1:/ONLY7.BIN")),
+            "6baf98561a7643be09ee04285186c8df65da40903217a83b16bca04e53b0db93");
+}
+
+}  // namespace
+}  // namespace capsule::host
