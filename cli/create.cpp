@@ -55,11 +55,14 @@ void DeclareLevels(CLI::App& command, int& level) {
                                                      "",
                                                      "",
                                                      "Compress most (-7 to -9)"};
+  std::vector<CLI::Option*> others;
   for (int n = 0; n < static_cast<int>(kMeanings.size()); ++n) {
     const std::string meaning = kMeanings[static_cast<size_t>(n)];
     CLI::Option* flag = command.add_flag_callback(
         "-" + std::to_string(n), [&level, n] { level = n; }, meaning);
     if (meaning.empty()) flag->group("");
+    for (CLI::Option* other : others) flag->excludes(other);
+    others.push_back(flag);
   }
 }
 

@@ -30,8 +30,11 @@ void DeclareAll(CLI::App& app, Session& session) {
 }
 
 // In the style of the other messages: lower-case and one line.
-std::string ArgumentMessage(const CLI::ParseError& error) {
-  std::string text = host::Error("", error.what()).what();
+std::string ArgumentMessage(const CLI::App& app, const CLI::ParseError& error) {
+  const std::vector<std::string> unknown = app.remaining();
+  const bool noSuchCommand = app.get_subcommands().empty() && !unknown.empty();
+  const std::string reason = noSuchCommand ? unknown.front() + ": no such command" : error.what();
+  std::string text = host::Error("", reason).what();
   const bool isWord = text.size() > 1 && std::islower(static_cast<unsigned char>(text[1])) != 0;
   if (isWord || text.starts_with("A ")) {
     text[0] = static_cast<char>(std::tolower(static_cast<unsigned char>(text[0])));
@@ -50,7 +53,7 @@ int Run(int count, char** arguments) {
       app.parse(count, arguments);
     } catch (const CLI::ParseError& error) {
       if (error.get_exit_code() != 0) {
-        session.talk.Complain(ArgumentMessage(error));
+        session.talk.Complain(ArgumentMessage(app, error));
         return kFailed;
       }
       static_cast<void>(app.exit(error));  // prints the help or the version

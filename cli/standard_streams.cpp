@@ -16,6 +16,7 @@ void PrepareStandardStreams() {
     static_cast<void>(open("/dev/null", flags));
   }
   static_cast<void>(std::signal(SIGPIPE, SIG_IGN));
+  static_cast<void>(std::signal(SIGXFSZ, SIG_IGN));
 }
 
 }  // namespace capsule::cli

@@ -44,9 +44,18 @@ class BadInputTest : public testing::Test {
   std::string m_Image;
 };
 
+TEST_F(BadInputTest, ALimitOnTheSizeOfFilesIsAnErrorLikeAFullDisk) {
+  WriteFile(At("in/large"), std::string(100000, 'x'));
+  ExpectFailure(
+      RunShell("ulimit -f 16; capsule create -0 " + Quoted(At("i")) + " " + Quoted(At("in"))),
+      {At("i"), "file too large"});
+  ExpectImageAsItWas();
+}
+
 TEST_F(BadInputTest, WrongArguments) {
   ExpectFailure(RunCapsule({}), {"subcommand is required"});
-  ExpectFailure(RunCapsule({"frobnicate"}), {"capsule --help"});
+  ExpectFailure(RunCapsule({"frobnicate"}), {"frobnicate", "capsule --help"});
+  ExpectFailure(RunCapsule({"create", "-10", At("i"), At("in")}), {"-1", "-0"});
   ExpectFailure(RunCapsule({"create", At("i")}), {"DIR is required"});
   ExpectFailure(RunCapsule({"create", "-x", At("i"), At("in")}), {"-x"});
   ExpectFailure(RunCapsule({"cat", At("i"), "a", "--offset", "-1"}), {"-1"});
