@@ -148,10 +148,10 @@ int CapsuleFile::_CountLevelsToClose(const CString& directory) {
 int CapsuleFile::_WriteItem(const CString& path, bool directory) {
   int written = 0;
   if (directory) {
+    m_pCurrentPartition->SetHierarchyLevel(path.c_str());
     const int result =
         m_pCurrentPartition->WriteDirectories(m_hImageFile, path.c_str(), m_nWriteOffset, &written);
     if (result != 0) return -1;
-    m_pCurrentPartition->SetHierarchyLevel(path.c_str());
   } else {
     int level = m_nCompressionLevel;
     if (path.size() > kExtensionLength) {
