@@ -1,20 +1,29 @@
 // The decompressor's inner loop: tokens without a bounds check for each.
 //
-// Contract. It starts and ends between tokens or groups and between copies (matchRest is 0). It
-// goes on while kFastInput bytes of source and kFastOutput bytes of destination remain, and writes
-// at most to outEnd. It stops before an end marker, before an offset that is corrupt, and behind
-// the header of a match of 8 bytes and more, whose groups it leaves to ReadGroups.
+// Contract. On entry the next bits are a token (status Token, matchRest 0), kFastInput bytes of
+// source and kFastOutput bytes of destination remain. It goes on while that is so. Nothing is
+// written behind outEnd, nothing read behind inEnd. It stops before a token or behind a part of a
+// match, with the state set accordingly: before an end marker or a corrupt offset, which the
+// careful steps judge; within a match of 23 bytes and more if the source or the room ends there.
 #pragma once
 
 #include "capsule/compression/decode_state.h"
 
 namespace capsule::lzs {
 
-inline constexpr uint32_t kCopySize = 8;
-inline constexpr uint32_t kLongestPlainLength = 8;  // what a token gives without its groups
-inline constexpr uint32_t kFastInput = 16;
-inline constexpr uint32_t kFastOutput = 32;
+// Every round loads eight bytes, and stores eight for a run of literals, of which up to
+// kLiteralsAtOnce count, or three times kCopySize, of which the first two count by kMaxCopied.
+inline constexpr uint32_t kLoadSize = 8;
+inline constexpr uint32_t kLiteralsAtOnce = 6;
+inline constexpr uint32_t kCopySize = 32;
+inline constexpr uint32_t kMaxCopied = 22;
+inline constexpr uint32_t kFastInput = kLoadSize;
+inline constexpr uint32_t kFastOutput = 2 * kMaxCopied + kCopySize;
+static_assert(kFastOutput >= 8);
 
 void DecodeFast(DecodeState& state);
+
+// For tests: whether the portable code runs where there is another for this processor.
+void UsePortableDecoder(bool isPortable);
 
 }  // namespace capsule::lzs

@@ -1,12 +1,19 @@
 // What the careful steps and the inner loop of the decompressor share.
 #pragma once
 
+#include <cstddef>
 #include <cstdint>
 #include <cstring>
 
 #include "capsule/compression/decompression_area.h"
 
 namespace capsule::lzs {
+
+// Untrusted: whether an offset leads nowhere, or before the `available` bytes. Every offset is
+// judged by this before it is used.
+inline bool IsCorruptOffset(uint64_t offset, std::ptrdiff_t available) {
+  return offset - 1 >= static_cast<uint64_t>(available);
+}
 
 struct DecodeState {
   const unsigned char* in;  // the byte that has the next bit
@@ -24,10 +31,6 @@ struct DecodeState {
   void Skip(uint32_t bits) {
     in += (bitOffset + bits) / 8;
     bitOffset = (bitOffset + bits) % 8;
-  }
-  // Untrusted: every offset of a match is judged here before it is used.
-  bool IsCorruptOffset(uint32_t offset) const {
-    return offset == 0 || offset > static_cast<uint64_t>(out - outBase);
   }
 };
 

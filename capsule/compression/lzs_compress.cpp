@@ -274,7 +274,8 @@ void CompressCall::SearchRun() {
     const uint32_t end = SearchEnd(window);
     if (m_state.next >= end) break;
     for (; m_state.next < end; ++m_state.next, ++m_state.position, ++m_state.literals) {
-      const Match match = FindMatch(m_area, window, m_state.next, m_state.position, m_nEffort);
+      const Match match = FindMatch(m_area, window, PlainHashes{m_pSource}, m_state.next,
+                                    m_state.position, m_nEffort);
       if (match.length == 0) continue;
       m_state.position = EnterFound(window, match);
       m_state.next += match.length;
@@ -294,11 +295,12 @@ void CompressCall::SearchRun() {
 uint32_t CompressCall::EnterFound(const SearchWindow& window, Match match) {
   const uint32_t next = m_state.next;
   const uint32_t position = m_state.position;
+  const PlainHashes hashes{m_pSource};
   if (Has(LzsIndexMatchBodies))
-    return EnterMatch<IndexMode::Bodies>(m_area, window, next, position, match);
+    return EnterMatch<IndexMode::Bodies>(m_area, window, hashes, next, position, match);
   if (Has(LzsIndexMatchEnds))
-    return EnterMatch<IndexMode::Ends>(m_area, window, next, position, match);
-  return EnterMatch<IndexMode::None>(m_area, window, next, position, match);
+    return EnterMatch<IndexMode::Ends>(m_area, window, hashes, next, position, match);
+  return EnterMatch<IndexMode::None>(m_area, window, hashes, next, position, match);
 }
 
 bool CompressCall::WriteLiterals() {

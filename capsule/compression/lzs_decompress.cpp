@@ -343,7 +343,7 @@ StepResult DecompressCall::ReadMatch(uint32_t bits, uint64_t available) {
   const uint32_t codeBits = offsetBits + kLengthBits[code];
   if (available < codeBits) return StepResult::NeedInput;
   if (m_state.Room() == 0) return StepResult::OutputFull;
-  if (m_state.IsCorruptOffset(offset)) return StepResult::Corrupt;
+  if (IsCorruptOffset(offset, m_state.out - m_state.outBase)) return StepResult::Corrupt;
   m_state.Skip(codeBits);
   m_state.matchOffset = offset;
   m_state.matchRest = kLengths[code];

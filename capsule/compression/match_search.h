@@ -46,9 +46,14 @@ inline uint32_t HashOf(const unsigned char* p) {
   return (static_cast<uint32_t>(p[0]) << 8 | p[1]) % kHashSize;
 }
 
-// Enters `position`, whose bytes are at `at`; how far back the previous one of that hash is.
-inline uint32_t EnterPosition(CompressionArea& area, uint32_t position, const unsigned char* at) {
-  const uint32_t hash = HashOf(at);
+// Hashes as they are needed. What works them out ahead has the same operation.
+struct PlainHashes {
+  const unsigned char* source;
+  uint32_t At(uint32_t index) const { return HashOf(source + index); }
+};
+
+// Enters `position`; how far back the previous one of that hash is.
+inline uint32_t EnterPosition(CompressionArea& area, uint32_t position, uint32_t hash) {
   const uint32_t distance = position - area.heads[hash];
   area.heads[hash] = position;
   area.chain[position % kChainSize] =
@@ -95,34 +100,43 @@ inline bool Further(const CompressionArea& area, uint32_t position, uint32_t& di
 inline constexpr uint32_t kTwoBytes = 0xFFFF;
 inline constexpr uint32_t kThreeBytes = 0xFFFFFF;
 
-// Phase 3, from the candidate `distance` back, which has the first three bytes.
+// Phase 3, from the candidate `distance` back, which has the first three bytes. A candidate that
+// differs in one of the four bytes up to the one behind the best match so far cannot be longer and
+// is not measured; when nothing can be longer than the best, the search ends before its effort
+// does.
 inline Match FindLongest(const CompressionArea& area, const SearchWindow& window, uint32_t at,
                          uint32_t position, uint32_t distance, uint32_t effort) {
+  const unsigned char* cursor = window.source + at;
   const uint32_t limit = MatchLimit(window.size - at);
-  const uint32_t head = LoadLittle32(window.source + at);
+  const uint32_t inWindow = std::min(limit, window.copied - at);
+  const uint32_t head = LoadLittle32(cursor);
+  uint32_t tail = head;
   Match best{3, distance};
   int left = static_cast<int>(effort);
   do {
     --left;
-    if (LoadLittle32(window.behind + at - distance) == head) {
-      --left;
-      const uint32_t length = MeasureMatch(window, at, distance, limit);
-      if (length > best.length) best = {length, distance};
-      if (length >= kContentLength) break;
-    }
+    const unsigned char* candidate = window.behind + at - distance;
+    if (LoadLittle32(candidate) != head) continue;
+    --left;
+    if (best.length < inWindow && LoadLittle32(candidate + best.length - 3) != tail) continue;
+    const uint32_t length = MeasureMatch(window, at, distance, limit);
+    if (length <= best.length) continue;
+    best = {length, distance};
+    if (length >= kContentLength || length == limit) break;
+    tail = LoadLittle32(cursor + length - 3);
   } while (left > 0 && Further(area, position, distance));
   return best;
 }
 
 // Enters the cursor's position (`at` in the source, at least five bytes before its end) and looks
 // for a match.
-inline Match FindMatch(CompressionArea& area, const SearchWindow& window, uint32_t at,
-                       uint32_t position, uint32_t effort) {
+template <typename Hashes>
+inline Match FindMatch(CompressionArea& area, const SearchWindow& window, const Hashes& hashes,
+                       uint32_t at, uint32_t position, uint32_t effort) {
+  uint32_t distance = EnterPosition(area, position, hashes.At(at));
+  if (distance > kMaxOffset) return {0, 0};
   const uint32_t head = LoadLittle32(window.source + at);
   const unsigned char* cursor = window.behind + at;
-  uint32_t distance = EnterPosition(area, position, window.source + at);
-  if (distance > kMaxOffset) return {0, 0};
-
   uint32_t difference = LoadLittle32(cursor - distance) ^ head;
   for (uint32_t left = effort; (difference & kTwoBytes) != 0; --left) {
     if (left == 0 || !Further(area, position, distance)) return {0, 0};
@@ -141,20 +155,20 @@ enum class IndexMode { None, Ends, Bodies };
 // Enters the positions inside a match as the mode asks and returns the position behind it.
 // A match so long that nothing before its end stays in reach moves the positions on by less than
 // its length, so that they do not run out.
-template <IndexMode kMode>
-inline uint32_t EnterMatch(CompressionArea& area, const SearchWindow& window, uint32_t at,
-                           uint32_t position, Match match) {
+template <IndexMode kMode, typename Hashes>
+inline uint32_t EnterMatch(CompressionArea& area, const SearchWindow& window, const Hashes& hashes,
+                           uint32_t at, uint32_t position, Match match) {
   const uint32_t jump =
       match.length < kLongJump ? match.length : kLongJump / 2 + match.length % kChainSize;
   const uint32_t end = position + jump;
   if constexpr (kMode == IndexMode::None) return end;
-  const unsigned char* behindMatch = window.source + at + match.length;
+  const uint32_t behindMatch = at + match.length;
   // The last byte of the source has no following byte to hash with.
-  const uint32_t last = at + match.length == window.size ? 2 : 1;
+  const uint32_t last = behindMatch == window.size ? 2 : 1;
   uint32_t back = 1;
   if (kMode == IndexMode::Bodies && match.offset >= 2)
     back = std::min(match.length - 1, kMaxOffset);
-  for (; back >= last; --back) EnterPosition(area, end - back, behindMatch - back);
+  for (; back >= last; --back) EnterPosition(area, end - back, hashes.At(behindMatch - back));
   return end;
 }
 
