@@ -212,13 +212,11 @@ template <uint64_t (*kGather)(uint64_t)>
 }
 
 #ifdef __x86_64__
-// The same code for processors that shift by a register without the flags and count zeros at once.
-[[gnu::target("bmi,bmi2,lzcnt")]] inline uint64_t ExtractLiterals(uint64_t bits) {
+// The same code for processors that shift by a register without the flags and extract bits at once.
+[[gnu::target("bmi,bmi2")]] inline uint64_t ExtractLiterals(uint64_t bits) {
   return _pext_u64(bits, kLiteralFields);
 }
-[[gnu::target("bmi,bmi2,lzcnt")]] void DecodeBmi2(DecodeState& state) {
-  Decode<ExtractLiterals>(state);
-}
+[[gnu::target("bmi,bmi2")]] void DecodeBmi2(DecodeState& state) { Decode<ExtractLiterals>(state); }
 #endif
 std::atomic<bool> g_isPortable = false;
 
@@ -228,8 +226,7 @@ void DecodePortable(DecodeState& state) { Decode<GatherLiterals>(state); }
 
 void DecodeFast(DecodeState& state) {
 #ifdef __x86_64__
-  static const bool hasBmi2 = __builtin_cpu_supports("bmi") && __builtin_cpu_supports("bmi2") &&
-                              __builtin_cpu_supports("lzcnt");
+  static const bool hasBmi2 = __builtin_cpu_supports("bmi") && __builtin_cpu_supports("bmi2");
   if (hasBmi2 && !g_isPortable.load(std::memory_order_relaxed)) return DecodeBmi2(state);
 #endif
   DecodePortable(state);

@@ -183,7 +183,11 @@ IndexWriter::Plan IndexWriter::Measure() {
   const auto raw = scanner.RawHeader();
   plan.header.assign(raw.begin(), raw.end());
   platform::StoreLe32(&plan.header[kIndexOffsetOffset], static_cast<uint32_t>(scanner.Position()));
-  if (scanner.Header().layout == HeaderLayout::Fixed) {
+  const bool countMatches = scanner.Header().partitions.size() == scanner.SectionCount();
+  if (!countMatches && scanner.IsScrambled()) {
+    throw Error(m_strName, "partition count cannot be corrected: header is scrambled");
+  }
+  if (!countMatches && scanner.Header().layout == HeaderLayout::Fixed) {
     plan.header[kPartitionCountOffset] = static_cast<unsigned char>(scanner.SectionCount());
   }
   return plan;

@@ -53,11 +53,11 @@ void SectionScanner::ReadHeader() {
                 "not an image: " + Numbers(bytes.size(), " bytes, a header has ", kHeaderSize, ""));
   }
   m_RawHeader.assign(bytes.begin(), bytes.end());
-  if (m_RawHeader[kScrambleFlagOffset] == 1) {
-    throw Error(m_strName, "header is scrambled", kScrambleFlagOffset);
-  }
+  std::vector<unsigned char> plain = m_RawHeader;
+  const std::span<unsigned char, kHeaderSize> restored(plain.data(), kHeaderSize);
   std::string problem;
-  auto header = DecodeHeader(RawHeader(), &problem);
+  std::optional<DecodedHeader> header;
+  if (RestoreScrambledRegion(restored, &problem)) header = DecodeHeader(restored, &problem);
   if (!header) throw Error(m_strName, "header: " + problem, 0);
   m_Header = std::move(*header);
   for (const _Partition& record : m_Header.partitions) {

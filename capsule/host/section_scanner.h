@@ -66,6 +66,7 @@ class CAPSULE_API SectionScanner {
   // The header as stored, and what it says.
   HeaderBytes RawHeader() const { return HeaderBytes(m_RawHeader.data(), kHeaderSize); }
   const DecodedHeader& Header() const { return m_Header; }
+  bool IsScrambled() const { return m_RawHeader[kScrambleFlagOffset] == 1; }
   uint32_t SectionCount() const { return m_nSectionCount; }
 
  private:

@@ -94,9 +94,9 @@ CapsuleFileBlock* CapsulePartition::PlaceNtfsBlock(std::unique_ptr<CapsuleFileBl
     m_pRootBlock = std::move(block);
     return m_pRootBlock.get();
   }
-  if (directory == m_pRootBlock.get()) m_FileBlocks.Append(block.get());
   directory->FileList().Append(block.get());
   CapsuleFileBlock* placed = block.release();
+  if (directory == m_pRootBlock.get()) m_FileBlocks.Append(placed);
   return placed->GetDirectoryEntry().NTFSIsDirectory() != 0 ? placed : directory;
 }
 

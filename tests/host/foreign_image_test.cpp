@@ -4,10 +4,15 @@
 #include <map>
 #include <random>
 
+#include "capsule/container/header_format.h"
 #include "capsule/host/image.h"
+#include "capsule/host/index_writer.h"
 #include "capsule/partition/record_format.h"
+#include "capsule/platform/little_endian.h"
 #include "tests/support/fat_section.h"
+#include "tests/support/ntfs_record.h"
 #include "tests/support/ntfs_section.h"
+#include "tests/support/open_image.h"
 #include "tests/support/sample_images.h"
 #include "tests/support/sha256.h"
 
@@ -75,6 +80,28 @@ Contents ReadEverything(const Image& image, const Contents& expected) {
       found[entry.Path()] = wanted->second;
     } else {
       found[entry.Path()] = ReadAll(image, entry);
+    }
+  }
+  return found;
+}
+
+// How many files can be read, to their stated sizes.
+int CountReadable(const Image& image) {
+  constexpr size_t kMost = 1 << 24;  // sizes may be damaged too
+  int found = 0;
+  std::vector<Entry> left;
+  for (int n = 0; n < image.Partitions(); ++n) left.push_back(image.Root(n));
+  while (!left.empty()) {
+    const Entry entry = left.back();
+    left.pop_back();
+    for (const Entry& child : entry.Children()) left.push_back(child);
+    if (entry.IsDirectory()) continue;
+    try {
+      Bytes bytes(std::min<size_t>(entry.Size(), kMost));
+      EXPECT_EQ(image.Read(entry, 0, bytes), bytes.size());
+      ++found;
+    } catch (const Error&) {
+      continue;
     }
   }
   return found;
@@ -195,6 +222,90 @@ TEST(ForeignImage, EntriesBeyondAFoldersCountAreNamed) {
   const Image image(dir / "stray");
   ASSERT_EQ(image.Problems().size(), 1U);
   EXPECT_EQ(image.Problems()[0].path, "0:/");
+}
+
+// A file whose data is described in a second FILE record, with a name beyond 8 bits.
+TEST(ForeignImage, AFileOfSeveralFileRecords) {
+  const std::string noise = Noise(20000, 3);
+  test::ForeignImage foreign({});
+  foreign.BeginSection(7, 3);
+  const auto put = [&](uint32_t type, const Bytes& payload, bool indexed) {
+    const uint32_t start = foreign.Offset();
+    PutNtfsRecord(foreign, type, false, 0, payload);
+    if (indexed) foreign.Index(2, start, foreign.Offset() - start);
+  };
+  put(102, test::NtfsRecord().Name(3, u".").IndexRoot({{40, 5}}).Finish(), true);
+  put(104, test::NtfsRecord().Resident(0x20, Bytes(32)).Name(1, u"\u65E5\u672C.txt").Finish(),
+      true);
+  put(105, test::NtfsRecord().NonResident(0x80, noise.size()).Finish(), false);
+  put(106, Bytes(noise.begin(), noise.begin() + 16384), false);
+  put(106, Bytes(noise.begin() + 16384, noise.end()), false);
+  put(108, {}, true);
+  foreign.EndSection();
+  foreign.Index(2, foreign.Offset() - 40, 40);
+  const TempDir dir;
+  test::WriteFile(dir / "image", Text(foreign.Finish()));
+
+  const Image image(dir / "image");
+  const auto entry = image.Find("0:/\xE6\x97\xA5\xE6\x9C\xAC.txt");
+  ASSERT_TRUE(entry);
+  EXPECT_EQ(ReadAll(image, *entry), noise);
+  test::OpenImage classes(dir / "image");
+  ASSERT_EQ(classes.Read(), 0);
+  CapsuleFileBlock* block = test::BlockAt(classes.Partition(0)->GetFileBlocks(), 0);
+  EXPECT_EQ(test::ExtractAll(classes.File(), *block), noise);
+}
+
+TEST(ForeignImage, AnIndexIsBuiltForScrambledHeaders) {
+  const TempDir dir;
+  for (const uint16_t tail : {uint16_t{900}, uint16_t{0}}) {
+    test::ForeignImage foreign({.tailOffset = tail, .scrambled = true, .key = "key"});
+    PutFatSection(foreign, FatItems(), {.systemId = 11});
+    PutFatSection(foreign, FatItems(), {.systemId = 4, .chunkSize = 16384});
+    Contents contents;
+    Collect(FatItems(), "0:", &contents);
+    Collect(FatItems(), "1:", &contents);
+    const uint32_t end = foreign.Offset();
+    Bytes bytes = foreign.Finish();
+    bytes.resize(end);
+    platform::StoreLe32(&bytes[kIndexOffsetOffset], 0);
+    test::WriteFile(dir / "image", Text(bytes));
+    IndexWriter(dir / "image").Write();
+    const Image image(dir / "image");
+    EXPECT_TRUE(image.Info().checked);
+    EXPECT_EQ(ReadEverything(image, contents), contents);
+  }
+}
+
+// Whatever is damaged, what is read is an error or has the length that its entry states.
+TEST(ForeignImage, DamageAnywhereIsSurvived) {
+  const TempDir dir;
+  const std::string whole =
+      Text(MakeThreePartitions({.tailOffset = 800, .scrambled = true}, true).image);
+  std::mt19937 random(20015);
+  int opened = 0;
+  int readable = 0;
+  int failed = 0;
+  for (int round = 0; round < 150; ++round) {
+    std::string bytes = whole;
+    for (unsigned i = 0; i <= random() % 30; ++i) {
+      bytes[random() % bytes.size()] = static_cast<char>(random());
+    }
+    if (round % 3 == 0) bytes.resize(random() % bytes.size());
+    const std::string path = dir / std::to_string(round);
+    test::WriteFile(path, bytes);
+    try {
+      const Image image(path);
+      ++opened;
+      readable += CountReadable(image);
+    } catch (const Error&) {
+      ++failed;
+    }
+    std::filesystem::remove(path);
+  }
+  EXPECT_GT(opened, 20);
+  EXPECT_GT(failed, 20);
+  EXPECT_GT(readable, 1000);
 }
 
 std::string Sha256Of(const Image& image, const Entry& entry) {

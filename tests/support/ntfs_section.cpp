@@ -35,7 +35,7 @@ class NtfsWriter {
     }
   }
 
-  void PutEnd() { PutRecord(kEndOfRecords, false, 0, {}, 0); }
+  void PutEnd() { PutNtfsRecord(m_Image, kEndOfRecords, false, 0, {}); }
 
  private:
   std::vector<Bytes> FileRecords(uint32_t number) const {
@@ -85,20 +85,10 @@ class NtfsWriter {
       const Bytes unit = attempt.Unit(chunk);
       if (unit.size() < chunk.size()) {
         codec = std::move(attempt);
-        return PutRecord(type, last, chunk.size(), unit, primary);
+        return PutNtfsRecord(m_Image, type, last, chunk.size(), unit, primary);
       }
     }
-    PutRecord(type, last, 0, chunk, primary);
-  }
-
-  void PutRecord(uint32_t type, bool last, size_t length, const Bytes& payload, uint32_t primary) {
-    std::array<unsigned char, 46> header = {'N', static_cast<unsigned char>(last ? 1 : 0)};
-    platform::StoreLe32(&header[2], type);
-    StoreLe16(&header[8], static_cast<uint16_t>(length));
-    StoreLe16(&header[10], static_cast<uint16_t>(payload.size()));
-    platform::StoreLe32(&header[42], primary);
-    m_Image.Put(header);
-    m_Image.Put(payload);
+    PutNtfsRecord(m_Image, type, last, 0, chunk, primary);
   }
 
   ForeignImage& m_Image;
@@ -129,6 +119,17 @@ void ToEarlierLayout(Bytes& record) {
     std::copy_n(&record[(sector + 1) * kSector - 2], 2, &record[kSequence + 2 + 2 * sector]);
     StoreLe16(&record[(sector + 1) * kSector - 2], number);
   }
+}
+
+void PutNtfsRecord(ForeignImage& image, uint32_t type, bool last, size_t length,
+                   const Bytes& payload, uint32_t primary) {
+  std::array<unsigned char, 46> header = {'N', static_cast<unsigned char>(last ? 1 : 0)};
+  platform::StoreLe32(&header[2], type);
+  StoreLe16(&header[8], static_cast<uint16_t>(length));
+  StoreLe16(&header[10], static_cast<uint16_t>(payload.size()));
+  platform::StoreLe32(&header[42], primary);
+  image.Put(header);
+  image.Put(payload);
 }
 
 void PutNtfsSection(ForeignImage& image, const NtfsVolume& volume, const NtfsStyle& style) {

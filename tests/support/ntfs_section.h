@@ -22,6 +22,10 @@ struct NtfsStyle {
 // Moves a FILE record's update sequence to 42 and its first attribute to 48.
 void ToEarlierLayout(Bytes& record);
 
+// One record; `length`: what the payload stands for when it is compressed, else 0.
+void PutNtfsRecord(ForeignImage& image, uint32_t type, bool last, size_t length,
+                   const Bytes& payload, uint32_t primary = 0);
+
 // The whole section with its index records: every folder followed by what is below it, in the
 // order of names. Data of the file system's own files is left out.
 void PutNtfsSection(ForeignImage& image, const NtfsVolume& volume, const NtfsStyle& style);
