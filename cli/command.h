@@ -25,5 +25,6 @@ void DeclareExtract(CLI::App& app, Session& session);
 void DeclareCat(CLI::App& app, Session& session);
 void DeclareInfo(CLI::App& app, Session& session);
 void DeclareIndex(CLI::App& app, Session& session);
+void DeclareInspect(CLI::App& app, Session& session);
 
 }  // namespace capsule::cli

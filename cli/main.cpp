@@ -27,6 +27,7 @@ void DeclareAll(CLI::App& app, Session& session) {
   DeclareCat(app, session);
   DeclareInfo(app, session);
   DeclareIndex(app, session);
+  DeclareInspect(app, session);
 }
 
 // In the style of the other messages: lower-case and one line.

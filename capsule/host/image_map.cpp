@@ -1,0 +1,140 @@
+#include "capsule/host/image_map.h"
+
+#include <cerrno>
+#include <vector>
+
+#include "capsule/host/error.h"
+#include "capsule/host/header_map.h"
+#include "capsule/host/index_map.h"
+#include "capsule/host/map_sink.h"
+#include "capsule/host/reason.h"
+#include "capsule/host/scoped_descriptor.h"
+#include "capsule/host/section_map.h"
+#include "capsule/partition/record_format.h"
+
+namespace capsule::host {
+namespace {
+
+// System ids of the sections that a header tells of: its records that are not all zero.
+std::vector<uint8_t> SectionsOf(const DecodedHeader& header) {
+  std::vector<uint8_t> ids;
+  for (const _Partition& record : header.partitions) {
+    const auto bytes = EncodePartition(record);
+    if (bytes != decltype(bytes){}) ids.push_back(record.SystemId);
+  }
+  return ids;
+}
+
+class ImageMapper {
+ public:
+  ImageMapper(int descriptor, const std::string& name, MapSink& sink)
+      : m_nDescriptor(descriptor), m_Window(descriptor, name), m_Sink(sink) {}
+
+  void Map() {
+    const auto stored = m_Window.At(0, kHeaderSize);
+    const MappedHeader header = DecodeStoredHeader(stored);
+    MapHeader(stored, m_Sink);
+    MapSummary& summary = m_Sink.Summary();
+    summary.headerProblem = header.problem;
+    if (!header.decoded) return MapRest();
+    summary.compressed = header.decoded->compressed;
+    summary.indexOffset = header.decoded->indexOffset;
+    const bool hasIndex = LooksLikeIndex(m_Window, summary.indexOffset, m_Sink.FileBytes());
+    MapSections(*header.decoded, hasIndex ? summary.indexOffset : m_Sink.FileBytes());
+    if (hasIndex) MapIndex(m_nDescriptor, m_Window, summary.indexOffset, m_Sink);
+    MapEnd(hasIndex);
+  }
+
+ private:
+  // Of a file whose header cannot be used: sections of FAT records are looked for all the same.
+  void MapRest() {
+    SectionMap sections(m_Window, m_Sink.FileBytes(), true, m_Sink);
+    constexpr uint8_t kFat = 0x0B;
+    for (int n = 0; sections.Map(n, kFat); ++n) ++m_Sink.Summary().sections;
+    MapEnd(false);
+  }
+
+  void MapSections(const DecodedHeader& header, uint64_t end) {
+    SectionMap sections(m_Window, end, header.compressed, m_Sink);
+    int number = 0;
+    for (const uint8_t systemId : SectionsOf(header)) {
+      if (sections.Map(number++, systemId)) {
+        ++m_Sink.Summary().sections;
+        continue;
+      }
+      MapItem missing;
+      missing.section = number - 1;
+      missing.offset = m_Sink.Position();
+      missing.problem = "section " + std::to_string(number - 1) + " is missing";
+      m_Sink.Add(missing);
+      return;
+    }
+  }
+
+  // Without an index, what lies behind the last section is of an older, longer file.
+  void MapEnd(bool hasIndex) {
+    const MapSummary& summary = m_Sink.Summary();
+    const uint64_t left = m_Sink.FileBytes() - m_Sink.Position();
+    const bool isOld = !hasIndex && summary.indexOffset == 0 && summary.headerProblem.empty();
+    m_Sink.Gap(m_Sink.FileBytes(), "", isOld ? "behind the last section" : "",
+               isOld ? "" : NothingKnown(left));
+  }
+
+  int m_nDescriptor;
+  FileWindow m_Window;
+  MapSink& m_Sink;
+};
+
+}  // namespace
+
+const char* MapKindName(MapItem::Kind kind) {
+  switch (kind) {
+    case MapItem::Kind::HeaderField:
+      return "header field";
+    case MapItem::Kind::SectionHeader:
+      return "section header";
+    case MapItem::Kind::LongName:
+      return "long name";
+    case MapItem::Kind::ShortEntry:
+      return "entry";
+    case MapItem::Kind::ZeroEntry:
+      return "zero entry";
+    case MapItem::Kind::DataBlock:
+      return "data block";
+    case MapItem::Kind::NtfsRecord:
+      return "ntfs record";
+    case MapItem::Kind::Trailer:
+      return "trailer";
+    case MapItem::Kind::IndexStart:
+      return "index start";
+    case MapItem::Kind::IndexRecord:
+      return "index record";
+    case MapItem::Kind::Overlap:
+      return "overlap";
+    case MapItem::Kind::Gap:
+      break;
+  }
+  return "gap";
+}
+
+MapSummary MapImage(const std::filesystem::path& path,
+                    const std::function<void(const MapItem&)>& take) {
+  const ScopedDescriptor file(platform::OpenForReading(path.c_str()));
+  if (!file) throw Error(path.string(), "cannot open: " + SystemReason(errno));
+  return MapImage(file.Get(), path.string(), take);
+}
+
+MapSummary MapImage(int descriptor, const std::string& name,
+                    const std::function<void(const MapItem&)>& take) {
+  const int64_t length = platform::FileLength(descriptor);
+  if (length < 0) throw Error(name, "cannot tell its length: " + SystemReason(errno));
+  MapSink sink(static_cast<uint64_t>(length), take);
+  try {
+    ImageMapper(descriptor, name, sink).Map();
+  } catch (int) {
+    throw Error(name, "index cannot be read");
+  }
+  return sink.Summary();
+}
+
+}  // namespace capsule::host
