@@ -26,5 +26,6 @@ void DeclareCat(CLI::App& app, Session& session);
 void DeclareInfo(CLI::App& app, Session& session);
 void DeclareIndex(CLI::App& app, Session& session);
 void DeclareInspect(CLI::App& app, Session& session);
+void DeclareVerify(CLI::App& app, Session& session);
 
 }  // namespace capsule::cli

@@ -28,6 +28,7 @@ void DeclareAll(CLI::App& app, Session& session) {
   DeclareInfo(app, session);
   DeclareIndex(app, session);
   DeclareInspect(app, session);
+  DeclareVerify(app, session);
 }
 
 // In the style of the other messages: lower-case and one line.

@@ -48,7 +48,7 @@ bool SectionMap::Map(int section, uint8_t systemId) {
 
 bool SectionMap::MapSectionHeader() {
   const uint64_t start = Here();
-  if (!IsSectionAt(start)) {
+  if (SectionMarksAt(start) == 0) {
     const uint64_t next = FindSection(start);
     if (next == m_nEnd) return false;
     m_Sink.Gap(next, "", "",
@@ -65,6 +65,10 @@ bool SectionMap::MapSectionHeader() {
   MapItem header = ItemAt(MapItem::Kind::SectionHeader, kPartitionHeaderSize - kSectorAreaSize);
   header.text = "section " + Count(static_cast<uint64_t>(m_nSection)) +
                 (m_bNtfs ? ", header of NTFS records" : ", header of FAT records");
+  const auto record = m_Window.At(header.offset, kAreaHeader.size());
+  if (!std::equal(record.begin(), record.end(), kAreaHeader.begin(), kAreaHeader.end())) {
+    header.problem = "record is not one of type 23 and " + Count(kPartitionPayload) + " bytes";
+  }
   m_Sink.Add(header);
   return true;
 }
@@ -88,15 +92,17 @@ void SectionMap::MapTrailer() {
 // Everything up to the next record that can be told for one is damage.
 void SectionMap::SkipDamage() {
   const uint64_t start = Here();
+  const bool isInFile = m_bNtfs || (m_bTakesData && !m_bLastSeen);
+  const std::string hit = isInFile ? m_strFile : m_strFolder.empty() ? "" : FolderPath();
   if (start >= m_nEnd) {
     MapItem item = ItemAt(MapItem::Kind::Gap, 0);
-    item.path = m_strFile;
+    item.path = hit;
     item.problem = "section " + Count(static_cast<uint64_t>(m_nSection)) + " has no end";
     m_Sink.Add(item);
     return;
   }
   const uint64_t next = m_bNtfs ? FindNtfsRecord(start + 1) : FindFatRecord(start + 1);
-  m_Sink.Gap(next, m_strFile, "", "no record begins here; " + NothingKnown(next - start));
+  m_Sink.Gap(next, hit, "", "no record begins here; " + NothingKnown(next - start));
   m_bTakesData = false;
 }
 
@@ -112,6 +118,12 @@ void SectionMap::LeaveFolder() {
   m_FolderStart.pop_back();
 }
 
+std::string SectionMap::FolderPath() const {
+  std::string path = PathOf("");
+  path.pop_back();
+  return path;
+}
+
 std::string SectionMap::PathOf(const std::string& name) const {
   constexpr size_t kMaxPath = 4096;
   const std::string start = Count(static_cast<uint64_t>(m_nSection)) + ":/";
@@ -119,10 +131,15 @@ std::string SectionMap::PathOf(const std::string& name) const {
   return start + (m_strFolder.empty() ? name : m_strFolder + '/' + name);
 }
 
-bool SectionMap::IsSectionAt(uint64_t offset) {
-  if (offset + kPartitionHeaderSize > m_nEnd) return false;
+// How many of the two marks of a section header are there.
+int SectionMap::SectionMarksAt(uint64_t offset) {
+  if (offset + kPartitionHeaderSize > m_nEnd) return 0;
+  const auto area = m_Window.At(offset, 2);
+  const bool hasMark = area.size() == 2 && area[0] == 0xAB && area[1] == 0xCD;
   const auto bytes = m_Window.At(offset + kSectorAreaSize, kAreaHeader.size());
-  return std::equal(bytes.begin(), bytes.end(), kAreaHeader.begin(), kAreaHeader.end());
+  const bool hasRecord =
+      std::equal(bytes.begin(), bytes.end(), kAreaHeader.begin(), kAreaHeader.end());
+  return (hasMark ? 1 : 0) + (hasRecord ? 1 : 0);
 }
 
 uint64_t SectionMap::FindSection(uint64_t offset) {
@@ -131,9 +148,14 @@ uint64_t SectionMap::FindSection(uint64_t offset) {
     const auto found =
         std::search(bytes.begin(), bytes.end(), kAreaHeader.begin(), kAreaHeader.end());
     offset += static_cast<uint64_t>(found - bytes.begin());
-    if (found != bytes.end()) return IsSectionAt(offset) ? offset : m_nEnd;
-    if (bytes.size() < kAreaHeader.size()) return m_nEnd;
-    offset -= kAreaHeader.size() - 1;
+    if (found == bytes.end()) {
+      if (bytes.size() < kAreaHeader.size()) return m_nEnd;
+      offset -= kAreaHeader.size() - 1;
+    } else if (SectionMarksAt(offset) == 2) {
+      return offset;
+    } else {
+      ++offset;
+    }
   }
   return m_nEnd;
 }

@@ -46,12 +46,13 @@ class SectionMap {
   MapItem ItemAt(MapItem::Kind kind, uint64_t length) const;
   void EnterFolder(const std::string& name);
   void LeaveFolder();
+  std::string FolderPath() const;
   std::string PathOf(const std::string& name) const;
   void SkipDamage();
 
   bool IsFatRecordAt(uint64_t offset);
   bool IsNtfsRecordAt(uint64_t offset);
-  bool IsSectionAt(uint64_t offset);
+  int SectionMarksAt(uint64_t offset);
   uint64_t FindFatRecord(uint64_t offset);
   uint64_t FindNtfsRecord(uint64_t offset);
   uint64_t FindSection(uint64_t offset);

@@ -1,0 +1,214 @@
+#include "capsule/host/verifier.h"
+
+#include <algorithm>
+#include <cerrno>
+#include <vector>
+
+#include "capsule/container/header_format.h"
+#include "capsule/host/error.h"
+#include "capsule/host/header_map.h"
+#include "capsule/host/image.h"
+#include "capsule/host/image_map.h"
+#include "capsule/host/index_verifier.h"
+#include "capsule/host/reason.h"
+#include "capsule/host/record_stream.h"
+#include "capsule/host/scoped_descriptor.h"
+#include "capsule/partition/ntfs_format.h"
+#include "capsule/partition/record_format.h"
+
+namespace capsule::host {
+namespace {
+
+// The file whose records the map is passing.
+struct OpenFile {
+  bool isOpen = false;
+  std::string path;
+  uint64_t begin = 0;  // of its data block records
+  uint64_t end = 0;
+  uint64_t size = 0;
+};
+
+class VerifyRun {
+ public:
+  VerifyRun(int descriptor, std::string name, bool compressed,
+            const std::function<void(const Fault&)>& take)
+      : m_nDescriptor(descriptor),
+        m_strName(std::move(name)),
+        m_bCompressed(compressed),
+        m_Take(take),
+        m_Window(descriptor, m_strName),
+        m_Index(m_Window, static_cast<uint64_t>(platform::FileLength(descriptor)),
+                [this](uint64_t offset, const std::string& path, std::string reason) {
+                  Tell(offset, path, reason);
+                }) {}
+
+  VerifyReport Verify() {
+    MapImage(m_nDescriptor, m_strName, [this](const MapItem& item) { Take(item); });
+    CloseFile();
+    TellUnnamed();
+    if (m_bNtfs) ReadNtfsFiles();
+    m_Report.checkValues = m_Index.CheckValues();
+    return m_Report;
+  }
+
+ private:
+  void Take(const MapItem& item) {
+    const bool ofFile = item.kind == MapItem::Kind::DataBlock && item.problem.empty();
+    if (m_File.isOpen && ofFile) {
+      m_File.end = item.offset + item.length;
+      return;
+    }
+    // A record of the file that is damaged is told as such, and the file is read no further.
+    const bool isHit = !item.problem.empty() && item.path == m_File.path;
+    if (m_File.isOpen && isHit) {
+      m_File.isOpen = false;
+      ++m_Report.files;
+    }
+    CloseFile();
+    if (!item.problem.empty()) Tell(item.offset, item.path, KindOf(item) + item.problem);
+    m_Report.hasIndex = m_Report.hasIndex || item.kind == MapItem::Kind::IndexStart;
+    if (item.kind == MapItem::Kind::NtfsRecord) TakeNtfs(item);
+    m_Index.Take(item);
+    const bool isFile =
+        item.kind == MapItem::Kind::ShortEntry && (item.attributes & kDirectoryAttribute) == 0;
+    if (!isFile) return;
+    const uint64_t data = item.offset + item.length;
+    m_File = {true, item.path, data, data, item.fileSize};
+  }
+
+  void TakeNtfs(const MapItem& item) {
+    m_bNtfs = true;
+    if (BeginsNtfsEntry(item.type)) m_nNtfsEntry = item.offset;
+    const bool isBare = item.type == kNtfsFileRecord;
+    if (isBare) m_Bare.push_back(item.offset);
+    if (IsNtfsData(item.type) && !m_Bare.empty() && m_Bare.back() == m_nNtfsEntry) {
+      m_Bare.pop_back();
+    }
+  }
+
+  // Writers leave out what the file system keeps in files of its own.
+  bool IsLeftOut(const Entry& entry) const {
+    return entry.Parent().IsRoot() && entry.Name().starts_with('$') &&
+           std::binary_search(m_Bare.begin(), m_Bare.end(), entry.Offset());
+  }
+
+  static std::string KindOf(const MapItem& item) {
+    return item.kind == MapItem::Kind::Gap ? "" : std::string(MapKindName(item.kind)) + ": ";
+  }
+
+  // Decodes the file that has been passed.
+  void CloseFile() {
+    if (!m_File.isOpen) return;
+    m_File.isOpen = false;
+    ++m_Report.files;
+    RecordSource source;
+    source.descriptor = m_nDescriptor;
+    source.imageIsCompressed = m_bCompressed;
+    source.begin = m_File.begin;
+    source.limit = m_File.end;
+    source.size = m_File.size;
+    source.imagePath = m_strName;
+    source.entryPath = m_File.path;
+    try {
+      if (source.size == 0) return;
+      RecordStream stream(source);
+      while (stream.ChunkEnd() < source.size) stream.Advance(source.size);
+      m_Report.bytes += source.size;
+    } catch (const Error& error) {
+      TellError(error, m_File.path, m_File.begin);
+    }
+  }
+
+  // The reason without the path that it begins with.
+  void TellError(const Error& error, const std::string& path, uint64_t offset) {
+    const std::string start = path + ": ";
+    const std::string& reason = error.Reason();
+    Tell(error.Offset().value_or(offset), path,
+         reason.starts_with(start) ? reason.substr(start.size()) : reason);
+  }
+
+  // What the index leaves out, readers never see. Only then is the image walked again.
+  void TellUnnamed() {
+    if (m_Index.NamesAll()) return;
+    MapImage(m_nDescriptor, m_strName, [&](const MapItem& item) {
+      if (item.beginsEntry && !m_Index.Names(item.offset)) {
+        Tell(item.offset, item.path, "the index does not name what begins here");
+      }
+    });
+  }
+
+  // The tree of an NTFS partition and what its files hold, as readers see them.
+  void ReadNtfsFiles() {
+    try {
+      const Image image(m_strName);
+      for (const ImageProblem& problem : image.Problems()) Tell(0, problem.path, problem.reason);
+      constexpr uint8_t kNtfs = 7;
+      for (int n = 0; n < image.Partitions(); ++n) {
+        if (image.Info().partitions[static_cast<size_t>(n)].systemId != kNtfs) continue;
+        ReadBelow(image, image.Root(n));
+      }
+    } catch (const Error& error) {
+      Tell(error.Offset().value_or(0), "", error.Reason());
+    }
+  }
+
+  void ReadBelow(const Image& image, const Entry& root) {
+    std::vector<Entry> left{root};
+    while (!left.empty()) {
+      const Entry entry = left.back();
+      left.pop_back();
+      for (const Entry& child : entry.Children()) left.push_back(child);
+      if (!entry.IsDirectory() && !IsLeftOut(entry)) ReadFile(image, entry);
+    }
+  }
+
+  void ReadFile(const Image& image, const Entry& entry) {
+    ++m_Report.files;
+    try {
+      FileReader reader = image.OpenFile(entry);
+      std::vector<unsigned char> bytes(FileWindow::kSize);
+      for (uint64_t at = 0; at < entry.Size();) {
+        const size_t got = reader.Read(at, bytes);
+        if (got == 0) break;
+        at += got;
+      }
+      m_Report.bytes += entry.Size();
+    } catch (const Error& error) {
+      TellError(error, entry.Path(), entry.Offset());
+    }
+  }
+
+  void Tell(uint64_t offset, const std::string& path, const std::string& reason) {
+    ++m_Report.faults;
+    m_Take({offset, path, reason});
+  }
+
+  int m_nDescriptor;
+  std::string m_strName;
+  bool m_bCompressed;
+  const std::function<void(const Fault&)>& m_Take;
+  FileWindow m_Window;
+  IndexVerifier m_Index;
+  VerifyReport m_Report;
+  OpenFile m_File;
+  bool m_bNtfs = false;
+  uint64_t m_nNtfsEntry = 0;
+  std::vector<uint64_t> m_Bare;  // files of NTFS partitions without data records
+};
+
+}  // namespace
+
+VerifyReport Verifier::Run(const std::function<void(const Fault&)>& take) const {
+  const std::string name = m_Path.string();
+  const ScopedDescriptor file(platform::OpenForReading(m_Path.c_str()));
+  if (!file) throw Error(name, "cannot open: " + SystemReason(errno));
+  if (platform::FileLength(file.Get()) < 0) {
+    throw Error(name, "cannot tell its length: " + SystemReason(errno));
+  }
+  FileWindow window(file.Get(), name);
+  const MappedHeader header = DecodeStoredHeader(window.At(0, kHeaderSize));
+  if (!header.decoded) throw Error(name, header.problem);
+  return VerifyRun(file.Get(), name, header.decoded->compressed, take).Verify();
+}
+
+}  // namespace capsule::host

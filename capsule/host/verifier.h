@@ -1,0 +1,55 @@
+// Verifier reads everything in an image and names each fault.
+//
+//   host::VerifyReport report = host::Verifier("photos.cap").Run([](const host::Fault& fault) {
+//     Print(fault.offset, fault.path, fault.reason);
+//   });
+//   if (report.faults == 0) …
+//
+// What is checked: the structure of header, sections and index (image_map.h); ordinals and
+// checksums of long names; flags, params and lengths of records; that every unit decodes to exactly
+// the length that it states and every file to its size; that the index names what is there, and all
+// of it; the check values in the index, where there are any. A fault ends nothing but the reading
+// of the file that it hits. An image without an index is verified by what it has.
+//
+// Files of the file system's own in NTFS partitions ($MFT and the like) may be without data:
+// writers leave it out.
+//
+// Memory: 4 bytes for each file and folder; images with NTFS partitions are opened as a whole.
+#pragma once
+
+#include <cstdint>
+#include <filesystem>
+#include <functional>
+#include <string>
+#include <utility>
+
+#include "capsule/export.h"
+
+namespace capsule::host {
+
+struct Fault {
+  uint64_t offset = 0;  // in the image
+  std::string path;     // the file or folder that it hits, "N:/folder/file"; may be empty
+  std::string reason;   // one line, lower-case
+};
+
+struct VerifyReport {
+  uint64_t faults = 0;
+  uint64_t files = 0;        // that were read, good or bad
+  uint64_t bytes = 0;        // sizes of those that are good, summed up
+  uint64_t checkValues = 0;  // that were compared, that of the index included
+  bool hasIndex = false;
+};
+
+class CAPSULE_API Verifier {
+ public:
+  explicit Verifier(std::filesystem::path image) : m_Path(std::move(image)) {}
+
+  // Throws host::Error when the file cannot be read or is not an image at all.
+  VerifyReport Run(const std::function<void(const Fault&)>& take) const;
+
+ private:
+  std::filesystem::path m_Path;
+};
+
+}  // namespace capsule::host

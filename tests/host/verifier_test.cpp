@@ -1,0 +1,284 @@
+#include "capsule/host/verifier.h"
+
+#include <gtest/gtest.h>
+
+#include <random>
+
+#include "capsule/host/error.h"
+#include "capsule/host/image_map.h"
+#include "capsule/host/index_writer.h"
+#include "tests/host/small_image.h"
+#include "tests/support/bytes.h"
+#include "tests/support/temp_dir.h"
+
+namespace capsule::host {
+namespace {
+
+using test::SmallImage;
+using test::TempDir;
+
+const char* const kSamples[] = {"w_files_only.img", "w_names.img",    "w_three_open.img",
+                                "f_16384_lzs.img",  "n_flat_old.img", "h_compact_scrambled.img"};
+
+std::string Sample(const std::string& name) {
+  return std::string(CAPSULE_TEST_DATA) + "/images/" + name;
+}
+
+std::vector<Fault> FaultsOf(const std::string& path) {
+  std::vector<Fault> faults;
+  const VerifyReport report =
+      Verifier(path).Run([&](const Fault& fault) { faults.push_back(fault); });
+  EXPECT_EQ(report.faults, faults.size());
+  return faults;
+}
+
+std::string Spelled(const std::vector<Fault>& faults) {
+  std::string text;
+  for (const Fault& fault : faults) {
+    text += std::to_string(fault.offset) + " [" + fault.path + "] " + fault.reason + "\n";
+  }
+  return text;
+}
+
+void ExpectFault(const std::vector<Fault>& faults, uint64_t offset, const std::string& path,
+                 const std::string& reason) {
+  for (const Fault& fault : faults) {
+    if (fault.offset == offset && fault.path == path &&
+        fault.reason.find(reason) != std::string::npos) {
+      return;
+    }
+  }
+  ADD_FAILURE() << "no fault at " << offset << " [" << path << "] " << reason << " in\n"
+                << Spelled(faults);
+}
+
+std::vector<MapItem> MapOf(const std::string& path, MapSummary* summary) {
+  std::vector<MapItem> items;
+  *summary = MapImage(path, [&](const MapItem& item) { items.push_back(item); });
+  return items;
+}
+
+// Items follow each other without a hole, and what is accounted for is what is no gap.
+void ExpectWholeMap(const std::string& path) {
+  MapSummary summary;
+  uint64_t position = 0;
+  uint64_t gaps = 0;
+  for (const MapItem& item : MapOf(path, &summary)) {
+    if (item.kind == MapItem::Kind::Overlap) continue;
+    ASSERT_LE(item.offset, position) << item.text << item.problem;
+    position = std::max(position, std::min(item.offset + item.length, summary.fileBytes));
+    if (item.kind == MapItem::Kind::Gap) gaps += item.length;
+  }
+  EXPECT_EQ(position, summary.fileBytes);
+  EXPECT_EQ(summary.accountedBytes + gaps, summary.fileBytes);
+}
+
+// One folder with a file of 700 bytes in two records and one of 10 bytes, and the index.
+class VerifierTest : public testing::Test {
+ protected:
+  static constexpr uint32_t kSection = 7560;
+  static constexpr uint32_t kFolder = kSection + 2056;
+  static constexpr uint32_t kOne = kFolder + 3 * 40;
+  static constexpr uint32_t kOneData = kOne + 40;
+  static constexpr uint32_t kOneSecond = kOneData + 520;
+  static constexpr uint32_t kTwo = kOneSecond + 520;
+  static constexpr uint32_t kTwoData = kTwo + 40;
+  static constexpr uint32_t kClose = kTwoData + 520;
+  static constexpr uint32_t kTrailer = kClose + 40;
+  static constexpr uint32_t kIndex = kTrailer + 1544;
+
+  VerifierTest() {
+    SmallImage image;
+    image.BeginSection();
+    image.Folder("FOLDER     ");
+    image.Entry("ONE     BIN", 0x20, 700);
+    image.Data(512, false);
+    image.Data(512, true);
+    image.Entry("TWO     BIN", 0x20, 10);
+    image.Data(512, true);
+    image.Close();
+    image.EndSection();
+    m_Bare = image.Bytes();
+    test::WriteFile(m_Path, m_Bare);
+    IndexWriter(m_Path).Write();
+    m_Whole = test::ReadFile(m_Path);
+  }
+
+  std::vector<Fault> With(const std::string& bytes) {
+    test::WriteFile(m_Path, bytes);
+    return FaultsOf(m_Path);
+  }
+  std::vector<Fault> Patched(const std::string& bytes, size_t at, std::string_view patch) {
+    return With(std::string(bytes).replace(at, patch.size(), patch));
+  }
+
+  TempDir m_Directory;
+  std::string m_Path = m_Directory / "i";
+  std::string m_Bare;   // without an index
+  std::string m_Whole;  // with one
+};
+
+TEST_F(VerifierTest, CleanImagesAreCleanAndAccountedForToTheLastByte) {
+  std::vector<std::string> paths{m_Path, m_Directory / "bare"};
+  test::WriteFile(paths[1], m_Bare);
+  for (const char* sample : kSamples) paths.push_back(Sample(sample));
+  for (const std::string& path : paths) {
+    EXPECT_EQ(Spelled(FaultsOf(path)), "") << path;
+    MapSummary map;
+    const auto items = MapOf(path, &map);
+    EXPECT_EQ(map.accountedBytes, map.fileBytes) << path;
+    EXPECT_EQ(map.problems, 0u) << path;
+    EXPECT_EQ(map.items, items.size());
+    ExpectWholeMap(path);
+  }
+  const VerifyReport report = Verifier(m_Path).Run([](const Fault&) {});
+  EXPECT_EQ(report.files, 2u);
+  EXPECT_EQ(report.bytes, 710u);
+  EXPECT_EQ(report.checkValues, 5u);  // index, header, section, two files
+}
+
+// Without check values: structure and content alone show where the damage is.
+TEST_F(VerifierTest, EachKindOfDamageIsNamedByOffsetAndFile) {
+  struct Case {
+    size_t at;
+    std::string_view patch;
+    uint64_t offset;
+    const char* path;
+    const char* reason;
+  };
+  const char* const one = "0:/FOLDER/ONE.BIN";
+  const char* const two = "0:/FOLDER/TWO.BIN";
+  const Case cases[] = {
+      {kSection, "x", kSection, "", "does not begin with AB CD"},
+      {kSection + 512, "x", kSection + 512, "", "record is not one of type 23"},
+      {kFolder + 1, "\5", kFolder, "0:/FOLDER", "flag is 5, not 1"},
+      {kOne + 2, "\5", kOne, one, "param is 5, not 0"},
+      {kOne + 6, "\5", kOne, "0:/FOLDER", "no record begins here; 1080 bytes"},
+      {kOne + 36, std::string_view("\0\0\0\0", 4), kOneData, one, "belongs to no file"},
+      {kOne + 36, std::string_view("\0\10\0\0", 4), kOneSecond, one, "but ends at 1024 of 2048"},
+      {kOneData, "\x63", kOneData, one, "no record begins here; 1040 bytes"},
+      {kOneData + 1, "\1", kOneSecond, one, "behind the last one of its file"},
+      {kOneData + 1, "\3", kOneData, one, "flag is 3"},
+      {kOneData + 6, std::string_view("\7\3", 2), kOneData, one, "chunk is 775 bytes"},
+      {kOneSecond + 1, std::string_view("\0", 1), kOneSecond, one, "not marked as the last"},
+      {kOneSecond + 7, "\1", kOneSecond, one, "chunk is 256 bytes"},
+      {kTwoData + 6, "\xff\xff", kTwoData, two, "no record begins here"},
+      {kTrailer + 1540, "x", kTrailer, "", "last 40 bytes of the trailer are not zero"},
+  };
+  for (const Case& damage : cases) {
+    SCOPED_TRACE(std::to_string(damage.at) + " " + damage.reason);
+    const auto faults = Patched(m_Bare, damage.at, damage.patch);
+    ExpectFault(faults, damage.offset, damage.path, damage.reason);
+    ExpectWholeMap(m_Path);
+  }
+}
+
+TEST_F(VerifierTest, GoesOnBehindAFault) {
+  std::string bytes = m_Bare;
+  bytes[kOneData] = 9;
+  bytes[kTwoData + 1] = 2;
+  const auto faults = With(bytes);
+  ExpectFault(faults, kOneData, "0:/FOLDER/ONE.BIN", "no record begins here");
+  ExpectFault(faults, kTwoData, "0:/FOLDER/TWO.BIN", "flag is 2");
+}
+
+TEST_F(VerifierTest, CheckValuesShowWhatStructureDoesNot) {
+  const std::string one = "0:/FOLDER/ONE.BIN";
+  const auto content = Patched(m_Whole, kOneData + 20, "x");
+  ExpectFault(content, kOne, one, "check value of the item");
+  ExpectFault(content, kSection, "", "check value of the section");
+  EXPECT_EQ(content.size(), 2u) << Spelled(content);
+  const auto header = Patched(m_Whole, 300, "x");
+  ExpectFault(header, 0, "", "check value of the header");
+  EXPECT_EQ(header.size(), 1u) << Spelled(header);
+  const auto label = Patched(m_Whole, m_Whole.find("FOLDER/TWO.BIN", kIndex), "f");
+  ExpectFault(label, kIndex, "", "check value of the index");
+  ExpectFault(Patched(m_Whole, kIndex, "x"), kIndex + 7, "", "has check values, but none of its");
+  EXPECT_FALSE(With(m_Whole + "x").empty());
+  for (size_t at = 0; at < m_Whole.size(); at += at < kIndex ? 41 : 3) {
+    if (at >= kTrailer + 8 && at < kIndex - 40) continue;  // opaque, without a check value
+    std::string bytes = m_Whole;
+    bytes[at] = static_cast<char>(bytes[at] ^ 0x55);
+    test::WriteFile(m_Path, bytes);
+    try {
+      EXPECT_FALSE(FaultsOf(m_Path).empty()) << at;
+    } catch (const Error&) {  // not an image any more
+      EXPECT_LT(at, 7560u);
+    }
+  }
+}
+
+TEST_F(VerifierTest, AnIndexMustNameWhatIsThereAndAllOfIt) {
+  // The record of TWO.BIN, which then names its data.
+  const size_t record = m_Whole.find("FOLDER/TWO.BIN", kIndex) + 14;
+  const auto faults = Patched(m_Whole, record, test::Hex("F0"));
+  ExpectFault(faults, kTwo, "0:/FOLDER/TWO.BIN", "the index does not name what begins here");
+  ExpectFault(faults, record - 17, "0:/FOLDER/TWO.BIN", "where no item begins");
+}
+
+TEST_F(VerifierTest, LongNamesMustBelongToTheirShortName) {
+  const std::string whole = test::ReadFile(Sample("w_names.img"));
+  MapSummary summary;
+  std::vector<MapItem> pieces;
+  for (const MapItem& item : MapOf(Sample("w_names.img"), &summary)) {
+    if (item.kind == MapItem::Kind::LongName) pieces.push_back(item);
+  }
+  ASSERT_GT(pieces.size(), 40u);
+  for (const size_t n : {size_t{0}, size_t{17}, size_t{40}}) {
+    const MapItem& piece = pieces[n];
+    const auto at = static_cast<size_t>(piece.offset);
+    ExpectFault(Patched(whole, at + 8, "\x3f"), piece.offset, piece.path, "ordinal is 0x3f");
+    const char other[] = {static_cast<char>(whole[at + 21] + 1)};
+    ExpectFault(Patched(whole, at + 21, {other, 1}), piece.offset, piece.path, "checksum is 0x");
+  }
+}
+
+TEST_F(VerifierTest, UnitsMustDecodeToWhatTheyState) {
+  const std::string whole = test::ReadFile(Sample("f_16384_lzs.img"));
+  MapSummary summary;
+  MapItem block;
+  for (const MapItem& item : MapOf(Sample("f_16384_lzs.img"), &summary)) {
+    if (item.kind == MapItem::Kind::DataBlock && item.path == "0:/DATA/C.BIN") {
+      block = item;
+      break;
+    }
+  }
+  ASSERT_NE(block.length, 0u);
+  const auto at = static_cast<size_t>(block.offset);
+  ExpectFault(Patched(whole, at + 3, "\x42"), block.offset, block.path,
+              "decodes to 16384 bytes instead of 16896");
+  ExpectFault(Patched(whole, at + 3, "\x3e"), block.offset, block.path, "decodes to more than");
+}
+
+TEST_F(VerifierTest, TruncatedAndDamagedImagesAreMappedToTheLastByte) {
+  for (const char* sample : kSamples) {
+    const std::string whole = test::ReadFile(Sample(sample));
+    std::mt19937 random(7);
+    for (int i = 0; i < 60; ++i) {
+      std::string bytes = whole;
+      if (i % 2 == 0) {
+        bytes.resize(random() % whole.size());
+      } else {
+        for (int k = 0; k < 20; ++k) bytes[random() % whole.size()] ^= static_cast<char>(random());
+      }
+      test::WriteFile(m_Path, bytes);
+      SCOPED_TRACE(std::string(sample) + " " + std::to_string(i));
+      ExpectWholeMap(m_Path);
+      try {
+        const auto faults = FaultsOf(m_Path);
+        EXPECT_TRUE(i % 2 == 1 || !faults.empty());
+      } catch (const Error& error) {
+        EXPECT_NE(std::string(error.what()), "");
+      }
+    }
+  }
+}
+
+TEST_F(VerifierTest, FilesThatAreNoImages) {
+  EXPECT_THROW(FaultsOf(m_Directory / "missing"), Error);
+  EXPECT_THROW(With("short"), Error);
+  EXPECT_THROW(With(std::string(20000, 'x')), Error);
+}
+
+}  // namespace
+}  // namespace capsule::host
