@@ -15,6 +15,7 @@ namespace {
 
 using test::SmallImage;
 using test::TempDir;
+using test::TwoFiles;
 using Bytes = std::vector<unsigned char>;
 
 std::string Sample(const std::string& name) {
@@ -57,21 +58,6 @@ void ReadEverything(const Image& image) {
 std::ptrdiff_t OpenDescriptors() {
   const std::filesystem::directory_iterator listing("/proc/self/fd");
   return std::distance(begin(listing), end(listing));
-}
-
-// One folder with a file of 700 bytes in two records, and one with 10 bytes.
-SmallImage TwoFiles() {
-  SmallImage image;
-  image.BeginSection();
-  image.Folder("FOLDER     ");
-  image.Entry("ONE     BIN", 0x20, 700);
-  image.Data(512, false);
-  image.Data(512, true);
-  image.Entry("TWO     BIN", 0x20, 10);
-  image.Data(512, true);
-  image.Close();
-  image.EndSection();
-  return image;
 }
 
 constexpr uint32_t kOneData = 7560 + 2056 + 3 * 40 + 40;  // first record of ONE.BIN

@@ -64,4 +64,19 @@ class SmallImage {
   uint32_t m_nSections = 0;
 };
 
+// One folder with a file of 700 bytes in two records, and one with 10 bytes.
+inline SmallImage TwoFiles() {
+  SmallImage image;
+  image.BeginSection();
+  image.Folder("FOLDER     ");
+  image.Entry("ONE     BIN", 0x20, 700);
+  image.Data(512, false);
+  image.Data(512, true);
+  image.Entry("TWO     BIN", 0x20, 10);
+  image.Data(512, true);
+  image.Close();
+  image.EndSection();
+  return image;
+}
+
 }  // namespace capsule::test

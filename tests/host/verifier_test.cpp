@@ -14,8 +14,8 @@
 namespace capsule::host {
 namespace {
 
-using test::SmallImage;
 using test::TempDir;
+using test::TwoFiles;
 
 const char* const kSamples[] = {"w_files_only.img", "w_names.img",    "w_three_open.img",
                                 "f_16384_lzs.img",  "n_flat_old.img", "h_compact_scrambled.img"};
@@ -88,17 +88,7 @@ class VerifierTest : public testing::Test {
   static constexpr uint32_t kIndex = kTrailer + 1544;
 
   VerifierTest() {
-    SmallImage image;
-    image.BeginSection();
-    image.Folder("FOLDER     ");
-    image.Entry("ONE     BIN", 0x20, 700);
-    image.Data(512, false);
-    image.Data(512, true);
-    image.Entry("TWO     BIN", 0x20, 10);
-    image.Data(512, true);
-    image.Close();
-    image.EndSection();
-    m_Bare = image.Bytes();
+    m_Bare = TwoFiles().Bytes();
     test::WriteFile(m_Path, m_Bare);
     IndexWriter(m_Path).Write();
     m_Whole = test::ReadFile(m_Path);
