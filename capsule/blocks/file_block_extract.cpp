@@ -59,7 +59,7 @@ int CapsuleFileBlock::DecompressFile(void* file, int start, int* pLen) {
   try {
     auto* image = static_cast<CapsuleFile*>(file);
     PrepareDataBlocks(image->GetImageFileHandle());
-    if (m_DataBlocks.GetCount() == 0 && !m_pExtraction) {
+    if (m_DataBlocks.GetCount() == 0 && !m_pExtraction && !m_bDataBlocksPending) {
       *pLen = 0;
       ClearDecompressedFilePointer();
       return 0;

@@ -215,6 +215,15 @@ TEST(ExtractTest, RecordsThatRunOutFailTheExtraction) {
   EXPECT_EQ(moreRecords.Range(0, 20000), content.substr(0, 8192));
 }
 
+TEST(ExtractTest, NothingComesOutOfAnImageThatIsClosed) {
+  const std::string content = RandomText(5000, 9);
+  OneFile file(true, 5000, [&](auto& m) { AddCompressed(m, content, 8192); });
+  ASSERT_TRUE(file.File().CloseImageFileHandle());
+  int length = 100;
+  EXPECT_EQ(file.Block().DecompressFile(&file.File(), 0, &length), 0);
+  EXPECT_EQ(length, -1);
+}
+
 TEST(ExtractTest, ABlockWithoutDataFailsTheRangesThatNeedIt) {
   const std::string content = RandomText(24576, 7);
   const std::vector<std::string> units =
