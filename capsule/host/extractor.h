@@ -1,6 +1,6 @@
 // Extractor writes entries of an image into a folder, and nothing outside of it.
 //
-//   host::Extractor extractor(image, "/home/me/out");
+//   host::Extractor extractor(image, "restored");
 //   extractor.Add(*image.Find("0:/2024"));
 //   host::ExtractReport report = extractor.Run();
 //

@@ -3,7 +3,7 @@
 //   host::Image image("photos.cap");
 //   if (auto entry = image.Find("0:/2024/beach.jpg")) {
 //     host::FileReader reader = image.OpenFile(*entry);
-//     ...
+//     Show(reader.Size());
 //   }
 //
 // Opening reads the header, the index and the tree, and throws host::Error when the file is not an

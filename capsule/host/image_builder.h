@@ -1,7 +1,7 @@
 // ImageBuilder makes one image of one to ten folders, all or nothing.
 //
 //   host::ImageBuilder builder("photos.cap", {.level = 5});
-//   builder.AddDirectory("/home/me/photos");
+//   builder.AddDirectory("photos");
 //   host::BuildReport report = builder.Finish();
 //
 // The image is written under a temporary name beside its own (mode 0600 until done), completed by

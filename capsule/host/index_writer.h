@@ -1,7 +1,7 @@
 // IndexWriter completes an image: it finds the items by a SectionScanner, appends an index behind
 // the last trailer and stores the index's offset in the header.
 //
-//   IndexWriter("photos.cap").Write();
+//   host::IndexWriter("photos.cap").Write();
 //
 // An index that is there already is built anew; the same sections always get the same bytes.
 // Nothing is changed before the whole image has been scanned without damage and is known to stay

@@ -3,7 +3,7 @@
 //   host::VerifyReport report = host::Verifier("photos.cap").Run([](const host::Fault& fault) {
 //     Print(fault.offset, fault.path, fault.reason);
 //   });
-//   if (report.faults == 0) …
+//   if (report.faults == 0) Show("sound");
 //
 // What is checked: the structure of header, sections and index (image_map.h); ordinals and
 // checksums of long names; flags, params and lengths of records; that every unit decodes to exactly
