@@ -4,7 +4,6 @@
 #include <cerrno>
 
 #include "capsule/blocks/data_block_format.h"
-#include "capsule/compression/lzs.h"
 #include "capsule/host/error.h"
 #include "capsule/host/reason.h"
 #include "capsule/partition/ntfs_format.h"
@@ -19,16 +18,11 @@ constexpr uint64_t kMaxExpansion = 30;      // a group of 4 bits stands for up t
 
 std::string Count(uint64_t n) { return std::to_string(n); }
 
-bool AllZero(std::span<const unsigned char> bytes) {
-  return std::all_of(bytes.begin(), bytes.end(), [](unsigned char b) { return b == 0; });
-}
-
 }  // namespace
 
 RecordStream::RecordStream(RecordSource source)
     : m_Source(std::move(source)),
-      m_nHeaderSize(m_Source.ntfs ? kNtfsHeaderSize : kMiniHeaderSize),
-      m_History(LzsSizeOfDecompressionHistory()) {
+      m_nHeaderSize(m_Source.ntfs ? kNtfsHeaderSize : kMiniHeaderSize) {
   const uint64_t room = m_Source.limit - m_Source.begin;
   Restart();
   if (m_Source.ntfs) TakeResidentData();
@@ -43,7 +37,7 @@ void RecordStream::Restart() {
   m_nRecord = m_Source.begin;
   m_nChunkBegin = m_nChunkEnd = 0;
   m_Chunk.clear();
-  LzsInitDecompressionHistory(m_History.data());
+  m_Decoder.Reset();
   if (m_bResident) {
     m_nChunkEnd = m_Source.size;
     m_Chunk = m_Resident;
@@ -64,8 +58,13 @@ void RecordStream::Advance(uint64_t offset) {
 
 void RecordStream::DecodeRecord(const _MiniHeader& header, uint32_t length) {
   const auto payload = Window(m_nRecord + m_nHeaderSize, header.Length);
-  if (IsCompressedPayload(header, m_Source.imageIsCompressed)) return Decode(payload, length);
-  m_Chunk.assign(payload.begin(), payload.end());
+  if (!IsCompressedPayload(header, m_Source.imageIsCompressed)) {
+    m_Chunk.assign(payload.begin(), payload.end());
+    return;
+  }
+  m_Chunk.resize(length);
+  const std::string problem = m_Decoder.Decode(payload, m_Chunk);
+  if (!problem.empty()) Fail(problem);
 }
 
 // How many bytes there are from the current record on; at least `needed`.
@@ -109,28 +108,6 @@ void RecordStream::CheckCoverage(const _MiniHeader& header, uint32_t length) con
   }
   if (reachesEnd && end - m_Source.size >= kChunkAlignment) {
     Fail("last record ends at " + Count(end) + ", the file at " + Count(m_Source.size));
-  }
-}
-
-void RecordStream::Decode(std::span<const unsigned char> payload, uint32_t length) {
-  m_Chunk.resize(length);
-  const unsigned char* source = payload.data();
-  unsigned char* destination = m_Chunk.data();
-  uint32_t sourceLeft = static_cast<uint32_t>(payload.size());
-  uint32_t destinationLeft = length;
-  const uint16_t result = LzsDecompress(&source, &destination, &sourceLeft, &destinationLeft,
-                                        m_History.data(), LzsKeepHistory);
-  if (result == 0) Fail("compressed data is corrupt");
-  if ((result & LzsUnitComplete) == 0) {
-    Fail((result & LzsOutputFull) != 0
-             ? "decodes to more than the " + Count(length) + " bytes that it states"
-             : "compressed data has no end within its " + Count(payload.size()) + " bytes");
-  }
-  if (destinationLeft != 0) {
-    Fail("decodes to " + Count(length - destinationLeft) + " bytes instead of " + Count(length));
-  }
-  if (!AllZero(payload.last(sourceLeft))) {
-    Fail(Count(sourceLeft) + " bytes follow the end of the compressed data");
   }
 }
 

@@ -15,6 +15,7 @@
 #include <string>
 #include <vector>
 
+#include "capsule/host/unit_decoder.h"
 #include "capsule/partition/directory_records.h"
 
 namespace capsule::host {
@@ -60,7 +61,6 @@ class RecordStream {
   void DecodeRecord(const _MiniHeader& header, uint32_t length);
   uint64_t CheckRoom(uint64_t needed) const;
   void CheckCoverage(const _MiniHeader& header, uint32_t length) const;
-  void Decode(std::span<const unsigned char> payload, uint32_t length);
   std::span<const unsigned char> Window(uint64_t offset, size_t count);
   [[noreturn]] void Fail(const std::string& what) const;
 
@@ -73,7 +73,7 @@ class RecordStream {
   uint64_t m_nChunkEnd = 0;
   uint64_t m_nWindowBegin = 0;
   std::vector<unsigned char> m_Window;
-  std::vector<unsigned char> m_History;
+  UnitDecoder m_Decoder;
   std::vector<unsigned char> m_Chunk;
 };
 

@@ -3,6 +3,7 @@
 
 #include "capsule/blocks/data_block_format.h"
 #include "capsule/host/reason.h"
+#include "capsule/host/record_judge.h"
 #include "capsule/host/section_map.h"
 #include "capsule/partition/record_format.h"
 #include "capsule/platform/dos_time.h"
@@ -20,15 +21,6 @@ std::string Count(uint64_t n) { return std::to_string(n); }
 std::string JudgeDirectoryHeader(const _MiniHeader& header) {
   if (header.Flag != 1) return "flag is " + Count(header.Flag) + ", not 1";
   if (header.Param != 0) return "param is " + Count(header.Param) + ", not 0";
-  return {};
-}
-
-std::string JudgeDataHeader(const _MiniHeader& header, bool isCompressed) {
-  if (header.Flag > 1) return "flag is " + Count(header.Flag) + ", not 0 or 1";
-  const uint32_t length = UncompressedLength(header, isCompressed);
-  if (length == 0 || length > kMaxUncompressedLength || length % kChunkAlignment != 0) {
-    return "chunk is " + Count(length) + " bytes, multiples of 512 up to 65536 are possible";
-  }
   return {};
 }
 
