@@ -33,13 +33,13 @@ int Cat(const CatArguments& arguments) {
   std::vector<unsigned char> piece(kPiece);
   uint64_t at = arguments.offset;
   uint64_t left = std::min(arguments.length, reader.Size() - at);
-  while (left != 0) {
+  do {  // once for an empty file as well: its records may have a check value
     const auto wanted = static_cast<size_t>(std::min<uint64_t>(left, piece.size()));
     const size_t count = reader.Read(at, std::span(piece).first(wanted));
     output.Write(std::span<const unsigned char>(piece).first(count));
     at += count;
     left -= count;
-  }
+  } while (left != 0);
   return kDone;
 }
 

@@ -4,9 +4,15 @@
 #include <xxhash.h>
 
 #include <array>
+#include <charconv>
 #include <cstdio>
 
 namespace capsule::host {
+namespace {
+
+const std::string kNameStart = "xxh3=";
+
+}  // namespace
 
 struct RunningChecksum::State {
   XXH3_state_t xxh;
@@ -38,10 +44,21 @@ void IndexChecksum::Update(std::span<const unsigned char> bytes) {
 
 uint32_t IndexChecksum::Value() const { return XXH32_digest(&m_pState->xxh); }
 
-std::string ChecksumName(uint64_t value) {
+std::string ChecksumDigits(uint64_t value) {
   std::array<char, 24> text{};
-  std::snprintf(text.data(), text.size(), "xxh3=%016llx", static_cast<unsigned long long>(value));
+  std::snprintf(text.data(), text.size(), "%016llx", static_cast<unsigned long long>(value));
   return text.data();
+}
+
+std::string ChecksumName(uint64_t value) { return kNameStart + ChecksumDigits(value); }
+
+std::optional<uint64_t> ChecksumOfName(std::string_view name) {
+  if (!name.starts_with(kNameStart)) return std::nullopt;
+  const char* end = name.data() + name.size();
+  uint64_t value = 0;
+  const auto [stop, error] = std::from_chars(name.data() + kNameStart.size(), end, value, 16);
+  if (error != std::errc() || stop != end || ChecksumName(value) != name) return std::nullopt;
+  return value;
 }
 
 }  // namespace capsule::host

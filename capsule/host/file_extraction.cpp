@@ -78,11 +78,12 @@ uint64_t ExtractFile(const Image& image, const Entry& file, int folder, bool for
   FileReader reader = image.OpenFile(file);
   std::vector<unsigned char> piece(std::min<size_t>(kPiece, file.Size()));
   TemporaryFile out(folder, file);
-  for (uint64_t at = 0; at < file.Size();) {
+  uint64_t at = 0;
+  do {  // once for an empty file as well: its records have a check value
     const size_t count = reader.Read(at, piece);
     out.Append(std::span(piece).first(count));
     at += count;
-  }
+  } while (at < file.Size());
   out.Publish(force);
   return file.Size();
 }

@@ -20,6 +20,7 @@ size_t FileReader::Read(uint64_t offset, std::span<unsigned char> out) {
       offset >= size ? offset : offset + std::min<uint64_t>(out.size(), size - offset);
   if (m_pImpl->hasFailed || offset < records.ChunkBegin()) records.Restart();
   m_pImpl->hasFailed = true;
+  if (size == 0) records.CheckEmpty();
   for (uint64_t at = offset; at < end;) {
     while (at >= records.ChunkEnd()) records.Advance(at);
     const auto skip = static_cast<size_t>(at - records.ChunkBegin());

@@ -1,5 +1,9 @@
 // FileReader reads one file of an image, any range in any order, with bounded memory.
 //
+// A pass from the first byte to the last in order also compares the file's check value, when the
+// index has one: then the last piece is refused, so nothing of it is to be kept. Ranges that leave
+// something out cannot be compared with it. An empty file is compared by any Read.
+//
 // Reading forward decodes every record once; going back decodes again from the file's first record.
 // One thread uses a reader; readers of the same image are independent of each other. The Image must
 // outlive it.

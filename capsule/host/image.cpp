@@ -1,5 +1,6 @@
 #include "capsule/host/image.h"
 
+#include <algorithm>
 #include <cerrno>
 
 #include "capsule/host/file_reader_impl.h"
@@ -16,6 +17,7 @@ struct Image::Impl {
   ImageInfo info;
   std::unique_ptr<Catalog> catalog;
   std::vector<ImageProblem> problems;
+  std::vector<FileCheck> checks;  // by offset
 };
 
 namespace {
@@ -54,6 +56,14 @@ ImageInfo Summarize(const DecodedHeader& header, const IndexContents& index,
   return info;
 }
 
+std::optional<FileCheck> CheckOf(const std::vector<FileCheck>& checks, uint32_t offset) {
+  const auto check =
+      std::lower_bound(checks.begin(), checks.end(), offset,
+                       [](const FileCheck& item, uint32_t wanted) { return item.offset < wanted; });
+  if (check == checks.end() || check->offset != offset) return std::nullopt;
+  return *check;
+}
+
 // Takes "N:" from the front of `path`; partition 0 without it, none when N is out of reach.
 std::optional<uint32_t> TakePartition(std::string_view* path) {
   size_t digits = 0;
@@ -73,10 +83,11 @@ Image::Image(const std::filesystem::path& path) : m_pImpl(std::make_unique<Impl>
   impl.file = Open(impl.path);
   const uint64_t length = LengthOf(impl.file, impl.path);
   const DecodedHeader header = ReadImageHeader(impl.file.Get(), impl.path, length);
-  const IndexContents index = CheckIndex(impl.file.Get(), impl.path, header.indexOffset, length);
+  IndexContents index = CheckIndex(impl.file.Get(), impl.path, header.indexOffset, length);
   impl.catalog = ReadCatalog(impl.file.Get(), impl.path, index, &impl.problems);
   impl.info = Summarize(header, index, *impl.catalog);
   impl.info.imageBytes = length;
+  impl.checks = std::move(index.checks);
 }
 
 Image::~Image() = default;
@@ -114,6 +125,7 @@ FileReader Image::OpenFile(const Entry& entry) const {
   source.size = node.size;
   source.ntfs = m_pImpl->info.partitions[node.partition].systemId == kSystemIdNtfs;
   source.fileRecord = node.offset;
+  if (!source.ntfs) source.check = CheckOf(m_pImpl->checks, node.offset);
   source.imagePath = Path();
   source.entryPath = entry.Path();
   return FileReader(std::unique_ptr<FileReader::Impl>(

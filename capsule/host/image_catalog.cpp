@@ -3,7 +3,8 @@
 // 1. every record group lies between its own offset and the next item of the index, so that no two
 //    items share a byte;
 // 2. every file and folder that a checked index names is in the tree;
-// 3. the pieces of a long name are in order and belong to the short name behind them.
+// 3. the paths are those that a checked index tells;
+// 4. the pieces of a long name are in order and belong to the short name behind them.
 #include <algorithm>
 #include <array>
 #include <cerrno>
@@ -13,6 +14,7 @@
 #include "capsule/container/image_index.h"
 #include "capsule/host/error.h"
 #include "capsule/host/image_open.h"
+#include "capsule/host/path_hash.h"
 #include "capsule/host/reason.h"
 #include "capsule/partition/ntfs_format.h"
 #include "capsule/partition/partition.h"
@@ -95,6 +97,7 @@ class CatalogBuilder {
     }
     for (uint32_t id = 0; id < m_Nodes.size(); ++id) AddChildren(id);
     CheckThatAllAreThere();
+    ComparePaths();
     auto catalog = std::make_unique<Catalog>(std::move(m_Nodes), static_cast<uint32_t>(count));
     for (const auto& [id, reason] : m_Problems) {
       m_pProblems->push_back({catalog->At(id).Path(), reason});
@@ -228,6 +231,43 @@ class CatalogBuilder {
       if (std::binary_search(found.begin(), found.end(), offset)) continue;
       Fail(offset, "the index names an item here, but it cannot be read");
     }
+  }
+
+  // A damaged record can close a folder too early, or name another item, and leave all else in
+  // order: then the paths are not those that a checked index tells.
+  void ComparePaths() {
+    const size_t known = m_Problems.size();
+    size_t damaged = 0;  // of m_Problems, which are in the order of nodes
+    std::vector<uint64_t> hashes(m_Nodes.size(), kRootPathHash);
+    for (uint32_t id = 0; id < m_Nodes.size(); ++id) {
+      while (damaged < known && m_Problems[damaged].first < id) ++damaged;
+      const bool isNamed = damaged == known || m_Problems[damaged].first != id;
+      if (m_Lists[id] == nullptr || m_Nodes[id].parent != id) {
+        hashes[id] = ComparePath(id, hashes[m_Nodes[id].parent], isNamed);
+      }
+    }
+    std::stable_sort(m_Problems.begin(), m_Problems.end(),
+                     [](const auto& a, const auto& b) { return a.first < b.first; });
+  }
+
+  // The hash of the node's path. An entry with a damaged name lies where the index says.
+  uint64_t ComparePath(uint32_t id, uint64_t folder, bool isNamed) {
+    CatalogNode& node = m_Nodes[id];
+    const uint64_t hash = ChildPathHash(folder, node.name);
+    const auto& paths = m_Index.paths;
+    const auto stated = std::lower_bound(
+        paths.begin(), paths.end(), node.offset,
+        [](const IndexContents::ItemPath& item, uint32_t at) { return item.offset < at; });
+    const bool isStated = stated != paths.end() && stated->offset == node.offset;
+    if (!isStated || stated->path == hash || m_Ntfs[node.partition]) return hash;
+    if (isNamed && stated->folder != folder) {
+      Fail(node.offset, "the index names an item of another folder here");
+    }
+    if (isNamed) {
+      m_Problems.emplace_back(id, "name at " + Hex(node.offset) + ": the index tells another");
+      node.name = node.shortName;
+    }
+    return stated->path;
   }
 
   // Where the section that begins at `start` ends.

@@ -7,6 +7,7 @@
 #include "capsule/container/index_format.h"
 #include "capsule/host/checksum.h"
 #include "capsule/host/error.h"
+#include "capsule/host/path_hash.h"
 #include "capsule/host/reason.h"
 #include "capsule/platform/byte_reader.h"
 #include "capsule/platform/file.h"
@@ -105,7 +106,24 @@ void Keep(const IndexRecord& record, IndexContents* contents) {
   }
   const bool isEntry =
       record.type == kIndexFile || (record.type == kIndexZeroEntry && !record.name.empty());
-  if (isEntry && contents->isChecked) contents->entries.push_back(record.offset);
+  if (!isEntry || !contents->isChecked) return;
+  contents->entries.push_back(record.offset);
+  if (record.name.empty()) return;
+  const std::string_view path = record.name;
+  const size_t slash = path.rfind('/');
+  const std::string_view folder = slash == path.npos ? "" : path.substr(0, slash);
+  contents->paths.push_back(
+      {record.offset, ExtendPathHash(kRootPathHash, path), ExtendPathHash(kRootPathHash, folder)});
+}
+
+// A note that tells the check value of the file in the record before it.
+void KeepCheck(const IndexRecord& note, const IndexRecord& before, IndexContents* contents) {
+  const bool isOfFile = note.type == kIndexNote && before.type == kIndexFile &&
+                        note.offset == before.offset && contents->isChecked;
+  if (!isOfFile) return;
+  if (const auto value = ChecksumOfName(note.name)) {
+    contents->checks.push_back({note.offset, note.length, *value});
+  }
 }
 
 }  // namespace
@@ -119,20 +137,26 @@ IndexContents CheckIndex(int descriptor, const std::string& path, uint64_t index
   IndexWalk walk(descriptor, path, indexOffset, fileSize);
   IndexContents contents;
   contents.isChecked = walk.IsChecked();
+  IndexRecord before;
   for (uint64_t end = 0; end < indexOffset;) {
-    const IndexRecord record = walk.Next();
+    IndexRecord record = walk.Next();
     if (!HasIndexBody(record.type)) continue;
     if (record.offset > kMaxOffset || record.offset >= indexOffset) {
       walk.Fail("index names " + Hex(record.offset) + ", which is not in the image");
     }
     end = uint64_t{record.offset} + record.length;
     Keep(record, &contents);
+    KeepCheck(record, before, &contents);
+    before = std::move(record);
   }
   for (auto* offsets : {&contents.items, &contents.entries, &contents.sections}) {
     std::sort(offsets->begin(), offsets->end());
     const auto twice = std::adjacent_find(offsets->begin(), offsets->end());
     if (twice != offsets->end()) walk.Fail("index names the item at " + Hex(*twice) + " twice");
   }
+  const auto byOffset = [](const auto& a, const auto& b) { return a.offset < b.offset; };
+  std::sort(contents.checks.begin(), contents.checks.end(), byOffset);
+  std::sort(contents.paths.begin(), contents.paths.end(), byOffset);
   std::merge(contents.items.begin(), contents.items.end(), contents.sections.begin(),
              contents.sections.end(), std::back_inserter(contents.boundaries));
   contents.boundaries.push_back(static_cast<uint32_t>(indexOffset));

@@ -5,6 +5,8 @@
 #include <string>
 #include <vector>
 
+#include "capsule/host/file_check.h"
+
 namespace capsule::host {
 
 struct IndexContents {
@@ -16,6 +18,16 @@ struct IndexContents {
   std::vector<uint32_t> items;
   std::vector<uint32_t> entries;
   std::vector<uint32_t> sections;
+
+  // What a checked index says about items, in the order of their offsets: the check values of
+  // files, and the hashes of paths (path_hash.h) where the index has one.
+  struct ItemPath {
+    uint32_t offset = 0;
+    uint64_t path = 0;
+    uint64_t folder = 0;  // of the path up to its last '/'
+  };
+  std::vector<FileCheck> checks;
+  std::vector<ItemPath> paths;
 
   // Where the next item, section or the index begins behind `offset`.
   uint32_t LimitOf(uint32_t offset) const;

@@ -24,6 +24,7 @@ RecordStream::RecordStream(RecordSource source)
     : m_Source(std::move(source)),
       m_nHeaderSize(m_Source.ntfs ? kNtfsHeaderSize : kMiniHeaderSize) {
   const uint64_t room = m_Source.limit - m_Source.begin;
+  if (m_Source.check) m_Check.emplace(*m_Source.check);
   Restart();
   if (m_Source.ntfs) TakeResidentData();
   Restart();
@@ -38,6 +39,7 @@ void RecordStream::Restart() {
   m_nChunkBegin = m_nChunkEnd = 0;
   m_Chunk.clear();
   m_Decoder.Reset();
+  if (m_Check) m_Check->Restart();
   if (m_bResident) {
     m_nChunkEnd = m_Source.size;
     m_Chunk = m_Resident;
@@ -45,19 +47,52 @@ void RecordStream::Restart() {
 }
 
 void RecordStream::Advance(uint64_t offset) {
+  if (m_nChunkEnd == 0) CountGroup();
   const _MiniHeader header = ReadHeader();
   const uint32_t length = UncompressedLength(header, m_Source.imageIsCompressed);
   CheckCoverage(header, length);
   const bool isStored = !IsCompressedPayload(header, m_Source.imageIsCompressed);
   m_Chunk.clear();
-  if (!isStored || offset < m_nChunkEnd + length) DecodeRecord(header, length);
+  if (!isStored || offset < m_nChunkEnd + length) {
+    DecodeRecord(header, length);
+    if (m_Check) m_Check->Take(m_nRecord, Window(m_nRecord, m_nHeaderSize + header.Length));
+  }
   m_nRecord += m_nHeaderSize + header.Length;
   m_nChunkBegin = m_nChunkEnd;
   m_nChunkEnd += length;
+  if (m_nChunkEnd >= m_Source.size) CompareCheck();
+}
+
+void RecordStream::CheckEmpty() {
+  CountGroup();
+  CompareCheck();
+}
+
+// The record group lies in front of the data and has the same check value.
+void RecordStream::CountGroup() {
+  if (!m_Check) return;
+  const uint64_t end = std::min(m_Source.begin, m_Check->End());
+  while (m_Check->Next() < end) {
+    const uint64_t left = std::min<uint64_t>(end - m_Check->Next(), kWindowSize);
+    m_Check->Take(m_Check->Next(), Window(m_Check->Next(), static_cast<size_t>(left)));
+  }
+}
+
+void RecordStream::CompareCheck() const {
+  if (!m_Check || m_Check->Next() != std::min(m_nRecord, m_Check->End())) return;
+  const FileCheck& check = *m_Source.check;
+  const std::string problem = m_nRecord == m_Check->End()
+                                  ? m_Check->Judge()
+                                  : "check value of the item at " + Hex(check.offset) + " is for " +
+                                        Count(check.length) + " bytes, its records have " +
+                                        Count(m_nRecord - check.offset);
+  if (problem.empty()) return;
+  throw Error(m_Source.imagePath, m_Source.entryPath + ": " + problem, check.offset);
 }
 
 void RecordStream::DecodeRecord(const _MiniHeader& header, uint32_t length) {
-  const auto payload = Window(m_nRecord + m_nHeaderSize, header.Length);
+  const auto payload =
+      Window(m_nRecord, size_t{m_nHeaderSize} + header.Length).subspan(m_nHeaderSize);
   if (!IsCompressedPayload(header, m_Source.imageIsCompressed)) {
     m_Chunk.assign(payload.begin(), payload.end());
     return;

@@ -7,6 +7,8 @@
 //    the padding may fill the record.
 // 3. The history holds what the records before the current one left, so records are decoded in
 //    order; stored records do not touch it and may be passed over unread.
+// 4. A pass that reads every record from the first to the last compares the file's check value,
+//    when there is one, before the last record counts.
 #pragma once
 
 #include <cstdint>
@@ -15,6 +17,8 @@
 #include <string>
 #include <vector>
 
+#include "capsule/host/content_check.h"
+#include "capsule/host/file_check.h"
 #include "capsule/host/unit_decoder.h"
 #include "capsule/partition/directory_records.h"
 
@@ -29,6 +33,7 @@ struct RecordSource {
   uint64_t size = 0;
   bool ntfs = false;        // records are those of an NTFS partition
   uint64_t fileRecord = 0;  // NTFS: where the file's FILE record lies
+  std::optional<FileCheck> check = {};
   std::string imagePath;
   std::string entryPath;
 };
@@ -47,6 +52,9 @@ class RecordStream {
   // Goes to the next record. `offset`: the first byte of the file that will be asked for.
   void Advance(uint64_t offset);
 
+  // For a file of no bytes, which has no records to advance to: compares its check value.
+  void CheckEmpty();
+
   // The bytes of the current record, padding included.
   std::span<const unsigned char> Chunk() const { return m_Chunk; }
 
@@ -58,6 +66,8 @@ class RecordStream {
   _MiniHeader ReadNtfsHeader();
   _MiniHeader NtfsHeaderAt(uint64_t offset, uint32_t* type);
   void TakeResidentData();
+  void CountGroup();
+  void CompareCheck() const;
   void DecodeRecord(const _MiniHeader& header, uint32_t length);
   uint64_t CheckRoom(uint64_t needed) const;
   void CheckCoverage(const _MiniHeader& header, uint32_t length) const;
@@ -74,6 +84,7 @@ class RecordStream {
   uint64_t m_nWindowBegin = 0;
   std::vector<unsigned char> m_Window;
   UnitDecoder m_Decoder;
+  std::optional<ContentCheck> m_Check;
   std::vector<unsigned char> m_Chunk;
 };
 

@@ -1,0 +1,112 @@
+// Damage that breaks no rule of any record: only the index tells.
+#include <gtest/gtest.h>
+
+#include <random>
+
+#include "capsule/host/extractor.h"
+#include "capsule/host/image_builder.h"
+#include "tests/support/temp_dir.h"
+
+namespace capsule::host {
+namespace {
+
+namespace fs = std::filesystem;
+
+class StrictReading : public testing::Test {
+ protected:
+  StrictReading() {
+    fs::create_directories(m_Dir / "in/folder/below");
+    std::mt19937 random(5);
+    std::string noise(40000, '\0');
+    for (char& c : noise) c = static_cast<char>(random());
+    test::WriteFile(m_Dir / "in/noise.zip", noise);
+    test::WriteFile(m_Dir / "in/empty", "");
+    test::WriteFile(m_Dir / "in/folder/a long name", "text");
+    test::WriteFile(m_Dir / "in/folder/below/deep", "text");
+    ImageBuilder builder(m_Path, {});
+    builder.AddDirectory(m_Dir / "in");
+    builder.Finish();
+    m_Whole = test::ReadFile(m_Path);
+  }
+
+  uint32_t OffsetOf(const char* path) const { return Image(m_Path).Find(path)->Offset(); }
+
+  void Damage(size_t offset) const {
+    std::string bytes = m_Whole;
+    bytes.at(offset) = static_cast<char>(bytes[offset] ^ 0x40);
+    test::WriteFile(m_Path, bytes);
+  }
+
+  std::string ReasonOfOpening() const {
+    try {
+      const Image image(m_Path);
+      return "";
+    } catch (const Error& error) {
+      return error.what();
+    }
+  }
+
+  test::TempDir m_Dir;
+  std::string m_Path = m_Dir / "x.cap";
+  std::string m_Whole;
+};
+
+TEST_F(StrictReading, ContentsThatAreNotWhatTheIndexTellsAreNotExtracted) {
+  const uint32_t noise = OffsetOf("noise.zip");
+  const uint32_t empty = OffsetOf("empty");
+  Damage(noise + 20000);  // stored plainly
+  {
+    std::string bytes = test::ReadFile(m_Path);
+    // The creation time in the last record of its group.
+    const size_t last = bytes.rfind("EMPTY", empty + 200);
+    bytes.at(last + 14) = static_cast<char>(bytes[last + 14] ^ 1);
+    test::WriteFile(m_Path, bytes);
+  }
+  fs::create_directories(m_Dir / "out");
+  const Image image(m_Path);
+  const ExtractReport report = Extractor(image, m_Dir / "out").Run();
+  ASSERT_EQ(report.problems.size(), 2U);
+  for (const ExtractProblem& problem : report.problems) {
+    const bool isNoise = problem.path == "0:/noise.zip";
+    EXPECT_TRUE(isNoise || problem.path == "0:/empty");
+    EXPECT_NE(problem.reason.find("check value of the item at 0x"), std::string::npos)
+        << problem.reason;
+    EXPECT_FALSE(fs::exists(m_Dir.Path() / "out" / problem.path.substr(3)));
+  }
+  EXPECT_EQ(report.files, 2U);
+
+  // Ranges can say nothing; a second pass over the whole says it again.
+  FileReader reader = image.OpenFile(*image.Find("noise.zip"));
+  std::vector<unsigned char> bytes(30000);
+  EXPECT_EQ(reader.Read(1000, bytes), 30000U);
+  for (int pass = 0; pass < 2; ++pass) {
+    EXPECT_EQ(reader.Read(0, bytes), 30000U);
+    EXPECT_THROW(reader.Read(30000, bytes), Error);
+  }
+}
+
+TEST_F(StrictReading, ItemsThatMovedToAnotherPathAreReported) {
+  // The "." group of the folder reads as a zero entry: the folder ends before its contents.
+  const size_t dot = m_Whole.find(std::string(".          \x10"), OffsetOf("folder"));
+  std::string bytes = m_Whole;
+  bytes.at(dot) = 0;
+  test::WriteFile(m_Path, bytes);
+  EXPECT_NE(ReasonOfOpening().find("an item of another folder"), std::string::npos)
+      << ReasonOfOpening();
+
+  test::WriteFile(m_Path, m_Whole);
+  // A letter of a long name, which no checksum covers.
+  Damage(OffsetOf("folder/a long name") + 8 + 1);
+  const Image image(m_Path);
+  ASSERT_EQ(image.Problems().size(), 1U);
+  EXPECT_NE(image.Problems()[0].reason.find("the index tells another"), std::string::npos);
+  EXPECT_TRUE(image.Find("folder/below/deep"));
+
+  // That of a folder: what lies in it is where it belongs.
+  test::WriteFile(m_Path, m_Whole);
+  Damage(OffsetOf("folder") + 8 + 1);
+  EXPECT_EQ(Image(m_Path).Problems().size(), 1U) << ReasonOfOpening();
+}
+
+}  // namespace
+}  // namespace capsule::host
