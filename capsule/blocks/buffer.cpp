@@ -5,6 +5,7 @@
 #include <algorithm>
 #include <cstdlib>
 #include <cstring>
+#include <functional>
 #include <limits>
 
 // The members are pointers into one block by the class's contract.
@@ -47,6 +48,7 @@ CapsuleBuffer& CapsuleBuffer::operator=(const CapsuleBuffer& source) {
 }
 
 int CapsuleBuffer::HandleAllocation(int n) {
+  if (n < 0) return 0;
   if (m_bDontDelete != 0) {
     const unsigned char* borrowed = m_pRead;
     const int length = Size();
@@ -81,8 +83,13 @@ int CapsuleBuffer::Add(unsigned char b) {
 }
 
 int CapsuleBuffer::Add(const unsigned char* p, int n) {
-  if (n == 0 || p == nullptr || HandleAllocation(n) == 0) return 0;
-  std::memcpy(m_pWrite, p, static_cast<size_t>(n));
+  if (n <= 0 || p == nullptr) return 0;
+  // Bytes of the buffer itself move with its memory.
+  const bool own =
+      m_bDontDelete == 0 && std::less_equal<>()(m_pStart, p) && std::less<>()(p, m_pEnd);
+  const auto at = own ? p - m_pStart : 0;
+  if (HandleAllocation(n) == 0) return 0;
+  std::memmove(m_pWrite, own ? m_pStart + at : p, static_cast<size_t>(n));
   m_pWrite += n;
   m_nBytesLeft -= n;
   return n;
@@ -98,7 +105,7 @@ int CapsuleBuffer::AddLength(int n) {
 int CapsuleBuffer::Read(unsigned char& b) { return CapsuleBuffer::Read(&b, 1); }
 
 int CapsuleBuffer::Read(unsigned char* p, int n) {
-  if (p == nullptr || Size() == 0) return 0;
+  if (p == nullptr || n <= 0 || Size() == 0) return 0;
   const int count = std::min(n, Size());
   std::memcpy(p, m_pRead, static_cast<size_t>(count));
   m_pRead += count;
@@ -107,7 +114,7 @@ int CapsuleBuffer::Read(unsigned char* p, int n) {
 }
 
 void CapsuleBuffer::RemoveByte(int pos, int count) {
-  if (int64_t{pos} + count > Size()) return;
+  if (pos < 0 || count <= 0 || int64_t{pos} + count > Size()) return;
   unsigned char* hole = m_pRead + pos;
   std::memmove(hole, hole + count, static_cast<size_t>(Size() - pos - count));
   m_pWrite -= count;
@@ -116,6 +123,7 @@ void CapsuleBuffer::RemoveByte(int pos, int count) {
 
 void CapsuleBuffer::UseThisBuffer(const char* p, int len, int dontDelete, int allocSize) {
   CleanUpMemory();
+  if (p == nullptr || len < 0 || allocSize < -1) return;
   m_pStart = static_cast<unsigned char*>(static_cast<void*>(const_cast<char*>(p)));
   m_pRead = m_pStart;
   m_pWrite = m_pStart + len;
@@ -144,7 +152,10 @@ void CapsuleBuffer::CleanUpMemory() {
 
 void CapsuleBuffer::DontDeleteTheBuffer() { m_bDontDelete = 1; }
 int CapsuleBuffer::OkToDelete() const { return m_bDontDelete == 0 ? 1 : 0; }
-unsigned char CapsuleBuffer::operator[](int i) const { return m_pStart[i]; }
+unsigned char CapsuleBuffer::operator[](int i) const {
+  const auto size = std::max(m_pEnd - m_pStart, m_pWrite - m_pStart);
+  return i >= 0 && i < size ? m_pStart[i] : 0;
+}
 CapsuleBuffer::operator char*() const { return AsChars(m_pStart); }
 const char* CapsuleBuffer::GetStart() const { return AsChars(m_pStart); }
 char* CapsuleBuffer::GetRead() const { return AsChars(m_pRead); }

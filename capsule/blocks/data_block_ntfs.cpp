@@ -29,6 +29,7 @@ int CapsuleFileDataBlock::ReadNtfsRecord(int fd, int offset, int* pOffset) {
 }
 
 void CapsuleFileDataBlock::NTFSMINIHEADERtoMINIHEADER(const _NTFSMiniHeader* header) {
+  if (header == nullptr) return;
   m_MiniHeader.Type = static_cast<uint8_t>(header->RecordType);
   m_MiniHeader.Flag = header->LastFlag;
   m_MiniHeader.Param = header->UncompressedLength;
@@ -36,7 +37,7 @@ void CapsuleFileDataBlock::NTFSMINIHEADERtoMINIHEADER(const _NTFSMiniHeader* hea
 }
 
 void CapsuleFileDataBlock::ReadDirectoryBlock(CapsuleDirectoryEntry* entry) {
-  if (m_bDecompressed == 0) return;
+  if (entry == nullptr || m_bDecompressed == 0) return;
   entry->AddIndexBlocks({m_pUncompressed.get(), m_nUncompressedSize});
 }
 

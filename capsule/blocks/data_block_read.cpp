@@ -60,6 +60,7 @@ int ClampToInt(int64_t value) {
 }  // namespace
 
 int CapsuleFileDataBlock::Read(int fd, int offset, int* pOffset) {
+  if (pOffset == nullptr) return -1;
   if (m_DirectoryType == CapsuleDirectoryEntry::DirTypeNtfs) {
     return ReadNtfsRecord(fd, offset, pOffset);
   }
@@ -100,6 +101,7 @@ bool CapsuleFileDataBlock::TakePayload(int fd, int64_t offset) {
 }
 
 int CapsuleFileDataBlock::Decompress(CapsuleFile* file, char* history) {
+  if (file == nullptr) return -1;
   try {
     const bool imageIsCompressed = file->IsCompressed() != 0;
     return IsCompressedPayload(m_MiniHeader, imageIsCompressed) ? DecompressUnit(file, history)
@@ -152,6 +154,7 @@ int CapsuleFileDataBlock::ReadStored(CapsuleFile* file) {
 
 int CapsuleFileDataBlock::IsWithinOffset(CapsuleFile* file, int blockStart, int rangeStart,
                                          int rangeEnd, int* pBlockEnd) {
+  if (file == nullptr || pBlockEnd == nullptr) return 0;
   if (!IsCompressedPayload(m_MiniHeader, file->IsCompressed() != 0)) {
     m_MiniHeader.Param = m_MiniHeader.Length;
   }
@@ -172,6 +175,7 @@ int CapsuleFileDataBlock::WriteDecompressedBuffer(char** pOut, int blockStart, i
   const int64_t end = std::clamp<int64_t>(int64_t{rangeEnd} - blockStart, skip, size);
   const auto count = static_cast<size_t>(end - skip);
   const unsigned char* from = m_pUncompressed.get() + (m_pUncompressed ? skip : 0);
+  if (pOut == nullptr || (*pOut == nullptr && count > 0)) return -1;
   if (count > 0) std::memcpy(*pOut, from, count);
   *pOut += count;
   MainTracer().Trace("Writing output buffer: start: %d : len: %d \n",
@@ -188,7 +192,7 @@ void CapsuleFileDataBlock::ClearOutBuffers() {
 }
 
 void CapsuleFileDataBlock::AssignUncompressedBuffer(const unsigned char* data, int len) {
-  const auto size = static_cast<size_t>(std::max(len, 0));
+  const auto size = data == nullptr ? 0 : static_cast<size_t>(std::max(len, 0));
   Bytes copy(new unsigned char[std::max<size_t>(size, 1)]);
   if (size > 0) std::memcpy(copy.get(), data, size);
   m_pUncompressed = std::move(copy);

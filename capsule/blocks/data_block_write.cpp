@@ -43,14 +43,17 @@ int CapsuleFileDataBlock::ReadFileData(const char* path) {
 int CapsuleFileDataBlock::Compress(char* src, int len, char* dst, int* pOutLen, char* /*history*/,
                                    unsigned short /*effort*/) {
   m_pUncompressed = nullptr;
-  if (len < 0) return -1;
+  m_nUncompressedSize = 0;
+  m_bDecompressed = 0;
+  if (src == nullptr || len < 0 || dst == nullptr || pOutLen == nullptr) return -1;
   StreamCompressor& compressor = *CurrentLibraryState().compressor;
   compressor.CompressBuffer(static_cast<const unsigned char*>(static_cast<const void*>(src)),
                             static_cast<uint32_t>(len), nullptr, 0);
   const uint32_t size = compressor.GetCompressedSize();
-  if (size == 0 || size > std::numeric_limits<uint16_t>::max()) return -1;
+  const uint32_t stored = StoredUnitLength(size, static_cast<uint32_t>(len));
+  if (size == 0 || stored > std::numeric_limits<uint16_t>::max()) return -1;
   const std::span<const unsigned char> unit(compressor.GetResult(), size);
-  const std::span<char> room(dst, StoredUnitLength(size, static_cast<uint32_t>(len)));
+  const std::span<char> room(dst, stored);
   std::copy(unit.begin(), unit.end(), room.begin());
   if (room.size() > unit.size()) room.back() = 0;
   *pOutLen = static_cast<int>(room.size());

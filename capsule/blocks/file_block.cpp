@@ -33,13 +33,22 @@ void CapsuleFileBlock::Close() {
       m_FileList.Append(TakeFirst<CapsuleFileBlock>(child->m_FileList));
     }
   }
+  ForgetDataBlocks();
+}
+
+void CapsuleFileBlock::ForgetDataBlocks() {
+  m_bDataBlocksPending = false;
+  m_bNtfsDataPending = false;
+  m_pExtraction.reset();
   while (m_DataBlocks.GetCount() > 0) {
     const std::unique_ptr<CapsuleFileDataBlock> block(
         TakeFirst<CapsuleFileDataBlock>(m_DataBlocks));
   }
 }
 
-void CapsuleFileBlock::InsertFileBlock(CapsuleFileBlock* child) { m_FileList.Append(child); }
+void CapsuleFileBlock::InsertFileBlock(CapsuleFileBlock* child) {
+  if (child != nullptr && child != this) m_FileList.Append(child);
+}
 
 CpsList& CapsuleFileBlock::FileList() { return m_FileList; }
 

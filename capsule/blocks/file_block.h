@@ -122,11 +122,12 @@ class CAPSULE_API CapsuleFileBlock {
   int operator==(const CString& s) const;
   void PrintYourself(CString s);
   const CString& GetFilePath() const { return m_strFilePath; }
-  void SetFilePath(const char* path) { m_strFilePath = path; }
+  void SetFilePath(const char* path) { m_strFilePath = path == nullptr ? "" : path; }
 
  private:
   // Data blocks as stored (file_block_read.cpp).
   void PrepareDataBlocks(int fd);
+  void ForgetDataBlocks();
   CapsuleFileDataBlock* DataBlockAt(int index) const;
   FileExtraction& Extraction();
   void LocateDataBlocks();

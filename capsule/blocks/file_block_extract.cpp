@@ -48,7 +48,8 @@ size_t FirstTouching(const FileExtraction& extraction, int64_t start) {
 }  // namespace
 
 int CapsuleFileBlock::DecompressFile(void* file, int start, int* pLen) {
-  if (m_DirectoryEntry.IsDirectory() != 0) {
+  if (pLen == nullptr) return -1;
+  if (file == nullptr || m_DirectoryEntry.IsDirectory() != 0) {
     *pLen = -1;
     ClearDecompressedFilePointer();
     return -1;
@@ -93,6 +94,7 @@ int CapsuleFileBlock::FillExtractionBuffer(CapsuleFile* file, int64_t start, int
 
 int CapsuleFileBlock::DecompressFileBlocks(CapsuleFile* file, int start, int len) {
   if (start == 0) ResetHistoryBuffer();
+  if (file == nullptr) return -1;
   if (start < 0 || len < 0 || len > std::numeric_limits<int>::max() - start) return -1;
   if (len > m_nDecompressedSize) return -1;
   const int end = start + len;

@@ -32,7 +32,9 @@ CapsuleFileBlock* BlockAt(const CpsList& list, int index) {
 
 int CapsuleFileBlock::Read(DirectoryType type, int fd, int offset, int* pOffset, CapsuleFile& file,
                            char* history) {
+  if (pOffset == nullptr) return -1;
   try {
+    ForgetDataBlocks();
     m_nStartOffset = offset;
     if (m_DirectoryEntry.Read(type, fd, offset, pOffset) != 0) return -1;
     m_nDUPDATAOffset = *pOffset;

@@ -146,6 +146,7 @@ bool CapsuleFileBlock::ReadNtfsData(int fd, CapsuleFileDataBlock* block, int* of
 }
 
 bool CapsuleFileBlock::ReadNTFSDataBlocks(CapsuleFile* file, CapsuleFileBlock* from) {
+  if (file == nullptr || from == nullptr) return false;
   try {
     PrepareDataBlocks(file->GetImageFileHandle());
     return LocateNtfsData(file, from->m_nNTFSDataBlockStart);
@@ -155,7 +156,7 @@ bool CapsuleFileBlock::ReadNTFSDataBlocks(CapsuleFile* file, CapsuleFileBlock* f
 }
 
 bool CapsuleFileBlock::IsResidentData(CapsuleFile* file) {
-  if (!m_pInitialHistory) return true;
+  if (file == nullptr || !m_pInitialHistory) return true;
   // On a copy: a record that is damaged must not spoil the history for others.
   std::vector<unsigned char> history = *m_pInitialHistory;
   auto* area = static_cast<char*>(static_cast<void*>(history.data()));

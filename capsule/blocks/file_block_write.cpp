@@ -108,7 +108,8 @@ bool StreamChunks(int source, uint32_t size, RecordWriter& writer) {
 
 int CapsuleFileBlock::WriteDirEntry(DirectoryType type, const char* path, int fd, int offset,
                                     int* pTotal) {
-  m_strFilePath = path != nullptr ? path : "";
+  if (pTotal == nullptr) return -1;
+  SetFilePath(path);
   m_DirectoryType = type;
   int written = 0;
   if (m_DirectoryEntry.SetFileDirectory(type, path, fd, offset, &written) != 0) return -1;
@@ -135,6 +136,7 @@ int CapsuleFileBlock::ReadAndChunk(const char* path) {
 }
 
 int CapsuleFileBlock::WriteFile(int fd, int offset, int* pTotal, int level, char* /*history*/) {
+  if (pTotal == nullptr) return -1;
   RecordWriter writer(fd, offset, level);
   for (int i = 0; i < m_DataBlocks.GetCount(); ++i) {
     auto* block = static_cast<CapsuleFileDataBlock*>(m_DataBlocks.GetAt(i));
@@ -151,6 +153,7 @@ int CapsuleFileBlock::WriteFile(int fd, int offset, int* pTotal, int level, char
 }
 
 int CapsuleFileBlock::StreamFile(const char* path, int fd, int offset, int* pTotal, int level) {
+  if (pTotal == nullptr) return -1;
   const platform::DescriptorOwner source(
       platform::OpenHostFile(CurrentLibraryState().hostView, path));
   const uint32_t size = m_DirectoryEntry.EntryFor(m_DirectoryType).FileSize;

@@ -54,7 +54,12 @@ CapsuleFile::CapsuleFile(const char* path) {
 
 CapsuleFile::~CapsuleFile() {
   DestroyPartitions(m_Partitions);
+  _ReleaseImageHeader();
+}
+
+void CapsuleFile::_ReleaseImageHeader() {
   if (m_pImageHeader != nullptr) ReleasePartitionChain(m_pImageHeader.get());
+  m_pImageHeader = nullptr;
 }
 
 int CapsuleFile::CreateCapsuleFile(const char* path) {
@@ -66,6 +71,8 @@ int CapsuleFile::CreateCapsuleFile(const char* path) {
   m_nWriteOffset = 0;
   m_nCurrentPartition = -1;
   m_pRawHeader = nullptr;
+  m_pszImagePath = nullptr;
+  _ReleaseImageHeader();
 
   const int descriptor = platform::OpenForWriting(path);
   if (descriptor < 0) {
@@ -84,7 +91,10 @@ int CapsuleFile::SetCompressionLevel(int level) {
 }
 
 int CapsuleFile::WriteImageFileHeader(const char* version) {
-  if (m_pRawHeader == nullptr || std::strlen(version) >= kVersionSize) return -1;
+  const bool writes = m_pRawHeader != nullptr && m_pImageHeader == nullptr;
+  if (!writes || m_pCurrentPartition != nullptr) return -1;
+  if (version == nullptr || std::strlen(version) >= kVersionSize) return -1;
+  if (!FitsImage(m_nWriteOffset, kHeaderSize)) return -1;
   FillHeader(version, m_nCompressionLevel >= 1,
              std::span<unsigned char, kHeaderSize>(m_pRawHeader.get(), kHeaderSize));
   std::copy_n(m_pRawHeader.get(), kVersionSize, m_szVersion);

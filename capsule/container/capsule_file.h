@@ -106,6 +106,7 @@ class CAPSULE_API CapsuleFile {
   int GetWriteOffset() const { return m_nWriteOffset; }
 
  private:
+  void _ReleaseImageHeader();
   int ReadPartition(const _Partition& record);
   int _IsKnownCompressed(CString& extension);
   uint32_t _BuildPathSegmentList(_ListNode** head, const CString& path);

@@ -117,6 +117,7 @@ int CapsuleFile::_Insert(const CString& path, const CString& trimmed, int partit
 int CapsuleFile::_SwitchPartition(int partition) {
   if (partition < m_nCurrentPartition || partition < 0 || partition >= kMaxPartitions) return -1;
   if (partition == m_nCurrentPartition) return 0;
+  if (m_nWriteOffset < static_cast<int>(kHeaderSize)) return -1;
   if (m_nCurrentPartition != -1) {
     if (m_pCurrentPartition->WritePartitionTrailer(m_hImageFile, m_nWriteOffset) != 0) return -1;
     if (!Advance(&m_nWriteOffset, kPartitionTrailerSize)) return -1;

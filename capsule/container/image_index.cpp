@@ -62,6 +62,7 @@ ImageIndex::~ImageIndex() {
 }
 
 void ImageIndex::ReadIndex() {
+  if (!_file_offsets.empty()) return;
   _SetOffsetToImageIndex();
   _FillOffsetVects();
 }
@@ -81,7 +82,7 @@ int ImageIndex::PeekNextFileOffset() { return OffsetAt(_file_offsets, _file_curs
 const char* ImageIndex::GetImageFilePath() { return _image_header; }
 
 void ImageIndex::_SetOffsetToImageIndex() {
-  if (_index_file <= 0) throw 0;
+  if (_index_file <= 0 || _image_header == nullptr) throw 0;
   _read_position = int64_t{_OffsetToIndex()} + kIndexPreamble;
 }
 

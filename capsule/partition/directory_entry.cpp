@@ -21,6 +21,7 @@ const _ShortDirEntry& CapsuleDirectoryEntry::EntryInUse() const {
 }
 
 CString& CapsuleDirectoryEntry::ShortName(const char* entry) {
+  if (entry == nullptr) return m_strShortName;
   const CString name(entry, 11);
   m_strShortName = name.substr(0, 8) + "." + name.substr(8);
   return m_strShortName;

@@ -89,6 +89,7 @@ void CapsuleDirectoryEntry::NTFSAddEntry(long ref) {
 }
 
 void CapsuleDirectoryEntry::PutStdInfoIntoDirEntry(const _StandardInformation* si) {
+  if (si == nullptr) return;
   _ShortDirEntry& entry = m_Record.OtherEntry;
   const platform::DosDateTime creation = platform::ToDosDateTime(si->Time8);
   entry.CreationDate = creation.date;
@@ -106,6 +107,7 @@ void CapsuleDirectoryEntry::PutStdInfoIntoDirEntry(const _StandardInformation* s
 }
 
 void CapsuleDirectoryEntry::PutFileNameIntoDirEntry(const _FileName* fn, int index) {
+  if (fn == nullptr) return;
   NtfsFileName name{.nameSpace = fn->Namespace, .units = {}};
   const auto* bytes = static_cast<const unsigned char*>(static_cast<const void*>(fn));
   DecodeFileName({bytes, sizeof *fn + size_t{fn->NameLength} * 2}, &name);

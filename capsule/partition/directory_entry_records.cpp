@@ -20,10 +20,10 @@ void Append(std::vector<unsigned char>& out, const Bytes& bytes) {
   out.insert(out.end(), bytes.begin(), bytes.end());
 }
 
-// Writes `bytes` at `offset` and counts them; false, with nothing counted, when that failed or the
-// image would grow too long.
+// Writes `bytes` at `offset` and counts them; false, with nothing counted, when that failed, there
+// is no counter, or the image would grow too long.
 bool WriteRecords(int fd, int64_t offset, std::span<const unsigned char> bytes, int* count) {
-  return FitsImage(offset, static_cast<int64_t>(bytes.size())) &&
+  return count != nullptr && FitsImage(offset, static_cast<int64_t>(bytes.size())) &&
          platform::WriteAt(fd, bytes.data(), bytes.size(), offset) &&
          Advance(count, static_cast<int64_t>(bytes.size()));
 }
@@ -107,7 +107,7 @@ int CapsuleDirectoryEntry::Read(DirectoryType t, int fd, int offset, int* count)
 }
 
 int CapsuleDirectoryEntry::LongFileNameProcess(int size, void* entry, int fd, int* count) {
-  if (size != static_cast<int>(kDirEntrySize)) return -1;
+  if (size != static_cast<int>(kDirEntrySize) || entry == nullptr) return -1;
   std::array<unsigned char, kMaxChainBytes> chain;
   const int64_t got = platform::ReadAt(fd, chain.data(), chain.size(), m_nReadOffset);
   if (got < 0) return -1;
@@ -134,6 +134,7 @@ bool CapsuleDirectoryEntry::TakeLongNameChain(std::span<const unsigned char> rec
 }
 
 void CapsuleDirectoryEntry::FormatLongFileName(const unsigned short* name, unsigned char length) {
+  if (name == nullptr) return;
   const std::span<const unsigned short> units(name, length);
   const size_t full = length / kPieceUnits;
   const auto addPiece = [this](std::span<const unsigned short> piece) {

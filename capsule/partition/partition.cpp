@@ -63,6 +63,7 @@ int CapsulePartition::IsFat() { return IsPartitionType(m_SectorArea, PartitionFa
 int CapsulePartition::IsUnknown() { return IsPartitionType(m_SectorArea, PartitionUnknown); }
 
 int CapsulePartition::IsPartitionType(const unsigned char* area, PartitionType t) {
+  if (area == nullptr) return 0;
   const unsigned char mark[] = {0xAB, 0xCD, static_cast<unsigned char>(t)};
   return std::equal(std::begin(mark), std::end(mark), area) ? 1 : 0;
 }
@@ -72,7 +73,7 @@ int CapsulePartition::GetStartOffset() const { return m_nStartOffset; }
 int CapsulePartition::GetOffsetInPartition() const { return m_nOffsetInPartition; }
 
 void CapsulePartition::SetHierarchyLevel(const char* path) {
-  const std::string_view text(path);
+  const std::string_view text(path == nullptr ? "" : path);
   m_nHierarchyLevel = static_cast<int32_t>(std::count(text.begin(), text.end(), '\\') + 1);
 }
 

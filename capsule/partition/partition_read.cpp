@@ -45,6 +45,7 @@ CapsuleFileBlock* FindBlock(const CpsList& list, const CString& name) {
 }  // namespace
 
 int CapsulePartition::Read(DirectoryType t, int fd, int offset, int* /*pos*/) {
+  if (m_pRootBlock != nullptr || m_FileBlocks.GetCount() > 0) return -1;
   m_nStartOffset = offset;
   m_PartitionType = t;
   try {
@@ -100,13 +101,15 @@ void CapsulePartition::SetUpHistoryBuffer() {
   auto* history = static_cast<char*>(static_cast<void*>(m_pDecompressionHistory.get()));
   const int count = m_FileBlocks.GetCount();
   for (int i = 0; i < count; ++i) {
-    if (BlockAt(m_FileBlocks, i)->SetUpDecompressHeader(*m_pCapsuleFile, history, size) != 0)
-      return;
+    CapsuleFileBlock* block = BlockAt(m_FileBlocks, i);
+    if (block == nullptr) return;
+    if (block->SetUpDecompressHeader(*m_pCapsuleFile, history, size) != 0) return;
   }
 }
 
 std::shared_ptr<const std::vector<unsigned char>> CapsulePartition::HistorySnapshot(
     const char* history, int size) {
+  if (history == nullptr || size < 0) return nullptr;
   const auto* bytes = static_cast<const unsigned char*>(static_cast<const void*>(history));
   const auto* end = bytes + size;
   const auto& kept = m_pHistorySnapshot;
@@ -117,6 +120,7 @@ std::shared_ptr<const std::vector<unsigned char>> CapsulePartition::HistorySnaps
 }
 
 int CapsulePartition::ReadDataBlocks(int fd, int offset, int* pos) {
+  if (pos == nullptr) return -1;
   *pos = offset;
   CpsReaderLock reader;
   while (true) {
@@ -125,6 +129,7 @@ int CapsulePartition::ReadDataBlocks(int fd, int offset, int* pos) {
     if (DecodeMiniHeader(bytes).Type != kRecordDataBlock) return 0;
     CapsuleFileDataBlock block(m_PartitionType, 0);
     if (block.Read(fd, *pos, pos) != 0) return -1;
+    if (block.IsValid() == 0) return 0;
   }
 }
 

@@ -48,6 +48,8 @@ void CapsulePartition::_RefreshInsertedNames() {
 }
 
 int CapsulePartition::WriteDirectories(int fd, const char* path, int offset, int* written) {
+  if (path == nullptr || written == nullptr) return -1;
+  if (m_pRootBlock != nullptr) return -1;  // m_FileBlocks owns nothing here
   _RefreshInsertedNames();
   if (m_InsertedPaths.contains(path)) return -1;
 
@@ -84,6 +86,7 @@ int CapsulePartition::WriteDirectories(int fd, const char* path, int offset, int
 }
 
 int CapsulePartition::WriteFile(int fd, const char* path, int offset, int* written, int compress) {
+  if (path == nullptr || written == nullptr) return -1;
   _RefreshInsertedNames();
   if (m_InsertedShortNames.contains(path)) return -1;
 

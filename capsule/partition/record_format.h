@@ -38,8 +38,10 @@ inline bool FitsImage(int64_t offset, int64_t size) {
   return offset >= 0 && size >= 0 && offset <= kMaxImageSize - kPartitionTrailerSize - size;
 }
 
-// Adds `bytes` to a running counter; false, and nothing added, when it would pass 2^31-1.
+// Adds `bytes` to a running counter; false, and nothing added, when it would pass 2^31-1 or there
+// is no counter.
 inline bool Advance(int* counter, int64_t bytes) {
+  if (counter == nullptr) return false;
   const int64_t sum = *counter + bytes;
   if (sum > kMaxImageSize) return false;
   *counter = static_cast<int>(sum);

@@ -1,8 +1,8 @@
 // Files by descriptor. 0 means "not open" throughout the library and is refused with EBADF; a file
 // that the system opens in the place of a closed standard stream is moved above 2, so that nobody
 // prints into it. Descriptors are closed on exec. Failures give -1 or false and leave the reason in
-// errno. Every transfer goes on over EINTR and short transfers. Any thread may use a descriptor;
-// transfers at an offset are one step each and do not disturb each other.
+// errno; a null path is one. Every transfer goes on over EINTR and short transfers. Any thread may
+// use a descriptor; transfers at an offset are one step each and do not disturb each other.
 #pragma once
 
 #include <cstddef>

@@ -31,7 +31,6 @@ CapsuleEvent::~CapsuleEvent() {
 
 CapsuleEvent& CapsuleEvent::operator=(const CapsuleEvent& other) {
   if (this == &other) return *this;
-  if (m_hEvent != 0) m_Replaced.push_back(m_hEvent);
   m_pszName = other.m_pszName;
   m_nType = other.m_nType;
   Init();
@@ -40,14 +39,20 @@ CapsuleEvent& CapsuleEvent::operator=(const CapsuleEvent& other) {
 }
 
 EventHandle CapsuleEvent::Init() {
+  _KeepUntilTheEnd();
   m_hEvent = OpenEvent(m_pszName, m_nType != AutoReset);
   m_bValid = m_hEvent != 0 ? 1 : 0;
   return m_hEvent;
 }
 
-int CapsuleEvent::SetDefaults() {
-  m_pszName = kDefaultName;
+void CapsuleEvent::_KeepUntilTheEnd() {
+  if (m_hEvent != 0) m_Replaced.push_back(m_hEvent);
   m_hEvent = 0;
+}
+
+int CapsuleEvent::SetDefaults() {
+  _KeepUntilTheEnd();
+  m_pszName = kDefaultName;
   m_bValid = 0;
   m_nSecurity = SecurityDefault;
   m_nType = AutoReset;

@@ -33,11 +33,12 @@ class CAPSULE_API CapsuleEvent {
   CapsuleEvent(const CapsuleEvent& other);
   virtual ~CapsuleEvent();
 
-  // Takes the other's name and type and opens that event. Linked events are not copied. The handle
-  // held before stays open until the object goes.
+  // Takes the other's name and type and opens that event. Linked events stay those of this object.
+  // The handle held before stays open until the object goes.
   CapsuleEvent& operator=(const CapsuleEvent& other);
 
-  // Default name and type, no handle (it is not closed). Always 0.
+  // Default name and type, no handle (the one held before stays open until the object goes).
+  // Always 0.
   int SetDefaults();
   int32_t isValid() const;
   EventHandle handle() const;
@@ -64,13 +65,15 @@ class CAPSULE_API CapsuleEvent {
   EventHandle Init();
 
  private:
+  void _KeepUntilTheEnd();
+
   CString m_pszName;
   EventHandle m_hEvent = 0;
   int32_t m_bValid = 0;
   SecurityTypes m_nSecurity = SecurityDefault;
   EventTypes m_nType = AutoReset;
   CpsList m_Linked;
-  std::vector<EventHandle> m_Replaced;  // handles that an assignment left open
+  std::vector<EventHandle> m_Replaced;  // handles no longer in use, still open
 };
 
 }  // namespace capsule

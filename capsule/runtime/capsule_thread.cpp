@@ -2,7 +2,12 @@
 // thread passes through it before it signals: however quickly a body returns, there is an event.
 #include "capsule/runtime/capsule_thread.h"
 
+#include <condition_variable>
+#include <mutex>
+#include <new>
 #include <string>
+#include <thread>
+#include <utility>
 
 #include "capsule/platform/thread.h"
 
@@ -11,21 +16,53 @@ namespace {
 
 std::atomic<uint32_t> g_lastThread = 0;
 
+// The stop event of thread number `id`; null when there is no memory for it.
+std::shared_ptr<CapsuleEvent> MakeStopEvent(uint32_t id) try {
+  auto event = std::make_shared<CapsuleEvent>(std::to_string(id).c_str(), CapsuleEvent::AutoReset);
+  return event->isValid() != 0 ? event : nullptr;
+} catch (const std::bad_alloc&) {
+  return nullptr;
+}
+
 }  // namespace
 
-CapsuleThread::CapsuleThread() : m_pStartMutex(std::make_shared<std::mutex>()) {}
+// A recursive mutex that a subclass may also leave without having entered it.
+class StartLock {
+ public:
+  void Enter() {
+    std::unique_lock lock(m_Mutex);
+    const auto self = std::this_thread::get_id();
+    m_Free.wait(lock, [&] { return m_nDepth == 0 || m_Owner == self; });
+    m_Owner = self;
+    ++m_nDepth;
+  }
+
+  void Leave() {
+    const std::lock_guard lock(m_Mutex);
+    if (m_nDepth == 0 || m_Owner != std::this_thread::get_id()) return;
+    if (--m_nDepth == 0) m_Free.notify_one();
+  }
+
+ private:
+  std::mutex m_Mutex;
+  std::condition_variable m_Free;
+  std::thread::id m_Owner;
+  int m_nDepth = 0;
+};
+
+CapsuleThread::CapsuleThread() : m_pStartMutex(std::make_shared<StartLock>()) {}
 
 CapsuleThread::CapsuleThread(const CapsuleThread& other)
-    : m_nThreadId(other.m_nThreadId),
-      m_hThread(other.m_hThread),
+    : m_nThreadId(other.m_nThreadId.load()),
+      m_hThread(other.m_hThread.load()),
       m_bStarted(other.m_bStarted.load()),
       m_pStoppedEvent(other.m_pStoppedEvent),
       m_pStartMutex(other.m_pStartMutex) {}
 
 CapsuleThread& CapsuleThread::operator=(const CapsuleThread& other) {
   if (this == &other) return *this;
-  m_nThreadId = other.m_nThreadId;
-  m_hThread = other.m_hThread;
+  m_nThreadId = other.m_nThreadId.load();
+  m_hThread = other.m_hThread.load();
   m_bStarted = other.m_bStarted.load();
   m_pStoppedEvent = other.m_pStoppedEvent;
   m_pStartMutex = other.m_pStartMutex;
@@ -35,22 +72,27 @@ CapsuleThread& CapsuleThread::operator=(const CapsuleThread& other) {
 CapsuleThread::~CapsuleThread() = default;
 
 ThreadHandle CapsuleThread::startThread() {
-  m_bStarted = 1;
   startProtect();
-  const uint32_t id = ++g_lastThread;
-  // Made before the thread, so that a failure to make it leaves no thread without one.
-  m_pStoppedEvent =
-      std::make_shared<CapsuleEvent>(std::to_string(id).c_str(), CapsuleEvent::AutoReset);
-  const bool running = platform::StartThread(&CapsuleThread::newThread, this);
-  if (running) {
-    m_nThreadId = id;
-    m_hThread = id;
-  } else {
-    m_pStoppedEvent.reset();
-    m_bStarted = 0;
-  }
+  const bool starts = !m_bRunning && _Start();
   startUnProtect();
-  return running ? m_hThread : 0;
+  return starts ? m_hThread.load() : 0;
+}
+
+// The stop event is made before the thread, so that a failure to make it leaves no thread without.
+bool CapsuleThread::_Start() {
+  const uint32_t id = ++g_lastThread;
+  m_bStarted = 1;
+  m_bRunning = true;
+  std::shared_ptr<CapsuleEvent> stopped = MakeStopEvent(id);
+  if (stopped == nullptr || !platform::StartThread(&CapsuleThread::newThread, this)) {
+    m_bStarted = 0;
+    m_bRunning = false;
+    return false;
+  }
+  m_nThreadId = id;
+  m_hThread = id;
+  m_pStoppedEvent = std::move(stopped);
+  return true;
 }
 
 void CapsuleThread::setThreadStopping() { m_bStarted = 0; }
@@ -61,28 +103,36 @@ ThreadHandle CapsuleThread::handle() const { return m_hThread; }
 
 uint32_t CapsuleThread::isThreadStopped(int32_t timeoutMs) {
   constexpr uint32_t kNotStopped = 0xFFFFFFFF;
+  startProtect();
   const std::shared_ptr<CapsuleEvent> stopped = m_pStoppedEvent;
+  startUnProtect();
   return stopped == nullptr ? kNotStopped : stopped->waitAll(timeoutMs, CapsuleEvent::ReturnIndex);
 }
 
 void CapsuleThread::newThread(void* object) {
   auto* thread = static_cast<CapsuleThread*>(object);
   thread->threadBody();
-  thread->startProtect();
-  // Whoever waits for the stop event may destroy the object as soon as it is signalled.
-  const std::shared_ptr<CapsuleEvent> keptAlive = thread->m_pStoppedEvent;
-  thread->startUnProtect();
   thread->setThreadStopped();
 }
 
-void CapsuleThread::doneThread(uint32_t exitCode) { platform::ExitThread(exitCode); }
-
-void CapsuleThread::setThreadStopped() {
-  if (m_pStoppedEvent != nullptr) m_pStoppedEvent->setEvent();
+void CapsuleThread::doneThread(uint32_t exitCode) {
+  startProtect();
+  m_bRunning = false;
+  startUnProtect();
+  platform::ExitThread(exitCode);
 }
 
-void CapsuleThread::startProtect() { m_pStartMutex->lock(); }
+// Whoever waits for the stop event may destroy the object as soon as it is signalled.
+void CapsuleThread::setThreadStopped() {
+  startProtect();
+  const std::shared_ptr<CapsuleEvent> stopped = m_pStoppedEvent;
+  m_bRunning = false;
+  startUnProtect();
+  if (stopped != nullptr) stopped->setEvent();
+}
 
-void CapsuleThread::startUnProtect() { m_pStartMutex->unlock(); }
+void CapsuleThread::startProtect() { m_pStartMutex->Enter(); }
+
+void CapsuleThread::startUnProtect() { m_pStartMutex->Leave(); }
 
 }  // namespace capsule

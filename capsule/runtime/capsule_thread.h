@@ -10,14 +10,13 @@
 //   copier.isThreadStopped(-1);          // 0 once the body has returned
 //
 // The object must outlive its thread: wait with isThreadStopped before it goes. Copies share the
-// thread, its stop event and its start mutex; the last one to go releases them. Starting belongs to
-// one thread; setThreadStopping, isStarted and isThreadStopped may be called from any.
+// thread, its stop event and its start mutex; the last one to go releases them. Copying and
+// assigning belong to one thread; all else may be called from any.
 #pragma once
 
 #include <atomic>
 #include <cstdint>
 #include <memory>
-#include <mutex>
 
 #include "capsule/export.h"
 #include "capsule/runtime/capsule_event.h"
@@ -26,6 +25,8 @@ namespace capsule {
 
 // Number of a started thread, above 0 and not used again in the process.
 using ThreadHandle = uint32_t;
+
+class StartLock;
 
 class CAPSULE_API CapsuleThread {
  public:
@@ -37,7 +38,9 @@ class CAPSULE_API CapsuleThread {
   virtual ~CapsuleThread();
 
   // Starts the thread and creates its stop event, an auto-reset event named by the thread's number
-  // in decimal. The handle, or 0 when the system refuses (isStarted is then 0 again).
+  // in decimal. The handle, or 0 when the system refuses (isStarted is then 0 again), or when this
+  // object's thread still runs: nothing is changed then. A thread that has ended may be followed by
+  // another.
   virtual ThreadHandle startThread();
 
   // Asks the body to end: isStarted becomes 0.
@@ -60,16 +63,20 @@ class CAPSULE_API CapsuleThread {
   [[noreturn]] void doneThread(uint32_t exitCode);
   void setThreadStopped();
 
-  // Enter and leave the start sequence.
+  // Enter and leave the start sequence. A thread may enter it more than once; leaving it without
+  // having entered does nothing.
   void startProtect();
   void startUnProtect();
 
  private:
-  uint32_t m_nThreadId = 0;
-  ThreadHandle m_hThread = 0;
+  bool _Start();
+
+  std::atomic<uint32_t> m_nThreadId = 0;
+  std::atomic<ThreadHandle> m_hThread = 0;
   std::atomic<int32_t> m_bStarted = 0;
-  std::shared_ptr<CapsuleEvent> m_pStoppedEvent;
-  std::shared_ptr<std::mutex> m_pStartMutex;
+  std::shared_ptr<CapsuleEvent> m_pStoppedEvent;  // used in the start sequence only, and so is:
+  bool m_bRunning = false;                        // a thread of this object has not ended yet
+  std::shared_ptr<StartLock> m_pStartMutex;
 };
 
 }  // namespace capsule

@@ -129,6 +129,43 @@ TEST(ImageTest, RangesInAnyOrderAndFromManyThreadsAgree) {
   for (std::thread& thread : threads) thread.join();
 }
 
+// What a thread sees of an image: every entry listed, found again by its path, and read.
+std::string Survey(const Image& image, unsigned seed) {
+  std::mt19937 random(seed);
+  std::string seen;
+  std::vector<Entry> left;
+  for (int n = 0; n < image.Partitions(); ++n) left.push_back(image.Root(n));
+  while (!left.empty()) {
+    const Entry entry = left.back();
+    left.pop_back();
+    for (const Entry& child : entry.Children()) left.push_back(child);
+    seen += entry.Path() + entry.ShortName() + (image.Find(entry.Path()) == entry ? "|" : "?");
+    if (entry.Size() == 0) continue;
+    const uint64_t from = random() % entry.Size();
+    Bytes bytes(static_cast<size_t>(entry.Size() - from));
+    EXPECT_EQ(image.Read(entry, from, bytes), bytes.size());
+    seen += std::to_string(bytes.back());
+  }
+  return seen;
+}
+
+TEST(ImageTest, ManyThreadsListFindAndReadOneImage) {
+  for (const char* name :
+       {"w_three_open.img", "w_names.img", "f_16384_lzs.img", "n_flat_old.img"}) {
+    const Image image(Sample(name));
+    std::vector<std::string> seen(4);
+    std::vector<std::thread> threads;
+    for (unsigned i = 0; i < seen.size(); ++i) {
+      threads.emplace_back([&, i] { seen[i] = Survey(image, i); });
+    }
+    for (std::thread& thread : threads) thread.join();
+    const std::string alone = Survey(Image(Sample(name)), 5);
+    EXPECT_NE(alone, "");
+    EXPECT_EQ(alone.find('?'), std::string::npos) << alone;
+    for (const std::string& each : seen) EXPECT_EQ(each, alone) << name;
+  }
+}
+
 TEST(ImageTest, SaysWhyItCannotBeOpened) {
   TempDir directory;
   const auto with = [&](const std::string& bytes) {

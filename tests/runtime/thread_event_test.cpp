@@ -82,6 +82,13 @@ TEST(CapsuleEvent, CopiesAssignmentsAndDefaults) {
   EXPECT_EQ(bare.isValid(), 0);
   bare.setEvent();
   EXPECT_EQ(bare.waitAll(kForever, CapsuleEvent::ReturnIndex), kTimeout) << "no handle: no wait";
+  {
+    CapsuleEvent forgotten("forgotten", CapsuleEvent::ManualReset);
+    forgotten.setEvent();
+    forgotten.SetDefaults();
+  }
+  CapsuleEvent fresh("forgotten", CapsuleEvent::AutoReset);
+  EXPECT_EQ(fresh.waitAll(0, CapsuleEvent::ReturnIndex), kTimeout) << "the old one is gone";
 }
 
 class Counter : public CapsuleThread {
@@ -128,6 +135,45 @@ TEST(CapsuleThread, StoppingIsARequestAndCopiesShareTheThread) {
   EXPECT_EQ(copy->isThreadStopped(kForever), 0U);
   copy.reset();
   EXPECT_EQ(counter.isThreadStopped(0), kTimeout);
+}
+
+// What may be called from any thread is, from the body and from another thread, while the object
+// is started again and again.
+TEST(CapsuleThread, MayBeAskedWhileItIsStartedAgain) {
+  class Nested : public CapsuleThread {
+   public:
+    std::atomic<bool> wait = true;
+
+   protected:
+    void threadBody() override {
+      startUnProtect();  // not entered
+      startProtect();
+      startProtect();
+      while (handle() == 0) std::this_thread::yield();
+      startUnProtect();
+      startUnProtect();
+      while (wait) std::this_thread::yield();
+    }
+  } nested;
+  std::atomic<bool> done = false;
+  std::thread other([&] {
+    while (!done) static_cast<void>(nested.handle() + static_cast<uint32_t>(nested.isStarted()));
+  });
+  std::thread second([&] {
+    while (!done) nested.startThread();
+  });
+  while (nested.handle() == 0) std::this_thread::yield();
+  const ThreadHandle running = nested.handle();
+  EXPECT_EQ(nested.startThread(), 0U) << "it runs";
+  EXPECT_EQ(nested.handle(), running);
+  EXPECT_EQ(nested.isThreadStopped(0), kTimeout);
+  nested.wait = false;
+  while (nested.handle() < running + 50) nested.isThreadStopped(0);
+  done = true;
+  other.join();
+  second.join();
+  while (nested.startThread() == 0) std::this_thread::yield();
+  EXPECT_EQ(nested.isThreadStopped(kForever), 0U);
 }
 
 }  // namespace

@@ -21,6 +21,10 @@ int MoveUp(int descriptor) {
 }  // namespace
 
 int OpenDescriptor(const char* path, int flags, mode_t mode) {
+  if (path == nullptr) {
+    errno = EFAULT;
+    return -1;
+  }
   int descriptor = -1;
   do {
     descriptor = ::open(path, flags | O_CLOEXEC | O_NONBLOCK | O_NOCTTY, mode);
