@@ -43,16 +43,24 @@ Bytes ReadAll(const Image& image, const Entry& entry) {
   return bytes;
 }
 
-// Every file of the image, read to its end.
-void ReadEverything(const Image& image) {
+// Visits every entry of the image.
+template <typename Visit>
+void ForEachEntry(const Image& image, Visit visit) {
   std::vector<Entry> left;
   for (int n = 0; n < image.Partitions(); ++n) left.push_back(image.Root(n));
   while (!left.empty()) {
     const Entry entry = left.back();
     left.pop_back();
     for (const Entry& child : entry.Children()) left.push_back(child);
-    if (!entry.IsDirectory()) ReadAll(image, entry);
+    visit(entry);
   }
+}
+
+// Every file of the image, read to its end.
+void ReadEverything(const Image& image) {
+  ForEachEntry(image, [&](const Entry& entry) {
+    if (!entry.IsDirectory()) ReadAll(image, entry);
+  });
 }
 
 std::ptrdiff_t OpenDescriptors() {
@@ -133,19 +141,14 @@ TEST(ImageTest, RangesInAnyOrderAndFromManyThreadsAgree) {
 std::string Survey(const Image& image, unsigned seed) {
   std::mt19937 random(seed);
   std::string seen;
-  std::vector<Entry> left;
-  for (int n = 0; n < image.Partitions(); ++n) left.push_back(image.Root(n));
-  while (!left.empty()) {
-    const Entry entry = left.back();
-    left.pop_back();
-    for (const Entry& child : entry.Children()) left.push_back(child);
+  ForEachEntry(image, [&](const Entry& entry) {
     seen += entry.Path() + entry.ShortName() + (image.Find(entry.Path()) == entry ? "|" : "?");
-    if (entry.Size() == 0) continue;
+    if (entry.Size() == 0 || entry.Name()[0] == '$') return;  // without data in this image
     const uint64_t from = random() % entry.Size();
     Bytes bytes(static_cast<size_t>(entry.Size() - from));
     EXPECT_EQ(image.Read(entry, from, bytes), bytes.size());
     seen += std::to_string(bytes.back());
-  }
+  });
   return seen;
 }
 
