@@ -4,7 +4,7 @@
 set -euo pipefail
 cd "$(dirname "$0")/.."
 scripts/packages.sh g++ cmake ninja-build libgtest-dev libcli11-dev nlohmann-json3-dev libxxhash-dev \
-  libssl-dev xz-utils python3
+  libssl-dev xz-utils python3 pkg-config dpkg-dev file man-db
 for preset in release asan-ubsan; do
   cmake --preset "$preset" -DCAPSULE_WERROR=ON
   cmake --build --preset "$preset"

@@ -20,7 +20,6 @@
 #include <vector>
 
 #include "capsule/container/header_format.h"
-#include "capsule/export.h"
 #include "capsule/host/file_window.h"
 #include "capsule/partition/directory_records.h"
 
@@ -52,7 +51,7 @@ struct SectionItem {
 // of the image's size.
 inline constexpr size_t kMaxScannedPath = 4096;
 
-class CAPSULE_API SectionScanner {
+class SectionScanner {
  public:
   // Reads the header. `name`: what errors call the image. Throws when the header cannot be used.
   SectionScanner(int descriptor, std::string name);
