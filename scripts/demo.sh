@@ -1,13 +1,17 @@
 #!/usr/bin/env bash
 # Builds the command and runs its main job on a real folder: create an image, list it, extract it,
 # compare with the source. Usage: scripts/demo.sh [FOLDER]
+# CAPSULE_BUILD: a build folder to take instead of building one.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 folder=$(readlink -f "${1:-/usr/include}")
 scripts/packages.sh g++ cmake ninja-build libcli11-dev nlohmann-json3-dev libxxhash-dev
-cmake --preset release -DCAPSULE_TESTS=OFF
-cmake --build --preset release
-capsule=$PWD/build/release/cli/capsule
+if [ -z "${CAPSULE_BUILD:-}" ]; then
+  CAPSULE_BUILD=$PWD/build/release
+  cmake --preset release -DCAPSULE_TESTS=OFF
+  cmake --build --preset release
+fi
+capsule=$CAPSULE_BUILD/cli/capsule
 
 work=$(mktemp -d)
 trap 'rm -rf "$work"' EXIT
