@@ -17,7 +17,8 @@ import subprocess
 import sys
 import tempfile
 
-CHECKED = {"sh", "cpp", "cmake", "text", ""}
+# cpp is for extract_examples.py, hex for format_test.cpp; the last two are pictures and output.
+CHECKED = {"sh", "cpp", "cmake", "hex", "", "text"}
 SUDO = '#!/bin/sh\nexec "$@"\n'
 APT = """#!/bin/sh
 [ "$1" = install ] || exit 1
