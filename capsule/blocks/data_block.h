@@ -2,7 +2,17 @@
 //
 // Writing: ReadFileData takes the next chunk of a file, Compress turns it into one LZS unit.
 // Reading: Read takes a record's header and payload, Decompress makes the chunk of it.
-// The block owns its buffers; copies get buffers of their own. One thread uses a block at a time.
+//
+//   int next = block.GetDUPDATAOffset();  // where a file's records begin
+//   CapsuleFileDataBlock record(CapsuleDirectoryEntry::DirTypeFat32, 0);
+//   while (record.Read(fd, next, &next) == 0 && record.IsValid() != 0) {
+//     Show(record.GetDataOffset(), record.IsLast());
+//     if (record.IsLast() != 0) break;
+//   }
+//
+// The block owns its buffers; copies get buffers of their own. What its operations hand out lives
+// until the next operation on the block. Null where something is needed is refused like any other
+// failure. One thread uses a block at a time.
 #pragma once
 
 #include <cstdint>
@@ -21,6 +31,8 @@ class CAPSULE_API CapsuleFileDataBlock {
  public:
   using DirectoryType = CapsuleDirectoryEntry::DirectoryType;
 
+  // `type` tells which records Read expects: DirTypeNtfs those of 46-byte headers, the other two
+  // those of 8 bytes. `ntfsDirectory`: not 0 in an NTFS directory.
   CapsuleFileDataBlock(DirectoryType type, int ntfsDirectory);
   CapsuleFileDataBlock(const CapsuleFileDataBlock& other);
   CapsuleFileDataBlock& operator=(const CapsuleFileDataBlock& other);
@@ -34,10 +46,17 @@ class CAPSULE_API CapsuleFileDataBlock {
 
   // Compresses `len` bytes at `src` into `dst` (room for 12288) and stores the length of the unit
   // at `pOutLen`. A unit exactly as long as `len` gets one zero byte more, since readers would
-  // take it for stored bytes. `history` and `effort` are not used.
+  // take it for stored bytes. Settings and history are those of the library's one compressor;
+  // `history` and `effort` are not used. 0, or -1 when the unit would pass 65535 bytes.
   int Compress(char* src, int len, char* dst, int* pOutLen, char* history, unsigned short effort);
+
+  // The 8192 bytes that ReadFileData took, with zeros behind the end of the file; or null.
   char* GetChunkPtr();
+
+  // Releases them; always null.
   char* DeleteChunkPtr();
+
+  // Length of the file that the chunk is of, in bytes.
   int GetFileSize();
 
   // --- Reading (data_block_read.cpp) ---
@@ -47,42 +66,55 @@ class CAPSULE_API CapsuleFileDataBlock {
   // file does not hold.
   int Read(int fd, int offset, int* pOffset);
 
-  // Makes the chunk's bytes, with the history that the chunk before left. 0 without data
-  // (IsDecompressed() 0) when the stated length is out of range. A unit that does not end where
-  // its chunk ends leaves a history with which no further unit decodes.
+  // Makes the chunk's bytes, with the history that the chunk before left: an area of
+  // LzsSizeOfDecompressionHistory() bytes, not looked at for a payload stored as it is. 0, without
+  // data (IsDecompressed() 0) when the stated length is out of range; -1 on damage. A unit that
+  // does not end where its chunk ends leaves a history with which no further unit decodes.
   int Decompress(CapsuleFile* file, char* history);
 
-  // 1 when the chunk that begins at `blockStart` of its file touches the range; `*pBlockEnd` is
-  // where the chunk ends.
+  // 1 when the chunk that begins at `blockStart` of its file touches the range (ends count), else
+  // 0;
+  // `*pBlockEnd` is where the chunk ends.
   int IsWithinOffset(CapsuleFile* file, int blockStart, int rangeStart, int rangeEnd,
                      int* pBlockEnd);
 
-  // Copies the chunk's part of the range to `*pOut` and advances it.
+  // Copies the chunk's part of the range to `*pOut` and advances it. 0, or -1 with nowhere to copy
+  // to; nothing is copied of a block that is not decompressed.
   int WriteDecompressedBuffer(char** pOut, int blockStart, int rangeStart, int rangeEnd);
+
+  // Releases payload and chunk: a FAT-style record must be read again before it is decompressed.
   void ClearOutBuffers();
+
+  // Makes a copy of `data` the chunk. The header stays.
   void AssignUncompressedBuffer(const unsigned char* data, int len);
+
+  // The chunk, or null.
   char* GetPtrToUncompressedDataBuffer();
 
   // --- NTFS partitions (data_block_ntfs.cpp) ---
 
   // Hands the children in the index blocks of a directory, decoded before, to its entry.
   void ReadDirectoryBlock(CapsuleDirectoryEntry* entry);
+
+  // Takes type (its low byte), last flag and both lengths from `header`.
   void NTFSMINIHEADERtoMINIHEADER(const _NTFSMiniHeader* header);
 
   // The chunk's bytes; none before Decompress.
   std::span<unsigned char> Uncompressed();
 
   // --- Queries (data_block.cpp) ---
-  int IsLast();
-  int IsValid();
+  int IsLast();   // 1 for the last record of a file
+  int IsValid();  // 0 when Read met a record of another type
   void IsValid(int valid);
-  int IsDecompressed();
+  int IsDecompressed();  // 1 while the chunk's bytes are held
   void SetIsResident(bool resident);
-  bool IsResident() const;
-  int IsPrimaryData();
-  int GetDataOffset();
+  bool IsResident() const;  // the data lies in the FILE record itself
+  int IsPrimaryData();      // as an NTFS record states it
+  int GetDataOffset();      // of the payload in the image; 0 before Read
   int NTFSIsFileRecord();
   int NTFSIsDirectory();
+
+  // The record's header, as it was read or will be written.
   _MiniHeader& GetMiniHeader() { return m_MiniHeader; }
 
   // Whether the payload that Read took is still held.

@@ -2,7 +2,9 @@
 // that hold its contents, and for a directory read from an image its children.
 //
 // It owns its children and its data blocks. An extraction buffer lives until the next extraction of
-// the same block. One thread uses the blocks of one partition at a time.
+// the same block. `fd` is a descriptor of the image, offsets are those in it. Operations give 0 for
+// success and -1 for failure unless they say otherwise; null where something is needed is a
+// failure. One thread uses the blocks of one partition at a time.
 //
 //   block.ReadDataBlocks(fd, block.GetDUPDATAOffset());
 //   int length = wanted;
@@ -43,11 +45,11 @@ class CAPSULE_API CapsuleFileBlock {
   // `offset`; adds their bytes to `*pTotal`.
   int WriteDirEntry(DirectoryType type, const char* path, int fd, int offset, int* pTotal);
 
-  // Reads the whole file into data blocks of 8192 bytes.
+  // Reads the whole file into data blocks of 8192 bytes, behind those that are there.
   int ReadAndChunk(const char* path);
 
   // Writes one record a data block from `offset` on. `level`: 0 stored, 1-3 fast, 4-6 medium,
-  // other maximum. `history` is not used.
+  // other maximum. `history` is not used. A block is written once: its chunk is released then.
   int WriteFile(int fd, int offset, int* pTotal, int level, char* history);
 
   // The same bytes as ReadAndChunk and WriteFile, one chunk in memory at a time. The file must
@@ -56,7 +58,8 @@ class CAPSULE_API CapsuleFileBlock {
 
   // --- Reading (file_block_read.cpp) ---
 
-  // Reads the entry at `offset`; advances `*pOffset` past what it consumed.
+  // Reads the entry at `offset`; advances `*pOffset` past what it consumed. Data blocks of an entry
+  // read before are released. `history`: the section's, for NTFS partitions; else not used.
   int Read(DirectoryType type, int fd, int offset, int* pOffset, CapsuleFile& file, char* history);
 
   // Reads header and payload of every data block from `offset` on: all of the file's payloads are
@@ -66,12 +69,14 @@ class CAPSULE_API CapsuleFileBlock {
   // Gives every block without children, here and below, its history; -1 at the first failure.
   int SetUpDecompressHeader(CapsuleFile& file, char* history, int size);
 
-  // Takes the `size` bytes at `history`, which stay the caller's, as what the first data block is
-  // decoded with. -1 when that was done before.
+  // Takes the `size` bytes at `history`, which stay the caller's and must outlive the block, as
+  // what the first data block is decoded with. -1 when that was done before.
   int SetUpHistoryBuffer(char* history, int size);
 
-  // Copies the block's own history over the one it was set up from.
+  // Copies the block's own history over the one it was set up from; -1 before that.
   int ResetHistoryBuffer();
+
+  // Always 0.
   int IsHeaderCreated(int);
 
   // --- Reading in NTFS partitions (file_block_read_ntfs.cpp) ---
@@ -88,21 +93,29 @@ class CAPSULE_API CapsuleFileBlock {
   // --- Extracting (file_block_extract.cpp) ---
 
   // Extracts `*pLen` bytes from byte `start` on; `*pLen` becomes how many there are. -1 for a
-  // directory or a start at or behind the end; 0 with `*pLen` -1 when the extraction failed.
-  // `file` is the CapsuleFile of the image. Ranges may come in any order; forward ones decode every
-  // data block once.
+  // directory, a null pointer, or a start at or behind the end; 0 with `*pLen` -1 when the
+  // extraction failed. `file` is the CapsuleFile of the image. Ranges may come in any order;
+  // forward ones decode every data block once.
   int DecompressFile(void* file, int start, int* pLen);
 
   // The step of DecompressFile that fills the extraction buffer, which must hold `len` bytes.
   int DecompressFileBlocks(CapsuleFile* file, int start, int len);
+
+  // The bytes extracted last, or null. Valid until the next extraction.
   void* GetPtrToDecompressedFile();
+
+  // Releases them.
   void ClearDecompressedFilePointer();
 
-  // Destroys children and data blocks.
+  // Destroys children and data blocks; there is nothing to extract afterwards.
   void Close();
 
   // --- Queries (file_block.cpp) ---
+
+  // Appends a child, which is the block's own from then on.
   void InsertFileBlock(CapsuleFileBlock* child);
+
+  // The children, CapsuleFileBlock pointers in image order.
   CpsList& FileList();
 
   // The data blocks, prepared if they were not yet.
@@ -111,16 +124,33 @@ class CAPSULE_API CapsuleFileBlock {
   CapsuleDirectoryEntry& GetDirectoryEntry();
   _DirectoryEntry* GetDirectoryPointer();
   DirectoryType GetDirectoryType();
+
+  // The long name as UTF-16LE units in on-disk piece order, last piece first, and their bytes; null
+  // and 0 without one. Owned by the entry.
   char* GetLongFileName();
   int GetLongFileNameLength();
+
+  // Where the entry's records begin, and their last byte (FAT-style partitions).
   int GetFileBlockStartOffset() const;
   int GetFileBlockEndOffset() const;
+
+  // Where the file's first data block record begins; in NTFS partitions, behind its FILE record.
   int GetDUPDATAOffset() const;
   int GetNTFSDataBlockStart() const;
+
+  // The partition's compression history.
   char* GetParentPartitionHistory();
+
+  // 1 for a zero entry, which closes a directory level.
   int IsEndingMark();
+
+  // 1 when the entry's short text is `s`, byte for byte.
   int operator==(const CString& s) const;
+
+  // Does nothing.
   void PrintYourself(CString s);
+
+  // The host's path of the file that was written.
   const CString& GetFilePath() const { return m_strFilePath; }
   void SetFilePath(const char* path) { m_strFilePath = path == nullptr ? "" : path; }
 

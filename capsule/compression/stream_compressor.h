@@ -1,5 +1,11 @@
 // StreamCompressor turns one buffer into one complete LZS unit, whatever its length.
 //
+//   StreamCompressor compressor(16384, LzsKeepHistory, 0);
+//   compressor.ResetCompressionHistory();
+//   compressor.SetMediumCompression();
+//   compressor.CompressBuffer(bytes, sizeof bytes, nullptr, 0);
+//   Use(compressor.GetResult(), compressor.GetCompressedSize());
+//
 // Units compressed one after the other share a history until ResetCompressionHistory, which must
 // be called before the first. One thread uses an object at a time.
 #pragma once

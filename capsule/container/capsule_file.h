@@ -12,10 +12,14 @@
 //   if (image.GetImageFileHandle() != 0 && image.ReadImage(0) == 0)
 //     for (_DirectoryEntry* e = image.GetDirectory("0:\\"); e; e = e->Next) Show(*e);
 //   image.CloseImageFileHandle();
+// The partition records of the header:
+//   const _NewImageHeader* header = file.GetImageFileHeader();
+//   for (auto* node = header->Partitions; node; node = node->Next) Show(node->Record.SystemId);
 //
-// Operations give 0 for success and -1 for failure unless they say otherwise. The object owns its
-// header buffers and partitions; what it hands out lives as long as it does. One thread drives an
-// object; one image at a time is opened in a process.
+// Operations give 0 for success and -1 for failure unless they say otherwise; one that comes out of
+// order, or is given null where something is needed, fails and changes nothing. The object owns its
+// header buffers and partitions; what it hands out lives as long as it does, or until
+// CreateCapsuleFile. One thread drives an object; one image at a time is opened in a process.
 #pragma once
 
 #include <cstdint>
@@ -48,13 +52,15 @@ class CAPSULE_API CapsuleFile {
 
   // --- Writing (capsule_file.cpp, capsule_file_insert.cpp) ---
 
-  // Opens or creates the file; an existing one keeps its bytes until they are overwritten.
+  // Opens or creates the file; an existing one keeps its bytes until they are overwritten. What the
+  // object had before (a file, partitions, headers) is closed and released.
   int CreateCapsuleFile(const char* path);
 
   // 0 (stored) to 9; other values give -1 and change nothing.
   int SetCompressionLevel(int level);
 
-  // `version`: up to 255 bytes.
+  // `version`: up to 255 bytes. Comes before the first partition. The level set at this moment
+  // decides whether the image is a compressed one.
   int WriteImageFileHeader(const char* version);
 
   // Adds the file or directory at `path` to partition `partition` (0 to 9, never lower than in the
@@ -65,19 +71,25 @@ class CAPSULE_API CapsuleFile {
   // Makes `partition` the current one: closes the section before and begins a new one. InsertFile
   // does so by itself; this is for a partition that may stay empty. Same rules and failures.
   int BeginPartition(int partition);
+
+  // Writes the record of `partition` into slot 1 to 10 of the header, with the sector count so far.
+  // CloseImageFile does so for all.
   int UpdatePartitionInfo(CapsulePartition* partition, int slot);
 
-  // Closes open levels, writes the last trailer, completes the header, closes the file.
+  // Closes open levels, writes the last trailer, completes the header, closes the file. After a
+  // failure the file is open still: CloseImageFileHandle gives it up.
   int CloseImageFile();
 
   // --- Reading (capsule_file_open.cpp) ---
 
-  // Reads header and index and, with `headerOnly` 0, every partition's tree. -1 with EINVAL in
-  // GetLastError() for a header that cannot be decoded. Throws the int 0 when the index cannot be
-  // read.
+  // Reads header and index and, with `headerOnly` 0, every partition's tree; called again, it reads
+  // them again and appends the partitions once more. -1 with EINVAL in GetLastError() for a header
+  // that cannot be decoded, the result of a partition that cannot be read (those before it stay).
+  // Throws the int 0 when the index cannot be read.
   int ReadImage(int headerOnly);
 
-  // The listing of a directory, "0:\NAME.EXT" with padded short names; null when not found.
+  // The listing of a directory, "0:\NAME    .EXT" with padded short names, compared exactly: its
+  // records chained in image order. Null when not found or empty.
   _DirectoryEntry* GetDirectory(const char* path);
 
   // Closes the file and forgets its descriptor; extraction is over then. False when none was open.
@@ -85,18 +97,30 @@ class CAPSULE_API CapsuleFile {
 
   // --- Queries (capsule_file.cpp) ---
 
-  // Whether data blocks are compressed: the header's compression flag.
+  // Whether data blocks are compressed: the header's compression flag; 0 without a header.
   int IsCompressed();
 
   // 1 when partition `n` has no file system or does not exist.
   int IsPartitionSector(int n);
+
+  // The descriptor, 0 when none is open.
   int GetImageFileHandle();
+
+  // The header's first 256 bytes, as written or read last.
   char* GetVersionString() const;
+
+  // As given to the constructor, null in a writer.
   const char* GetPathToImageFile() const;
+
+  // The decoded header, which ReadImage fills; null in a writer.
   _NewImageHeader* GetImageFileHeader() const;
+
+  // The partition being written: its number, -1 before the first, and the object, or null.
   int GetCurrentPartition() const;
   CapsulePartition* GetCurrentPartitionPtr();
   int GetCompressionLevel() const;
+
+  // errno of the last opening, header write or header read that failed; 0 when none did.
   int GetLastError() const;
 
   // The partitions in order: those inserted into, or those read.

@@ -1,4 +1,10 @@
 // CapsuleHeader holds one stored image header in the fixed layout, by value.
+//
+//   CapsuleHeader header;
+//   if (CpsReaderLock().ReadAt(fd, header.Read(), sizeof(_ImageHeader), 0) == 7560)
+//     Show(header.Read()->Version, header.Read()->PartitionCount);
+//
+// Numbers in the record are little-endian, as stored.
 #pragma once
 
 #include "capsule/container/header_records.h"

@@ -1,4 +1,10 @@
 // HeaderScramble hides or restores a region of an image header and sums it up.
+//
+//   const uint32_t before = HeaderScramble(bytes, "key", sizeof bytes, 0);  // hidden now
+//   const uint32_t after = HeaderScramble(bytes, "key", sizeof bytes, 1);   // and plain again
+//   if (before == after) Use(bytes);
+//
+// It keeps no state: any thread may call it.
 #pragma once
 
 #include <cstdint>

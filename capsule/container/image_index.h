@@ -1,6 +1,12 @@
 // ImageIndex hands out, in index order, the offsets of the partition sections and of the records
 // of an image. There is one current index in a library state at a time; reading an image replaces
 // it. One thread uses it.
+//
+//   CapsuleFile indexed("disk.cap");
+//   indexed.ReadImage(1);  // header and index alone; with 0 the partitions take the offsets
+//   ImageIndex* index = ImageIndex::GetCurrentIndexInstance();
+//   while (index->PeekNextPartitionOffset() != -1) Use(index->GetNextPartitionOffset());
+//   indexed.CloseImageFileHandle();
 #pragma once
 
 #include <cstdint>
@@ -16,14 +22,17 @@ struct LibraryState;
 
 class CAPSULE_API ImageIndex {
  public:
-  // The current index, built on `header` (the raw image header, not owned) and `path` when there
-  // is none yet; arguments are ignored when there is one.
+  // The current index, built on `header` (the raw image header of 7560 bytes, not owned, which must
+  // live until ReadIndex is done) and `path` when there is none yet; arguments are ignored when
+  // there is one.
   static ImageIndex* Instance(const char* header, const char* path);
+
+  // The current index, or null. It lives until DeleteCurrentInstance, which reading an image calls.
   static ImageIndex* GetCurrentIndexInstance();
   static void DeleteCurrentInstance();
 
-  // Walks the index. Throws the int 0 when the file cannot be opened or read. An index that lies
-  // behind the end of the file is empty.
+  // Walks the index, once. Throws the int 0 when the file cannot be opened or read. An index that
+  // lies behind the end of the file is empty.
   void ReadIndex();
 
   // The next offset, -1 at the end and from then on.

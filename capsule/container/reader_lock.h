@@ -1,5 +1,8 @@
 // CpsReaderLock reads an image by position: one indivisible step, so that any number of readers
-// share a descriptor.
+// share a descriptor. Each makes a lock of its own; any number may be in use on any threads.
+//
+//   unsigned char header[8];
+//   if (CpsReaderLock().ReadAt(fd, header, sizeof header, 7560) == 8) Use(header);
 #pragma once
 
 #include <cstdint>
@@ -16,7 +19,7 @@ class CAPSULE_API CpsReaderLock {
   CpsReaderLock& operator=(const CpsReaderLock&) = delete;
 
   // Bytes read at `offset` into `buffer`: fewer than `count` only at the end of the file; -1 on a
-  // read error or for a negative offset.
+  // read error, for a negative offset, or for a count above 2^31-1.
   int ReadAt(int descriptor, void* buffer, unsigned count, long offset);
 };
 

@@ -1,4 +1,10 @@
 // host::Error is what every failure of the modern interface arrives as.
+//
+//   try {
+//     host::Image missing("missing.cap");
+//   } catch (const host::Error& error) {
+//     Print(error.what(), error.Path(), error.Reason());
+//   }
 #pragma once
 
 #include <cstdint>

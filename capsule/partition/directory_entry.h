@@ -4,7 +4,8 @@
 // It is prepared from the host's file system (SetFileDirectory) and written (Write), or read from
 // an image (Read). Operations give 0 for success and -1 for failure unless they say otherwise.
 // `fd` is a descriptor of an image, `offset` an offset in it, `count` a running byte counter to
-// which an operation adds what it wrote or read. One thread uses an entry at a time.
+// which an operation adds what it wrote or read. Null where something is needed is a failure. One
+// thread uses an entry at a time.
 //
 //   CapsuleDirectoryEntry entry;
 //   int zeros = 0;
@@ -44,27 +45,44 @@ class CAPSULE_API CapsuleDirectoryEntry {
   // --- Preparing from the host's file system (directory_entry_prepare.cpp) ---
 
   // Prepares the entry for the file or directory at `path` and writes the pending zero entries at
-  // `offset`. A null path makes a zero entry.
+  // `offset`. A null path makes a zero entry. The steps below are those that it takes.
   int SetFileDirectory(DirectoryType t, const char* path, int fd, int offset, int* count);
+
+  // Makes this a zero entry, which closes a directory level.
   int SetZeroEntry(DirectoryType t);
+
+  // The header in front of each record.
   void SetMiniHeader();
+
+  // Times, attribute and size, then the names.
   int SetDirEntry(DirectoryType t);
+
+  // From what the finder told; zeros in a zero entry. Always 0.
   int SetCapFileTimeAttrib(DirectoryType t);
+
+  // Both names from the path, the checksum, and long-name records where the two differ.
   int SetCapFileName(DirectoryType t);
+
+  // The long-name records, and the short name from its text.
   int SetCapLongFileName(DirectoryType t);
+
+  // The short name in upper case, padded with blanks, into the copy that `t` selects.
   void SetCapShortFileName(DirectoryType t);
 
   // Builds one 32-byte long-name record in `out`: piece `ordinal` of `count`, of which `rest`
   // characters count in the last (0: all 13).
   void SetWideCharStr(CString& out, const CString& piece, int ordinal, int count, int rest);
 
-  // Splits off the last component of `path` and splits that at its last '.': 1 when it has one.
+  // Splits off the last component of `path` and splits that at its last '.': 1 when it has one,
+  // else 0 with `ext` as it was. An empty name becomes ".", and "." becomes "..".
   int GetFileName(CString path, CString& name, CString& ext);
 
   // --- Writing and reading records (directory_entry_records.cpp) ---
 
-  // Writes the record group at `offset`.
+  // Writes the record group at `offset`; the long-name records are released.
   int Write(DirectoryType t, int fd, int offset, int* count);
+
+  // The 8 bytes of the header alone.
   int WriteMiniHeader(int fd, int offset, int* count);
 
   // The long-name records with their headers and the short entry; 1 for success.
@@ -76,7 +94,7 @@ class CAPSULE_API CapsuleDirectoryEntry {
   // The zero entries pending in the library state. `flag` is not used.
   int SetZeroDirEntry(int fd, int offset, int* count, int& flag);
 
-  // Reads one group at `offset`.
+  // Reads one group at `offset`; in an NTFS partition the record's 46-byte header, uncounted.
   int Read(DirectoryType t, int fd, int offset, int* count);
 
   // Reads the rest of a long-name chain whose first record is `entry` (`size` bytes, 32) into
@@ -94,6 +112,8 @@ class CAPSULE_API CapsuleDirectoryEntry {
 
   // Fills the entry from `size` / 1024 FILE records, whose displaced bytes are restored in place.
   void FileRecordtoDirectoryEntry(void* records, long size);
+
+  // Times and attributes.
   void PutStdInfoIntoDirEntry(const _StandardInformation* si);
 
   // A short or long name; `index` counts the names met before. The name's units follow `fn`.
@@ -119,28 +139,64 @@ class CAPSULE_API CapsuleDirectoryEntry {
 
   // --- Names and queries (directory_entry.cpp) ---
 
-  // The short text: 8 name bytes, '.', 3 extension bytes, blanks kept. `entry`: 32 bytes.
+  // The short text. Of an entry that was read: 8 name bytes, '.', 3 extension bytes, blanks kept;
+  // the first two make it so from `entry` (32 bytes), or the copy that `t` selects. Of one that was
+  // prepared: name, and '.' and extension when there is one.
   CString& ShortName(const char* entry);
   CString& ShortName(DirectoryType t);
   CString& ShortName();
+
+  // The long name's UTF-16LE units in on-disk piece order, last piece first, with terminator and
+  // padding.
   CapsuleBuffer& LongFileName();
+
+  // 1 when the short text is `s`, byte for byte.
   int operator==(const CString& s) const;
+
+  // Takes the short text from `entry` and prints it to standard output, with the attribute.
   void PrintEntryName(const char* entry);
+
+  // 1 for a zero entry.
   int IsEmpty() const;
+
+  // 0x10 for a directory, else 0.
   int IsDirectory() const;
+
+  // DOS attributes, as in _ShortDirEntry.
   int GetAttribute() const;
+
+  // Bytes of the file's content.
   uint32_t FileSize() const;
+
+  // Payload bytes that the record's header states.
   int CompressedLength() const;
+
+  // Not 0 for a directory of an NTFS partition.
   int NTFSIsDirectory() const;
+
+  // The type of the last Read.
   DirectoryType GetDirectoryType() const;
+
+  // Copies the 8.3 entry that `t` selects over the other one.
   void PopulateOtherStructure(DirectoryType t);
+
+  // Releases the long-name records that were prepared.
   void RemoveCPtrArray();
+
+  // The file block that holds this entry; not owned.
   void SetFileBlock(CapsuleFileBlock* block);
   CapsuleFileBlock* GetParentFileBlockPtr() const;
+
+  // With another value than 0 and 1, SetMiniHeader leaves flag and param of a file as they are.
   void SetLastDirectoryEntry(int value);
+
+  // NTFS directories: how many children are noted, and how many of them the tree has taken.
   int GetNumEntries() const;
   int GetCurEntry() const;
   void IncCurEntry();
+
+  // For the host's use: the library neither reads nor writes it.
+  static CString m_strPreviousCapFilePath;
 
   // The record that a host receives; lives as long as this object.
   _DirectoryEntry* GetRecord() { return &m_Record; }
@@ -194,8 +250,6 @@ class CAPSULE_API CapsuleDirectoryEntry {
   std::u16string m_FullName;
   int m_nFullNameRank = 0;
   int64_t m_nReadOffset = 0;  // where the next record of the group being read begins
-
-  static CString m_strPreviousCapFilePath;
 };
 
 }  // namespace capsule

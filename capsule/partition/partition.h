@@ -1,8 +1,13 @@
 // CapsulePartition is one partition section of an image: it writes the section's header, items and
 // trailer, or rebuilds the section's tree of file blocks from the index.
 //
-// It owns its file blocks and its history areas. Operations give 0 for success, -1 for failure.
-// One thread drives a partition; the lists have their own locks.
+//   auto* partition = static_cast<CapsulePartition*>(file.GetPartitions().GetAt(0));
+//   DirectorySupport root("0:\\");
+//   for (_DirectoryEntry* e = partition->GetDirectoryEntry(root); e; e = e->Next) Show(*e);
+//
+// It owns its file blocks and its history areas. Operations give 0 for success, -1 for failure;
+// null where something is needed is a failure. `fd` is a descriptor of the image, offsets are those
+// in it. One thread drives a partition; the lists have their own locks.
 #pragma once
 
 #include <cstdint>
@@ -31,51 +36,79 @@ class CAPSULE_API CapsulePartition {
   // Third byte of a section.
   enum PartitionType { PartitionUnknown = 1, PartitionFat = 2 };
 
+  // `file` must outlive the partition.
   explicit CapsulePartition(CapsuleFile& file);
   virtual ~CapsulePartition();
   CapsulePartition(const CapsulePartition&) = delete;
   CapsulePartition& operator=(const CapsulePartition&) = delete;
 
   // --- Section header and trailer, queries (partition.cpp) ---
+
+  // 2056 bytes at `offset`, where the section begins from now on.
   int WritePartitionHeader(int fd, int offset);
+
+  // 1544 bytes at `offset`.
   int WritePartitionTrailer(int fd, int offset);
+
+  // The partition's record, which goes into the image header: made zero but for system id 0x0B, and
+  // handed out.
   int InitializePartHeaderInfo();
   _Partition* GetHeaderPartitionInfo();
+
+  // Whether `area`, or the section's own first 512 bytes, begin as those of a section of type `t`,
+  // PartitionFat or PartitionUnknown: 1 or 0.
   int IsFat();
   int IsUnknown();
   int IsPartitionType(const unsigned char* area, PartitionType t);
+
+  // Where the section begins in the image.
   int GetStartOffset() const;
+
+  // 2568 once the section header is written.
   int GetOffsetInPartition() const;
 
   // Depth of the last directory inserted: the number of `\` in `path` plus 1.
   void SetHierarchyLevel(const char* path);
   int GetHierarchyLevel();
+
+  // CapsuleFileBlock pointers: all that were inserted, or the top level of the tree that was read.
   CpsList& GetFileBlocks();
   CapsuleFile& GetCapsuleFile();
+
+  // The type that Read was given.
   DirectoryType GetPartitionType() const;
+
+  // The area that InitializeCompressionHistory prepares, or null.
   char* GetCompressionHistory();
 
   // --- Writing items (partition_write.cpp) ---
+
+  // Prepares the compression history afresh; comes before each item.
   int InitializeCompressionHistory();
 
   // A directory's three record groups at `offset`: its own, "." and "..". Adds their bytes to
-  // `*written`. -1 and nothing written when `path` was inserted before.
+  // `*written`. -1 and nothing written when `path` was inserted before, or into the tree of an NTFS
+  // partition that was read.
   int WriteDirectories(int fd, const char* path, int offset, int* written);
 
-  // A file's record group and data block records. `compress`: level 0 to 9.
+  // A file's record group and data block records at `offset`; adds their bytes to `*written`.
+  // `compress`: level 0 (stored), 1-3 fast, 4-6 medium, other maximum.
   int WriteFile(int fd, const char* path, int offset, int* written, int compress);
 
   // --- Reading (partition_read.cpp) ---
 
-  // Rebuilds the tree of the section at `offset` from the current index. `pos` is not used.
+  // Rebuilds the tree of the section at `offset` from the current index, once: -1 when there is a
+  // tree already. `pos` is not used.
   int Read(DirectoryType t, int fd, int offset, int* pos);
+
+  // Gives the file blocks the history that decoding starts with; comes behind Read.
   void SetUpHistoryBuffer();
 
-  // The `size` bytes at `history` as they are now. Equal ones in a row share their memory, so that
-  // a hundred thousand files hold one copy.
+  // The `size` bytes at `history` as they are now; null without any. Equal ones in a row share
+  // their memory, so that a hundred thousand files hold one copy.
   std::shared_ptr<const std::vector<unsigned char>> HistorySnapshot(const char* history, int size);
 
-  // Skips a run of data block records; `*pos` ends behind them.
+  // Skips a run of data block records at `offset`; `*pos` ends behind them, also on failure.
   int ReadDataBlocks(int fd, int offset, int* pos);
 
   // The chained records of the directory that `path` names; null when not found or empty.

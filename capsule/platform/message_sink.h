@@ -1,4 +1,8 @@
 // Messages that are meant for the user's eyes, not for the caller.
+//
+//   static std::string log;
+//   platform::SetMessageSink([](const char* message, void*) { log += message; }, nullptr);
+//   platform::SetMessageSink(nullptr, nullptr);  // the default again
 #pragma once
 
 #include "capsule/export.h"

@@ -1,4 +1,11 @@
 // Roots of the paths that hosts insert.
+//
+//   platform::SetRoot('P', "photos");
+//   CapsuleFile backup;
+//   backup.CreateCapsuleFile("backup.cap");
+//   backup.WriteImageFileHeader("Capsulate");
+//   if (backup.InsertFile("P:\\2024\\beach.jpg", 0) == 0) Show(backup.GetWriteOffset());
+//   backup.CloseImageFile();
 #pragma once
 
 #include "capsule/export.h"

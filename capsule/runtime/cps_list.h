@@ -1,5 +1,8 @@
 // CpsList is the collection of the library: pointers in order, with a lock of its own.
 //
+//   CpsList& blocks = file.GetPartitions();
+//   for (int i = 0; i < blocks.GetCount(); ++i) Use(blocks.GetAt(i));
+//
 // It does not own what its elements point to: an owner that goes empties its list by taking element
 // 0, destroying the object and removing element 0. Each operation takes the lock for itself alone,
 // so another thread may append during a walk by index; Lock and Unlock (the lock is recursive)
@@ -35,6 +38,7 @@ class CAPSULE_API CpsList {
   // How often the list was changed: differs from an earlier value when it was since then.
   uint64_t Changes() const;
 
+  // Unlock belongs to a Lock of the same thread.
   void Lock() const;
   void Unlock() const;
 
