@@ -54,17 +54,17 @@ inline constexpr uint16_t LzsStoredBlock = 0x02;
 CAPSULE_API uint16_t LzsSizeOfCompressionHistory();
 CAPSULE_API uint16_t LzsSizeOfDecompressionHistory();
 
-// Prepare an area, which need not be cleared first. The result is always 1.
+// Prepare an area, which need not be cleared first. The result is 1; 0 without an area.
 CAPSULE_API uint16_t LzsInitCompressionHistory(void* history);
 CAPSULE_API uint16_t LzsInitDecompressionHistory(void* history);
 
 // Compresses. `effort`: how many further candidates each phase of a search looks at; the low 8 bits
 // count.
 //
-// Refused with 0, and without any effect: an unknown flag; an area that was not prepared; a new
-// destination of less than 16 bytes, unless a unit is open or a history kept (a call that was
-// paused with LzsEndOfInput still wants 16); LzsEndOfInput changed while the source, or
-// LzsCloseOnFullOutput changed while the destination is unfinished.
+// Refused with 0, and without any effect: a null handle or area; an unknown flag; an area that was
+// not prepared; a new destination of less than 16 bytes, unless a unit is open or a history kept (a
+// call that was paused with LzsEndOfInput still wants 16); LzsEndOfInput changed while the source,
+// or LzsCloseOnFullOutput changed while the destination is unfinished.
 //
 // When the destination fills, the call pauses with LzsOutputFull and the bits go on in the next
 // one. With LzsCloseOnFullOutput it ends the unit there (LzsOutputFull | LzsUnitComplete), takes
@@ -75,10 +75,11 @@ CAPSULE_API uint16_t LzsCompress(const unsigned char** source, unsigned char** d
 
 // Decompresses, at most up to the end of a unit; the source is left right behind it.
 //
-// Refused with 0, and without any effect: an unknown flag; an area that was not prepared or is
-// damaged; LzsStoredBlock with counts that differ or inside a unit. A match that refers back before
-// the history, or 0 bytes, is corrupt: the result is 0, now and on every further call until the
-// history is prepared again, and the handles stay; what lay before it may have been written.
+// Refused with 0, and without any effect: a null handle or area; an unknown flag; an area that was
+// not prepared or is damaged; LzsStoredBlock with counts that differ or inside a unit. A match that
+// refers back before the history, or 0 bytes, is corrupt: the result is 0, now and on every further
+// call until the history is prepared again, and the handles stay; what lay before it may have been
+// written.
 //
 // No input gives LzsInputUsedUp; on a fresh history nothing is taken over from such a call.
 CAPSULE_API uint16_t LzsDecompress(const unsigned char** source, unsigned char** destination,

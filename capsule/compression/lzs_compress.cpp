@@ -455,6 +455,7 @@ uint32_t RebasePositions(CompressionArea& area, uint32_t position) {
 uint16_t LzsSizeOfCompressionHistory() { return lzs::kCompressionAreaSize; }
 
 uint16_t LzsInitCompressionHistory(void* history) {
+  if (history == nullptr) return 0;
   auto& area = *static_cast<lzs::CompressionArea*>(history);
   const lzs::CompressionState state{};
   area.signature = lzs::kCompressionSignature;
@@ -465,6 +466,7 @@ uint16_t LzsInitCompressionHistory(void* history) {
 uint16_t LzsCompress(const unsigned char** source, unsigned char** destination,
                      uint32_t* sourceCount, uint32_t* destinationCount, void* history,
                      uint16_t flags, uint16_t effort) {
+  if (!source || !destination || !sourceCount || !destinationCount || !history) return 0;
   auto& area = *static_cast<lzs::CompressionArea*>(history);
   if ((flags & ~lzs::kAllFlags) != 0 || area.signature != lzs::kCompressionSignature) return 0;
   lzs::CompressCall call(area, flags, effort & 0xFF);

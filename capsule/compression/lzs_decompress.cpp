@@ -376,6 +376,7 @@ StepResult DecompressCall::EndUnit() {
 uint16_t LzsSizeOfDecompressionHistory() { return lzs::kDecompressionAreaSize; }
 
 uint16_t LzsInitDecompressionHistory(void* history) {
+  if (history == nullptr) return 0;
   auto& area = *static_cast<lzs::DecompressionArea*>(history);
   std::memset(history, 0, sizeof area);
   area.signature = lzs::kDecompressionSignature;
@@ -386,6 +387,7 @@ uint16_t LzsInitDecompressionHistory(void* history) {
 uint16_t LzsDecompress(const unsigned char** source, unsigned char** destination,
                        uint32_t* sourceCount, uint32_t* destinationCount, void* history,
                        uint16_t flags) {
+  if (!source || !destination || !sourceCount || !destinationCount || !history) return 0;
   auto& area = *static_cast<lzs::DecompressionArea*>(history);
   if ((flags & ~lzs::kAllFlags) != 0 || area.signature != lzs::kDecompressionSignature) return 0;
   lzs::DecompressCall call(area, flags);

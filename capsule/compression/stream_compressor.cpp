@@ -36,6 +36,7 @@ int StreamCompressor::CompressBuffer(const unsigned char* source, uint32_t lengt
   m_pCallerNext = source;
   m_nCallerLeft = length;
   m_nTotalOut = 0;
+  if (source == nullptr && length > 0) return 0;
   m_nCallFlags = m_nFlags;
   m_nResult = LzsInputUsedUp | LzsOutputFull;
   while ((m_nResult & LzsUnitComplete) == 0 && Pass()) {

@@ -32,7 +32,8 @@ class CAPSULE_API StreamCompressor {
   int CompressBuffer(const unsigned char* source, uint32_t length, unsigned char* destination,
                      uint32_t capacity);
 
-  // Bytes of the last unit, stored or not; 0 when the codec refused (history never reset).
+  // Bytes of the last unit, stored or not; 0 when the codec refused (history never reset) or there
+  // was no source.
   uint32_t GetCompressedSize() const;
 
   // The result buffer: holds the last unit that was compressed without a destination.

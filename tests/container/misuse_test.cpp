@@ -369,6 +369,33 @@ TEST(Misuse, CapsuleFile) {
   EXPECT_EQ(test::ReadFile(image), bytes);
 }
 
+TEST(Misuse, Codec) {
+  unsigned char area[32] = {};
+  unsigned char bytes[64] = {1, 2, 3};
+  const unsigned char* source = bytes;
+  unsigned char* room = bytes + 32;
+  uint32_t count = 32;
+  StreamCompressor compressor(0, LzsKeepHistory, 0xFFFF);
+  compressor.ResetCompressionHistory();
+  ExpectAll({
+      {"no area", [&] { return LzsInitCompressionHistory(nullptr); }, 0},
+      {"no area either", [&] { return LzsInitDecompressionHistory(nullptr); }, 0},
+      {"compress nothing",
+       [&] { return LzsCompress(nullptr, nullptr, nullptr, nullptr, area, 0, 0); }, 0},
+      {"compress in null",
+       [&] { return LzsCompress(&source, &room, &count, &count, nullptr, 0, 0); }, 0},
+      {"decompress nothing",
+       [&] { return LzsDecompress(nullptr, nullptr, nullptr, nullptr, area, 0); }, 0},
+      {"decompress in null",
+       [&] { return LzsDecompress(&source, &room, &count, &count, nullptr, 0); }, 0},
+      {"null source", [&] { return compressor.CompressBuffer(nullptr, 0xFFFFFFFF, nullptr, 0); },
+       0},
+      {"its size", [&] { return compressor.GetCompressedSize(); }, 0},
+      {"no source", [&] { return compressor.CompressBuffer(nullptr, 0, bytes, 1); }, 0},
+      {"the end marker alone", [&] { return compressor.GetCompressedSize(); }, 2},
+  });
+}
+
 TEST(Misuse, IndexReadsAndScrambling) {
   unsigned char bytes[8] = {1, 2, 3};
   const auto throws = [](const char* header, const char* path) {
