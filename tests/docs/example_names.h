@@ -2,7 +2,7 @@
 //
 // Each is the body of a function in a struct derived from Names. It runs in a folder of its own
 // with
-//   photos/2024/beach.jpg   a file of 100,000 bytes, and photos/2024/to-anna.txt
+//   photos/2024/beach.jpg   a file of 100,000 bytes; photos/2024/to-anna.txt; photos/a/b.txt
 //   photos.cap, disk.cap    images of photos
 //   restored/               an empty folder
 // where inserted paths that begin with `C:` are looked for below photos.

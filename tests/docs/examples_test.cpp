@@ -19,9 +19,11 @@ ExampleFolder::ExampleFolder() : m_strPrevious(fs::current_path()) {
   while (beach.size() < 100000) beach += "wave " + std::to_string(beach.size() % 977) + "\n";
   beach.resize(100000);
   fs::create_directories("photos/2024");
+  fs::create_directory("photos/a");
   fs::create_directory("restored");
   capsule::test::WriteFile("photos/2024/beach.jpg", beach);
   capsule::test::WriteFile("photos/2024/to-anna.txt", "Dear Anna");
+  capsule::test::WriteFile("photos/a/b.txt", "b");
   capsule::host::ImageBuilder builder("photos.cap");
   builder.AddDirectory("photos");
   builder.Finish();

@@ -3,10 +3,10 @@
 
 Usage: extract_examples.py OUT SOURCE...
 
-An example in a header is an indented block of a comment whose first line ends in `;`, `{` or `}`
-(a comment behind it does not count); in a document it is a block fenced with ```cpp. It is the body
-of a function in a program that says `using namespace capsule;`. Names that it leaves open are those
-of tests/docs/example_names.h. Headers that export nothing are passed over.
+An example in a header is an indented block of a comment in which a line ends in `;`, `{` or `}` (a
+comment behind it does not count); in a document it is a block fenced with ```cpp. It is the body of
+a function in a program that says `using namespace capsule;`. Names that it leaves open are those of
+tests/docs/example_names.h. A header that exports something has an example; others are passed over.
 """
 import pathlib
 import re
@@ -19,7 +19,7 @@ RELAXED = "".join(f'\n#pragma GCC diagnostic ignored "-W{name}"' for name in
 TAKERS = re.compile(r"\b(Use|Show|Print)\(")
 
 
-def is_code(line):
+def ends_like_code(line):
     return re.sub(r"\s*//.*", "", line).rstrip().endswith((";", "{", "}"))
 
 
@@ -33,7 +33,7 @@ def header_blocks(text):
             start = start if block else number
             block.append(content)
         elif block:
-            if is_code(block[0]):
+            if any(ends_like_code(line) for line in block):
                 yield start, block
             block = []
 
@@ -47,7 +47,11 @@ def examples(path):
     text = path.read_text()
     if path.suffix != ".h":
         return list(document_blocks(text))
-    return list(header_blocks(text)) if "CAPSULE_API" in text else []
+    exports = re.search(r"^(class )?CAPSULE_API", text, re.M)
+    found = list(header_blocks(text)) if exports else []
+    if exports and not found:
+        sys.exit(f"{path}: exports something and shows no example of its use")
+    return found
 
 
 def main():

@@ -63,7 +63,8 @@ def pattern(name):
 
 def map_text(names, classes):
     lines = sorted({pattern(name) for name in names} | {f"*?for?{name}" for name in classes})
-    return ("# What the shared library exports; tests/package/exported_names.py --write writes it.\n"
+    return ("# What the shared library exports, as the public headers offer it. The target write_exports\n"
+            "# writes this file.\n"
             "CAPSULE_0 {\n  global:\n    extern \"C++\" {\n"
             + "".join(f"      {line};\n" for line in lines) + "    };\n  local:\n    *;\n};\n")
 
@@ -96,7 +97,7 @@ def main():
         return
     faults = []
     if map_path.read_text() != map_text(names, classes):
-        faults.append(f"{map_path} is not what the headers offer: write it anew with --write")
+        faults.append(f"{map_path} is not what the headers offer: build the target write_exports")
     for library in [path for path in rest if path.suffix != ".h"]:
         found = without_tables(exported(library), classes)
         faults += [f"not exported: {name}" for name in sorted(names - found)]
