@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <compare>
 
+#include "capsule/host/error.h"
 #include "capsule/partition/record_format.h"
 #include "capsule/platform/ascii.h"
 
@@ -84,27 +85,37 @@ std::optional<uint32_t> Catalog::FindChild(uint32_t parent, std::string_view nam
   return std::nullopt;
 }
 
-const std::string& Entry::Name() const { return m_pCatalog->Node(m_nId).name; }
-const std::string& Entry::ShortName() const { return m_pCatalog->Node(m_nId).shortName; }
-int Entry::Partition() const { return m_pCatalog->Node(m_nId).partition; }
-bool Entry::IsRoot() const { return m_nId < m_pCatalog->Roots(); }
-bool Entry::IsDirectory() const { return m_pCatalog->Node(m_nId).isDirectory; }
+namespace {
+
+// What an entry looks into; an entry of no image has none.
+const Catalog& Of(const Catalog* catalog) {
+  if (catalog == nullptr) throw Error("entry", "belongs to no image");
+  return *catalog;
+}
+
+}  // namespace
+
+const std::string& Entry::Name() const { return Of(m_pCatalog).Node(m_nId).name; }
+const std::string& Entry::ShortName() const { return Of(m_pCatalog).Node(m_nId).shortName; }
+int Entry::Partition() const { return Of(m_pCatalog).Node(m_nId).partition; }
+bool Entry::IsRoot() const { return m_nId < Of(m_pCatalog).Roots(); }
+bool Entry::IsDirectory() const { return Of(m_pCatalog).Node(m_nId).isDirectory; }
 bool Entry::IsReadOnly() const { return (Attributes() & platform::kAttributeReadOnly) != 0; }
 bool Entry::IsHidden() const { return (Attributes() & platform::kAttributeHidden) != 0; }
-uint8_t Entry::Attributes() const { return m_pCatalog->Node(m_nId).attributes; }
-uint32_t Entry::Size() const { return m_pCatalog->Node(m_nId).size; }
-uint32_t Entry::Offset() const { return m_pCatalog->Node(m_nId).offset; }
-bool Entry::IsDuplicate() const { return m_pCatalog->Node(m_nId).isDuplicate; }
-Entry Entry::Parent() const { return {m_pCatalog, m_pCatalog->Node(m_nId).parent}; }
+uint8_t Entry::Attributes() const { return Of(m_pCatalog).Node(m_nId).attributes; }
+uint32_t Entry::Size() const { return Of(m_pCatalog).Node(m_nId).size; }
+uint32_t Entry::Offset() const { return Of(m_pCatalog).Node(m_nId).offset; }
+bool Entry::IsDuplicate() const { return Of(m_pCatalog).Node(m_nId).isDuplicate; }
+Entry Entry::Parent() const { return {m_pCatalog, Of(m_pCatalog).Node(m_nId).parent}; }
 
 std::optional<int64_t> Entry::ModifiedTime() const {
-  const platform::DosDateTime& modified = m_pCatalog->Node(m_nId).modified;
+  const platform::DosDateTime& modified = Of(m_pCatalog).Node(m_nId).modified;
   if (modified.date == 0) return std::nullopt;
   return platform::ToUnixSeconds(modified);
 }
 
 EntryRange Entry::Children() const {
-  const CatalogNode& node = m_pCatalog->Node(m_nId);
+  const CatalogNode& node = Of(m_pCatalog).Node(m_nId);
   return {m_pCatalog, node.firstChild, node.childCount};
 }
 

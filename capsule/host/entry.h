@@ -21,7 +21,7 @@ class EntryRange;
 
 class CAPSULE_API Entry {
  public:
-  // An entry of no image: only assignment is allowed.
+  // An entry of no image: it can be assigned and compared, all else throws host::Error.
   Entry() = default;
 
   // The long name, else the short one, byte for byte as stored; empty for a root. Names come from

@@ -152,6 +152,16 @@ std::string Survey(const Image& image, unsigned seed) {
   return seen;
 }
 
+TEST(ImageTest, EntriesOfNoImageSaySo) {
+  const Entry none;
+  EXPECT_EQ(none, Entry());
+  for (const std::string& error :
+       {ErrorOf([&] { none.Path(); }), ErrorOf([&] { none.Children(); }),
+        ErrorOf([&] { none.Size(); }), ErrorOf([&] { none.ModifiedTime(); })}) {
+    EXPECT_EQ(error, "entry: belongs to no image");
+  }
+}
+
 TEST(ImageTest, ManyThreadsListFindAndReadOneImage) {
   for (const char* name :
        {"w_three_open.img", "w_names.img", "f_16384_lzs.img", "n_flat_old.img"}) {
