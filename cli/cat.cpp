@@ -5,6 +5,7 @@
 #include <vector>
 
 #include "cli/command.h"
+#include "cli/damage.h"
 #include "cli/opening.h"
 #include "cli/output.h"
 
@@ -18,17 +19,53 @@ struct CatArguments {
   std::string path;
   uint64_t offset = 0;
   uint64_t length = std::numeric_limits<uint64_t>::max();
+  std::string onDamage = "stop";
+  bool json = false;
 };
 
-int Cat(const CatArguments& arguments) {
+void WriteZeros(uint64_t count, Output& output) {
+  const std::vector<unsigned char> zeros(kPiece);
+  for (; count != 0; count -= std::min<uint64_t>(count, zeros.size())) {
+    output.Write(std::span(zeros).first(static_cast<size_t>(std::min<uint64_t>(count, kPiece))));
+  }
+}
+
+// What is left of the file; the exit code.
+int CatDamaged(const host::Image& image, const host::Entry& entry, const CatArguments& arguments,
+               Talk& talk) {
+  const host::OnDamage choice = DamageChoice(arguments.onDamage);
+  Output output;
+  int result = kDone;
+  image.ReadDamaged(entry, arguments.offset, arguments.length, [&](const host::FilePiece& piece) {
+    if (const auto lost = host::LostIn(piece)) {
+      result = kProblems;
+      if (arguments.json) {
+        talk.WriteLine(LostJson(entry.Path(), *lost));
+      } else {
+        talk.Complain(image.Path(), LostText(entry.Path(), *lost));
+      }
+    }
+    if (choice == host::OnDamage::Skip || piece.kind == host::FilePiece::Kind::Data) {
+      output.Write(piece.bytes);
+    } else if (piece.kind == host::FilePiece::Kind::Lost) {
+      WriteZeros(piece.length, output);
+    }
+  });
+  return result;
+}
+
+int Cat(const CatArguments& arguments, Talk& talk) {
   const host::Image image(arguments.image);
   const host::Entry entry = FindOrFail(image, arguments.path);
-  host::FileReader reader = image.OpenFile(entry);
-  if (arguments.offset > reader.Size()) {
+  if (arguments.offset > entry.Size()) {
     throw host::Error(image.Path(), entry.Path() + ": offset is " +
                                         std::to_string(arguments.offset) + ", the file has " +
-                                        std::to_string(reader.Size()) + " bytes");
+                                        std::to_string(entry.Size()) + " bytes");
   }
+  if (DamageChoice(arguments.onDamage) != host::OnDamage::Stop) {
+    return CatDamaged(image, entry, arguments, talk);
+  }
+  host::FileReader reader = image.OpenFile(entry);
   Output output;
   std::vector<unsigned char> piece(kPiece);
   uint64_t at = arguments.offset;
@@ -56,8 +93,12 @@ void DeclareCat(CLI::App& app, Session& session) {
   command->add_option("--length", arguments->length, "How many bytes at most")
       ->type_name("N")
       ->check(CLI::NonNegativeNumber);
-  command->callback(
-      [arguments, &session] { session.run = [arguments] { return Cat(*arguments); }; });
+  AddDamageOption(*command, arguments->onDamage);
+  command->add_flag("--json", arguments->json,
+                    "What is lost on standard error, one JSON object a line");
+  command->callback([arguments, &session] {
+    session.run = [arguments, &session] { return Cat(*arguments, session.talk); };
+  });
 }
 
 }  // namespace capsule::cli

@@ -2,7 +2,9 @@
 
 #include "capsule/host/extractor.h"
 #include "cli/command.h"
+#include "cli/damage.h"
 #include "cli/opening.h"
+#include "cli/output.h"
 #include "cli/text.h"
 
 namespace capsule::cli {
@@ -13,6 +15,8 @@ struct ExtractArguments {
   std::vector<std::string> paths;
   std::string target = ".";
   bool force = false;
+  bool json = false;
+  std::string onDamage = "stop";
 };
 
 // Paths that are not in the image are named, and the others extracted. How many were missing.
@@ -34,6 +38,12 @@ int Extract(const ExtractArguments& arguments, Talk& talk) {
   const host::Image image(arguments.image);
   host::ExtractOptions options;
   options.force = arguments.force;
+  Output output;
+  options.onDamage = DamageChoice(arguments.onDamage);
+  options.onLost = [&](const std::string& path, const host::LostRange& lost) {
+    talk.Complain(image.Path(), LostText(path, lost));
+    if (arguments.json) output.Write(LostJson(path, lost));
+  };
   options.onProgress = [&talk](const host::ExtractProgress& progress) {
     talk.Progress(progress.files, progress.bytes, progress.path);
   };
@@ -44,11 +54,13 @@ int Extract(const ExtractArguments& arguments, Talk& talk) {
   const host::ExtractReport report = extractor.Run();
   for (const host::ExtractProblem& problem : report.problems) {
     talk.Complain(image.Path(), problem.path + ": " + problem.reason);
+    if (arguments.json) output.Write(FailedJson(problem.path, problem.reason));
   }
   talk.Summarize(arguments.target + ": " + Counted(report.files, "file", "files") + " and " +
                  Counted(report.directories, "new folder", "new folders") + ", " +
                  Counted(report.bytes, "byte", "bytes"));
-  if (missing != 0 || !report.problems.empty()) result = kProblems;
+  const bool isAllThere = report.problems.empty() && report.damagedFiles == 0;
+  if (missing != 0 || !isAllThere) result = kProblems;
   return result;
 }
 
@@ -63,6 +75,9 @@ void DeclareExtract(CLI::App& app, Session& session) {
       ->type_name("DIR")
       ->capture_default_str();
   command->add_flag("--force", arguments->force, "Replace existing files");
+  AddDamageOption(*command, arguments->onDamage);
+  command->add_flag("--json", arguments->json,
+                    "What is lost on standard output, one JSON object a line");
   command->callback([arguments, &session] {
     session.run = [arguments, &session] { return Extract(*arguments, session.talk); };
   });

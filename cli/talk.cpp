@@ -40,6 +40,11 @@ void Talk::Complain(const std::string& message) {
   Write("capsule: " + (m_bTerminal ? ToUtf8(message) : message) + "\n");
 }
 
+void Talk::WriteLine(const std::string& line) {
+  ClearProgress();
+  Write(line);
+}
+
 void Talk::Summarize(const std::string& text) {
   if (m_bQuiet) return;
   ClearProgress();

@@ -24,6 +24,9 @@ class Talk {
   // "capsule: message", the message being one line already.
   void Complain(const std::string& message);
 
+  // A line for programs, with its line end, as it is.
+  void WriteLine(const std::string& line);
+
   // Tells what was done.
   void Summarize(const std::string& text);
 

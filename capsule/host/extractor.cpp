@@ -136,14 +136,14 @@ void Extractor::Impl::Leave() {
 
 void Extractor::Impl::ExtractFile(const Entry& file) {
   try {
-    report.bytes += host::ExtractFile(image, file, current.Get(), options.force);
+    const ExtractedFile done = host::ExtractFile(image, file, current.Get(), options);
+    report.bytes += done.bytes;
+    if (done.isDamaged) ++report.damagedFiles;
     ++report.files;
     Tell(file);
   } catch (const Error& error) {
     // The reader names the entry, and so does the report.
-    const std::string prefix = file.Path() + ": ";
-    const std::string& reason = error.Reason();
-    Problem(file, reason.starts_with(prefix) ? reason.substr(prefix.size()) : reason);
+    Problem(file, WithoutPath(error.Reason(), file.Path()));
   }
 }
 

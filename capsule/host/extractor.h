@@ -27,6 +27,7 @@
 #include <vector>
 
 #include "capsule/export.h"
+#include "capsule/host/damaged_file.h"
 #include "capsule/host/image.h"
 
 namespace capsule::host {
@@ -43,6 +44,11 @@ struct ExtractProgress {
 
 struct ExtractOptions {
   bool force = false;
+
+  // Files whose records are damaged. Unless it is Stop, every file is decoded twice, and each part
+  // of it that is not there as it was goes to `onLost`, in order, with the file's path.
+  OnDamage onDamage = OnDamage::Stop;
+  std::function<void(const std::string& path, const LostRange&)> onLost;
   std::function<void(const ExtractProgress&)> onProgress;
 };
 
@@ -55,6 +61,7 @@ struct ExtractReport {
   uint64_t files = 0;
   uint64_t directories = 0;  // made, not only entered
   uint64_t bytes = 0;
+  uint64_t damagedFiles = 0;  // of `files`: those that something is lost of
   std::vector<ExtractProblem> problems;
 };
 

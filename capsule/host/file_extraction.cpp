@@ -32,8 +32,20 @@ class TemporaryFile {
   TemporaryFile& operator=(const TemporaryFile&) = delete;
 
   void Append(std::span<const unsigned char> bytes) {
-    if (!platform::WriteHere(m_File.Get(), bytes.data(), bytes.size())) Fail("cannot write");
+    if (!platform::WriteAt(m_File.Get(), bytes.data(), bytes.size(),
+                           static_cast<int64_t>(m_nSize))) {
+      Fail("cannot write");
+    }
+    m_nSize += bytes.size();
   }
+
+  // Takes no room where the file system knows holes.
+  void AppendZeros(uint64_t count) {
+    m_nSize += count;
+    if (!platform::Truncate(m_File.Get(), static_cast<int64_t>(m_nSize))) Fail("cannot write");
+  }
+
+  uint64_t Size() const { return m_nSize; }
 
   void Publish(bool force) {
     const auto time = m_Entry.ModifiedTime();
@@ -54,6 +66,7 @@ class TemporaryFile {
   Entry m_Entry;
   std::string m_strName;
   ScopedDescriptor m_File;
+  uint64_t m_nSize = 0;
   bool m_bPublished = false;
 };
 
@@ -71,10 +84,32 @@ void RefuseExisting(const Entry& file, int folder, bool force) {
   }
 }
 
+ExtractedFile ExtractLeft(const Image& image, const Entry& file, int folder,
+                          const ExtractOptions& options) {
+  TemporaryFile out(folder, file);
+  ExtractedFile done;
+  image.ReadDamaged(file, 0, file.Size(), [&](const FilePiece& piece) {
+    if (const auto lost = LostIn(piece)) {
+      done.isDamaged = true;
+      if (options.onLost) options.onLost(file.Path(), *lost);
+    }
+    if (options.onDamage == OnDamage::Skip || piece.kind == FilePiece::Kind::Data) {
+      out.Append(piece.bytes);
+    } else if (piece.kind == FilePiece::Kind::Lost) {
+      out.AppendZeros(piece.length);
+    }
+  });
+  out.Publish(options.force);
+  done.bytes = out.Size();
+  return done;
+}
+
 }  // namespace
 
-uint64_t ExtractFile(const Image& image, const Entry& file, int folder, bool force) {
-  RefuseExisting(file, folder, force);
+ExtractedFile ExtractFile(const Image& image, const Entry& file, int folder,
+                          const ExtractOptions& options) {
+  RefuseExisting(file, folder, options.force);
+  if (options.onDamage != OnDamage::Stop) return ExtractLeft(image, file, folder, options);
   FileReader reader = image.OpenFile(file);
   std::vector<unsigned char> piece(std::min<size_t>(kPiece, file.Size()));
   TemporaryFile out(folder, file);
@@ -84,8 +119,8 @@ uint64_t ExtractFile(const Image& image, const Entry& file, int folder, bool for
     out.Append(std::span(piece).first(count));
     at += count;
   } while (at < file.Size());
-  out.Publish(force);
-  return file.Size();
+  out.Publish(options.force);
+  return {file.Size(), false};
 }
 
 }  // namespace capsule::host

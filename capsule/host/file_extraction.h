@@ -3,12 +3,20 @@
 
 #include <cstdint>
 
+#include "capsule/host/extractor.h"
 #include "capsule/host/image.h"
 
 namespace capsule::host {
 
-// `folder` is a descriptor. The file appears under its name when it is complete, or not at all; an
-// existing one is replaced only with `force`. How many bytes were written; throws Error.
-uint64_t ExtractFile(const Image& image, const Entry& file, int folder, bool force);
+struct ExtractedFile {
+  uint64_t bytes = 0;
+  bool isDamaged = false;  // and all that is lost of it was told
+};
+
+// `folder` is a descriptor. The file appears under its name when it is complete, or when the
+// options take what is left of it, or not at all; an existing one is replaced only with `force`.
+// Throws Error.
+ExtractedFile ExtractFile(const Image& image, const Entry& file, int folder,
+                          const ExtractOptions& options);
 
 }  // namespace capsule::host

@@ -10,11 +10,11 @@
 
 namespace capsule::host {
 
-FileWindow::FileWindow(int descriptor, std::string name)
-    : m_nDescriptor(descriptor), m_strName(std::move(name)), m_Bytes(kSize) {}
+FileWindow::FileWindow(int descriptor, std::string name, size_t size)
+    : m_nDescriptor(descriptor), m_strName(std::move(name)), m_Bytes(size) {}
 
 std::span<const unsigned char> FileWindow::At(uint64_t offset, size_t count) {
-  count = std::min(count, kSize);
+  count = std::min(count, m_Bytes.size());
   const bool inside = offset >= m_nStart && offset - m_nStart <= m_nFilled &&
                       count <= m_nFilled - static_cast<size_t>(offset - m_nStart);
   if (!inside) Fill(offset, count);
@@ -26,7 +26,7 @@ void FileWindow::Fill(uint64_t offset, size_t count) {
   // Whoever leaves much out is after headers, and would have most of a large window read for
   // naught.
   const bool isLeap = offset > m_nStart + m_nFilled + kLeapSize;
-  const size_t wanted = isLeap ? std::max(count, kLeapSize) : kSize;
+  const size_t wanted = isLeap ? std::max(count, kLeapSize) : m_Bytes.size();
   const int64_t got =
       platform::ReadAt(m_nDescriptor, m_Bytes.data(), wanted, static_cast<int64_t>(offset));
   m_nStart = offset;

@@ -13,10 +13,10 @@ class FileWindow {
   static constexpr size_t kSize = size_t{64} << 10;
 
   // `descriptor` stays the caller's; `name` is what errors call the file.
-  FileWindow(int descriptor, std::string name);
+  FileWindow(int descriptor, std::string name, size_t size = kSize);
 
-  // Up to `count` bytes (at most kSize) at `offset`, fewer only at the end of the file. Valid until
-  // the next call. Throws Error when the file cannot be read.
+  // Up to `count` bytes (at most the size of the window) at `offset`, fewer only at the end of the
+  // file. Valid until the next call. Throws Error when the file cannot be read.
   std::span<const unsigned char> At(uint64_t offset, size_t count);
 
  private:

@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <cerrno>
 
+#include "capsule/host/damaged_reader.h"
 #include "capsule/host/file_reader_impl.h"
 #include "capsule/host/image_open.h"
 #include "capsule/host/reason.h"
@@ -64,6 +65,20 @@ std::optional<FileCheck> CheckOf(const std::vector<FileCheck>& checks, uint32_t 
   return *check;
 }
 
+constexpr size_t kPieceSize = size_t{64} << 10;
+
+// Why the file that lies there cannot be read completely, or nothing.
+std::string ProblemOf(const RecordSource& source) {
+  try {
+    RecordStream records(source);
+    if (source.size == 0) records.CheckEmpty();
+    while (records.ChunkEnd() < source.size) records.Advance(records.ChunkEnd());
+    return {};
+  } catch (const Error& error) {
+    return WithoutPath(error.Reason(), source.entryPath);
+  }
+}
+
 // Takes "N:" from the front of `path`; partition 0 without it, none when N is out of reach.
 std::optional<uint32_t> TakePartition(std::string_view* path) {
   size_t digits = 0;
@@ -114,7 +129,7 @@ std::optional<Entry> Image::Find(std::string_view path) const {
   return catalog.At(*at);
 }
 
-FileReader Image::OpenFile(const Entry& entry) const {
+RecordSource Image::SourceOf(const Entry& entry) const {
   const CatalogNode& node = m_pImpl->catalog->Node(entry.m_nId);
   if (node.isDirectory) throw Error(Path(), entry.Path() + ": is a directory");
   RecordSource source;
@@ -128,8 +143,29 @@ FileReader Image::OpenFile(const Entry& entry) const {
   if (!source.ntfs) source.check = CheckOf(m_pImpl->checks, node.offset);
   source.imagePath = Path();
   source.entryPath = entry.Path();
+  return source;
+}
+
+FileReader Image::OpenFile(const Entry& entry) const {
   return FileReader(std::unique_ptr<FileReader::Impl>(
-      new FileReader::Impl{RecordStream(std::move(source)), false}));
+      new FileReader::Impl{RecordStream(SourceOf(entry)), false}));
+}
+
+void Image::ReadDamaged(const Entry& entry, uint64_t offset, uint64_t length,
+                        const TakePiece& take) const {
+  const RecordSource source = SourceOf(entry);
+  const uint64_t begin = std::min(offset, source.size);
+  const uint64_t end = begin + std::min(length, source.size - begin);
+  const std::string problem = ProblemOf(source);
+  if (!problem.empty()) return DamagedReader(source, problem, begin, end, take).Run();
+  FileReader reader = OpenFile(entry);
+  std::vector<unsigned char> bytes(kPieceSize);
+  for (uint64_t at = begin; at < end;) {
+    const auto wanted = static_cast<size_t>(std::min<uint64_t>(end - at, bytes.size()));
+    const size_t count = reader.Read(at, std::span(bytes).first(wanted));
+    take({FilePiece::Kind::Data, at, count, std::span(bytes).first(count), {}});
+    at += count;
+  }
 }
 
 size_t Image::Read(const Entry& entry, uint64_t offset, std::span<unsigned char> out) const {

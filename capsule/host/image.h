@@ -23,11 +23,14 @@
 #include <vector>
 
 #include "capsule/export.h"
+#include "capsule/host/damaged_file.h"
 #include "capsule/host/entry.h"
 #include "capsule/host/error.h"
 #include "capsule/host/file_reader.h"
 
 namespace capsule::host {
+
+struct RecordSource;
 
 struct PartitionInfo {
   uint8_t systemId = 0;      // in the numbering of PC partition tables
@@ -80,11 +83,23 @@ class CAPSULE_API Image {
   // Throws for a directory.
   FileReader OpenFile(const Entry& entry) const;
 
+  // What is left of a file whose records may be damaged: the pieces of `length` bytes from `offset`
+  // on, in order; fewer at the end of the file. A file without damage is a single stretch of data;
+  // one that is damaged has lost pieces, or is uncertain as a whole. The file is decoded once
+  // before the first piece. Throws for a directory, or when the image cannot be read at all.
+  //
+  // A check value covers a file as a whole: when some of a file is lost, nothing but the rules of
+  // the records speaks for the rest.
+  void ReadDamaged(const Entry& entry, uint64_t offset, uint64_t length,
+                   const TakePiece& take) const;
+
   // OpenFile and one Read, which decodes from the file's first record on: for many ranges of one
   // file keep a reader.
   size_t Read(const Entry& entry, uint64_t offset, std::span<unsigned char> out) const;
 
  private:
+  RecordSource SourceOf(const Entry& entry) const;
+
   struct Impl;
   std::unique_ptr<Impl> m_pImpl;
 };

@@ -18,4 +18,9 @@ std::string Hex(uint64_t value) {
   return text;
 }
 
+std::string WithoutPath(const std::string& reason, const std::string& path) {
+  const std::string start = path + ": ";
+  return reason.starts_with(start) ? reason.substr(start.size()) : reason;
+}
+
 }  // namespace capsule::host

@@ -9,6 +9,9 @@ namespace capsule::host {
 // What the system says about `error`, in lower case.
 std::string SystemReason(int error);
 
+// `reason` without the "path: " that it may begin with.
+std::string WithoutPath(const std::string& reason, const std::string& path);
+
 // 8000 is "0x1f40".
 std::string Hex(uint64_t value);
 

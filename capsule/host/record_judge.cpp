@@ -4,6 +4,7 @@
 
 #include "capsule/blocks/data_block_format.h"
 #include "capsule/host/unit_decoder.h"
+#include "capsule/partition/ntfs_format.h"
 #include "capsule/partition/record_format.h"
 
 namespace capsule::host {
@@ -18,16 +19,32 @@ std::string JudgeDataHeader(const _MiniHeader& header, bool imageIsCompressed) {
   return {};
 }
 
-bool IsWholeDataRecord(std::span<const unsigned char> bytes, bool imageIsCompressed) {
-  if (bytes.size() < kMiniHeaderSize || bytes[0] != kRecordDataBlock || bytes[1] > 1) return false;
-  const _MiniHeader header = DecodeMiniHeader(bytes.first<kMiniHeaderSize>());
-  if (header.Length > bytes.size() - kMiniHeaderSize) return false;
-  if (!JudgeDataHeader(header, imageIsCompressed).empty()) return false;
-  if (!IsCompressedPayload(header, imageIsCompressed)) return true;
+std::optional<DataRecord> DecodeDataRecord(std::span<const unsigned char> bytes,
+                                           bool imageIsCompressed, bool ntfs) {
+  const uint32_t headerSize = ntfs ? kNtfsHeaderSize : kMiniHeaderSize;
+  if (bytes.size() < headerSize) return std::nullopt;
+  _MiniHeader header{};
+  if (ntfs) {
+    const _NTFSMiniHeader stored = DecodeNtfsHeader(bytes.first<kNtfsHeaderSize>());
+    if (!IsNtfsData(stored.RecordType)) return std::nullopt;
+    header = {kRecordDataBlock, stored.LastFlag, stored.UncompressedLength, stored.Length};
+  } else {
+    if (bytes[0] != kRecordDataBlock || bytes[1] > 1) return std::nullopt;
+    header = DecodeMiniHeader(bytes.first<kMiniHeaderSize>());
+  }
+  if (!JudgeDataHeader(header, imageIsCompressed).empty()) return std::nullopt;
+  return DataRecord{headerSize, header.Length, UncompressedLength(header, imageIsCompressed),
+                    IsCompressedPayload(header, imageIsCompressed), header.Flag == 1};
+}
+
+bool IsWholeDataRecord(std::span<const unsigned char> bytes, bool imageIsCompressed, bool ntfs) {
+  const auto record = DecodeDataRecord(bytes, imageIsCompressed, ntfs);
+  if (!record || record->Size() > bytes.size()) return false;
+  if (!record->isCompressed) return true;
   UnitDecoder decoder;
   decoder.Pretend(0);
-  std::vector<unsigned char> chunk(header.Param);
-  return decoder.Decode(bytes.subspan(kMiniHeaderSize, header.Length), chunk).empty();
+  std::vector<unsigned char> chunk(record->chunk);
+  return decoder.Decode(bytes.subspan(record->headerSize, record->payload), chunk).empty();
 }
 
 }  // namespace capsule::host

@@ -2,6 +2,7 @@
 #pragma once
 
 #include <cstdint>
+#include <optional>
 #include <span>
 #include <string>
 
@@ -12,14 +13,30 @@ namespace capsule::host {
 // What is wrong with the flag, param or length of a data block record's header, or nothing.
 std::string JudgeDataHeader(const _MiniHeader& header, bool imageIsCompressed);
 
-// Whether `bytes` begin with a data block record that is whole: of type 3, its header without
-// fault, its payload within `bytes`, and when that is compressed a unit of exactly the stated
-// length, whatever its history was. More bytes may follow.
+// A data record as its header has it, in sections of FAT-style or of NTFS records.
+struct DataRecord {
+  uint32_t headerSize = 0;
+  uint32_t payload = 0;  // bytes behind the header
+  uint32_t chunk = 0;    // bytes of the file that they stand for
+  bool isCompressed = false;
+  bool isLast = false;  // it says so
+
+  uint32_t Size() const { return headerSize + payload; }
+};
+
+// The record whose header `bytes` begin with; none when that breaks a rule.
+std::optional<DataRecord> DecodeDataRecord(std::span<const unsigned char> bytes,
+                                           bool imageIsCompressed, bool ntfs);
+
+// Whether `bytes` begin with a data record that is whole: its header without fault, its payload
+// within `bytes`, and when that is compressed a unit of exactly the stated length, whatever its
+// history was. More bytes may follow.
 //
 // Chance does not make such a header (1 in 2^40) nor such a unit. But a stored record has nothing
 // beside its header to tell it from table data that reads alike: judge what follows it as well.
 //
 // Cheap where there is no such header, else linear in the payload and the chunk.
-bool IsWholeDataRecord(std::span<const unsigned char> bytes, bool imageIsCompressed);
+bool IsWholeDataRecord(std::span<const unsigned char> bytes, bool imageIsCompressed,
+                       bool ntfs = false);
 
 }  // namespace capsule::host

@@ -18,25 +18,11 @@
 #include <vector>
 
 #include "capsule/host/content_check.h"
-#include "capsule/host/file_check.h"
+#include "capsule/host/record_source.h"
 #include "capsule/host/unit_decoder.h"
 #include "capsule/partition/directory_records.h"
 
 namespace capsule::host {
-
-// Where a file's records lie, and what is said about them in messages.
-struct RecordSource {
-  int descriptor = -1;
-  bool imageIsCompressed = false;
-  uint64_t begin = 0;
-  uint64_t limit = 0;
-  uint64_t size = 0;
-  bool ntfs = false;        // records are those of an NTFS partition
-  uint64_t fileRecord = 0;  // NTFS: where the file's FILE record lies
-  std::optional<FileCheck> check = {};
-  std::string imagePath;
-  std::string entryPath;
-};
 
 class RecordStream {
  public:

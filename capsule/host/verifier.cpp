@@ -121,10 +121,7 @@ class VerifyRun {
 
   // The reason without the path that it begins with.
   void TellError(const Error& error, const std::string& path, uint64_t offset) {
-    const std::string start = path + ": ";
-    const std::string& reason = error.Reason();
-    Tell(error.Offset().value_or(offset), path,
-         reason.starts_with(start) ? reason.substr(start.size()) : reason);
+    Tell(error.Offset().value_or(offset), path, WithoutPath(error.Reason(), path));
   }
 
   // What the index leaves out, readers never see. Only then is the image walked again.

@@ -1,0 +1,25 @@
+// Where a file's records lie, and what is said about them in messages.
+#pragma once
+
+#include <cstdint>
+#include <optional>
+#include <string>
+
+#include "capsule/host/file_check.h"
+
+namespace capsule::host {
+
+struct RecordSource {
+  int descriptor = -1;
+  bool imageIsCompressed = false;
+  uint64_t begin = 0;
+  uint64_t limit = 0;
+  uint64_t size = 0;
+  bool ntfs = false;        // records are those of an NTFS partition
+  uint64_t fileRecord = 0;  // NTFS: where the file's FILE record lies
+  std::optional<FileCheck> check = {};
+  std::string imagePath;
+  std::string entryPath;
+};
+
+}  // namespace capsule::host

@@ -1,0 +1,111 @@
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <filesystem>
+#include <nlohmann/json.hpp>
+#include <random>
+#include <sstream>
+
+#include "tests/cli/command_runner.h"
+
+namespace capsule::test {
+namespace {
+
+namespace fs = std::filesystem;
+
+std::vector<nlohmann::json> ParseLines(const std::string& text) {
+  std::vector<nlohmann::json> lines;
+  std::istringstream stream(text);
+  for (std::string line; std::getline(stream, line);) lines.push_back(nlohmann::json::parse(line));
+  return lines;
+}
+
+// An image of a compressed file whose fourth record is torn, and of another that is whole.
+class DamageTest : public testing::Test {
+ protected:
+  DamageTest() {
+    std::mt19937 random(17);
+    while (m_Text.size() < 100000) {
+      m_Text += std::to_string(random()) + (random() % 4 == 0 ? "\n" : " and so on; ");
+    }
+    m_Text.resize(100000);
+    fs::create_directories(At("in"));
+    WriteFile(At("in/text"), m_Text);
+    WriteFile(At("in/whole"), "content");
+    EXPECT_EQ(RunCapsule({"create", "-q", At("i"), At("in")}).status, 0);
+    std::string bytes = ReadFile(At("i"));
+    std::vector<nlohmann::json> records;
+    for (const auto& item : ParseLines(RunCapsule({"inspect", "--json", At("i")}).out)) {
+      if (item.value("kind", "") == "data block") records.push_back(item);
+    }
+    const size_t record = records.at(3)["offset"];
+    for (size_t i = 100; i < 140; ++i) bytes[record + i] = static_cast<char>(0xFF);
+    WriteFile(At("i"), bytes);
+  }
+
+  std::string At(const std::string& name) const { return m_Directory / name; }
+
+  // The source without, or with zeros for, what was told to be lost.
+  std::string Left(const std::vector<nlohmann::json>& told, bool zeros) const {
+    std::string left = m_Text;
+    for (auto line = told.rbegin(); line != told.rend(); ++line) {
+      EXPECT_EQ((*line)["path"], "0:/text");
+      EXPECT_FALSE((*line)["reason"].get<std::string>().empty());
+      if ((*line)["state"] != "lost") continue;
+      const size_t length = (*line)["length"];
+      left.replace((*line)["offset"], length, zeros ? length : 0, '\0');
+    }
+    return left;
+  }
+
+  CommandResult Extract(const std::string& choice) const {
+    fs::create_directories(At(choice));
+    return RunCapsule(
+        {"extract", "-q", At("i"), "-C", At(choice), "--on-damage", choice, "--json"});
+  }
+
+  TempDir m_Directory;
+  std::string m_Text;
+};
+
+TEST_F(DamageTest, ExtractLeavesOutSkipsOrZeroesWhatIsLost) {
+  const CommandResult stop = Extract("stop");
+  EXPECT_EQ(stop.status, 1);
+  EXPECT_FALSE(fs::exists(At("stop/text")));
+  EXPECT_EQ(ParseLines(stop.out).at(0)["state"], "failed");
+
+  const CommandResult zero = Extract("zero");
+  EXPECT_EQ(zero.status, 1) << zero.err;
+  const auto told = ParseLines(zero.out);
+  ASSERT_GE(told.size(), 2U);
+  EXPECT_EQ(told.front()["offset"], 3 * 8192);
+  EXPECT_GE(told.front()["length"], 8192);
+  EXPECT_EQ(told.back()["state"], "uncertain");
+  EXPECT_TRUE(ReadFile(At("zero/text")) == Left(told, true));
+  EXPECT_NE(zero.err.find("i: 0:/text: bytes 24576 to "), std::string::npos) << zero.err;
+  EXPECT_EQ(std::count(zero.err.begin(), zero.err.end(), '\n'),
+            std::count(zero.out.begin(), zero.out.end(), '\n'));
+
+  const CommandResult skip = Extract("skip");
+  EXPECT_EQ(skip.status, 1);
+  EXPECT_EQ(skip.out, zero.out);
+  EXPECT_TRUE(ReadFile(At("skip/text")) == Left(told, false));
+  for (const char* choice : {"stop", "skip", "zero"}) {
+    EXPECT_EQ(ReadFile(At(std::string(choice) + "/whole")), "content");
+  }
+}
+
+TEST_F(DamageTest, CatTellsTheLossOnStandardError) {
+  const std::vector<std::string> range = {"--offset", "20000", "--length", "15000"};
+  std::vector<std::string> arguments = {"cat", At("i"), "text", "--on-damage=zero", "--json"};
+  arguments.insert(arguments.end(), range.begin(), range.end());
+  const CommandResult zero = RunCapsule(arguments);
+  EXPECT_EQ(zero.status, 1);
+  EXPECT_TRUE(zero.out == Left(ParseLines(zero.err), true).substr(20000, 15000));
+  EXPECT_EQ(RunCapsule({"cat", At("i"), "text"}).status, 2);
+  EXPECT_EQ(RunCapsule({"cat", At("i"), "whole", "--on-damage=skip"}).status, 0);
+  EXPECT_EQ(RunCapsule({"cat", At("i"), "text", "--on-damage=all"}).status, 2);
+}
+
+}  // namespace
+}  // namespace capsule::test
