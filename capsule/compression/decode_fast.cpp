@@ -1,8 +1,15 @@
-// A round of the loop decodes from one load of 64 bits: either a run of literals, whose bytes are
-// gathered and stored all at once, or two tokens. Which of the tokens comes is hard to predict, so
-// those go without a branch: what a literal and a match have in common is that some bytes are
+// A round of the loop decodes from a window of 64 bits: either a run of literals, whose bytes are
+// gathered and stored all at once, or three tokens. Which of the tokens comes is hard to predict,
+// so those go without a branch: what a literal and a match have in common is that some bytes are
 // copied from somewhere. For a literal that is a table of all bytes. 32 bytes are copied whatever
 // the length is; what is stored too much is overwritten by the next copy.
+//
+// What the loop waits for is the way from the bits of a token to those of the next: one look-up in
+// each of two tables at a fixed place of the window, the choice between them, a shift. So nothing
+// else is on it: the 64 bits behind the window are loaded while its tokens are decoded, and move in
+// at the end of the round. Whether an offset leads before the first byte is asked only while fewer
+// bytes are there than the largest offset; offset 0, the end marker and long lengths all fail the
+// one comparison that finds a copy meeting what it writes.
 #include "capsule/compression/decode_fast.h"
 
 #include <algorithm>
@@ -19,64 +26,59 @@
 namespace capsule::lzs {
 namespace {
 
-// Bits that a load holds at the least, after up to seven are shifted out.
-constexpr unsigned kLoadedBits = 57;
-
-// A match whose length has at most one group; two are decoded from one load, and a third token
-// where those were shorter.
+// A match whose length has at most one group; three of those are decoded from a window, or a run of
+// literals. A window always holds 64 bits, those of the stream from the next token on.
+constexpr unsigned kWindowBits = 64;
 constexpr unsigned kShortMatchBits = kMaxHeaderBits + kGroupBits;
-static_assert(2 * kShortMatchBits <= kLoadedBits);
-static_assert(kLiteralsAtOnce * kLiteralBits <= kLoadedBits);
+static_assert(kTokensAtOnce * kShortMatchBits < kWindowBits);
+static_assert(kLiteralsAtOnce * kLiteralBits < kWindowBits);
 
-// The first bits of tokens that are all literals: of four, which are worth a run, and of as many as
-// a run may have; the last of those stands for its end.
-constexpr uint64_t kRunFlags = 0x8040201000000000;
-constexpr uint64_t kTokenFlags = 0x8040201008040000;
-constexpr uint64_t kRunEnd = uint64_t{1} << (63 - kLiteralsAtOnce * kLiteralBits);
+// The first bits of tokens that are all literals: of three, which are worth a run, and of as many
+// as a run may have.
+constexpr uint64_t kRunFlags = 0x8040200000000000;
+constexpr uint64_t kAllFlags = 0x8040201008040200;
 
-// What a token says but for its offset or byte.
-struct TokenEntry {
-  uint8_t bits;    // of the whole token, with one group of the length if there is one
-  uint8_t length;  // 0: the length has more than one group
-};
+// What a token says but for its offset or byte. One number, so that it can be chosen without a
+// branch and several can be added up: `bits`, of the whole token with one group of the length if
+// there is one; from bit 8 the length; from bit 16 the smallest offset that is no smaller than the
+// length or than 16, so that copies of 16 bytes do not meet what they write. That is kNever for a
+// length with more than one group, and nothing for a literal.
+constexpr unsigned kLengthShift = 8;
+constexpr unsigned kLeastShift = 16;
+constexpr uint32_t kNever = 0xFFFF;
+constexpr uint32_t MakeEntry(unsigned bits, uint32_t length, uint32_t least) {
+  return bits | length << kLengthShift | least << kLeastShift;
+}
+constexpr uint32_t kLiteralEntry = MakeEntry(kLiteralBits, 1, 0);
 
-// By the two bits that a token begins with (0 and 1: a literal) and the eight bits behind the
-// offset.
-constexpr std::array<TokenEntry, 1024> MakeTokens() {
-  std::array<TokenEntry, 1024> table{};
-  for (unsigned i = 0; i < table.size(); ++i) {
-    const unsigned form = i >> 8;
-    const unsigned code = i >> 4 & 15;
-    const unsigned group = i & 15;
-    const unsigned offsetBits = form == 3 ? kShortOffsetBits : kLongOffsetBits;
-    if (form < 2)
-      table[i] = {kLiteralBits, 1};
-    else if (code < kFullGroup)
-      table[i] = {static_cast<uint8_t>(offsetBits + kLengthBits[code]), kLengths[code]};
-    else if (group < kFullGroup)
-      table[i] = {static_cast<uint8_t>(offsetBits + kMaxLengthBits + kGroupBits),
-                  static_cast<uint8_t>(kFirstGroupedLength + group)};
+// Matches by the eight bits behind the offset.
+constexpr std::array<uint32_t, 256> MakeMatches(unsigned offsetBits) {
+  std::array<uint32_t, 256> table{};
+  for (uint32_t i = 0; i < table.size(); ++i) {
+    const uint32_t code = i >> 4;
+    const uint32_t group = i & 15;
+    const unsigned bits = offsetBits + kLengthBits[code] + (code == kFullGroup ? kGroupBits : 0);
+    const uint32_t length = kLengths[code] + (code == kFullGroup ? group : 0);
+    const bool isLong = code == kFullGroup && group == kFullGroup;
+    table[i] = MakeEntry(bits, length, isLong ? kNever : std::min<uint32_t>(length, 16));
   }
   return table;
 }
-constexpr std::array<TokenEntry, 1024> kTokens = MakeTokens();
 static_assert(kMaxCopied == kFirstGroupedLength + kFullGroup - 1 && kMaxCopied <= kCopySize);
 
-// The offset of a match is 11 bits, or the upper 7 of those; what follows it moves likewise.
-inline unsigned ShortShift(uint64_t bits) { return static_cast<unsigned>(bits >> 60 & 4); }
-inline uint64_t OffsetOf(uint64_t bits) { return (bits >> 51 & kMaxOffset) >> ShortShift(bits); }
-inline TokenEntry TokenOf(uint64_t bits) {
-  return kTokens[bits >> 62 << 8 | (bits >> (43 + ShortShift(bits)) & 0xFF)];
+struct Tables {
+  std::array<uint32_t, 256> shortMatches = MakeMatches(kShortOffsetBits);
+  std::array<uint32_t, 256> longMatches = MakeMatches(kLongOffsetBits);
+  // Every byte, where a copy of one finds it; and bytes to copy behind the last.
+  std::array<unsigned char, 256 + kCopySize> bytes{};
+};
+constexpr Tables MakeTables() {
+  Tables tables;
+  for (unsigned i = 0; i < tables.bytes.size(); ++i)
+    tables.bytes[i] = static_cast<unsigned char>(i);
+  return tables;
 }
-static_assert(kLongOffsetBits - kShortOffsetBits == 4);
-
-// Every byte, where a copy of one finds it; and bytes to copy behind the last.
-constexpr std::array<unsigned char, 256 + kCopySize> MakeBytes() {
-  std::array<unsigned char, 256 + kCopySize> table{};
-  for (unsigned i = 0; i < table.size(); ++i) table[i] = static_cast<unsigned char>(i);
-  return table;
-}
-constexpr std::array<unsigned char, 256 + kCopySize> kBytes = MakeBytes();
+constexpr Tables kTables = MakeTables();
 
 constexpr uint64_t kLiteralFields = 0x7FBFDFEFF7FBFDFE;
 
@@ -95,14 +97,21 @@ inline void Copy16(unsigned char* to, const unsigned char* from) {
   std::memcpy(to, bytes, sizeof bytes);
 }
 
+// 64 bits from any bit on; of nine bytes.
+inline uint64_t LoadBits(const unsigned char* base, uint64_t position) {
+  const unsigned char* from = base + (position >> 3);
+  const unsigned shift = position & 7;
+  return LoadBig64(from) << shift | uint64_t{from[8]} >> (8 - shift);
+}
+
 // The groups of a length of 23 and more, from `position` on, as far as the source can be loaded.
 // True if the last one was among them; `length` then is the whole, else what is known of it.
-[[gnu::noinline]] bool ReadGroups(const unsigned char* base, uint64_t lastByte, uint64_t& position,
-                                  uint64_t& length) {
-  constexpr unsigned kAtOnce = (kLoadedBits - kGroupBits) / kGroupBits;
+inline bool ReadGroups(const unsigned char* base, uint64_t lastByte, uint64_t& position,
+                       uint64_t& length) {
+  constexpr unsigned kAtOnce = kWindowBits / kGroupBits - 1;
   constexpr uint64_t kEnough = uint64_t{1} << 31;  // no room is filled by more in one go
   while (position >> 3 <= lastByte && length < kEnough) {
-    const uint64_t bits = LoadBig64(base + (position >> 3)) << (position & 7);
+    const uint64_t bits = LoadBits(base, position);
     const uint64_t zeros = ~bits | uint64_t{1} << (63 - kAtOnce * kGroupBits);
     const auto full = static_cast<unsigned>(__builtin_clzll(zeros)) / kGroupBits;
     length += uint64_t{full} * kFullGroup;
@@ -115,112 +124,176 @@ inline void Copy16(unsigned char* to, const unsigned char* from) {
   return false;
 }
 
-struct Decoder {
-  const unsigned char* base;
-  uint64_t lastByte;  // from which a load is still in the source
-  uint64_t position;  // of the next token, in bits from `base`
-  unsigned char* out;
-
-  bool IsInSource() const { return position >> 3 <= lastByte; }
-  uint64_t Load() const { return LoadBig64(base + (position >> 3)) << (position & 7); }
+struct Progress {
+  uint64_t position;   // of the next token, in bits
+  unsigned char* out;  // null: the loop ends
 };
 
-// The token that `bits` begin with. False, with nothing done, if it is not a plain copy. Masks
-// choose between literal and match, since compilers would make branches of conditions.
-[[gnu::always_inline]] inline bool DecodeToken(const unsigned char* outBase, Decoder& decoder,
-                                               uint64_t& bits) {
-  const uint64_t ifMatch = 0 - (bits >> 63);
-  const TokenEntry token = TokenOf(bits);
-  const uint64_t offset = ((OffsetOf(bits) - 1) & ifMatch) + 1;
-  const bool isCorrupt = IsCorruptOffset(offset, decoder.out - outBase);
-  const bool isOverlapping = (offset < 16) & (token.length > offset);
-  if (isCorrupt | isOverlapping | (token.length == 0)) return false;
-  const auto literal = std::bit_cast<uintptr_t>(kBytes.data() + (bits >> 55 & 0xFF));
-  const auto match = std::bit_cast<uintptr_t>(decoder.out - offset);
-  const auto* from = std::bit_cast<const unsigned char*>(literal ^ ((literal ^ match) & ifMatch));
-  Copy16(decoder.out, from);
-  Copy16(decoder.out + 16, from + 16);
-  decoder.out += token.length;
-  decoder.position += token.bits;
-  bits <<= token.bits;
-  return true;
-}
-
-struct LongResult {
-  Decoder decoder;
-  bool goesOn;
-};
-
-// A match that is long or overlaps itself; it goes on unless source or room end, or it is corrupt.
-[[gnu::noinline]] LongResult DecodeLong(DecodeState& state, Decoder decoder) {
-  if (!decoder.IsInSource()) return {decoder, false};
-  const uint64_t bits = decoder.Load();
-  const auto offset = static_cast<uint32_t>(OffsetOf(bits));
-  if (IsCorruptOffset(offset, decoder.out - state.outBase)) return {decoder, false};
-  const TokenEntry token = TokenOf(bits);
-  uint64_t length = token.length;
+// A match that is long or overlaps itself, at `position`; the loop goes on unless source or room
+// end, or the match is corrupt.
+[[gnu::noinline]] Progress DecodeLong(DecodeState& state, uint64_t position, unsigned char* out) {
+  const unsigned char* base = state.in;
+  const uint64_t lastByte = static_cast<uint64_t>(state.inEnd - base) - kFastInput;
+  state.out = out;
+  if (position >> 3 > lastByte) return {position, nullptr};
+  const uint64_t bits = LoadBits(base, position);
+  const bool isShort = (bits >> 62 & 1) != 0;
+  const auto offset =
+      static_cast<uint32_t>(isShort ? bits >> 55 & kMaxShortOffset : bits >> 51 & kMaxOffset);
+  if (IsCorruptOffset(offset, out - state.outBase)) return {position, nullptr};
+  const uint32_t entry =
+      isShort ? kTables.shortMatches[bits >> 47 & 0xFF] : kTables.longMatches[bits >> 43 & 0xFF];
+  uint64_t length = entry >> kLengthShift & 0xFF;
   bool isWhole = true;
-  decoder.position += token.bits;
-  if (length == 0) {
-    length = kFirstGroupedLength;
-    decoder.position += kLongOffsetBits - ShortShift(bits) + kMaxLengthBits;
-    isWhole = ReadGroups(decoder.base, decoder.lastByte, decoder.position, length);
+  position += entry & 0xFF;
+  if (entry >> kLeastShift == kNever) {
+    isWhole = ReadGroups(base, lastByte, position, length);
   }
-  const auto count = static_cast<uint32_t>(
-      std::min<uint64_t>(length, static_cast<uint64_t>(state.outEnd - decoder.out)));
-  if (offset >= 16 && state.outEnd - decoder.out >= count + std::ptrdiff_t{16}) {
-    for (uint32_t done = 0; done < count; done += 16)
-      Copy16(decoder.out + done, decoder.out + done - offset);
+  const auto room = static_cast<uint64_t>(state.outEnd - out);
+  const auto count = static_cast<uint32_t>(std::min(length, room));
+  if (offset >= 16 && room >= count + 16) {
+    for (uint32_t done = 0; done < count; done += 16) Copy16(out + done, out + done - offset);
   } else {
-    CopyMatch(decoder.out, offset, count);
+    CopyMatch(out, offset, count);
   }
-  decoder.out += count;
-  if (isWhole && count == length) return {decoder, true};
+  out += count;
+  if (isWhole && count == length) return {position, out};
+  state.out = out;
   state.matchOffset = offset;
   state.matchRest = static_cast<uint32_t>(length - count);
   if (!isWhole) state.status = DecodeStatus::Groups;
-  return {decoder, false};
+  return {position, nullptr};
 }
 
-template <uint64_t (*kGather)(uint64_t)>
+// A window of the stream: the bits from the next token on, and the entries of the tokens before it,
+// added up, of which the lowest byte counts their bits.
+struct Window {
+  uint64_t bits;
+  uint64_t entries;
+};
+static_assert(kTokensAtOnce * kMaxCopied < 256);
+
+// Masks choose, since compilers would make branches of conditions.
+struct PortableSteps {
+  static uint64_t Gather(uint64_t bits) { return GatherLiterals(bits); }
+  // What the form of the offset decides: leaves the two of the short form, or takes those given.
+  static void ChooseForm(uint64_t bits, uint64_t& entry, uint64_t& offset, uint64_t longEntry,
+                         uint64_t longOffset) {
+    const uint64_t ifLong = (bits >> 62 & 1) - 1;
+    entry ^= (entry ^ longEntry) & ifLong;
+    offset ^= (offset ^ longOffset) & ifLong;
+  }
+  // Leaves what a match has, or takes what a literal has.
+  static void ChooseKind(uint64_t bits, uint64_t& entry, uintptr_t& from, uintptr_t byte) {
+    const uint64_t ifLiteral = (bits >> 63) - 1;
+    entry ^= (entry ^ kLiteralEntry) & ifLiteral;
+    from ^= (from ^ byte) & ifLiteral;
+  }
+};
+
+// The token that the window begins with. False, with nothing done, if it is not a plain copy.
+// With kHasHistory no offset leads further back than what is there.
+template <typename Steps, bool kHasHistory>
+[[gnu::always_inline]] inline bool DecodeToken(const unsigned char* outBase, unsigned char*& out,
+                                               Window& window) {
+  const uint64_t bits = window.bits;
+  uint64_t entry = kTables.shortMatches[bits >> 47 & 0xFF];
+  uint64_t offset = bits >> 55 & kMaxShortOffset;
+  Steps::ChooseForm(bits, entry, offset, kTables.longMatches[bits >> 43 & 0xFF],
+                    bits >> 51 & kMaxOffset);
+  if (!kHasHistory && (bits >> 63 != 0) & IsCorruptOffset(offset, out - outBase)) return false;
+  auto from = std::bit_cast<uintptr_t>(out - offset);
+  Steps::ChooseKind(bits, entry, from,
+                    std::bit_cast<uintptr_t>(kTables.bytes.data() + (bits >> 55 & 0xFF)));
+  if (offset < entry >> kLeastShift) return false;
+  const auto* source = std::bit_cast<const unsigned char*>(from);
+  Copy16(out, source);
+  Copy16(out + 16, source + 16);
+  out += entry >> kLengthShift & 0xFF;
+  window.bits = bits << (entry & 63);
+  window.entries += entry;
+  return true;
+}
+
+template <typename Steps, bool kHasHistory>
 [[gnu::always_inline]] inline void Decode(DecodeState& state) {
-  Decoder decoder{state.in, static_cast<uint64_t>(state.inEnd - state.in) - kLoadSize,
-                  state.bitOffset, state.out};
+  const unsigned char* const base = state.in;
+  const uint64_t lastByte = static_cast<uint64_t>(state.inEnd - base) - kFastInput;
+  uint64_t position = state.bitOffset;
   const unsigned char* const outBase = state.outBase;
-  unsigned char* const lastOut = state.outEnd - kFastOutput;
-  while (decoder.IsInSource() && decoder.out <= lastOut) {
-    uint64_t bits = decoder.Load();
-    if ((bits & kRunFlags) == 0) {
-      const auto run = static_cast<unsigned>(__builtin_clzll((bits & kTokenFlags) | kRunEnd));
-      StoreBig64(decoder.out, kGather(bits) << 8);
-      decoder.out += run / kLiteralBits;
-      decoder.position += run;
+  unsigned char* out = state.out;
+  const unsigned char* lastOut = state.outEnd - kFastOutput;
+  if (!kHasHistory) lastOut = std::min(lastOut, outBase + kMaxOffset);
+  Window window{LoadBits(base, position), 0};
+  while (position >> 3 <= lastByte && out <= lastOut) {
+    const uint64_t next = LoadBits(base, position + kWindowBits);
+    uint64_t used;
+    if ((window.bits & kRunFlags) == 0) {
+      StoreBig64(out, Steps::Gather(window.bits) << 8);
+      if ((window.bits & kAllFlags) == 0) {
+        out += kLiteralsAtOnce;
+        used = kLiteralsAtOnce * kLiteralBits;
+      } else {
+        used = static_cast<unsigned>(__builtin_clzll(window.bits & kAllFlags));
+        out += used / kLiteralBits;
+      }
+      window.bits <<= used;
+    } else if (DecodeToken<Steps, kHasHistory>(outBase, out, window) &&
+               DecodeToken<Steps, kHasHistory>(outBase, out, window) &&
+               DecodeToken<Steps, kHasHistory>(outBase, out, window)) {
+      used = window.entries & 0xFF;
+    } else {
+      const Progress after = DecodeLong(state, position + (window.entries & 0xFF), out);
+      position = after.position;
+      if (after.out == nullptr) {
+        out = state.out;
+        break;
+      }
+      out = after.out;
+      window = {LoadBits(base, std::min(position, lastByte * 8 + 7)), 0};
       continue;
     }
-    const uint64_t start = decoder.position;
-    if (DecodeToken(outBase, decoder, bits) && DecodeToken(outBase, decoder, bits) &&
-        (decoder.position - start > kLoadedBits - kShortMatchBits ||
-         DecodeToken(outBase, decoder, bits)))
-      continue;
-    const LongResult result = DecodeLong(state, decoder);
-    decoder = result.decoder;
-    if (!result.goesOn) break;
+    position += used;
+    window = {window.bits | next >> 1 >> (used ^ 63), 0};
   }
-  state.out = decoder.out;
-  state.in = decoder.base + (decoder.position >> 3);
-  state.bitOffset = decoder.position & 7;
+  state.out = out;
+  state.in = base + (position >> 3);
+  state.bitOffset = position & 7;
+}
+
+// Without a whole history the loop ends when there is one, and is entered anew.
+template <typename Steps>
+[[gnu::always_inline]] inline void DecodeWith(DecodeState& state) {
+  if (state.out - state.outBase >= kMaxOffset) return Decode<Steps, true>(state);
+  Decode<Steps, false>(state);
 }
 
 #ifdef __x86_64__
-// The same code for processors that shift by a register without the flags and extract bits at once.
-[[gnu::target("bmi,bmi2")]] inline uint64_t ExtractLiterals(uint64_t bits) {
-  return _pext_u64(bits, kLiteralFields);
-}
-[[gnu::target("bmi,bmi2")]] void DecodeBmi2(DecodeState& state) { Decode<ExtractLiterals>(state); }
+// For processors that shift by a register without the flags and extract bits at once; here the
+// choice is a conditional move.
+struct Bmi2Steps {
+  [[gnu::target("bmi,bmi2")]] static uint64_t Gather(uint64_t bits) {
+    return _pext_u64(bits, kLiteralFields);
+  }
+  static void ChooseForm(uint64_t bits, uint64_t& entry, uint64_t& offset, uint64_t longEntry,
+                         uint64_t longOffset) {
+    asm("bt $62, %[bits]\n\tcmovnc %[longEntry], %[entry]\n\tcmovnc %[longOffset], %[offset]"
+        : [entry] "+&r"(entry), [offset] "+&r"(offset)
+        : [bits] "r"(bits), [longEntry] "r"(longEntry), [longOffset] "r"(longOffset)
+        : "cc");
+  }
+  static void ChooseKind(uint64_t bits, uint64_t& entry, uintptr_t& from, uintptr_t byte) {
+    asm("test %[bits], %[bits]\n\tcmovns %[literal], %[entry]\n\tcmovns %[byte], %[from]"
+        : [entry] "+&r"(entry), [from] "+&r"(from)
+        : [bits] "r"(bits), [literal] "r"(uint64_t{kLiteralEntry}), [byte] "r"(byte)
+        : "cc");
+  }
+};
+[[gnu::target("bmi,bmi2")]] void DecodeBmi2(DecodeState& state) { DecodeWith<Bmi2Steps>(state); }
 #endif
 std::atomic<bool> g_isPortable = false;
 
-void DecodePortable(DecodeState& state) { Decode<GatherLiterals>(state); }
+void DecodePortable(DecodeState& state) { DecodeWith<PortableSteps>(state); }
 
 }  // namespace
 

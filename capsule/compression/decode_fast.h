@@ -11,14 +11,16 @@
 
 namespace capsule::lzs {
 
-// Every round loads eight bytes, and stores eight for a run of literals, of which up to
-// kLiteralsAtOnce count, or three times kCopySize, of which the first two count by kMaxCopied.
+// A round loads the nine bytes that begin eight behind the next bit's; it decodes up to
+// kTokensAtOnce tokens of up to kMaxCopied bytes, and stores kCopySize for each; or eight for a run
+// of literals, of which up to kLiteralsAtOnce count.
 inline constexpr uint32_t kLoadSize = 8;
-inline constexpr uint32_t kLiteralsAtOnce = 6;
+inline constexpr uint32_t kLiteralsAtOnce = 7;
+inline constexpr uint32_t kTokensAtOnce = 3;
 inline constexpr uint32_t kCopySize = 32;
 inline constexpr uint32_t kMaxCopied = 22;
-inline constexpr uint32_t kFastInput = kLoadSize;
-inline constexpr uint32_t kFastOutput = 2 * kMaxCopied + kCopySize;
+inline constexpr uint32_t kFastInput = 2 * kLoadSize + 1;
+inline constexpr uint32_t kFastOutput = (kTokensAtOnce - 1) * kMaxCopied + kCopySize;
 static_assert(kFastOutput >= 8);
 
 void DecodeFast(DecodeState& state);
