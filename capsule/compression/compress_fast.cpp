@@ -1,6 +1,7 @@
 #include "capsule/compression/compress_fast.h"
 
 #include <algorithm>
+#include <array>
 
 #include "capsule/compression/lzs.h"
 
@@ -25,7 +26,31 @@ struct BitWriter {
   }
 };
 
-// The rest of a length behind its first 1111, or false if the destination might not have room.
+// Lengths with at most one group, by a table; one more for what all longer ones begin with. None
+// for a literal.
+constexpr uint32_t kFirstLong = kFirstGroupedLength + kFullGroup;
+constexpr std::array<Code, kFirstLong + 1> MakeLengthCodes() {
+  std::array<Code, kFirstLong + 1> codes{};
+  for (uint32_t length = kMinMatch; length < kFirstGroupedLength; ++length)
+    codes[length] = LengthCode(length);
+  for (uint32_t length = kFirstGroupedLength; length <= kFirstLong; ++length)
+    codes[length] = {kFullGroup << kGroupBits | (length - kFirstGroupedLength),
+                     kMaxLengthBits + kGroupBits};
+  return codes;
+}
+constexpr std::array<Code, kFirstLong + 1> kLengthCodes = MakeLengthCodes();
+
+// A match up to the group that ends its length or is followed by others.
+inline Code ShortMatchCode(uint32_t offset, uint32_t length) {
+  const Code code = kLengthCodes[length];
+  const auto isLong = static_cast<uint32_t>(offset > kMaxShortOffset);
+  const uint32_t head = offset + 0x180 + isLong * (0x1000 - 0x180);
+  return {head << code.bits | code.value,
+          kShortOffsetBits + isLong * (kLongOffsetBits - kShortOffsetBits) + code.bits};
+}
+
+// The groups of a length from kFirstLong on behind the first, or false if the destination might not
+// have room.
 [[gnu::noinline]] bool WriteGroups(BitWriter& writer, uint32_t rest,
                                    const unsigned char* outLimit) {
   constexpr uint32_t kAtOnce = 8;  // groups
@@ -46,12 +71,12 @@ struct BitWriter {
 [[gnu::always_inline]] inline bool WriteMatch(BitWriter& writer, Match match,
                                               const unsigned char* outLimit) {
   BitWriter after = writer;
-  const Code header = MatchHeader(match.offset, match.length);
-  after.Add(header.value, header.bits);
+  const Code code = ShortMatchCode(match.offset, std::min(match.length, kFirstLong));
+  after.Add(code.value, code.bits);
   after.Flush();
-  if (match.length >= kFirstGroupedLength) {
+  if (match.length >= kFirstLong) {
     BitWriter groups = after;
-    if (!WriteGroups(groups, match.length - kFirstGroupedLength, outLimit)) return false;
+    if (!WriteGroups(groups, match.length - kFirstLong, outLimit)) return false;
     after = groups;
   }
   writer = after;
@@ -105,20 +130,14 @@ class HashBlock {
   uint32_t m_count = 0;
 };
 
-// Lengths of codes by the number of equal bytes; none for a literal.
-constexpr uint8_t kEqualCode[8] = {0, 0, 0, 1, 2, 12, 13, 14};
-constexpr uint8_t kEqualBits[8] = {0, 0, 2, 2, 2, 4, 4, 4};
 constexpr uint32_t kCompared = 8;  // bytes compared at once
 
 // Writes a token whose match, if it is one, is shorter than kCompared.
 inline void WriteShort(BitWriter& writer, uint32_t literal, uint32_t offset, uint32_t equal) {
   const uint32_t ifMatch = 0 - static_cast<uint32_t>(equal >= kMinMatch);
-  const auto isLong = static_cast<uint32_t>(offset > kMaxShortOffset);
-  const uint32_t lengthBits = kEqualBits[equal];
-  const uint32_t head = offset + 0x180 + isLong * (0x1000 - 0x180);
-  const uint32_t match = head << lengthBits | kEqualCode[equal];
-  writer.Add(literal ^ ((literal ^ match) & ifMatch),
-             kLiteralBits + ((isLong * 4 + lengthBits) & ifMatch));
+  const Code match = ShortMatchCode(offset, equal);
+  writer.Add(literal ^ ((literal ^ match.value) & ifMatch),
+             kLiteralBits + ((match.bits - kLiteralBits) & ifMatch));
   writer.Flush();
 }
 
@@ -192,7 +211,7 @@ bool RunNearest(CompressionArea& area, FastCompression& run, BitWriter& shared,
   return goesOn;
 }
 
-// With any effort and index, up to `stop`.
+// With any effort and index, up to `stop`; false if it stopped for want of room.
 template <IndexMode kMode>
 bool RunSearch(CompressionArea& area, FastCompression& run, BitWriter& shared,
                const HashBlock& hashes, uint32_t stop, uint32_t effort) {
@@ -224,19 +243,55 @@ bool RunSearch(CompressionArea& area, FastCompression& run, BitWriter& shared,
   return goesOn;
 }
 
+// The same by both indexes.
+bool RunTriples(CompressionArea& area, FastCompression& run, BitWriter& shared,
+                const HashBlock& hashes, uint32_t stop, uint32_t effort) {
+  const SearchWindow window = run.window;
+  TripleIndex& index = *run.triples;
+  BitWriter writer = shared;
+  const unsigned char* lastOut = run.outLimit - kFastRoom;
+  uint32_t next = run.next;
+  uint32_t position = run.position;
+  bool goesOn = true;
+  while (next < stop && (goesOn = writer.out <= lastOut)) {
+    const Match match =
+        FindByTriples(area, index, window, hashes.Inside(next), next, position, effort);
+    if (match.length == 0) {
+      writer.Add(window.source[next], kLiteralBits);
+      writer.Flush();
+      ++next;
+      ++position;
+      continue;
+    }
+    position = EnterWithTriples(area, index, window, hashes, next, position, match);
+    next += match.length;
+    if (WriteMatch(writer, match, run.outLimit)) continue;
+    run.unwritten = match;
+    goesOn = false;
+    break;
+  }
+  shared = writer;
+  run.next = next;
+  run.position = position;
+  return goesOn;
+}
+
 // Block by block, as far as the inner loop can go.
 template <IndexMode kMode>
 void RunBlocks(CompressionArea& area, FastCompression& run, BitWriter& writer, uint32_t effort) {
-  const bool isNearest = kMode == IndexMode::None && effort == 0;
-  const uint32_t comparable = run.window.copied > kCompared ? run.window.copied - kCompared : 0;
+  const SearchWindow window = run.window;
+  const uint32_t comparable = window.copied > kCompared ? window.copied - kCompared : 0;
   HashBlock hashes;
-  while (run.next < run.stop) {
+  bool goesOn = true;
+  while (goesOn && run.next < run.stop) {
     const uint32_t end = run.next + std::min(HashBlock::kSize, run.stop - run.next);
-    hashes.Fill(run.window.source, run.next, end);
-    const bool goesOn =
-        (!isNearest || RunNearest(area, run, writer, hashes, std::min(end, comparable))) &&
-        RunSearch<kMode>(area, run, writer, hashes, end, effort);
-    if (!goesOn) return;
+    hashes.Fill(window.source, run.next, end);
+    if (kMode == IndexMode::None && effort == 0)
+      goesOn = RunNearest(area, run, writer, hashes, std::min(end, comparable));
+    if (kMode == IndexMode::Bodies && run.triples != nullptr)
+      goesOn = RunTriples(area, run, writer, hashes, end, effort);
+    else if (goesOn)
+      goesOn = RunSearch<kMode>(area, run, writer, hashes, end, effort);
   }
 }
 

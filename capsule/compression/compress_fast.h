@@ -11,7 +11,7 @@
 #include <cstdint>
 
 #include "capsule/compression/compression_area.h"
-#include "capsule/compression/match_search.h"
+#include "capsule/compression/triple_search.h"
 
 namespace capsule::lzs {
 
@@ -24,7 +24,8 @@ struct FastCompression {
   const unsigned char* outLimit;
   uint32_t bits;  // right-aligned, bitCount (below 32) of them
   unsigned bitCount;
-  Match unwritten;  // length 0: none; `next` and `position` are behind it
+  TripleIndex* triples;  // searches by it if there is one; with LzsIndexMatchBodies only
+  Match unwritten;       // length 0: none; `next` and `position` are behind it
 };
 
 inline constexpr uint32_t kStoreSize = 8;

@@ -60,6 +60,7 @@ struct CompressionState {
   uint8_t bitCount;       // 0 to 31
   uint8_t owedCount;      // 0 to 4
   bool tablesAreClear;    // false: positions start anew and the heads are cleared
+  bool isMarked;          // the chain says kNotEntered where a position in reach was not entered
   UnitState unit;
   WritePhase phase;
   SavedSide saved;

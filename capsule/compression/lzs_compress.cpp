@@ -46,6 +46,10 @@ static_assert(kMaxPieceBits >= kMaxHeaderBits && kClosingNeed <= kClosingReserve
 constexpr uint32_t kPositionCeiling = uint32_t{1} << 31;
 constexpr uint32_t kSearchSlice = uint32_t{1} << 30;
 
+// From which effort, and how much source, the second index is worth being built.
+constexpr uint32_t kTripleEffort = 16;
+constexpr uint32_t kTripleSource = 1024;
+
 class CompressCall {
  public:
   CompressCall(CompressionArea& area, uint16_t flags, uint32_t effort)
@@ -63,7 +67,9 @@ class CompressCall {
   void ChooseNext();
   SearchWindow Window() const;
   uint32_t SearchEnd(const SearchWindow& window) const;
+  void Rebase();
   bool SearchFast();
+  bool ChooseIndex(const SearchWindow& window);
   void SearchRun();
   uint32_t EnterFound(const SearchWindow& window, Match match);
   bool WriteLiterals();
@@ -103,6 +109,8 @@ class CompressCall {
   uint32_t m_nConsumed = 0;  // of the source, when the side is finished
   unsigned char* m_pOut = nullptr;
   unsigned char* m_pOutEnd = nullptr;
+  bool m_bHasTriples = false;  // the second index stands at the cursor
+  TripleIndex m_triples;
 };
 
 bool CompressCall::IsRefused(uint32_t destinationCount) const {
@@ -159,6 +167,7 @@ uint16_t CompressCall::Run(const unsigned char** source, unsigned char** destina
 void CompressCall::Begin() {
   if (m_state.unit == UnitState::Fresh) {
     m_state.position += kChainSize;
+    m_state.isMarked = true;
     if (!m_state.tablesAreClear || m_state.position >= kPositionCeiling) {
       std::memset(m_area.heads, 0, sizeof m_area.heads);
       m_state.position = kChainSize;
@@ -217,9 +226,13 @@ uint16_t CompressCall::WriteUnit() {
 
 // Either writes tokens by the inner loop, or chooses a run and a match and leaves them pending.
 void CompressCall::ChooseNext() {
-  if (m_state.position >= kPositionCeiling)
-    m_state.position = RebasePositions(m_area, m_state.position);
+  if (m_state.position >= kPositionCeiling) Rebase();
   if (!SearchFast()) SearchRun();
+}
+
+void CompressCall::Rebase() {
+  m_state.position = RebasePositions(m_area, m_state.position);
+  m_bHasTriples = false;
 }
 
 SearchWindow CompressCall::Window() const {
@@ -237,6 +250,20 @@ uint32_t CompressCall::SearchEnd(const SearchWindow& window) const {
   return m_state.next < end ? m_state.next + std::min(kSearchSlice, end - m_state.next) : end;
 }
 
+// Whether the search goes by the second index, which then is up to date.
+bool CompressCall::ChooseIndex(const SearchWindow& window) {
+  if (!Has(LzsIndexMatchBodies) || m_nEffort < kTripleEffort) {
+    m_bHasTriples = m_state.isMarked = false;
+  } else if (!m_bHasTriples && m_nSourceCount - m_state.next >= kTripleSource) {
+    const uint32_t before = m_state.historyCount + m_state.next;
+    m_triples.Build(m_area, window, m_state.next, m_state.position, std::min(before, kMaxOffset),
+                    m_state.isMarked);
+    m_bHasTriples = m_state.isMarked = true;
+  }
+  m_state.isMarked = m_bHasTriples;
+  return m_bHasTriples;
+}
+
 // False if there is no room for the inner loop.
 bool CompressCall::SearchFast() {
   if (WordRoom() < kFastRoom) return false;
@@ -251,6 +278,7 @@ bool CompressCall::SearchFast() {
   run.bits = m_state.bits;
   run.bitCount = m_state.bitCount;
   if (run.next >= run.stop) return false;
+  run.triples = ChooseIndex(window) ? &m_triples : nullptr;
   CompressFast(m_area, run, m_nFlags, m_nEffort);
   const bool hasMoved = run.next != m_state.next;
   m_state.next = run.next;
@@ -273,6 +301,7 @@ void CompressCall::SearchRun() {
     const SearchWindow window = Window();
     const uint32_t end = SearchEnd(window);
     if (m_state.next >= end) break;
+    m_bHasTriples = m_state.isMarked = false;
     for (; m_state.next < end; ++m_state.next, ++m_state.position, ++m_state.literals) {
       const Match match = FindMatch(m_area, window, PlainHashes{m_pSource}, m_state.next,
                                     m_state.position, m_nEffort);
@@ -283,10 +312,10 @@ void CompressCall::SearchRun() {
       m_state.matchOffset = static_cast<uint16_t>(match.offset);
       return;
     }
-    if (m_state.position >= kPositionCeiling)
-      m_state.position = RebasePositions(m_area, m_state.position);
+    if (m_state.position >= kPositionCeiling) Rebase();
   }
   const uint32_t tail = m_nSourceCount - m_state.next;
+  for (uint32_t i = 0; i < tail; ++i) MarkNotEntered(m_area, m_state.position + i);
   m_state.literals += tail;
   m_state.position += tail;
   m_state.next = m_nSourceCount;

@@ -37,7 +37,7 @@ struct Code {
 };
 
 // The code of lengths 2 to 7, and the 1111 that every longer one begins with.
-inline Code LengthCode(uint32_t length) {
+constexpr Code LengthCode(uint32_t length) {
   if (length < 5) return {length - kMinMatch, 2};
   return {length < kFirstGroupedLength ? length + 7 : kFullGroup, kMaxLengthBits};
 }

@@ -25,6 +25,7 @@ inline constexpr uint32_t kSearchTail = 4;       // last bytes of a call's sourc
 inline constexpr uint32_t kFirstMeasured = 5;    // bytes compared one by one; pairs follow
 inline constexpr uint32_t kContentLength = 57;   // no further candidate after a match this long
 inline constexpr uint32_t kOutOfReach = 0xFFFF;  // in a chain
+inline constexpr uint32_t kNotEntered = 0;       // in a chain, where CompressionState says so
 inline constexpr uint32_t kLongJump = 8192;      // matches from here on move positions on by less
 
 // The source of a call, and where to look for what lies behind the cursor. While the bytes before
@@ -128,13 +129,9 @@ inline Match FindLongest(const CompressionArea& area, const SearchWindow& window
   return best;
 }
 
-// Enters the cursor's position (`at` in the source, at least five bytes before its end) and looks
-// for a match.
-template <typename Hashes>
-inline Match FindMatch(CompressionArea& area, const SearchWindow& window, const Hashes& hashes,
-                       uint32_t at, uint32_t position, uint32_t effort) {
-  uint32_t distance = EnterPosition(area, position, hashes.At(at));
-  if (distance > kMaxOffset) return {0, 0};
+// The three phases, from the nearest candidate, `distance` back.
+inline Match FindInChain(const CompressionArea& area, const SearchWindow& window, uint32_t at,
+                         uint32_t position, uint32_t distance, uint32_t effort) {
   const uint32_t head = LoadLittle32(window.source + at);
   const unsigned char* cursor = window.behind + at;
   uint32_t difference = LoadLittle32(cursor - distance) ^ head;
@@ -150,17 +147,33 @@ inline Match FindMatch(CompressionArea& area, const SearchWindow& window, const 
   return FindLongest(area, window, at, position, distance, effort);
 }
 
+// Enters the cursor's position (`at` in the source, at least five bytes before its end) and looks
+// for a match.
+template <typename Hashes>
+inline Match FindMatch(CompressionArea& area, const SearchWindow& window, const Hashes& hashes,
+                       uint32_t at, uint32_t position, uint32_t effort) {
+  const uint32_t distance = EnterPosition(area, position, hashes.At(at));
+  if (distance > kMaxOffset) return {0, 0};
+  return FindInChain(area, window, at, position, distance, effort);
+}
+
+// A match so long that nothing before its end stays in reach moves the positions on by less than
+// its length, so that they do not run out.
+inline uint32_t PositionBehind(uint32_t position, uint32_t length) {
+  return position + (length < kLongJump ? length : kLongJump / 2 + length % kChainSize);
+}
+
+inline void MarkNotEntered(CompressionArea& area, uint32_t position) {
+  area.chain[position % kChainSize] = kNotEntered;
+}
+
 enum class IndexMode { None, Ends, Bodies };
 
 // Enters the positions inside a match as the mode asks and returns the position behind it.
-// A match so long that nothing before its end stays in reach moves the positions on by less than
-// its length, so that they do not run out.
 template <IndexMode kMode, typename Hashes>
 inline uint32_t EnterMatch(CompressionArea& area, const SearchWindow& window, const Hashes& hashes,
                            uint32_t at, uint32_t position, Match match) {
-  const uint32_t jump =
-      match.length < kLongJump ? match.length : kLongJump / 2 + match.length % kChainSize;
-  const uint32_t end = position + jump;
+  const uint32_t end = PositionBehind(position, match.length);
   if constexpr (kMode == IndexMode::None) return end;
   const uint32_t behindMatch = at + match.length;
   // The last byte of the source has no following byte to hash with.

@@ -140,8 +140,8 @@ std::vector<Unit> CompressCase(Random& random) {
   const bool hasSmallRooms = random.Chance(2);
   const bool keeps = !random.Chance(3);
   const bool closes = random.Chance(4);
-  const auto index = static_cast<uint16_t>(random.Below(4) * LzsIndexMatchEnds);
-  const uint16_t effort = kEfforts[random.Below(9)];
+  auto index = static_cast<uint16_t>(random.Below(4) * LzsIndexMatchEnds);
+  uint16_t effort = kEfforts[random.Below(9)];
   Bytes pieces = RandomBytes(random, RandomSize(random) * (1 + random.Below(3)));
   uint32_t taken = 0;
   uint32_t round = 0;
@@ -153,6 +153,10 @@ std::vector<Unit> CompressCase(Random& random) {
       source.assign(pieces.begin() + taken, pieces.begin() + taken + size);
       taken += size;
       isLast = round == calls || random.Chance(2);
+      if (random.Chance(4)) {
+        index = static_cast<uint16_t>(random.Below(4) * LzsIndexMatchEnds);
+        effort = kEfforts[random.Below(9)];
+      }
     }
     if (session.NeedsSource()) session.OfferSource(source);
     uint32_t room = 0;

@@ -1,0 +1,140 @@
+// A second index for searches that may look at many candidates, kept for one call.
+//
+// What the three phases of a search find is fixed by the order of the candidates in the chain of
+// two-byte hashes and by the effort that each of them costs, not by how they are found. So this
+// index leads from a position straight to those before it that have the same three bytes, and gives
+// every position a rank, which counts the entries of its chain: the difference of two ranks is how
+// many candidates lie between them, and so what it would have cost to look at those.
+#pragma once
+
+#include "capsule/compression/match_search.h"
+
+namespace capsule::lzs {
+
+class TripleIndex {
+ public:
+  // Enters what `area` has in reach of `position`, the source byte `at`. `reach`: how many bytes
+  // before it may be referred to. `isMarked`: the area's chain has kNotEntered for every position
+  // of those that was not entered; otherwise it has so behind this call.
+  void Build(CompressionArea& area, const SearchWindow& window, uint32_t at, uint32_t position,
+             uint32_t reach, bool isMarked);
+
+  // Enters `position`, whose first four bytes are `head`, here and in `area`; how far back the
+  // previous one of its hash is.
+  uint32_t Enter(CompressionArea& area, uint32_t position, uint32_t hash, uint32_t head) {
+    const uint32_t distance = EnterPosition(area, position, hash);
+    EnterTriple(position, distance, TripleHash(head));
+    return distance;
+  }
+  // How far back the next candidate with the same hash of three bytes is, from `distance` back.
+  uint32_t Further(uint32_t position, uint32_t distance) const {
+    return distance + (m_entries[(position - distance) % kChainSize] & 0xFFFF);
+  }
+  uint16_t Rank(uint32_t position, uint32_t distance) const {
+    return static_cast<uint16_t>(m_entries[(position - distance) % kChainSize] >> 16);
+  }
+
+ private:
+  static constexpr unsigned kTripleBits = 12;
+  static uint32_t TripleHash(uint32_t head) {
+    return (head << 8) * 0x9E3779B1U >> (32 - kTripleBits);
+  }
+
+  // The chain's predecessor may be out of reach; then the rank begins with any number.
+  void EnterTriple(uint32_t position, uint32_t distance, uint32_t triple) {
+    const uint32_t rank = (m_entries[(position - distance) % kChainSize] >> 16) + 1;
+    uint32_t& latest = m_heads[triple];
+    const uint32_t back = std::min(position - latest, kOutOfReach);
+    latest = position;
+    m_entries[position % kChainSize] = rank << 16 | back;
+  }
+
+  uint32_t m_heads[1 << kTripleBits];  // the latest position with that hash of three bytes; 0: none
+  uint32_t m_entries[kChainSize];      // by position modulo 2048: in the lower half how far back
+                                       // the previous one with that hash is, above it the rank
+};
+
+// The nearest candidate with three bytes, or one out of reach.
+inline uint32_t FindTriple(const TripleIndex& index, const unsigned char* cursor, uint32_t head,
+                           uint32_t position) {
+  uint32_t distance = index.Further(position, 0);
+  while (distance <= kMaxOffset && ((LoadLittle32(cursor - distance) ^ head) & kThreeBytes) != 0)
+    distance = index.Further(position, distance);
+  return distance;
+}
+
+// As FindLongest, by the second index.
+inline Match FindLongestTriple(const TripleIndex& index, const SearchWindow& window, uint32_t at,
+                               uint32_t position, uint32_t distance, uint32_t effort) {
+  const unsigned char* source = window.source + at;
+  const unsigned char* cursor = window.behind + at;
+  const uint32_t head = LoadLittle32(source);
+  const uint32_t limit = MatchLimit(window.size - at);
+  const uint32_t inWindow = std::min(limit, window.copied - at);
+  const uint16_t start = index.Rank(position, distance);
+  Match best{3, distance};
+  uint32_t tail = head;
+  uint32_t matched = 0;
+  do {
+    const unsigned char* candidate = cursor - distance;
+    const bool hasFour = LoadLittle32(candidate) == head;
+    if (hasFour & (best.length >= inWindow || LoadLittle32(candidate + best.length - 3) == tail)) {
+      const uint32_t before = static_cast<uint16_t>(start - index.Rank(position, distance));
+      if (before != 0 && before + matched >= effort) break;
+      const uint32_t length = MeasureMatch(window, at, distance, limit);
+      if (length > best.length) {
+        best = {length, distance};
+        if (length >= kContentLength || length == limit) break;
+        tail = LoadLittle32(source + length - 3);
+      }
+    }
+    matched += hasFour;
+    distance = index.Further(position, distance);
+  } while (distance <= kMaxOffset);
+  return best;
+}
+
+// As FindMatch, by the second index as well.
+inline Match FindByTriples(CompressionArea& area, TripleIndex& index, const SearchWindow& window,
+                           uint32_t hash, uint32_t at, uint32_t position, uint32_t effort) {
+  const uint32_t head = LoadLittle32(window.source + at);
+  const unsigned char* cursor = window.behind + at;
+  uint32_t two = index.Enter(area, position, hash, head);
+  if (two > kMaxOffset) return {0, 0};
+  for (uint32_t left = effort; ((LoadLittle32(cursor - two) ^ head) & kTwoBytes) != 0; --left)
+    if (left == 0 || !Further(area, position, two)) return {0, 0};
+  const uint32_t three = FindTriple(index, cursor, head, position);
+  if (three > kMaxOffset) return {2, two};
+  const auto between =
+      static_cast<uint16_t>(index.Rank(position, two) - index.Rank(position, three));
+  if (between > effort) return {2, two};
+  return FindLongestTriple(index, window, at, position, three, effort);
+}
+
+// As EnterMatch with IndexMode::Bodies, in both indexes; marks what is not entered.
+template <typename Hashes>
+inline uint32_t EnterWithTriples(CompressionArea& area, TripleIndex& index,
+                                 const SearchWindow& window, const Hashes& hashes, uint32_t at,
+                                 uint32_t position, Match match) {
+  const uint32_t end = PositionBehind(position, match.length);
+  const uint32_t behindMatch = at + match.length;
+  uint32_t back = std::min(match.length - 1, kMaxOffset);
+  if (match.offset == 1)
+    for (; back > 1; --back) MarkNotEntered(area, end - back);
+  if (window.size - behindMatch < kSearchTail) {
+    // The search ends here, so that the second index needs no more.
+    for (; back > 1; --back) EnterPosition(area, end - back, hashes.At(behindMatch - back));
+    if (behindMatch == window.size)
+      MarkNotEntered(area, end - 1);
+    else
+      EnterPosition(area, end - 1, hashes.At(behindMatch - 1));
+    return end;
+  }
+  for (; back != 0; --back) {
+    const uint32_t inside = behindMatch - back;
+    index.Enter(area, end - back, hashes.At(inside), LoadLittle32(window.source + inside));
+  }
+  return end;
+}
+
+}  // namespace capsule::lzs
