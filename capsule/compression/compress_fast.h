@@ -10,6 +10,7 @@
 
 #include <cstdint>
 
+#include "capsule/compression/bit_writer.h"
 #include "capsule/compression/compression_area.h"
 #include "capsule/compression/triple_search.h"
 
@@ -27,12 +28,6 @@ struct FastCompression {
   TripleIndex* triples;  // searches by it if there is one; with LzsIndexMatchBodies only
   Match unwritten;       // length 0: none; `next` and `position` are behind it
 };
-
-inline constexpr uint32_t kStoreSize = 8;
-inline constexpr uint32_t kFastRoom = 24;
-// The bits held at entry, one token and a store; what remains holds the words of a token.
-static_assert(kFastRoom >= 31 / 8 + kStoreSize + kStoreSize);
-static_assert(31 + kMaxHeaderBits <= 64);
 
 void CompressFast(CompressionArea& area, FastCompression& run, uint16_t flags, uint32_t effort);
 

@@ -14,9 +14,9 @@
 
 #include <algorithm>
 #include <array>
-#include <atomic>
 #include <bit>
 
+#include "capsule/compression/processor.h"
 #include "capsule/compression/word_access.h"
 
 #ifdef __x86_64__
@@ -291,20 +291,15 @@ struct Bmi2Steps {
 };
 [[gnu::target("bmi,bmi2")]] void DecodeBmi2(DecodeState& state) { DecodeWith<Bmi2Steps>(state); }
 #endif
-std::atomic<bool> g_isPortable = false;
-
 void DecodePortable(DecodeState& state) { DecodeWith<PortableSteps>(state); }
 
 }  // namespace
 
 void DecodeFast(DecodeState& state) {
 #ifdef __x86_64__
-  static const bool hasBmi2 = __builtin_cpu_supports("bmi") && __builtin_cpu_supports("bmi2");
-  if (hasBmi2 && !g_isPortable.load(std::memory_order_relaxed)) return DecodeBmi2(state);
+  if (HasBmi2()) return DecodeBmi2(state);
 #endif
   DecodePortable(state);
 }
-
-void UsePortableDecoder(bool isPortable) { g_isPortable = isPortable; }
 
 }  // namespace capsule::lzs

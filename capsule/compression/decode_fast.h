@@ -25,7 +25,4 @@ static_assert(kFastOutput >= 8);
 
 void DecodeFast(DecodeState& state);
 
-// For tests: whether the portable code runs where there is another for this processor.
-void UsePortableDecoder(bool isPortable);
-
 }  // namespace capsule::lzs

@@ -115,11 +115,11 @@ inline Match FindLongest(const CompressionArea& area, const SearchWindow& window
   Match best{3, distance};
   int left = static_cast<int>(effort);
   do {
-    --left;
     const unsigned char* candidate = window.behind + at - distance;
-    if (LoadLittle32(candidate) != head) continue;
-    --left;
-    if (best.length < inWindow && LoadLittle32(candidate + best.length - 3) != tail) continue;
+    uint32_t difference = LoadLittle32(candidate) ^ head;
+    left -= 1 + static_cast<int>(difference == 0);
+    if (best.length < inWindow) difference |= LoadLittle32(candidate + best.length - 3) ^ tail;
+    if (difference != 0) continue;
     const uint32_t length = MeasureMatch(window, at, distance, limit);
     if (length <= best.length) continue;
     best = {length, distance};

@@ -24,7 +24,7 @@ void MarkAll(CompressionArea& area, uint32_t position, uint32_t reach) {
 void TripleIndex::Build(CompressionArea& area, const SearchWindow& window, uint32_t at,
                         uint32_t position, uint32_t reach, bool isMarked) {
   std::memset(m_heads, 0, sizeof m_heads);
-  std::memset(m_entries, 0, sizeof m_entries);
+  std::memset(m_ranks, 0, sizeof m_ranks);
   if (!isMarked) MarkAll(area, position, reach);
   const unsigned char* cursor = window.behind + at;
   for (uint32_t back = reach; back != 0; --back) {

@@ -28,10 +28,10 @@ class TripleIndex {
   }
   // How far back the next candidate with the same hash of three bytes is, from `distance` back.
   uint32_t Further(uint32_t position, uint32_t distance) const {
-    return distance + (m_entries[(position - distance) % kChainSize] & 0xFFFF);
+    return position - m_previous[(position - distance) % kChainSize];
   }
   uint16_t Rank(uint32_t position, uint32_t distance) const {
-    return static_cast<uint16_t>(m_entries[(position - distance) % kChainSize] >> 16);
+    return m_ranks[(position - distance) % kChainSize];
   }
 
  private:
@@ -42,16 +42,15 @@ class TripleIndex {
 
   // The chain's predecessor may be out of reach; then the rank begins with any number.
   void EnterTriple(uint32_t position, uint32_t distance, uint32_t triple) {
-    const uint32_t rank = (m_entries[(position - distance) % kChainSize] >> 16) + 1;
-    uint32_t& latest = m_heads[triple];
-    const uint32_t back = std::min(position - latest, kOutOfReach);
-    latest = position;
-    m_entries[position % kChainSize] = rank << 16 | back;
+    const uint32_t rank = m_ranks[(position - distance) % kChainSize] + 1U;
+    m_ranks[position % kChainSize] = static_cast<uint16_t>(rank);
+    m_previous[position % kChainSize] = m_heads[triple];
+    m_heads[triple] = position;
   }
 
   uint32_t m_heads[1 << kTripleBits];  // the latest position with that hash of three bytes; 0: none
-  uint32_t m_entries[kChainSize];      // by position modulo 2048: in the lower half how far back
-                                       // the previous one with that hash is, above it the rank
+  uint32_t m_previous[kChainSize];     // by position modulo 2048: the previous one with that hash
+  uint16_t m_ranks[kChainSize];        // by position modulo 2048
 };
 
 // The nearest candidate with three bytes, or one out of reach.

@@ -4,7 +4,7 @@
 #include <gtest/gtest.h>
 
 #include "capsule/compression/compression_area.h"
-#include "capsule/compression/decode_fast.h"
+#include "capsule/compression/processor.h"
 #include "capsule/compression/stream_compressor.h"
 
 namespace capsule::test {
@@ -147,13 +147,13 @@ TEST(LzsCalls, ThePortableDecoderDoesTheSame) {
                                                : static_cast<unsigned char>(random.Below(letters));
     const Bytes coded = Compress(source, compressor.Get(), 0, 30);
     for (const bool isPortable : {false, true}) {
-      lzs::UsePortableDecoder(isPortable);
+      lzs::UsePortableCode(isPortable);
       MovingArea area(LzsSizeOfDecompressionHistory(), LzsInitDecompressionHistory);
       Bytes out(source.size());
       EXPECT_EQ(Decompress(coded, out, area.Get(), 0), 7);
       EXPECT_EQ(out, source);
     }
-    lzs::UsePortableDecoder(false);
+    lzs::UsePortableCode(false);
   }
 }
 

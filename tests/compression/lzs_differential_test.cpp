@@ -5,7 +5,7 @@
 #include <algorithm>
 #include <cstdlib>
 
-#include "capsule/compression/decode_fast.h"
+#include "capsule/compression/processor.h"
 #include "lzs_calls.h"
 
 namespace capsule::test {
@@ -316,13 +316,13 @@ TEST(LzsDifferential, CompressorAndDecompressorDoWhatTheModelsDo) {
   for (uint64_t seed = first; seed < first + cases; ++seed) {
     SCOPED_TRACE("CAPSULE_LZS_CASES=1 CAPSULE_LZS_SEED=" + std::to_string(seed));
     Random random(seed);
-    lzs::UsePortableDecoder(seed % 3 == 0);
+    lzs::UsePortableCode(seed % 3 == 0);
     const std::vector<Unit> units = CompressCase(random);
     if (!HasFatalFailure()) DecodeCase(random, units);
     if (!HasFatalFailure()) StreamCase(random);
     if (HasFatalFailure()) break;
   }
-  lzs::UsePortableDecoder(false);
+  lzs::UsePortableCode(false);
 }
 
 }  // namespace
