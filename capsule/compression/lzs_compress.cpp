@@ -46,7 +46,7 @@ static_assert(kMaxPieceBits >= kMaxHeaderBits && kClosingNeed <= kClosingReserve
 constexpr uint32_t kPositionCeiling = uint32_t{1} << 31;
 constexpr uint32_t kSearchSlice = uint32_t{1} << 30;
 
-// From which effort, and how much source, the second index is worth being built.
+// From which effort, and how much source and room, the second index is worth being built.
 constexpr uint32_t kTripleEffort = 16;
 constexpr uint32_t kTripleSource = 1024;
 
@@ -254,7 +254,8 @@ uint32_t CompressCall::SearchEnd(const SearchWindow& window) const {
 bool CompressCall::ChooseIndex(const SearchWindow& window) {
   if (!Has(LzsIndexMatchBodies) || m_nEffort < kTripleEffort) {
     m_bHasTriples = m_state.isMarked = false;
-  } else if (!m_bHasTriples && m_nSourceCount - m_state.next >= kTripleSource) {
+  } else if (!m_bHasTriples && m_nSourceCount - m_state.next >= kTripleSource &&
+             WordRoom() >= kTripleSource) {
     const uint32_t before = m_state.historyCount + m_state.next;
     m_triples.Build(m_area, window, m_state.next, m_state.position, std::min(before, kMaxOffset),
                     m_state.isMarked);
@@ -315,7 +316,7 @@ void CompressCall::SearchRun() {
     if (m_state.position >= kPositionCeiling) Rebase();
   }
   const uint32_t tail = m_nSourceCount - m_state.next;
-  for (uint32_t i = 0; i < tail; ++i) MarkNotEntered(m_area, m_state.position + i);
+  MarkNotEntered(m_area, m_state.position, tail);
   m_state.literals += tail;
   m_state.position += tail;
   m_state.next = m_nSourceCount;

@@ -15,6 +15,7 @@
 
 #include <algorithm>
 #include <cstdint>
+#include <cstring>
 
 #include "capsule/compression/compression_area.h"
 #include "capsule/compression/word_access.h"
@@ -25,7 +26,7 @@ inline constexpr uint32_t kSearchTail = 4;       // last bytes of a call's sourc
 inline constexpr uint32_t kFirstMeasured = 5;    // bytes compared one by one; pairs follow
 inline constexpr uint32_t kContentLength = 57;   // no further candidate after a match this long
 inline constexpr uint32_t kOutOfReach = 0xFFFF;  // in a chain
-inline constexpr uint32_t kNotEntered = 0;       // in a chain, where CompressionState says so
+inline constexpr int kNotEntered = 0;            // in a chain, where CompressionState says so
 inline constexpr uint32_t kLongJump = 8192;      // matches from here on move positions on by less
 
 // The source of a call, and where to look for what lies behind the cursor. While the bytes before
@@ -163,8 +164,12 @@ inline uint32_t PositionBehind(uint32_t position, uint32_t length) {
   return position + (length < kLongJump ? length : kLongJump / 2 + length % kChainSize);
 }
 
-inline void MarkNotEntered(CompressionArea& area, uint32_t position) {
-  area.chain[position % kChainSize] = kNotEntered;
+// For `count` positions, at most kChainSize.
+inline void MarkNotEntered(CompressionArea& area, uint32_t position, uint32_t count) {
+  const uint32_t slot = position % kChainSize;
+  const uint32_t inFront = std::min(count, kChainSize - slot);
+  std::memset(area.chain + slot, kNotEntered, inFront * sizeof *area.chain);
+  std::memset(area.chain, kNotEntered, (count - inFront) * sizeof *area.chain);
 }
 
 enum class IndexMode { None, Ends, Bodies };

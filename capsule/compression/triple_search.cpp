@@ -16,7 +16,7 @@ void MarkAll(CompressionArea& area, uint32_t position, uint32_t reach) {
     }
   }
   for (uint32_t back = 1; back <= reach; ++back)
-    if (!isEntered[back]) MarkNotEntered(area, position - back);
+    if (!isEntered[back]) MarkNotEntered(area, position - back, 1);
 }
 
 }  // namespace

@@ -53,18 +53,10 @@ class TripleIndex {
   uint16_t m_ranks[kChainSize];        // by position modulo 2048
 };
 
-// The nearest candidate with three bytes, or one out of reach.
-inline uint32_t FindTriple(const TripleIndex& index, const unsigned char* cursor, uint32_t head,
-                           uint32_t position) {
-  uint32_t distance = index.Further(position, 0);
-  while (distance <= kMaxOffset && ((LoadLittle32(cursor - distance) ^ head) & kThreeBytes) != 0)
-    distance = index.Further(position, distance);
-  return distance;
-}
-
-// As FindLongest, by the second index.
-inline Match FindLongestTriple(const TripleIndex& index, const SearchWindow& window, uint32_t at,
-                               uint32_t position, uint32_t distance, uint32_t effort) {
+// As FindLongest, by the second index. False if that leads past more candidates than the effort
+// allows for.
+inline bool FindLongestTriple(const TripleIndex& index, const SearchWindow& window, uint32_t at,
+                              uint32_t position, uint32_t distance, uint32_t effort, Match& found) {
   const unsigned char* source = window.source + at;
   const unsigned char* cursor = window.behind + at;
   const uint32_t head = LoadLittle32(source);
@@ -74,6 +66,7 @@ inline Match FindLongestTriple(const TripleIndex& index, const SearchWindow& win
   Match best{3, distance};
   uint32_t tail = head;
   uint32_t matched = 0;
+  uint32_t steps = effort;
   do {
     const unsigned char* candidate = cursor - distance;
     const bool hasFour = LoadLittle32(candidate) == head;
@@ -88,12 +81,15 @@ inline Match FindLongestTriple(const TripleIndex& index, const SearchWindow& win
       }
     }
     matched += hasFour;
+    if (steps-- == 0) return false;
     distance = index.Further(position, distance);
   } while (distance <= kMaxOffset);
-  return best;
+  found = best;
+  return true;
 }
 
-// As FindMatch, by the second index as well.
+// As FindMatch, by the second index as well. A walk there that leads past more candidates than the
+// effort allows for is given up for the chain of the hash, so that the effort bounds both.
 inline Match FindByTriples(CompressionArea& area, TripleIndex& index, const SearchWindow& window,
                            uint32_t hash, uint32_t at, uint32_t position, uint32_t effort) {
   const uint32_t head = LoadLittle32(window.source + at);
@@ -102,12 +98,19 @@ inline Match FindByTriples(CompressionArea& area, TripleIndex& index, const Sear
   if (two > kMaxOffset) return {0, 0};
   for (uint32_t left = effort; ((LoadLittle32(cursor - two) ^ head) & kTwoBytes) != 0; --left)
     if (left == 0 || !Further(area, position, two)) return {0, 0};
-  const uint32_t three = FindTriple(index, cursor, head, position);
-  if (three > kMaxOffset) return {2, two};
+  uint32_t three = index.Further(position, 0);
+  for (uint32_t left = effort;; --left) {
+    if (three > kMaxOffset) return {2, two};
+    if (((LoadLittle32(cursor - three) ^ head) & kThreeBytes) == 0) break;
+    if (left == 0) return FindInChain(area, window, at, position, two, effort);
+    three = index.Further(position, three);
+  }
   const auto between =
       static_cast<uint16_t>(index.Rank(position, two) - index.Rank(position, three));
   if (between > effort) return {2, two};
-  return FindLongestTriple(index, window, at, position, three, effort);
+  Match found{};
+  if (FindLongestTriple(index, window, at, position, three, effort, found)) return found;
+  return FindLongest(area, window, at, position, three, effort);
 }
 
 // As EnterMatch with IndexMode::Bodies, in both indexes; marks what is not entered.
@@ -118,13 +121,15 @@ inline uint32_t EnterWithTriples(CompressionArea& area, TripleIndex& index,
   const uint32_t end = PositionBehind(position, match.length);
   const uint32_t behindMatch = at + match.length;
   uint32_t back = std::min(match.length - 1, kMaxOffset);
-  if (match.offset == 1)
-    for (; back > 1; --back) MarkNotEntered(area, end - back);
+  if (match.offset == 1) {
+    MarkNotEntered(area, end - back, back - 1);
+    back = 1;
+  }
   if (window.size - behindMatch < kSearchTail) {
     // The search ends here, so that the second index needs no more.
     for (; back > 1; --back) EnterPosition(area, end - back, hashes.At(behindMatch - back));
     if (behindMatch == window.size)
-      MarkNotEntered(area, end - 1);
+      MarkNotEntered(area, end - 1, 1);
     else
       EnterPosition(area, end - 1, hashes.At(behindMatch - 1));
     return end;
