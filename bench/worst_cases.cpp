@@ -1,7 +1,10 @@
 #include "bench/worst_cases.h"
 
 #include <algorithm>
+#include <initializer_list>
 #include <random>
+
+#include "capsule/compression/triple_search.h"
 
 namespace capsule::bench {
 namespace {
@@ -51,25 +54,35 @@ std::vector<unsigned char> ThirdBytes() {
   return bytes;
 }
 
-// The same two bytes again and again, each time with another third: candidates match two bytes.
-std::vector<unsigned char> TwoOfThree() {
+// The same bytes again and again, each time with another one behind them.
+std::vector<unsigned char> SameThenAny(uint32_t seed, std::initializer_list<unsigned char> same) {
   std::vector<unsigned char> bytes;
-  Random random(1);
+  Random random(seed);
   while (bytes.size() < kInputSize) {
-    for (const unsigned value : {unsigned{'a'}, unsigned{'b'}, random() & 255})
-      bytes.push_back(static_cast<unsigned char>(value));
+    bytes.insert(bytes.end(), same);
+    bytes.push_back(static_cast<unsigned char>(random()));
   }
   return bytes;
 }
 
-// The same four bytes with another fifth: each candidate is measured, none is better.
-std::vector<unsigned char> FourOfFive() {
+// Candidates match two bytes.
+std::vector<unsigned char> TwoOfThree() { return SameThenAny(1, {'a', 'b'}); }
+
+// Each candidate is measured, none is better.
+std::vector<unsigned char> FourOfFive() { return SameThenAny(2, {'a', 'b', 'c', 'd'}); }
+
+// Triples that all have the same hash, in any order: walks past candidates of the second index that
+// match nothing, or only two bytes.
+std::vector<unsigned char> SharedTriples() {
+  std::vector<uint32_t> triples;
+  for (uint32_t triple = 0; triple < 1 << 24 && triples.size() < 600; ++triple)
+    if (lzs::TripleHash(triple) == 7) triples.push_back(triple);
   std::vector<unsigned char> bytes;
-  Random random(2);
+  Random random(11);
   while (bytes.size() < kInputSize) {
-    for (const unsigned value :
-         {unsigned{'a'}, unsigned{'b'}, unsigned{'c'}, unsigned{'d'}, random() & 255})
-      bytes.push_back(static_cast<unsigned char>(value));
+    const uint32_t triple = triples[random() % triples.size()];
+    for (unsigned shift = 0; shift < 24; shift += 8)
+      bytes.push_back(static_cast<unsigned char>(triple >> shift));
   }
   return bytes;
 }
@@ -114,11 +127,17 @@ class StreamWriter {
   uint64_t m_count = 0;
 };
 
+// Literals, so that every offset leads somewhere; how many.
+uint32_t Begin(StreamWriter& writer, Random& random) {
+  constexpr uint32_t kCount = 2048;
+  for (uint32_t i = 0; i < kCount; ++i) writer.Put(random() & 255, 9);
+  return kCount;
+}
+
 WorstUnit ShortCopies() {
   StreamWriter writer;
   Random random(5);
-  uint32_t plain = 0;
-  for (; plain < 2048; ++plain) writer.Put(random() & 255, 9);
+  uint32_t plain = Begin(writer, random);
   for (; plain < kStreamPlain; plain += 2) {
     writer.Put(0x1000 | (1 + random() % 2047), 13);
     writer.Put(0, 2);
@@ -130,8 +149,7 @@ WorstUnit ShortCopies() {
 WorstUnit Unpredictable() {
   StreamWriter writer;
   Random random(6);
-  uint32_t plain = 0;
-  for (; plain < 2048; ++plain) writer.Put(random() & 255, 9);
+  uint32_t plain = Begin(writer, random);
   while (plain < kStreamPlain) {
     if (random() % 2 != 0) {
       writer.Put(random() & 255, 9);
@@ -156,8 +174,7 @@ WorstUnit Unpredictable() {
 WorstUnit NarrowCopies() {
   StreamWriter writer;
   Random random(7);
-  uint32_t plain = 0;
-  for (; plain < 2048; ++plain) writer.Put(random() & 255, 9);
+  uint32_t plain = Begin(writer, random);
   while (plain < kStreamPlain) {
     writer.Put(0x180 | (1 + random() % 9), 9);
     const uint32_t length = 8 + random() % 15;
@@ -172,8 +189,7 @@ WorstUnit NarrowCopies() {
 WorstUnit EmptyGroups() {
   StreamWriter writer;
   Random random(8);
-  uint32_t plain = 0;
-  for (; plain < 2048; ++plain) writer.Put(random() & 255, 9);
+  uint32_t plain = Begin(writer, random);
   for (; plain < kStreamPlain; plain += 8) {
     writer.Put(0x1000 | (1 + random() % 2047), 13);
     writer.Put(0xF0, 8);
@@ -246,8 +262,10 @@ double ChainStepsPerByte(const std::vector<unsigned char>& plain, uint32_t effor
 
 const std::vector<WorstInput>& WorstInputs() {
   static const std::vector<WorstInput> inputs = {
-      {"collisions", Collisions},  {"two of three", TwoOfThree},    {"four of five", FourOfFive},
-      {"two letters", TwoLetters}, {"short matches", ShortMatches}, {"third bytes", ThirdBytes}};
+      {"collisions", Collisions},       {"two of three", TwoOfThree},
+      {"four of five", FourOfFive},     {"two letters", TwoLetters},
+      {"short matches", ShortMatches},  {"third bytes", ThirdBytes},
+      {"shared triples", SharedTriples}};
   return inputs;
 }
 

@@ -11,6 +11,13 @@
 
 namespace capsule::lzs {
 
+inline constexpr unsigned kTripleBits = 12;
+
+// Of the first three bytes of `head`, a little-endian load.
+inline uint32_t TripleHash(uint32_t head) {
+  return (head << 8) * 0x9E3779B1U >> (32 - kTripleBits);
+}
+
 class TripleIndex {
  public:
   // Enters what `area` has in reach of `position`, the source byte `at`. `reach`: how many bytes
@@ -35,11 +42,6 @@ class TripleIndex {
   }
 
  private:
-  static constexpr unsigned kTripleBits = 12;
-  static uint32_t TripleHash(uint32_t head) {
-    return (head << 8) * 0x9E3779B1U >> (32 - kTripleBits);
-  }
-
   // The chain's predecessor may be out of reach; then the rank begins with any number.
   void EnterTriple(uint32_t position, uint32_t distance, uint32_t triple) {
     const uint32_t rank = m_ranks[(position - distance) % kChainSize] + 1U;

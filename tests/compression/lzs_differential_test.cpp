@@ -161,7 +161,9 @@ std::vector<Unit> CompressCase(Random& random) {
     if (session.NeedsSource()) session.OfferSource(source);
     uint32_t room = 0;
     if (session.NeedsRoom()) {
-      room = hasSmallRooms ? random.Below(random.Chance(3) ? 200 : 40) : 30000;
+      room = hasSmallRooms      ? random.Below(random.Chance(3) ? 200 : 40)
+             : random.Chance(3) ? 1000 + random.Below(2000)
+                                : 30000;
       session.OfferRoom(room);
     }
     auto flags =
