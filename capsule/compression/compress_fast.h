@@ -3,9 +3,9 @@
 // Contract. On entry the call's writer stands at the start of a word. The loop goes on while the
 // cursor is below `stop` and the destination has kFastRoom bytes left; it never writes within the
 // last bytes of that room that a word and a half of codes could need. A token takes at most
-// kMaxHeaderBits, is added to less than a byte of left-over bits, and is stored as eight bytes of
-// which the unused rest is overwritten by the next store. A match whose groups of length do not
-// surely fit is handed back unwritten.
+// kMaxHeaderBits and one group, is added to less than a byte of left-over bits, and is stored as
+// eight bytes of which the unused rest is overwritten by the next store. A match whose further
+// groups do not surely fit is handed back unwritten.
 #pragma once
 
 #include <cstdint>

@@ -10,7 +10,8 @@
 //   2. From there the nearest that has the first three; without one, length 2.
 //   3. From there the longest, the nearest among equals. Each candidate costs one unit of effort,
 //      one that has the first four bytes a second one; with 57 bytes the search is content.
-// Collisions of hashes are real, so every comparison begins at the first byte.
+// Collisions of hashes are real, so every comparison begins at the first byte. triple_search.h
+// finds the same in another way.
 #pragma once
 
 #include <algorithm>
