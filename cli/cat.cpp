@@ -55,15 +55,16 @@ int CatDamaged(const host::Image& image, const host::Entry& entry, const CatArgu
 }
 
 int Cat(const CatArguments& arguments, Talk& talk) {
-  const host::Image image(arguments.image);
+  const host::Image image = OpenImage(arguments.image);
   const host::Entry entry = FindOrFail(image, arguments.path);
   if (arguments.offset > entry.Size()) {
     throw host::Error(image.Path(), entry.Path() + ": offset is " +
                                         std::to_string(arguments.offset) + ", the file has " +
                                         std::to_string(entry.Size()) + " bytes");
   }
+  const int result = ComplainAboutProblems(image, talk);
   if (DamageChoice(arguments.onDamage) != host::OnDamage::Stop) {
-    return CatDamaged(image, entry, arguments, talk);
+    return std::max(result, CatDamaged(image, entry, arguments, talk));
   }
   host::FileReader reader = image.OpenFile(entry);
   Output output;
@@ -77,7 +78,7 @@ int Cat(const CatArguments& arguments, Talk& talk) {
     at += count;
     left -= count;
   } while (left != 0);
-  return kDone;
+  return result;
 }
 
 }  // namespace

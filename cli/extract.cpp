@@ -35,7 +35,7 @@ size_t AddPaths(const host::Image& image, const std::vector<std::string>& paths,
 }
 
 int Extract(const ExtractArguments& arguments, Talk& talk) {
-  const host::Image image(arguments.image);
+  const host::Image image = OpenImage(arguments.image);
   host::ExtractOptions options;
   options.force = arguments.force;
   Output output;

@@ -54,7 +54,7 @@ void WriteText(const host::Image& image, Output& output) {
 }
 
 int Info(const InfoArguments& arguments, Talk& talk) {
-  const host::Image image(arguments.image);
+  const host::Image image = OpenImage(arguments.image);
   Output output;
   if (arguments.json) {
     output.Write(ToJson(image).dump() + "\n");

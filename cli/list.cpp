@@ -95,7 +95,7 @@ class Lister {
 };
 
 int List(const ListArguments& arguments, Talk& talk) {
-  const host::Image image(arguments.image);
+  const host::Image image = OpenImage(arguments.image);
   Output output;
   Lister lister(arguments, output);
   if (!arguments.path.empty()) {

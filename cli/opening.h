@@ -9,12 +9,23 @@
 
 namespace capsule::cli {
 
-// Names the damaged entries of an image; the exit code that they are worth.
+// Opens an image, whole or damaged.
+inline host::Image OpenImage(const std::string& path) {
+  return host::Image(path, host::Opening::Salvage);
+}
+
+// Names the damage of an image that could be opened; the exit code that it is worth. A missing
+// index is none: everything is there.
 inline int ComplainAboutProblems(const host::Image& image, Talk& talk) {
+  const host::ImageInfo& info = image.Info();
+  if (!info.scanReason.empty()) {
+    talk.Complain(image.Path(), "opened by scanning, read-only: " + info.scanReason);
+  }
   for (const host::ImageProblem& problem : image.Problems()) {
     talk.Complain(image.Path(), problem.path + ": " + problem.reason);
   }
-  return image.Problems().empty() ? kDone : kProblems;
+  const bool isWhole = info.scanReason.empty() || info.indexOffset == 0;
+  return image.Problems().empty() && isWhole ? kDone : kProblems;
 }
 
 // Throws host::Error when there is no such entry.

@@ -5,8 +5,10 @@
 
 #include "capsule/host/damaged_reader.h"
 #include "capsule/host/file_reader_impl.h"
+#include "capsule/host/file_window.h"
 #include "capsule/host/image_open.h"
 #include "capsule/host/reason.h"
+#include "capsule/host/salvage_tree.h"
 #include "capsule/host/scoped_descriptor.h"
 #include "capsule/platform/file.h"
 
@@ -43,10 +45,15 @@ ImageInfo Summarize(const DecodedHeader& header, const IndexContents& index,
   info.checked = index.isChecked;
   info.indexOffset = header.indexOffset;
   info.partitions.resize(catalog.Roots());
+  const size_t known = std::min(info.partitions.size(), header.partitions.size());
   for (size_t i = 0; i < info.partitions.size(); ++i) {
+    info.partitions[i].offset = i < index.sections.size()
+                                    ? index.sections[i]
+                                    : catalog.Node(static_cast<uint32_t>(i)).offset;
+  }
+  for (size_t i = 0; i < known; ++i) {
     info.partitions[i].systemId = header.partitions[i].SystemId;
     info.partitions[i].sectorCount = header.partitions[i].SectorCount;
-    info.partitions[i].offset = i < index.sections.size() ? index.sections[i] : 0;
   }
   for (uint32_t id = catalog.Roots(); id < catalog.Size(); ++id) {
     const CatalogNode& node = catalog.Node(id);
@@ -79,6 +86,30 @@ std::string ProblemOf(const RecordSource& source) {
   }
 }
 
+// FILE records have no check values of their own, and those that cannot be decoded make the class
+// interface read what follows wrongly.
+bool HasNtfsPartition(const DecodedHeader& header) {
+  return std::any_of(header.partitions.begin(), header.partitions.end(),
+                     [](const _Partition& record) { return record.SystemId == kSystemIdNtfs; });
+}
+
+// A scan finds a place for what the folders of a damaged partition do not count.
+void RefuseLeftOut(const std::vector<ImageProblem>& problems, const std::string& path) {
+  for (const ImageProblem& problem : problems) {
+    if (problem.isLeftOut) throw Error(path, problem.reason);
+  }
+}
+
+// Where the sections end at the latest: an index that is not one says nothing about it.
+uint64_t LimitOfSections(int descriptor, const std::string& path, const DecodedHeader& header,
+                         const IndexContents& index, uint64_t length) {
+  if (header.indexOffset < kHeaderSize || header.indexOffset >= length) return length;
+  FileWindow window(descriptor, path);
+  const auto start = window.At(header.indexOffset, 3);
+  const bool isMarked = std::equal(start.begin(), start.end(), "CI1");
+  return isMarked || !index.boundaries.empty() ? header.indexOffset : length;
+}
+
 // Takes "N:" from the front of `path`; partition 0 without it, none when N is out of reach.
 std::optional<uint32_t> TakePartition(std::string_view* path) {
   size_t digits = 0;
@@ -92,15 +123,35 @@ std::optional<uint32_t> TakePartition(std::string_view* path) {
 
 }  // namespace
 
-Image::Image(const std::filesystem::path& path) : m_pImpl(std::make_unique<Impl>()) {
+Image::Image(const std::filesystem::path& path, Opening opening)
+    : m_pImpl(std::make_unique<Impl>()) {
   Impl& impl = *m_pImpl;
   impl.path = path.string();
   impl.file = Open(impl.path);
   const uint64_t length = LengthOf(impl.file, impl.path);
   const DecodedHeader header = ReadImageHeader(impl.file.Get(), impl.path, length);
-  IndexContents index = CheckIndex(impl.file.Get(), impl.path, header.indexOffset, length);
-  impl.catalog = ReadCatalog(impl.file.Get(), impl.path, index, &impl.problems);
+  IndexContents index;
+  std::string scanReason;
+  try {
+    CheckIndexOffset(header, impl.path, length);
+    index = CheckIndex(impl.file.Get(), impl.path, header.indexOffset, length,
+                       opening == Opening::Salvage);
+    impl.catalog = ReadCatalog(impl.file.Get(), impl.path, index, &impl.problems);
+    if (opening == Opening::Salvage) RefuseLeftOut(impl.problems, impl.path);
+    if (!index.isChecked || HasNtfsPartition(header)) {
+      CheckSections(impl.file.Get(), impl.path, header.indexOffset);
+    }
+  } catch (const Error& error) {
+    if (opening == Opening::Strict) throw;
+    scanReason = error.Reason();
+    impl.problems.clear();
+    impl.catalog = SalvageCatalog(
+        impl.file.Get(), impl.path, index,
+        LimitOfSections(impl.file.Get(), impl.path, header, index, length), &impl.problems);
+    if (impl.catalog->Size() == 0) throw;
+  }
   impl.info = Summarize(header, index, *impl.catalog);
+  impl.info.scanReason = scanReason;
   impl.info.imageBytes = length;
   impl.checks = std::move(index.checks);
 }

@@ -47,6 +47,7 @@ struct ImageInfo {
   bool checked = false;     // the index has a check value, and it holds
   uint64_t imageBytes = 0;
   uint64_t indexOffset = 0;
+  std::string scanReason;  // why the image was scanned; empty when it was read by its index
   std::vector<PartitionInfo> partitions;
 };
 
@@ -54,11 +55,18 @@ struct ImageInfo {
 struct ImageProblem {
   std::string path;
   std::string reason;
+  bool isLeftOut = false;  // the tree has no place for it
+};
+
+// What to do when the index is missing or damaged, or the tree cannot be read through it.
+enum class Opening {
+  Strict,   // throw
+  Salvage,  // find what is left by scanning the sections; Info().scanReason then tells why
 };
 
 class CAPSULE_API Image {
  public:
-  explicit Image(const std::filesystem::path& path);
+  explicit Image(const std::filesystem::path& path, Opening opening = Opening::Strict);
   ~Image();
   Image(Image&&) noexcept;
   Image& operator=(Image&&) noexcept;

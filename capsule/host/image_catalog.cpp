@@ -14,6 +14,7 @@
 #include "capsule/container/image_index.h"
 #include "capsule/host/error.h"
 #include "capsule/host/image_open.h"
+#include "capsule/host/long_name_check.h"
 #include "capsule/host/path_hash.h"
 #include "capsule/host/reason.h"
 #include "capsule/partition/ntfs_format.h"
@@ -27,7 +28,6 @@ namespace {
 
 constexpr char kDot[] = ".       .   ";
 constexpr char kDotDot[] = "..      .   ";
-constexpr uint8_t kLastPiece = 0x40;
 
 // The class leaves its file and its index open.
 struct OpenedFile {
@@ -199,24 +199,7 @@ class CatalogBuilder {
     std::vector<unsigned char> group(node.dataOffset - node.offset);
     const int64_t got = platform::ReadAt(m_nDescriptor, group.data(), group.size(), node.offset);
     if (got < 0) throw Error(m_strPath, "cannot be read: " + SystemReason(errno), node.offset);
-    const size_t pieces = group.size() / kDirRecordSize - 1;
-    if (static_cast<size_t>(got) != group.size() || group.size() % kDirRecordSize != 0) {
-      return "records of other sizes between its own";
-    }
-    const auto stored = EncodeShortEntry(record);
-    const uint8_t checksum = ShortNameChecksum(std::span(stored).first<11>());
-    for (size_t i = 0; i < pieces; ++i) {
-      const unsigned char* piece = &group[i * kDirRecordSize + kMiniHeaderSize];
-      const size_t ordinal = (pieces - i) | (i == 0 ? kLastPiece : 0);
-      if (piece[0] != ordinal) {
-        return "piece " + std::to_string(piece[0]) + " where " + std::to_string(ordinal) +
-               " belongs";
-      }
-      if (piece[offsetof(_LongDirEntry, Checksum)] != checksum) {
-        return "belongs to another short name";
-      }
-    }
-    return {};
+    return JudgeLongName(std::span(group).first(static_cast<size_t>(got)), record);
   }
 
   void CheckThatAllAreThere() const {
@@ -259,7 +242,7 @@ class CatalogBuilder {
         paths.begin(), paths.end(), node.offset,
         [](const IndexContents::ItemPath& item, uint32_t at) { return item.offset < at; });
     const bool isStated = stated != paths.end() && stated->offset == node.offset;
-    if (!isStated || stated->path == hash || m_Ntfs[node.partition]) return hash;
+    if (!isStated || stated->path == hash) return hash;
     if (isNamed && stated->folder != folder) {
       Fail(node.offset, "the index names an item of another folder here");
     }
@@ -293,7 +276,8 @@ class CatalogBuilder {
     for (; item != items.end() && *item < end; ++item) {
       if (std::binary_search(found.begin(), found.end(), *item) || !IsNtfsEntryAt(*item)) continue;
       m_pProblems->push_back({std::to_string(partition) + ":/",
-                              "FILE record at " + Hex(*item) + ": no folder has a place for it"});
+                              "FILE record at " + Hex(*item) + ": no folder has a place for it",
+                              true});
     }
   }
 

@@ -19,6 +19,8 @@ bool HasSectorMark(HeaderBytes header, HeaderLayout layout) {
   return area + 2 <= kHeaderSize && header[area] == 0xAB && header[area + 1] == 0xCD;
 }
 
+}  // namespace
+
 void CheckIndexOffset(const DecodedHeader& header, const std::string& path, uint64_t fileSize) {
   if (header.indexOffset == 0) {
     throw Error(path, "image has no index; `capsule index` makes one");
@@ -33,8 +35,6 @@ void CheckIndexOffset(const DecodedHeader& header, const std::string& path, uint
                           std::to_string(fileSize) + " bytes");
   }
 }
-
-}  // namespace
 
 DecodedHeader ReadImageHeader(int descriptor, const std::string& path, uint64_t fileSize) {
   if (fileSize < kHeaderSize) {
@@ -53,7 +53,6 @@ DecodedHeader ReadImageHeader(int descriptor, const std::string& path, uint64_t 
   std::optional<DecodedHeader> decoded;
   if (RestoreScrambledRegion(header, &problem)) decoded = DecodeHeader(header, &problem);
   if (!decoded) throw Error(path, "header is damaged: " + problem);
-  CheckIndexOffset(*decoded, path, fileSize);
   return *decoded;
 }
 

@@ -16,6 +16,9 @@ namespace capsule::host {
 // The header of the image at `path`, checked for being one that can be read.
 DecodedHeader ReadImageHeader(int descriptor, const std::string& path, uint64_t fileSize);
 
+// Throws when the header tells of no index, or of one that does not lie in the image.
+void CheckIndexOffset(const DecodedHeader& header, const std::string& path, uint64_t fileSize);
+
 // The tree of an image, read through the exported classes. `descriptor` is open on the same file.
 std::unique_ptr<Catalog> ReadCatalog(int descriptor, const std::string& path,
                                      const IndexContents& index,

@@ -133,7 +133,7 @@ uint32_t IndexContents::LimitOf(uint32_t offset) const {
 }
 
 IndexContents CheckIndex(int descriptor, const std::string& path, uint64_t indexOffset,
-                         uint64_t fileSize) {
+                         uint64_t fileSize, bool keepRecords) {
   IndexWalk walk(descriptor, path, indexOffset, fileSize);
   IndexContents contents;
   contents.isChecked = walk.IsChecked();
@@ -146,6 +146,7 @@ IndexContents CheckIndex(int descriptor, const std::string& path, uint64_t index
     }
     end = uint64_t{record.offset} + record.length;
     Keep(record, &contents);
+    if (keepRecords && record.type != kIndexNote) contents.records.push_back(record);
     KeepCheck(record, before, &contents);
     before = std::move(record);
   }
@@ -160,6 +161,8 @@ IndexContents CheckIndex(int descriptor, const std::string& path, uint64_t index
   std::merge(contents.items.begin(), contents.items.end(), contents.sections.begin(),
              contents.sections.end(), std::back_inserter(contents.boundaries));
   contents.boundaries.push_back(static_cast<uint32_t>(indexOffset));
+  std::sort(contents.records.begin(), contents.records.end(),
+            [](const IndexRecord& a, const IndexRecord& b) { return a.offset < b.offset; });
   return contents;
 }
 

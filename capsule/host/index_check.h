@@ -5,6 +5,7 @@
 #include <string>
 #include <vector>
 
+#include "capsule/container/index_format.h"
 #include "capsule/host/file_check.h"
 
 namespace capsule::host {
@@ -19,6 +20,8 @@ struct IndexContents {
   std::vector<uint32_t> entries;
   std::vector<uint32_t> sections;
 
+  // Every record of types 2, 3 and 5 in the order of their offsets; only when asked for.
+  std::vector<IndexRecord> records;
   // What a checked index says about items, in the order of their offsets: the check values of
   // files, and the hashes of paths (path_hash.h) where the index has one.
   struct ItemPath {
@@ -39,6 +42,6 @@ struct IndexContents {
 // `descriptor`: the image at `path`, `fileSize` bytes long. Throws host::Error when the index ends
 // too early, its check value does not hold, or two of its records name the same item.
 IndexContents CheckIndex(int descriptor, const std::string& path, uint64_t indexOffset,
-                         uint64_t fileSize);
+                         uint64_t fileSize, bool keepRecords = false);
 
 }  // namespace capsule::host

@@ -52,12 +52,14 @@ IndexRecord ItemRecord(const SectionItem& item) {
     case SectionItem::Kind::Section:
       return MakeRecord(kIndexSection, "", item.offset, item.length);
     case SectionItem::Kind::File:
+    case SectionItem::Kind::NtfsEnd:
       return MakeRecord(kIndexFile, item.path, item.offset, item.length);
     case SectionItem::Kind::Trailer:
       return MakeRecord(kIndexFolder, "", item.offset + item.length - kDirRecordSize,
                         kDirRecordSize);
     default:
-      return MakeRecord(kIndexFolder, item.path, item.offset, item.length);
+      return MakeRecord(item.isNtfs ? kIndexFile : kIndexFolder, item.path, item.offset,
+                        item.length);
   }
 }
 
@@ -76,12 +78,12 @@ class RecordWriter {
   void Add(const SectionItem& item) {
     const bool isFile = item.kind == SectionItem::Kind::File;
     if (item.kind == SectionItem::Kind::Section) m_Section.Reset();
-    if (item.kind == SectionItem::Kind::Trailer) {
-      m_Stream.Replace(m_nSectionRecord, ChecksumRecord(m_Section.Value(), m_nSectionStart,
-                                                        item.offset - m_nSectionStart));
-    } else {
-      m_File.Reset();
-      Take(item, isFile ? &m_File : nullptr);
+    m_File.Reset();
+    const uint64_t end = CheckedEnd(item);
+    Take(item.offset, end, isFile ? &m_File : nullptr);
+    if (EndsSection(item)) {
+      m_Stream.Replace(m_nSectionRecord,
+                       ChecksumRecord(m_Section.Value(), m_nSectionStart, end - m_nSectionStart));
     }
     m_Stream.Append(ItemRecord(item));
     if (item.kind == SectionItem::Kind::Section) {
@@ -95,9 +97,22 @@ class RecordWriter {
   uint64_t Finish() { return m_Stream.Finish(); }
 
  private:
-  // Counts the item's bytes in for its section, and for its file if it has one.
-  void Take(const SectionItem& item, RunningChecksum* file) {
-    for (uint64_t at = item.offset, end = item.offset + item.length; at < end;) {
+  static bool EndsSection(const SectionItem& item) {
+    return item.kind == SectionItem::Kind::Trailer || item.kind == SectionItem::Kind::NtfsEnd;
+  }
+
+  // What counts for the section's check value ends before the trailer. A region that reached the
+  // index would end the walk of readers, so a last record without a trailer does not count.
+  static uint64_t CheckedEnd(const SectionItem& item) {
+    const uint64_t end = item.offset + item.length;
+    if (!EndsSection(item)) return end;
+    const bool hasRecord = item.kind == SectionItem::Kind::NtfsEnd && item.dataOffset < end;
+    return hasRecord ? item.dataOffset : item.offset;
+  }
+
+  // Counts bytes in for their section, and for their file if they have one.
+  void Take(uint64_t at, uint64_t end, RunningChecksum* file) {
+    while (at < end) {
       const auto bytes =
           m_Window.At(at, static_cast<size_t>(std::min<uint64_t>(end - at, FileWindow::kSize / 2)));
       if (bytes.empty()) throw Error(m_strName, "ends at " + Hex(at), at);
@@ -165,12 +180,13 @@ IndexWriter::Plan IndexWriter::Measure() {
   Plan plan;
   for (SectionItem item; scanner.Next(&item);) {
     ThrowIfCancelled();
+    if (!item.problem.empty()) throw Error(m_strName, item.path + ": " + item.problem, item.offset);
     indexSize += RecordSize(ItemRecord(item));
     if (item.kind == SectionItem::Kind::Section || item.kind == SectionItem::Kind::File) {
       indexSize += checksumSize;
     }
     plan.report.files += item.kind == SectionItem::Kind::File ? 1 : 0;
-    plan.report.directories += item.kind == SectionItem::Kind::Directory ? 1 : 0;
+    plan.report.directories += item.kind == SectionItem::Kind::Directory && !item.isRoot ? 1 : 0;
   }
   plan.report.sections = scanner.SectionCount();
   plan.report.indexOffset = scanner.Position();

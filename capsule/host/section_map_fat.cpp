@@ -2,6 +2,7 @@
 #include <array>
 
 #include "capsule/blocks/data_block_format.h"
+#include "capsule/host/long_name_check.h"
 #include "capsule/host/reason.h"
 #include "capsule/host/record_judge.h"
 #include "capsule/host/section_map.h"
@@ -137,6 +138,8 @@ void SectionMap::FinishPieces(std::span<const unsigned char, 32> shortEntry) {
                       Hex(checksum);
     }
   }
+  const std::string filling = JudgeFilling(m_PieceUnits);
+  if (count > 0 && m_Pieces.front().problem.empty()) m_Pieces.front().problem = filling;
   DropPieces("");
 }
 

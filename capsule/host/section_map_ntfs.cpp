@@ -2,7 +2,7 @@
 #include <vector>
 
 #include "capsule/blocks/data_block_format.h"
-#include "capsule/compression/lzs.h"
+#include "capsule/host/ntfs_entry.h"
 #include "capsule/host/reason.h"
 #include "capsule/host/section_map.h"
 #include "capsule/partition/ntfs_format.h"
@@ -14,27 +14,6 @@ namespace {
 constexpr uint8_t kDosNamespace = 2;
 
 std::string Count(uint64_t n) { return std::to_string(n); }
-
-_MiniHeader Plain(const _NTFSMiniHeader& header) {
-  return {static_cast<uint8_t>(header.RecordType), header.LastFlag, header.UncompressedLength,
-          header.Length};
-}
-
-// The payload of a FILE record, which starts a history of its own; what is wrong with it.
-std::string DecodePayload(std::span<const unsigned char> payload, uint32_t length,
-                          std::vector<unsigned char>* out) {
-  std::vector<unsigned char> history(LzsSizeOfDecompressionHistory());
-  LzsInitDecompressionHistory(history.data());
-  out->assign(length, 0);
-  const unsigned char* source = payload.data();
-  unsigned char* destination = out->data();
-  auto sourceLeft = static_cast<uint32_t>(payload.size());
-  uint32_t left = length;
-  const uint16_t result =
-      LzsDecompress(&source, &destination, &sourceLeft, &left, history.data(), LzsKeepHistory);
-  if ((result & LzsUnitComplete) != 0 && left == 0) return {};
-  return "FILE record does not decode to its " + Count(length) + " bytes";
-}
 
 // The name that users see first: a DOS name only when there is no other.
 std::string NameIn(std::span<unsigned char, kFileRecordSize> record) {
@@ -70,7 +49,7 @@ bool SectionMap::MapNtfsRecord() {
   const _NTFSMiniHeader header =
       DecodeNtfsHeader(m_Window.At(Here(), kNtfsHeaderSize).first<kNtfsHeaderSize>());
   const uint32_t type = header.RecordType;
-  const _MiniHeader plain = Plain(header);
+  const _MiniHeader plain = ToMiniHeader(header);
   MapItem item = ItemAt(MapItem::Kind::NtfsRecord, uint64_t{kNtfsHeaderSize} + header.Length);
   item.type = type;
   item.beginsEntry = BeginsNtfsEntry(type);
@@ -92,13 +71,12 @@ bool SectionMap::MapNtfsRecord() {
 }
 
 void SectionMap::DescribeFileRecord(const _NTFSMiniHeader& header, MapItem* item) {
-  const _MiniHeader plain = Plain(header);
-  const uint32_t length = UncompressedLength(plain, m_bCompressed);
   const auto payload = m_Window.At(item->offset + kNtfsHeaderSize, header.Length);
-  std::vector<unsigned char> record(payload.begin(), payload.end());
-  if (IsCompressedPayload(plain, m_bCompressed)) {
-    const std::vector<unsigned char> compressed = std::move(record);
-    item->problem = DecodePayload(compressed, length, &record);
+  UnitDecoder decoder;
+  std::vector<unsigned char> record;
+  if (!DecodeNtfsPayload(header, payload, m_bCompressed, decoder, &record)) {
+    item->problem = "FILE record does not decode to its " +
+                    Count(UncompressedLength(ToMiniHeader(header), m_bCompressed)) + " bytes";
   }
   const bool isBase = BeginsNtfsEntry(header.RecordType);
   if (isBase) m_strFile = Count(static_cast<uint64_t>(m_nSection)) + ":…/?";
@@ -115,12 +93,7 @@ void SectionMap::DescribeFileRecord(const _NTFSMiniHeader& header, MapItem* item
 }
 
 bool SectionMap::IsNtfsRecordAt(uint64_t offset) {
-  if (offset + kNtfsHeaderSize > m_nEnd) return false;
-  const auto bytes = m_Window.At(offset, kNtfsHeaderSize);
-  if (bytes.size() < kNtfsHeaderSize) return false;
-  const _NTFSMiniHeader header = DecodeNtfsHeader(bytes.first<kNtfsHeaderSize>());
-  const bool known = header.RecordType >= kNtfsDirectoryRecord && header.RecordType <= kNtfsEnd;
-  return known && offset + kNtfsHeaderSize + header.Length <= m_nEnd;
+  return NtfsRecordAt(m_Window, offset, m_nEnd).has_value();
 }
 
 // These headers have no mark of their own: a place counts when another record follows, or the end.

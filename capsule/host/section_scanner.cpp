@@ -72,6 +72,8 @@ bool SectionScanner::Next(SectionItem* item) {
   item->offset = m_nPosition;
   if (!m_bInSection) {
     ScanSectionHeader(item);
+  } else if (m_bNtfs) {
+    ScanNtfs(item);
   } else if (PeekHeader(m_nPosition, "record").Type == kRecordPartition) {
     ScanTrailer(item);
   } else {
@@ -81,12 +83,14 @@ bool SectionScanner::Next(SectionItem* item) {
   return true;
 }
 
+void SectionScanner::Resume(uint64_t offset, bool inSection) {
+  m_nPosition = std::min(offset, m_nFileLength);
+  m_bInSection = inSection;
+}
+
 void SectionScanner::ScanSectionHeader(SectionItem* item) {
   const uint64_t start = m_nPosition;
   const std::string what = "section " + std::to_string(m_nNextSection);
-  if (m_SystemIds[m_nNextSection] == kSystemIdNtfs) {
-    Fail(what.c_str(), start, "holds NTFS records, which can only be read by an index");
-  }
   if (kPartitionHeaderSize > m_nFileLength - start) {
     Fail(
         what.c_str(), start,
@@ -99,9 +103,23 @@ void SectionScanner::ScanSectionHeader(SectionItem* item) {
          "header record has type " +
              Numbers(record.header.Type, " and length ", record.header.Length, ""));
   }
+  BeginSection(item);
+}
+
+void SectionScanner::PassSectionHeader(SectionItem* item) {
+  item->offset = m_nPosition;
+  item->length = kPartitionHeaderSize;
+  m_nPosition = std::min(m_nPosition + kPartitionHeaderSize, m_nFileLength);
+  BeginSection(item);
+}
+
+void SectionScanner::BeginSection(SectionItem* item) {
   item->kind = SectionItem::Kind::Section;
+  m_nSectionStart = item->offset;
+  m_bNtfs = m_SystemIds[m_nNextSection] == kSystemIdNtfs;
   item->section = m_nNextSection++;
   m_bInSection = true;
+  m_NtfsFolders.Clear();
   m_strFolder.clear();
   m_FolderStart.clear();
 }
@@ -165,18 +183,15 @@ void SectionScanner::ScanEntry(SectionItem* item, std::u16string_view longName) 
     item->kind = SectionItem::Kind::DotEntry;
     return;
   }
-  item->name = longName.empty() ? ShortNameToBytes(item->entry) : LongNameToBytes(longName);
-  if (m_strFolder.size() + 1 + item->name.size() <= kMaxScannedPath) {
-    item->path = m_strFolder.empty() ? item->name : m_strFolder + '/' + item->name;
-  }
+  item->shortName = ShortNameToBytes(item->entry);
+  item->name = longName.empty() ? item->shortName : LongNameToBytes(longName);
+  item->path = PathOf(item->name);
   item->kind = folder ? SectionItem::Kind::Directory : SectionItem::Kind::File;
-  if (!folder) {
+  if (folder) {
+    OpenFolder(item->name);
+  } else {
     ScanData(item);
-    return;
   }
-  m_FolderStart.push_back(m_strFolder.size());
-  if (!m_strFolder.empty()) m_strFolder += '/';
-  m_strFolder += item->name;
 }
 
 // The data block records of a file, up to and including the one marked as its last.
@@ -193,6 +208,17 @@ void SectionScanner::ScanData(SectionItem* item) {
     }
     last = record.header.Flag == 1;
   }
+}
+
+std::string SectionScanner::PathOf(const std::string& name) const {
+  if (m_strFolder.size() + 1 + name.size() > kMaxScannedPath) return {};
+  return m_strFolder.empty() ? name : m_strFolder + '/' + name;
+}
+
+void SectionScanner::OpenFolder(const std::string& name) {
+  m_FolderStart.push_back(m_strFolder.size());
+  if (!m_strFolder.empty()) m_strFolder += '/';
+  m_strFolder += name;
 }
 
 void SectionScanner::CloseFolder() {

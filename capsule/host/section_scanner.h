@@ -7,8 +7,10 @@
 //
 // It knows at every item which folder it lies in, by the rule of the readers: a folder's group
 // opens it, "." and ".." open nothing, a zero entry closes one folder and at the top level closes
-// none. There are as many sections as the header has partition records that are not all zero, at
-// most as many as its partition count; bytes behind the last trailer are not looked at.
+// none. In sections of NTFS records it knows by the references that FILE records hold to the
+// folders of their names. There are as many sections as the header has partition records that are
+// not all zero, at most as many as its partition count; bytes behind the last trailer are not
+// looked at.
 //
 // Memory is bounded by the depth of the tree. Damage throws Error with the offset and the numbers.
 // One thread uses a scanner; the descriptor stays the caller's and its position is not used.
@@ -21,6 +23,8 @@
 
 #include "capsule/container/header_format.h"
 #include "capsule/host/file_window.h"
+#include "capsule/host/ntfs_entry.h"
+#include "capsule/host/ntfs_folders.h"
 #include "capsule/partition/directory_records.h"
 
 namespace capsule::host {
@@ -34,17 +38,27 @@ struct SectionItem {
     ZeroEntry,  // closes one level
     File,       // a record group and the data block records behind it
     Trailer,    // the end of a section, 1544 bytes
+    NtfsEnd,    // the record that ends a section of NTFS records, and the trailer if there is one
   };
 
   Kind kind = Kind::Section;
   uint32_t section = 0;  // its number, from 0
   uint64_t offset = 0;
   uint64_t length = 0;
-  uint64_t dataOffset = 0;  // File: where its data block records begin
-  _ShortDirEntry entry{};   // Directory, DotEntry, File: the short entry
-  std::string name;         // Directory, File: name bytes, the long name if there is one
-  std::string path;         // and with the folders above it, '/' between; empty when longer than
-                            // kMaxScannedPath
+  uint64_t dataOffset =
+      0;  // File: where its data block records begin. NtfsEnd: where its record ends
+  _ShortDirEntry entry{};  // Directory, DotEntry, File: the short entry
+  std::string name;        // Directory, File: name bytes, the long name if there is one
+  std::string shortName;   // the same of the short one
+  std::string path;        // and with the folders above it, '/' between; empty when longer than
+                           // kMaxScannedPath
+
+  // In sections of NTFS records:
+  bool isNtfs = false;
+  bool isRoot = false;   // Directory: the root of the volume, without a name
+  bool isStray = false;  // no folder before it is the one that it belongs to
+  size_t depth = 0;      // folders above it, the root left out
+  std::string problem;   // what is wrong with a record behind its first
 };
 
 // Longer paths are not spelled out, so that nested folders cannot make work grow with the square
@@ -59,8 +73,26 @@ class SectionScanner {
   // The next item; false behind the last section.
   bool Next(SectionItem* item);
 
+  // After damage:
+  // Goes on at `offset`, where an item begins. `inSection`: false when the header of the next
+  // section is there.
+  void Resume(uint64_t offset, bool inSection);
+
+  // Takes the header of the next section for read, whatever its bytes are.
+  void PassSectionHeader(SectionItem* item);
+
+  // NTFS sections: opens a folder that is lost, `depth` folders below the root; the next item whose
+  // folder is not known belongs to it.
+  void OpenLost(const std::string& folder, size_t depth);
+
+  // The same for the stray item that came last, and what belongs to the same folder, below the
+  // innermost folder; `item` then says so.
+  void AdoptStray(const std::string& folder, SectionItem* item);
+
   // Where the next item begins; behind the last section: the end of the last trailer.
   uint64_t Position() const { return m_nPosition; }
+  bool InSection() const { return m_bInSection; }
+  bool InNtfsSection() const { return m_bInSection && m_bNtfs; }
 
   // The header as stored, and what it says.
   HeaderBytes RawHeader() const { return HeaderBytes(m_RawHeader.data(), kHeaderSize); }
@@ -76,11 +108,17 @@ class SectionScanner {
 
   void ReadHeader();
   void ScanSectionHeader(SectionItem* item);
+  void BeginSection(SectionItem* item);
   void ScanTrailer(SectionItem* item);
   void ScanGroup(SectionItem* item);
   void ScanEntry(SectionItem* item, std::u16string_view longName);
   void ScanData(SectionItem* item);
+  std::string PathOf(const std::string& name) const;
+  void OpenFolder(const std::string& name);
   void CloseFolder();
+  void ScanNtfs(SectionItem* item);
+  void ScanNtfsEnd(SectionItem* item, uint32_t recordLength);
+  void PlaceNtfs(SectionItem* item);
   Record TakeRecord(const char* what);
   _MiniHeader PeekHeader(uint64_t offset, const char* what);
   [[noreturn]] void Fail(const char* what, uint64_t offset, const std::string& reason) const;
@@ -97,6 +135,10 @@ class SectionScanner {
   uint64_t m_nPosition = kHeaderSize;
   std::string m_strFolder;            // path of the open folder
   std::vector<size_t> m_FolderStart;  // length of m_strFolder before each open folder
+  uint64_t m_nSectionStart = 0;
+  bool m_bNtfs = false;   // the section is one of NTFS records
+  NtfsEntry m_NtfsEntry;  // the one that came last
+  NtfsFolders m_NtfsFolders;
 };
 
 }  // namespace capsule::host

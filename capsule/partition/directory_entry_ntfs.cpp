@@ -108,7 +108,7 @@ void CapsuleDirectoryEntry::PutStdInfoIntoDirEntry(const _StandardInformation* s
 
 void CapsuleDirectoryEntry::PutFileNameIntoDirEntry(const _FileName* fn, int index) {
   if (fn == nullptr) return;
-  NtfsFileName name{.nameSpace = fn->Namespace, .units = {}};
+  NtfsFileName name{.nameSpace = fn->Namespace};
   const auto* bytes = static_cast<const unsigned char*>(static_cast<const void*>(fn));
   DecodeFileName({bytes, sizeof *fn + size_t{fn->NameLength} * 2}, &name);
   _PutName(name, index);

@@ -119,6 +119,13 @@ void UndoFileRecordFixups(std::span<unsigned char, kFileRecordSize> record) {
   if (secondDisplaced) CopyWord(record, kFileRecordSize - 2, layout.sequence + 4);
 }
 
+std::optional<uint32_t> StatedRecordNumber(Record record) {
+  constexpr size_t kNumber = 44;
+  const FileRecordLayout layout = LayoutOf(record);
+  if (!layout.stated || layout.sequence < kNumber + sizeof(uint32_t)) return std::nullopt;
+  return LoadLe32(&record[kNumber]);
+}
+
 void VisitAttributes(Record record, const std::function<bool(const NtfsAttribute&)>& visit) {
   ByteReader reader(record);
   reader.Skip(LayoutOf(record).firstAttribute);
@@ -177,7 +184,8 @@ void VisitIndexBlocks(std::span<unsigned char> blocks, const NtfsIndexUse& use,
 
 bool DecodeFileName(std::span<const unsigned char> value, NtfsFileName* name) {
   ByteReader reader(value);
-  reader.Skip(offsetof(_FileName, NameLength));
+  name->parent = reader.U32();
+  reader.Skip(offsetof(_FileName, NameLength) - sizeof(uint32_t));
   const uint8_t length = reader.U8();
   name->nameSpace = reader.U8();
   ByteReader units = reader.Sub(size_t{length} * 2);

@@ -7,6 +7,7 @@
 
 #include <cstdint>
 #include <functional>
+#include <optional>
 #include <span>
 #include <string>
 #include <vector>
@@ -70,6 +71,10 @@ struct NtfsAttribute {
 // layout are taken at their word; others have their sequence at 42.
 void UndoFileRecordFixups(std::span<unsigned char, kFileRecordSize> record);
 
+// The number of a FILE record in its volume, the low 32 bits of references to it; later systems
+// store it in the record.
+std::optional<uint32_t> StatedRecordNumber(std::span<const unsigned char, kFileRecordSize> record);
+
 // Hands out the attributes in order until `visit` returns false. The first lies where the record
 // says when it states a plausible layout, else at 48.
 void VisitAttributes(std::span<const unsigned char, kFileRecordSize> record,
@@ -101,7 +106,8 @@ void VisitIndexBlocks(std::span<unsigned char> blocks, const NtfsIndexUse& use,
 // A $FILE_NAME value, checked.
 struct NtfsFileName {
   uint8_t nameSpace = 0;
-  std::u16string units;
+  uint32_t parent = 0;  // low 32 bits of the reference to the folder that the name is in
+  std::u16string units = {};
 };
 
 // False when the value does not hold the name that it claims.

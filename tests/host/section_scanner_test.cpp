@@ -155,7 +155,7 @@ TEST(SectionScanner, NamesTheDamage) {
   EXPECT_EQ(with(trailer + kPartitionTrailerSize - 1, 1),
             "x.cap: section trailer at 0x4dc8: its last 40 bytes are not zero");
   EXPECT_EQ(with(kPartitionRecordsOffset + 2, 7),
-            "x.cap: section 0 at 0x1d88: holds NTFS records, which can only be read by an index");
+            "x.cap: record at 0x2590: no record of an NTFS section");
   EXPECT_EQ(with(kPartitionCountOffset, 11).substr(0, 14), "x.cap: header:");
 }
 

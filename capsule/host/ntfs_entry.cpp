@@ -1,0 +1,139 @@
+// Units of one entry share a history; every entry begins afresh.
+#include "capsule/host/ntfs_entry.h"
+
+#include <algorithm>
+
+#include "capsule/blocks/data_block_format.h"
+#include "capsule/host/error.h"
+#include "capsule/host/reason.h"
+#include "capsule/partition/directory_entry.h"
+#include "capsule/partition/ntfs_format.h"
+#include "capsule/partition/record_format.h"
+
+namespace capsule::host {
+namespace {
+
+class NtfsEntryReader {
+ public:
+  NtfsEntryReader(FileWindow& window, uint64_t limit, bool compressed, const std::string& image)
+      : m_Window(window), m_nLimit(limit), m_bCompressed(compressed), m_strImage(image) {}
+
+  NtfsEntry Read(uint64_t offset) {
+    uint64_t at = offset;
+    while (at < m_nLimit) {
+      const auto header = NtfsRecordAt(m_Window, at, m_nLimit);
+      const bool isFirst = at == offset;
+      if (isFirst && !header) Fail(at, "no record of an NTFS section");
+      if (!isFirst && (!header || BeginsNtfsEntry(header->RecordType))) break;
+      if (isFirst) m_Found.isDirectory = header->RecordType == kNtfsDirectoryRecord;
+      const std::string problem = TakeRecord(*header, at);
+      if (isFirst && !problem.empty()) Fail(at, problem);
+      if (m_Found.problem.empty() && !problem.empty()) {
+        m_Found.problem = "record at " + Hex(at) + ": " + problem;
+      }
+      at += kNtfsHeaderSize + uint64_t{header->Length};
+      if (isFirst) m_Found.dataOffset = at;
+    }
+    m_Found.end = at;
+    Finish();
+    return std::move(m_Found);
+  }
+
+ private:
+  // What is wrong with the record, or nothing.
+  std::string TakeRecord(const _NTFSMiniHeader& header, uint64_t at) {
+    const bool isData = IsNtfsData(header.RecordType);
+    if (isData && !m_Found.isDirectory) return {};
+    if (!BeginsNtfsEntry(header.RecordType) && !isData && !m_Found.isDirectory &&
+        !m_Entry.HasAttributeList()) {
+      return {};
+    }
+    std::vector<unsigned char> bytes;
+    const auto payload = m_Window.At(at + kNtfsHeaderSize, header.Length);
+    if (!DecodeNtfsPayload(header, payload, m_bCompressed, m_Decoder, &bytes)) {
+      return "does not decode to what its header states";
+    }
+    if (isData) {
+      m_Entry.AddIndexBlocks(bytes);
+      return {};
+    }
+    if (bytes.size() < kFileRecordSize) {
+      return "FILE record of " + std::to_string(bytes.size()) + " bytes";
+    }
+    if (BeginsNtfsEntry(header.RecordType)) m_Entry.FillDirHeader(header);
+    m_Entry.FileRecordtoDirectoryEntry(bytes.data(), static_cast<long>(bytes.size()));
+    NoteReferences(bytes);
+    return {};
+  }
+
+  // The update sequences are undone by now.
+  void NoteReferences(std::span<const unsigned char> records) {
+    if (!m_Found.number) m_Found.number = StatedRecordNumber(records.first<kFileRecordSize>());
+    while (records.size() >= kFileRecordSize) {
+      VisitAttributes(records.first<kFileRecordSize>(), [this](const NtfsAttribute& attribute) {
+        NtfsFileName name;
+        if (attribute.type == kFileNameType &&
+            DecodeFileName(attribute.NamedOffsetValue(), &name)) {
+          m_Found.parents.push_back(name.parent);
+        }
+        return true;
+      });
+      records = records.subspan(kFileRecordSize);
+    }
+  }
+
+  void Finish() {
+    m_Found.entry = m_Entry.EntryInUse();
+    if (m_Found.isDirectory) m_Found.entry.Attribute |= kDirectoryAttribute;
+    m_Found.name = Utf16ToUtf8(m_Entry.NtfsFullName());
+    m_Found.shortName = m_Entry.HasNtfsShortName() ? ShortNameToBytes(m_Found.entry) : m_Found.name;
+    m_Found.children = static_cast<uint64_t>(std::max(m_Entry.GetNumEntries(), 0));
+  }
+
+  [[noreturn]] void Fail(uint64_t at, const std::string& what) const {
+    throw Error(m_strImage, "record at " + Hex(at) + ": " + what, at);
+  }
+
+  FileWindow& m_Window;
+  uint64_t m_nLimit;
+  bool m_bCompressed;
+  const std::string& m_strImage;
+  UnitDecoder m_Decoder;
+  CapsuleDirectoryEntry m_Entry;
+  NtfsEntry m_Found;
+};
+
+}  // namespace
+
+NtfsEntry ReadNtfsEntry(FileWindow& window, uint64_t offset, uint64_t limit, bool compressed,
+                        const std::string& image) {
+  return NtfsEntryReader(window, limit, compressed, image).Read(offset);
+}
+
+std::optional<_NTFSMiniHeader> NtfsRecordAt(FileWindow& window, uint64_t offset, uint64_t limit) {
+  if (offset + kNtfsHeaderSize > limit) return std::nullopt;
+  const auto bytes = window.At(offset, kNtfsHeaderSize);
+  if (bytes.size() < kNtfsHeaderSize) return std::nullopt;
+  const _NTFSMiniHeader header = DecodeNtfsHeader(bytes.first<kNtfsHeaderSize>());
+  const bool known = header.RecordType >= kNtfsDirectoryRecord && header.RecordType <= kNtfsEnd;
+  if (!known || offset + kNtfsHeaderSize + header.Length > limit) return std::nullopt;
+  return header;
+}
+
+_MiniHeader ToMiniHeader(const _NTFSMiniHeader& header) {
+  return {static_cast<uint8_t>(header.RecordType), header.LastFlag, header.UncompressedLength,
+          header.Length};
+}
+
+bool DecodeNtfsPayload(const _NTFSMiniHeader& header, std::span<const unsigned char> payload,
+                       bool compressed, UnitDecoder& decoder, std::vector<unsigned char>* out) {
+  const _MiniHeader plain = ToMiniHeader(header);
+  if (!IsCompressedPayload(plain, compressed)) {
+    out->assign(payload.begin(), payload.end());
+    return payload.size() == header.Length;
+  }
+  out->assign(UncompressedLength(plain, compressed), 0);
+  return decoder.Decode(payload, *out).empty();
+}
+
+}  // namespace capsule::host

@@ -1,0 +1,25 @@
+// Builds the tree of an image by going through its sections instead of its index.
+#pragma once
+
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "capsule/host/catalog.h"
+#include "capsule/host/image.h"
+#include "capsule/host/index_check.h"
+
+namespace capsule::host {
+
+// What is left of the tree; empty when there is no section. A checked index, in `index`, shows the
+// way where entries are damaged. `limit`: where the sections end at the latest. Problems are added,
+// one for each damage.
+std::unique_ptr<Catalog> SalvageCatalog(int descriptor, const std::string& path,
+                                        const IndexContents& index, uint64_t limit,
+                                        std::vector<ImageProblem>* problems);
+
+// What is wrong with the records of the sections: what an index without a check value cannot tell.
+// Throws host::Error with the first fault.
+void CheckSections(int descriptor, const std::string& path, uint64_t limit);
+
+}  // namespace capsule::host

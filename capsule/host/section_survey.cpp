@@ -1,0 +1,330 @@
+// 1. No place is resumed at twice, so a survey ends. It goes back at most to the last file, whose
+//    damaged length may have led too far.
+// 2. A lost folder is replaced by one of the survey's own: its zero entry must close something, or
+//    what follows would land one level too high.
+#include "capsule/host/section_survey.h"
+
+#include <algorithm>
+#include <utility>
+#include <vector>
+
+#include "capsule/host/error.h"
+#include "capsule/host/reason.h"
+#include "capsule/host/section_resync.h"
+#include "capsule/host/survey_repair.h"
+#include "capsule/partition/record_format.h"
+
+namespace capsule::host {
+namespace {
+
+using Kind = SectionItem::Kind;
+
+constexpr uint64_t kWorkPerByte = 8;
+constexpr uint64_t kLeastWork = 1 << 20;
+
+class SearchingSurvey {
+ public:
+  SearchingSurvey(int descriptor, const std::string& path, uint64_t limit,
+                  const SurveyVisitor& visitor)
+      : m_Scanner(descriptor, path),
+        m_Window(descriptor, path),
+        m_nLimit(limit),
+        m_nWork(kLeastWork + kWorkPerByte * limit),
+        m_Visitor(visitor) {}
+
+  void Run() {
+    bool goesOn = true;
+    while (goesOn) {
+      SurveyItem found;
+      const uint64_t start = m_Scanner.Position();
+      try {
+        goesOn = m_Scanner.Next(&found.item);
+        if (goesOn) Take(std::move(found));
+      } catch (const Error& error) {
+        const bool inSection = m_Scanner.InSection();
+        goesOn = inSection ? Recover(start, std::move(found), error) : RecoverSection(start);
+        const bool isOfFile =
+            inSection && !m_Items.back().isGap && m_Items.back().item.kind == Kind::File;
+        const auto& tell = isOfFile ? m_Visitor.onFileDamage : m_Visitor.onDamage;
+        tell(error.Offset().value_or(start), error.Reason());
+      }
+    }
+    Flush();
+  }
+
+ private:
+  void Take(SurveyItem found) {
+    SectionItem& item = found.item;
+    if (!item.problem.empty()) m_Visitor.onDamage(item.offset, item.problem);
+    if (item.isNtfs && !item.isRoot && item.kind != Kind::NtfsEnd && item.name.empty()) {
+      m_Visitor.onDamage(item.offset, "FILE record has no name");
+      item.name = item.shortName = "damaged-" + Hex(item.offset);
+    }
+    if (item.isStray) AdoptStray(&item);
+    if (item.kind == Kind::Section) Flush();
+    m_Items.push_back(std::move(found));
+  }
+
+  void AdoptStray(SectionItem* item) {
+    m_Visitor.onStray(item->offset);
+    SurveyItem folder = LostFolder(item->offset, "damaged-" + Hex(item->offset) + "-folder");
+    m_Scanner.AdoptStray(folder.item.name, item);
+    folder.item.isNtfs = true;
+    folder.item.depth = item->depth - 1;
+    m_Items.push_back(std::move(folder));
+  }
+
+  // Hands out the items of one section.
+  void Flush() {
+    const bool isFat = std::none_of(m_Items.begin(), m_Items.end(),
+                                    [](const SurveyItem& item) { return item.item.isNtfs; });
+    if (isFat) m_Items = RepairSection(std::move(m_Items), m_Visitor);
+    for (const SurveyItem& item : m_Items) {
+      if (!item.isGap) m_Visitor.onItem(item);
+    }
+    m_Items.clear();
+  }
+
+  // A section whose header is damaged begins where the one before it ended, if its records do.
+  bool RecoverSection(uint64_t start) {
+    const uint64_t first = start + kPartitionHeaderSize;
+    ResyncRange range = Range();
+    for (const bool ntfs : {false, true}) {
+      range.ntfs = ntfs;
+      const auto here =
+          FindResumePoint(m_Window, first, Until(range, first + kPartitionHeaderSize));
+      if (!here || here->offset != first || here->startsSection) continue;
+      SurveyItem section;
+      m_Scanner.PassSectionHeader(&section.item);
+      Take(std::move(section));
+      return true;
+    }
+    range.ntfs = false;
+    uint64_t at = start + 1;
+    for (auto next = FindResumePoint(m_Window, at, range); next;
+         next = FindResumePoint(m_Window, at, range)) {
+      at = next->offset + 1;
+      if (!next->startsSection) continue;
+      m_Scanner.Resume(next->offset, false);
+      return true;
+    }
+    return false;
+  }
+
+  // `found`: as far as it could be read, from `start` on.
+  bool Recover(uint64_t start, SurveyItem found, const Error& error) {
+    const uint64_t failed = std::max(error.Offset().value_or(start), start);
+    const bool hasEntry = found.item.kind == Kind::File && found.item.dataOffset != 0;
+    if (hasEntry) m_Items.push_back(std::move(found));
+    const uint64_t from = hasEntry ? ResumeFrom(failed, failed) : ResumeFrom(start, failed);
+    auto next = FindResumePoint(m_Window, std::max(from, m_nLeast), Range());
+    if (next && next->offset == start) next = FindResumePoint(m_Window, start + 1, Range());
+    const uint64_t end = next ? next->offset : m_nLimit;
+    if (hasEntry || end <= start || ContinuesFile(start)) {
+      SectionItem& last = m_Items.back().item;
+      last.length = std::max(end, last.dataOffset) - last.offset;
+    } else {
+      AddGap(start, end, next && next->passedData);
+    }
+    if (!next) return false;
+    m_nLeast = next->offset + 1;
+    m_Scanner.Resume(next->offset, !next->startsSection);
+    return true;
+  }
+
+  // Whether what is at `at` belongs to the file that ends there.
+  bool ContinuesFile(uint64_t at) {
+    if (m_Items.empty() || m_Items.back().isGap) return false;
+    const SectionItem& item = m_Items.back().item;
+    if (item.kind != Kind::File || item.offset + item.length != at) return false;
+    const auto type = m_Window.At(at, 1);
+    return item.isNtfs || (!type.empty() && type[0] == kRecordDataBlock);
+  }
+
+  // What cannot be told; a zero entry still is one.
+  void AddGap(uint64_t start, uint64_t end, bool hasData) {
+    SurveyItem gap;
+    gap.item.offset = start;
+    gap.item.length = end - start;
+    gap.isGap = true;
+    gap.hasData = hasData;
+    const auto bytes = m_Window.At(start, kDirRecordSize);
+    if (!m_Scanner.InNtfsSection() && gap.item.length == kDirRecordSize &&
+        bytes.size() == kDirRecordSize) {
+      const auto entry = bytes.last<kDirEntrySize>();
+      gap.item.entry = DecodeShortEntry(entry);
+      gap.item.kind = Kind::ZeroEntry;
+      gap.isGap = !IsMostlyZero(gap.item.entry);
+    }
+    m_Items.push_back(std::move(gap));
+  }
+
+  // A damaged length leads away from where the next record is: what is searched begins behind the
+  // last record that is whole, else at `least`. `end`: where the last file's records seem to end.
+  uint64_t ResumeFrom(uint64_t end, uint64_t least) {
+    if (m_Items.empty() || m_Items.back().isGap) return least;
+    const SectionItem& last = m_Items.back().item;
+    if (last.kind != Kind::File || last.isNtfs || last.dataOffset >= end) return least;
+    const uint64_t whole =
+        EndOfWholeRecords(m_Window, last.dataOffset, end, m_Scanner.Header().compressed);
+    return whole < end ? whole + 1 : least;
+  }
+
+  ResyncRange Range() {
+    return {m_nLimit, m_Scanner.Header().compressed, m_Scanner.InNtfsSection(), &m_nWork};
+  }
+
+  static ResyncRange Until(ResyncRange range, uint64_t limit) {
+    range.limit = std::min(range.limit, limit);
+    return range;
+  }
+
+  SectionScanner m_Scanner;
+  FileWindow m_Window;
+  uint64_t m_nLimit;
+  uint64_t m_nWork;
+  uint64_t m_nLeast = 0;  // no place is returned to twice
+  const SurveyVisitor& m_Visitor;
+  std::vector<SurveyItem> m_Items;  // of the section
+};
+
+SurveyItem Plain(Kind kind, uint64_t offset) {
+  SurveyItem found;
+  found.item.kind = kind;
+  found.item.offset = offset;
+  return found;
+}
+
+std::string LastSegment(const std::string& path) { return path.substr(path.rfind('/') + 1); }
+
+size_t DepthOf(const std::string& path) {
+  return static_cast<size_t>(std::count(path.begin(), path.end(), '/'));
+}
+
+bool Agrees(const SectionItem& item, const IndexRecord& record) {
+  const bool isEntry = item.kind == Kind::File || item.kind == Kind::Directory;
+  if (isEntry && !record.name.empty() && item.name != LastSegment(record.name)) return false;
+  if (item.isNtfs) return record.type == kIndexFile;
+  if (item.kind == Kind::ZeroEntry && !IsMostlyZero(item.entry)) return false;
+  switch (record.type) {
+    case kIndexSection:
+      return item.kind == Kind::Section;
+    case kIndexFile:
+      return item.kind == Kind::File;
+    default:
+      return item.kind != Kind::File && (item.kind == Kind::Directory) == !record.name.empty();
+  }
+}
+
+// Goes from record to record of a checked index.
+class IndexedSurvey {
+ public:
+  IndexedSurvey(int descriptor, const std::string& path, const IndexContents& index,
+                const SurveyVisitor& visitor)
+      : m_Scanner(descriptor, path), m_Index(index), m_Visitor(visitor) {}
+
+  void Run() {
+    for (m_nAt = 0; m_nAt < m_Index.records.size(); ++m_nAt) {
+      if (!ClosesSection()) TakeRecord(m_Index.records[m_nAt]);
+    }
+  }
+
+ private:
+  const IndexRecord* NextRecord() const {
+    return m_nAt + 1 < m_Index.records.size() ? &m_Index.records[m_nAt + 1] : nullptr;
+  }
+
+  bool ClosesSection() const {
+    const IndexRecord& record = m_Index.records[m_nAt];
+    const IndexRecord* next = NextRecord();
+    return record.type == kIndexZeroEntry && record.name.empty() &&
+           (next == nullptr || next->type == kIndexSection);
+  }
+
+  void TakeRecord(const IndexRecord& record) {
+    const uint64_t end =
+        std::min<uint64_t>(uint64_t{record.offset} + record.length, m_Index.boundaries.back());
+    SurveyItem found;
+    const std::string damage = Read(record, end, &found.item);
+    const bool isGood = damage.empty();
+    if (!isGood) m_Visitor.onDamage(record.offset, damage);
+    if (!isGood && !Replace(record, end, &found)) return;
+    m_bFirstDot = found.item.kind == Kind::DotEntry && m_Before == Kind::Directory;
+    m_Before = found.item.kind;
+    m_Visitor.onItem(found);
+  }
+
+  // What is wrong with the item, or nothing.
+  std::string Read(const IndexRecord& record, uint64_t end, SectionItem* item) {
+    try {
+      m_Scanner.Resume(record.offset, record.type != kIndexSection);
+      const bool isGood = m_Scanner.Next(item) && Agrees(*item, record) &&
+                          (item->isNtfs || item->offset + item->length == end);
+      if (!isGood) return "its records are not what the index says";
+      return item->isStray ? "its folder is lost" : item->problem;
+    } catch (const Error& error) {
+      return error.Reason();
+    }
+  }
+
+  // Makes of `found` what the index says of it; false when nothing can be made.
+  bool Replace(const IndexRecord& record, uint64_t end, SurveyItem* found) {
+    SectionItem& item = found->item;
+    if (record.type == kIndexSection) {
+      if (item.kind != Kind::Section || item.length == 0) m_Scanner.PassSectionHeader(&item);
+      item.offset = record.offset;
+      return true;
+    }
+    const bool hasEntry = item.kind == Kind::File && item.dataOffset != 0 && item.dataOffset <= end;
+    const bool isNtfsEntry = item.isNtfs && item.kind != Kind::NtfsEnd && item.dataOffset != 0;
+    if (isNtfsEntry || (record.type == kIndexFile && hasEntry)) {
+      if (!record.name.empty()) item.name = LastSegment(record.name);
+      if (item.isNtfs) item.depth = DepthOf(record.name);
+    } else if (m_Scanner.InNtfsSection()) {
+      return ReplaceNtfs(record, found);
+    } else if (record.type == kIndexFile) {
+      return false;
+    } else if (!record.name.empty()) {
+      *found = LostFolder(record.offset, LastSegment(record.name));
+    } else {
+      const bool isDot = m_Before == Kind::Directory || (m_Before == Kind::DotEntry && m_bFirstDot);
+      *found = Plain(isDot ? Kind::DotEntry : Kind::ZeroEntry, record.offset);
+    }
+    item.length = end - record.offset;
+    return true;
+  }
+
+  // Of an entry whose FILE record is lost: a folder when something is below it.
+  bool ReplaceNtfs(const IndexRecord& record, SurveyItem* found) {
+    const IndexRecord* next = NextRecord();
+    const bool isFolder =
+        next != nullptr && !record.name.empty() && next->name.starts_with(record.name + '/');
+    if (!isFolder) return false;
+    *found = LostFolder(record.offset, LastSegment(record.name));
+    found->item.isNtfs = true;
+    found->item.depth = DepthOf(record.name);
+    m_Scanner.OpenLost(found->item.name, found->item.depth);
+    return true;
+  }
+
+  SectionScanner m_Scanner;
+  const IndexContents& m_Index;
+  const SurveyVisitor& m_Visitor;
+  size_t m_nAt = 0;
+  Kind m_Before = Kind::Section;
+  bool m_bFirstDot = false;
+};
+
+}  // namespace
+
+void SurveyByIndex(int descriptor, const std::string& path, const IndexContents& index,
+                   const SurveyVisitor& visitor) {
+  IndexedSurvey(descriptor, path, index, visitor).Run();
+}
+
+void SurveyBySearch(int descriptor, const std::string& path, uint64_t limit,
+                    const SurveyVisitor& visitor) {
+  SearchingSurvey(descriptor, path, limit, visitor).Run();
+}
+
+}  // namespace capsule::host

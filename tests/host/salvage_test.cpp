@@ -1,0 +1,124 @@
+// Real damage over real images: what is untouched comes out equal, what is not is never wrong.
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <map>
+#include <set>
+
+#include "capsule/host/image.h"
+#include "capsule/host/index_writer.h"
+#include "tests/support/damage_seed.h"
+#include "tests/support/temp_dir.h"
+
+namespace capsule::host {
+namespace {
+
+using Kind = SectionItem::Kind;
+using test::Contents;
+
+// A sample with an index of this system.
+class Seed {
+ public:
+  explicit Seed(const std::string& name) : m_Seed(Index(name)) {}
+
+  const test::DamageSeed& operator*() const { return m_Seed; }
+
+  // Reads `bytes`: untouched files are there and equal.
+  void Check(const std::string& bytes, const std::set<std::string>& untouched,
+             const std::string& what) const {
+    test::WriteFile(m_Folder / "damaged.cap", bytes);
+    const Contents found = test::ReadContents(Image(m_Folder / "damaged.cap", Opening::Salvage));
+    for (const std::string& path : untouched) {
+      const auto at = found.find(path);
+      ASSERT_NE(at, found.end()) << what << ": " << path;
+      ASSERT_EQ(at->second == m_Seed.Whole().at(path), true) << what << ": " << path;
+    }
+    std::filesystem::remove(m_Folder / "damaged.cap");
+  }
+
+ private:
+  std::string Index(const std::string& name) const {
+    const std::string path = m_Folder / "x.cap";
+    test::WriteFile(path, test::ReadFile(CAPSULE_TEST_DATA "/images/" + name));
+    IndexWriter(path).Write();
+    return path;
+  }
+
+  test::TempDir m_Folder;
+  test::DamageSeed m_Seed;
+};
+
+class Salvage : public testing::TestWithParam<const char*> {};
+
+TEST_P(Salvage, BrokenIndexLosesNothing) {
+  const Seed seed(GetParam());
+  const std::set<std::string> all = (*seed).Untouched(0, 0);
+  ASSERT_EQ(all.size(), (*seed).Whole().size());
+  std::string bytes = (*seed).Bytes();
+  seed.Check(bytes.substr(0, (*seed).IndexOffset()), all, "cut off");
+  for (size_t at = (*seed).IndexOffset(); at < bytes.size(); at += bytes.size() / 97 + 1) {
+    bytes[at] = static_cast<char>(bytes[at] ^ 0x55);
+    seed.Check(bytes, all, "index byte " + std::to_string(at));
+  }
+  for (const char* offset : {"\0\0\0\0", "\xff\xff\xff\xff", "\1\0\0\0"}) {
+    std::string patched = (*seed).Bytes();
+    patched.replace(kIndexOffsetOffset, 4, std::string(offset, 4));
+    seed.Check(patched, all, "index offset");
+  }
+}
+
+TEST_P(Salvage, TruncationKeepsWhatLiesBefore) {
+  const Seed seed(GetParam());
+  const SectionItem& first = (*seed).Items().at(1);
+  for (size_t length = first.offset + 40; length < (*seed).Bytes().size();
+       length += (*seed).Bytes().size() / 61) {
+    seed.Check((*seed).Bytes().substr(0, length), (*seed).Untouched(length, (*seed).Bytes().size()),
+               "length " + std::to_string(length));
+  }
+}
+
+TEST_P(Salvage, DamagedDataRecordsLoseOnlyTheirFile) {
+  const Seed seed(GetParam());
+  for (const SectionItem& item : (*seed).Items()) {
+    if (item.kind != Kind::File || item.dataOffset == item.offset + item.length) continue;
+    for (size_t at = item.dataOffset; at < item.dataOffset + 10; at += 3) {
+      std::string bytes = (*seed).Bytes();
+      bytes[at] = static_cast<char>(bytes[at] ^ 0x7F);
+      const auto untouched = (*seed).Untouched(at, at + 1);
+      seed.Check(bytes, untouched, std::to_string(at));
+      seed.Check(bytes.substr(0, (*seed).IndexOffset()), untouched,
+                 std::to_string(at) + ", no index");
+      if (HasFatalFailure()) return;
+    }
+  }
+}
+
+// One byte of every record that is not data.
+TEST_P(Salvage, DamagedEntriesLoseOnlyWhatIsTheirs) {
+  const Seed seed(GetParam());
+  size_t turn = 0;
+  for (const SectionItem& item : (*seed).Items()) {
+    const bool hasData = item.kind == Kind::File;
+    const uint64_t end = hasData ? item.dataOffset : item.offset + item.length;
+    const size_t step = std::max<size_t>(9, (end - item.offset) / 3);
+    for (size_t at = item.offset + turn % 9; at < end; at += step) {
+      std::string bytes = (*seed).Bytes();
+      const char* values[] = {"\x00", "\x01", "\x7F", "\x80", "\xFF"};
+      bytes[at] = *values[turn++ % 5];
+      if (bytes[at] == (*seed).Bytes()[at]) continue;
+      const auto untouched = (*seed).Untouched(at, at + 1);
+      seed.Check(bytes, untouched, std::to_string(at));
+      seed.Check(bytes.substr(0, (*seed).IndexOffset()), untouched,
+                 std::to_string(at) + ", no index");
+      if (HasFatalFailure()) return;
+    }
+  }
+}
+
+INSTANTIATE_TEST_SUITE_P(All, Salvage,
+                         testing::Values("w_names.img", "w_files_only.img", "w_three_open.img",
+                                         "f_16384_lzs.img", "h_compact_scrambled.img",
+                                         "n_flat_old.img"));
+
+}  // namespace
+}  // namespace capsule::host

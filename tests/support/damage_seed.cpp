@@ -1,0 +1,73 @@
+#include "tests/support/damage_seed.h"
+
+#include <algorithm>
+
+#include "capsule/host/error.h"
+#include "capsule/platform/file.h"
+#include "tests/support/temp_dir.h"
+
+namespace capsule::test {
+
+using host::SectionItem;
+using Kind = SectionItem::Kind;
+
+Contents ReadContents(const host::Image& image) {
+  Contents contents;
+  std::vector<host::Entry> open;
+  for (int n = 0; n < image.Partitions(); ++n) open.push_back(image.Root(n));
+  while (!open.empty()) {
+    const host::Entry folder = open.back();
+    open.pop_back();
+    for (const host::Entry& entry : folder.Children()) {
+      if (entry.IsDirectory()) {
+        open.push_back(entry);
+        continue;
+      }
+      try {
+        std::vector<unsigned char> read(entry.Size());
+        image.Read(entry, 0, read);
+        contents.emplace(entry.Path(), std::string(read.begin(), read.end()));
+      } catch (const host::Error&) {
+        contents.emplace(entry.Path(), kUnread);
+      }
+    }
+  }
+  return contents;
+}
+
+DamageSeed::DamageSeed(const std::string& path) : m_Bytes(ReadFile(path)) {
+  const host::Image image(path);
+  m_Contents = ReadContents(image);
+  m_nIndexOffset = static_cast<size_t>(image.Info().indexOffset);
+  m_bChecked = image.Info().checked;
+  const int descriptor = platform::OpenForReading(path.c_str());
+  host::SectionScanner scanner(descriptor, path);
+  for (SectionItem item; scanner.Next(&item);) m_Items.push_back(item);
+  platform::Close(descriptor);
+}
+
+std::set<std::string> DamageSeed::Untouched(size_t from, size_t to) const {
+  std::set<std::string> paths;
+  std::set<std::string> hitFolders;
+  std::vector<std::string> open{""};
+  for (const SectionItem& item : m_Items) {
+    const std::string root = std::to_string(item.section) + ":/";
+    if (item.kind == Kind::Section) open.assign(1, root);
+    if (item.isNtfs) open.resize(std::min(open.size(), item.depth + 1));
+    if (item.kind == Kind::Directory && !item.isRoot) open.push_back(root + item.path + "/");
+    const bool isFile = item.kind == Kind::File;
+    if (item.offset < to && item.offset + item.length > from) {
+      if (!isFile && item.kind != Kind::Trailer) hitFolders.insert(open.back());
+    } else if (isFile) {
+      paths.insert(root + item.path);
+    }
+    if (item.kind == Kind::ZeroEntry && open.size() > 1) open.pop_back();
+  }
+  std::erase_if(paths, [&](const std::string& path) {
+    return std::any_of(hitFolders.begin(), hitFolders.end(),
+                       [&](const std::string& folder) { return path.starts_with(folder); });
+  });
+  return paths;
+}
+
+}  // namespace capsule::test

@@ -1,0 +1,43 @@
+// DamageSeed is a whole image that is to be damaged: what its files hold, and what damage touches.
+#pragma once
+
+#include <map>
+#include <set>
+#include <string>
+#include <vector>
+
+#include "capsule/host/image.h"
+#include "capsule/host/section_scanner.h"
+
+namespace capsule::test {
+
+using Contents = std::map<std::string, std::string>;  // by path
+
+inline constexpr char kUnread[] = "<cannot be read>";
+
+// The files of an image; of several with the same path the first. What cannot be read is kUnread.
+Contents ReadContents(const host::Image& image);
+
+class DamageSeed {
+ public:
+  // `path`: an image with an index.
+  explicit DamageSeed(const std::string& path);
+
+  const std::string& Bytes() const { return m_Bytes; }
+  const Contents& Whole() const { return m_Contents; }
+  size_t IndexOffset() const { return m_nIndexOffset; }
+  bool IsChecked() const { return m_bChecked; }
+  const std::vector<host::SectionItem>& Items() const { return m_Items; }
+
+  // The files whose own records, and whose folders' records, lie outside [from, to).
+  std::set<std::string> Untouched(size_t from, size_t to) const;
+
+ private:
+  std::string m_Bytes;
+  size_t m_nIndexOffset = 0;
+  bool m_bChecked = false;
+  Contents m_Contents;
+  std::vector<host::SectionItem> m_Items;
+};
+
+}  // namespace capsule::test
