@@ -116,7 +116,8 @@ void SectionScanner::PassSectionHeader(SectionItem* item) {
 void SectionScanner::BeginSection(SectionItem* item) {
   item->kind = SectionItem::Kind::Section;
   m_nSectionStart = item->offset;
-  m_bNtfs = m_SystemIds[m_nNextSection] == kSystemIdNtfs;
+  const bool isKnown = m_nNextSection < m_nSectionCount;  // an index may have more
+  m_bNtfs = isKnown && m_SystemIds[m_nNextSection] == kSystemIdNtfs;
   item->section = m_nNextSection++;
   m_bInSection = true;
   m_NtfsFolders.Clear();

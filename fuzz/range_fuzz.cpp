@@ -1,0 +1,100 @@
+// Ranges of one file: in any order they give the bytes that reading from the front gives.
+// First byte: bit 0 compressed; size of the file (3), two offsets and lengths (2 each); records.
+#include <algorithm>
+#include <cstdint>
+#include <vector>
+
+#include "capsule/host/error.h"
+#include "capsule/host/image.h"
+#include "capsule/platform/little_endian.h"
+#include "fuzz/memory_file.h"
+#include "fuzz/section_image.h"
+
+namespace {
+
+using namespace capsule;
+
+constexpr size_t kParameters = 12;
+
+fuzz::Bytes MakeImage(const uint8_t* data, size_t size) {
+  fuzz::Bytes image = fuzz::BeginImage(11, (data[0] & 1) != 0);
+  _ShortDirEntry entry{};
+  std::fill(std::begin(entry.Name), std::end(entry.Name), uint8_t{'A'});
+  std::fill(std::begin(entry.Extension), std::end(entry.Extension), uint8_t{' '});
+  entry.FileSize = platform::LoadLe32(data) >> 8;
+  fuzz::Append(EncodeMiniHeader({kRecordDirectory, 1, 0, kDirEntrySize}), &image);
+  fuzz::Append(EncodeShortEntry(entry), &image);
+  fuzz::Append({data + kParameters, size - kParameters}, &image);
+  fuzz::Append(EncodePartitionTrailer(), &image);
+  return image;
+}
+
+// Everything that can be read from the front, chunk by chunk.
+std::vector<unsigned char> ReadFromFront(const host::Image& image, const host::Entry& entry) {
+  host::FileReader reader = image.OpenFile(entry);
+  std::vector<unsigned char> bytes;
+  std::vector<unsigned char> piece(512);
+  try {
+    while (bytes.size() < reader.Size()) {
+      const size_t got = reader.Read(bytes.size(), piece);
+      bytes.insert(bytes.end(), piece.begin(), piece.begin() + static_cast<std::ptrdiff_t>(got));
+    }
+  } catch (const host::Error&) {
+  }
+  return bytes;
+}
+
+void Compare(host::FileReader& reader, uint64_t offset, size_t length,
+             const std::vector<unsigned char>& whole) {
+  std::vector<unsigned char> piece(length);
+  try {
+    const size_t got = reader.Read(offset, piece);
+    fuzz::Require(offset + got <= whole.size() || got == 0, "no range has bytes that others lack");
+    fuzz::Require(std::equal(piece.begin(), piece.begin() + static_cast<std::ptrdiff_t>(got),
+                             whole.begin() + static_cast<std::ptrdiff_t>(got == 0 ? 0 : offset)),
+                  "a range has the bytes of the whole");
+  } catch (const host::Error&) {
+    fuzz::Require(whole.size() < reader.Size(), "ranges of a sound file can be read");
+  }
+}
+
+// What is left of the file covers it without a gap, and has the bytes that reading gives as long as
+// nothing is lost.
+void CompareWhatIsLeft(const host::Image& image, const host::Entry& entry,
+                       const std::vector<unsigned char>& whole) {
+  uint64_t end = 0;
+  bool isLost = false;
+  image.ReadDamaged(entry, 0, entry.Size(), [&](const host::FilePiece& piece) {
+    using Kind = host::FilePiece::Kind;
+    if (piece.kind != Kind::Data && piece.kind != Kind::Lost) return;
+    fuzz::Require(piece.offset == end, "what is left and what is lost cover the file");
+    isLost = isLost || piece.kind == Kind::Lost;
+    end += piece.kind == Kind::Lost ? piece.length : piece.bytes.size();
+    if (isLost || end > whole.size()) return;
+    fuzz::Require(std::equal(piece.bytes.begin(), piece.bytes.end(),
+                             whole.begin() + static_cast<std::ptrdiff_t>(piece.offset)),
+                  "what is left has the bytes of the whole");
+  });
+  fuzz::Require(end == entry.Size(), "every byte is left or lost");
+}
+
+}  // namespace
+
+extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
+  if (size < kParameters || size > 1 << 16) return 0;
+  const fuzz::MemoryFile file(MakeImage(data, size));
+  try {
+    const host::Image image(file.Path(), host::Opening::Salvage);
+    const auto entry = image.Find("0:/AAAAAAAA");
+    if (!entry || entry->IsDirectory()) return 0;
+    const auto whole = ReadFromFront(image, *entry);
+    CompareWhatIsLeft(image, *entry, whole);
+    host::FileReader reader = image.OpenFile(*entry);
+    for (const size_t at : {size_t{4}, size_t{8}, size_t{4}}) {
+      Compare(reader, platform::LoadLe16(data + at) * uint64_t{16},
+              platform::LoadLe16(data + at + 2), whole);
+    }
+  } catch (const host::Error&) {
+  }
+  return 0;
+}
