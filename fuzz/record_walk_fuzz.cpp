@@ -35,6 +35,6 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   visitor.onItem = [&](const host::SurveyItem& found) {
     Require(found.item.offset + found.item.length <= image.size(), "what is left is in the file");
   };
-  host::SurveyBySearch(file.Descriptor(), "fuzz", image.size(), visitor);
+  host::SurveyBySearch(file.Descriptor(), "fuzz", {image.size()}, visitor);
   return 0;
 }

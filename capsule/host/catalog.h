@@ -32,6 +32,7 @@ struct CatalogNode {
   uint8_t partition = 0;
   bool isDirectory = false;
   bool isDuplicate = false;
+  bool isPlaceholder = false;  // a folder made for what is left of a lost one
 };
 
 class Catalog {

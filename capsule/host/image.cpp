@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <cerrno>
 
+#include "capsule/host/checksum.h"
 #include "capsule/host/damaged_reader.h"
 #include "capsule/host/file_reader_impl.h"
 #include "capsule/host/file_window.h"
@@ -110,6 +111,18 @@ uint64_t LimitOfSections(int descriptor, const std::string& path, const DecodedH
   return isMarked || !index.boundaries.empty() ? header.indexOffset : length;
 }
 
+// What is wrong with the header, which a checked index vouches for; nothing when it does not.
+std::optional<ImageProblem> JudgeHeader(int descriptor, const std::string& path,
+                                        const IndexContents& index) {
+  if (!index.headerCheck) return std::nullopt;
+  FileWindow window(descriptor, path);
+  RunningChecksum checksum;
+  checksum.Update(window.At(0, kHeaderSize));
+  if (checksum.Value() == *index.headerCheck) return std::nullopt;
+  return ImageProblem{"header", "check value is " + ChecksumDigits(*index.headerCheck) +
+                                    ", its bytes give " + ChecksumDigits(checksum.Value())};
+}
+
 // Takes "N:" from the front of `path`; partition 0 without it, none when N is out of reach.
 std::optional<uint32_t> TakePartition(std::string_view* path) {
   size_t digits = 0;
@@ -139,7 +152,7 @@ Image::Image(const std::filesystem::path& path, Opening opening)
     impl.catalog = ReadCatalog(impl.file.Get(), impl.path, index, &impl.problems);
     if (opening == Opening::Salvage) RefuseLeftOut(impl.problems, impl.path);
     if (!index.isChecked || HasNtfsPartition(header)) {
-      CheckSections(impl.file.Get(), impl.path, header.indexOffset);
+      CheckSections(impl.file.Get(), impl.path, *impl.catalog, header.indexOffset);
     }
   } catch (const Error& error) {
     if (opening == Opening::Strict) throw;
@@ -149,6 +162,9 @@ Image::Image(const std::filesystem::path& path, Opening opening)
         impl.file.Get(), impl.path, index,
         LimitOfSections(impl.file.Get(), impl.path, header, index, length), &impl.problems);
     if (impl.catalog->Size() == 0) throw;
+  }
+  if (auto wrong = JudgeHeader(impl.file.Get(), impl.path, index)) {
+    impl.problems.push_back(*std::move(wrong));
   }
   impl.info = Summarize(header, index, *impl.catalog);
   impl.info.scanReason = scanReason;
@@ -164,7 +180,11 @@ const std::string& Image::Path() const { return m_pImpl->path; }
 const ImageInfo& Image::Info() const { return m_pImpl->info; }
 const std::vector<ImageProblem>& Image::Problems() const { return m_pImpl->problems; }
 int Image::Partitions() const { return static_cast<int>(m_pImpl->catalog->Roots()); }
-Entry Image::Root(int n) const { return m_pImpl->catalog->At(static_cast<uint32_t>(n)); }
+
+Entry Image::Root(int n) const {
+  if (n < 0 || n >= Partitions()) throw Error(Path(), "has no partition " + std::to_string(n));
+  return m_pImpl->catalog->At(static_cast<uint32_t>(n));
+}
 
 std::optional<Entry> Image::Find(std::string_view path) const {
   const Catalog& catalog = *m_pImpl->catalog;
@@ -181,6 +201,7 @@ std::optional<Entry> Image::Find(std::string_view path) const {
 }
 
 RecordSource Image::SourceOf(const Entry& entry) const {
+  if (entry.m_pCatalog != m_pImpl->catalog.get()) throw Error(Path(), "entry of another image");
   const CatalogNode& node = m_pImpl->catalog->Node(entry.m_nId);
   if (node.isDirectory) throw Error(Path(), entry.Path() + ": is a directory");
   RecordSource source;

@@ -51,9 +51,9 @@ struct ImageInfo {
   std::vector<PartitionInfo> partitions;
 };
 
-// What is wrong with a single entry of an image that could be opened.
+// What is wrong with a single entry, or with the header, of an image that could be opened.
 struct ImageProblem {
-  std::string path;
+  std::string path;  // "N:/folder/file", "header", or where in the image the records of an item are
   std::string reason;
   bool isLeftOut = false;  // the tree has no place for it
 };
@@ -80,7 +80,8 @@ class CAPSULE_API Image {
 
   int Partitions() const;
 
-  // The root of partition `n`, which exists; its children are the top level of the tree.
+  // The root of partition `n`; its children are the top level of the tree. Throws when there is no
+  // such partition.
   Entry Root(int n) const;
 
   // Looks up "N:/folder/file". Partition 0 when "N:" is left out; `/` and `\` both separate, empty
@@ -88,7 +89,7 @@ class CAPSULE_API Image {
   // then one that ignores the case of ASCII letters.
   std::optional<Entry> Find(std::string_view path) const;
 
-  // Throws for a directory.
+  // Throws for a directory, and for an entry of another image.
   FileReader OpenFile(const Entry& entry) const;
 
   // What is left of a file whose records may be damaged: the pieces of `length` bytes from `offset`

@@ -17,6 +17,7 @@
 #include "capsule/host/long_name_check.h"
 #include "capsule/host/path_hash.h"
 #include "capsule/host/reason.h"
+#include "capsule/host/section_scanner.h"
 #include "capsule/partition/ntfs_format.h"
 #include "capsule/partition/partition.h"
 #include "capsule/partition/record_format.h"
@@ -222,6 +223,7 @@ class CatalogBuilder {
     const size_t known = m_Problems.size();
     size_t damaged = 0;  // of m_Problems, which are in the order of nodes
     std::vector<uint64_t> hashes(m_Nodes.size(), kRootPathHash);
+    m_PathLengths.assign(m_Nodes.size(), 0);
     for (uint32_t id = 0; id < m_Nodes.size(); ++id) {
       while (damaged < known && m_Problems[damaged].first < id) ++damaged;
       const bool isNamed = damaged == known || m_Problems[damaged].first != id;
@@ -236,12 +238,17 @@ class CatalogBuilder {
   // The hash of the node's path. An entry with a damaged name lies where the index says.
   uint64_t ComparePath(uint32_t id, uint64_t folder, bool isNamed) {
     CatalogNode& node = m_Nodes[id];
+    m_PathLengths[id] = m_PathLengths[node.parent] + 1 + node.name.size();
     const uint64_t hash = ChildPathHash(folder, node.name);
     const auto& paths = m_Index.paths;
     const auto stated = std::lower_bound(
         paths.begin(), paths.end(), node.offset,
         [](const IndexContents::ItemPath& item, uint32_t at) { return item.offset < at; });
     const bool isStated = stated != paths.end() && stated->offset == node.offset;
+    if (!isStated && m_Index.isChecked && !node.name.empty() &&
+        m_PathLengths[id] <= kMaxScannedPath) {
+      Fail(node.offset, "the index has no name for the entry here");
+    }
     if (!isStated || stated->path == hash) return hash;
     if (isNamed && stated->folder != folder) {
       Fail(node.offset, "the index names an item of another folder here");
@@ -299,9 +306,10 @@ class CatalogBuilder {
   const IndexContents& m_Index;
   std::vector<ImageProblem>* m_pProblems;
   std::vector<CatalogNode> m_Nodes;
-  std::vector<CpsList*> m_Lists;   // by node; null for files
-  std::vector<bool> m_Ntfs;        // by partition
-  std::vector<uint32_t> m_Starts;  // of the sections, by partition
+  std::vector<CpsList*> m_Lists;      // by node; null for files
+  std::vector<bool> m_Ntfs;           // by partition
+  std::vector<uint32_t> m_Starts;     // of the sections, by partition
+  std::vector<size_t> m_PathLengths;  // by node
   std::vector<std::pair<uint32_t, std::string>> m_Problems;
 };
 

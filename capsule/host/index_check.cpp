@@ -116,8 +116,11 @@ void Keep(const IndexRecord& record, IndexContents* contents) {
       {record.offset, ExtendPathHash(kRootPathHash, path), ExtendPathHash(kRootPathHash, folder)});
 }
 
-// A note that tells the check value of the file in the record before it.
+// A note that tells the check value of the header, or of the file in the record before it.
 void KeepCheck(const IndexRecord& note, const IndexRecord& before, IndexContents* contents) {
+  if (note.type == kIndexNote && note.offset == 0 && contents->isChecked) {
+    contents->headerCheck = ChecksumOfName(note.name);
+  }
   const bool isOfFile = note.type == kIndexNote && before.type == kIndexFile &&
                         note.offset == before.offset && contents->isChecked;
   if (!isOfFile) return;

@@ -2,6 +2,7 @@
 #pragma once
 
 #include <cstdint>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -22,6 +23,10 @@ struct IndexContents {
 
   // Every record of types 2, 3 and 5 in the order of their offsets; only when asked for.
   std::vector<IndexRecord> records;
+
+  // The check value of the header, where a checked index has one.
+  std::optional<uint64_t> headerCheck;
+
   // What a checked index says about items, in the order of their offsets: the check values of
   // files, and the hashes of paths (path_hash.h) where the index has one.
   struct ItemPath {

@@ -2,6 +2,7 @@
 #include "capsule/host/ntfs_entry.h"
 
 #include <algorithm>
+#include <array>
 
 #include "capsule/blocks/data_block_format.h"
 #include "capsule/host/error.h"
@@ -12,6 +13,17 @@
 
 namespace capsule::host {
 namespace {
+
+// One or more: those behind the first must say that they are.
+bool AreFileRecords(std::span<const unsigned char> bytes) {
+  constexpr std::array<unsigned char, 4> kMagic{'F', 'I', 'L', 'E'};
+  if (bytes.empty() || bytes.size() % kFileRecordSize != 0) return false;
+  for (size_t at = kFileRecordSize; at < bytes.size(); at += kFileRecordSize) {
+    const auto start = bytes.subspan(at, kMagic.size());
+    if (!std::equal(kMagic.begin(), kMagic.end(), start.begin())) return false;
+  }
+  return true;
+}
 
 class NtfsEntryReader {
  public:
@@ -57,8 +69,8 @@ class NtfsEntryReader {
       m_Entry.AddIndexBlocks(bytes);
       return {};
     }
-    if (bytes.size() < kFileRecordSize) {
-      return "FILE record of " + std::to_string(bytes.size()) + " bytes";
+    if (!AreFileRecords(bytes)) {
+      return "FILE records of " + std::to_string(bytes.size()) + " bytes, or what is none";
     }
     if (BeginsNtfsEntry(header.RecordType)) m_Entry.FillDirHeader(header);
     m_Entry.FileRecordtoDirectoryEntry(bytes.data(), static_cast<long>(bytes.size()));

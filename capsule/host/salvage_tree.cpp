@@ -7,6 +7,7 @@
 #include "capsule/host/long_name_check.h"
 #include "capsule/host/reason.h"
 #include "capsule/host/section_survey.h"
+#include "capsule/host/tree_comparison.h"
 #include "capsule/partition/record_format.h"
 
 namespace capsule::host {
@@ -27,7 +28,8 @@ class TreeCollector {
     if (item.isRoot) return;
     if (item.kind == Kind::ZeroEntry && m_Open.size() > 1) m_Open.pop_back();
     if (item.isNtfs && m_Open.size() > item.depth + 1) m_Open.resize(item.depth + 1);
-    if (item.kind == Kind::Directory || item.kind == Kind::File) AddEntry(item);
+    if (item.kind == Kind::Directory || item.kind == Kind::File)
+      AddEntry(item, found.isPlaceholder);
   }
 
   std::unique_ptr<Catalog> Build() {
@@ -75,8 +77,9 @@ class TreeCollector {
     m_Nodes.push_back(std::move(root));
   }
 
-  void AddEntry(const SectionItem& item) {
+  void AddEntry(const SectionItem& item, bool isPlaceholder) {
     CatalogNode node;
+    node.isPlaceholder = isPlaceholder;
     node.isDirectory = item.kind == Kind::Directory;
     node.parent = m_Open.back();
     node.partition = static_cast<uint8_t>(m_Roots.size() - 1);
@@ -107,6 +110,15 @@ std::string ProblemOfName(FileWindow& window, const SurveyItem& found) {
   return JudgeLongName(window.At(item.offset, static_cast<size_t>(length)), item.entry);
 }
 
+// Adds an item by its long name when that can be believed. What is wrong with it, or nothing.
+std::string AddNamed(FileWindow& window, const SurveyItem& found, TreeCollector* collector) {
+  std::string wrong = ProblemOfName(window, found);
+  SurveyItem named = found;
+  if (!wrong.empty()) named.item.name = found.item.shortName;
+  collector->Add(named);
+  return wrong;
+}
+
 }  // namespace
 
 std::unique_ptr<Catalog> SalvageCatalog(int descriptor, const std::string& path,
@@ -116,12 +128,8 @@ std::unique_ptr<Catalog> SalvageCatalog(int descriptor, const std::string& path,
   FileWindow window(descriptor, path);
   SurveyVisitor visitor;
   visitor.onItem = [&](const SurveyItem& found) {
-    const std::string wrong = ProblemOfName(window, found);
-    if (wrong.empty()) return collector.Add(found);
-    problems->push_back({"long name at " + Hex(found.item.offset), wrong});
-    SurveyItem renamed = found;
-    renamed.item.name = found.item.shortName;
-    collector.Add(renamed);
+    const std::string wrong = AddNamed(window, found, &collector);
+    if (!wrong.empty()) problems->push_back({"long name at " + Hex(found.item.offset), wrong});
   };
   visitor.onDamage = [&](uint64_t offset, const std::string& reason) {
     problems->push_back({"item at " + Hex(offset), reason});
@@ -134,7 +142,7 @@ std::unique_ptr<Catalog> SalvageCatalog(int descriptor, const std::string& path,
     if (index.isChecked && !index.records.empty()) {
       SurveyByIndex(descriptor, path, index, visitor);
     } else {
-      SurveyBySearch(descriptor, path, limit, visitor);
+      SurveyBySearch(descriptor, path, {limit, index.sections}, visitor);
     }
   } catch (const Error& error) {
     problems->push_back({"0:/", error.Reason()});
@@ -142,15 +150,20 @@ std::unique_ptr<Catalog> SalvageCatalog(int descriptor, const std::string& path,
   return collector.Build();
 }
 
-void CheckSections(int descriptor, const std::string& path, uint64_t limit) {
+void CheckSections(int descriptor, const std::string& path, const Catalog& indexed,
+                   uint64_t limit) {
   SurveyVisitor visitor;
-  visitor.onItem = [](const SurveyItem&) {};
+  TreeCollector collector;
+  FileWindow window(descriptor, path);
+  visitor.onItem = [&](const SurveyItem& found) { AddNamed(window, found, &collector); };
   visitor.onFileDamage = [](uint64_t, const std::string&) {};  // told when the file is read
   visitor.onStray = [](uint64_t) {};  // readers leave such entries out, and say so
   visitor.onDamage = [&](uint64_t offset, const std::string& reason) {
     throw Error(path, "item at " + Hex(offset) + ": " + reason, offset);
   };
-  SurveyBySearch(descriptor, path, limit, visitor);
+  SurveyBySearch(descriptor, path, {limit, {}, false}, visitor);
+  const std::string difference = CompareTrees(indexed, *collector.Build());
+  if (!difference.empty()) throw Error(path, difference);
 }
 
 }  // namespace capsule::host

@@ -18,8 +18,8 @@ std::unique_ptr<Catalog> SalvageCatalog(int descriptor, const std::string& path,
                                         const IndexContents& index, uint64_t limit,
                                         std::vector<ImageProblem>* problems);
 
-// What is wrong with the records of the sections: what an index without a check value cannot tell.
-// Throws host::Error with the first fault.
-void CheckSections(int descriptor, const std::string& path, uint64_t limit);
+// What an index without a check value cannot tell: whether the records of the sections are sound,
+// and give the tree that the index leads to. Throws host::Error with the first fault.
+void CheckSections(int descriptor, const std::string& path, const Catalog& indexed, uint64_t limit);
 
 }  // namespace capsule::host

@@ -18,6 +18,11 @@ namespace {
 
 using View = std::span<const unsigned char>;
 
+constexpr std::array<unsigned char, kMiniHeaderSize> kEntryHeader{kRecordDirectory, 1, 0, 0, 0, 0,
+                                                                  kDirEntrySize,    0};
+constexpr std::array<unsigned char, kMiniHeaderSize> kAreaHeader{
+    kRecordPartition, 0, 0, 0, 0, 0, 0, 6};
+
 constexpr uint64_t kDecodedAtMost = 65536;
 constexpr size_t kLookAhead = kPartitionHeaderSize;  // the longest thing recognised by its bytes
 
@@ -34,9 +39,8 @@ bool IsPartitionArea(View at) {
 
 // A record as writers make it, whose short entry or long-name piece is one, or nothing.
 bool IsDirectoryRecord(View at) {
-  constexpr std::array<unsigned char, kMiniHeaderSize> kHeader{kRecordDirectory, 1, 0, 0, 0, 0,
-                                                               kDirEntrySize,    0};
-  if (at.size() < kDirRecordSize || !std::equal(kHeader.begin(), kHeader.end(), at.begin())) {
+  if (at.size() < kDirRecordSize ||
+      !std::equal(kEntryHeader.begin(), kEntryHeader.end(), at.begin())) {
     return false;
   }
   const View entry = at.subspan(kMiniHeaderSize, kDirEntrySize);
@@ -54,6 +58,15 @@ class Resync {
   Resync(FileWindow& window, const ResyncRange& range) : m_Window(window), m_Range(range) {}
 
   std::optional<ResumePoint> Find(uint64_t offset) {
+    const auto known = std::lower_bound(m_Range.sections.begin(), m_Range.sections.end(), offset);
+    if (known == m_Range.sections.end() || *known >= m_Range.limit) return FindByBytes(offset);
+    m_Range.limit = *known;
+    const auto found = FindByBytes(offset);
+    return found ? found : ResumePoint{*known, true, m_bPassedData};
+  }
+
+ private:
+  std::optional<ResumePoint> FindByBytes(uint64_t offset) {
     uint64_t at = offset;
     while (at < m_Range.limit) {
       if (StartsSection(at)) return ResumePoint{at, true, m_bPassedData};
@@ -64,7 +77,6 @@ class Resync {
     return std::nullopt;
   }
 
- private:
   View At(uint64_t offset, size_t count) {
     if (offset >= m_Range.limit) return {};
     return m_Window.At(offset,
@@ -179,6 +191,21 @@ class Resync {
 };
 
 }  // namespace
+
+uint64_t FindRecordMark(FileWindow& window, uint64_t begin, uint64_t end) {
+  for (uint64_t at = begin; at < end;) {
+    const View bytes =
+        window.At(at, static_cast<size_t>(std::min<uint64_t>(end - at, FileWindow::kSize)));
+    const auto entry =
+        std::search(bytes.begin(), bytes.end(), kEntryHeader.begin(), kEntryHeader.end());
+    const auto area = std::search(bytes.begin(), entry, kAreaHeader.begin(), kAreaHeader.end());
+    const auto found = area != entry ? area : entry;
+    if (found != bytes.end()) return at + static_cast<uint64_t>(found - bytes.begin());
+    if (bytes.size() < kMiniHeaderSize || at + bytes.size() >= end) return end;
+    at += bytes.size() - (kMiniHeaderSize - 1);
+  }
+  return end;
+}
 
 std::optional<ResumePoint> FindResumePoint(FileWindow& window, uint64_t offset,
                                            const ResyncRange& range) {

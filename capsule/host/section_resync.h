@@ -3,6 +3,7 @@
 
 #include <cstdint>
 #include <optional>
+#include <span>
 
 #include "capsule/host/file_window.h"
 
@@ -19,6 +20,7 @@ struct ResyncRange {
   uint64_t limit = 0;  // where sections end at the latest
   bool compressed = false;
   bool ntfs = false;
+  std::span<const uint32_t> sections = {};  // where sections begin, whatever is there; ascending
   uint64_t* work = nullptr;  // bytes that may still be decoded to tell records; what goes beyond
                              // is taken for none
 };
@@ -31,6 +33,10 @@ struct ResyncRange {
 // leads to is a record: what files hold may look like records. Else every byte is tried.
 std::optional<ResumePoint> FindResumePoint(FileWindow& window, uint64_t offset,
                                            const ResyncRange& range);
+
+// The first bytes from `begin` to `end` that look like the header of a directory record or of a
+// trailer; `end` when there are none.
+uint64_t FindRecordMark(FileWindow& window, uint64_t begin, uint64_t end);
 
 // Where the whole data block records from `begin` on end, at `end` at the latest.
 uint64_t EndOfWholeRecords(FileWindow& window, uint64_t begin, uint64_t end, bool compressed);

@@ -21,15 +21,16 @@ using Kind = SectionItem::Kind;
 
 constexpr uint64_t kWorkPerByte = 8;
 constexpr uint64_t kLeastWork = 1 << 20;
+constexpr uint64_t kMostZeroEntries = 64;  // that may be lost in one place
 
 class SearchingSurvey {
  public:
-  SearchingSurvey(int descriptor, const std::string& path, uint64_t limit,
+  SearchingSurvey(int descriptor, const std::string& path, const SearchHints& hints,
                   const SurveyVisitor& visitor)
       : m_Scanner(descriptor, path),
         m_Window(descriptor, path),
-        m_nLimit(limit),
-        m_nWork(kLeastWork + kWorkPerByte * limit),
+        m_Hints(hints),
+        m_nWork(kLeastWork + kWorkPerByte * hints.limit),
         m_Visitor(visitor) {}
 
   void Run() {
@@ -39,6 +40,7 @@ class SearchingSurvey {
       const uint64_t start = m_Scanner.Position();
       try {
         goesOn = m_Scanner.Next(&found.item);
+        if (goesOn) RefuseLeap(found.item);
         if (goesOn) Take(std::move(found));
       } catch (const Error& error) {
         const bool inSection = m_Scanner.InSection();
@@ -65,6 +67,17 @@ class SearchingSurvey {
     m_Items.push_back(std::move(found));
   }
 
+  // Throws when a file has taken what follows it for its data, because a length is damaged.
+  void RefuseLeap(const SectionItem& item) {
+    const uint64_t end = item.offset + item.length;
+    const bool isSuspect = m_Hints.readsData && item.kind == Kind::File && !item.isNtfs &&
+                           FindRecordMark(m_Window, item.dataOffset, end) < end;
+    if (!isSuspect) return;
+    const uint64_t whole =
+        EndOfWholeRecords(m_Window, item.dataOffset, end, m_Scanner.Header().compressed);
+    if (whole < end) throw Error("", "data block at " + Hex(whole) + " is damaged", end);
+  }
+
   void AdoptStray(SectionItem* item) {
     m_Visitor.onStray(item->offset);
     SurveyItem folder = LostFolder(item->offset, "damaged-" + Hex(item->offset) + "-folder");
@@ -89,17 +102,23 @@ class SearchingSurvey {
   bool RecoverSection(uint64_t start) {
     const uint64_t first = start + kPartitionHeaderSize;
     ResyncRange range = Range();
+    if (std::binary_search(m_Hints.sections.begin(), m_Hints.sections.end(), start)) {
+      m_Scanner.Resume(start, false);
+      PassHeader();
+      return true;
+    }
+    range.sections = {};
     for (const bool ntfs : {false, true}) {
       range.ntfs = ntfs;
       const auto here =
           FindResumePoint(m_Window, first, Until(range, first + kPartitionHeaderSize));
       if (!here || here->offset != first || here->startsSection) continue;
-      SurveyItem section;
-      m_Scanner.PassSectionHeader(&section.item);
-      Take(std::move(section));
+      m_Scanner.Resume(start, false);
+      PassHeader();
       return true;
     }
     range.ntfs = false;
+    range.sections = m_Hints.sections;
     uint64_t at = start + 1;
     for (auto next = FindResumePoint(m_Window, at, range); next;
          next = FindResumePoint(m_Window, at, range)) {
@@ -111,6 +130,12 @@ class SearchingSurvey {
     return false;
   }
 
+  void PassHeader() {
+    SurveyItem section;
+    m_Scanner.PassSectionHeader(&section.item);
+    Take(std::move(section));
+  }
+
   // `found`: as far as it could be read, from `start` on.
   bool Recover(uint64_t start, SurveyItem found, const Error& error) {
     const uint64_t failed = std::max(error.Offset().value_or(start), start);
@@ -119,7 +144,7 @@ class SearchingSurvey {
     const uint64_t from = hasEntry ? ResumeFrom(failed, failed) : ResumeFrom(start, failed);
     auto next = FindResumePoint(m_Window, std::max(from, m_nLeast), Range());
     if (next && next->offset == start) next = FindResumePoint(m_Window, start + 1, Range());
-    const uint64_t end = next ? next->offset : m_nLimit;
+    const uint64_t end = next ? next->offset : m_Hints.limit;
     if (hasEntry || end <= start || ContinuesFile(start)) {
       SectionItem& last = m_Items.back().item;
       last.length = std::max(end, last.dataOffset) - last.offset;
@@ -148,15 +173,23 @@ class SearchingSurvey {
     gap.item.length = end - start;
     gap.isGap = true;
     gap.hasData = hasData;
-    const auto bytes = m_Window.At(start, kDirRecordSize);
-    if (!m_Scanner.InNtfsSection() && gap.item.length == kDirRecordSize &&
-        bytes.size() == kDirRecordSize) {
-      const auto entry = bytes.last<kDirEntrySize>();
-      gap.item.entry = DecodeShortEntry(entry);
-      gap.item.kind = Kind::ZeroEntry;
-      gap.isGap = !IsMostlyZero(gap.item.entry);
+    const bool mayBeRecords = !m_Scanner.InNtfsSection() && gap.item.length % kDirRecordSize == 0 &&
+                              gap.item.length <= kMostZeroEntries * kDirRecordSize;
+    if (!mayBeRecords) return m_Items.push_back(std::move(gap));
+    for (uint64_t at = start; at < end; at += kDirRecordSize) AddRecordOfGap(at);
+  }
+
+  void AddRecordOfGap(uint64_t at) {
+    SurveyItem found;
+    found.item.offset = at;
+    found.item.length = kDirRecordSize;
+    const auto bytes = m_Window.At(at, kDirRecordSize);
+    if (bytes.size() == kDirRecordSize) {
+      found.item.entry = DecodeShortEntry(bytes.last<kDirEntrySize>());
+      found.item.kind = Kind::ZeroEntry;
     }
-    m_Items.push_back(std::move(gap));
+    found.isGap = bytes.size() < kDirRecordSize || !IsMostlyZero(found.item.entry);
+    m_Items.push_back(std::move(found));
   }
 
   // A damaged length leads away from where the next record is: what is searched begins behind the
@@ -171,7 +204,8 @@ class SearchingSurvey {
   }
 
   ResyncRange Range() {
-    return {m_nLimit, m_Scanner.Header().compressed, m_Scanner.InNtfsSection(), &m_nWork};
+    return {m_Hints.limit, m_Scanner.Header().compressed, m_Scanner.InNtfsSection(),
+            m_Hints.sections, &m_nWork};
   }
 
   static ResyncRange Until(ResyncRange range, uint64_t limit) {
@@ -181,7 +215,7 @@ class SearchingSurvey {
 
   SectionScanner m_Scanner;
   FileWindow m_Window;
-  uint64_t m_nLimit;
+  SearchHints m_Hints;
   uint64_t m_nWork;
   uint64_t m_nLeast = 0;  // no place is returned to twice
   const SurveyVisitor& m_Visitor;
@@ -206,12 +240,14 @@ bool Agrees(const SectionItem& item, const IndexRecord& record) {
   if (isEntry && !record.name.empty() && item.name != LastSegment(record.name)) return false;
   if (item.isNtfs) return record.type == kIndexFile;
   if (item.kind == Kind::ZeroEntry && !IsMostlyZero(item.entry)) return false;
+  const bool isLong = isEntry && item.path.empty() && record.name.empty();  // left out of the index
   switch (record.type) {
     case kIndexSection:
       return item.kind == Kind::Section;
     case kIndexFile:
       return item.kind == Kind::File;
     default:
+      if (isLong) return item.kind == Kind::Directory;
       return item.kind != Kind::File && (item.kind == Kind::Directory) == !record.name.empty();
   }
 }
@@ -322,9 +358,9 @@ void SurveyByIndex(int descriptor, const std::string& path, const IndexContents&
   IndexedSurvey(descriptor, path, index, visitor).Run();
 }
 
-void SurveyBySearch(int descriptor, const std::string& path, uint64_t limit,
+void SurveyBySearch(int descriptor, const std::string& path, const SearchHints& hints,
                     const SurveyVisitor& visitor) {
-  SearchingSurvey(descriptor, path, limit, visitor).Run();
+  SearchingSurvey(descriptor, path, hints, visitor).Run();
 }
 
 }  // namespace capsule::host

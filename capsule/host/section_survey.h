@@ -4,6 +4,7 @@
 
 #include <cstdint>
 #include <functional>
+#include <span>
 #include <string>
 
 #include "capsule/host/index_check.h"
@@ -32,9 +33,16 @@ struct SurveyVisitor {
 void SurveyByIndex(int descriptor, const std::string& path, const IndexContents& index,
                    const SurveyVisitor& visitor);
 
-// Without an index: goes on at the next place that looks like a record group. `limit`: where the
-// sections end at the latest. Memory: the items of one section.
-void SurveyBySearch(int descriptor, const std::string& path, uint64_t limit,
+// How to search without a checked index.
+struct SearchHints {
+  uint64_t limit = 0;                       // where the sections end at the latest
+  std::span<const uint32_t> sections = {};  // where an index says that they begin, ascending
+  bool readsData = true;  // looks into data that seems to hold records: a length may be damaged
+};
+
+// Without a checked index: goes on at the next place that looks like a record group. Memory: the
+// items of one section.
+void SurveyBySearch(int descriptor, const std::string& path, const SearchHints& hints,
                     const SurveyVisitor& visitor);
 
 }  // namespace capsule::host

@@ -11,6 +11,22 @@ namespace capsule::test {
 using host::SectionItem;
 using Kind = SectionItem::Kind;
 
+namespace {
+
+// By pieces: a damaged entry may state any size.
+std::string ReadAll(const host::Image& image, const host::Entry& entry) {
+  std::string read;
+  std::vector<unsigned char> piece(size_t{32} << 10);
+  host::FileReader reader = image.OpenFile(entry);
+  do {
+    const size_t got = reader.Read(read.size(), piece);
+    read.append(piece.begin(), piece.begin() + static_cast<std::ptrdiff_t>(got));
+  } while (read.size() < entry.Size());
+  return read;
+}
+
+}  // namespace
+
 Contents ReadContents(const host::Image& image) {
   Contents contents;
   std::vector<host::Entry> open;
@@ -24,9 +40,7 @@ Contents ReadContents(const host::Image& image) {
         continue;
       }
       try {
-        std::vector<unsigned char> read(entry.Size());
-        image.Read(entry, 0, read);
-        contents.emplace(entry.Path(), std::string(read.begin(), read.end()));
+        contents.emplace(entry.Path(), ReadAll(image, entry));
       } catch (const host::Error&) {
         contents.emplace(entry.Path(), kUnread);
       }

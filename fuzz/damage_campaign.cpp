@@ -1,0 +1,224 @@
+// Damages ten images in many ways and judges what is read from each:
+//   - no run takes more than 2 s of processor time, nor the program more than 256 MiB (without a
+//     sanitizer);
+//   - damage behind the header leaves every file whole whose own records, and whose folders'
+//     records, are untouched;
+//   - where the index has a check value, no file with other contents is read without complaint.
+//
+//   damage_campaign [--every N] [--part K/N] [--random COUNT]
+//
+// `--every N` takes each N-th damage only; the figures say how many were taken.
+#include <sys/resource.h>
+
+#include <cstdio>
+#include <cstdlib>
+#include <ctime>
+#include <filesystem>
+#include <fstream>
+#include <string>
+#include <vector>
+
+#include "capsule/host/error.h"
+#include "capsule/host/image_builder.h"
+#include "capsule/host/index_writer.h"
+#include "capsule/host/verifier.h"
+#include "fuzz/damage_cases.h"
+#include "tests/support/temp_dir.h"
+
+namespace capsule::fuzz {
+namespace {
+
+constexpr double kMostSeconds = 2;
+constexpr long kMostKilobytes = 256L << 10;
+constexpr size_t kTruncations = 20'000;  // of each seed
+constexpr size_t kVerifyEach = 8;
+
+struct Options {
+  size_t every = 1;
+  size_t part = 0;
+  size_t parts = 1;
+  size_t random = 100'000;
+};
+
+struct Figures {
+  size_t runs = 0;
+  size_t opened = 0;
+  size_t findings = 0;
+  size_t unnoticed = 0;  // other contents, but no rule broken and no check value
+  double slowest = 0;
+};
+
+class Campaign {
+ public:
+  explicit Campaign(const Options& options) : m_Options(options) {}
+
+  void Run(const std::string& name, const std::string& path) {
+    const test::DamageSeed seed(path);
+    m_pSeed = &seed;
+    m_strName = name;
+    Stage("truncations",
+          [&](const TakeDamage& take) { VisitTruncations(seed, kTruncations, take); });
+    Stage("bytes", [&](const TakeDamage& take) { VisitBytes(seed, take); });
+    Stage("random",
+          [&](const TakeDamage& take) { VisitRandom(seed, m_Options.random / 10, 1, take); });
+  }
+
+  bool Finish() {
+    rusage usage{};
+    getrusage(RUSAGE_SELF, &usage);
+    std::printf("%zu runs, %zu findings, slowest %.3f s, at most %ld KiB\n", m_nRuns, m_nFindings,
+                m_Slowest, usage.ru_maxrss);
+#if !defined(__SANITIZE_ADDRESS__)
+    if (usage.ru_maxrss > kMostKilobytes) ++m_nFindings;
+#endif
+    return m_nFindings == 0;
+  }
+
+ private:
+  template <typename Visit>
+  void Stage(const char* kind, const Visit& visit) {
+    m_Figures = {};
+    visit([this](const DamageCase& damage) {
+      const size_t number = m_nCase++;
+      if (number % m_Options.every == 0 &&
+          number / m_Options.every % m_Options.parts == m_Options.part) {
+        Judge(damage);
+      }
+    });
+    std::printf("%-24s %-12s %8zu runs, %8zu opened, %zu findings, %zu unnoticed, slowest %.3f s\n",
+                m_strName.c_str(), kind, m_Figures.runs, m_Figures.opened, m_Figures.findings,
+                m_Figures.unnoticed, m_Figures.slowest);
+    std::fflush(stdout);
+    m_nRuns += m_Figures.runs;
+    m_nFindings += m_Figures.findings;
+    m_Slowest = std::max(m_Slowest, m_Figures.slowest);
+  }
+
+  void Judge(const DamageCase& damage) {
+    const std::string path = m_Folder / "damaged.cap";
+    test::WriteFile(path, damage.bytes);
+    const std::clock_t start = std::clock();
+    try {
+      const host::Image image(path, host::Opening::Salvage);
+      ++m_Figures.opened;
+      Compare(damage, image);
+    } catch (const host::Error& error) {
+      if (!damage.isHeader && !m_pSeed->Untouched(damage.from, damage.to).empty()) {
+        Find(damage, std::string("cannot be opened: ") + error.what());
+      }
+    }
+    if (m_Figures.runs % kVerifyEach == 0) Verify(path);
+    const double seconds = static_cast<double>(std::clock() - start) / CLOCKS_PER_SEC;
+    m_Figures.slowest = std::max(m_Figures.slowest, seconds);
+    if (seconds > kMostSeconds) Find(damage, "takes " + std::to_string(seconds) + " s");
+    ++m_Figures.runs;
+  }
+
+  static void Verify(const std::string& path) {
+    try {
+      host::Verifier(path).Run([](const host::Fault&) {});
+    } catch (const host::Error&) {
+    }
+  }
+
+  void Compare(const DamageCase& damage, const host::Image& image) {
+    const test::Contents found = test::ReadContents(image);
+    const test::Contents& whole = m_pSeed->Whole();
+    if (!damage.isHeader) {
+      for (const std::string& path : m_pSeed->Untouched(damage.from, damage.to)) {
+        const auto at = found.find(path);
+        if (at == found.end() || at->second != whole.at(path)) {
+          return Find(damage, path + (at == found.end() ? " is missing" : " is not the same"));
+        }
+      }
+    }
+    const bool complains = !image.Problems().empty() || !image.Info().scanReason.empty();
+    for (const auto& [path, contents] : found) {
+      const auto at = whole.find(path);
+      const bool isSame = at != whole.end() && at->second == contents;
+      if (isSame || contents == test::kUnread || (at == whole.end() && complains)) continue;
+      if (image.Info().checked) return Find(damage, path + " is read as something else");
+      ++m_Figures.unnoticed;
+    }
+  }
+
+  void Find(const DamageCase& damage, const std::string& what) {
+    ++m_Figures.findings;
+    std::printf("FINDING %s, %zu to %zu of %zu bytes: %s\n", m_strName.c_str(), damage.from,
+                damage.to, damage.bytes.size(), what.c_str());
+  }
+
+  Options m_Options;
+  test::TempDir m_Folder;
+  const test::DamageSeed* m_pSeed = nullptr;
+  std::string m_strName;
+  Figures m_Figures;
+  size_t m_nCase = 0;
+  size_t m_nRuns = 0;
+  size_t m_nFindings = 0;
+  double m_Slowest = 0;
+};
+
+// Two folders as partitions, of files short, long, compressible and not.
+void Build(const std::filesystem::path& folder, const std::string& image, int level) {
+  namespace fs = std::filesystem;
+  std::vector<fs::path> roots;
+  for (const char* name : {"first", "second"}) {
+    roots.push_back(folder / name);
+    const fs::path deep = roots.back() / "sub folder" / "deeper";
+    fs::create_directories(deep);
+    std::string text;
+    for (int i = 0; text.size() < 12000; ++i) text += "line " + std::to_string(i * 7919) + "\n";
+    std::ofstream(roots.back() / "lines.txt") << text;
+    std::ofstream(deep / "a long name, with a comma.text") << text.substr(3000, 700);
+    std::ofstream(deep / "empty");
+    std::ofstream(roots.back() / "SHORT.TXT") << "x";
+  }
+  host::BuildOptions options;
+  options.level = level;
+  host::ImageBuilder builder(image, options);
+  for (const fs::path& root : roots) builder.AddDirectory(root);
+  builder.Finish();
+}
+
+bool RunAll(const Options& options) {
+  const test::TempDir folder;
+  Campaign campaign(options);
+  const auto sample = [&](const std::string& name, bool isIndexed) {
+    const std::string path = folder / "seed.cap";
+    test::WriteFile(path, test::ReadFile(CAPSULE_TEST_DATA "/images/" + name));
+    if (isIndexed) host::IndexWriter(path).Write();
+    campaign.Run(name + (isIndexed ? ", indexed" : ""), path);
+  };
+  for (const char* name : {"w_names.img", "w_files_only.img", "w_three_open.img", "f_16384_lzs.img",
+                           "h_compact_scrambled.img", "n_flat_old.img"}) {
+    sample(name, false);
+  }
+  sample("w_names.img", true);
+  sample("h_compact_scrambled.img", true);
+  for (const int level : {0, 5}) {
+    const std::string path = folder / "built.cap";
+    Build(folder / ("level" + std::to_string(level)), path, level);
+    campaign.Run("built at level " + std::to_string(level), path);
+  }
+  return campaign.Finish();
+}
+
+}  // namespace
+}  // namespace capsule::fuzz
+
+int main(int argc, char** argv) {
+  capsule::fuzz::Options options;
+  for (int i = 1; i + 1 < argc; i += 2) {
+    const std::string name = argv[i];
+    char* end = nullptr;
+    const size_t value = std::strtoul(argv[i + 1], &end, 10);
+    if (name == "--every") options.every = std::max<size_t>(value, 1);
+    if (name == "--random") options.random = value;
+    if (name == "--part") {
+      options.part = value;
+      options.parts = std::max<size_t>(std::strtoul(end + (*end == '/' ? 1 : 0), nullptr, 10), 1);
+    }
+  }
+  return capsule::fuzz::RunAll(options) ? 0 : 1;
+}
