@@ -11,6 +11,8 @@ endif()
 target_include_directories(capsule_options INTERFACE ${PROJECT_SOURCE_DIR})
 if(CAPSULE_SANITIZE)
   target_compile_options(capsule_options INTERFACE
-    -fsanitize=${CAPSULE_SANITIZE} -fno-sanitize-recover=all -fno-omit-frame-pointer)
+    -fsanitize=${CAPSULE_SANITIZE} -fno-sanitize-recover=all -fno-omit-frame-pointer
+    # Clang's check does not know the error categories of libstdc++.
+    $<$<CXX_COMPILER_ID:Clang>:-fno-sanitize=vptr>)
   target_link_options(capsule_options INTERFACE -fsanitize=${CAPSULE_SANITIZE})
 endif()
