@@ -173,7 +173,8 @@ class SearchingSurvey {
     gap.item.length = end - start;
     gap.isGap = true;
     gap.hasData = hasData;
-    const bool mayBeRecords = !m_Scanner.InNtfsSection() && gap.item.length % kDirRecordSize == 0 &&
+    const bool mayBeRecords = !hasData && !m_Scanner.InNtfsSection() &&
+                              gap.item.length % kDirRecordSize == 0 &&
                               gap.item.length <= kMostZeroEntries * kDirRecordSize;
     if (!mayBeRecords) return m_Items.push_back(std::move(gap));
     for (uint64_t at = start; at < end; at += kDirRecordSize) AddRecordOfGap(at);

@@ -30,9 +30,12 @@ std::vector<Place> PlacesOf(const Catalog& catalog) {
   return places;
 }
 
+// The index may leave a file more room than its records take, not less.
 bool Agree(const Place& place, const CatalogNode& a, const Place& other, const CatalogNode& b) {
-  return place.parent == other.parent && a.partition == b.partition && a.name == b.name &&
-         a.size == b.size && a.isDirectory == b.isDirectory;
+  const bool hasRoom =
+      a.isDirectory || (a.dataOffset == b.dataOffset && a.dataLimit >= b.dataLimit);
+  return hasRoom && place.parent == other.parent && a.partition == b.partition &&
+         a.name == b.name && a.size == b.size && a.isDirectory == b.isDirectory;
 }
 
 }  // namespace
