@@ -18,7 +18,7 @@ size_t FileReader::Read(uint64_t offset, std::span<unsigned char> out) {
   const uint64_t size = Size();
   const uint64_t end =
       offset >= size ? offset : offset + std::min<uint64_t>(out.size(), size - offset);
-  if (m_pImpl->hasFailed || offset < records.ChunkBegin()) records.Restart();
+  if (m_pImpl->hasFailed || offset < records.ChunkBegin()) records.GoBack(offset);
   m_pImpl->hasFailed = true;
   if (size == 0) records.CheckEmpty();
   for (uint64_t at = offset; at < end;) {

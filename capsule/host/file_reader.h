@@ -4,7 +4,8 @@
 // index has one: then the last piece is refused, so nothing of it is to be kept. Ranges that leave
 // something out cannot be compared with it. An empty file is compared by any Read.
 //
-// Reading forward decodes every record once; going back decodes again from the file's first record.
+// Reading forward decodes every record once; going back decodes again from the nearest of up to 64
+// places whose history was kept on the way.
 // One thread uses a reader; readers of the same image are independent of each other. The Image must
 // outlive it.
 //

@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <iterator>
 
 #include "capsule/blocks/data_block_format.h"
 #include "capsule/host/error.h"
@@ -14,7 +15,9 @@ namespace capsule::host {
 namespace {
 
 constexpr size_t kWindowSize = 128 * 1024;  // holds any record: 8 + 65535 bytes
-constexpr uint64_t kMaxExpansion = 30;      // a group of 4 bits stands for up to 15 bytes
+constexpr size_t kMostMarks = 64;
+constexpr uint64_t kMarkDistance = 256 * 1024;
+constexpr uint64_t kMaxExpansion = 30;  // a group of 4 bits stands for up to 15 bytes
 
 std::string Count(uint64_t n) { return std::to_string(n); }
 
@@ -22,7 +25,8 @@ std::string Count(uint64_t n) { return std::to_string(n); }
 
 RecordStream::RecordStream(RecordSource source)
     : m_Source(std::move(source)),
-      m_nHeaderSize(m_Source.ntfs ? kNtfsHeaderSize : kMiniHeaderSize) {
+      m_nHeaderSize(m_Source.ntfs ? kNtfsHeaderSize : kMiniHeaderSize),
+      m_nMarkDistance(kMarkDistance) {
   const uint64_t room = m_Source.limit - m_Source.begin;
   if (m_Source.check) m_Check.emplace(*m_Source.check);
   Restart();
@@ -46,6 +50,29 @@ void RecordStream::Restart() {
   }
 }
 
+void RecordStream::GoBack(uint64_t offset) {
+  const auto behind =
+      std::upper_bound(m_Marks.begin(), m_Marks.end(), offset,
+                       [](uint64_t wanted, const Mark& mark) { return wanted < mark.chunkEnd; });
+  if (behind == m_Marks.begin()) return Restart();
+  const Mark& mark = *std::prev(behind);
+  m_nRecord = mark.record;
+  m_nChunkBegin = m_nChunkEnd = mark.chunkEnd;
+  m_Decoder = mark.decoder;
+  m_Chunk.clear();
+}
+
+// When there are too many marks, every other goes, and the next ones are twice as far apart.
+void RecordStream::KeepMark() {
+  const uint64_t last = m_Marks.empty() ? 0 : m_Marks.back().chunkEnd;
+  if (m_nChunkEnd < last + m_nMarkDistance) return;
+  m_Marks.push_back({m_nRecord, m_nChunkEnd, m_Decoder});
+  if (m_Marks.size() < kMostMarks) return;
+  for (size_t i = 0; i < kMostMarks / 2; ++i) m_Marks[i] = std::move(m_Marks[2 * i + 1]);
+  m_Marks.erase(m_Marks.begin() + kMostMarks / 2, m_Marks.end());
+  m_nMarkDistance *= 2;
+}
+
 void RecordStream::Advance(uint64_t offset) {
   if (m_nChunkEnd == 0) CountGroup();
   const _MiniHeader header = ReadHeader();
@@ -60,6 +87,7 @@ void RecordStream::Advance(uint64_t offset) {
   m_nRecord += m_nHeaderSize + header.Length;
   m_nChunkBegin = m_nChunkEnd;
   m_nChunkEnd += length;
+  KeepMark();
   if (m_nChunkEnd >= m_Source.size) CompareCheck();
 }
 

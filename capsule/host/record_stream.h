@@ -47,7 +47,19 @@ class RecordStream {
   // Goes back to before the first record.
   void Restart();
 
+  // Goes back to before the record that holds `offset`: to the nearest place behind which decoding
+  // can go on, of up to kMostMarks that were kept on the way.
+  void GoBack(uint64_t offset);
+
  private:
+  // The state behind a record.
+  struct Mark {
+    uint64_t record;
+    uint64_t chunkEnd;
+    UnitDecoder decoder;
+  };
+
+  void KeepMark();
   _MiniHeader ReadHeader();
   _MiniHeader ReadNtfsHeader();
   _MiniHeader NtfsHeaderAt(uint64_t offset, uint32_t* type);
@@ -72,6 +84,8 @@ class RecordStream {
   UnitDecoder m_Decoder;
   std::optional<ContentCheck> m_Check;
   std::vector<unsigned char> m_Chunk;
+  std::vector<Mark> m_Marks;  // ascending
+  uint64_t m_nMarkDistance;   // bytes of the file from one to the next, at least
 };
 
 }  // namespace capsule::host

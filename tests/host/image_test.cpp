@@ -5,6 +5,7 @@
 #include <random>
 #include <thread>
 
+#include "capsule/host/image_builder.h"
 #include "capsule/host/index_writer.h"
 #include "capsule/platform/little_endian.h"
 #include "tests/host/small_image.h"
@@ -135,6 +136,28 @@ TEST(ImageTest, RangesInAnyOrderAndFromManyThreadsAgree) {
   std::vector<std::thread> threads;
   for (unsigned seed = 1; seed <= 4; ++seed) threads.emplace_back(check, seed);
   for (std::thread& thread : threads) thread.join();
+}
+
+// More than 64 times 256 KiB, so that kept histories are thinned out on the way.
+TEST(ImageTest, BackwardRangesOfALongFileAgree) {
+  const test::TempDir folder;
+  std::string text;
+  for (int i = 0; text.size() < 20'000'000; ++i) text += "line " + std::to_string(i * 7919) + "\n";
+  std::filesystem::create_directory(folder / "in");
+  test::WriteFile(folder / "in/long.txt", text);
+  ImageBuilder builder(folder / "x.cap");
+  builder.AddDirectory(folder / "in");
+  builder.Finish();
+  const Image image(folder / "x.cap");
+  FileReader reader = image.OpenFile(*image.Find("long.txt"));
+  Bytes range(1000);
+  for (size_t at = text.size() - range.size(); at > 100'000; at -= 99'991) {
+    ASSERT_EQ(reader.Read(at, range), range.size());
+    ASSERT_TRUE(
+        std::equal(range.begin(), range.end(), text.begin() + static_cast<std::ptrdiff_t>(at),
+                   [](unsigned char a, char b) { return a == static_cast<unsigned char>(b); }))
+        << at;
+  }
 }
 
 // What a thread sees of an image: every entry listed, found again by its path, and read.
