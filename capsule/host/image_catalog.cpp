@@ -249,6 +249,10 @@ class CatalogBuilder {
         m_PathLengths[id] <= kMaxScannedPath) {
       Fail(node.offset, "the index has no name for the entry here");
     }
+    if (isStated && !m_Ntfs[node.partition] && stated->isFile == node.isDirectory) {
+      Fail(node.offset,
+           "the index has a " + std::string(stated->isFile ? "file" : "folder") + " here");
+    }
     if (!isStated || stated->path == hash) return hash;
     if (isNamed && stated->folder != folder) {
       Fail(node.offset, "the index names an item of another folder here");

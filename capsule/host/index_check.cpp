@@ -112,8 +112,8 @@ void Keep(const IndexRecord& record, IndexContents* contents) {
   const std::string_view path = record.name;
   const size_t slash = path.rfind('/');
   const std::string_view folder = slash == path.npos ? "" : path.substr(0, slash);
-  contents->paths.push_back(
-      {record.offset, ExtendPathHash(kRootPathHash, path), ExtendPathHash(kRootPathHash, folder)});
+  contents->paths.push_back({record.offset, ExtendPathHash(kRootPathHash, path),
+                             ExtendPathHash(kRootPathHash, folder), record.type == kIndexFile});
 }
 
 // A note that tells the check value of the header, or of the file in the record before it.

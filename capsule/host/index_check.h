@@ -33,6 +33,7 @@ struct IndexContents {
     uint32_t offset = 0;
     uint64_t path = 0;
     uint64_t folder = 0;  // of the path up to its last '/'
+    bool isFile = false;  // in FAT-style sections: it is of the type for files
   };
   std::vector<FileCheck> checks;
   std::vector<ItemPath> paths;

@@ -115,6 +115,19 @@ TEST_P(Salvage, DamagedEntriesLoseOnlyWhatIsTheirs) {
   }
 }
 
+// An empty folder whose attribute is damaged looks like an empty file.
+TEST(SalvagedKind, AFolderIsNoFile) {
+  const Seed seed("w_names.img");
+  std::string bytes = (*seed).Bytes();
+  const size_t folder = bytes.find("D1         ");
+  ASSERT_NE(folder, std::string::npos);
+  bytes[folder + 11] = 0;
+  const test::TempDir place;
+  test::WriteFile(place / "x.cap", bytes);
+  EXPECT_THROW(Image(place / "x.cap"), Error);
+  EXPECT_TRUE(Image(place / "x.cap", Opening::Salvage).Find("D1")->IsDirectory());
+}
+
 INSTANTIATE_TEST_SUITE_P(All, Salvage,
                          testing::Values("w_names.img", "w_files_only.img", "w_three_open.img",
                                          "f_16384_lzs.img", "h_compact_scrambled.img",
