@@ -142,7 +142,8 @@ TEST(ImageTest, RangesInAnyOrderAndFromManyThreadsAgree) {
 TEST(ImageTest, BackwardRangesOfALongFileAgree) {
   const test::TempDir folder;
   std::string text;
-  for (int i = 0; text.size() < 20'000'000; ++i) text += "line " + std::to_string(i * 7919) + "\n";
+  for (int64_t i = 0; text.size() < 20'000'000; ++i)
+    text += "line " + std::to_string(i * 7919) + "\n";
   std::filesystem::create_directory(folder / "in");
   test::WriteFile(folder / "in/long.txt", text);
   ImageBuilder builder(folder / "x.cap");
