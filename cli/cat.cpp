@@ -83,23 +83,16 @@ int Cat(const CatArguments& arguments, Talk& talk) {
 
 }  // namespace
 
-void DeclareCat(CLI::App& app, Session& session) {
+void DeclareCat(CommandLine& line) {
   auto arguments = std::make_shared<CatArguments>();
-  CLI::App* command = app.add_subcommand("cat", "Write a file of an image to standard output");
-  command->add_option("IMAGE", arguments->image, "The image file")->required();
-  command->add_option("PATH", arguments->path, "The file in it")->required();
-  command->add_option("--offset", arguments->offset, "First byte to write")
-      ->type_name("N")
-      ->check(CLI::NonNegativeNumber);
-  command->add_option("--length", arguments->length, "How many bytes at most")
-      ->type_name("N")
-      ->check(CLI::NonNegativeNumber);
-  AddDamageOption(*command, arguments->onDamage);
-  command->add_flag("--json", arguments->json,
-                    "What is lost on standard error, one JSON object a line");
-  command->callback([arguments, &session] {
-    session.run = [arguments, &session] { return Cat(*arguments, session.talk); };
-  });
+  Arguments command = line.Add("cat", "Write a file of an image to standard output",
+                               [arguments](Talk& talk) { return Cat(*arguments, talk); });
+  command.Required("IMAGE", arguments->image, "The image file");
+  command.Required("PATH", arguments->path, "The file in it");
+  command.Number("--offset", arguments->offset, "First byte to write");
+  command.Number("--length", arguments->length, "How many bytes at most");
+  AddDamageOption(command, arguments->onDamage);
+  command.Flag("--json", arguments->json, "What is lost on standard error, one JSON object a line");
 }
 
 }  // namespace capsule::cli

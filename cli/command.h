@@ -1,9 +1,9 @@
 // What the commands share: how they are declared, and how they end.
 #pragma once
 
-#include <CLI/CLI.hpp>
-#include <functional>
+#include <memory>
 
+#include "cli/command_line.h"
 #include "cli/talk.h"
 
 namespace capsule::cli {
@@ -13,19 +13,14 @@ inline constexpr int kDone = 0;
 inline constexpr int kProblems = 1;
 inline constexpr int kFailed = 2;
 
-struct Session {
-  Talk talk;
-  std::function<int()> run;  // the chosen command
-};
-
-// Each declares one command; parsing its name sets `session.run`.
-void DeclareCreate(CLI::App& app, Session& session);
-void DeclareList(CLI::App& app, Session& session);
-void DeclareExtract(CLI::App& app, Session& session);
-void DeclareCat(CLI::App& app, Session& session);
-void DeclareInfo(CLI::App& app, Session& session);
-void DeclareIndex(CLI::App& app, Session& session);
-void DeclareInspect(CLI::App& app, Session& session);
-void DeclareVerify(CLI::App& app, Session& session);
+// Each declares one command.
+void DeclareCreate(CommandLine& line);
+void DeclareList(CommandLine& line);
+void DeclareExtract(CommandLine& line);
+void DeclareCat(CommandLine& line);
+void DeclareInfo(CommandLine& line);
+void DeclareIndex(CommandLine& line);
+void DeclareInspect(CommandLine& line);
+void DeclareVerify(CommandLine& line);
 
 }  // namespace capsule::cli

@@ -1,4 +1,3 @@
-#include <array>
 #include <memory>
 
 #include "capsule/host/image_builder.h"
@@ -44,45 +43,28 @@ int Create(CreateArguments& arguments, Talk& talk) {
 }
 
 // One flag a level. The flags between those that are described stay out of the help.
-void DeclareLevels(CLI::App& command, int& level) {
-  constexpr std::array<const char*, 10> kMeanings = {"Do not compress",
-                                                     "Compress fast (-1 to -3)",
-                                                     "",
-                                                     "",
-                                                     "",
-                                                     "Compress (-4 to -6; -5 is the default)",
-                                                     "",
-                                                     "",
-                                                     "",
-                                                     "Compress most (-7 to -9)"};
-  std::vector<CLI::Option*> others;
-  for (int n = 0; n < static_cast<int>(kMeanings.size()); ++n) {
-    const std::string meaning = kMeanings[static_cast<size_t>(n)];
-    CLI::Option* flag = command.add_flag_callback(
-        "-" + std::to_string(n), [&level, n] { level = n; }, meaning);
-    if (meaning.empty()) flag->group("");
-    for (CLI::Option* other : others) flag->excludes(other);
-    others.push_back(flag);
-  }
+void DeclareLevels(Arguments& command, int& level) {
+  std::vector<Arguments::Choice> levels;
+  for (int n = 0; n <= 9; ++n) levels.push_back({"-" + std::to_string(n), ""});
+  levels[0].meaning = "Do not compress";
+  levels[1].meaning = "Compress fast (-1 to -3)";
+  levels[5].meaning = "Compress (-4 to -6; -5 is the default)";
+  levels[9].meaning = "Compress most (-7 to -9)";
+  command.OneOf(levels, [&level](int n) { level = n; });
 }
 
 }  // namespace
 
-void DeclareCreate(CLI::App& app, Session& session) {
+void DeclareCreate(CommandLine& line) {
   auto arguments = std::make_shared<CreateArguments>();
-  CLI::App* command = app.add_subcommand("create", "Make an image; each DIR is one partition");
-  command->add_option("IMAGE", arguments->image, "The image file to make")->required();
-  command->add_option("DIR", arguments->directories, "Folders to take in, at most ten")->required();
-  DeclareLevels(*command, arguments->options.level);
-  command->add_option("--label", arguments->options.label, "Text to keep in the header");
-  command
-      ->add_option("--exclude", arguments->options.excludes,
-                   "Leave out items whose name, or path below DIR if there is a / in GLOB, matches")
-      ->type_name("GLOB")
-      ->allow_extra_args(false);
-  command->callback([arguments, &session] {
-    session.run = [arguments, &session] { return Create(*arguments, session.talk); };
-  });
+  Arguments command = line.Add("create", "Make an image; each DIR is one partition",
+                               [arguments](Talk& talk) { return Create(*arguments, talk); });
+  command.Required("IMAGE", arguments->image, "The image file to make");
+  command.Required("DIR", arguments->directories, "Folders to take in, at most ten");
+  DeclareLevels(command, arguments->options.level);
+  command.Text("--label", arguments->options.label, "TEXT", "Text to keep in the header");
+  command.Texts("--exclude", arguments->options.excludes, "GLOB",
+                "Leave out items whose name, or path below DIR if there is a / in GLOB, matches");
 }
 
 }  // namespace capsule::cli

@@ -1,30 +1,12 @@
 #include "cli/damage.h"
 
-#include <nlohmann/json.hpp>
-
-#include "cli/text.h"
+#include "cli/json_object.h"
 
 namespace capsule::cli {
-namespace {
-
-nlohmann::ordered_json ForPath(const std::string& path, const char* state) {
-  nlohmann::ordered_json json;
-  json["path"] = ToUtf8(path);
-  if (!IsUtf8(path)) json["path_hex"] = ToHex(path);
-  json["state"] = state;
-  return json;
-}
-
-}  // namespace
-
-void AddDamageOption(CLI::App& command, std::string& choice) {
-  command
-      .add_option("--on-damage", choice,
-                  "Damaged files: stop leaves them out; skip leaves out what is lost of them, and "
-                  "zero puts zeros in its place")
-      ->type_name("stop|skip|zero")
-      ->check(CLI::IsMember({"stop", "skip", "zero"}).description(""))
-      ->capture_default_str();
+void AddDamageOption(Arguments& command, std::string& choice) {
+  command.Word("--on-damage", choice, {"stop", "skip", "zero"},
+               "Damaged files: stop leaves them out; skip leaves out what is lost of them, and "
+               "zero puts zeros in its place");
 }
 
 host::OnDamage DamageChoice(const std::string& choice) {
@@ -39,17 +21,17 @@ std::string LostText(const std::string& path, const host::LostRange& lost) {
 }
 
 std::string LostJson(const std::string& path, const host::LostRange& lost) {
-  nlohmann::ordered_json json = ForPath(path, lost.isUncertain ? "uncertain" : "lost");
-  json["offset"] = lost.offset;
-  json["length"] = lost.length;
-  json["reason"] = ToUtf8(lost.reason);
-  return json.dump() + "\n";
+  return JsonObject()
+      .Path(path)
+      .Text("state", lost.isUncertain ? "uncertain" : "lost")
+      .Number("offset", lost.offset)
+      .Number("length", lost.length)
+      .Text("reason", lost.reason)
+      .Line();
 }
 
 std::string FailedJson(const std::string& path, const std::string& reason) {
-  nlohmann::ordered_json json = ForPath(path, "failed");
-  json["reason"] = ToUtf8(reason);
-  return json.dump() + "\n";
+  return JsonObject().Path(path).Text("state", "failed").Text("reason", reason).Line();
 }
 
 }  // namespace capsule::cli

@@ -1,15 +1,15 @@
 // Damaged files, as `extract` and `cat` treat and tell them.
 #pragma once
 
-#include <CLI/CLI.hpp>
 #include <string>
 
 #include "capsule/host/damaged_file.h"
+#include "cli/command_line.h"
 
 namespace capsule::cli {
 
 // Declares --on-damage; `choice` becomes one of its words.
-void AddDamageOption(CLI::App& command, std::string& choice);
+void AddDamageOption(Arguments& command, std::string& choice);
 host::OnDamage DamageChoice(const std::string& choice);
 
 // "0:/a.txt: bytes 8192 to 16384 lost: reason"

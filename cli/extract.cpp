@@ -66,21 +66,17 @@ int Extract(const ExtractArguments& arguments, Talk& talk) {
 
 }  // namespace
 
-void DeclareExtract(CLI::App& app, Session& session) {
+void DeclareExtract(CommandLine& line) {
   auto arguments = std::make_shared<ExtractArguments>();
-  CLI::App* command = app.add_subcommand("extract", "Write files and folders of an image to disk");
-  command->add_option("IMAGE", arguments->image, "The image file")->required();
-  command->add_option("PATH", arguments->paths, "What to extract; everything by default");
-  command->add_option("-C,--directory", arguments->target, "The folder to write to")
-      ->type_name("DIR")
-      ->capture_default_str();
-  command->add_flag("--force", arguments->force, "Replace existing files");
-  AddDamageOption(*command, arguments->onDamage);
-  command->add_flag("--json", arguments->json,
-                    "What is lost on standard output, one JSON object a line");
-  command->callback([arguments, &session] {
-    session.run = [arguments, &session] { return Extract(*arguments, session.talk); };
-  });
+  Arguments command = line.Add("extract", "Write files and folders of an image to disk",
+                               [arguments](Talk& talk) { return Extract(*arguments, talk); });
+  command.Required("IMAGE", arguments->image, "The image file");
+  command.Optional("PATH", arguments->paths, "What to extract; everything by default");
+  command.Text("-C,--directory", arguments->target, "DIR", "The folder to write to");
+  command.Flag("--force", arguments->force, "Replace existing files");
+  AddDamageOption(command, arguments->onDamage);
+  command.Flag("--json", arguments->json,
+               "What is lost on standard output, one JSON object a line");
 }
 
 }  // namespace capsule::cli

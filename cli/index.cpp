@@ -17,14 +17,11 @@ int Index(const std::string& image, Talk& talk) {
 
 }  // namespace
 
-void DeclareIndex(CLI::App& app, Session& session) {
+void DeclareIndex(CommandLine& line) {
   auto image = std::make_shared<std::string>();
-  CLI::App* command =
-      app.add_subcommand("index", "Build the index of an image anew, for images without one");
-  command->add_option("IMAGE", *image, "The image file, which is changed")->required();
-  command->callback([image, &session] {
-    session.run = [image, &session] { return Index(*image, session.talk); };
-  });
+  Arguments command = line.Add("index", "Build the index of an image anew, for images without one",
+                               [image](Talk& talk) { return Index(*image, talk); });
+  command.Required("IMAGE", *image, "The image file, which is changed");
 }
 
 }  // namespace capsule::cli

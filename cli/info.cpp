@@ -1,7 +1,7 @@
 #include <memory>
-#include <nlohmann/json.hpp>
 
 #include "cli/command.h"
+#include "cli/json_object.h"
 #include "cli/opening.h"
 #include "cli/output.h"
 #include "cli/text.h"
@@ -14,25 +14,27 @@ struct InfoArguments {
   bool json = false;
 };
 
-nlohmann::ordered_json ToJson(const host::Image& image) {
+std::string ToJson(const host::Image& image) {
   const host::ImageInfo& info = image.Info();
-  nlohmann::ordered_json json;
-  json["image"] = ToUtf8(image.Path());
-  json["label"] = ToUtf8(info.label);
-  json["size"] = info.imageBytes;
-  json["compressed"] = info.compressed;
-  json["index_offset"] = info.indexOffset;
-  json["index_checked"] = info.checked;
-  json["partitions"] = nlohmann::ordered_json::array();
+  std::vector<JsonObject> partitions;
   for (const host::PartitionInfo& partition : info.partitions) {
-    json["partitions"].push_back({{"offset", partition.offset},
-                                  {"system_id", partition.systemId},
-                                  {"sectors", partition.sectorCount},
-                                  {"files", partition.files},
-                                  {"directories", partition.directories},
-                                  {"bytes", partition.bytes}});
+    partitions.push_back(std::move(JsonObject()
+                                       .Number("offset", partition.offset)
+                                       .Number("system_id", partition.systemId)
+                                       .Number("sectors", partition.sectorCount)
+                                       .Number("files", partition.files)
+                                       .Number("directories", partition.directories)
+                                       .Number("bytes", partition.bytes)));
   }
-  return json;
+  return JsonObject()
+      .Text("image", image.Path())
+      .Text("label", info.label)
+      .Number("size", info.imageBytes)
+      .Truth("compressed", info.compressed)
+      .Number("index_offset", info.indexOffset)
+      .Truth("index_checked", info.checked)
+      .List("partitions", partitions)
+      .Line();
 }
 
 void WriteText(const host::Image& image, Output& output) {
@@ -57,7 +59,7 @@ int Info(const InfoArguments& arguments, Talk& talk) {
   const host::Image image = OpenImage(arguments.image);
   Output output;
   if (arguments.json) {
-    output.Write(ToJson(image).dump() + "\n");
+    output.Write(ToJson(image));
   } else {
     WriteText(image, output);
   }
@@ -66,14 +68,12 @@ int Info(const InfoArguments& arguments, Talk& talk) {
 
 }  // namespace
 
-void DeclareInfo(CLI::App& app, Session& session) {
+void DeclareInfo(CommandLine& line) {
   auto arguments = std::make_shared<InfoArguments>();
-  CLI::App* command = app.add_subcommand("info", "Tell what an image is and holds");
-  command->add_option("IMAGE", arguments->image, "The image file")->required();
-  command->add_flag("--json", arguments->json, "One JSON object");
-  command->callback([arguments, &session] {
-    session.run = [arguments, &session] { return Info(*arguments, session.talk); };
-  });
+  Arguments command = line.Add("info", "Tell what an image is and holds",
+                               [arguments](Talk& talk) { return Info(*arguments, talk); });
+  command.Required("IMAGE", arguments->image, "The image file");
+  command.Flag("--json", arguments->json, "One JSON object");
 }
 
 }  // namespace capsule::cli

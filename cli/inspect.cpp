@@ -1,10 +1,10 @@
 #include <array>
 #include <cstdio>
 #include <memory>
-#include <nlohmann/json.hpp>
 
 #include "capsule/host/image_map.h"
 #include "cli/command.h"
+#include "cli/json_object.h"
 #include "cli/output.h"
 #include "cli/text.h"
 
@@ -17,16 +17,14 @@ struct InspectArguments {
 };
 
 std::string JsonLine(const host::MapItem& item) {
-  nlohmann::ordered_json json;
-  json["offset"] = item.offset;
-  json["length"] = item.length;
-  json["kind"] = host::MapKindName(item.kind);
-  if (item.section >= 0) json["section"] = item.section;
-  if (!item.path.empty()) json["path"] = ToUtf8(item.path);
-  if (!IsUtf8(item.path)) json["path_hex"] = ToHex(item.path);
-  json["text"] = ToUtf8(item.text);
-  if (!item.problem.empty()) json["problem"] = ToUtf8(item.problem);
-  return json.dump() + "\n";
+  JsonObject json;
+  json.Number("offset", item.offset).Number("length", item.length);
+  json.Text("kind", host::MapKindName(item.kind));
+  if (item.section >= 0) json.Number("section", static_cast<uint64_t>(item.section));
+  if (!item.path.empty()) json.Path(item.path);
+  json.Text("text", item.text);
+  if (!item.problem.empty()) json.Text("problem", item.problem);
+  return json.Line();
 }
 
 // Names come from the image: a map is one line an item, whatever is in them.
@@ -47,15 +45,12 @@ double Percent(const host::MapSummary& map) {
 }
 
 std::string JsonSummary(const host::MapSummary& map) {
-  nlohmann::ordered_json json;
-  json["kind"] = "summary";
-  json["size"] = map.fileBytes;
-  json["accounted"] = map.accountedBytes;
-  json["percent"] = Percent(map);
-  json["items"] = map.items;
-  json["problems"] = map.problems;
-  if (!map.headerProblem.empty()) json["header_problem"] = ToUtf8(map.headerProblem);
-  return json.dump() + "\n";
+  JsonObject json;
+  json.Text("kind", "summary").Number("size", map.fileBytes);
+  json.Number("accounted", map.accountedBytes).Fraction("percent", Percent(map));
+  json.Number("items", map.items).Number("problems", map.problems);
+  if (!map.headerProblem.empty()) json.Text("header_problem", map.headerProblem);
+  return json.Line();
 }
 
 std::string TextSummary(const host::MapSummary& map) {
@@ -79,15 +74,13 @@ int Inspect(const InspectArguments& arguments, Talk& talk) {
 
 }  // namespace
 
-void DeclareInspect(CLI::App& app, Session& session) {
+void DeclareInspect(CommandLine& line) {
   auto arguments = std::make_shared<InspectArguments>();
-  CLI::App* command = app.add_subcommand(
-      "inspect", "Tell what every byte of an image is, damaged or not: offset, length, meaning");
-  command->add_option("IMAGE", arguments->image, "The image file")->required();
-  command->add_flag("--json", arguments->json, "One JSON object a line, the last one a summary");
-  command->callback([arguments, &session] {
-    session.run = [arguments, &session] { return Inspect(*arguments, session.talk); };
-  });
+  Arguments command = line.Add(
+      "inspect", "Tell what every byte of an image is, damaged or not: offset, length, meaning",
+      [arguments](Talk& talk) { return Inspect(*arguments, talk); });
+  command.Required("IMAGE", arguments->image, "The image file");
+  command.Flag("--json", arguments->json, "One JSON object a line, the last one a summary");
 }
 
 }  // namespace capsule::cli

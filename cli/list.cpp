@@ -2,10 +2,10 @@
 #include <array>
 #include <cstdio>
 #include <memory>
-#include <nlohmann/json.hpp>
 #include <vector>
 
 #include "cli/command.h"
+#include "cli/json_object.h"
 #include "cli/opening.h"
 #include "cli/output.h"
 #include "cli/text.h"
@@ -34,16 +34,16 @@ std::string LongColumns(const host::Entry& entry) {
 }
 
 std::string JsonLine(const host::Entry& entry, const std::string& path) {
-  nlohmann::ordered_json json;
-  json["path"] = ToUtf8(path);
-  if (!IsUtf8(path)) json["path_hex"] = ToHex(path);
-  json["type"] = entry.IsDirectory() ? "directory" : "file";
-  json["size"] = entry.Size();
-  const auto time = entry.ModifiedTime();
-  json["modified"] = time ? nlohmann::ordered_json(IsoTime(*time)) : nullptr;
-  json["attributes"] = entry.Attributes();
-  json["short_name"] = ToUtf8(entry.ShortName());
-  return json.dump() + "\n";
+  JsonObject json;
+  json.Path(path).Text("type", entry.IsDirectory() ? "directory" : "file");
+  json.Number("size", entry.Size());
+  if (const auto time = entry.ModifiedTime()) {
+    json.Text("modified", IsoTime(*time));
+  } else {
+    json.Null("modified");
+  }
+  json.Number("attributes", entry.Attributes()).Text("short_name", entry.ShortName());
+  return json.Line();
 }
 
 class Lister {
@@ -108,19 +108,16 @@ int List(const ListArguments& arguments, Talk& talk) {
 
 }  // namespace
 
-void DeclareList(CLI::App& app, Session& session) {
+void DeclareList(CommandLine& line) {
   auto arguments = std::make_shared<ListArguments>();
-  CLI::App* command =
-      app.add_subcommand("list", "List what is in an image, or in one folder of it");
-  command->add_option("IMAGE", arguments->image, "The image file")->required();
-  command->add_option("PATH", arguments->path, "A folder or file in it; everything by default");
-  command->add_flag("-l,--long", arguments->isLong,
-                    "Attributes (d folder, r read-only, h hidden, s system), size and time too");
-  command->add_flag("-R,--recursive", arguments->recursive, "What is in the folders too");
-  command->add_flag("--json", arguments->json, "One JSON object a line");
-  command->callback([arguments, &session] {
-    session.run = [arguments, &session] { return List(*arguments, session.talk); };
-  });
+  Arguments command = line.Add("list", "List what is in an image, or in one folder of it",
+                               [arguments](Talk& talk) { return List(*arguments, talk); });
+  command.Required("IMAGE", arguments->image, "The image file");
+  command.Optional("PATH", arguments->path, "A folder or file in it; everything by default");
+  command.Flag("-l,--long", arguments->isLong,
+               "Attributes (d folder, r read-only, h hidden, s system), size and time too");
+  command.Flag("-R,--recursive", arguments->recursive, "What is in the folders too");
+  command.Flag("--json", arguments->json, "One JSON object a line");
 }
 
 }  // namespace capsule::cli

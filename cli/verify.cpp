@@ -1,9 +1,9 @@
 #include <memory>
-#include <nlohmann/json.hpp>
 
 #include "capsule/host/reason.h"
 #include "capsule/host/verifier.h"
 #include "cli/command.h"
+#include "cli/json_object.h"
 #include "cli/output.h"
 #include "cli/text.h"
 
@@ -16,22 +16,20 @@ struct VerifyArguments {
 };
 
 std::string JsonLine(const host::Fault& fault) {
-  nlohmann::ordered_json json;
-  json["offset"] = fault.offset;
-  if (!fault.path.empty()) json["path"] = ToUtf8(fault.path);
-  if (!IsUtf8(fault.path)) json["path_hex"] = ToHex(fault.path);
-  json["fault"] = ToUtf8(fault.reason);
-  return json.dump() + "\n";
+  JsonObject json;
+  json.Number("offset", fault.offset);
+  if (!fault.path.empty()) json.Path(fault.path);
+  return json.Text("fault", fault.reason).Line();
 }
 
 std::string JsonSummary(const host::VerifyReport& report) {
-  nlohmann::ordered_json json;
-  json["faults"] = report.faults;
-  json["files"] = report.files;
-  json["bytes"] = report.bytes;
-  json["has_index"] = report.hasIndex;
-  json["check_values"] = report.checkValues;
-  return json.dump() + "\n";
+  return JsonObject()
+      .Number("faults", report.faults)
+      .Number("files", report.files)
+      .Number("bytes", report.bytes)
+      .Truth("has_index", report.hasIndex)
+      .Number("check_values", report.checkValues)
+      .Line();
 }
 
 // Faults are what was asked for: they are data.
@@ -56,15 +54,13 @@ int Verify(const VerifyArguments& arguments, Talk& talk) {
 
 }  // namespace
 
-void DeclareVerify(CLI::App& app, Session& session) {
+void DeclareVerify(CommandLine& line) {
   auto arguments = std::make_shared<VerifyArguments>();
-  CLI::App* command = app.add_subcommand(
-      "verify", "Read everything in an image and name each fault: offset, file, what is wrong");
-  command->add_option("IMAGE", arguments->image, "The image file")->required();
-  command->add_flag("--json", arguments->json, "One JSON object a line, the last one a summary");
-  command->callback([arguments, &session] {
-    session.run = [arguments, &session] { return Verify(*arguments, session.talk); };
-  });
+  Arguments command = line.Add(
+      "verify", "Read everything in an image and name each fault: offset, file, what is wrong",
+      [arguments](Talk& talk) { return Verify(*arguments, talk); });
+  command.Required("IMAGE", arguments->image, "The image file");
+  command.Flag("--json", arguments->json, "One JSON object a line, the last one a summary");
 }
 
 }  // namespace capsule::cli

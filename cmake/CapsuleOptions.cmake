@@ -9,6 +9,10 @@ if(CMAKE_CXX_COMPILER_ID STREQUAL "GNU")
   target_compile_options(capsule_options INTERFACE -Wuse-after-free=1 -Wno-restrict)
 endif()
 target_include_directories(capsule_options INTERFACE ${PROJECT_SOURCE_DIR})
+if(CMAKE_CXX_COMPILER_LAUNCHER MATCHES "ccache")
+  # It does not keep what is compiled with one.
+  set(CMAKE_DISABLE_PRECOMPILE_HEADERS ON)
+endif()
 if(CAPSULE_SANITIZE)
   target_compile_options(capsule_options INTERFACE
     -fsanitize=${CAPSULE_SANITIZE} -fno-sanitize-recover=all -fno-omit-frame-pointer

@@ -8,6 +8,7 @@
 #include "capsule/compression/lzs.h"
 #include "tests/support/image_maker.h"
 #include "tests/support/open_image.h"
+#include "tests/support/sample_images.h"
 #include "tests/support/temp_dir.h"
 
 namespace capsule {
@@ -16,10 +17,7 @@ namespace {
 using test::BlockAt;
 using test::Extract;
 using test::OpenImage;
-
-std::string SamplePath(const std::string& name) {
-  return std::string(CAPSULE_TEST_DATA) + "/images/" + name;
-}
+using test::SamplePath;
 
 uint32_t Below(std::mt19937& random, size_t bound) {
   return static_cast<uint32_t>(random() % bound);

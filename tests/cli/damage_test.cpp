@@ -2,23 +2,15 @@
 
 #include <algorithm>
 #include <filesystem>
-#include <nlohmann/json.hpp>
 #include <random>
-#include <sstream>
 
 #include "tests/cli/command_runner.h"
+#include "tests/support/json.h"
 
 namespace capsule::test {
 namespace {
 
 namespace fs = std::filesystem;
-
-std::vector<nlohmann::json> ParseLines(const std::string& text) {
-  std::vector<nlohmann::json> lines;
-  std::istringstream stream(text);
-  for (std::string line; std::getline(stream, line);) lines.push_back(nlohmann::json::parse(line));
-  return lines;
-}
 
 // An image of a compressed file whose fourth record is torn, and of another that is whole.
 class DamageTest : public testing::Test {
@@ -34,8 +26,8 @@ class DamageTest : public testing::Test {
     WriteFile(At("in/whole"), "content");
     EXPECT_EQ(RunCapsule({"create", "-q", At("i"), At("in")}).status, 0);
     std::string bytes = ReadFile(At("i"));
-    std::vector<nlohmann::json> records;
-    for (const auto& item : ParseLines(RunCapsule({"inspect", "--json", At("i")}).out)) {
+    std::vector<Json> records;
+    for (const auto& item : ParseJsonLines(RunCapsule({"inspect", "--json", At("i")}).out)) {
       if (item.value("kind", "") == "data block") records.push_back(item);
     }
     const size_t record = records.at(3)["offset"];
@@ -46,7 +38,7 @@ class DamageTest : public testing::Test {
   std::string At(const std::string& name) const { return m_Directory / name; }
 
   // The source without, or with zeros for, what was told to be lost.
-  std::string Left(const std::vector<nlohmann::json>& told, bool zeros) const {
+  std::string Left(const std::vector<Json>& told, bool zeros) const {
     std::string left = m_Text;
     for (auto line = told.rbegin(); line != told.rend(); ++line) {
       EXPECT_EQ((*line)["path"], "0:/text");
@@ -72,11 +64,11 @@ TEST_F(DamageTest, ExtractLeavesOutSkipsOrZeroesWhatIsLost) {
   const CommandResult stop = Extract("stop");
   EXPECT_EQ(stop.status, 1);
   EXPECT_FALSE(fs::exists(At("stop/text")));
-  EXPECT_EQ(ParseLines(stop.out).at(0)["state"], "failed");
+  EXPECT_EQ(ParseJsonLines(stop.out).at(0)["state"], "failed");
 
   const CommandResult zero = Extract("zero");
   EXPECT_EQ(zero.status, 1) << zero.err;
-  const auto told = ParseLines(zero.out);
+  const auto told = ParseJsonLines(zero.out);
   ASSERT_GE(told.size(), 2U);
   EXPECT_EQ(told.front()["offset"], 3 * 8192);
   EXPECT_GE(told.front()["length"], 8192);
@@ -101,7 +93,7 @@ TEST_F(DamageTest, CatTellsTheLossOnStandardError) {
   arguments.insert(arguments.end(), range.begin(), range.end());
   const CommandResult zero = RunCapsule(arguments);
   EXPECT_EQ(zero.status, 1);
-  EXPECT_TRUE(zero.out == Left(ParseLines(zero.err), true).substr(20000, 15000));
+  EXPECT_TRUE(zero.out == Left(ParseJsonLines(zero.err), true).substr(20000, 15000));
   EXPECT_EQ(RunCapsule({"cat", At("i"), "text"}).status, 2);
   EXPECT_EQ(RunCapsule({"cat", At("i"), "whole", "--on-damage=skip"}).status, 0);
   EXPECT_EQ(RunCapsule({"cat", At("i"), "text", "--on-damage=all"}).status, 2);

@@ -1,16 +1,14 @@
 #include <gtest/gtest.h>
 
 #include <filesystem>
-#include <nlohmann/json.hpp>
-#include <sstream>
 
 #include "tests/cli/command_runner.h"
+#include "tests/support/json.h"
 
 namespace capsule::test {
 namespace {
 
 namespace fs = std::filesystem;
-using nlohmann::json;
 
 class OutputTest : public testing::Test {
  protected:
@@ -40,9 +38,7 @@ TEST_F(OutputTest, ListsShallowDeepAndSingleEntries) {
 }
 
 TEST_F(OutputTest, JsonIsUtf8AndKeepsTheBytes) {
-  std::istringstream lines(RunCapsule({"list", "-R", "--json", At("i")}).out);
-  std::vector<json> entries;
-  for (std::string line; std::getline(lines, line);) entries.push_back(json::parse(line));
+  const auto entries = ParseJsonLines(RunCapsule({"list", "-R", "--json", At("i")}).out);
   ASSERT_EQ(entries.size(), 6u);
   EXPECT_EQ(entries[1]["path"], "0:/caf\xc3\xa9");
   EXPECT_EQ(entries[1]["path_hex"], "303a2f636166e9");
@@ -53,7 +49,7 @@ TEST_F(OutputTest, JsonIsUtf8AndKeepsTheBytes) {
   EXPECT_EQ(entries[3]["size"], 10);
   EXPECT_EQ(entries[3]["modified"], "2024-05-01T12:00:00Z");
 
-  const json info = json::parse(RunCapsule({"info", "--json", At("i")}).out);
+  const Json info = ParseJson(RunCapsule({"info", "--json", At("i")}).out);
   EXPECT_EQ(info["label"].get<std::string>().substr(0, 9), "Capsulate");
   EXPECT_NE(info["label"].get<std::string>().find("my label"), std::string::npos);
   EXPECT_EQ(info["partitions"][0]["files"], 4);
@@ -67,6 +63,8 @@ TEST_F(OutputTest, CatGivesTheRangeAskedFor) {
   EXPECT_EQ(RunCapsule({"cat", At("i"), "sub/file", "--offset", "3"}).out, "3456789");
   EXPECT_EQ(RunCapsule({"cat", At("i"), "sub/file", "--offset", "3", "--length", "2"}).out, "34");
   EXPECT_EQ(RunCapsule({"cat", At("i"), "sub/file", "--offset", "10"}).out, "");
+  EXPECT_EQ(RunCapsule({"cat", At("i"), "sub/file", "--offset", "0x8"}).out, "89");
+  EXPECT_EQ(RunCapsule({"cat", At("i"), "sub/file", "--offset", "08"}).out, "89");
   EXPECT_EQ(RunCapsule({"cat", At("i"), "caf\xe9"}).out, "latin");
 }
 

@@ -1,20 +1,12 @@
 #include <gtest/gtest.h>
 
 #include <filesystem>
-#include <nlohmann/json.hpp>
-#include <sstream>
 
 #include "tests/cli/command_runner.h"
+#include "tests/support/json.h"
 
 namespace capsule::test {
 namespace {
-
-std::vector<nlohmann::json> Lines(const std::string& text) {
-  std::vector<nlohmann::json> lines;
-  std::istringstream stream(text);
-  for (std::string line; std::getline(stream, line);) lines.push_back(nlohmann::json::parse(line));
-  return lines;
-}
 
 TEST(VerifyCommandTest, FaultsAndMapsGoToStandardOutputAndDecideTheStatus) {
   TempDir directory;
@@ -31,7 +23,7 @@ TEST(VerifyCommandTest, FaultsAndMapsGoToStandardOutputAndDecideTheStatus) {
       << clean.err;
   const auto map = RunCapsule({"inspect", "--json", image});
   EXPECT_EQ(map.status, 0) << map.err;
-  const auto items = Lines(map.out);
+  const auto items = ParseJsonLines(map.out);
   EXPECT_EQ(items.back()["accounted"], std::filesystem::file_size(image));
   EXPECT_EQ(items.back()["problems"], 0);
   const CommandResult text = RunCapsule({"inspect", image});
@@ -45,7 +37,7 @@ TEST(VerifyCommandTest, FaultsAndMapsGoToStandardOutputAndDecideTheStatus) {
   WriteFile(image, bytes);
   const CommandResult damaged = RunCapsule({"verify", "--json", image});
   EXPECT_EQ(damaged.status, 1);
-  const auto faults = Lines(damaged.out);
+  const auto faults = ParseJsonLines(damaged.out);
   EXPECT_EQ(faults.front()["offset"], data);
   EXPECT_EQ(faults.front()["path"], "0:/a");
   EXPECT_EQ(faults.back()["faults"], faults.size() - 1);

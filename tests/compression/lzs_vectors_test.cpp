@@ -2,16 +2,14 @@
 #include <gtest/gtest.h>
 
 #include <fstream>
-#include <nlohmann/json.hpp>
 #include <string>
 
 #include "capsule/compression/stream_compressor.h"
 #include "lzs_calls.h"
+#include "tests/support/json.h"
 
 namespace capsule::test {
 namespace {
-
-using Json = nlohmann::json;
 
 Bytes FromHex(const std::string& text) {
   Bytes bytes(text.size() / 2);
@@ -27,7 +25,7 @@ size_t ForEachVector(const std::string& name, Check check) {
   std::string line;
   size_t count = 0;
   while (std::getline(file, line)) {
-    const Json vector = Json::parse(line);
+    const Json vector = ParseJson(line);
     SCOPED_TRACE(vector.at("name").get<std::string>());
     check(vector);
     if (testing::Test::HasFatalFailure()) break;
@@ -130,9 +128,10 @@ TEST(LzsVectors, Stream) {
   const size_t count = ForEachVector("codec_stream.jsonl", [](const Json& vector) {
     StreamCompressor stream(vector.at("piece_size"), vector.at("flags"), vector.at("effort"));
     for (const Json& step : vector.at("ops")) {
-      if (step.at("op") == "reset") stream.ResetCompressionHistory();
-      if (step.at("op") == "level") SetLevel(stream, step.at("level"));
-      if (step.at("op") == "compress") CheckCompress(stream, step);
+      const auto op = step.at("op").get<std::string>();
+      if (op == "reset") stream.ResetCompressionHistory();
+      if (op == "level") SetLevel(stream, step.at("level"));
+      if (op == "compress") CheckCompress(stream, step);
       if (testing::Test::HasFatalFailure()) return;
     }
   });

@@ -13,13 +13,15 @@
 #include "capsule/partition/record_format.h"
 #include "capsule/platform/little_endian.h"
 #include "tests/support/image_maker.h"
+#include "tests/support/json.h"
 #include "tests/support/sample_images.h"
+#include "tests/support/temp_dir.h"
 
 namespace capsule {
 namespace {
 
-using nlohmann::json;
 using test::BlockAt;
+using test::Json;
 using test::OpenImage;
 
 std::string Hex(const unsigned char* bytes, size_t count) {
@@ -40,7 +42,7 @@ std::string Sha256(const std::string& bytes) {
 }
 
 // The bytes of a name, which the manifest gives as the text that they are in Latin-1.
-std::string NameBytes(const json& text) {
+std::string NameBytes(const Json& text) {
   std::string bytes;
   const std::string utf8 = text.get<std::string>();
   for (size_t i = 0; i < utf8.size(); ++i) {
@@ -60,7 +62,7 @@ std::string LongName(const _DirectoryEntry& record) {
   return LongNameToBytes(DecodeLongName(units));
 }
 
-void CheckEntry(const _DirectoryEntry& record, const json& expected) {
+void CheckEntry(const _DirectoryEntry& record, const Json& expected) {
   const _ShortDirEntry& entry = record.OtherEntry;
   EXPECT_EQ(entry.Attribute, expected.at("attr").get<int>());
   EXPECT_EQ(entry.FileSize, expected.at("size").get<uint32_t>());
@@ -77,11 +79,11 @@ void CheckEntry(const _DirectoryEntry& record, const json& expected) {
 }
 
 // Compares the blocks of `list` with `expected`; how many there are, all levels together.
-int CheckTree(OpenImage& image, CapsulePartition& partition, CpsList& list, const json& expected) {
+int CheckTree(OpenImage& image, CapsulePartition& partition, CpsList& list, const Json& expected) {
   EXPECT_EQ(static_cast<size_t>(list.GetCount()), expected.size());
   const _DirectoryEntry* record = partition.SetupDirectoryEntry(list);
   int count = 0;
-  for (const json& item : expected) {
+  for (const Json& item : expected) {
     CapsuleFileBlock* block = BlockAt(list, count++);
     if (block == nullptr || record == nullptr) return count;
     SCOPED_TRACE(item.at("short").get<std::string>());
@@ -107,7 +109,7 @@ int CheckTree(OpenImage& image, CapsulePartition& partition, CpsList& list, cons
 
 class SampleImageTest : public testing::TestWithParam<size_t> {
  protected:
-  const json& Sample() const { return test::SampleImages().at(GetParam()); }
+  const Json& Sample() const { return test::SampleImages().at(GetParam()); }
   std::string Path() const { return test::SamplePath(Sample().at("file")); }
 };
 
@@ -115,7 +117,7 @@ TEST_P(SampleImageTest, HeaderIsDecoded) {
   OpenImage image(Path());
   ASSERT_EQ(image.Read(1), 0);
   EXPECT_EQ(image.File().GetPartitions().GetCount(), 0);
-  const json& expected = Sample().at("header");
+  const Json& expected = Sample().at("header");
   EXPECT_EQ(image.File().GetVersionString(), expected.at("version").get<std::string>());
   EXPECT_EQ(image.File().IsCompressed(), expected.at("compressionFlag").get<int>());
   const _NewImageHeader* header = image.File().GetImageFileHeader();
@@ -128,7 +130,7 @@ TEST_P(SampleImageTest, HeaderIsDecoded) {
   EXPECT_EQ(from656[kConstant3Offset - 656], expected.at("byte720").get<int>());
   EXPECT_EQ(header->SectorArea[0], 0xAB);
   const _PartitionNode* node = header->Partitions;
-  for (const json& record : expected.at("partitionRecords")) {
+  for (const Json& record : expected.at("partitionRecords")) {
     ASSERT_NE(node, nullptr);
     const std::string stored = record;
     EXPECT_EQ(Hex(EncodePartition(node->Record).data(), 24), stored.substr(0, 48));
@@ -158,10 +160,10 @@ TEST_P(SampleImageTest, IndexHandsOutItsOffsets) {
 TEST_P(SampleImageTest, TreesAndContentsComeBack) {
   OpenImage image(Path());
   ASSERT_EQ(image.Read(), 0);
-  const json& partitions = Sample().at("partitions");
+  const Json& partitions = Sample().at("partitions");
   ASSERT_EQ(static_cast<size_t>(image.File().GetPartitions().GetCount()), partitions.size());
   int number = 0;
-  for (const json& expected : partitions) {
+  for (const Json& expected : partitions) {
     SCOPED_TRACE(number);
     CapsulePartition* partition = image.Partition(number++);
     EXPECT_EQ(partition->GetStartOffset(), expected.at("offset").get<int>());

@@ -6,18 +6,20 @@
 
 #include "capsule/container/image_index.h"
 #include "tests/support/fat_section.h"
+#include "tests/support/json.h"
 #include "tests/support/ntfs_record.h"
 #include "tests/support/ntfs_section.h"
 #include "tests/support/open_image.h"
 #include "tests/support/sample_images.h"
 #include "tests/support/sha256.h"
+#include "tests/support/temp_dir.h"
 
 namespace capsule {
 namespace {
 
-using nlohmann::json;
 using test::BlockAt;
 using test::Bytes;
+using test::Json;
 using test::NtfsVolume;
 using test::OpenImage;
 
@@ -33,10 +35,10 @@ const NtfsVolume& Flat() {
 
 std::string Text(const Bytes& bytes) { return {bytes.begin(), bytes.end()}; }
 
-void CheckSample(OpenImage& image, CpsList& list, const json& expected) {
+void CheckSample(OpenImage& image, CpsList& list, const Json& expected) {
   ASSERT_EQ(static_cast<size_t>(list.GetCount()), expected.size());
   int i = 0;
-  for (const json& item : expected) {
+  for (const Json& item : expected) {
     SCOPED_TRACE(item.at("start").get<int>());
     CapsuleFileBlock& block = *BlockAt(list, i++);
     const _ShortDirEntry& entry = block.GetDirectoryPointer()->OtherEntry;
@@ -62,7 +64,7 @@ void CheckSample(OpenImage& image, CpsList& list, const json& expected) {
 }
 
 TEST(OpenNtfsTest, SampleOfAnotherWriter) {
-  const json expected = json::parse(test::ReadFile(test::SamplePath("n_flat_old.json")));
+  const Json expected = test::ParseJson(test::ReadFile(test::SamplePath("n_flat_old.json")));
   OpenImage image(test::SamplePath("n_flat_old.img"));
   ASSERT_EQ(image.Read(), 0);
   CapsulePartition& partition = *image.Partition(0);

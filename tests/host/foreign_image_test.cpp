@@ -9,29 +9,26 @@
 #include "capsule/host/index_writer.h"
 #include "capsule/partition/record_format.h"
 #include "capsule/platform/little_endian.h"
+#include "tests/support/entries.h"
 #include "tests/support/fat_section.h"
+#include "tests/support/json.h"
 #include "tests/support/ntfs_record.h"
 #include "tests/support/ntfs_section.h"
 #include "tests/support/open_image.h"
 #include "tests/support/sample_images.h"
 #include "tests/support/sha256.h"
+#include "tests/support/temp_dir.h"
 
 namespace capsule::host {
 namespace {
 
-using nlohmann::json;
 using test::Bytes;
 using test::ForeignItem;
+using test::Json;
 using test::NtfsVolume;
 using test::TempDir;
 
 std::string Text(const Bytes& bytes) { return {bytes.begin(), bytes.end()}; }
-
-std::string ReadAll(const Image& image, const Entry& entry) {
-  Bytes bytes(entry.Size());
-  EXPECT_EQ(image.Read(entry, 0, bytes), bytes.size());
-  return Text(bytes);
-}
 
 // Contents by path; folders end in '/'.
 using Contents = std::map<std::string, std::string>;
@@ -66,22 +63,17 @@ void Collect(const std::vector<ForeignItem>& items, const std::string& path, Con
 
 Contents ReadEverything(const Image& image, const Contents& expected) {
   Contents found;
-  std::vector<Entry> left;
-  for (int n = 0; n < image.Partitions(); ++n) left.push_back(image.Root(n));
-  while (!left.empty()) {
-    const Entry entry = left.back();
-    left.pop_back();
-    for (const Entry& child : entry.Children()) left.push_back(child);
-    if (entry.IsRoot()) continue;
+  test::ForEachEntry(image, [&](const Entry& entry) {
+    if (entry.IsRoot()) return;
     const auto wanted = expected.find(entry.Path());
     if (entry.IsDirectory()) {
       found[entry.Path() + "/"];
     } else if (wanted != expected.end() && wanted->second == "of the file system") {
       found[entry.Path()] = wanted->second;
     } else {
-      found[entry.Path()] = ReadAll(image, entry);
+      found[entry.Path()] = test::ReadAll(image, entry);
     }
-  }
+  });
   return found;
 }
 
@@ -89,21 +81,16 @@ Contents ReadEverything(const Image& image, const Contents& expected) {
 int CountReadable(const Image& image) {
   constexpr size_t kMost = 1 << 24;  // sizes may be damaged too
   int found = 0;
-  std::vector<Entry> left;
-  for (int n = 0; n < image.Partitions(); ++n) left.push_back(image.Root(n));
-  while (!left.empty()) {
-    const Entry entry = left.back();
-    left.pop_back();
-    for (const Entry& child : entry.Children()) left.push_back(child);
-    if (entry.IsDirectory()) continue;
+  test::ForEachEntry(image, [&](const Entry& entry) {
+    if (entry.IsDirectory()) return;
     try {
       Bytes bytes(std::min<size_t>(entry.Size(), kMost));
       EXPECT_EQ(image.Read(entry, 0, bytes), bytes.size());
       ++found;
     } catch (const Error&) {
-      continue;
+      return;
     }
-  }
+  });
   return found;
 }
 
@@ -202,7 +189,7 @@ TEST(ForeignImage, DataThatIsNotInTheImageIsAnError) {
   const auto entry = image.Find("$LogFile");
   ASSERT_TRUE(entry);
   try {
-    ReadAll(image, *entry);
+    test::ReadAll(image, *entry);
     FAIL() << "was read";
   } catch (const Error& error) {
     EXPECT_NE(std::string(error.what()).find("$LogFile"), std::string::npos) << error.what();
@@ -249,7 +236,7 @@ TEST(ForeignImage, AFileOfSeveralFileRecords) {
   const Image image(dir / "image");
   const auto entry = image.Find("0:/\xE6\x97\xA5\xE6\x9C\xAC.txt");
   ASSERT_TRUE(entry);
-  EXPECT_EQ(ReadAll(image, *entry), noise);
+  EXPECT_EQ(test::ReadAll(image, *entry), noise);
   test::OpenImage classes(dir / "image");
   ASSERT_EQ(classes.Read(), 0);
   CapsuleFileBlock* block = test::BlockAt(classes.Partition(0)->GetFileBlocks(), 0);
@@ -309,16 +296,16 @@ TEST(ForeignImage, DamageAnywhereIsSurvived) {
 }
 
 std::string Sha256Of(const Image& image, const Entry& entry) {
-  return test::Sha256(ReadAll(image, entry));
+  return test::Sha256(test::ReadAll(image, entry));
 }
 
 TEST(ForeignImage, SamplesOfOtherWritersHaveTheirContents) {
-  const json expected = json::parse(test::ReadFile(test::SamplePath("n_flat_old.json")));
+  const Json expected = test::ParseJson(test::ReadFile(test::SamplePath("n_flat_old.json")));
   const Image flat(test::SamplePath("n_flat_old.img"));
   std::map<uint32_t, Entry> byOffset;
   for (const Entry& entry : flat.Root(0).Children()) byOffset[entry.Offset()] = entry;
   int compared = 0;
-  for (const json& item : expected.at("children")) {
+  for (const Json& item : expected.at("children")) {
     ASSERT_TRUE(byOffset.contains(item.at("start").get<uint32_t>()));
     const Entry& entry = byOffset[item.at("start").get<uint32_t>()];
     EXPECT_EQ(entry.IsDirectory(), item.contains("children"));

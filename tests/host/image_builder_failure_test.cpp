@@ -12,6 +12,7 @@
 
 #include "capsule/host/image_builder.h"
 #include "tests/host/scanned_tree.h"
+#include "tests/support/entries.h"
 #include "tests/support/temp_dir.h"
 
 namespace capsule::host {
@@ -25,15 +26,6 @@ std::vector<std::string> Names(const fs::path& folder) {
   for (const auto& entry : fs::directory_iterator(folder)) names.push_back(entry.path().filename());
   std::sort(names.begin(), names.end());
   return names;
-}
-
-std::string ErrorOf(const std::function<void()>& action) {
-  try {
-    action();
-  } catch (const Error& error) {
-    return error.what();
-  }
-  return "";
 }
 
 // A folder with sources, and one with an image that must survive.
@@ -64,18 +56,19 @@ TEST(ImageBuilderFailure, NothingIsLeftOfABuildThatIsNotFinished) {
   }
   place.ExpectUntouched();
 
-  EXPECT_EQ(ErrorOf([&] { ImageBuilder(place.image).AddDirectory(place.source + "/none"); }),
+  EXPECT_EQ(test::ErrorOf([&] { ImageBuilder(place.image).AddDirectory(place.source + "/none"); }),
             place.source + "/none: no such file or directory");
-  EXPECT_EQ(ErrorOf([&] { ImageBuilder(place.image).AddDirectory(place.source + "/f"); }),
+  EXPECT_EQ(test::ErrorOf([&] { ImageBuilder(place.image).AddDirectory(place.source + "/f"); }),
             place.source + "/f: not a directory");
-  EXPECT_EQ(ErrorOf([&] { ImageBuilder(place.image).Finish(); }),
+  EXPECT_EQ(test::ErrorOf([&] { ImageBuilder(place.image).Finish(); }),
             place.image + ": no folder was added");
-  EXPECT_EQ(ErrorOf([&] { ImageBuilder(place.target); }), place.target + ": is not a regular file");
-  EXPECT_EQ(ErrorOf([&] { ImageBuilder(place.folder / "none/x.cap"); }),
+  EXPECT_EQ(test::ErrorOf([&] { ImageBuilder(place.target); }),
+            place.target + ": is not a regular file");
+  EXPECT_EQ(test::ErrorOf([&] { ImageBuilder(place.folder / "none/x.cap"); }),
             place.folder / "none/x.cap" + ": cannot be created: no such file or directory");
-  EXPECT_EQ(ErrorOf([&] { ImageBuilder(place.image, {.level = 10}); }),
+  EXPECT_EQ(test::ErrorOf([&] { ImageBuilder(place.image, {.level = 10}); }),
             place.image + ": level is 10, 0 to 9 are possible");
-  EXPECT_EQ(ErrorOf([&] {
+  EXPECT_EQ(test::ErrorOf([&] {
               ImageBuilder builder(place.image);
               for (int i = 0; i < 11; ++i) builder.AddDirectory(place.source);
             }),
@@ -95,7 +88,8 @@ TEST(ImageBuilderFailure, CancelStopsTheBuild) {
   {
     ImageBuilder builder(place.image, {.onProgress = onProgress});
     running = &builder;
-    EXPECT_EQ(ErrorOf([&] { builder.AddDirectory(place.source); }), place.image + ": cancelled");
+    EXPECT_EQ(test::ErrorOf([&] { builder.AddDirectory(place.source); }),
+              place.image + ": cancelled");
     EXPECT_EQ(files, 10u);
     EXPECT_THROW(builder.Finish(), Error);
   }
@@ -203,7 +197,7 @@ TEST(ImageBuilderFailure, AFullDiskLeavesTheOldImage) {
     rlimit low = old;
     low.rlim_cur = room;
     ASSERT_EQ(::setrlimit(RLIMIT_FSIZE, &low), 0);
-    const std::string error = ErrorOf([&] {
+    const std::string error = test::ErrorOf([&] {
       ImageBuilder builder(place.image, {.level = 0});
       builder.AddDirectory(place.source);
       builder.Finish();

@@ -9,52 +9,24 @@
 #include "capsule/host/index_writer.h"
 #include "capsule/platform/little_endian.h"
 #include "tests/host/small_image.h"
+#include "tests/support/entries.h"
+#include "tests/support/sample_images.h"
 #include "tests/support/temp_dir.h"
 
 namespace capsule::host {
 namespace {
 
+using test::ErrorOf;
+using test::ForEachEntry;
+using test::ReadAll;
+using test::SamplePath;
 using test::SmallImage;
 using test::TempDir;
 using test::TwoFiles;
 using Bytes = std::vector<unsigned char>;
 
-std::string Sample(const std::string& name) {
-  return std::string(CAPSULE_TEST_DATA) + "/images/" + name;
-}
-
-// What goes wrong with `work`, or "".
-template <typename Work>
-std::string ErrorOf(Work work) {
-  try {
-    work();
-  } catch (const Error& error) {
-    return error.what();
-  }
-  return "";
-}
-
 std::string OpeningError(const std::string& path) {
   return ErrorOf([&] { Image image(path); });
-}
-
-Bytes ReadAll(const Image& image, const Entry& entry) {
-  Bytes bytes(entry.Size());
-  EXPECT_EQ(image.Read(entry, 0, bytes), bytes.size());
-  return bytes;
-}
-
-// Visits every entry of the image.
-template <typename Visit>
-void ForEachEntry(const Image& image, Visit visit) {
-  std::vector<Entry> left;
-  for (int n = 0; n < image.Partitions(); ++n) left.push_back(image.Root(n));
-  while (!left.empty()) {
-    const Entry entry = left.back();
-    left.pop_back();
-    for (const Entry& child : entry.Children()) left.push_back(child);
-    visit(entry);
-  }
 }
 
 // Every file of the image, read to its end.
@@ -72,7 +44,7 @@ std::ptrdiff_t OpenDescriptors() {
 constexpr uint32_t kOneData = 7560 + 2056 + 3 * 40 + 40;  // first record of ONE.BIN
 
 TEST(ImageTest, FindsByLongAndShortNamesInEveryPartition) {
-  const Image names(Sample("w_names.img"));
+  const Image names(SamplePath("w_names.img"));
   const auto byLong = names.Find("0:/NAMES/abcdefghijklmnopqrstu6.txt");
   ASSERT_TRUE(byLong);
   EXPECT_EQ(byLong->ShortName(), "ABCDEF~4.TXT");
@@ -86,7 +58,7 @@ TEST(ImageTest, FindsByLongAndShortNamesInEveryPartition) {
     EXPECT_FALSE(names.Find(path)) << path;
   }
 
-  const Image three(Sample("w_three_open.img"));
+  const Image three(SamplePath("w_three_open.img"));
   ASSERT_EQ(three.Partitions(), 3);
   EXPECT_EQ(three.Find("2:")->Path(), "2:/");
   EXPECT_EQ(three.Find("2:/p2/sub/deep2/x2.txt")->Size(), 9002u);
@@ -116,9 +88,10 @@ TEST(ImageTest, ExactNamesComeBeforeThoseThatDifferInCase) {
 }
 
 TEST(ImageTest, RangesInAnyOrderAndFromManyThreadsAgree) {
-  const Image image(Sample("f_16384_lzs.img"));
+  const Image image(SamplePath("f_16384_lzs.img"));
   const Entry entry = *image.Find("0:/DATA/C.BIN");
-  const Bytes whole = ReadAll(image, entry);
+  const std::string text = ReadAll(image, entry);
+  const Bytes whole(text.begin(), text.end());
   ASSERT_EQ(whole.size(), 40000u);
   const auto check = [&](unsigned seed) {
     std::mt19937 random(seed);
@@ -189,14 +162,14 @@ TEST(ImageTest, EntriesOfNoImageSaySo) {
 TEST(ImageTest, ManyThreadsListFindAndReadOneImage) {
   for (const char* name :
        {"w_three_open.img", "w_names.img", "f_16384_lzs.img", "n_flat_old.img"}) {
-    const Image image(Sample(name));
+    const Image image(SamplePath(name));
     std::vector<std::string> seen(4);
     std::vector<std::thread> threads;
     for (unsigned i = 0; i < seen.size(); ++i) {
       threads.emplace_back([&, i] { seen[i] = Survey(image, i); });
     }
     for (std::thread& thread : threads) thread.join();
-    const std::string alone = Survey(Image(Sample(name)), 5);
+    const std::string alone = Survey(Image(SamplePath(name)), 5);
     EXPECT_NE(alone, "");
     EXPECT_EQ(alone.find('?'), std::string::npos) << alone;
     for (const std::string& each : seen) EXPECT_EQ(each, alone) << name;
@@ -231,7 +204,7 @@ TEST(ImageTest, SaysWhyItCannotBeOpened) {
   has(patched(kIndexOffsetOffset, std::string_view("\x01\0\0\0", 4)), "inside the header");
   has(patched(kIndexOffsetOffset, "\xff\xff\xff\xff"), "cut short");
   has(with(whole + "x"), "index is damaged");
-  EXPECT_EQ(OpeningError(Sample("w_files_only.img")), "");
+  EXPECT_EQ(OpeningError(SamplePath("w_files_only.img")), "");
 }
 
 TEST(ImageTest, ACutAtAnyLengthIsNoticed) {
@@ -239,7 +212,7 @@ TEST(ImageTest, ACutAtAnyLengthIsNoticed) {
   test::WriteFile(directory / "i", TwoFiles().Bytes());
   IndexWriter(directory / "i").Write();
   const std::string checked = test::ReadFile(directory / "i");
-  const std::string unchecked = test::ReadFile(Sample("w_files_only.img"));
+  const std::string unchecked = test::ReadFile(SamplePath("w_files_only.img"));
   for (const std::string& whole : {checked, unchecked}) {
     for (size_t length = 0; length < whole.size(); length += length + 300 < whole.size() ? 97 : 1) {
       test::WriteFile(directory / "cut", whole.substr(0, length));
@@ -301,18 +274,18 @@ TEST(ImageTest, RecordsMustHoldExactlyWhatTheyState) {
     const std::string message = ErrorOf([&] { ReadAll(image, *image.Find("0:/FOLDER/ONE.BIN")); });
     EXPECT_NE(message.find(damage.message), std::string::npos) << damage.message << ": " << message;
     EXPECT_NE(message.find("0:/FOLDER/ONE.BIN: data block at 0x"), std::string::npos) << message;
-    EXPECT_EQ(ReadAll(image, *image.Find("0:/FOLDER/TWO.BIN")), Bytes(10, 'd'));
+    EXPECT_EQ(ReadAll(image, *image.Find("0:/FOLDER/TWO.BIN")), std::string(10, 'd'));
   }
 }
 
 TEST(ImageTest, CompressedRecordsMustDecodeToTheirLength) {
   TempDir directory;
-  const std::string whole = test::ReadFile(Sample("f_16384_lzs.img"));
+  const std::string whole = test::ReadFile(SamplePath("f_16384_lzs.img"));
   const auto readingError = [&](const char* path, const auto& damage) {
     std::string bytes = whole;
     size_t data = 0;
     {
-      const Image image(Sample("f_16384_lzs.img"));
+      const Image image(SamplePath("f_16384_lzs.img"));
       data = image.Find(path)->Offset() + 40;
     }
     damage(bytes, data);

@@ -9,20 +9,18 @@
 #include "capsule/host/index_writer.h"
 #include "tests/host/small_image.h"
 #include "tests/support/bytes.h"
+#include "tests/support/sample_images.h"
 #include "tests/support/temp_dir.h"
 
 namespace capsule::host {
 namespace {
 
+using test::SamplePath;
 using test::TempDir;
 using test::TwoFiles;
 
 const char* const kSamples[] = {"w_files_only.img", "w_names.img",    "w_three_open.img",
                                 "f_16384_lzs.img",  "n_flat_old.img", "h_compact_scrambled.img"};
-
-std::string Sample(const std::string& name) {
-  return std::string(CAPSULE_TEST_DATA) + "/images/" + name;
-}
 
 std::vector<Fault> FaultsOf(const std::string& path) {
   std::vector<Fault> faults;
@@ -111,7 +109,7 @@ class VerifierTest : public testing::Test {
 TEST_F(VerifierTest, CleanImagesAreCleanAndAccountedForToTheLastByte) {
   std::vector<std::string> paths{m_Path, m_Directory / "bare"};
   test::WriteFile(paths[1], m_Bare);
-  for (const char* sample : kSamples) paths.push_back(Sample(sample));
+  for (const char* sample : kSamples) paths.push_back(SamplePath(sample));
   for (const std::string& path : paths) {
     EXPECT_EQ(Spelled(FaultsOf(path)), "") << path;
     MapSummary map;
@@ -207,10 +205,10 @@ TEST_F(VerifierTest, AnIndexMustNameWhatIsThereAndAllOfIt) {
 }
 
 TEST_F(VerifierTest, LongNamesMustBelongToTheirShortName) {
-  const std::string whole = test::ReadFile(Sample("w_names.img"));
+  const std::string whole = test::ReadFile(SamplePath("w_names.img"));
   MapSummary summary;
   std::vector<MapItem> pieces;
-  for (const MapItem& item : MapOf(Sample("w_names.img"), &summary)) {
+  for (const MapItem& item : MapOf(SamplePath("w_names.img"), &summary)) {
     if (item.kind == MapItem::Kind::LongName) pieces.push_back(item);
   }
   ASSERT_GT(pieces.size(), 40u);
@@ -224,10 +222,10 @@ TEST_F(VerifierTest, LongNamesMustBelongToTheirShortName) {
 }
 
 TEST_F(VerifierTest, UnitsMustDecodeToWhatTheyState) {
-  const std::string whole = test::ReadFile(Sample("f_16384_lzs.img"));
+  const std::string whole = test::ReadFile(SamplePath("f_16384_lzs.img"));
   MapSummary summary;
   MapItem block;
-  for (const MapItem& item : MapOf(Sample("f_16384_lzs.img"), &summary)) {
+  for (const MapItem& item : MapOf(SamplePath("f_16384_lzs.img"), &summary)) {
     if (item.kind == MapItem::Kind::DataBlock && item.path == "0:/DATA/C.BIN") {
       block = item;
       break;
@@ -242,7 +240,7 @@ TEST_F(VerifierTest, UnitsMustDecodeToWhatTheyState) {
 
 TEST_F(VerifierTest, TruncatedAndDamagedImagesAreMappedToTheLastByte) {
   for (const char* sample : kSamples) {
-    const std::string whole = test::ReadFile(Sample(sample));
+    const std::string whole = test::ReadFile(SamplePath(sample));
     std::mt19937 random(7);
     for (int i = 0; i < 60; ++i) {
       std::string bytes = whole;

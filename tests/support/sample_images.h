@@ -1,25 +1,13 @@
-// Sample images with what they hold, from tests/data/images.
+// Where the sample images are. What they hold: SampleImages() in json.h.
 #pragma once
 
-#include <nlohmann/json.hpp>
 #include <string>
-#include <vector>
-
-#include "tests/support/temp_dir.h"
 
 namespace capsule::test {
 
+// A file of tests/data/images.
 inline std::string SamplePath(const std::string& file) {
   return std::string(CAPSULE_TEST_DATA) + "/images/" + file;
-}
-
-// One JSON object an image: header, offsets of the index, trees.
-inline const std::vector<nlohmann::json>& SampleImages() {
-  static const std::vector<nlohmann::json> samples =
-      nlohmann::json::parse(ReadFile(SamplePath("manifest.json")))
-          .at("images")
-          .get<std::vector<nlohmann::json>>();
-  return samples;
 }
 
 }  // namespace capsule::test

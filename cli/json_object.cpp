@@ -1,0 +1,57 @@
+#include "cli/json_object.h"
+
+#include <nlohmann/json.hpp>
+
+#include "cli/text.h"
+
+namespace capsule::cli {
+
+struct JsonObject::Members {
+  nlohmann::ordered_json json = nlohmann::ordered_json::object();
+};
+
+JsonObject::JsonObject() : m_pMembers(std::make_unique<Members>()) {}
+JsonObject::~JsonObject() = default;
+JsonObject::JsonObject(JsonObject&& other) noexcept = default;
+JsonObject& JsonObject::operator=(JsonObject&& other) noexcept = default;
+
+JsonObject& JsonObject::Text(const char* key, std::string_view text) {
+  m_pMembers->json[key] = ToUtf8(text);
+  return *this;
+}
+
+JsonObject& JsonObject::Path(std::string_view path) {
+  Text("path", path);
+  if (!IsUtf8(path)) m_pMembers->json["path_hex"] = ToHex(path);
+  return *this;
+}
+
+JsonObject& JsonObject::Number(const char* key, uint64_t number) {
+  m_pMembers->json[key] = number;
+  return *this;
+}
+
+JsonObject& JsonObject::Fraction(const char* key, double number) {
+  m_pMembers->json[key] = number;
+  return *this;
+}
+
+JsonObject& JsonObject::Truth(const char* key, bool isTrue) {
+  m_pMembers->json[key] = isTrue;
+  return *this;
+}
+
+JsonObject& JsonObject::Null(const char* key) {
+  m_pMembers->json[key] = nullptr;
+  return *this;
+}
+
+JsonObject& JsonObject::List(const char* key, const std::vector<JsonObject>& objects) {
+  nlohmann::ordered_json& list = m_pMembers->json[key] = nlohmann::ordered_json::array();
+  for (const JsonObject& object : objects) list.push_back(object.m_pMembers->json);
+  return *this;
+}
+
+std::string JsonObject::Line() const { return m_pMembers->json.dump() + "\n"; }
+
+}  // namespace capsule::cli
