@@ -7,7 +7,8 @@
 //   }
 //
 // Opening reads the header, the index and the tree, and throws host::Error when the file is not an
-// image, is cut short, or has no index or a damaged one. Contents are read when they are asked for,
+// image, is cut short, or has no index or a damaged one (then Opening::Salvage looks for what is
+// left). Contents are read when they are asked for,
 // strictly: a record that does not decode to exactly what it states is an error, never a guess.
 //
 // Const operations may be used from many threads. Entries and readers must not outlive the Image.
@@ -74,8 +75,9 @@ class CAPSULE_API Image {
   const std::string& Path() const;
   const ImageInfo& Info() const;
 
-  // Entries whose long name is damaged, which go by their short name, and FILE records of NTFS
-  // partitions that no folder has a place for, which are left out.
+  // Entries whose long name is damaged, which go by their short name, FILE records of NTFS
+  // partitions that no folder has a place for, which are left out, and what else was found to be
+  // damaged on opening.
   const std::vector<ImageProblem>& Problems() const;
 
   int Partitions() const;

@@ -34,7 +34,9 @@ struct BuildProgress {
 };
 
 struct BuildOptions {
-  int level = 5;                        // 0 stored, 1-3 fast, 4-6 medium, 7-9 maximum
+  // 0 stored, 1-3 fast, 4-6 medium, 7-9 maximum. Files that are compressed by themselves, as their
+  // extension tells (.zip, .jpg and the like), are stored at any level.
+  int level = 5;
   std::string label{};                  // version text; "Capsulate" is put in front unless there
   std::vector<std::string> excludes{};  // globs: matched against an item's name, or with a '/' in
                                         // them against its path below its DIR

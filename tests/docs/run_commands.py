@@ -6,8 +6,8 @@ Usage: run_commands.py SOURCE BUILD DOCUMENT...
 
 ~/photos and ~/letters have files in them, and ~/restored does not exist. Three things are played:
 scripts find the build that is there (CAPSULE_BUILD) instead of building; `sudo apt install` unpacks
-packages into a folder where CMake finds them, and `capsule` is what was built; scripts/test.sh,
-which runs this very test, is only read. Blocks fenced with ```cmake must stand in
+packages into a folder where CMake and pkg-config find them, and `capsule` is what was built;
+scripts/test.sh, which runs this very test, is only read. Blocks fenced with ```cmake must stand in
 examples/CMakeLists.txt word for word, and no block may be of a kind that nobody checks.
 """
 import os
@@ -61,6 +61,7 @@ def main():
         place = prepare(home, source)
         environment = dict(os.environ, HOME=name, CAPSULE_BUILD=str(build),
                            CMAKE_PREFIX_PATH=str(home / "root/usr"),
+                           PKG_CONFIG_PATH=str(home / "root/usr/lib/pkgconfig"),
                            PATH=f"{home}/bin:{build}/cli:{os.environ['PATH']}")
         for document in documents:
             for kind, text in re.findall(r"^```(\w*)[^\n]*\n(.*?)^```$", document.read_text(),
