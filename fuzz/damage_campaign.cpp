@@ -5,9 +5,10 @@
 //     records, are untouched;
 //   - where the index has a check value, no file with other contents is read without complaint.
 //
-//   damage_campaign [--every N] [--part K/N] [--random COUNT]
+//   damage_campaign [--every N] [--part K/N] [--random COUNT] [--keep FOLDER]
 //
-// `--every N` takes each N-th damage only; the figures say how many were taken.
+// `--every N` takes each N-th damage only; the figures say how many were taken. `--keep` puts the
+// damaged image of each finding there.
 #include <sys/resource.h>
 
 #include <cstdio>
@@ -38,6 +39,7 @@ struct Options {
   size_t part = 0;
   size_t parts = 1;
   size_t random = 100'000;
+  std::string keep;
 };
 
 struct Figures {
@@ -146,6 +148,9 @@ class Campaign {
     ++m_Figures.findings;
     std::printf("FINDING %s, %zu to %zu of %zu bytes: %s\n", m_strName.c_str(), damage.from,
                 damage.to, damage.bytes.size(), what.c_str());
+    if (m_Options.keep.empty()) return;
+    test::WriteFile(m_Options.keep + "/" + m_strName + "-" + std::to_string(m_nCase) + ".cap",
+                    damage.bytes);
   }
 
   Options m_Options;
@@ -215,6 +220,7 @@ int main(int argc, char** argv) {
     const size_t value = std::strtoul(argv[i + 1], &end, 10);
     if (name == "--every") options.every = std::max<size_t>(value, 1);
     if (name == "--random") options.random = value;
+    if (name == "--keep") options.keep = argv[i + 1];
     if (name == "--part") {
       options.part = value;
       options.parts = std::max<size_t>(std::strtoul(end + (*end == '/' ? 1 : 0), nullptr, 10), 1);

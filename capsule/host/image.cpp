@@ -75,18 +75,6 @@ std::optional<FileCheck> CheckOf(const std::vector<FileCheck>& checks, uint32_t 
 
 constexpr size_t kPieceSize = size_t{64} << 10;
 
-// Why the file that lies there cannot be read completely, or nothing.
-std::string ProblemOf(const RecordSource& source) {
-  try {
-    RecordStream records(source);
-    if (source.size == 0) records.CheckEmpty();
-    while (records.ChunkEnd() < source.size) records.Advance(records.ChunkEnd());
-    return {};
-  } catch (const Error& error) {
-    return WithoutPath(error.Reason(), source.entryPath);
-  }
-}
-
 // FILE records have no check values of their own, and those that cannot be decoded make the class
 // interface read what follows wrongly.
 bool HasNtfsPartition(const DecodedHeader& header) {
@@ -152,7 +140,7 @@ Image::Image(const std::filesystem::path& path, Opening opening)
     impl.catalog = ReadCatalog(impl.file.Get(), impl.path, index, &impl.problems);
     if (opening == Opening::Salvage) RefuseLeftOut(impl.problems, impl.path);
     if (!index.isChecked || HasNtfsPartition(header)) {
-      CheckSections(impl.file.Get(), impl.path, *impl.catalog, header.indexOffset);
+      CheckSections(impl.file.Get(), impl.path, index, *impl.catalog, header.indexOffset);
     }
   } catch (const Error& error) {
     if (opening == Opening::Strict) throw;

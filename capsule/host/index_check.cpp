@@ -149,7 +149,8 @@ IndexContents CheckIndex(int descriptor, const std::string& path, uint64_t index
     }
     end = uint64_t{record.offset} + record.length;
     Keep(record, &contents);
-    if (keepRecords && record.type != kIndexNote) contents.records.push_back(record);
+    if ((keepRecords || !contents.isChecked) && record.type != kIndexNote)
+      contents.records.push_back(record);
     KeepCheck(record, before, &contents);
     before = std::move(record);
   }

@@ -21,7 +21,8 @@ struct IndexContents {
   std::vector<uint32_t> entries;
   std::vector<uint32_t> sections;
 
-  // Every record of types 2, 3 and 5 in the order of their offsets; only when asked for.
+  // Every record of types 2, 3 and 5 in the order of their offsets; of a checked index only when
+  // asked for.
   std::vector<IndexRecord> records;
 
   // The check value of the header, where a checked index has one.

@@ -4,6 +4,8 @@
 #include <span>
 #include <string>
 
+#include "capsule/host/file_window.h"
+#include "capsule/host/section_scanner.h"
 #include "capsule/partition/directory_records.h"
 
 namespace capsule::host {
@@ -11,6 +13,9 @@ namespace capsule::host {
 // `group`: all records of an entry whose short entry is `record`. What is wrong with its long-name
 // records, or nothing.
 std::string JudgeLongName(std::span<const unsigned char> group, const _ShortDirEntry& record);
+
+// The same for an item of a FAT-style section; nothing when it has no long name.
+std::string JudgeLongName(FileWindow& window, const SectionItem& item);
 
 // The same for how the name is filled up: `piecesLastFirst` are the name bytes of the pieces in
 // on-disk order. Nothing but 0xFFFF follows the zero that ends a name, and only the last piece ends

@@ -198,4 +198,15 @@ void RecordStream::Fail(const std::string& what) const {
               m_Source.entryPath + ": data block at " + Hex(m_nRecord) + ": " + what, m_nRecord);
 }
 
+std::string ProblemOf(const RecordSource& source) {
+  try {
+    RecordStream records(source);
+    if (source.size == 0) records.CheckEmpty();
+    while (records.ChunkEnd() < source.size) records.Advance(records.ChunkEnd());
+    return {};
+  } catch (const Error& error) {
+    return WithoutPath(error.Reason(), source.entryPath);
+  }
+}
+
 }  // namespace capsule::host

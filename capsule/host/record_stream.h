@@ -88,4 +88,7 @@ class RecordStream {
   uint64_t m_nMarkDistance;   // bytes of the file from one to the next, at least
 };
 
+// Why the file that lies there cannot be read completely, or nothing.
+std::string ProblemOf(const RecordSource& source);
+
 }  // namespace capsule::host

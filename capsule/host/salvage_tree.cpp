@@ -7,6 +7,7 @@
 #include "capsule/host/long_name_check.h"
 #include "capsule/host/reason.h"
 #include "capsule/host/section_survey.h"
+#include "capsule/host/survey_outline.h"
 #include "capsule/host/tree_comparison.h"
 #include "capsule/partition/record_format.h"
 
@@ -104,10 +105,7 @@ std::string ProblemOfName(FileWindow& window, const SurveyItem& found) {
   const SectionItem& item = found.item;
   const bool isEntry = item.kind == Kind::Directory || item.kind == Kind::File;
   if (!isEntry || found.isPlaceholder || item.isNtfs) return {};
-  const uint64_t length =
-      item.kind == Kind::Directory ? item.length : item.dataOffset - item.offset;
-  if (length == kDirRecordSize) return {};
-  return JudgeLongName(window.At(item.offset, static_cast<size_t>(length)), item.entry);
+  return JudgeLongName(window, item);
 }
 
 // Adds an item by its long name when that can be believed. What is wrong with it, or nothing.
@@ -142,7 +140,8 @@ std::unique_ptr<Catalog> SalvageCatalog(int descriptor, const std::string& path,
     if (index.isChecked && !index.records.empty()) {
       SurveyByIndex(descriptor, path, index, visitor);
     } else {
-      SurveyBySearch(descriptor, path, {limit, index.sections}, visitor);
+      const SurveyOutline outline(index, limit);
+      SurveyBySearch(descriptor, path, {limit, index.sections, true, &outline}, visitor);
     }
   } catch (const Error& error) {
     problems->push_back({"0:/", error.Reason()});
@@ -150,8 +149,8 @@ std::unique_ptr<Catalog> SalvageCatalog(int descriptor, const std::string& path,
   return collector.Build();
 }
 
-void CheckSections(int descriptor, const std::string& path, const Catalog& indexed,
-                   uint64_t limit) {
+void CheckSections(int descriptor, const std::string& path, const IndexContents& index,
+                   const Catalog& indexed, uint64_t limit) {
   SurveyVisitor visitor;
   TreeCollector collector;
   FileWindow window(descriptor, path);
@@ -161,7 +160,8 @@ void CheckSections(int descriptor, const std::string& path, const Catalog& index
   visitor.onDamage = [&](uint64_t offset, const std::string& reason) {
     throw Error(path, "item at " + Hex(offset) + ": " + reason, offset);
   };
-  SurveyBySearch(descriptor, path, {limit, {}, false}, visitor);
+  const SurveyOutline outline(index, limit);
+  SurveyBySearch(descriptor, path, {limit, {}, false, &outline}, visitor);
   const std::string difference = CompareTrees(indexed, *collector.Build());
   if (!difference.empty()) throw Error(path, difference);
 }

@@ -19,7 +19,9 @@ std::unique_ptr<Catalog> SalvageCatalog(int descriptor, const std::string& path,
                                         std::vector<ImageProblem>* problems);
 
 // What an index without a check value cannot tell: whether the records of the sections are sound,
-// and give the tree that the index leads to. Throws host::Error with the first fault.
-void CheckSections(int descriptor, const std::string& path, const Catalog& indexed, uint64_t limit);
+// and give the tree that the index leads to. `index` kept its records. Throws host::Error with the
+// first fault.
+void CheckSections(int descriptor, const std::string& path, const IndexContents& index,
+                   const Catalog& indexed, uint64_t limit);
 
 }  // namespace capsule::host

@@ -212,12 +212,18 @@ std::optional<ResumePoint> FindResumePoint(FileWindow& window, uint64_t offset,
   return Resync(window, range).Find(offset);
 }
 
-uint64_t EndOfWholeRecords(FileWindow& window, uint64_t begin, uint64_t end, bool compressed) {
+uint64_t EndOfWholeRecords(FileWindow& window, uint64_t begin, uint64_t end, bool compressed,
+                           bool ntfs) {
   uint64_t at = begin;
   while (at < end) {
+    const auto other = ntfs ? NtfsRecordAt(window, at, end) : std::nullopt;
+    if (other && IsNtfsFileRecord(other->RecordType) && !BeginsNtfsEntry(other->RecordType)) {
+      at += kNtfsHeaderSize + uint64_t{other->Length};
+      continue;
+    }
     const View record = window.At(at, FileWindow::kSize);
-    if (record.empty() || !IsWholeDataRecord(record, compressed)) return at;
-    at += kMiniHeaderSize + uint64_t{DecodeMiniHeader(record.first<kMiniHeaderSize>()).Length};
+    if (!IsWholeDataRecord(record, compressed, ntfs)) return at;
+    at += DecodeDataRecord(record, compressed, ntfs)->Size();
   }
   return std::min(at, end);
 }

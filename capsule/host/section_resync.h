@@ -38,7 +38,9 @@ std::optional<ResumePoint> FindResumePoint(FileWindow& window, uint64_t offset,
 // trailer; `end` when there are none.
 uint64_t FindRecordMark(FileWindow& window, uint64_t begin, uint64_t end);
 
-// Where the whole data block records from `begin` on end, at `end` at the latest.
-uint64_t EndOfWholeRecords(FileWindow& window, uint64_t begin, uint64_t end, bool compressed);
+// Where the whole data block records from `begin` on end, at `end` at the latest. `ntfs`: those of
+// an entry of NTFS records, with the further FILE records between them.
+uint64_t EndOfWholeRecords(FileWindow& window, uint64_t begin, uint64_t end, bool compressed,
+                           bool ntfs = false);
 
 }  // namespace capsule::host

@@ -23,11 +23,19 @@ constexpr uint64_t kWorkPerByte = 8;
 constexpr uint64_t kLeastWork = 1 << 20;
 constexpr uint64_t kMostZeroEntries = 64;  // that may be lost in one place
 
+SurveyItem Plain(Kind kind, uint64_t offset) {
+  SurveyItem found;
+  found.item.kind = kind;
+  found.item.offset = offset;
+  return found;
+}
+
 class SearchingSurvey {
  public:
   SearchingSurvey(int descriptor, const std::string& path, const SearchHints& hints,
                   const SurveyVisitor& visitor)
-      : m_Scanner(descriptor, path),
+      : m_nDescriptor(descriptor),
+        m_Scanner(descriptor, path),
         m_Window(descriptor, path),
         m_Hints(hints),
         m_nWork(kLeastWork + kWorkPerByte * hints.limit),
@@ -40,15 +48,18 @@ class SearchingSurvey {
       const uint64_t start = m_Scanner.Position();
       try {
         goesOn = m_Scanner.Next(&found.item);
-        if (goesOn) RefuseLeap(found.item);
+        if (goesOn) Compare(found.item);
         if (goesOn) Take(std::move(found));
       } catch (const Error& error) {
         const bool inSection = m_Scanner.InSection();
         goesOn = inSection ? Recover(start, std::move(found), error) : RecoverSection(start);
         const bool isOfFile =
             inSection && !m_Items.back().isGap && m_Items.back().item.kind == Kind::File;
+        const bool losesPlace = inSection && !m_Scanner.InNtfsSection() && m_Items.back().isGap &&
+                                KnownAt(start) == nullptr;
         const auto& tell = isOfFile ? m_Visitor.onFileDamage : m_Visitor.onDamage;
-        tell(error.Offset().value_or(start), error.Reason());
+        tell(error.Offset().value_or(start),
+             error.Reason() + (losesPlace ? "; what follows may belong to another folder" : ""));
       }
     }
     Flush();
@@ -65,6 +76,32 @@ class SearchingSurvey {
     if (item.isStray) AdoptStray(&item);
     if (item.kind == Kind::Section) Flush();
     m_Items.push_back(std::move(found));
+  }
+
+  const SurveyOutline::Item* KnownAt(uint64_t offset) const {
+    return m_Hints.outline == nullptr ? nullptr : m_Hints.outline->At(offset);
+  }
+
+  // Throws when an item is not what an index says, nor sound, or cannot be as long as it seems.
+  void Compare(const SectionItem& item) {
+    const SurveyOutline::Item* known = KnownAt(item.offset);
+    const bool isInside =
+        item.kind != Kind::Section && item.kind != Kind::Trailer && item.kind != Kind::NtfsEnd;
+    if (known == nullptr || !isInside) return RefuseLeap(item);
+    const uint64_t end = item.offset + item.length;
+    const bool endsThere = known->end == end;
+    const bool isOfKind = item.isNtfs || !known->kind || *known->kind == item.kind;
+    if (endsThere && isOfKind) return;
+    const SoundItem sound(m_Window, m_nDescriptor, m_Scanner.Header().compressed);
+    const bool hasData = item.kind == Kind::File && item.entry.FileSize != 0;
+    if (endsThere && sound.IsRatherThan(item, *known->kind)) return;
+    if (!endsThere && (hasData || IsFollowed(end)) && sound.Is(item)) return;
+    throw Error("", "records at " + Hex(item.offset) + " are not what the index says");
+  }
+
+  bool IsFollowed(uint64_t end) {
+    const auto next = FindResumePoint(m_Window, end, Until(Range(), end + kPartitionTrailerSize));
+    return next && next->offset == end;
   }
 
   // Throws when a file has taken what follows it for its data, because a length is damaged.
@@ -138,6 +175,12 @@ class SearchingSurvey {
 
   // `found`: as far as it could be read, from `start` on.
   bool Recover(uint64_t start, SurveyItem found, const Error& error) {
+    if (const SurveyOutline::Item* known = KnownAt(start)) {
+      TakeKnown(*known, std::move(found));
+      m_nLeast = known->end;
+      m_Scanner.Resume(known->end, true);
+      return true;
+    }
     const uint64_t failed = std::max(error.Offset().value_or(start), start);
     const bool hasEntry = found.item.kind == Kind::File && found.item.dataOffset != 0;
     if (hasEntry) m_Items.push_back(std::move(found));
@@ -155,6 +198,33 @@ class SearchingSurvey {
     m_nLeast = next->offset + 1;
     m_Scanner.Resume(next->offset, !next->startsSection);
     return true;
+  }
+
+  // An item that is damaged, where an index says where it ends. `found`: as far as it could be
+  // read.
+  void TakeKnown(const SurveyOutline::Item& known, SurveyItem found) {
+    SectionItem& item = found.item;
+    const bool isNtfs = m_Scanner.InNtfsSection();
+    const bool mayHaveData = item.kind == Kind::File || (isNtfs && item.kind == Kind::Directory);
+    const bool hasEntry = mayHaveData && item.dataOffset != 0 && item.dataOffset <= known.end &&
+                          !IsMostlyZero(item.entry);
+    const Kind kind = isNtfs || !known.kind ? Kind::File : *known.kind;
+    const bool hasName = (item.kind == Kind::File || item.kind == Kind::Directory) &&
+                         !HasBadName(item) && !IsMostlyZero(item.entry);
+    if (kind == Kind::Directory && !hasName) {
+      found = LostFolder(known.offset);
+    } else if (kind == Kind::Directory) {
+      item.kind = kind;
+    } else if (kind != Kind::File) {
+      found = Plain(kind, known.offset);
+    } else if (!hasEntry) {
+      if (known.end - known.offset == kDirRecordSize) return AddRecordOfGap(known.offset);
+      found = SurveyItem();
+      found.isGap = true;
+    }
+    item.offset = known.offset;
+    item.length = known.end - known.offset;
+    Take(std::move(found));
   }
 
   // Whether what is at `at` belongs to the file that ends there.
@@ -198,9 +268,10 @@ class SearchingSurvey {
   uint64_t ResumeFrom(uint64_t end, uint64_t least) {
     if (m_Items.empty() || m_Items.back().isGap) return least;
     const SectionItem& last = m_Items.back().item;
-    if (last.kind != Kind::File || last.isNtfs || last.dataOffset >= end) return least;
-    const uint64_t whole =
-        EndOfWholeRecords(m_Window, last.dataOffset, end, m_Scanner.Header().compressed);
+    const bool hasData = last.kind == Kind::File || (last.isNtfs && last.kind == Kind::Directory);
+    if (!hasData || last.dataOffset == 0 || last.dataOffset >= end) return least;
+    const uint64_t whole = EndOfWholeRecords(m_Window, last.dataOffset, end,
+                                             m_Scanner.Header().compressed, last.isNtfs);
     return whole < end ? whole + 1 : least;
   }
 
@@ -214,6 +285,7 @@ class SearchingSurvey {
     return range;
   }
 
+  int m_nDescriptor;
   SectionScanner m_Scanner;
   FileWindow m_Window;
   SearchHints m_Hints;
@@ -222,13 +294,6 @@ class SearchingSurvey {
   const SurveyVisitor& m_Visitor;
   std::vector<SurveyItem> m_Items;  // of the section
 };
-
-SurveyItem Plain(Kind kind, uint64_t offset) {
-  SurveyItem found;
-  found.item.kind = kind;
-  found.item.offset = offset;
-  return found;
-}
 
 std::string LastSegment(const std::string& path) { return path.substr(path.rfind('/') + 1); }
 

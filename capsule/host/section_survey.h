@@ -9,6 +9,7 @@
 
 #include "capsule/host/index_check.h"
 #include "capsule/host/section_scanner.h"
+#include "capsule/host/survey_outline.h"
 
 namespace capsule::host {
 
@@ -38,6 +39,7 @@ struct SearchHints {
   uint64_t limit = 0;                       // where the sections end at the latest
   std::span<const uint32_t> sections = {};  // where an index says that they begin, ascending
   bool readsData = true;  // looks into data that seems to hold records: a length may be damaged
+  const SurveyOutline* outline = nullptr;  // what an index says that lies between
 };
 
 // Without a checked index: goes on at the next place that looks like a record group. Memory: the

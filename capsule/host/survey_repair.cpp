@@ -16,13 +16,6 @@ using Kind = SectionItem::Kind;
 
 constexpr std::ptrdiff_t kMostlyZero = 24;  // of the 32 bytes of an entry
 
-// Writers pad names with blanks and use no control characters.
-bool HasBadName(const SectionItem& item) {
-  const auto bytes = EncodeShortEntry(item.entry);
-  const auto name = std::span(bytes).first<11>();
-  return std::any_of(name.begin(), name.end(), [](unsigned char c) { return c < 0x20; });
-}
-
 bool IsDotNamed(const SectionItem& item, const char* name) {
   const bool isEntry =
       item.kind == Kind::DotEntry || item.kind == Kind::File || item.kind == Kind::Directory;
@@ -71,6 +64,9 @@ class Repair {
            IsDotNamed(m_Items[i].item, name);
   }
 
+  // There is nothing in its bytes to judge it by.
+  bool IsTold(size_t i) const { return m_Items[i].isGap || m_Items[i].isPlaceholder; }
+
   void Change(size_t i, Kind kind, const std::string& reason) {
     SectionItem& item = m_Items[i].item;
     if (item.kind == kind) return;
@@ -85,7 +81,7 @@ class Repair {
 
   // A zero entry that is not zero, an entry that mostly is.
   void JudgeEntry(size_t i) {
-    if (m_Items[i].isGap) return;
+    if (IsTold(i)) return;
     SectionItem& item = m_Items[i].item;
     const bool isEntry = item.kind == Kind::File || item.kind == Kind::Directory;
     if (item.kind == Kind::ZeroEntry && !IsMostlyZero(item.entry)) {
@@ -101,7 +97,7 @@ class Repair {
 
   // "." and ".." stand behind their folder.
   void JudgeDots(size_t i) {
-    if (m_Items[i].isGap) return;
+    if (IsTold(i)) return;
     const SectionItem& item = m_Items[i].item;
     if (item.length != kDirRecordSize) return;
     const bool isFirst = i > 0 && KindAt(i - 1) == Kind::Directory && !IsDot(i, ".");
@@ -126,7 +122,7 @@ class Repair {
 
   // A folder has "." and ".." behind it, a file has not.
   void JudgeFolder(size_t i) {
-    if (m_Items[i].isGap) return;
+    if (IsTold(i)) return;
     const SectionItem& item = m_Items[i].item;
     if (item.kind == Kind::Directory && i + 1 < m_Items.size() && !m_Items[i + 1].isGap &&
         KindAt(i + 1) != Kind::DotEntry) {
@@ -151,6 +147,17 @@ std::vector<SurveyItem> RepairSection(std::vector<SurveyItem> items, const Surve
 bool IsMostlyZero(const _ShortDirEntry& entry) {
   const auto bytes = EncodeShortEntry(entry);
   return std::count(bytes.begin(), bytes.end(), 0) >= kMostlyZero;
+}
+
+bool IsAllZero(const _ShortDirEntry& entry) {
+  const auto bytes = EncodeShortEntry(entry);
+  return std::all_of(bytes.begin(), bytes.end(), [](unsigned char b) { return b == 0; });
+}
+
+bool HasBadName(const SectionItem& item) {
+  const auto bytes = EncodeShortEntry(item.entry);
+  const auto name = std::span(bytes).first<11>();
+  return std::any_of(name.begin(), name.end(), [](unsigned char c) { return c < 0x20; });
 }
 
 SurveyItem LostFolder(uint64_t offset, const std::string& name) {

@@ -16,6 +16,12 @@ std::vector<SurveyItem> RepairSection(std::vector<SurveyItem> items, const Surve
 // Whether an entry is more likely what is left of a zero entry than of another.
 bool IsMostlyZero(const _ShortDirEntry& entry);
 
+bool IsAllZero(const _ShortDirEntry& entry);
+
+// Whether a short name has what writers do not put there: they pad with blanks and use no control
+// characters.
+bool HasBadName(const SectionItem& item);
+
 // A folder named after the place where its records are missing.
 SurveyItem LostFolder(uint64_t offset, const std::string& name = {});
 
