@@ -8,11 +8,15 @@ namespace capsule::cli {
 namespace {
 
 int Index(const std::string& image, Talk& talk) {
-  const host::IndexReport report = host::IndexWriter(image).Write();
+  const host::IndexReport report =
+      host::IndexWriter(image).Write(host::DamagedSections::IndexWhatIsLeft);
+  for (const host::ImageProblem& problem : report.problems) {
+    talk.Complain(image, problem.path + ": " + problem.reason);
+  }
   talk.Summarize(image + ": " + Counted(report.sections, "partition", "partitions") + ", " +
                  Counted(report.files, "file", "files") + " and " +
                  Counted(report.directories, "folder", "folders") + " in the index");
-  return kDone;
+  return report.problems.empty() ? kDone : kProblems;
 }
 
 }  // namespace

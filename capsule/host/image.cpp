@@ -89,16 +89,6 @@ void RefuseLeftOut(const std::vector<ImageProblem>& problems, const std::string&
   }
 }
 
-// Where the sections end at the latest: an index that is not one says nothing about it.
-uint64_t LimitOfSections(int descriptor, const std::string& path, const DecodedHeader& header,
-                         const IndexContents& index, uint64_t length) {
-  if (header.indexOffset < kHeaderSize || header.indexOffset >= length) return length;
-  FileWindow window(descriptor, path);
-  const auto start = window.At(header.indexOffset, 3);
-  const bool isMarked = std::equal(start.begin(), start.end(), "CI1");
-  return isMarked || !index.boundaries.empty() ? header.indexOffset : length;
-}
-
 // What is wrong with the header, which a checked index vouches for; nothing when it does not.
 std::optional<ImageProblem> JudgeHeader(int descriptor, const std::string& path,
                                         const IndexContents& index) {
@@ -200,16 +190,18 @@ RecordSource Image::SourceOf(const Entry& entry) const {
   source.size = node.size;
   source.ntfs = m_pImpl->info.partitions[node.partition].systemId == kSystemIdNtfs;
   source.fileRecord = node.offset;
-  if (!source.ntfs) source.check = CheckOf(m_pImpl->checks, node.offset);
+  source.check = CheckOf(m_pImpl->checks, node.offset);
   source.imagePath = Path();
   source.entryPath = entry.Path();
   return source;
 }
 
-FileReader Image::OpenFile(const Entry& entry) const {
+FileReader Image::ReaderOf(RecordSource source) {
   return FileReader(std::unique_ptr<FileReader::Impl>(
-      new FileReader::Impl{RecordStream(SourceOf(entry)), false}));
+      new FileReader::Impl{RecordStream(std::move(source)), false}));
 }
+
+FileReader Image::OpenFile(const Entry& entry) const { return ReaderOf(SourceOf(entry)); }
 
 void Image::ReadDamaged(const Entry& entry, uint64_t offset, uint64_t length,
                         const TakePiece& take) const {
@@ -217,8 +209,13 @@ void Image::ReadDamaged(const Entry& entry, uint64_t offset, uint64_t length,
   const uint64_t begin = std::min(offset, source.size);
   const uint64_t end = begin + std::min(length, source.size - begin);
   const std::string problem = ProblemOf(source);
-  if (!problem.empty()) return DamagedReader(source, problem, begin, end, take).Run();
-  FileReader reader = OpenFile(entry);
+  RecordSource unchecked = source;
+  unchecked.check.reset();
+  const bool onlyCheckFails = !problem.empty() && source.check && ProblemOf(unchecked).empty();
+  if (!problem.empty() && !onlyCheckFails) {
+    return DamagedReader(source, problem, begin, end, take).Run();
+  }
+  FileReader reader = ReaderOf(std::move(unchecked));
   std::vector<unsigned char> bytes(kPieceSize);
   for (uint64_t at = begin; at < end;) {
     const auto wanted = static_cast<size_t>(std::min<uint64_t>(end - at, bytes.size()));
@@ -226,6 +223,7 @@ void Image::ReadDamaged(const Entry& entry, uint64_t offset, uint64_t length,
     take({FilePiece::Kind::Data, at, count, std::span(bytes).first(count), {}});
     at += count;
   }
+  if (onlyCheckFails) take({FilePiece::Kind::Uncertain, begin, end - begin, {}, problem});
 }
 
 size_t Image::Read(const Entry& entry, uint64_t offset, std::span<unsigned char> out) const {

@@ -110,6 +110,7 @@ class CAPSULE_API Image {
 
  private:
   RecordSource SourceOf(const Entry& entry) const;
+  static FileReader ReaderOf(RecordSource source);
 
   struct Impl;
   std::unique_ptr<Impl> m_pImpl;

@@ -3,6 +3,7 @@
 #include <cerrno>
 
 #include "capsule/host/error.h"
+#include "capsule/host/file_window.h"
 #include "capsule/host/image_open.h"
 #include "capsule/host/reason.h"
 #include "capsule/platform/file.h"
@@ -54,6 +55,15 @@ DecodedHeader ReadImageHeader(int descriptor, const std::string& path, uint64_t 
   if (RestoreScrambledRegion(header, &problem)) decoded = DecodeHeader(header, &problem);
   if (!decoded) throw Error(path, "header is damaged: " + problem);
   return *decoded;
+}
+
+uint64_t LimitOfSections(int descriptor, const std::string& path, const DecodedHeader& header,
+                         const IndexContents& index, uint64_t length) {
+  if (header.indexOffset < kHeaderSize || header.indexOffset >= length) return length;
+  FileWindow window(descriptor, path);
+  const auto start = window.At(header.indexOffset, 3);
+  const bool isMarked = std::equal(start.begin(), start.end(), "CI1");
+  return isMarked || !index.boundaries.empty() ? header.indexOffset : length;
 }
 
 }  // namespace capsule::host

@@ -19,6 +19,11 @@ DecodedHeader ReadImageHeader(int descriptor, const std::string& path, uint64_t 
 // Throws when the header tells of no index, or of one that does not lie in the image.
 void CheckIndexOffset(const DecodedHeader& header, const std::string& path, uint64_t fileSize);
 
+// Where the sections end at the latest: an index that is not one says nothing about it. `index`:
+// what could be read of it.
+uint64_t LimitOfSections(int descriptor, const std::string& path, const DecodedHeader& header,
+                         const IndexContents& index, uint64_t fileSize);
+
 // The tree of an image, read through the exported classes. `descriptor` is open on the same file.
 std::unique_ptr<Catalog> ReadCatalog(int descriptor, const std::string& path,
                                      const IndexContents& index,

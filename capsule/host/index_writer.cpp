@@ -8,6 +8,7 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <optional>
 #include <utility>
 #include <vector>
 
@@ -15,6 +16,7 @@
 #include "capsule/host/checksum.h"
 #include "capsule/host/error.h"
 #include "capsule/host/file_window.h"
+#include "capsule/host/index_source.h"
 #include "capsule/host/index_stream.h"
 #include "capsule/host/reason.h"
 #include "capsule/host/section_scanner.h"
@@ -75,28 +77,43 @@ class RecordWriter {
     m_Stream.Append(ChecksumRecord(checksum.Value(), 0, header.size()));
   }
 
-  void Add(const SectionItem& item) {
+  // A damaged file has no check value of its own.
+  void Add(const SectionItem& item, bool isDamaged) {
     const bool isFile = item.kind == SectionItem::Kind::File;
+    if (m_FileNote) m_Stream.Append(*m_FileNote);
+    m_FileNote.reset();
     if (item.kind == SectionItem::Kind::Section) m_Section.Reset();
     m_File.Reset();
+    m_nSectionBefore = m_Section.Value();
     const uint64_t end = CheckedEnd(item);
     Take(item.offset, end, isFile ? &m_File : nullptr);
-    if (EndsSection(item)) {
-      m_Stream.Replace(m_nSectionRecord,
-                       ChecksumRecord(m_Section.Value(), m_nSectionStart, end - m_nSectionStart));
-    }
-    m_Stream.Append(ItemRecord(item));
+    m_bEnded = EndsSection(item);
+    if (m_bEnded) EndSection(m_Section.Value(), end);
+    m_Last = ItemRecord(item);
+    m_nLastPosition = m_Stream.Append(m_Last);
     if (item.kind == SectionItem::Kind::Section) {
       m_nSectionStart = item.offset;
       m_nSectionRecord = m_Stream.Append(ChecksumRecord(0, 0, 0));
-    } else if (isFile) {
-      m_Stream.Append(ChecksumRecord(m_File.Value(), item.offset, item.length));
+    } else if (isFile && !isDamaged) {
+      m_FileNote = ChecksumRecord(m_File.Value(), item.offset, item.length);
     }
   }
 
-  uint64_t Finish() { return m_Stream.Finish(); }
+  // The last record reaches the index, and is that of an item, even when the end of the last
+  // section is lost: then its check value is for what lies before the last item.
+  uint64_t Finish(uint64_t indexOffset) {
+    if (!m_bEnded) EndSection(m_nSectionBefore, m_Last.offset);
+    m_Last.length = static_cast<uint32_t>(indexOffset - m_Last.offset);
+    m_Stream.Replace(m_nLastPosition, m_Last);
+    return m_Stream.Finish();
+  }
 
  private:
+  void EndSection(uint64_t value, uint64_t end) {
+    m_Stream.Replace(m_nSectionRecord,
+                     ChecksumRecord(value, m_nSectionStart, end - m_nSectionStart));
+  }
+
   static bool EndsSection(const SectionItem& item) {
     return item.kind == SectionItem::Kind::Trailer || item.kind == SectionItem::Kind::NtfsEnd;
   }
@@ -129,7 +146,28 @@ class RecordWriter {
   RunningChecksum m_File;
   uint64_t m_nSectionRecord = 0;
   uint64_t m_nSectionStart = 0;
+  uint64_t m_nSectionBefore = 0;  // its check value up to the last item
+  bool m_bEnded = false;
+  IndexRecord m_Last;
+  uint64_t m_nLastPosition = 0;
+  std::optional<IndexRecord> m_FileNote;  // waits for an item behind the file
 };
+
+// The header as it will be stored.
+std::vector<unsigned char> CompleteHeader(const SectionScanner& scanner, uint64_t indexOffset,
+                                          const std::string& name) {
+  const auto raw = scanner.RawHeader();
+  std::vector<unsigned char> header(raw.begin(), raw.end());
+  platform::StoreLe32(&header[kIndexOffsetOffset], static_cast<uint32_t>(indexOffset));
+  const bool countMatches = scanner.Header().partitions.size() == scanner.SectionCount();
+  if (!countMatches && scanner.IsScrambled()) {
+    throw Error(name, "partition count cannot be corrected: header is scrambled");
+  }
+  if (!countMatches && scanner.Header().layout == HeaderLayout::Fixed) {
+    header[kPartitionCountOffset] = static_cast<unsigned char>(scanner.SectionCount());
+  }
+  return header;
+}
 
 }  // namespace
 
@@ -150,15 +188,19 @@ IndexWriter::~IndexWriter() {
 // What the first walk found out.
 struct IndexWriter::Plan {
   IndexReport report;
+  bool isDamaged = false;
+  bool endsEmpty = false;             // the last item is the header of a section
   std::vector<unsigned char> header;  // as it will be stored
 };
 
-IndexReport IndexWriter::Write() {
-  Plan plan = Measure();
+IndexReport IndexWriter::Write(DamagedSections damaged) {
+  const Plan plan = Measure(damaged);
   const uint64_t end = plan.report.indexOffset;
-  const std::vector<unsigned char> noOffset(kHeaderSize);
-  PatchHeader(noOffset, kIndexOffsetOffset, sizeof(uint32_t));
-  SyncFile();
+  if (!plan.isDamaged) {
+    const std::vector<unsigned char> noOffset(kHeaderSize);
+    PatchHeader(noOffset, kIndexOffsetOffset, sizeof(uint32_t));
+    SyncFile();
+  }
   try {
     Append(plan);
     SyncFile();
@@ -172,41 +214,54 @@ IndexReport IndexWriter::Write() {
   return plan.report;
 }
 
-IndexWriter::Plan IndexWriter::Measure() {
-  SectionScanner scanner(m_nDescriptor, m_strName);
+IndexWriter::Plan IndexWriter::Measure(DamagedSections damaged) {
+  const SectionScanner scanner(m_nDescriptor, m_strName);
   if (scanner.SectionCount() == 0) throw Error(m_strName, "has no partitions to index");
-  const uint64_t checksumSize = RecordSize(ChecksumRecord(0, 0, 0));
-  uint64_t indexSize = kIndexPreamble + checksumSize;
   Plan plan;
-  for (SectionItem item; scanner.Next(&item);) {
-    ThrowIfCancelled();
-    if (!item.problem.empty()) throw Error(m_strName, item.path + ": " + item.problem, item.offset);
-    indexSize += RecordSize(ItemRecord(item));
-    if (item.kind == SectionItem::Kind::Section || item.kind == SectionItem::Kind::File) {
-      indexSize += checksumSize;
-    }
-    plan.report.files += item.kind == SectionItem::Kind::File ? 1 : 0;
-    plan.report.directories += item.kind == SectionItem::Kind::Directory && !item.isRoot ? 1 : 0;
+  try {
+    Count(&plan);
+  } catch (const Error& error) {
+    if (damaged == DamagedSections::Refuse) throw;
+    RefuseToReplaceIndex(m_nDescriptor, m_strName, error);
+    plan = {};
+    plan.isDamaged = true;
+    Count(&plan);
   }
-  plan.report.sections = scanner.SectionCount();
-  plan.report.indexOffset = scanner.Position();
-  plan.report.imageBytes = scanner.Position() + indexSize;
+  if (plan.report.sections != scanner.SectionCount() || plan.endsEmpty) {
+    throw Error(m_strName, "has " + std::to_string(scanner.SectionCount()) +
+                               " sections, but what can be read ends in number " +
+                               std::to_string(plan.report.sections));
+  }
   if (plan.report.imageBytes > static_cast<uint64_t>(kMaxImageSize)) {
     throw Error(m_strName, "image with its index would be " +
                                std::to_string(plan.report.imageBytes) + " bytes, " +
                                std::to_string(kMaxImageSize) + " are possible");
   }
-  const auto raw = scanner.RawHeader();
-  plan.header.assign(raw.begin(), raw.end());
-  platform::StoreLe32(&plan.header[kIndexOffsetOffset], static_cast<uint32_t>(scanner.Position()));
-  const bool countMatches = scanner.Header().partitions.size() == scanner.SectionCount();
-  if (!countMatches && scanner.IsScrambled()) {
-    throw Error(m_strName, "partition count cannot be corrected: header is scrambled");
-  }
-  if (!countMatches && scanner.Header().layout == HeaderLayout::Fixed) {
-    plan.header[kPartitionCountOffset] = static_cast<unsigned char>(scanner.SectionCount());
-  }
+  plan.header = CompleteHeader(scanner, plan.report.indexOffset, m_strName);
   return plan;
+}
+
+// Walks the image and counts.
+void IndexWriter::Count(Plan* plan) {
+  const uint64_t checksumSize = RecordSize(ChecksumRecord(0, 0, 0));
+  uint64_t indexSize = kIndexPreamble + checksumSize;
+  uint64_t fileNote = 0;  // of the last item; it only comes when another follows
+  IndexReport& report = plan->report;
+  const auto take = [&](const SectionItem& item, bool isDamaged) {
+    ThrowIfCancelled();
+    const bool isSection = item.kind == SectionItem::Kind::Section;
+    const bool isFile = item.kind == SectionItem::Kind::File;
+    indexSize += RecordSize(ItemRecord(item));
+    indexSize += fileNote + (isSection ? checksumSize : 0);
+    fileNote = isFile && !isDamaged ? checksumSize : 0;
+    report.files += isFile ? 1 : 0;
+    report.directories += item.kind == SectionItem::Kind::Directory && !item.isRoot ? 1 : 0;
+    report.sections += isSection ? 1 : 0;
+    plan->endsEmpty = isSection;
+  };
+  report.indexOffset =
+      VisitItems(m_nDescriptor, m_strName, plan->isDamaged, take, &report.problems);
+  report.imageBytes = report.indexOffset + indexSize;
 }
 
 void IndexWriter::Append(const Plan& plan) {
@@ -214,13 +269,14 @@ void IndexWriter::Append(const Plan& plan) {
   if (!platform::Truncate(m_nDescriptor, static_cast<int64_t>(start))) {
     throw Error(m_strName, "truncate: " + SystemReason(errno));
   }
-  SectionScanner scanner(m_nDescriptor, m_strName);
   RecordWriter writer(m_nDescriptor, m_strName, start, plan.header);
-  for (SectionItem item; scanner.Next(&item);) {
+  const auto take = [&](const SectionItem& item, bool isDamaged) {
     ThrowIfCancelled();
-    writer.Add(item);
-  }
-  if (writer.Finish() != plan.report.imageBytes) throw Error(m_strName, "changed meanwhile");
+    writer.Add(item, isDamaged);
+  };
+  std::vector<ImageProblem> known;
+  VisitItems(m_nDescriptor, m_strName, plan.isDamaged, take, &known);
+  if (writer.Finish(start) != plan.report.imageBytes) throw Error(m_strName, "changed meanwhile");
 }
 
 void IndexWriter::PatchHeader(std::span<const unsigned char> header, size_t offset, size_t count) {

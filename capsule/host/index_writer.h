@@ -4,7 +4,7 @@
 //   host::IndexWriter("photos.cap").Write();
 //
 // An index that is there already is built anew; the same sections always get the same bytes.
-// Nothing is changed before the whole image has been scanned without damage and is known to stay
+// Nothing is changed before the whole image has been scanned and is known to stay
 // within 2^31-1 bytes. The header tells of the index only when the index is on disk: an image whose
 // completion was interrupted is one without an index and can be completed again.
 //
@@ -28,8 +28,10 @@
 #include <filesystem>
 #include <span>
 #include <string>
+#include <vector>
 
 #include "capsule/export.h"
+#include "capsule/host/image.h"
 
 namespace capsule::host {
 
@@ -38,7 +40,17 @@ struct IndexReport {
   uint64_t directories = 0;
   uint64_t files = 0;
   uint64_t indexOffset = 0;
-  uint64_t imageBytes = 0;  // sections, index and all
+  uint64_t imageBytes = 0;             // sections, index and all
+  std::vector<ImageProblem> problems;  // files that are damaged, and what is left out
+};
+
+// What to do when records of the sections are damaged.
+enum class DamagedSections {
+  Refuse,
+  // Index what is left when nothing gets lost by it: the image has no index that can be read, and
+  // nothing but the data of files is damaged, or the end of the last section cut off. Damaged files
+  // get no check value; the index comes behind all there is.
+  IndexWhatIsLeft,
 };
 
 class CAPSULE_API IndexWriter {
@@ -57,11 +69,12 @@ class CAPSULE_API IndexWriter {
   void SetCancelFlag(const std::atomic<bool>* flag) { m_pCancel = flag; }
 
   // Throws Error when the image cannot be scanned, read or written.
-  IndexReport Write();
+  IndexReport Write(DamagedSections damaged = DamagedSections::Refuse);
 
  private:
   struct Plan;
-  Plan Measure();
+  Plan Measure(DamagedSections damaged);
+  void Count(Plan* plan);
   void Append(const Plan& plan);
   void PatchHeader(std::span<const unsigned char> header, size_t offset, size_t count);
   void SyncFile();

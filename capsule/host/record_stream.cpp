@@ -32,6 +32,10 @@ RecordStream::RecordStream(RecordSource source)
   Restart();
   if (m_Source.ntfs) TakeResidentData();
   Restart();
+  if (m_bResident) {
+    CheckEmpty();
+    Restart();
+  }
   if (!m_bResident && m_Source.size > room * kMaxExpansion) {
     Fail("its entry states " + Count(m_Source.size) + " bytes, but " + Count(room) +
          " bytes of records cannot hold them");
@@ -98,16 +102,26 @@ void RecordStream::CheckEmpty() {
 
 // The record group lies in front of the data and has the same check value.
 void RecordStream::CountGroup() {
-  if (!m_Check) return;
-  const uint64_t end = std::min(m_Source.begin, m_Check->End());
+  if (m_Check) CountUpTo(m_Source.begin);
+}
+
+// Takes what lies between data records, or in front or behind.
+void RecordStream::CountUpTo(uint64_t offset) {
+  const uint64_t end = std::min({offset, m_Source.limit, m_Check->End()});
   while (m_Check->Next() < end) {
     const uint64_t left = std::min<uint64_t>(end - m_Check->Next(), kWindowSize);
     m_Check->Take(m_Check->Next(), Window(m_Check->Next(), static_cast<size_t>(left)));
   }
 }
 
-void RecordStream::CompareCheck() const {
-  if (!m_Check || m_Check->Next() != std::min(m_nRecord, m_Check->End())) return;
+// Further FILE records may follow the data of a file, and count.
+void RecordStream::CompareCheck() {
+  if (!m_Check) return;
+  if (m_Source.ntfs && m_Check->Next() == m_nRecord) {
+    CountUpTo(m_Check->End());
+    m_nRecord = m_Check->Next();
+  }
+  if (m_Check->Next() != std::min(m_nRecord, m_Check->End())) return;
   const FileCheck& check = *m_Source.check;
   const std::string problem = m_nRecord == m_Check->End()
                                   ? m_Check->Judge()

@@ -65,7 +65,8 @@ class RecordStream {
   _MiniHeader NtfsHeaderAt(uint64_t offset, uint32_t* type);
   void TakeResidentData();
   void CountGroup();
-  void CompareCheck() const;
+  void CountUpTo(uint64_t offset);
+  void CompareCheck();
   void DecodeRecord(const _MiniHeader& header, uint32_t length);
   uint64_t CheckRoom(uint64_t needed) const;
   void CheckCoverage(const _MiniHeader& header, uint32_t length) const;

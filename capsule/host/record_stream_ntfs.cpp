@@ -21,8 +21,10 @@ _MiniHeader RecordStream::ReadNtfsHeader() {
   uint32_t type = 0;
   _MiniHeader header = NtfsHeaderAt(m_nRecord, &type);
   while (IsNtfsFileRecord(type) && !BeginsNtfsEntry(type)) {
+    const bool isCounted = m_Check && m_Check->Next() == m_nRecord;
     m_nRecord += kNtfsHeaderSize + header.Length;
     CheckRoom(kNtfsHeaderSize);
+    if (isCounted) CountUpTo(m_nRecord);
     header = NtfsHeaderAt(m_nRecord, &type);
   }
   if (!IsNtfsData(type)) {

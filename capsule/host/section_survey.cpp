@@ -57,6 +57,7 @@ class SearchingSurvey {
             inSection && !m_Items.back().isGap && m_Items.back().item.kind == Kind::File;
         const bool losesPlace = inSection && !m_Scanner.InNtfsSection() && m_Items.back().isGap &&
                                 KnownAt(start) == nullptr;
+        if (isOfFile) m_Items.back().damage = error.Reason();
         const auto& tell = isOfFile ? m_Visitor.onFileDamage : m_Visitor.onDamage;
         tell(error.Offset().value_or(start),
              error.Reason() + (losesPlace ? "; what follows may belong to another folder" : ""));

@@ -15,6 +15,7 @@
 #include "capsule/host/error.h"
 #include "capsule/platform/little_endian.h"
 #include "tests/host/small_image.h"
+#include "tests/support/damage_seed.h"
 #include "tests/support/temp_dir.h"
 
 namespace capsule::host {
@@ -171,6 +172,48 @@ TEST(IndexWriter, ImagesThatWouldGetTooLargeStayAsTheyAre) {
     EXPECT_NE(std::string(error.what()).find("2147483647 are possible"), std::string::npos);
   }
   EXPECT_EQ(std::filesystem::file_size(path), kMost - 100);
+}
+
+// Only data of files is damaged, or the end is missing: the rest is found through a new index.
+TEST(IndexWriter, IndexesWhatIsLeft) {
+  const test::TempDir folder;
+  const std::string path = folder / "x.cap";
+  const std::string image = CAPSULE_TEST_DATA "/images/h_compact_scrambled.img";
+  const test::DamageSeed seed(image);
+  const auto index = [&](const std::string& bytes, size_t from) {
+    test::WriteFile(path, bytes);
+    const IndexReport report = IndexWriter(path).Write(DamagedSections::IndexWhatIsLeft);
+    EXPECT_EQ(report.problems.size(), 1u);
+    EXPECT_EQ(test::ReadFile(path).substr(kHeaderSize, bytes.size() - kHeaderSize),
+              bytes.substr(kHeaderSize));
+    test::Contents found = test::ReadContents(Image(path));
+    for (const std::string& name :
+         seed.Untouched(from, bytes.size() < from + 2 ? ~size_t{0} : from + 1)) {
+      EXPECT_EQ(found[name] == seed.Whole().at(name), true) << name << ", " << from;
+    }
+    return report;
+  };
+  const std::string whole = seed.Bytes().substr(0, seed.IndexOffset());
+  std::vector<uint64_t> cuts;
+  for (const SectionItem& item : seed.Items()) {
+    if (item.kind != SectionItem::Kind::File) continue;
+    std::string bytes = whole;
+    bytes[item.dataOffset + 7] = '\x7F';
+    EXPECT_EQ(index(bytes, item.dataOffset + 7).problems[0].path,
+              std::to_string(item.section) + ":/" + item.path);
+    cuts = {item.dataOffset + 100, item.offset + item.length + 20, whole.size() - 1};
+  }
+  for (const uint64_t cut : cuts) index(whole.substr(0, cut), cut);
+
+  const auto refuse = [&](std::string bytes, uint64_t at) {
+    bytes[at] = '\x7F';
+    test::WriteFile(path, bytes);
+    EXPECT_THROW(IndexWriter(path).Write(DamagedSections::IndexWhatIsLeft), Error);
+    EXPECT_EQ(test::ReadFile(path) == bytes, true);
+  };
+  refuse(whole, seed.Items()[1].offset);
+  refuse(seed.Bytes(), seed.Items()[1].offset + 7);
+  refuse(whole.substr(0, whole.size() / 2), 0);
 }
 
 // A full disk: the image is one without an index, not one with half of it.

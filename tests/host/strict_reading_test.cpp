@@ -5,6 +5,8 @@
 
 #include "capsule/host/extractor.h"
 #include "capsule/host/image_builder.h"
+#include "capsule/host/index_writer.h"
+#include "tests/support/damage_seed.h"
 #include "tests/support/temp_dir.h"
 
 namespace capsule::host {
@@ -106,6 +108,27 @@ TEST_F(StrictReading, ItemsThatMovedToAnotherPathAreReported) {
   test::WriteFile(m_Path, m_Whole);
   Damage(OffsetOf("folder") + 8 + 1);
   EXPECT_EQ(Image(m_Path).Problems().size(), 1U) << ReasonOfOpening();
+}
+
+// A stored byte, or one that the FILE record of a small file does not use.
+TEST(StrictNtfs, FilesAreComparedWithTheirCheckValues) {
+  const test::TempDir folder;
+  const std::string path = folder / "n.img";
+  fs::copy_file(CAPSULE_TEST_DATA "/images/n_flat_old.img", path);
+  IndexWriter(path).Write();
+  const test::DamageSeed seed(path);
+  for (const SectionItem& item : seed.Items()) {
+    const std::string name = "0:/" + item.path;
+    if (item.kind != SectionItem::Kind::File || name.starts_with("0:/$")) continue;
+    ASSERT_NE(seed.Whole().at(name), test::kUnread) << name;
+    const uint64_t end = item.offset + item.length;
+    const bool isSmall = item.dataOffset == end;
+    if (isSmall && item.length != 46 + 1024) continue;  // its FILE record is compressed
+    std::string bytes = seed.Bytes();
+    bytes[end - (isSmall ? 100 : 1)] ^= 1;
+    test::WriteFile(path, bytes);
+    EXPECT_EQ(test::ReadContents(Image(path)).at(name) == test::kUnread, true) << name;
+  }
 }
 
 }  // namespace
