@@ -27,7 +27,8 @@ uint64_t VisitItemsLeft(int descriptor, const std::string& path, const TakeItem&
   const auto length = static_cast<uint64_t>(std::max<int64_t>(platform::FileLength(descriptor), 0));
   const DecodedHeader header = ReadImageHeader(descriptor, path, length);
   uint64_t end = 0;
-  uint64_t damage = length;  // the first that is not one to the data of a file
+  uint64_t first = length;  // damage that is not to the data of a file
+  std::string what;
   SurveyVisitor visitor;
   visitor.onItem = [&](const SurveyItem& found) {
     const SectionItem& item = found.item;
@@ -37,15 +38,15 @@ uint64_t VisitItemsLeft(int descriptor, const std::string& path, const TakeItem&
     problems->push_back({std::to_string(item.section) + ":/" + item.path, found.damage});
   };
   visitor.onDamage = [&](uint64_t offset, const std::string& reason) {
-    damage = std::min(damage, offset);
+    if (offset < first) what = "item at " + Hex(offset) + ": " + reason;
+    first = std::min(first, offset);
     problems->push_back({"item at " + Hex(offset), reason});
   };
   visitor.onFileDamage = [](uint64_t, const std::string&) {};
   visitor.onStray = [&](uint64_t offset) { visitor.onDamage(offset, "its folder is lost"); };
   SurveyBySearch(descriptor, path, {LimitOfSections(descriptor, path, header, {}, length)},
                  visitor);
-  if (damage < end)
-    throw Error(path, problems->back().path + ": " + problems->back().reason + kUnsure);
+  if (first < end) throw Error(path, what + kUnsure, first);
   return length;
 }
 
