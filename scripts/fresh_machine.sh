@@ -36,4 +36,4 @@ cd "$(dirname "$0")/.."
 scripts/package.sh
 mmdebstrap --variant=apt --include=g++,cmake,make,pkg-config,man-db \
   --customize-hook='copy-in packages examples scripts /root' \
-  --customize-hook='chroot "$1" /root/scripts/fresh_machine.sh inside' bookworm /dev/null
+  --customize-hook='chroot "$1" env -i PATH=/usr/sbin:/usr/bin:/sbin:/bin /root/scripts/fresh_machine.sh inside' bookworm /dev/null
