@@ -80,7 +80,8 @@ struct MapSummary {
 CAPSULE_API MapSummary MapImage(const std::filesystem::path& path,
                                 const std::function<void(const MapItem&)>& take);
 
-// The same with an open file, which stays the caller's. `name`: what errors call it.
+// The same with an open file, which stays the caller's. `name`: what errors call it. Of the library
+// itself: not exported.
 MapSummary MapImage(int descriptor, const std::string& name,
                     const std::function<void(const MapItem&)>& take);
 
