@@ -31,8 +31,7 @@ bool SectionMap::Map(int section, uint8_t systemId) {
   m_nSection = section;
   m_bNtfs = systemId == kSystemIdNtfs;
   m_bEnded = false;
-  m_strFolder.clear();
-  m_FolderStart.clear();
+  m_Folders.Clear();
   m_strFile.clear();
   m_bTakesData = false;
   if (!MapSectionHeader()) return false;
@@ -93,7 +92,7 @@ void SectionMap::MapTrailer() {
 void SectionMap::SkipDamage() {
   const uint64_t start = Here();
   const bool isInFile = m_bNtfs || (m_bTakesData && !m_bLastSeen);
-  const std::string hit = isInFile ? m_strFile : m_strFolder.empty() ? "" : FolderPath();
+  const std::string hit = isInFile ? m_strFile : m_Folders.Depth() == 0 ? "" : FolderPath();
   if (start >= m_nEnd) {
     MapItem item = ItemAt(MapItem::Kind::Gap, 0);
     item.path = hit;
@@ -106,18 +105,6 @@ void SectionMap::SkipDamage() {
   m_bTakesData = false;
 }
 
-void SectionMap::EnterFolder(const std::string& name) {
-  m_FolderStart.push_back(m_strFolder.size());
-  if (!m_strFolder.empty()) m_strFolder += '/';
-  m_strFolder += name;
-}
-
-void SectionMap::LeaveFolder() {
-  if (m_FolderStart.empty()) return;
-  m_strFolder.resize(m_FolderStart.back());
-  m_FolderStart.pop_back();
-}
-
 std::string SectionMap::FolderPath() const {
   std::string path = PathOf("");
   path.pop_back();
@@ -127,8 +114,8 @@ std::string SectionMap::FolderPath() const {
 std::string SectionMap::PathOf(const std::string& name) const {
   constexpr size_t kMaxPath = 4096;
   const std::string start = Count(static_cast<uint64_t>(m_nSection)) + ":/";
-  if (m_strFolder.size() > kMaxPath) return start + "…/" + name;
-  return start + (m_strFolder.empty() ? name : m_strFolder + '/' + name);
+  if (m_Folders.Path().size() > kMaxPath) return start + "…/" + name;
+  return start + m_Folders.PathOf(name);
 }
 
 // How many of the two marks of a section header are there.

@@ -15,6 +15,7 @@
 
 #include "capsule/host/file_window.h"
 #include "capsule/host/map_sink.h"
+#include "capsule/host/open_folders.h"
 #include "capsule/partition/directory_records.h"
 #include "capsule/partition/ntfs_records.h"
 
@@ -44,8 +45,6 @@ class SectionMap {
   void DescribeFileRecord(const _NTFSMiniHeader& header, MapItem* item);
 
   MapItem ItemAt(MapItem::Kind kind, uint64_t length) const;
-  void EnterFolder(const std::string& name);
-  void LeaveFolder();
   std::string FolderPath() const;
   std::string PathOf(const std::string& name) const;
   void SkipDamage();
@@ -69,8 +68,7 @@ class SectionMap {
   std::vector<MapItem> m_Pieces;             // of the long name being read
   std::vector<unsigned char> m_PieceUnits;   // their name bytes
   std::vector<unsigned char> m_PieceChecks;  // ordinal and checksum of each
-  std::string m_strFolder;                   // path of the open folder
-  std::vector<size_t> m_FolderStart;
+  OpenFolders m_Folders;
   std::string m_strFile;  // path of what data blocks belong to
   bool m_bTakesData = false;
   bool m_bLastSeen = false;

@@ -70,9 +70,9 @@ void SectionMap::MapDirectoryRecord(const _MiniHeader& header) {
     DropPieces("long name without an entry");
     MapItem item = ItemAt(MapItem::Kind::ZeroEntry, kDirRecordSize);
     item.beginsEntry = true;
-    item.text = m_FolderStart.empty() ? "closes nothing" : "closes \"" + m_strFolder + "\"";
+    item.text = m_Folders.Depth() == 0 ? "closes nothing" : "closes \"" + m_Folders.Path() + "\"";
     item.problem = JudgeDirectoryHeader(header);
-    LeaveFolder();
+    m_Folders.Leave();
     m_strFile.clear();
     m_Sink.Add(item);
   } else {
@@ -115,7 +115,7 @@ void SectionMap::MapShortEntry(const _MiniHeader& header,
   item.problem = JudgeDirectoryHeader(header);
   item.attributes = entry.Attribute;
   item.fileSize = isFolder ? 0 : entry.FileSize;
-  if (isFolder && !isDot) EnterFolder(name);
+  if (isFolder && !isDot) m_Folders.Enter(name);
   m_bTakesData = !isFolder && entry.FileSize != 0;
   m_bLastSeen = false;
   m_nFileBytes = 0;

@@ -121,8 +121,7 @@ void SectionScanner::BeginSection(SectionItem* item) {
   item->section = m_nNextSection++;
   m_bInSection = true;
   m_NtfsFolders.Clear();
-  m_strFolder.clear();
-  m_FolderStart.clear();
+  m_Folders.Clear();
 }
 
 void SectionScanner::ScanTrailer(SectionItem* item) {
@@ -176,7 +175,7 @@ void SectionScanner::ScanGroup(SectionItem* item) {
 void SectionScanner::ScanEntry(SectionItem* item, std::u16string_view longName) {
   if (item->entry.Name[0] == 0) {
     item->kind = SectionItem::Kind::ZeroEntry;
-    CloseFolder();
+    m_Folders.Leave();
     return;
   }
   const bool folder = (item->entry.Attribute & kDirectoryAttribute) != 0;
@@ -189,7 +188,7 @@ void SectionScanner::ScanEntry(SectionItem* item, std::u16string_view longName) 
   item->path = PathOf(item->name);
   item->kind = folder ? SectionItem::Kind::Directory : SectionItem::Kind::File;
   if (folder) {
-    OpenFolder(item->name);
+    m_Folders.Enter(item->name);
   } else {
     ScanData(item);
   }
@@ -212,20 +211,8 @@ void SectionScanner::ScanData(SectionItem* item) {
 }
 
 std::string SectionScanner::PathOf(const std::string& name) const {
-  if (m_strFolder.size() + 1 + name.size() > kMaxScannedPath) return {};
-  return m_strFolder.empty() ? name : m_strFolder + '/' + name;
-}
-
-void SectionScanner::OpenFolder(const std::string& name) {
-  m_FolderStart.push_back(m_strFolder.size());
-  if (!m_strFolder.empty()) m_strFolder += '/';
-  m_strFolder += name;
-}
-
-void SectionScanner::CloseFolder() {
-  if (m_FolderStart.empty()) return;
-  m_strFolder.resize(m_FolderStart.back());
-  m_FolderStart.pop_back();
+  const bool isLong = m_Folders.Path().size() + 1 + name.size() > kMaxScannedPath;
+  return isLong ? std::string() : m_Folders.PathOf(name);
 }
 
 _MiniHeader SectionScanner::PeekHeader(uint64_t offset, const char* what) {

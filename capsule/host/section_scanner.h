@@ -25,6 +25,7 @@
 #include "capsule/host/file_window.h"
 #include "capsule/host/ntfs_entry.h"
 #include "capsule/host/ntfs_folders.h"
+#include "capsule/host/open_folders.h"
 #include "capsule/partition/directory_records.h"
 
 namespace capsule::host {
@@ -114,8 +115,6 @@ class SectionScanner {
   void ScanEntry(SectionItem* item, std::u16string_view longName);
   void ScanData(SectionItem* item);
   std::string PathOf(const std::string& name) const;
-  void OpenFolder(const std::string& name);
-  void CloseFolder();
   void ScanNtfs(SectionItem* item);
   void ScanNtfsEnd(SectionItem* item, uint32_t recordLength);
   void PlaceNtfs(SectionItem* item);
@@ -133,8 +132,7 @@ class SectionScanner {
   uint32_t m_nNextSection = 0;
   bool m_bInSection = false;
   uint64_t m_nPosition = kHeaderSize;
-  std::string m_strFolder;            // path of the open folder
-  std::vector<size_t> m_FolderStart;  // length of m_strFolder before each open folder
+  OpenFolders m_Folders;
   uint64_t m_nSectionStart = 0;
   bool m_bNtfs = false;   // the section is one of NTFS records
   NtfsEntry m_NtfsEntry;  // the one that came last

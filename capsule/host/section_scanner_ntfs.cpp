@@ -42,28 +42,28 @@ void SectionScanner::PlaceNtfs(SectionItem* item) {
   if (item->isStray) return;
   item->depth = *level;
   m_NtfsFolders.CloseTo(item->depth + 1);
-  while (m_FolderStart.size() > item->depth) CloseFolder();
+  m_Folders.LeaveTo(item->depth);
   item->path = PathOf(item->name);
   if (!m_NtfsEntry.isDirectory) return;
   m_NtfsFolders.Open(m_NtfsEntry);
-  OpenFolder(item->name);
+  m_Folders.Enter(item->name);
 }
 
 void SectionScanner::AdoptStray(const std::string& folder, SectionItem* item) {
   m_NtfsFolders.OpenLost(m_NtfsEntry);
-  OpenFolder(folder);
-  item->depth = m_FolderStart.size();
+  m_Folders.Enter(folder);
+  item->depth = m_Folders.Depth();
   item->path = PathOf(item->name);
   if (!m_NtfsEntry.isDirectory) return;
   m_NtfsFolders.Open(m_NtfsEntry);
-  OpenFolder(item->name);
+  m_Folders.Enter(item->name);
 }
 
 void SectionScanner::OpenLost(const std::string& folder, size_t depth) {
   m_NtfsFolders.CloseTo(depth + 1);
-  while (m_FolderStart.size() > depth) CloseFolder();
+  m_Folders.LeaveTo(depth);
   m_NtfsFolders.OpenLost();
-  OpenFolder(folder);
+  m_Folders.Enter(folder);
 }
 
 void SectionScanner::ScanNtfsEnd(SectionItem* item, uint32_t recordLength) {
