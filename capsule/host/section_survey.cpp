@@ -271,9 +271,13 @@ class SearchingSurvey {
     const SectionItem& last = m_Items.back().item;
     const bool hasData = last.kind == Kind::File || (last.isNtfs && last.kind == Kind::Directory);
     if (!hasData || last.dataOffset == 0 || last.dataOffset >= end) return least;
-    const uint64_t whole = EndOfWholeRecords(m_Window, last.dataOffset, end,
-                                             m_Scanner.Header().compressed, last.isNtfs);
-    return whole < end ? whole + 1 : least;
+    if (last.dataOffset !=
+        m_nJudgedData) {  // an end that was found stays, however often it is asked
+      m_nJudgedData = last.dataOffset;
+      m_nWholeEnd = EndOfWholeRecords(m_Window, last.dataOffset, end, m_Scanner.Header().compressed,
+                                      last.isNtfs);
+    }
+    return m_nWholeEnd < end ? m_nWholeEnd + 1 : least;
   }
 
   ResyncRange Range() {
@@ -291,7 +295,9 @@ class SearchingSurvey {
   FileWindow m_Window;
   SearchHints m_Hints;
   uint64_t m_nWork;
-  uint64_t m_nLeast = 0;  // no place is returned to twice
+  uint64_t m_nLeast = 0;       // no place is returned to twice
+  uint64_t m_nJudgedData = 0;  // of the file whose whole records end at m_nWholeEnd
+  uint64_t m_nWholeEnd = 0;
   const SurveyVisitor& m_Visitor;
   std::vector<SurveyItem> m_Items;  // of the section
 };
