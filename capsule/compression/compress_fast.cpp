@@ -5,6 +5,7 @@
 #include "capsule/compression/bit_writer.h"
 #include "capsule/compression/hash_block.h"
 #include "capsule/compression/lzs.h"
+#include "capsule/compression/pair_filter.h"
 #include "capsule/compression/processor.h"
 
 namespace capsule::lzs {
@@ -53,8 +54,12 @@ struct ChainSearch {
   const HashBlock& hashes;
   const uint32_t effort;
 
-  Match Find(uint32_t next, uint32_t position) const {
-    return FindMatch(area, window, hashes, next, position, effort);
+  // Enters the cursor's position; how far back the nearest candidate is.
+  uint32_t EnterCursor(uint32_t next, uint32_t position) const {
+    return EnterPosition(area, position, hashes.Inside(next));
+  }
+  Match Find(uint32_t next, uint32_t position, uint32_t nearest) const {
+    return FindInChain(area, window, next, position, nearest, effort);
   }
   uint32_t Enter(uint32_t next, uint32_t position, Match match) const {
     return EnterMatch<kMode>(area, window, hashes, next, position, match);
@@ -68,8 +73,12 @@ struct TripleSearch {
   const uint32_t effort;
   TripleIndex& index;
 
-  Match Find(uint32_t next, uint32_t position) const {
-    return FindByTriples(area, index, window, hashes.Inside(next), next, position, effort);
+  uint32_t EnterCursor(uint32_t next, uint32_t position) const {
+    const uint32_t head = LoadLittle32(window.source + next);
+    return index.Enter(area, position, hashes.Inside(next), head);
+  }
+  Match Find(uint32_t next, uint32_t position, uint32_t nearest) const {
+    return FindByTriples(area, index, window, next, position, nearest, effort);
   }
   uint32_t Enter(uint32_t next, uint32_t position, Match match) const {
     return EnterWithTriples(area, index, window, hashes, next, position, match);
@@ -142,7 +151,7 @@ bool RunSearch(const Search& search, FastCompression& run, BitWriter& shared, ui
   uint32_t position = run.position;
   bool goesOn = true;
   while (goesOn && next < stop && (goesOn = writer.out <= lastOut)) {
-    const Match match = search.Find(next, position);
+    const Match match = search.Find(next, position, search.EnterCursor(next, position));
     if (match.length == 0) {
       writer.Add(source[next], kLiteralBits);
       writer.Flush();
@@ -158,24 +167,100 @@ bool RunSearch(const Search& search, FastCompression& run, BitWriter& shared, ui
   return goesOn;
 }
 
+// Adds what a match covers behind its first byte.
+void AddCovered(PairFilter& filter, const SearchWindow& window, uint32_t next, Match match) {
+  const uint32_t end = std::min(next + match.length, window.size - kSearchTail);
+  for (uint32_t i = std::max(next + 1, end - std::min(end, kMaxOffset)); i < end; ++i)
+    filter.Add(LoadLittle32(window.source + i));
+}
+
+// As RunSearch, for data with few matches.
+template <typename Search>
+bool RunSparse(const Search& search, FastCompression& run, BitWriter& shared, uint32_t stop,
+               PairFilter& filter) {
+  const unsigned char* source = search.window.source;
+  BitWriter writer = shared;
+  const unsigned char* lastOut = run.outLimit - kFastRoom;
+  uint32_t next = run.next;
+  uint32_t position = run.position;
+  bool goesOn = true;
+  while (goesOn && next < stop && (goesOn = writer.out <= lastOut)) {
+    const uint32_t nearest = search.EnterCursor(next, position);
+    const uint32_t here = LoadLittle32(source + next);
+    Match match{};
+    if (filter.Add(here)) match = search.Find(next, position, nearest);
+    if (match.length == 0) {
+      writer.Add(here & 0xFF, kLiteralBits);
+      writer.Flush();
+      ++next;
+      ++position;
+    } else {
+      AddCovered(filter, search.window, next, match);
+      goesOn = TakeMatch(search, run, writer, next, position, match);
+    }
+  }
+  shared = writer;
+  run.next = next;
+  run.position = position;
+  return goesOn;
+}
+
+// Searches blocks, in the way that suits what has been found in the one before.
+class BlockRunner {
+ public:
+  explicit BlockRunner(uint32_t history) : m_history(history) {}
+
+  // How far to search to learn about the data.
+  uint32_t BlockSize() const { return m_isKnown ? HashBlock::kSize : kTrial; }
+  template <typename Search>
+  bool Run(const Search& search, FastCompression& run, BitWriter& writer, uint32_t stop) {
+    const uint32_t first = run.next;
+    const unsigned char* out = writer.out;
+    const bool goesOn = m_isSparse ? RunSparse(search, run, writer, stop, m_filter)
+                                   : RunSearch(search, run, writer, stop);
+    Learn(search.window, run.next, run.next - first, static_cast<uint32_t>(writer.out - out));
+    return goesOn;
+  }
+
+ private:
+  static constexpr uint32_t kTrial = 128;
+
+  // Literals alone take more room than they are.
+  void Learn(const SearchWindow& window, uint32_t next, uint32_t plain, uint32_t coded) {
+    m_isKnown = true;
+    const bool wasSparse = std::exchange(m_isSparse, coded > plain);
+    if (!m_isSparse) return;
+    if (wasSparse)
+      m_filter.Forget();
+    else
+      m_filter.Start(window.behind + next, std::min(m_history + next, kMaxOffset));
+  }
+
+  const uint32_t m_history;
+  bool m_isKnown = false;
+  bool m_isSparse = false;
+  PairFilter m_filter;
+};
+
 // Block by block, as far as the inner loop can go.
 template <IndexMode kMode>
 void RunBlocks(CompressionArea& area, FastCompression& run, BitWriter& writer, uint32_t effort) {
   const SearchWindow window = run.window;
   const uint32_t comparable = window.copied > kCompared ? window.copied - kCompared : 0;
   HashBlock hashes;
+  BlockRunner runner(run.history);
   bool goesOn = true;
   while (goesOn && run.next < run.stop) {
-    const uint32_t end = run.next + std::min(HashBlock::kSize, run.stop - run.next);
+    const uint32_t end = run.next + std::min(runner.BlockSize(), run.stop - run.next);
     hashes.Fill(window.source, run.next, end);
     const ChainSearch<kMode> chains{area, window, hashes, effort};
     if constexpr (kMode == IndexMode::None)
       if (effort == 0) goesOn = RunNearest(chains, run, writer, std::min(end, comparable));
     if (kMode == IndexMode::Bodies && run.triples != nullptr)
       goesOn =
-          RunSearch(TripleSearch{area, window, hashes, effort, *run.triples}, run, writer, end);
+          runner.Run(TripleSearch{area, window, hashes, effort, *run.triples}, run, writer, end);
     else if (goesOn)
-      goesOn = RunSearch(chains, run, writer, end);
+      goesOn = runner.Run(chains, run, writer, end);
   }
 }
 

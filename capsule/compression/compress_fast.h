@@ -21,6 +21,7 @@ struct FastCompression {
   uint32_t next;  // source index of the cursor; stop: where the search ends
   uint32_t stop;
   uint32_t position;  // of the cursor
+  uint32_t history;   // bytes before the source that may be referred to
   unsigned char* out;
   const unsigned char* outLimit;
   uint32_t bits;  // right-aligned, bitCount (below 32) of them

@@ -55,6 +55,7 @@ constexpr uint32_t kSearchSlice = uint32_t{1} << 30;
 // From which effort, and how much source and room, the second index is worth being built.
 constexpr uint32_t kTripleEffort = 16;
 constexpr uint32_t kTripleSource = 1024;
+constexpr uint32_t kBeforeTriples = 16;  // source bytes searched without it
 
 class CompressCall {
  public:
@@ -92,6 +93,7 @@ class CompressCall {
   void StartFresh();
   void MakeRoomForInput();
 
+  bool MayChooseTriples() const { return Has(LzsIndexMatchBodies) && m_nEffort >= kTripleEffort; }
   bool Has(uint16_t flag) const { return (m_nFlags & flag) != 0; }
   uint32_t Room() const { return static_cast<uint32_t>(m_pOutEnd - m_pOut); }
   // Whether the unit is closed, and not paused, when the destination fills. In new room for an open
@@ -256,19 +258,20 @@ uint32_t CompressCall::SearchEnd(const SearchWindow& window) const {
   return m_state.next < end ? m_state.next + std::min(kSearchSlice, end - m_state.next) : end;
 }
 
-// Whether the search goes by the second index, which then is up to date.
+// Whether the search goes by the second index, which then is up to date. The first bytes of a
+// source are searched without it, since their match may leave little to search.
 bool CompressCall::ChooseIndex(const SearchWindow& window) {
-  if (!Has(LzsIndexMatchBodies) || m_nEffort < kTripleEffort) {
-    m_bHasTriples = m_state.isMarked = false;
-  } else if (!m_bHasTriples && m_nSourceCount - m_state.next >= kTripleSource &&
-             WordRoom() >= kTripleSource) {
-    const uint32_t before = m_state.historyCount + m_state.next;
-    m_triples.Build(m_area, window, m_state.next, m_state.position, std::min(before, kMaxOffset),
-                    m_state.isMarked);
-    m_bHasTriples = m_state.isMarked = true;
-  }
-  m_state.isMarked = m_bHasTriples;
-  return m_bHasTriples;
+  m_state.isMarked = m_state.isMarked && Has(LzsIndexMatchBodies);
+  if (m_bHasTriples) return true;
+  const uint32_t left = m_nSourceCount - m_state.next;
+  if (!MayChooseTriples() || m_state.next < kBeforeTriples || left < kTripleSource ||
+      WordRoom() < kTripleSource)
+    return false;
+  const uint32_t before = m_state.historyCount + m_state.next;
+  m_triples.Build(m_area, window, m_state.next, m_state.position, std::min(before, kMaxOffset),
+                  m_state.isMarked);
+  m_state.isMarked = m_bHasTriples = true;
+  return true;
 }
 
 // False if there is no room for the inner loop.
@@ -280,12 +283,15 @@ bool CompressCall::SearchFast() {
   run.next = m_state.next;
   run.stop = SearchEnd(window);
   run.position = m_state.position;
+  run.history = m_state.historyCount;
   run.out = m_pOut;
   run.outLimit = m_pOut + WordRoom();
   run.bits = m_state.bits;
   run.bitCount = m_state.bitCount;
   if (run.next >= run.stop) return false;
   run.triples = ChooseIndex(window) ? &m_triples : nullptr;
+  if (MayChooseTriples() && run.next < kBeforeTriples)
+    run.stop = std::min(run.stop, kBeforeTriples);
   CompressFast(m_area, run, m_nFlags, m_nEffort);
   const bool hasMoved = run.next != m_state.next;
   m_state.next = run.next;
@@ -308,7 +314,8 @@ void CompressCall::SearchRun() {
     const SearchWindow window = Window();
     const uint32_t end = SearchEnd(window);
     if (m_state.next >= end) break;
-    m_bHasTriples = m_state.isMarked = false;
+    m_bHasTriples = false;
+    m_state.isMarked = m_state.isMarked && Has(LzsIndexMatchBodies);
     for (; m_state.next < end; ++m_state.next, ++m_state.position, ++m_state.literals) {
       const Match match = FindMatch(m_area, window, PlainHashes{m_pSource}, m_state.next,
                                     m_state.position, m_nEffort);

@@ -59,8 +59,7 @@ struct PlainHashes {
 inline uint32_t EnterPosition(CompressionArea& area, uint32_t position, uint32_t hash) {
   const uint32_t distance = position - area.heads[hash];
   area.heads[hash] = position;
-  area.chain[position % kChainSize] =
-      static_cast<uint16_t>(distance > kMaxOffset ? kOutOfReach : distance);
+  area.chain[position % kChainSize] = static_cast<uint16_t>(std::min(distance, kOutOfReach));
   return distance;
 }
 
@@ -131,9 +130,10 @@ inline Match FindLongest(const CompressionArea& area, const SearchWindow& window
   return best;
 }
 
-// The three phases, from the nearest candidate, `distance` back.
+// The three phases, from the nearest candidate, `distance` back; too far if there is none.
 inline Match FindInChain(const CompressionArea& area, const SearchWindow& window, uint32_t at,
                          uint32_t position, uint32_t distance, uint32_t effort) {
+  if (distance > kMaxOffset) return {0, 0};
   const uint32_t head = LoadLittle32(window.source + at);
   const unsigned char* cursor = window.behind + at;
   uint32_t difference = LoadLittle32(cursor - distance) ^ head;
@@ -155,7 +155,6 @@ template <typename Hashes>
 inline Match FindMatch(CompressionArea& area, const SearchWindow& window, const Hashes& hashes,
                        uint32_t at, uint32_t position, uint32_t effort) {
   const uint32_t distance = EnterPosition(area, position, hashes.At(at));
-  if (distance > kMaxOffset) return {0, 0};
   return FindInChain(area, window, at, position, distance, effort);
 }
 
@@ -175,7 +174,8 @@ inline void MarkNotEntered(CompressionArea& area, uint32_t position, uint32_t co
 
 enum class IndexMode { None, Ends, Bodies };
 
-// Enters the positions inside a match as the mode asks and returns the position behind it.
+// Enters the positions inside a match as the mode asks, and returns the position behind it. With
+// bodies indexed, marks what is not entered.
 template <IndexMode kMode, typename Hashes>
 inline uint32_t EnterMatch(CompressionArea& area, const SearchWindow& window, const Hashes& hashes,
                            uint32_t at, uint32_t position, Match match) {
@@ -185,8 +185,14 @@ inline uint32_t EnterMatch(CompressionArea& area, const SearchWindow& window, co
   // The last byte of the source has no following byte to hash with.
   const uint32_t last = behindMatch == window.size ? 2 : 1;
   uint32_t back = 1;
-  if (kMode == IndexMode::Bodies && match.offset >= 2)
+  if constexpr (kMode == IndexMode::Bodies) {
     back = std::min(match.length - 1, kMaxOffset);
+    if (last == 2) MarkNotEntered(area, end - 1, 1);
+    if (match.offset == 1) {
+      MarkNotEntered(area, end - back, back - 1);
+      back = 1;
+    }
+  }
   for (; back >= last; --back) EnterPosition(area, end - back, hashes.At(behindMatch - back));
   return end;
 }

@@ -90,14 +90,14 @@ inline bool FindLongestTriple(const TripleIndex& index, const SearchWindow& wind
   return true;
 }
 
-// As FindMatch, by the second index as well. A walk there that leads past more candidates than the
-// effort allows for is given up for the chain of the hash, so that the effort bounds both.
-inline Match FindByTriples(CompressionArea& area, TripleIndex& index, const SearchWindow& window,
-                           uint32_t hash, uint32_t at, uint32_t position, uint32_t effort) {
+// As FindInChain, by the second index as well. A walk there that leads past more candidates than
+// the effort allows for is given up for the chain of the hash, so that the effort bounds both.
+inline Match FindByTriples(const CompressionArea& area, const TripleIndex& index,
+                           const SearchWindow& window, uint32_t at, uint32_t position, uint32_t two,
+                           uint32_t effort) {
+  if (two > kMaxOffset) return {0, 0};
   const uint32_t head = LoadLittle32(window.source + at);
   const unsigned char* cursor = window.behind + at;
-  uint32_t two = index.Enter(area, position, hash, head);
-  if (two > kMaxOffset) return {0, 0};
   for (uint32_t left = effort; ((LoadLittle32(cursor - two) ^ head) & kTwoBytes) != 0; --left)
     if (left == 0 || !Further(area, position, two)) return {0, 0};
   uint32_t three = index.Further(position, 0);
@@ -115,26 +115,20 @@ inline Match FindByTriples(CompressionArea& area, TripleIndex& index, const Sear
   return FindLongest(area, window, at, position, three, effort);
 }
 
-// As EnterMatch with IndexMode::Bodies, in both indexes; marks what is not entered.
+// As EnterMatch with IndexMode::Bodies, in both indexes.
 template <typename Hashes>
 inline uint32_t EnterWithTriples(CompressionArea& area, TripleIndex& index,
                                  const SearchWindow& window, const Hashes& hashes, uint32_t at,
                                  uint32_t position, Match match) {
   const uint32_t end = PositionBehind(position, match.length);
   const uint32_t behindMatch = at + match.length;
+  // The search ends here, so that the second index needs no more.
+  if (window.size - behindMatch < kSearchTail)
+    return EnterMatch<IndexMode::Bodies>(area, window, hashes, at, position, match);
   uint32_t back = std::min(match.length - 1, kMaxOffset);
   if (match.offset == 1) {
     MarkNotEntered(area, end - back, back - 1);
     back = 1;
-  }
-  if (window.size - behindMatch < kSearchTail) {
-    // The search ends here, so that the second index needs no more.
-    for (; back > 1; --back) EnterPosition(area, end - back, hashes.At(behindMatch - back));
-    if (behindMatch == window.size)
-      MarkNotEntered(area, end - 1, 1);
-    else
-      EnterPosition(area, end - 1, hashes.At(behindMatch - 1));
-    return end;
   }
   for (; back != 0; --back) {
     const uint32_t inside = behindMatch - back;
