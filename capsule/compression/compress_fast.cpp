@@ -218,7 +218,9 @@ class BlockRunner {
     const unsigned char* out = writer.out;
     const bool goesOn = m_isSparse ? RunSparse(search, run, writer, stop, m_filter)
                                    : RunSearch(search, run, writer, stop);
-    Learn(search.window, run.next, run.next - first, static_cast<uint32_t>(writer.out - out));
+    // Behind the end of the search there need not be a pair.
+    if (run.next < run.stop)
+      Learn(search.window, run.next, run.next - first, static_cast<uint32_t>(writer.out - out));
     return goesOn;
   }
 
