@@ -5,10 +5,10 @@
 //     records, are untouched;
 //   - where the index has a check value, no file with other contents is read without complaint.
 //
-//   damage_campaign [--every N] [--part K/N] [--random COUNT] [--keep FOLDER]
+//   damage_campaign [--every N] [--part K/N] [--random COUNT] [--only IMAGE] [--keep FOLDER]
 //
-// `--every N` takes each N-th damage only; the figures say how many were taken. `--keep` puts the
-// damaged image of each finding there.
+// `--every N` takes each N-th damage only; the figures say how many were taken. `--only` takes one
+// image, by its name in the figures; `--keep` puts the damaged image of each finding there.
 #include <sys/resource.h>
 
 #include <cstdio>
@@ -39,6 +39,7 @@ struct Options {
   size_t part = 0;
   size_t parts = 1;
   size_t random = 100'000;
+  std::string only;
   std::string keep;
 };
 
@@ -55,6 +56,7 @@ class Campaign {
   explicit Campaign(const Options& options) : m_Options(options) {}
 
   void Run(const std::string& name, const std::string& path) {
+    if (!m_Options.only.empty() && m_Options.only != name) return;
     const test::DamageSeed seed(path);
     m_pSeed = &seed;
     m_strName = name;
@@ -220,6 +222,7 @@ int main(int argc, char** argv) {
     const size_t value = std::strtoul(argv[i + 1], &end, 10);
     if (name == "--every") options.every = std::max<size_t>(value, 1);
     if (name == "--random") options.random = value;
+    if (name == "--only") options.only = argv[i + 1];
     if (name == "--keep") options.keep = argv[i + 1];
     if (name == "--part") {
       options.part = value;

@@ -94,7 +94,8 @@ class SearchingSurvey {
     const bool isOfKind = item.isNtfs || !known->kind || *known->kind == item.kind;
     if (endsThere && isOfKind) return;
     const SoundItem sound(m_Window, m_nDescriptor, m_Scanner.Header().compressed);
-    const bool hasData = item.kind == Kind::File && item.entry.FileSize != 0;
+    // Data of NTFS files may be padded: a damaged length can go unnoticed.
+    const bool hasData = item.kind == Kind::File && item.entry.FileSize != 0 && !item.isNtfs;
     if (endsThere && sound.IsRatherThan(item, *known->kind)) return;
     if (!endsThere && (hasData || IsFollowed(end)) && sound.Is(item)) return;
     throw Error("", "records at " + Hex(item.offset) + " are not what the index says");
@@ -271,8 +272,7 @@ class SearchingSurvey {
     const SectionItem& last = m_Items.back().item;
     const bool hasData = last.kind == Kind::File || (last.isNtfs && last.kind == Kind::Directory);
     if (!hasData || last.dataOffset == 0 || last.dataOffset >= end) return least;
-    if (last.dataOffset !=
-        m_nJudgedData) {  // an end that was found stays, however often it is asked
+    if (last.dataOffset != m_nJudgedData) {  // else the end that was found stays
       m_nJudgedData = last.dataOffset;
       m_nWholeEnd = EndOfWholeRecords(m_Window, last.dataOffset, end, m_Scanner.Header().compressed,
                                       last.isNtfs);

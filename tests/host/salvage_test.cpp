@@ -132,6 +132,20 @@ TEST_P(Salvage, AnyIndexTellsWhatIsLost) {
   }
 }
 
+// A stored record that seems longer still is one, and may reach over the next file.
+TEST(SalvagedNtfs, ALongerRecordHidesNoFile) {
+  constexpr size_t kRecord = 46 + 16384;
+  const Seed seed("n_flat_old.img", false);
+  for (const SectionItem& item : (*seed).Items()) {
+    if (item.kind != Kind::File) continue;
+    for (size_t at = item.dataOffset; at + kRecord < item.offset + item.length; at += kRecord) {
+      std::string bytes = (*seed).Bytes();
+      bytes[at + 11] = 0x5A;
+      seed.Check(bytes, (*seed).Untouched(at + 11, at + 12), std::to_string(at));
+    }
+  }
+}
+
 // An empty folder whose attribute is damaged looks like an empty file.
 TEST(SalvagedKind, AFolderIsNoFile) {
   const Seed seed("w_names.img");
