@@ -141,10 +141,13 @@ Image::Image(const std::filesystem::path& path, Opening opening)
         LimitOfSections(impl.file.Get(), impl.path, header, index, length), &impl.problems);
     if (impl.catalog->Size() == 0) throw;
   }
+  impl.info = Summarize(header, index, *impl.catalog);
   if (auto wrong = JudgeHeader(impl.file.Get(), impl.path, index)) {
     impl.problems.push_back(*std::move(wrong));
+    // Its flag may be damaged. Stored records say by themselves that they are; what is compressed
+    // would pass for stored.
+    impl.info.compressed = true;
   }
-  impl.info = Summarize(header, index, *impl.catalog);
   impl.info.scanReason = scanReason;
   impl.info.imageBytes = length;
   impl.checks = std::move(index.checks);

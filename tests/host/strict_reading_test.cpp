@@ -2,7 +2,9 @@
 #include <gtest/gtest.h>
 
 #include <random>
+#include <utility>
 
+#include "capsule/container/header_format.h"
 #include "capsule/host/extractor.h"
 #include "capsule/host/image_builder.h"
 #include "capsule/host/index_writer.h"
@@ -108,6 +110,15 @@ TEST_F(StrictReading, ItemsThatMovedToAnotherPathAreReported) {
   test::WriteFile(m_Path, m_Whole);
   Damage(OffsetOf("folder") + 8 + 1);
   EXPECT_EQ(Image(m_Path).Problems().size(), 1U) << ReasonOfOpening();
+}
+
+TEST_F(StrictReading, ADamagedCompressionFlagChangesNoFile) {
+  std::string bytes = m_Whole;
+  ASSERT_EQ(std::exchange(bytes.at(kCompressionFlagOffset), '\0'), 1);
+  test::WriteFile(m_Path, bytes);
+  const Image image(m_Path);
+  EXPECT_EQ(image.Problems().size(), 1U);
+  EXPECT_EQ(test::ReadContents(image).at("0:/folder/a long name"), "text");
 }
 
 // A stored byte, or one that the FILE record of a small file does not use.
