@@ -102,7 +102,7 @@ class SearchingSurvey {
   }
 
   bool IsFollowed(uint64_t end) {
-    const auto next = FindResumePoint(m_Window, end, Until(Range(), end + kPartitionTrailerSize));
+    const auto next = FindResumePoint(m_Window, end, Until(Range(), end + kPartitionHeaderSize));
     return next && next->offset == end;
   }
 

@@ -4,6 +4,7 @@
 #include <algorithm>
 #include <map>
 #include <set>
+#include <utility>
 
 #include "capsule/host/image.h"
 #include "capsule/host/index_writer.h"
@@ -129,6 +130,19 @@ TEST_P(Salvage, AnyIndexTellsWhatIsLost) {
     for (uint64_t at = item.offset + 3; at < end; at += 1 + at % 3) bytes[at] = '\x47';
     seed.Check(bytes, (*seed).Untouched(item.offset, end), std::to_string(item.offset));
     if (HasFatalFailure()) return;
+  }
+}
+
+// The same of an index without a check value, byte by byte at its end, where sections end as well.
+TEST_P(Salvage, DamageToItsOwnIndexLosesNothing) {
+  const Seed seed(GetParam(), false);
+  std::string bytes = (*seed).Bytes();
+  for (size_t at = bytes.size() - 60; at < bytes.size(); ++at) {
+    for (const char value : {'\x01', '\x7F'}) {
+      const char before = std::exchange(bytes[at], value);
+      seed.Check(bytes, (*seed).Untouched(0, 0), "index byte " + std::to_string(at));
+      bytes[at] = before;
+    }
   }
 }
 
