@@ -111,11 +111,16 @@ std::string SectionMap::FolderPath() const {
   return path;
 }
 
-std::string SectionMap::PathOf(const std::string& name) const {
+// Longer paths are not spelled out, so that nested folders cannot make a map grow with the square
+// of the image's size.
+bool SectionMap::HasLongPath() const {
   constexpr size_t kMaxPath = 4096;
+  return m_Folders.Path().size() > kMaxPath;
+}
+
+std::string SectionMap::PathOf(const std::string& name) const {
   const std::string start = Count(static_cast<uint64_t>(m_nSection)) + ":/";
-  if (m_Folders.Path().size() > kMaxPath) return start + "…/" + name;
-  return start + m_Folders.PathOf(name);
+  return start + (HasLongPath() ? "…/" + name : m_Folders.PathOf(name));
 }
 
 // How many of the two marks of a section header are there.

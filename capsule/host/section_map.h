@@ -47,6 +47,7 @@ class SectionMap {
   MapItem ItemAt(MapItem::Kind kind, uint64_t length) const;
   std::string FolderPath() const;
   std::string PathOf(const std::string& name) const;
+  bool HasLongPath() const;
   void SkipDamage();
 
   bool IsFatRecordAt(uint64_t offset);

@@ -70,7 +70,9 @@ void SectionMap::MapDirectoryRecord(const _MiniHeader& header) {
     DropPieces("long name without an entry");
     MapItem item = ItemAt(MapItem::Kind::ZeroEntry, kDirRecordSize);
     item.beginsEntry = true;
-    item.text = m_Folders.Depth() == 0 ? "closes nothing" : "closes \"" + m_Folders.Path() + "\"";
+    item.text = m_Folders.Depth() == 0
+                    ? "closes nothing"
+                    : "closes \"" + (HasLongPath() ? "…" : m_Folders.Path()) + "\"";
     item.problem = JudgeDirectoryHeader(header);
     m_Folders.Leave();
     m_strFile.clear();

@@ -7,6 +7,7 @@
 
 #include "capsule/container/index_format.h"
 #include "capsule/host/error.h"
+#include "capsule/host/image_map.h"
 #include "capsule/platform/file.h"
 #include "capsule/platform/little_endian.h"
 #include "tests/host/small_image.h"
@@ -120,6 +121,11 @@ TEST(SectionScanner, DeepTreesCostLinearTime) {
   EXPECT_EQ(items[kDepth + 1].name, "F");
   EXPECT_EQ(items[kDepth + 1].path, "");
   EXPECT_EQ(items[items.size() - 2].path, "G");
+  size_t longest = 0;
+  MapImage(folder / "x.cap", [&](const MapItem& item) {
+    longest = std::max(longest, item.text.size() + item.path.size() + item.problem.size());
+  });
+  EXPECT_LT(longest, 3 * kMaxScannedPath);
 }
 
 TEST(SectionScanner, NamesTheDamage) {
