@@ -33,6 +33,7 @@ uint64_t VisitItemsLeft(int descriptor, const std::string& path, const TakeItem&
   visitor.onItem = [&](const SurveyItem& found) {
     const SectionItem& item = found.item;
     end = item.offset + item.length;
+    if (found.isPlaceholder) visitor.onDamage(item.offset, "its folder is lost");
     take(item, !found.damage.empty());
     if (found.damage.empty()) return;
     problems->push_back({std::to_string(item.section) + ":/" + item.path, found.damage});

@@ -214,6 +214,14 @@ TEST(IndexWriter, IndexesWhatIsLeft) {
   refuse(whole, seed.Items()[1].offset);
   refuse(seed.Bytes(), seed.Items()[1].offset + 7);
   refuse(whole.substr(0, whole.size() / 2), 0);
+
+  test::SmallImage loose;  // a "." without its folder
+  loose.BeginSection();
+  loose.Entry(".          ", kDirectoryAttribute);
+  loose.Entry("ONE     BIN", 0x20, 512);
+  loose.Data(512, true);
+  loose.EndSection();
+  refuse(loose.Bytes(), loose.Bytes().find("ONE     BIN") + kDirEntrySize + 7);
 }
 
 // A full disk: the image is one without an index, not one with half of it.
