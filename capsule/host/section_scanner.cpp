@@ -83,9 +83,10 @@ bool SectionScanner::Next(SectionItem* item) {
   return true;
 }
 
-void SectionScanner::Resume(uint64_t offset, bool inSection) {
+void SectionScanner::Resume(uint64_t offset, bool inSection, uint64_t limit) {
   m_nPosition = std::min(offset, m_nFileLength);
   m_bInSection = inSection;
+  m_nItemLimit = limit;
 }
 
 void SectionScanner::ScanSectionHeader(SectionItem* item) {
@@ -200,6 +201,10 @@ void SectionScanner::ScanData(SectionItem* item) {
   if (item->entry.FileSize == 0) return;
   for (bool last = false; !last;) {
     const uint64_t at = m_nPosition;
+    if (at >= m_nItemLimit) {
+      Fail("data blocks", item->dataOffset,
+           "no data block before " + Hex(m_nItemLimit) + " is the last of '" + item->path + "'");
+    }
     const Record record = TakeRecord("data block");
     if (record.header.Type != kRecordDataBlock) {
       Fail("record", at,

@@ -27,6 +27,7 @@
 #include "capsule/host/ntfs_folders.h"
 #include "capsule/host/open_folders.h"
 #include "capsule/partition/directory_records.h"
+#include "capsule/partition/record_format.h"
 
 namespace capsule::host {
 
@@ -76,8 +77,8 @@ class SectionScanner {
 
   // After damage:
   // Goes on at `offset`, where an item begins. `inSection`: false when the header of the next
-  // section is there.
-  void Resume(uint64_t offset, bool inSection);
+  // section is there. `limit`: where the item ends at the latest.
+  void Resume(uint64_t offset, bool inSection, uint64_t limit = kMaxImageSize);
 
   // Takes the header of the next section for read, whatever its bytes are.
   void PassSectionHeader(SectionItem* item);
@@ -132,6 +133,7 @@ class SectionScanner {
   uint32_t m_nNextSection = 0;
   bool m_bInSection = false;
   uint64_t m_nPosition = kHeaderSize;
+  uint64_t m_nItemLimit = kMaxImageSize;
   OpenFolders m_Folders;
   uint64_t m_nSectionStart = 0;
   bool m_bNtfs = false;   // the section is one of NTFS records

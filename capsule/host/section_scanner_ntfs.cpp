@@ -1,4 +1,6 @@
 // Sections of NTFS records: an entry reaches from its FILE record to the next that begins one.
+#include <algorithm>
+
 #include "capsule/host/reason.h"
 #include "capsule/host/section_scanner.h"
 #include "capsule/partition/ntfs_format.h"
@@ -16,7 +18,8 @@ void SectionScanner::ScanNtfs(SectionItem* item) {
     Fail("record", m_nPosition,
          "type is " + std::to_string(header->RecordType) + " where an entry begins");
   }
-  m_NtfsEntry = ReadNtfsEntry(m_Window, m_nPosition, m_nFileLength, m_Header.compressed, m_strName);
+  m_NtfsEntry = ReadNtfsEntry(m_Window, m_nPosition, std::min(m_nFileLength, m_nItemLimit),
+                              m_Header.compressed, m_strName);
   m_nPosition = m_NtfsEntry.end;
   item->dataOffset = m_NtfsEntry.dataOffset;
   item->entry = m_NtfsEntry.entry;

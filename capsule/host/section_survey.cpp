@@ -21,6 +21,7 @@ using Kind = SectionItem::Kind;
 
 constexpr uint64_t kWorkPerByte = 8;
 constexpr uint64_t kLeastWork = 1 << 20;
+constexpr uint64_t kLeastWayBack = 16 << 20;
 constexpr uint64_t kMostZeroEntries = 64;  // that may be lost in one place
 
 SurveyItem Plain(Kind kind, uint64_t offset) {
@@ -39,6 +40,7 @@ class SearchingSurvey {
         m_Window(descriptor, path),
         m_Hints(hints),
         m_nWork(kLeastWork + kWorkPerByte * hints.limit),
+        m_nWayBack(kLeastWayBack + kWorkPerByte * hints.limit),
         m_Visitor(visitor) {}
 
   void Run() {
@@ -52,6 +54,7 @@ class SearchingSurvey {
         if (goesOn) Take(std::move(found));
       } catch (const Error& error) {
         const bool inSection = m_Scanner.InSection();
+        const uint64_t reached = m_Scanner.Position();
         goesOn = inSection ? Recover(start, std::move(found), error) : RecoverSection(start);
         const bool isOfFile =
             inSection && !m_Items.back().isGap && m_Items.back().item.kind == Kind::File;
@@ -61,6 +64,7 @@ class SearchingSurvey {
         const auto& tell = isOfFile ? m_Visitor.onFileDamage : m_Visitor.onDamage;
         tell(error.Offset().value_or(start),
              error.Reason() + (losesPlace ? "; what follows may belong to another folder" : ""));
+        goesOn = goesOn && MayGoBack(reached);
       }
     }
     Flush();
@@ -77,6 +81,19 @@ class SearchingSurvey {
     if (item.isStray) AdoptStray(&item);
     if (item.kind == Kind::Section) Flush();
     m_Items.push_back(std::move(found));
+  }
+
+  // Whether the survey, which had been at `reached`, may go on where it is now: records that lie
+  // one in the other could make it pass the same bytes time and again.
+  bool MayGoBack(uint64_t reached) {
+    const uint64_t at = m_Scanner.Position();
+    const uint64_t way = reached - std::min(reached, at);
+    if (way > m_nWayBack) {
+      m_Visitor.onDamage(at, "too many records lead too far; what follows is left out");
+      return false;
+    }
+    m_nWayBack -= way;
+    return true;
   }
 
   const SurveyOutline::Item* KnownAt(uint64_t offset) const {
@@ -295,6 +312,7 @@ class SearchingSurvey {
   FileWindow m_Window;
   SearchHints m_Hints;
   uint64_t m_nWork;
+  uint64_t m_nWayBack;         // bytes that it may still go back
   uint64_t m_nLeast = 0;       // no place is returned to twice
   uint64_t m_nJudgedData = 0;  // of the file whose whole records end at m_nWholeEnd
   uint64_t m_nWholeEnd = 0;
@@ -366,7 +384,7 @@ class IndexedSurvey {
   // What is wrong with the item, or nothing.
   std::string Read(const IndexRecord& record, uint64_t end, SectionItem* item) {
     try {
-      m_Scanner.Resume(record.offset, record.type != kIndexSection);
+      m_Scanner.Resume(record.offset, record.type != kIndexSection, end);
       const bool isGood = m_Scanner.Next(item) && Agrees(*item, record) &&
                           (item->isNtfs || item->offset + item->length == end);
       if (!isGood) return "its records are not what the index says";

@@ -2,12 +2,17 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <array>
 #include <map>
 #include <set>
 #include <utility>
 
+#include "capsule/container/index_format.h"
+#include "capsule/host/checksum.h"
 #include "capsule/host/image.h"
 #include "capsule/host/index_writer.h"
+#include "capsule/platform/little_endian.h"
+#include "tests/host/small_image.h"
 #include "tests/support/damage_seed.h"
 #include "tests/support/temp_dir.h"
 
@@ -171,6 +176,51 @@ TEST(SalvagedKind, AFolderIsNoFile) {
   test::WriteFile(place / "x.cap", bytes);
   EXPECT_THROW(Image(place / "x.cap"), Error);
   EXPECT_TRUE(Image(place / "x.cap", Opening::Salvage).Find("D1")->IsDirectory());
+}
+
+// Files that lie one in the other, each with a chain of records that comes to nothing far behind:
+// to follow every chain would take the square of the image's size.
+TEST(HostileChains, AreNotFollowedTimeAndAgain) {
+  constexpr uint16_t kReach = 4800 - kMiniHeaderSize;  // to another record of the same kind
+  test::SmallImage image;
+  image.BeginSection();
+  std::vector<uint32_t> files;
+  for (int i = 0; i < 10'000; ++i) {
+    files.push_back(image.Size());
+    image.Entry("A          ", 0x20, 512);
+    image.Data(kReach, false);
+    image.Bytes().resize(files.back() + kDirRecordSize + kMiniHeaderSize);
+  }
+  files.push_back(image.Size());  // where nothing can be read
+  image.Bytes().append(kReach, '\0');
+  image.EndSection();
+
+  std::vector<unsigned char> records;
+  AppendIndexRecord({kIndexSection, "", kHeaderSize, kPartitionHeaderSize}, &records);
+  for (const uint32_t file : files) AppendIndexRecord({kIndexFile, "A", file, 48}, &records);
+  AppendIndexRecord({kIndexZeroEntry, "", image.Size() - kDirRecordSize, kDirRecordSize}, &records);
+  IndexChecksum checksum;
+  checksum.Update(records);
+  std::array<unsigned char, kIndexPreamble> start{'C', 'I', '1'};
+  platform::StoreLe32(&start[3], checksum.Value());
+
+  const test::TempDir folder;
+  const auto problems = [&](std::string bytes) {
+    test::WriteFile(folder / "x.cap", bytes);
+    return Image(folder / "x.cap", Opening::Salvage).Problems();
+  };
+  const std::string kLeftOut = "what follows is left out";
+  EXPECT_NE(problems(image.Bytes()).back().reason.find(kLeftOut), std::string::npos);
+
+  std::array<unsigned char, sizeof(uint32_t)> offset;
+  platform::StoreLe32(offset.data(), image.Size());
+  image.Bytes().replace(kIndexOffsetOffset, 4, std::string(offset.begin(), offset.end()));
+  const std::string list(records.begin(), records.end());
+  const auto unchecked = problems(image.Bytes() + std::string(kIndexPreamble, '\0') + list);
+  EXPECT_NE(unchecked.back().reason.find(kLeftOut), std::string::npos);
+  const auto checked = problems(image.Bytes() + std::string(start.begin(), start.end()) + list);
+  ASSERT_EQ(checked.size(), files.size());
+  EXPECT_NE(checked.front().reason.find("no data block before"), std::string::npos);
 }
 
 INSTANTIATE_TEST_SUITE_P(All, Salvage,
