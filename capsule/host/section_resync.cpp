@@ -132,6 +132,7 @@ class Resync {
   uint64_t Search(uint64_t at) {
     while (at < m_Range.limit) {
       const View bytes = At(at, FileWindow::kSize);
+      if (bytes.empty()) return m_Range.limit;  // the file ends before
       const bool isEnd = bytes.size() < FileWindow::kSize;
       const size_t stop = isEnd ? bytes.size() : bytes.size() - kLookAhead;
       const std::vector<unsigned char> copy(bytes.begin(), bytes.end());
