@@ -19,6 +19,7 @@
 #include "capsule/host/index_source.h"
 #include "capsule/host/index_stream.h"
 #include "capsule/host/reason.h"
+#include "capsule/host/section_resync.h"
 #include "capsule/host/section_scanner.h"
 #include "capsule/partition/record_format.h"
 #include "capsule/platform/file.h"
@@ -153,6 +154,41 @@ class RecordWriter {
   std::optional<IndexRecord> m_FileNote;  // waits for an item behind the file
 };
 
+// Whether the header counts more sections than it has records of, or has records that it does not
+// count.
+bool IsHeaderUnsure(const SectionScanner& scanner) {
+  const size_t count = scanner.SectionCount();
+  if (scanner.Header().partitions.size() != count) return true;
+  if (scanner.Header().layout != HeaderLayout::Fixed || scanner.IsScrambled()) return false;
+  const auto rest = scanner.RawHeader()
+                        .subspan(kPartitionRecordsOffset, kPartitionRecordSize * kMaxPartitions)
+                        .subspan(kPartitionRecordSize * count);
+  return std::any_of(rest.begin(), rest.end(), [](unsigned char b) { return b != 0; });
+}
+
+// What lies behind the last trailer is cut off, but not a section that a damaged header conceals.
+void RefuseToCutSection(int descriptor, const std::string& name, const SectionScanner& scanner,
+                        uint64_t end) {
+  if (!IsHeaderUnsure(scanner)) return;
+  FileWindow window(descriptor, name);
+  uint64_t work = 0;
+  const ResyncRange range{.limit = end + kPartitionHeaderSize, .work = &work};
+  const auto next = FindResumePoint(window, end, range);
+  if (!next || !next->startsSection || next->offset != end) return;
+  throw Error(name,
+              "section at " + Hex(end) + " is not one of the " +
+                  std::to_string(scanner.SectionCount()) + " that the header tells of",
+              end);
+}
+
+// Readers take the first records of the header for those of the sections.
+bool ComeFirst(const DecodedHeader& header, size_t sectionCount) {
+  const auto end = header.partitions.begin() + static_cast<std::ptrdiff_t>(sectionCount);
+  return std::none_of(header.partitions.begin(), end, [](const _Partition& record) {
+    return EncodePartition(record) == decltype(EncodePartition(record)){};
+  });
+}
+
 // The header as it will be stored.
 std::vector<unsigned char> CompleteHeader(const SectionScanner& scanner, uint64_t indexOffset,
                                           const std::string& name) {
@@ -160,10 +196,14 @@ std::vector<unsigned char> CompleteHeader(const SectionScanner& scanner, uint64_
   std::vector<unsigned char> header(raw.begin(), raw.end());
   platform::StoreLe32(&header[kIndexOffsetOffset], static_cast<uint32_t>(indexOffset));
   const bool countMatches = scanner.Header().partitions.size() == scanner.SectionCount();
-  if (!countMatches && scanner.IsScrambled()) {
-    throw Error(name, "partition count cannot be corrected: header is scrambled");
-  }
-  if (!countMatches && scanner.Header().layout == HeaderLayout::Fixed) {
+  if (!countMatches) {
+    if (scanner.IsScrambled()) {
+      throw Error(name, "partition count cannot be corrected: header is scrambled");
+    }
+    if (scanner.Header().layout != HeaderLayout::Fixed ||
+        !ComeFirst(scanner.Header(), scanner.SectionCount())) {
+      throw Error(name, "partition count cannot be corrected: records do not follow each other");
+    }
     header[kPartitionCountOffset] = static_cast<unsigned char>(scanner.SectionCount());
   }
   return header;
@@ -237,6 +277,7 @@ IndexWriter::Plan IndexWriter::Measure(DamagedSections damaged) {
                                std::to_string(plan.report.imageBytes) + " bytes, " +
                                std::to_string(kMaxImageSize) + " are possible");
   }
+  RefuseToCutSection(m_nDescriptor, m_strName, scanner, plan.report.indexOffset);
   plan.header = CompleteHeader(scanner, plan.report.indexOffset, m_strName);
   return plan;
 }

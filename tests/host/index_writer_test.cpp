@@ -16,6 +16,7 @@
 #include "capsule/platform/little_endian.h"
 #include "tests/host/small_image.h"
 #include "tests/support/damage_seed.h"
+#include "tests/support/foreign_image.h"
 #include "tests/support/temp_dir.h"
 
 namespace capsule::host {
@@ -136,6 +137,35 @@ TEST(IndexWriter, DamagedImagesStayAsTheyAre) {
   EXPECT_THROW(IndexWriter(path).Write(), Error);
   EXPECT_THROW(IndexWriter(folder / "missing"), Error);
   EXPECT_THROW(IndexWriter(folder.Path()), Error);
+}
+
+// The header tells of other sections than there are: what it does not tell of is not cut off, and
+// none gets a record that readers would not take for its own.
+TEST(IndexWriter, DamagedPartitionRecordsLoseNoSection) {
+  const test::TempDir folder;
+  const std::string path = folder / "x.cap";
+  const auto refuse = [&](const std::string& bytes) {
+    test::WriteFile(path, bytes);
+    EXPECT_THROW(IndexWriter(path).Write(), Error);
+    EXPECT_EQ(test::ReadFile(path) == bytes, true);
+  };
+  std::string bytes = TwoSections().Bytes();
+  bytes[kPartitionCountOffset] = 1;
+  refuse(bytes);
+  bytes[kPartitionCountOffset] = 3;
+  bytes[kPartitionRecordsOffset + kPartitionRecordSize + 2] = 0;
+  refuse(bytes);
+  bytes[kPartitionRecordsOffset + 2 * kPartitionRecordSize + 2] = 0x0B;
+  refuse(bytes);
+
+  test::ForeignImage compact({.tailOffset = 900});
+  compact.BeginSection(0x0B, 2);
+  compact.EndSection();
+  const uint32_t end = compact.Offset();
+  compact.BeginSection(0, 2);
+  test::Bytes finished = compact.Finish();
+  platform::StoreLe32(&finished[kIndexOffsetOffset], 0);
+  refuse(std::string(finished.begin(), finished.begin() + end));
 }
 
 // An image of holes that leaves room for 100 bytes: too few for its index.
