@@ -12,4 +12,12 @@ struct FileCheck {
   uint64_t value = 0;
 };
 
+// A place in a file where decoding may begin (restart_point.h).
+struct RestartPoint {
+  uint32_t record = 0;      // where the data block record begins in the image
+  uint32_t fileOffset = 0;  // of its first byte in the file
+  uint32_t history = 0;     // where what it may refer back to lies in the image
+  uint16_t historyLength = 0;
+};
+
 }  // namespace capsule::host

@@ -1,6 +1,7 @@
 #include "capsule/host/file_reader.h"
 
 #include <algorithm>
+#include <utility>
 
 #include "capsule/host/file_reader_impl.h"
 
@@ -18,8 +19,11 @@ size_t FileReader::Read(uint64_t offset, std::span<unsigned char> out) {
   const uint64_t size = Size();
   const uint64_t end =
       offset >= size ? offset : offset + std::min<uint64_t>(out.size(), size - offset);
-  if (m_pImpl->hasFailed || offset < records.ChunkBegin()) records.GoBack(offset);
-  m_pImpl->hasFailed = true;
+  if (std::exchange(m_pImpl->hasFailed, true)) {
+    records.SeekAfterFailure(offset);
+  } else {
+    records.Seek(offset);
+  }
   if (size == 0) records.CheckEmpty();
   for (uint64_t at = offset; at < end;) {
     while (at >= records.ChunkEnd()) records.Advance(at);

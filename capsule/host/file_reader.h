@@ -4,8 +4,9 @@
 // index has one: then the last piece is refused, so nothing of it is to be kept. Ranges that leave
 // something out cannot be compared with it. An empty file is compared by any Read.
 //
-// Reading forward decodes every record once; going back decodes again from the nearest of up to 64
-// places whose history was kept on the way.
+// Reading forward decodes every record once. A range elsewhere is decoded from the nearest place
+// before it whose history is known: restart points, about every mebibyte of a file, in images that
+// Capsule has indexed, and up to 64 places that the reader has kept on its way.
 // One thread uses a reader; readers of the same image are independent of each other. The Image must
 // outlive it.
 //

@@ -21,7 +21,8 @@ struct Image::Impl {
   ImageInfo info;
   std::unique_ptr<Catalog> catalog;
   std::vector<ImageProblem> problems;
-  std::vector<FileCheck> checks;  // by offset
+  std::vector<FileCheck> checks;       // by offset
+  std::vector<RestartPoint> restarts;  // by record
 };
 
 namespace {
@@ -71,6 +72,14 @@ std::optional<FileCheck> CheckOf(const std::vector<FileCheck>& checks, uint32_t 
                        [](const FileCheck& item, uint32_t wanted) { return item.offset < wanted; });
   if (check == checks.end() || check->offset != offset) return std::nullopt;
   return *check;
+}
+
+// Those of the file whose data records lie from `begin` to `limit`.
+std::span<const RestartPoint> RestartsIn(const std::vector<RestartPoint>& points, uint64_t begin,
+                                         uint64_t limit) {
+  const auto isBefore = [](const RestartPoint& point, uint64_t at) { return point.record < at; };
+  const auto first = std::lower_bound(points.begin(), points.end(), begin, isBefore);
+  return {first, std::lower_bound(first, points.end(), limit, isBefore)};
 }
 
 constexpr size_t kPieceSize = size_t{64} << 10;
@@ -151,6 +160,7 @@ Image::Image(const std::filesystem::path& path, Opening opening)
   impl.info.scanReason = scanReason;
   impl.info.imageBytes = length;
   impl.checks = std::move(index.checks);
+  impl.restarts = std::move(index.restarts);
 }
 
 Image::~Image() = default;
@@ -194,6 +204,7 @@ RecordSource Image::SourceOf(const Entry& entry) const {
   source.ntfs = m_pImpl->info.partitions[node.partition].systemId == kSystemIdNtfs;
   source.fileRecord = node.offset;
   source.check = CheckOf(m_pImpl->checks, node.offset);
+  if (!source.ntfs) source.restarts = RestartsIn(m_pImpl->restarts, source.begin, source.limit);
   source.imagePath = Path();
   source.entryPath = entry.Path();
   return source;

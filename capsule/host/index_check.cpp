@@ -9,6 +9,7 @@
 #include "capsule/host/error.h"
 #include "capsule/host/path_hash.h"
 #include "capsule/host/reason.h"
+#include "capsule/host/restart_point.h"
 #include "capsule/platform/byte_reader.h"
 #include "capsule/platform/file.h"
 #include "capsule/platform/little_endian.h"
@@ -37,6 +38,9 @@ class IndexWalk {
   }
 
   bool IsChecked() const { return m_bChecked; }
+
+  // Where the record that comes next begins in the image.
+  uint64_t Position() const { return m_nNext - m_Window.size() + m_nUsed; }
 
   IndexRecord Next() {
     for (int attempt = 0; attempt < 2; ++attempt) {
@@ -116,17 +120,18 @@ void Keep(const IndexRecord& record, IndexContents* contents) {
                              ExtendPathHash(kRootPathHash, folder), record.type == kIndexFile});
 }
 
-// A note that tells the check value of the header, or of the file in the record before it.
-void KeepCheck(const IndexRecord& note, const IndexRecord& before, IndexContents* contents) {
-  if (note.type == kIndexNote && note.offset == 0 && contents->isChecked) {
-    contents->headerCheck = ChecksumOfName(note.name);
+// A note behind `item`, the latest record that is none: the check value of the header or of the
+// item, or a restart point of the item. `place`: where the note begins.
+void KeepNote(const IndexRecord& note, const IndexRecord& item, uint64_t place,
+              IndexContents* contents) {
+  if (note.offset == 0) contents->headerCheck = ChecksumOfName(note.name);
+  if (item.type != kIndexFile || note.offset < item.offset) return;
+  if (note.offset == item.offset) {
+    if (const auto value = ChecksumOfName(note.name))
+      contents->checks.push_back({note.offset, note.length, *value});
   }
-  const bool isOfFile = note.type == kIndexNote && before.type == kIndexFile &&
-                        note.offset == before.offset && contents->isChecked;
-  if (!isOfFile) return;
-  if (const auto value = ChecksumOfName(note.name)) {
-    contents->checks.push_back({note.offset, note.length, *value});
-  }
+  if (uint64_t{note.offset} + note.length > uint64_t{item.offset} + item.length) return;
+  if (const auto point = RestartPointOf(note, place)) contents->restarts.push_back(*point);
 }
 
 }  // namespace
@@ -140,8 +145,9 @@ IndexContents CheckIndex(int descriptor, const std::string& path, uint64_t index
   IndexWalk walk(descriptor, path, indexOffset, fileSize);
   IndexContents contents;
   contents.isChecked = walk.IsChecked();
-  IndexRecord before;
+  IndexRecord item;
   for (uint64_t end = 0; end < indexOffset;) {
+    const uint64_t place = walk.Position();
     IndexRecord record = walk.Next();
     if (!HasIndexBody(record.type)) continue;
     if (record.offset > kMaxOffset || record.offset >= indexOffset) {
@@ -151,8 +157,11 @@ IndexContents CheckIndex(int descriptor, const std::string& path, uint64_t index
     Keep(record, &contents);
     if ((keepRecords || !contents.isChecked) && record.type != kIndexNote)
       contents.records.push_back(record);
-    KeepCheck(record, before, &contents);
-    before = std::move(record);
+    if (record.type != kIndexNote) {
+      item = std::move(record);
+    } else if (contents.isChecked) {
+      KeepNote(record, item, place, &contents);
+    }
   }
   for (auto* offsets : {&contents.items, &contents.entries, &contents.sections}) {
     std::sort(offsets->begin(), offsets->end());
@@ -162,6 +171,8 @@ IndexContents CheckIndex(int descriptor, const std::string& path, uint64_t index
   const auto byOffset = [](const auto& a, const auto& b) { return a.offset < b.offset; };
   std::sort(contents.checks.begin(), contents.checks.end(), byOffset);
   std::sort(contents.paths.begin(), contents.paths.end(), byOffset);
+  std::sort(contents.restarts.begin(), contents.restarts.end(),
+            [](const auto& a, const auto& b) { return a.record < b.record; });
   std::merge(contents.items.begin(), contents.items.end(), contents.sections.begin(),
              contents.sections.end(), std::back_inserter(contents.boundaries));
   contents.boundaries.push_back(static_cast<uint32_t>(indexOffset));

@@ -29,7 +29,8 @@ struct IndexContents {
   std::optional<uint64_t> headerCheck;
 
   // What a checked index says about items, in the order of their offsets: the check values of
-  // files, and the hashes of paths (path_hash.h) where the index has one.
+  // files, places where decoding may begin, and the hashes of paths (path_hash.h) where the index
+  // has one.
   struct ItemPath {
     uint32_t offset = 0;
     uint64_t path = 0;
@@ -37,6 +38,7 @@ struct IndexContents {
     bool isFile = false;  // in FAT-style sections: it is of the type for files
   };
   std::vector<FileCheck> checks;
+  std::vector<RestartPoint> restarts;
   std::vector<ItemPath> paths;
 
   // Where the next item, section or the index begins behind `offset`.

@@ -5,6 +5,7 @@
 #include "capsule/container/header_format.h"
 #include "capsule/container/index_window.h"
 #include "capsule/host/reason.h"
+#include "capsule/host/restart_point.h"
 #include "capsule/platform/little_endian.h"
 
 namespace capsule::host {
@@ -56,8 +57,14 @@ MapItem ItemOf(const IndexRecord& record, uint64_t indexOffset, uint64_t fileByt
   item.targetLength = record.length;
   item.name = record.name;
   const uint64_t end = item.target + item.targetLength;
+  const auto restart = RestartPointOf(record, 0);
+  if (restart) item.name = kRestartName;
   item.text += ": " + Hex(item.target) + " to " + Hex(end) +
-               (record.name.empty() ? "" : ", \"" + record.name + "\"");
+               (item.name.empty() ? "" : ", \"" + item.name + "\"");
+  if (restart) {
+    item.text += ", decoding may begin here at " + std::to_string(restart->fileOffset) + " with " +
+                 std::to_string(restart->historyLength) + " bytes of history";
+  }
   if (item.target >= indexOffset || end > fileBytes) {
     item.problem = "points to " + Hex(item.target) + " to " + Hex(end) + ", which is not in the " +
                    "image's sections";

@@ -6,6 +6,7 @@
 #include "capsule/container/index_format.h"
 #include "capsule/host/checksum.h"
 #include "capsule/host/reason.h"
+#include "capsule/host/restart_point.h"
 #include "capsule/partition/record_format.h"
 
 namespace capsule::host {
@@ -63,6 +64,7 @@ void IndexVerifier::TakeRecord(const MapItem& item) {
     case kIndexFile:
     case kIndexZeroEntry:
       m_nLastTarget = item.target;
+      m_nLastEnd = item.target + item.targetLength;
       m_strLastPath.clear();
       if (m_bChecked && !item.name.empty() && m_nSectionsNamed > 0) {
         m_strLastPath = std::to_string(m_nSectionsNamed - 1) + ":/" + item.name;
@@ -75,6 +77,7 @@ void IndexVerifier::TakeRecord(const MapItem& item) {
       break;
     case kIndexNote:
       if (item.name.starts_with(kCheckName)) TakeNote(item);
+      if (item.name == kRestartName) TakeRestart(item);
       break;
     default:
       break;
@@ -119,6 +122,12 @@ void IndexVerifier::TakeNote(const MapItem& item) {
            "check value of " + what + " is " + item.name.substr(kCheckName.size()) + ", its " +
                std::to_string(item.targetLength) + " bytes give " +
                found.substr(kCheckName.size()));
+}
+
+// Where it leads is compared when its file is read.
+void IndexVerifier::TakeRestart(const MapItem& item) {
+  if (item.target >= m_nLastTarget && item.target + item.targetLength <= m_nLastEnd) return;
+  m_Report(item.offset, m_strLastPath, "restart point does not lie in the item before it");
 }
 
 bool IndexVerifier::Read(uint64_t begin, uint64_t end,

@@ -41,6 +41,7 @@ class IndexVerifier {
   void TakeStart(const MapItem& item);
   void TakeRecord(const MapItem& item);
   void TakeNote(const MapItem& item);
+  void TakeRestart(const MapItem& item);
   void Mark(const std::vector<uint32_t>& places, std::vector<bool>* named, const MapItem& item);
   bool Read(uint64_t begin, uint64_t end,
             const std::function<void(std::span<const unsigned char>)>& take);
@@ -60,6 +61,7 @@ class IndexVerifier {
   uint64_t m_nSectionsNamed = 0;
   uint64_t m_nCheckValues = 0;
   uint64_t m_nLastTarget = 0;  // of the record that a check value may follow
+  uint64_t m_nLastEnd = 0;
   std::string m_strLastPath;
 };
 

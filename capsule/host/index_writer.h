@@ -15,10 +15,14 @@
 //     its items    type 3: the group of a folder, named by its path; "." and ".." groups and zero
 //                  entries, without a name
 //                  type 2: a file with its data, named by its path; then
-//                  type 6: the same offset and length, named by its check value
+//                  type 6: the same offset and length, named by its check value; then
+//                  type 6: its restart points, if it is longer than a mebibyte
 //     its end      type 3: the last 40 bytes of the trailer. They read as a zero entry and leave
 //                  a reader exactly behind the section.
-// Paths have '/' between segments and no partition. A check value is "xxh3=" and 16 hex digits.
+// Paths have '/' between segments and no partition. A check value is "xxh3=" and 16 hex digits. A
+// restart point, about every mebibyte of a file, is where decoding may begin: the offset and length
+// of a data block record, named by "seek=", the offset of its first byte in the file (4 bytes) and
+// the up to 2047 bytes that it may refer back to.
 //
 // Memory is bounded by the depth of the tree. One thread uses a writer.
 #pragma once
@@ -75,7 +79,7 @@ class CAPSULE_API IndexWriter {
   struct Plan;
   Plan Measure(DamagedSections damaged);
   void Count(Plan* plan);
-  void Append(const Plan& plan);
+  uint64_t Append(const Plan& plan);
   void PatchHeader(std::span<const unsigned char> header, size_t offset, size_t count);
   void SyncFile();
   void ThrowIfCancelled() const;

@@ -3,6 +3,7 @@
 
 #include <cstdint>
 #include <optional>
+#include <span>
 #include <string>
 
 #include "capsule/host/file_check.h"
@@ -18,6 +19,7 @@ struct RecordSource {
   bool ntfs = false;        // records are those of an NTFS partition
   uint64_t fileRecord = 0;  // NTFS: where the file's FILE record lies
   std::optional<FileCheck> check = {};
+  std::span<const RestartPoint> restarts = {};  // by record
   std::string imagePath;
   std::string entryPath;
 };

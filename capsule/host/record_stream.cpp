@@ -1,12 +1,14 @@
 #include "capsule/host/record_stream.h"
 
 #include <algorithm>
+#include <array>
 #include <cerrno>
 #include <iterator>
 
 #include "capsule/blocks/data_block_format.h"
 #include "capsule/host/error.h"
 #include "capsule/host/reason.h"
+#include "capsule/host/restart_point.h"
 #include "capsule/partition/ntfs_format.h"
 #include "capsule/partition/record_format.h"
 #include "capsule/platform/file.h"
@@ -54,15 +56,61 @@ void RecordStream::Restart() {
   }
 }
 
-void RecordStream::GoBack(uint64_t offset) {
+void RecordStream::SeekAfterFailure(uint64_t offset) {
+  Restart();
+  Seek(offset);
+}
+
+void RecordStream::Seek(uint64_t offset) {
+  if (offset < m_nChunkBegin) Restart();
+  const Mark* mark = NearestMark(offset);
+  const RestartPoint* restart = NearestRestart(offset);
+  const uint64_t behindMark = mark == nullptr ? 0 : mark->chunkEnd;
+  const uint64_t atRestart = restart == nullptr ? 0 : restart->fileOffset;
+  if (std::max(behindMark, atRestart) <= m_nChunkEnd) return;
+  if (behindMark >= atRestart) return StartAt(*mark);
+  StartAt(*restart);
+}
+
+const RecordStream::Mark* RecordStream::NearestMark(uint64_t offset) const {
   const auto behind =
       std::upper_bound(m_Marks.begin(), m_Marks.end(), offset,
                        [](uint64_t wanted, const Mark& mark) { return wanted < mark.chunkEnd; });
-  if (behind == m_Marks.begin()) return Restart();
-  const Mark& mark = *std::prev(behind);
+  return behind == m_Marks.begin() ? nullptr : &*std::prev(behind);
+}
+
+// One that cannot be true is as good as none.
+const RestartPoint* RecordStream::NearestRestart(uint64_t offset) const {
+  const auto& points = m_Source.restarts;
+  const auto behind = std::upper_bound(
+      points.begin(), points.end(), offset,
+      [](uint64_t wanted, const RestartPoint& point) { return wanted < point.fileOffset; });
+  if (behind == points.begin()) return nullptr;
+  const RestartPoint& point = *std::prev(behind);
+  const bool isInFile = point.record >= m_Source.begin && point.record < m_Source.limit &&
+                        point.fileOffset < m_Source.size;
+  return isInFile && point.fileOffset <= offset ? &point : nullptr;
+}
+
+void RecordStream::StartAt(const Mark& mark) {
   m_nRecord = mark.record;
   m_nChunkBegin = m_nChunkEnd = mark.chunkEnd;
   m_Decoder = mark.decoder;
+  m_Chunk.clear();
+}
+
+void RecordStream::StartAt(const RestartPoint& point) {
+  std::array<unsigned char, kMaxHistory> bytes;
+  const auto history = std::span(bytes).first(point.historyLength);
+  const int64_t got =
+      platform::ReadAt(m_Source.descriptor, history.data(), history.size(), point.history);
+  if (got < 0) {
+    throw Error(m_Source.imagePath, "cannot be read: " + SystemReason(errno), point.history);
+  }
+  if (static_cast<size_t>(got) != history.size()) return;  // the image was cut short meanwhile
+  m_Decoder.Restore(history);
+  m_nRecord = point.record;
+  m_nChunkBegin = m_nChunkEnd = point.fileOffset;
   m_Chunk.clear();
 }
 

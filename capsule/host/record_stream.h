@@ -44,12 +44,19 @@ class RecordStream {
   // The bytes of the current record, padding included.
   std::span<const unsigned char> Chunk() const { return m_Chunk; }
 
+  // Where the next record begins, and what it may refer back to; until the next Advance.
+  uint64_t Position() const { return m_nRecord; }
+  std::span<const unsigned char> History() const { return m_Decoder.History(); }
+
   // Goes back to before the first record.
   void Restart();
 
-  // Goes back to before the record that holds `offset`: to the nearest place behind which decoding
-  // can go on, of up to kMostMarks that were kept on the way.
-  void GoBack(uint64_t offset);
+  // Goes to the nearest place at or before `offset` where decoding can go on: the start, where the
+  // stream stands, one of up to kMostMarks places that were kept on the way, or a restart point.
+  void Seek(uint64_t offset);
+
+  // The same after an Advance that has failed, which leaves the stream of no other use.
+  void SeekAfterFailure(uint64_t offset);
 
  private:
   // The state behind a record.
@@ -59,6 +66,10 @@ class RecordStream {
     UnitDecoder decoder;
   };
 
+  const Mark* NearestMark(uint64_t offset) const;
+  const RestartPoint* NearestRestart(uint64_t offset) const;
+  void StartAt(const Mark& mark);
+  void StartAt(const RestartPoint& point);
   void KeepMark();
   _MiniHeader ReadHeader();
   _MiniHeader ReadNtfsHeader();

@@ -3,12 +3,13 @@
 #include <algorithm>
 #include <array>
 
+#include "capsule/compression/decompression_area.h"
 #include "capsule/compression/lzs.h"
 
 namespace capsule::host {
 namespace {
 
-constexpr size_t kReach = 2048;  // a unit reaches back 2047 bytes
+static_assert(kMaxHistory == lzs::kMaxOffset);
 
 std::string Count(uint64_t n) { return std::to_string(n); }
 
@@ -22,17 +23,29 @@ UnitDecoder::UnitDecoder() : m_History(LzsSizeOfDecompressionHistory()) { Reset(
 
 void UnitDecoder::Reset() { LzsInitDecompressionHistory(m_History.data()); }
 
-void UnitDecoder::Pretend(unsigned char value) {
+std::span<const unsigned char> UnitDecoder::History() const {
+  const void* bytes = m_History.data();
+  const auto& area = *static_cast<const lzs::DecompressionArea*>(bytes);
+  const std::span<const unsigned char> all(area.history, area.historyCount);
+  return all.last(std::min(all.size(), kMaxHistory));
+}
+
+void UnitDecoder::Restore(std::span<const unsigned char> history) {
   Reset();
-  std::array<unsigned char, kReach> bytes;
-  std::array<unsigned char, kReach> room;
-  bytes.fill(value);
-  const unsigned char* source = bytes.data();
+  std::array<unsigned char, kMaxHistory> room;
+  const unsigned char* source = history.data();
   unsigned char* destination = room.data();
-  uint32_t sourceLeft = kReach;
-  uint32_t destinationLeft = kReach;
+  auto sourceLeft = static_cast<uint32_t>(history.size());
+  auto destinationLeft = static_cast<uint32_t>(room.size());
+  if (sourceLeft == 0) return;
   LzsDecompress(&source, &destination, &sourceLeft, &destinationLeft, m_History.data(),
                 LzsStoredBlock | LzsKeepHistory);
+}
+
+void UnitDecoder::Pretend(unsigned char value) {
+  std::array<unsigned char, kMaxHistory> bytes;
+  bytes.fill(value);
+  Restore(bytes);
 }
 
 std::string UnitDecoder::Decode(std::span<const unsigned char> payload,

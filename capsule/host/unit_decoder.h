@@ -1,6 +1,7 @@
 // UnitDecoder decodes the compressed units of a file one after the other, with their history.
 #pragma once
 
+#include <cstddef>
 #include <cstdint>
 #include <span>
 #include <string>
@@ -8,12 +9,22 @@
 
 namespace capsule::host {
 
+// How far back a unit may refer.
+inline constexpr size_t kMaxHistory = 2047;
+
 class UnitDecoder {
  public:
   UnitDecoder();
 
   // As before the first unit of a file.
   void Reset();
+
+  // What the next unit may refer back to, the latest byte last: up to kMaxHistory bytes. Valid
+  // until the decoder is used again.
+  std::span<const unsigned char> History() const;
+
+  // As behind units that ended in `history`, up to kMaxHistory bytes.
+  void Restore(std::span<const unsigned char> history);
 
   // As behind units that ended in bytes of this one value: what a unit takes from before itself is
   // then this value, and every reference back is one that can be followed.

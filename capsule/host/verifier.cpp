@@ -9,6 +9,7 @@
 #include "capsule/host/header_map.h"
 #include "capsule/host/image.h"
 #include "capsule/host/image_map.h"
+#include "capsule/host/image_open.h"
 #include "capsule/host/index_verifier.h"
 #include "capsule/host/reason.h"
 #include "capsule/host/record_stream.h"
@@ -28,19 +29,32 @@ struct OpenFile {
   uint64_t size = 0;
 };
 
+// Those of an index that can be read and has a check value.
+std::vector<RestartPoint> RestartsOf(int descriptor, const std::string& name,
+                                     const DecodedHeader& header) {
+  const auto length = static_cast<uint64_t>(platform::FileLength(descriptor));
+  try {
+    CheckIndexOffset(header, name, length);
+    return CheckIndex(descriptor, name, header.indexOffset, length).restarts;
+  } catch (const Error&) {
+    return {};
+  }
+}
+
 class VerifyRun {
  public:
-  VerifyRun(int descriptor, std::string name, bool compressed,
+  VerifyRun(int descriptor, std::string name, const DecodedHeader& header,
             const std::function<void(const Fault&)>& take)
       : m_nDescriptor(descriptor),
         m_strName(std::move(name)),
-        m_bCompressed(compressed),
+        m_bCompressed(header.compressed),
         m_Take(take),
         m_Window(descriptor, m_strName),
         m_Index(m_Window, static_cast<uint64_t>(platform::FileLength(descriptor)),
                 [this](uint64_t offset, const std::string& path, std::string reason) {
                   Tell(offset, path, reason);
-                }) {}
+                }),
+        m_Restarts(RestartsOf(descriptor, m_strName, header)) {}
 
   VerifyReport Verify() {
     MapImage(m_nDescriptor, m_strName, [this](const MapItem& item) { Take(item); });
@@ -112,10 +126,42 @@ class VerifyRun {
     try {
       if (source.size == 0) return;
       RecordStream stream(source);
-      while (stream.ChunkEnd() < source.size) stream.Advance(source.size);
+      while (stream.ChunkEnd() < source.size) {
+        CompareRestarts(stream);
+        stream.Advance(source.size);
+      }
+      TellRestartsBefore(m_File.end);
       m_Report.bytes += source.size;
     } catch (const Error& error) {
       TellError(error, m_File.path, m_File.begin);
+    }
+  }
+
+  // What the index tells of the place where the stream stands.
+  void CompareRestarts(const RecordStream& stream) {
+    TellRestartsBefore(stream.Position());
+    if (m_nRestart == m_Restarts.size() || m_Restarts[m_nRestart].record > stream.Position())
+      return;
+    const RestartPoint& point = m_Restarts[m_nRestart++];
+    if (point.fileOffset != stream.ChunkEnd()) {
+      Tell(point.record, m_File.path,
+           "restart point is for byte " + std::to_string(point.fileOffset) + " of the file, byte " +
+               std::to_string(stream.ChunkEnd()) + " is here");
+      return;
+    }
+    const auto history = m_Window.At(point.history, point.historyLength);
+    const auto wanted = stream.History();
+    if (!std::equal(history.begin(), history.end(), wanted.begin(), wanted.end())) {
+      Tell(point.record, m_File.path, "restart point has another history than the file");
+    }
+  }
+
+  // Restart points of the file that no record is at.
+  void TellRestartsBefore(uint64_t offset) {
+    for (; m_nRestart < m_Restarts.size() && m_Restarts[m_nRestart].record < offset; ++m_nRestart) {
+      const uint64_t record = m_Restarts[m_nRestart].record;
+      if (record >= m_File.begin)
+        Tell(record, m_File.path, "restart point is where no data block begins");
     }
   }
 
@@ -188,6 +234,8 @@ class VerifyRun {
   IndexVerifier m_Index;
   VerifyReport m_Report;
   OpenFile m_File;
+  std::vector<RestartPoint> m_Restarts;  // by record
+  size_t m_nRestart = 0;                 // the next
   bool m_bNtfs = false;
   uint64_t m_nNtfsEntry = 0;
   std::vector<uint64_t> m_Bare;  // files of NTFS partitions without data records
@@ -205,7 +253,7 @@ VerifyReport Verifier::Run(const std::function<void(const Fault&)>& take) const 
   FileWindow window(file.Get(), name);
   const MappedHeader header = DecodeStoredHeader(window.At(0, kHeaderSize));
   if (!header.decoded) throw Error(name, header.problem);
-  return VerifyRun(file.Get(), name, header.decoded->compressed, take).Verify();
+  return VerifyRun(file.Get(), name, *header.decoded, take).Verify();
 }
 
 }  // namespace capsule::host

@@ -1,0 +1,154 @@
+#include "capsule/host/index_record_writer.h"
+
+#include <algorithm>
+#include <utility>
+#include <vector>
+
+#include "capsule/host/error.h"
+#include "capsule/host/reason.h"
+#include "capsule/host/restart_point.h"
+#include "capsule/partition/record_format.h"
+
+namespace capsule::host {
+namespace {
+
+constexpr uint8_t kIndexFolder = kIndexZeroEntry;  // everything of the tree that is not a file
+
+IndexRecord MakeRecord(uint8_t type, std::string name, uint64_t offset, uint64_t length) {
+  IndexRecord record;
+  record.type = type;
+  record.name = std::move(name);
+  record.offset = static_cast<uint32_t>(offset);
+  record.length = static_cast<uint32_t>(length);
+  return record;
+}
+
+IndexRecord ChecksumRecord(uint64_t value, uint64_t offset, uint64_t length) {
+  return MakeRecord(kIndexNote, ChecksumName(value), offset, length);
+}
+
+uint64_t RecordSize(const IndexRecord& record) {
+  std::vector<unsigned char> bytes;
+  AppendIndexRecord(record, &bytes);
+  return bytes.size();
+}
+
+// The record that stands for an item. That of a trailer covers its last 40 bytes alone.
+IndexRecord ItemRecord(const SectionItem& item) {
+  switch (item.kind) {
+    case SectionItem::Kind::Section:
+      return MakeRecord(kIndexSection, "", item.offset, item.length);
+    case SectionItem::Kind::File:
+    case SectionItem::Kind::NtfsEnd:
+      return MakeRecord(kIndexFile, item.path, item.offset, item.length);
+    case SectionItem::Kind::Trailer:
+      return MakeRecord(kIndexFolder, "", item.offset + item.length - kDirRecordSize,
+                        kDirRecordSize);
+    default:
+      return MakeRecord(item.isNtfs ? kIndexFile : kIndexFolder, item.path, item.offset,
+                        item.length);
+  }
+}
+
+bool EndsSection(const SectionItem& item) {
+  return item.kind == SectionItem::Kind::Trailer || item.kind == SectionItem::Kind::NtfsEnd;
+}
+
+// What counts for the section's check value ends before the trailer. A region that reached the
+// index would end the walk of readers, so a last record without a trailer does not count.
+uint64_t CheckedEnd(const SectionItem& item) {
+  const uint64_t end = item.offset + item.length;
+  if (!EndsSection(item)) return end;
+  const bool hasRecord = item.kind == SectionItem::Kind::NtfsEnd && item.dataOffset < end;
+  return hasRecord ? item.dataOffset : item.offset;
+}
+
+bool IsSoundFile(const SectionItem& item, bool isDamaged) {
+  return item.kind == SectionItem::Kind::File && !isDamaged;
+}
+
+}  // namespace
+
+IndexRecordCounter::IndexRecordCounter()
+    : m_nBytes(kIndexPreamble + RecordSize(ChecksumRecord(0, 0, 0))) {}
+
+void IndexRecordCounter::Add(const SectionItem& item, bool isDamaged) {
+  const uint64_t checksumSize = RecordSize(ChecksumRecord(0, 0, 0));
+  const bool isSection = item.kind == SectionItem::Kind::Section;
+  const bool isSound = IsSoundFile(item, isDamaged);
+  m_nBytes += RecordSize(ItemRecord(item)) + m_nFileNote + (isSection ? checksumSize : 0);
+  m_nFileNote = isSound ? checksumSize : 0;
+  if (isSound && !item.isNtfs) m_nRestartBytes += host::MostRestartBytes(item.entry.FileSize);
+}
+
+IndexRecordWriter::IndexRecordWriter(const RecordSource& files, uint64_t indexOffset,
+                                     std::span<const unsigned char> header, bool hasRestartPoints)
+    : m_Source(files),
+      m_bRestartPoints(hasRestartPoints),
+      m_nIndexOffset(indexOffset),
+      m_Window(files.descriptor, files.imagePath),
+      m_Stream(files.descriptor, files.imagePath, indexOffset) {
+  RunningChecksum checksum;
+  checksum.Update(header);
+  m_Stream.Append(ChecksumRecord(checksum.Value(), 0, header.size()));
+}
+
+void IndexRecordWriter::Add(const SectionItem& item, bool isDamaged) {
+  AppendNotes();
+  if (item.kind == SectionItem::Kind::Section) m_Section.Reset();
+  m_File.Reset();
+  m_nSectionBefore = m_Section.Value();
+  const uint64_t end = CheckedEnd(item);
+  Take(item.offset, end, item.kind == SectionItem::Kind::File ? &m_File : nullptr);
+  m_bEnded = EndsSection(item);
+  if (m_bEnded) EndSection(m_Section.Value(), end);
+  m_Last = ItemRecord(item);
+  m_nLastPosition = m_Stream.Append(m_Last);
+  if (item.kind == SectionItem::Kind::Section) {
+    m_nSectionStart = item.offset;
+    m_nSectionRecord = m_Stream.Append(ChecksumRecord(0, 0, 0));
+  } else if (IsSoundFile(item, isDamaged)) {
+    m_FileNote = ChecksumRecord(m_File.Value(), item.offset, item.length);
+    m_Source.begin = item.dataOffset;
+    m_Source.limit = item.offset + item.length;
+    m_Source.size = item.entry.FileSize;
+    m_Source.ntfs = item.isNtfs;
+  }
+}
+
+// What is said of the last item, if that is a file.
+void IndexRecordWriter::AppendNotes() {
+  if (!m_FileNote) return;
+  m_Stream.Append(*m_FileNote);
+  m_FileNote.reset();
+  if (!m_bRestartPoints) return;
+  FindRestartPoints(m_Source, [this](const IndexRecord& point) {
+    m_Stream.Append(point);
+    m_nRestartBytes += RecordSize(point);
+  });
+}
+
+uint64_t IndexRecordWriter::Finish() {
+  if (!m_bEnded) EndSection(m_nSectionBefore, m_Last.offset);
+  m_Last.length = static_cast<uint32_t>(m_nIndexOffset - m_Last.offset);
+  m_Stream.Replace(m_nLastPosition, m_Last);
+  return m_Stream.Finish();
+}
+
+void IndexRecordWriter::EndSection(uint64_t value, uint64_t end) {
+  m_Stream.Replace(m_nSectionRecord, ChecksumRecord(value, m_nSectionStart, end - m_nSectionStart));
+}
+
+// Counts bytes in for their section, and for their file if they have one.
+void IndexRecordWriter::Take(uint64_t at, uint64_t end, RunningChecksum* file) {
+  while (at < end) {
+    const auto bytes =
+        m_Window.At(at, static_cast<size_t>(std::min<uint64_t>(end - at, FileWindow::kSize / 2)));
+    if (bytes.empty()) throw Error(m_Source.imagePath, "ends at " + Hex(at), at);
+    m_Section.Update(bytes);
+    if (file != nullptr) file->Update(bytes);
+    at += bytes.size();
+  }
+}
+
+}  // namespace capsule::host

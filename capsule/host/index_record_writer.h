@@ -1,0 +1,74 @@
+// IndexRecordWriter appends the index records of an image's items, with the check values of what
+// they cover and the restart points of long files (index_writer.h has the order).
+#pragma once
+
+#include <cstdint>
+#include <optional>
+#include <span>
+#include <string>
+
+#include "capsule/container/index_format.h"
+#include "capsule/host/checksum.h"
+#include "capsule/host/file_window.h"
+#include "capsule/host/index_stream.h"
+#include "capsule/host/record_source.h"
+#include "capsule/host/section_scanner.h"
+
+namespace capsule::host {
+
+// The bytes that the records of items will take.
+class IndexRecordCounter {
+ public:
+  IndexRecordCounter();
+
+  void Add(const SectionItem& item, bool isDamaged);
+
+  // Without restart points, and how many bytes those take at most.
+  uint64_t Bytes() const { return m_nBytes; }
+  uint64_t MostRestartBytes() const { return m_nRestartBytes; }
+
+ private:
+  uint64_t m_nBytes;
+  uint64_t m_nFileNote = 0;  // of the last item; it only comes when another follows
+  uint64_t m_nRestartBytes = 0;
+};
+
+class IndexRecordWriter {
+ public:
+  // `files`: what the data records of all files have in common. `header`: as finally stored.
+  IndexRecordWriter(const RecordSource& files, uint64_t indexOffset,
+                    std::span<const unsigned char> header, bool hasRestartPoints);
+
+  // The next item. A damaged file has neither check value nor restart points.
+  void Add(const SectionItem& item, bool isDamaged);
+
+  // Makes the last record reach the index; where that ends. It is the record of an item, even when
+  // the end of the last section is lost: then the section's check value is for what lies before the
+  // last item.
+  uint64_t Finish();
+
+  uint64_t RestartBytes() const { return m_nRestartBytes; }
+
+ private:
+  void AppendNotes();
+  void EndSection(uint64_t value, uint64_t end);
+  void Take(uint64_t at, uint64_t end, RunningChecksum* file);
+
+  RecordSource m_Source;  // of the last item, if it is a file
+  bool m_bRestartPoints;
+  uint64_t m_nIndexOffset;
+  FileWindow m_Window;
+  IndexStream m_Stream;
+  RunningChecksum m_Section;
+  RunningChecksum m_File;
+  uint64_t m_nSectionRecord = 0;
+  uint64_t m_nSectionStart = 0;
+  uint64_t m_nSectionBefore = 0;  // its check value up to the last item
+  bool m_bEnded = false;
+  IndexRecord m_Last;
+  uint64_t m_nLastPosition = 0;
+  std::optional<IndexRecord> m_FileNote;  // waits for an item behind the file, as restart points do
+  uint64_t m_nRestartBytes = 0;
+};
+
+}  // namespace capsule::host

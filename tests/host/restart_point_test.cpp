@@ -1,0 +1,131 @@
+// Reading that begins in the middle of long files.
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <array>
+#include <vector>
+
+#include "capsule/container/header_format.h"
+#include "capsule/container/index_format.h"
+#include "capsule/host/checksum.h"
+#include "capsule/host/image.h"
+#include "capsule/host/image_builder.h"
+#include "capsule/host/image_map.h"
+#include "capsule/host/index_writer.h"
+#include "capsule/host/verifier.h"
+#include "capsule/platform/little_endian.h"
+#include "tests/support/temp_dir.h"
+
+namespace capsule::host {
+namespace {
+
+constexpr size_t kMega = size_t{1} << 20;
+constexpr size_t kSize = 7 * kMega + 4321;
+
+// An image with one file of lines.
+class RestartPoints : public testing::Test {
+ protected:
+  void Build(int level) {
+    for (int64_t i = 0; m_Text.size() < kSize; ++i)
+      m_Text += "line " + std::to_string(i * 7919) + "\n";
+    m_Text.resize(kSize);
+    std::filesystem::create_directory(m_Folder / "in");
+    test::WriteFile(m_Folder / "in/long.txt", m_Text);
+    BuildOptions options;
+    options.level = level;
+    ImageBuilder builder(m_Path, options);
+    builder.AddDirectory(m_Folder / "in");
+    builder.Finish();
+    m_Bytes = test::ReadFile(m_Path);
+    MapImage(m_Path, [&](const MapItem& item) {
+      if (item.kind == MapItem::Kind::DataBlock) m_Blocks.push_back(item.offset);
+      if (item.kind == MapItem::Kind::IndexRecord && item.name == "seek=") m_Notes.push_back(item);
+    });
+  }
+
+  // The chunk at `offset` of the file becomes one that cannot be decoded.
+  void Damage(size_t offset) {
+    const auto at = static_cast<std::ptrdiff_t>(m_Blocks[offset / 8192] + 8);
+    std::fill_n(m_Bytes.begin() + at, 40, '\xFF');
+    test::WriteFile(m_Path, m_Bytes);
+  }
+
+  std::string Range(FileReader& reader, size_t offset, size_t count = 1000) const {
+    std::vector<unsigned char> bytes(count);
+    bytes.resize(reader.Read(offset, bytes));
+    return {bytes.begin(), bytes.end()};
+  }
+
+  // The index as it would be with its check value made anew.
+  void SaveWithNewCheckValue() {
+    const auto index = platform::LoadLe32(
+        std::vector<unsigned char>(m_Bytes.begin(), m_Bytes.end()).data() + kIndexOffsetOffset);
+    IndexChecksum checksum;
+    const std::vector<unsigned char> records(m_Bytes.begin() + index + kIndexPreamble,
+                                             m_Bytes.end());
+    checksum.Update(records);
+    std::array<unsigned char, 4> value{};
+    platform::StoreLe32(value.data(), checksum.Value());
+    std::copy(value.begin(), value.end(), m_Bytes.begin() + index + 3);
+    test::WriteFile(m_Path, m_Bytes);
+  }
+
+  test::TempDir m_Folder;
+  std::string m_Path = m_Folder / "x.cap";
+  std::string m_Text;
+  std::string m_Bytes;
+  std::vector<uint64_t> m_Blocks;
+  std::vector<MapItem> m_Notes;
+};
+
+// What lies before the restart point is not decoded: damage there does no harm.
+TEST_F(RestartPoints, LetReadingBeginInTheMiddle) {
+  for (const int level : {0, 6}) {
+    m_Text.clear();
+    m_Blocks.clear();
+    m_Notes.clear();
+    std::filesystem::remove_all(m_Folder / "in");
+    Build(level);
+    ASSERT_EQ(m_Notes.size(), 7U);
+    EXPECT_EQ(m_Notes[2].target, m_Blocks[3 * kMega / 8192]);
+    EXPECT_LT(m_Notes[2].length, level == 0 ? 25U : 2068U);
+    IndexWriter(m_Path).Write();
+    EXPECT_EQ(test::ReadFile(m_Path) == m_Bytes, true);
+    if (level == 0) continue;
+    Damage(5 * kMega / 2);
+    const Image image(m_Path);
+    FileReader reader = image.OpenFile(*image.Find("long.txt"));
+    const size_t good[] = {6 * kMega + 100'000, kSize - 500, 3 * kMega, kMega + 5, 4 * kMega - 10};
+    for (const size_t at : good) EXPECT_EQ(Range(reader, at), m_Text.substr(at, 1000)) << at;
+    EXPECT_THROW(Range(reader, 3 * kMega - 10), Error);
+    EXPECT_EQ(Range(reader, 5, 2 * kMega), m_Text.substr(5, 2 * kMega));
+    EXPECT_THROW(Range(reader, 0, 4 * kMega), Error);
+    EXPECT_EQ(Range(reader, 3 * kMega + 7), m_Text.substr(3 * kMega + 7, 1000));
+  }
+}
+
+TEST_F(RestartPoints, AreVerified) {
+  Build(6);
+  const auto faults = [&](const MapItem& note, size_t at) {
+    const std::string before = m_Bytes;
+    m_Bytes[note.offset + at] = static_cast<char>(m_Bytes[note.offset + at] ^ 1);
+    SaveWithNewCheckValue();
+    m_Bytes = before;
+    std::string text;
+    Verifier(m_Path).Run([&](const Fault& fault) { text += fault.path + ": " + fault.reason; });
+    return text;
+  };
+  constexpr size_t kName = 3;
+  EXPECT_EQ(faults(m_Notes[1], kName + 6),
+            "0:/long.txt: restart point is for byte 2097408 of the file, byte 2097152 is here");
+  EXPECT_EQ(faults(m_Notes[6], kName + 1000),
+            "0:/long.txt: restart point has another history than the file");
+  EXPECT_EQ(faults(m_Notes[5], m_Notes[5].length - 8),
+            "0:/long.txt: restart point is where no data block begins");
+  EXPECT_EQ(faults(m_Notes[6], m_Notes[6].length - 8),
+            "0:/long.txt: restart point does not lie in the item before it");
+  EXPECT_EQ(faults(m_Notes[0], kName), "");  // no longer one
+}
+
+}  // namespace
+}  // namespace capsule::host
