@@ -71,6 +71,12 @@ class RecordWriter {
     return true;
   }
 
+  // Says that the next record follows `before`, the chunk up to `position` of the file.
+  void Tell(uint32_t position, std::span<const unsigned char> before) const {
+    const auto& tell = CurrentLibraryState().onChunk;
+    if (tell) tell(m_nOffset, position, before, m_bCompress);
+  }
+
   int64_t Written() const { return m_nWritten; }
 
  private:
@@ -92,6 +98,7 @@ bool StreamChunks(int source, uint32_t size, RecordWriter& writer) {
   std::array<unsigned char, kChunkSize> chunk;
   for (uint32_t position = 0; position < size;) {
     if (IsCancelled()) return false;
+    if (position != 0) writer.Tell(position, chunk);
     const uint32_t length = std::min(size - position, kChunkSize);
     if (platform::ReadAt(source, chunk.data(), length, position) != int64_t{length}) return false;
     const uint32_t padded = PaddedChunkLength(length);

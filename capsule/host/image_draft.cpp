@@ -82,6 +82,10 @@ ImageDraft::ImageDraft(std::string target, std::string name, int level, const st
   m_State.cancel = cancel;
   m_State.hostView.SetAliasPolicy(platform::AliasPolicy::Exact);
   m_State.hostView.SetTimePolicy(platform::TimePolicy::ModificationOnly);
+  m_State.onChunk = [this](int64_t record, uint32_t fileOffset,
+                           std::span<const unsigned char> before, bool isCompressed) {
+    m_Restarts.Take(record, fileOffset, before, isCompressed);
+  };
   const ScopedLibraryState scope(m_State);
   if (m_Image.CreateCapsuleFile(m_Temporary.Path().c_str()) != 0) {
     Fail("cannot be created: " + SystemReason(m_Image.GetLastError()));
@@ -120,6 +124,7 @@ std::optional<std::string> ImageDraft::Insert(const SourceItem& item) {
   errno = 0;
   if (m_Image.InsertFile(path.c_str(), m_nPartition) == 0) return std::nullopt;
   const int error = errno;
+  m_Restarts.Forget(m_Image.GetWriteOffset());
   // What comes next lies where it would have without this item.
   m_State.previousInsertDir = previousDir;
   m_State.dirLevelsToClose = levelsToClose;
@@ -157,6 +162,7 @@ uint64_t ImageDraft::Complete() {
   }
   IndexWriter index(m_Temporary.Descriptor(), m_strName);
   index.SetCancelFlag(m_State.cancel);
+  index.SetKnownRestarts(&m_Restarts);
   const IndexReport report = index.Write();
   if (const char* step = m_Temporary.Publish())
     Fail(std::string(step) + ": " + SystemReason(errno));

@@ -12,6 +12,7 @@
 #include <string>
 
 #include "capsule/container/capsule_file.h"
+#include "capsule/host/restart_collector.h"
 #include "capsule/host/source_walk.h"
 #include "capsule/platform/file.h"
 #include "capsule/platform/temporary_file.h"
@@ -58,6 +59,7 @@ class ImageDraft {
   std::optional<platform::FileIdentity> m_Old;
   LibraryState m_State;
   CapsuleFile m_Image;
+  RestartCollector m_Restarts;
   bool m_bOpen = false;  // m_Image has the file open
   int m_nPartition = -1;
 };

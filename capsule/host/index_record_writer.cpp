@@ -6,6 +6,7 @@
 
 #include "capsule/host/error.h"
 #include "capsule/host/reason.h"
+#include "capsule/host/restart_collector.h"
 #include "capsule/host/restart_point.h"
 #include "capsule/partition/record_format.h"
 
@@ -121,11 +122,24 @@ void IndexRecordWriter::AppendNotes() {
   if (!m_FileNote) return;
   m_Stream.Append(*m_FileNote);
   m_FileNote.reset();
-  if (!m_bRestartPoints) return;
-  FindRestartPoints(m_Source, [this](const IndexRecord& point) {
+  if (m_bRestartPoints) AppendRestartPoints();
+}
+
+void IndexRecordWriter::AppendRestartPoints() {
+  const auto append = [this](const IndexRecord& point) {
     m_Stream.Append(point);
     m_nRestartBytes += RecordSize(point);
-  });
+  };
+  const auto known = m_pKnown == nullptr
+                         ? std::span<const IndexRecord>()
+                         : m_pKnown->Of(m_Source.begin, m_Source.limit, m_Source.size);
+  for (IndexRecord point : known) {
+    const auto header = m_Window.At(point.offset, kMiniHeaderSize);
+    if (header.size() < kMiniHeaderSize) throw Error(m_Source.imagePath, "changed meanwhile");
+    point.length = kMiniHeaderSize + DecodeMiniHeader(header.first<kMiniHeaderSize>()).Length;
+    append(point);
+  }
+  if (known.empty()) FindRestartPoints(m_Source, append);
 }
 
 uint64_t IndexRecordWriter::Finish() {

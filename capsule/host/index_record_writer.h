@@ -16,6 +16,8 @@
 
 namespace capsule::host {
 
+class RestartCollector;
+
 // The bytes that the records of items will take.
 class IndexRecordCounter {
  public:
@@ -39,6 +41,9 @@ class IndexRecordWriter {
   IndexRecordWriter(const RecordSource& files, uint64_t indexOffset,
                     std::span<const unsigned char> header, bool hasRestartPoints);
 
+  // Restart points that need not be looked for; `known` must outlive the writer.
+  void SetKnownRestarts(const RestartCollector* known) { m_pKnown = known; }
+
   // The next item. A damaged file has neither check value nor restart points.
   void Add(const SectionItem& item, bool isDamaged);
 
@@ -51,11 +56,13 @@ class IndexRecordWriter {
 
  private:
   void AppendNotes();
+  void AppendRestartPoints();
   void EndSection(uint64_t value, uint64_t end);
   void Take(uint64_t at, uint64_t end, RunningChecksum* file);
 
   RecordSource m_Source;  // of the last item, if it is a file
   bool m_bRestartPoints;
+  const RestartCollector* m_pKnown = nullptr;
   uint64_t m_nIndexOffset;
   FileWindow m_Window;
   IndexStream m_Stream;

@@ -191,6 +191,7 @@ uint64_t IndexWriter::Append(const Plan& plan) {
   files.imageIsCompressed = plan.isCompressed;
   files.imagePath = m_strName;
   IndexRecordWriter writer(files, start, plan.header, plan.hasRestartPoints);
+  writer.SetKnownRestarts(m_pKnownRestarts);
   const auto take = [&](const SectionItem& item, bool isDamaged) {
     ThrowIfCancelled();
     writer.Add(item, isDamaged);

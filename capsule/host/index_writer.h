@@ -39,6 +39,8 @@
 
 namespace capsule::host {
 
+class RestartCollector;
+
 struct IndexReport {
   uint32_t sections = 0;
   uint64_t directories = 0;
@@ -72,6 +74,10 @@ class CAPSULE_API IndexWriter {
   // While `*flag` is true, Write throws soon. The flag must outlive the writer.
   void SetCancelFlag(const std::atomic<bool>* flag) { m_pCancel = flag; }
 
+  // Restart points that the writer of the sections has noted, so that they need not be looked for.
+  // `known` must outlive the writer.
+  void SetKnownRestarts(const RestartCollector* known) { m_pKnownRestarts = known; }
+
   // Throws Error when the image cannot be scanned, read or written.
   IndexReport Write(DamagedSections damaged = DamagedSections::Refuse);
 
@@ -88,6 +94,7 @@ class CAPSULE_API IndexWriter {
   bool m_bOwned = false;
   std::string m_strName;
   const std::atomic<bool>* m_pCancel = nullptr;
+  const RestartCollector* m_pKnownRestarts = nullptr;
 };
 
 }  // namespace capsule::host

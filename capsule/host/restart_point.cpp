@@ -15,14 +15,6 @@ constexpr size_t kHistoryPlace = kRestartName.size() + sizeof(uint32_t);
 constexpr size_t kRecordStart = 3;  // bytes of an index record before its name
 constexpr size_t kRecordRest = 8;   // and behind it
 
-std::string NameOf(uint64_t fileOffset, std::span<const unsigned char> history) {
-  std::vector<unsigned char> name(kRestartName.begin(), kRestartName.end());
-  name.resize(kHistoryPlace);
-  platform::StoreLe32(&name[kRestartName.size()], static_cast<uint32_t>(fileOffset));
-  name.insert(name.end(), history.begin(), history.end());
-  return {name.begin(), name.end()};
-}
-
 std::optional<RecordStream> Open(const RecordSource& source) {
   try {
     return RecordStream(source);
@@ -55,6 +47,15 @@ std::optional<RestartPoint> RestartPointOf(const IndexRecord& record, uint64_t p
                       static_cast<uint16_t>(name.size() - kHistoryPlace)};
 }
 
+IndexRecord RestartRecord(uint64_t record, uint64_t fileOffset,
+                          std::span<const unsigned char> history) {
+  std::vector<unsigned char> name(kRestartName.begin(), kRestartName.end());
+  name.resize(kHistoryPlace);
+  platform::StoreLe32(&name[kRestartName.size()], static_cast<uint32_t>(fileOffset));
+  name.insert(name.end(), history.begin(), history.end());
+  return {kIndexNote, {name.begin(), name.end()}, static_cast<uint32_t>(record), 0};
+}
+
 void FindRestartPoints(const RecordSource& source,
                        const std::function<void(const IndexRecord&)>& take) {
   if (source.ntfs || source.size <= kRestartDistance) return;
@@ -62,16 +63,15 @@ void FindRestartPoints(const RecordSource& source,
   if (!records) return;
   for (uint64_t wanted = kRestartDistance; records->ChunkEnd() < source.size;) {
     const uint64_t fileOffset = records->ChunkEnd();
-    const bool isWanted = fileOffset >= wanted;
-    IndexRecord note;
-    note.type = kIndexNote;
-    note.offset = static_cast<uint32_t>(records->Position());
-    if (isWanted) note.name = NameOf(fileOffset, records->History());
+    std::optional<IndexRecord> point;
+    if (fileOffset >= wanted) {
+      point = RestartRecord(records->Position(), fileOffset, records->History());
+      wanted = fileOffset + kRestartDistance;
+    }
     if (!Advance(*records)) return;
-    note.length = static_cast<uint32_t>(records->Position() - note.offset);
-    if (!isWanted) continue;
-    take(note);
-    wanted = fileOffset + kRestartDistance;
+    if (!point) continue;
+    point->length = static_cast<uint32_t>(records->Position() - point->offset);
+    take(*point);
   }
 }
 

@@ -12,6 +12,7 @@
 #include <cstdint>
 #include <functional>
 #include <optional>
+#include <span>
 #include <string_view>
 
 #include "capsule/container/index_format.h"
@@ -26,6 +27,10 @@ inline constexpr std::string_view kRestartName = "seek=";
 
 // What a type-6 record tells that begins at `place` in the image; none when it is no restart point.
 std::optional<RestartPoint> RestartPointOf(const IndexRecord& record, uint64_t place);
+
+// The index record of one, but for its length.
+IndexRecord RestartRecord(uint64_t record, uint64_t fileOffset,
+                          std::span<const unsigned char> history);
 
 // Decodes the file and hands out the index record of each of its restart points, up to where it is
 // damaged. Files of NTFS partitions have none.
