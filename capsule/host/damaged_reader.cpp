@@ -30,21 +30,23 @@ DamagedReader::DamagedReader(RecordSource source, std::string problem, uint64_t 
       m_Window(m_Source.descriptor, m_Source.imagePath, kWindowSize) {}
 
 void DamagedReader::Run() {
-  std::vector<RecordRun> runs = SurveyRecords(m_Source);
-  RepairRuns(m_Source, runs);
-  PlaceRuns(runs, m_Source.size, m_Source.ntfs);
-  std::string reason;
-  for (const RecordRun& run : runs) {
-    if (run.isDamage) {
-      reason = "no whole data records at " + Hex(run.begin) + " to " + Hex(run.end);
-      LoseHistory();
-      continue;
-    }
-    if (run.isPlaced) Lose(run.offset, reason);
-    ReadRun(run);
-    if (!run.isPlaced) reason = "records at " + Hex(run.begin) + " cannot be placed";
+  RecordSource part = m_Source;
+  for (const RestartPoint& point : m_Source.restarts) {
+    const bool isAhead = point.record > part.begin && point.record < m_Source.limit &&
+                         point.fileOffset > m_nPart && point.fileOffset < m_Source.size;
+    if (!isAhead) continue;
+    part.limit = point.record;
+    part.size = point.fileOffset - m_nPart;
+    part.goesOn = true;
+    ReadPart(part);
+    part.begin = point.record;
+    m_nPart = point.fileOffset;
+    TakeHistory(point);
   }
-  Lose(m_Source.size, reason.empty() ? "records end at " + Hex(m_Source.limit) : reason);
+  part.limit = m_Source.limit;
+  part.size = m_Source.size - m_nPart;
+  part.goesOn = false;
+  ReadPart(part);
   EndLoss();
   if (m_bAnyLost && !m_Source.check) return;
   m_Take({FilePiece::Kind::Uncertain,
@@ -52,6 +54,31 @@ void DamagedReader::Run() {
           m_nEnd - m_nBegin,
           {},
           m_bAnyLost ? "the check value is for the whole file" : m_strProblem});
+}
+
+void DamagedReader::TakeHistory(const RestartPoint& point) {
+  const auto history = m_Window.At(point.history, point.historyLength);
+  if (history.size() < point.historyLength) return LoseHistory();
+  m_Decoders[0].Restore(history);
+  m_bSure = true;
+}
+
+void DamagedReader::ReadPart(const RecordSource& part) {
+  std::vector<RecordRun> runs = SurveyRecords(part);
+  RepairRuns(part, runs);
+  PlaceRuns(part, runs);
+  std::string reason;
+  for (const RecordRun& run : runs) {
+    if (run.isDamage) {
+      reason = "no whole data records at " + Hex(run.begin) + " to " + Hex(run.end);
+      LoseHistory();
+      continue;
+    }
+    if (run.isPlaced) Lose(m_nPart + run.offset, reason);
+    ReadRun(run);
+    if (!run.isPlaced) reason = "records at " + Hex(run.begin) + " cannot be placed";
+  }
+  Lose(m_nPart + part.size, reason.empty() ? "records end at " + Hex(part.limit) : reason);
 }
 
 void DamagedReader::ReadRun(const RecordRun& run) {
@@ -62,7 +89,7 @@ void DamagedReader::ReadRun(const RecordRun& run) {
     const DataRecord record{headerSize, payload, run.chunk, run.isCompressed, run.isLast};
     const auto bytes = m_Window.At(at, record.Size());
     if (bytes.size() < record.Size()) return;
-    return ReadRecord(record, bytes.subspan(headerSize), run, run.offset);
+    return ReadRecord(record, bytes.subspan(headerSize), run, m_nPart + run.offset);
   }
   for (uint64_t i = 0; i < run.records;) {
     const auto header = m_Window.At(at, m_Source.ntfs ? kNtfsHeaderSize : kMiniHeaderSize);
@@ -74,7 +101,8 @@ void DamagedReader::ReadRun(const RecordRun& run) {
     }
     const auto bytes = m_Window.At(at, record->Size());
     if (bytes.size() < record->Size()) return;
-    ReadRecord(*record, bytes.subspan(record->headerSize), run, run.offset + i * run.chunk);
+    ReadRecord(*record, bytes.subspan(record->headerSize), run,
+               m_nPart + run.offset + i * run.chunk);
     at += record->Size();
     ++i;
   }

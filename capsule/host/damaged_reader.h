@@ -4,6 +4,9 @@
 // decoded twice, with all bytes before them taken to be 0x00 and 0xFF: a byte that comes out the
 // same cannot hang on the damage, since decoding only ever copies. The two go on side by side until
 // their last 2048 bytes agree; then one is enough.
+//
+// Restart points divide a file into parts that are read each by itself: what is lost in one has no
+// effect on the next, whose place in the file and history are known.
 #pragma once
 
 #include <array>
@@ -32,6 +35,8 @@ class DamagedReader {
   void Run();
 
  private:
+  void ReadPart(const RecordSource& part);
+  void TakeHistory(const RestartPoint& point);
   void ReadRun(const RecordRun& run);
   void ReadRecord(const DataRecord& record, std::span<const unsigned char> payload,
                   const RecordRun& run, uint64_t offset);
@@ -51,6 +56,7 @@ class DamagedReader {
   std::array<std::vector<unsigned char>, 2> m_Chunks;
   bool m_bSure = true;       // the first decoder's history is right, and the second is not used
   uint64_t m_nAgreed = 0;    // bytes at the end of both histories that agree
+  uint64_t m_nPart = 0;      // where the part begins in the file
   uint64_t m_nFile = 0;      // up to where pieces were handed out
   uint64_t m_nLostFrom = 0;  // where the lost part begins that is open; m_nFile is its end
   std::string m_strLoss;

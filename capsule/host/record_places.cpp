@@ -14,8 +14,8 @@ constexpr uint64_t kMaxExpansion = 30;
 
 class Places {
  public:
-  Places(std::vector<RecordRun>& runs, uint64_t size, bool ntfs)
-      : m_Runs(runs), m_nSize(size), m_bNtfs(ntfs) {}
+  Places(const RecordSource& source, std::vector<RecordRun>& runs)
+      : m_Runs(runs), m_nSize(source.size), m_bNtfs(source.ntfs), m_bGoesOn(source.goesOn) {}
 
   void Place() {
     if (m_Runs.empty() || Fits()) {
@@ -91,7 +91,7 @@ class Places {
     if (m_nChunk == 0 || m_nSize == 0) return std::nullopt;
     if (gap + 1 == m_Runs.size()) return (m_nSize + m_nChunk - 1) / m_nChunk * m_nChunk;
     const RecordRun& last = m_Runs.back();
-    if (!last.isLast) return std::nullopt;
+    if (!last.isLast && !m_bGoesOn) return std::nullopt;
     uint64_t end = Padded();
     if (m_bNtfs) {
       const uint64_t lastBegin = (m_nSize - 1) / m_nChunk * m_nChunk;
@@ -108,7 +108,7 @@ class Places {
   // Whether whole records that stand for `length` bytes can have been where the gap is. What is
   // missing at the end of an image may have been anywhere.
   bool CanHold(size_t gap, uint64_t length) const {
-    if (gap + 1 == m_Runs.size()) return true;
+    if (gap + 1 == m_Runs.size() && !m_bGoesOn) return true;
     const uint64_t bytes = m_Runs[gap].end - m_Runs[gap].begin;
     return length % m_nChunk == 0 && bytes >= length / kMaxExpansion && bytes <= 2 * length;
   }
@@ -132,6 +132,7 @@ class Places {
   std::vector<RecordRun>& m_Runs;
   uint64_t m_nSize;
   bool m_bNtfs;
+  bool m_bGoesOn;
   uint32_t m_nChunk = 0;
 };
 
@@ -148,8 +149,8 @@ uint32_t UsualChunk(const std::vector<RecordRun>& runs) {
   return most == count.end() ? 0 : most->first;
 }
 
-void PlaceRuns(std::vector<RecordRun>& runs, uint64_t size, bool ntfs) {
-  Places(runs, size, ntfs).Place();
+void PlaceRuns(const RecordSource& source, std::vector<RecordRun>& runs) {
+  Places(source, runs).Place();
 }
 
 }  // namespace capsule::host

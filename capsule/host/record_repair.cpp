@@ -28,7 +28,7 @@ class Repair {
       RecordRun& run = m_Runs[i];
       const uint64_t size = run.end - run.begin;
       if (!run.isDamage || size <= m_nHeaderSize || size > m_nHeaderSize + kMaxPayload) continue;
-      const bool isLast = i + 1 == m_Runs.size();
+      const bool isLast = i + 1 == m_Runs.size() && !m_Source.goesOn;
       if (usual != 0 && TryChunk(run, usual, false)) continue;
       if (isLast) TryChunk(run, LastChunk(usual), true);
     }
@@ -53,7 +53,7 @@ class Repair {
     run = RecordRun{.begin = run.begin, .end = run.end, .chunk = chunk, .records = 1};
     run.isRepaired = true;
     run.isCompressed = isUnit;
-    run.isLast = isLast || (chunk == m_Source.size && m_Runs.size() == 1);
+    run.isLast = isLast || (chunk == m_Source.size && m_Runs.size() == 1 && !m_Source.goesOn);
     return true;
   }
 

@@ -16,6 +16,7 @@ struct RecordSource {
   uint64_t begin = 0;
   uint64_t limit = 0;
   uint64_t size = 0;
+  bool goesOn = false;      // it is a part of a file, which goes on behind it with another record
   bool ntfs = false;        // records are those of an NTFS partition
   uint64_t fileRecord = 0;  // NTFS: where the file's FILE record lies
   std::optional<FileCheck> check = {};

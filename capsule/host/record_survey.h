@@ -47,7 +47,7 @@ uint32_t UsualChunk(const std::vector<RecordRun>& runs);
 // Tells the runs their places. From the start of the file up to the first damage of unknown length
 // they follow from what is in front; behind the last one from the file's end. What lies between
 // several is placed when each must be a single record of the size of all others. Damage has no
-// place. `size`: of the file.
-void PlaceRuns(std::vector<RecordRun>& runs, uint64_t size, bool ntfs);
+// place.
+void PlaceRuns(const RecordSource& source, std::vector<RecordRun>& runs);
 
 }  // namespace capsule::host

@@ -104,6 +104,34 @@ TEST_F(RestartPoints, LetReadingBeginInTheMiddle) {
   }
 }
 
+// Whatever happens between two restart points, what lies behind the second is all there.
+TEST_F(RestartPoints, EndWhatDamageDoes) {
+  Build(6);
+  for (const size_t at : {5 * kMega / 2, 5 * kMega / 2 + 90'000, 5 * kMega / 2 + 300'000})
+    Damage(at);
+  m_Bytes.replace(m_Blocks[11 * kMega / 16384], 40, 40, '\0');
+  test::WriteFile(m_Path, m_Bytes);
+  const Image image(m_Path);
+  std::string got;
+  uint64_t firstLost = kSize;
+  uint64_t endLost = 0;
+  image.ReadDamaged(*image.Find("long.txt"), 0, kSize, [&](const FilePiece& piece) {
+    if (piece.kind == FilePiece::Kind::Unplaced || piece.kind == FilePiece::Kind::Uncertain) return;
+    ASSERT_EQ(piece.offset, got.size());
+    if (piece.kind == FilePiece::Kind::Data) {
+      got.append(piece.bytes.begin(), piece.bytes.end());
+      return;
+    }
+    firstLost = std::min(firstLost, piece.offset);
+    endLost = piece.offset + piece.length;
+    got += m_Text.substr(piece.offset, piece.length);
+  });
+  EXPECT_EQ(got == m_Text, true);
+  EXPECT_EQ(firstLost, 5 * kMega / 2);
+  EXPECT_GT(endLost, 11 * kMega / 2);
+  EXPECT_LE(endLost, 6 * kMega);
+}
+
 TEST_F(RestartPoints, AreVerified) {
   Build(6);
   const auto faults = [&](const MapItem& note, size_t at) {
