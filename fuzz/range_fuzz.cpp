@@ -1,11 +1,17 @@
 // Ranges of one file: in any order they give the bytes that reading from the front gives.
-// First byte: bit 0 compressed; size of the file (3), two offsets and lengths (2 each); records.
+// First byte: bit 0 compressed, bit 1 an index with restart points; size of the file (3), two
+// offsets and lengths (2 each); records. Restart points that are not true give other bytes, but no
+// harm.
 #include <algorithm>
+#include <array>
 #include <cstdint>
 #include <vector>
 
+#include "capsule/container/index_format.h"
+#include "capsule/host/checksum.h"
 #include "capsule/host/error.h"
 #include "capsule/host/image.h"
+#include "capsule/host/restart_point.h"
 #include "capsule/platform/little_endian.h"
 #include "fuzz/memory_file.h"
 #include "fuzz/section_image.h"
@@ -15,6 +21,33 @@ namespace {
 using namespace capsule;
 
 constexpr size_t kParameters = 12;
+constexpr uint8_t kIndexed = 2;  // in the first byte
+
+// Leads to the file, with a restart point at each of the offsets and the last bytes as histories.
+void AddIndex(const uint8_t* data, size_t size, fuzz::Bytes* image) {
+  const auto file = static_cast<uint32_t>(kHeaderSize + kPartitionHeaderSize);
+  const auto end = static_cast<uint32_t>(image->size());
+  const auto group = static_cast<uint32_t>(kDirRecordSize);
+  fuzz::Bytes records;
+  AppendIndexRecord({kIndexSection, "", kHeaderSize, kPartitionHeaderSize}, &records);
+  AppendIndexRecord({kIndexFile, "AAAAAAAA", file, end - file - kPartitionTrailerSize}, &records);
+  for (const size_t at : {size_t{4}, size_t{8}}) {
+    const uint32_t place = platform::LoadLe16(data + at);
+    const size_t history = std::min<size_t>(platform::LoadLe16(data + at + 2), size - kParameters);
+    IndexRecord point = host::RestartRecord(file + group + place % 64, place * 16,
+                                            {data + size - history, history});
+    point.length = kMiniHeaderSize;
+    AppendIndexRecord(point, &records);
+  }
+  AppendIndexRecord({kIndexZeroEntry, "", end - group, group}, &records);
+  host::IndexChecksum checksum;
+  checksum.Update(records);
+  std::array<uint8_t, kIndexPreamble> start{'C', 'I', '1'};
+  platform::StoreLe32(&start[3], checksum.Value());
+  fuzz::Append(start, image);
+  fuzz::Append(records, image);
+  platform::StoreLe32(&(*image)[kIndexOffsetOffset], end);
+}
 
 fuzz::Bytes MakeImage(const uint8_t* data, size_t size) {
   fuzz::Bytes image = fuzz::BeginImage(11, (data[0] & 1) != 0);
@@ -26,6 +59,7 @@ fuzz::Bytes MakeImage(const uint8_t* data, size_t size) {
   fuzz::Append(EncodeShortEntry(entry), &image);
   fuzz::Append({data + kParameters, size - kParameters}, &image);
   fuzz::Append(EncodePartitionTrailer(), &image);
+  if ((data[0] & kIndexed) != 0) AddIndex(data, size, &image);
   return image;
 }
 
@@ -44,24 +78,26 @@ std::vector<unsigned char> ReadFromFront(const host::Image& image, const host::E
   return bytes;
 }
 
+// `isTrue`: what the index tells, if there is one.
 void Compare(host::FileReader& reader, uint64_t offset, size_t length,
-             const std::vector<unsigned char>& whole) {
+             const std::vector<unsigned char>& whole, bool isTrue) {
   std::vector<unsigned char> piece(length);
   try {
     const size_t got = reader.Read(offset, piece);
+    if (!isTrue) return;
     fuzz::Require(offset + got <= whole.size() || got == 0, "no range has bytes that others lack");
     fuzz::Require(std::equal(piece.begin(), piece.begin() + static_cast<std::ptrdiff_t>(got),
                              whole.begin() + static_cast<std::ptrdiff_t>(got == 0 ? 0 : offset)),
                   "a range has the bytes of the whole");
   } catch (const host::Error&) {
-    fuzz::Require(whole.size() < reader.Size(), "ranges of a sound file can be read");
+    fuzz::Require(!isTrue || whole.size() < reader.Size(), "ranges of a sound file can be read");
   }
 }
 
 // What is left of the file covers it without a gap, and has the bytes that reading gives as long as
 // nothing is lost.
 void CompareWhatIsLeft(const host::Image& image, const host::Entry& entry,
-                       const std::vector<unsigned char>& whole) {
+                       const std::vector<unsigned char>& whole, bool isTrue) {
   uint64_t end = 0;
   bool isLost = false;
   image.ReadDamaged(entry, 0, entry.Size(), [&](const host::FilePiece& piece) {
@@ -70,7 +106,7 @@ void CompareWhatIsLeft(const host::Image& image, const host::Entry& entry,
     fuzz::Require(piece.offset == end, "what is left and what is lost cover the file");
     isLost = isLost || piece.kind == Kind::Lost;
     end += piece.kind == Kind::Lost ? piece.length : piece.bytes.size();
-    if (isLost || end > whole.size()) return;
+    if (isLost || !isTrue || end > whole.size()) return;
     fuzz::Require(std::equal(piece.bytes.begin(), piece.bytes.end(),
                              whole.begin() + static_cast<std::ptrdiff_t>(piece.offset)),
                   "what is left has the bytes of the whole");
@@ -88,11 +124,12 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     const auto entry = image.Find("0:/AAAAAAAA");
     if (!entry || entry->IsDirectory()) return 0;
     const auto whole = ReadFromFront(image, *entry);
-    CompareWhatIsLeft(image, *entry, whole);
+    const bool isTrue = (data[0] & kIndexed) == 0;
+    CompareWhatIsLeft(image, *entry, whole, isTrue);
     host::FileReader reader = image.OpenFile(*entry);
     for (const size_t at : {size_t{4}, size_t{8}, size_t{4}}) {
       Compare(reader, platform::LoadLe16(data + at) * uint64_t{16},
-              platform::LoadLe16(data + at + 2), whole);
+              platform::LoadLe16(data + at + 2), whole, isTrue);
     }
   } catch (const host::Error&) {
   }
