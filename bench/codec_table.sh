@@ -10,4 +10,4 @@ cmake --build build/bench --target codec_bench >&2
 bench/make_corpus.sh build/corpus >&2
 echo "$(lscpu | sed -n 's/^Model name: *//p'), $(g++ -dumpfullversion | sed 's/^/g++ /')"
 build/bench/bench/codec_bench build/corpus --benchmark_min_time=0.05 \
-  --benchmark_repetitions=3 "$@"
+  --benchmark_repetitions=9 --benchmark_enable_random_interleaving=true "$@"

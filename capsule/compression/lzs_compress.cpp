@@ -15,10 +15,10 @@
 // is brought up to date when the source is used up.
 //
 // Indexes. The area has the one that the units of a history share. With bodies indexed, a high
-// effort and enough source and room, a second one is built from it behind the first bytes of a call,
-// kept up to date by the inner loop, and forgotten as soon as anything is searched without it. To
-// know what is to be entered in it, the chain says which positions in reach were not entered, for as
-// long as bodies are indexed (5).
+// effort and enough source and room, a second one is built from it behind the first bytes of a
+// call, kept up to date by the inner loop, and forgotten as soon as anything is searched without
+// it. To know what is to be entered in it, the chain says which positions in reach were not
+// entered, for as long as bodies are indexed (5).
 //
 //   Fresh ---call---> Waiting (source used up, unit open or kept)   Run
 //     ^                  |

@@ -125,6 +125,8 @@ class Survey {
   bool FollowHeaders(RecordRun* damage) {
     uint64_t at = damage->begin;
     while (const auto record = RecordAt(at)) {
+      if (m_nWorkLeft < m_nHeaderSize) return false;
+      m_nWorkLeft -= m_nHeaderSize;
       if (damage->chunk != 0 && damage->chunk != record->chunk) return false;
       damage->chunk = record->chunk;
       ++damage->records;

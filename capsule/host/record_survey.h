@@ -32,8 +32,8 @@ struct RecordRun {
 // IsWholeDataRecord tells; stored ones when a whole record or the end follows. Behind a record that
 // is not, the next one is where its header leads, else the first that is found byte by byte.
 //
-// Linear: what is decoded in search of records is at most some times the room; then, or beyond
-// 65536 runs, the rest counts as damage.
+// Linear: what is decoded or passed in search of records is at most some times the room; then, or
+// beyond 65536 runs, the rest counts as damage.
 std::vector<RecordRun> SurveyRecords(const RecordSource& source);
 
 // Looks whether runs of damage are records that have lost nothing but their header: what lies
