@@ -28,12 +28,12 @@
 namespace capsule::host {
 namespace {
 
-// Whether the header counts more sections than it has records of, or has records that it does not
-// count.
+// Whether the header counts more sections than it has records of, has records that it does not
+// count, or is of a kind in which a damaged count cannot be told from a true one.
 bool IsHeaderUnsure(const SectionScanner& scanner) {
   const size_t count = scanner.SectionCount();
   if (scanner.Header().partitions.size() != count) return true;
-  if (scanner.Header().layout != HeaderLayout::Fixed || scanner.IsScrambled()) return false;
+  if (scanner.Header().layout != HeaderLayout::Fixed || scanner.IsScrambled()) return true;
   const auto rest = scanner.RawHeader()
                         .subspan(kPartitionRecordsOffset, kPartitionRecordSize * kMaxPartitions)
                         .subspan(kPartitionRecordSize * count);

@@ -166,6 +166,15 @@ TEST(IndexWriter, DamagedPartitionRecordsLoseNoSection) {
   test::Bytes finished = compact.Finish();
   platform::StoreLe32(&finished[kIndexOffsetOffset], 0);
   refuse(std::string(finished.begin(), finished.begin() + end));
+
+  test::ForeignImage scrambled({.scrambled = true});
+  scrambled.BeginSection(0x0B, 2);
+  scrambled.EndSection();
+  scrambled.BeginSection(0x0B, 2);
+  scrambled.EndSection();
+  finished = scrambled.Finish();
+  finished[kPartitionCountOffset] ^= 2 ^ 1;
+  refuse(std::string(finished.begin(), finished.end()));
 }
 
 // An image of holes that leaves room for 100 bytes: too few for its index.
