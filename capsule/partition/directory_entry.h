@@ -221,6 +221,9 @@ class CAPSULE_API CapsuleDirectoryEntry {
   // Takes the records of a long-name chain from `records`; false when it is damaged.
   bool TakeLongNameChain(std::span<const unsigned char> records, void* entry, int* count);
 
+  // Gives back the memory that the long name does not need: images have very many names.
+  void FitLongName();
+
   _DirectoryEntry m_Record{};
   uint8_t m_nChecksum = 0;
   CapsuleBuffer m_LongFileName;

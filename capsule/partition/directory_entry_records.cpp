@@ -2,6 +2,8 @@
 // and comes in with one read: the longest group is 64 records of 40 bytes.
 #include <algorithm>
 #include <array>
+#include <cstdlib>
+#include <cstring>
 
 #include "capsule/partition/directory_entry.h"
 #include "capsule/partition/record_format.h"
@@ -127,7 +129,10 @@ bool CapsuleDirectoryEntry::TakeLongNameChain(std::span<const unsigned char> rec
     const auto next = records.subspan(kMiniHeaderSize, kDirEntrySize);
     std::copy(next.begin(), next.end(), record.begin());
     m_nReadOffset += kDirRecordSize;
-    if (DecodeShortEntry(record).Attribute != kLongNameAttribute) return true;
+    if (DecodeShortEntry(record).Attribute != kLongNameAttribute) {
+      FitLongName();
+      return true;
+    }
     records = records.subspan(kDirRecordSize);
   }
   return false;
@@ -145,6 +150,15 @@ void CapsuleDirectoryEntry::FormatLongFileName(const unsigned short* name, unsig
   };
   addPiece(units.subspan(full * kPieceUnits));
   for (size_t i = full; i > 0; --i) addPiece(units.subspan((i - 1) * kPieceUnits, kPieceUnits));
+  FitLongName();
+}
+
+void CapsuleDirectoryEntry::FitLongName() {
+  const int length = m_LongFileName.Size();
+  void* fitting = length > 0 ? std::malloc(static_cast<size_t>(length)) : nullptr;
+  if (fitting == nullptr) return;
+  std::memcpy(fitting, m_LongFileName.GetRead(), static_cast<size_t>(length));
+  m_LongFileName.UseThisBuffer(static_cast<const char*>(fitting), length, 0, length);
 }
 
 }  // namespace capsule
