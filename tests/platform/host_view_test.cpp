@@ -5,7 +5,6 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include <chrono>
 
 #include "capsule/platform/dos_time.h"
 #include "tests/support/temp_dir.h"
@@ -144,6 +143,7 @@ TEST_F(HostViewTest, ShortPathsReplaceTheLastComponentAlone) {
   std::filesystem::current_path(before);
 }
 
+// Listing the directory for every name would take longer than a test is given.
 TEST_F(HostViewTest, AHundredThousandLookUpsInOneDirectoryCostLinearTime) {
   const std::string big = m_Dir / "root/big";
   std::filesystem::create_directory(big);
@@ -153,12 +153,9 @@ TEST_F(HostViewTest, AHundredThousandLookUpsInOneDirectoryCostLinearTime) {
     ASSERT_GE(descriptor, 0);
     ::close(descriptor);
   }
-  const auto start = std::chrono::steady_clock::now();
   for (int i = 0; i < 100000; ++i) {
     ASSERT_TRUE(m_View.ShortPath("0:\\big\\sharedname " + std::to_string(i)));
   }
-  const std::chrono::duration<double> took = std::chrono::steady_clock::now() - start;
-  EXPECT_LT(took.count(), 30.0) << "listing the directory for every name takes hours";
 }
 
 }  // namespace

@@ -48,18 +48,16 @@ TEST(CpsListTest, BehavesLikeASimpleSequence) {
   }
 }
 
+// Moving all elements at each removal would take longer than a test is given.
 TEST(CpsListTest, ElementsAndRemovingTheFirstCostConstantTime) {
-  const auto start = std::chrono::steady_clock::now();
   CpsList list;
-  constexpr int kCount = 500000;
+  constexpr int kCount = 1000000;
   for (size_t i = 0; i < kCount; ++i) list.Append(Element(i));
   for (int i = 0; i < kCount; ++i) ASSERT_EQ(list.GetAt(i), Element(static_cast<size_t>(i)));
   for (size_t i = 0; list.GetCount() > 0; ++i) {
     ASSERT_EQ(list.GetAt(0), Element(i));
     list.RemoveAt(0);
   }
-  const std::chrono::duration<double> took = std::chrono::steady_clock::now() - start;
-  EXPECT_LT(took.count(), 10.0) << "moving all elements at each removal takes minutes";
 }
 
 TEST(CpsListTest, AQueueThatStaysShortTakesNoMoreAndMoreMemory) {
