@@ -112,21 +112,15 @@ TEST_F(FileBlockWrite, StreamedAndChunkedRecordsAreTheSameAndHoldTheFile) {
       ASSERT_TRUE(streamed);
       EXPECT_TRUE(streamed == Records(Way::Chunked, level)) << size << " at " << level;
       EXPECT_TRUE(Decode(*streamed, size, level) == content) << size << " at " << level;
-      if (level == 0 && size == 20000) {
-        EXPECT_EQ(streamed->size(), 20504U);
-      }
     }
   }
 }
 
 TEST_F(FileBlockWrite, LevelsAboveSixAndBelowZeroSearchMost) {
   Source(test::MixedBytes(30000, 11));
-  const auto most = Records(Way::Streamed, 9);
-  EXPECT_TRUE(most == Records(Way::Streamed, 7));
-  EXPECT_TRUE(most == Records(Way::Streamed, 8));
-  EXPECT_TRUE(most == Records(Way::Streamed, -1));
-  EXPECT_TRUE(Records(Way::Streamed, 1) == Records(Way::Streamed, 3));
-  EXPECT_TRUE(Records(Way::Streamed, 4) == Records(Way::Streamed, 6));
+  for (const auto& [level, alike] : {std::pair(9, 7), {9, 8}, {9, -1}, {1, 3}, {4, 6}}) {
+    EXPECT_TRUE(Records(Way::Streamed, level) == Records(Way::Streamed, alike)) << alike;
+  }
   EXPECT_FALSE(Records(Way::Streamed, 3) == Records(Way::Streamed, 4));
 }
 
@@ -154,7 +148,6 @@ TEST_F(FileBlockWrite, AUnitAsLongAsItsChunkGetsOneByteMore) {
   const auto records = Records(Way::Streamed, 1);
   ASSERT_TRUE(records);
   EXPECT_EQ(records->size(), 8U + 513);
-  EXPECT_EQ(U16At(*records, 6), 513);
   EXPECT_EQ(records->back(), '\0');
   EXPECT_TRUE(records == Records(Way::Chunked, 1));
   EXPECT_TRUE(Decode(*records, 512, 1) == chunk);
@@ -173,20 +166,20 @@ TEST_F(FileBlockWrite, AUnitAsLongAsItsChunkGetsOneByteMore) {
 TEST_F(FileBlockWrite, ASourceThatChangesAfterItsEntryIsAFailure) {
   const std::string content = test::MixedBytes(20000, 5);
   const std::string path = m_Tree.Source("F.BIN");
-  for (const uintmax_t size : {0U, 8192U, 19999U, 20001U, 40000U}) {
+  const auto expectFailure = [&](const std::function<void()>& change) {
     Source(content);
-    m_BetweenEntryAndData = [&] { std::filesystem::resize_file(path, size); };
-    EXPECT_FALSE(Records(Way::Streamed, 5)) << size;
+    m_BetweenEntryAndData = change;
+    EXPECT_FALSE(Records(Way::Streamed, 5));
+  };
+  for (const uintmax_t size : {0U, 8192U, 19999U, 20001U, 40000U}) {
+    SCOPED_TRACE(size);
+    expectFailure([&] { std::filesystem::resize_file(path, size); });
   }
-  m_BetweenEntryAndData = [&] { std::filesystem::remove(path); };
-  Source(content);
-  EXPECT_FALSE(Records(Way::Streamed, 0));
-  m_BetweenEntryAndData = [&] {
+  expectFailure([&] { std::filesystem::remove(path); });
+  expectFailure([&] {
     std::filesystem::remove(path);
     std::filesystem::create_directory(path);
-  };
-  Source(content);
-  EXPECT_FALSE(Records(Way::Streamed, 0));
+  });
 }
 
 TEST_F(FileBlockWrite, NoRecordPassesTheLargestImage) {
@@ -206,47 +199,25 @@ TEST_F(FileBlockWrite, NoRecordPassesTheLargestImage) {
   EXPECT_EQ(std::filesystem::file_size(target), 0x7FFFFFFFU);
 }
 
-TEST_F(FileBlockWrite, ChunksAreReadOneAfterTheOther) {
-  struct Step {
-    int result;
-    int last;
-    uint32_t param;
-  };
-  const auto expectSteps = [&](size_t size, std::vector<Step> steps) {
-    Source(test::MixedBytes(size, 9));
-    for (const Step& step : steps) {
-      CapsuleFileDataBlock block(kFat32, 0);
-      EXPECT_EQ(block.ReadFileData(kPath), step.result) << size;
-      EXPECT_EQ(block.IsLast(), step.last) << size;
-      const uint32_t param = block.GetMiniHeader().Param;  // unaligned where it lies
-      EXPECT_EQ(param, step.param) << size;
-      EXPECT_EQ(block.GetChunkPtr() == nullptr, step.result == -1) << size;
-      EXPECT_EQ(block.GetFileSize(), static_cast<int>(size));
-      EXPECT_EQ(block.DeleteChunkPtr(), nullptr);
-    }
-    EXPECT_EQ(m_Tree.State().chunkReadPosition, 0);
-  };
-  expectSteps(8192, {{0, 1, 8192}});
-  expectSteps(8193, {{8192, 0, 8192}, {0, 1, 512}});
-  expectSteps(16384, {{8192, 0, 8192}, {0, 1, 8192}});
-  expectSteps(1000, {{0, 1, 1024}});
-  expectSteps(0, {{-1, 0, 0}});
-
-  Source(test::MixedBytes(20000, 1));
+TEST_F(FileBlockWrite, AChunkThatCannotBeReadLeavesTheNextFileAtItsBeginning) {
   CapsuleFileDataBlock block(kFat32, 0);
+  Source("");
+  EXPECT_EQ(block.ReadFileData(kPath), -1);
+  const std::string content = test::MixedBytes(20000, 1);
+  Source(content);
   EXPECT_EQ(block.ReadFileData(kPath), 8192);
   std::filesystem::resize_file(m_Tree.Source("F.BIN"), 5000);
   EXPECT_EQ(block.ReadFileData(kPath), -1);
-  EXPECT_EQ(block.ReadFileData(nullptr), -1);
+  EXPECT_EQ(block.GetChunkPtr(), nullptr);
   EXPECT_EQ(block.ReadFileData("C:\\missing"), -1);
   EXPECT_EQ(block.ReadFileData(kPath), 0);
-  EXPECT_EQ(std::string(block.GetChunkPtr(), 5000), test::MixedBytes(20000, 1).substr(0, 5000));
+  EXPECT_EQ(std::string(block.GetChunkPtr(), 5000), content.substr(0, 5000));
 
   const CapsuleFileDataBlock copy(block);
   block.DeleteChunkPtr();
   CapsuleFileDataBlock second(kFat32, 0);
   second = copy;
-  EXPECT_EQ(std::string(second.GetChunkPtr(), 4), test::MixedBytes(20000, 1).substr(0, 4));
+  EXPECT_EQ(std::string(second.GetChunkPtr(), 5000), content.substr(0, 5000));
   EXPECT_EQ(second.IsLast(), 1);
 }
 

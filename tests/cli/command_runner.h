@@ -1,6 +1,7 @@
 // Runs the real command as a user would.
 #pragma once
 
+#include <gtest/gtest.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -37,11 +38,8 @@ inline CommandResult RunShell(const std::string& line) {
   }
   int status = 0;
   waitpid(child, &status, 0);
-  CommandResult result;
-  result.status = WIFEXITED(status) ? WEXITSTATUS(status) : -WTERMSIG(status);
-  result.out = ReadFile(directory / "out");
-  result.err = ReadFile(directory / "err");
-  return result;
+  return {WIFEXITED(status) ? WEXITSTATUS(status) : -WTERMSIG(status), ReadFile(directory / "out"),
+          ReadFile(directory / "err")};
 }
 
 // Runs `capsule` with these arguments.
@@ -50,5 +48,13 @@ inline CommandResult RunCapsule(const std::vector<std::string>& arguments) {
   for (const std::string& argument : arguments) line += " " + Quoted(argument);
   return RunShell(line);
 }
+
+// Has a folder of its own.
+class CommandTest : public testing::Test {
+ protected:
+  std::string At(const std::string& name) const { return m_Directory / name; }
+
+  TempDir m_Directory;
+};
 
 }  // namespace capsule::test

@@ -2,10 +2,10 @@
 
 #include <algorithm>
 #include <filesystem>
-#include <random>
 
 #include "tests/cli/command_runner.h"
 #include "tests/support/json.h"
+#include "tests/support/source_tree.h"
 
 namespace capsule::test {
 namespace {
@@ -13,29 +13,20 @@ namespace {
 namespace fs = std::filesystem;
 
 // An image of a compressed file whose fourth record is torn, and of another that is whole.
-class DamageTest : public testing::Test {
+class DamageTest : public CommandTest {
  protected:
   DamageTest() {
-    std::mt19937 random(17);
-    while (m_Text.size() < 100000) {
-      m_Text += std::to_string(random()) + (random() % 4 == 0 ? "\n" : " and so on; ");
-    }
-    m_Text.resize(100000);
     fs::create_directories(At("in"));
     WriteFile(At("in/text"), m_Text);
     WriteFile(At("in/whole"), "content");
     EXPECT_EQ(RunCapsule({"create", "-q", At("i"), At("in")}).status, 0);
     std::string bytes = ReadFile(At("i"));
-    std::vector<Json> records;
-    for (const auto& item : ParseJsonLines(RunCapsule({"inspect", "--json", At("i")}).out)) {
-      if (item.value("kind", "") == "data block") records.push_back(item);
-    }
-    const size_t record = records.at(3)["offset"];
+    auto items = ParseJsonLines(RunCapsule({"inspect", "--json", At("i")}).out);
+    std::erase_if(items, [](const Json& item) { return item.value("kind", "") != "data block"; });
+    const size_t record = items.at(3)["offset"];
     for (size_t i = 100; i < 140; ++i) bytes[record + i] = static_cast<char>(0xFF);
     WriteFile(At("i"), bytes);
   }
-
-  std::string At(const std::string& name) const { return m_Directory / name; }
 
   // The source without, or with zeros for, what was told to be lost.
   std::string Left(const std::vector<Json>& told, bool zeros) const {
@@ -56,8 +47,7 @@ class DamageTest : public testing::Test {
         {"extract", "-q", At("i"), "-C", At(choice), "--on-damage", choice, "--json"});
   }
 
-  TempDir m_Directory;
-  std::string m_Text;
+  const std::string m_Text = MixedBytes(100000, 17);
 };
 
 TEST_F(DamageTest, ExtractLeavesOutSkipsOrZeroesWhatIsLost) {
@@ -88,10 +78,8 @@ TEST_F(DamageTest, ExtractLeavesOutSkipsOrZeroesWhatIsLost) {
 }
 
 TEST_F(DamageTest, CatTellsTheLossOnStandardError) {
-  const std::vector<std::string> range = {"--offset", "20000", "--length", "15000"};
-  std::vector<std::string> arguments = {"cat", At("i"), "text", "--on-damage=zero", "--json"};
-  arguments.insert(arguments.end(), range.begin(), range.end());
-  const CommandResult zero = RunCapsule(arguments);
+  const CommandResult zero = RunCapsule({"cat", At("i"), "text", "--on-damage=zero", "--json",
+                                         "--offset", "20000", "--length", "15000"});
   EXPECT_EQ(zero.status, 1);
   EXPECT_TRUE(zero.out == Left(ParseJsonLines(zero.err), true).substr(20000, 15000));
   EXPECT_EQ(RunCapsule({"cat", At("i"), "text"}).status, 2);

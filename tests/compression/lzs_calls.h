@@ -12,12 +12,22 @@
 
 namespace capsule::test {
 
+// LzsCompress, or the decompressor with its parameters.
+using LzsCodec = uint16_t (*)(const unsigned char**, unsigned char**, uint32_t*, uint32_t*, void*,
+                              uint16_t, uint16_t);
+inline uint16_t DecompressAsCodec(const unsigned char** source, unsigned char** dest,
+                                  uint32_t* count, uint32_t* room, void* area, uint16_t flags,
+                                  uint16_t) {
+  return LzsDecompress(source, dest, count, room, area, flags);
+}
+
 class Random {
  public:
   explicit Random(uint64_t seed) : m_engine(seed) {}
   // 0 to `limit` - 1.
   uint32_t Below(uint32_t limit) { return static_cast<uint32_t>(m_engine() % limit); }
   bool Chance(uint32_t oneIn) { return Below(oneIn) == 0; }
+  unsigned char Byte(uint32_t limit = 256) { return static_cast<unsigned char>(Below(limit)); }
 
  private:
   std::mt19937_64 m_engine;
@@ -26,28 +36,20 @@ class Random {
 // A history area of exactly the right size, at any address.
 class MovingArea {
  public:
-  MovingArea(uint32_t size, uint16_t (*init)(void*)) : m_nSize(size) {
-    Allocate(1);
-    init(m_pArea);
+  MovingArea(uint32_t size, uint16_t (*init)(void*)) : m_nSize(size), m_Bytes(size + 1, 0xA5) {
+    init(Get());
   }
   void Move(Random& random) {
-    const unsigned char* old = m_pArea;
-    const std::unique_ptr<unsigned char[]> keep = std::move(m_pMemory);
-    Allocate(random.Below(16));
-    std::memcpy(m_pArea, old, m_nSize);
-    std::memset(keep.get(), 0xDB, m_nSize);
+    Bytes moved(m_nSize + random.Below(16), 0xA5);
+    std::memcpy(moved.data() + (moved.size() - m_nSize), Get(), m_nSize);
+    m_Bytes.swap(moved);
+    std::memset(moved.data(), 0xDB, moved.size());
   }
-  void* Get() { return m_pArea; }
+  void* Get() { return m_Bytes.data() + (m_Bytes.size() - m_nSize); }
 
  private:
-  void Allocate(uint32_t shift) {
-    m_pMemory = std::make_unique<unsigned char[]>(m_nSize + shift);
-    m_pArea = m_pMemory.get() + shift;
-    std::memset(m_pArea, 0xA5, m_nSize);
-  }
   uint32_t m_nSize;
-  std::unique_ptr<unsigned char[]> m_pMemory;
-  unsigned char* m_pArea = nullptr;
+  Bytes m_Bytes;
 };
 
 // A buffer without a byte behind it, so that the address sanitizer sees a step too far.

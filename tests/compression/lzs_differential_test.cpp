@@ -17,18 +17,9 @@ uint64_t FromEnvironment(const char* name, uint64_t otherwise) {
 }
 
 uint32_t RandomSize(Random& random) {
-  switch (random.Below(6)) {
-    case 0:
-      return random.Below(8);
-    case 1:
-      return random.Below(80);
-    case 2:
-      return 2030 + random.Below(40);
-    case 3:
-      return random.Below(9000);
-    default:
-      return random.Below(900);
-  }
+  static constexpr uint32_t kLimits[] = {8, 80, 40, 9000, 900, 900};
+  const uint32_t kind = random.Below(6);
+  return random.Below(kLimits[kind]) + (kind == 2 ? 2030 : 0);
 }
 
 // Bytes with matches of all kinds: few letters, runs, periods, copies from far back, noise.
@@ -55,10 +46,7 @@ Bytes RandomBytes(Random& random, uint32_t size) {
 // One history, a series of calls, and what the handles must show after each of them.
 class Session {
  public:
-  using Codec = uint16_t (*)(const unsigned char**, unsigned char**, uint32_t*, uint32_t*, void*,
-                             uint16_t, uint16_t);
-
-  Session(Random& random, MovingArea& area, Codec codec)
+  Session(Random& random, MovingArea& area, LzsCodec codec)
       : m_random(random), m_area(area), m_codec(codec) {}
 
   // What the next call will be given; a side that is not finished keeps what it has.
@@ -89,10 +77,9 @@ class Session {
       ASSERT_EQ(dest, m_dest.Data());
       return;
     }
-    Bytes out = expected.out;
-    ASSERT_LE(m_written + out.size(), m_dest.Size());
-    ASSERT_TRUE(std::equal(out.begin(), out.end(), m_dest.Data() + m_written));
-    m_written += static_cast<uint32_t>(out.size());
+    ASSERT_LE(m_written + expected.out.size(), m_dest.Size());
+    ASSERT_TRUE(std::equal(expected.out.begin(), expected.out.end(), m_dest.Data() + m_written));
+    m_written += static_cast<uint32_t>(expected.out.size());
 
     m_sourceDone = (word & (LzsInputUsedUp | LzsUnitComplete)) != 0;
     const uint32_t consumed = m_sourceDone ? expected.consumed : 0;
@@ -101,15 +88,13 @@ class Session {
     m_roomDone = expected.isIdle || (word & (LzsOutputFull | LzsUnitComplete)) != 0;
     ASSERT_EQ(dest, m_dest.Data() + (m_roomDone ? m_written : 0));
     ASSERT_EQ(room, m_roomDone ? m_dest.Size() - m_written : roomOffered);
-    if ((word & (LzsOutputFull | LzsUnitComplete)) == LzsOutputFull) {
-      ASSERT_EQ(room, 0U);
-    }
+    ASSERT_TRUE(room == 0 || (word & (LzsOutputFull | LzsUnitComplete)) != LzsOutputFull);
   }
 
  private:
   Random& m_random;
   MovingArea& m_area;
-  Codec m_codec;
+  LzsCodec m_codec;
   Buffer m_source;
   Buffer m_dest;
   uint32_t m_written = 0;
@@ -117,41 +102,38 @@ class Session {
   bool m_roomDone = true;
 };
 
-uint16_t Decompress(const unsigned char** source, unsigned char** dest, uint32_t* count,
-                    uint32_t* room, void* area, uint16_t flags, uint16_t) {
-  return LzsDecompress(source, dest, count, room, area, flags);
-}
-
-struct Unit {
+// Complete units, joined, and what they are made of.
+struct Units {
   Bytes coded;
   Bytes plain;
+  size_t count = 0;
 };
 
 // Compresses random input in random calls; the units that come of it.
-std::vector<Unit> CompressCase(Random& random) {
+Units CompressCase(Random& random) {
   static constexpr uint16_t kEfforts[] = {0, 0, 1, 2, 7, 7, 30, 255, 0x1FF};
   MovingArea area(LzsSizeOfCompressionHistory(), LzsInitCompressionHistory);
   ModelCompressor model;
   Session session(random, area, LzsCompress);
-  std::vector<Unit> units(1);
+  Units units;
+  Units complete;
   Bytes source;
   bool isLast = false;
   const uint32_t calls = 1 + random.Below(8);
   const bool hasSmallRooms = random.Chance(2);
-  const bool keeps = !random.Chance(3);
-  const bool closes = random.Chance(4);
+  const uint16_t keeps = random.Chance(3) ? 0 : LzsKeepHistory;
+  const uint16_t closes = random.Chance(4) ? LzsCloseOnFullOutput : 0;
   auto index = static_cast<uint16_t>(random.Below(4) * LzsIndexMatchEnds);
   uint16_t effort = kEfforts[random.Below(9)];
   Bytes pieces = RandomBytes(random, RandomSize(random) * (1 + random.Below(3)));
-  uint32_t taken = 0;
   uint32_t round = 0;
   for (uint32_t made = 0; made < 200 && (round < calls || !session.NeedsSource()); ++made) {
     if (session.NeedsSource() && source.empty()) {
       ++round;
-      const auto left = static_cast<uint32_t>(pieces.size()) - taken;
+      const auto left = static_cast<uint32_t>(pieces.size());
       const uint32_t size = std::min(left, round == calls ? left : RandomSize(random));
-      source.assign(pieces.begin() + taken, pieces.begin() + taken + size);
-      taken += size;
+      source.assign(pieces.begin(), pieces.begin() + size);
+      pieces.erase(pieces.begin(), pieces.begin() + size);
       isLast = round == calls || random.Chance(2);
       if (random.Chance(4)) {
         index = static_cast<uint16_t>(random.Below(4) * LzsIndexMatchEnds);
@@ -166,9 +148,7 @@ std::vector<Unit> CompressCase(Random& random) {
                                 : 30000;
       session.OfferRoom(room);
     }
-    auto flags =
-        static_cast<uint16_t>(index | (isLast ? LzsEndOfInput : 0) | (keeps ? LzsKeepHistory : 0) |
-                              (closes ? LzsCloseOnFullOutput : 0));
+    auto flags = static_cast<uint16_t>(index | keeps | closes | (isLast ? LzsEndOfInput : 0));
     // A change of mind within a source, or a flag that does not exist; how matches are indexed must
     // not change there, since it is open how far the search has come.
     static constexpr uint16_t kChanges[] = {LzsEndOfInput, LzsCloseOnFullOutput, LzsKeepHistory,
@@ -177,60 +157,68 @@ std::vector<Unit> CompressCase(Random& random) {
     const ModelResult expected = model.Call(source, room, flags, effort);
     session.Call(flags, effort, expected);
     if (testing::Test::HasFatalFailure()) return {};
-    Unit& unit = units.back();
-    unit.coded.insert(unit.coded.end(), expected.out.begin(), expected.out.end());
+    units.coded.insert(units.coded.end(), expected.out.begin(), expected.out.end());
     if (session.NeedsSource() && expected.word != 0) {
-      unit.plain.insert(unit.plain.end(), source.begin(), source.begin() + expected.consumed);
+      units.plain.insert(units.plain.end(), source.begin(), source.begin() + expected.consumed);
       source.erase(source.begin(), source.begin() + expected.consumed);
     }
-    if ((expected.word & LzsUnitComplete) != 0) units.emplace_back();
+    if ((expected.word & LzsUnitComplete) == 0) continue;
+    ++units.count;
+    complete = units;
   }
-  units.pop_back();
-  return units;
+  return complete;
 }
 
-// Decodes the joined units in random calls; the output must be what went in.
-void DecodeCase(Random& random, const std::vector<Unit>& units) {
-  MovingArea area(LzsSizeOfDecompressionHistory(), LzsInitDecompressionHistory);
-  ModelDecompressor model;
-  Session session(random, area, Decompress);
-  Bytes all;
-  Bytes expectedOut;
-  for (const Unit& unit : units) {
-    all.insert(all.end(), unit.coded.begin(), unit.coded.end());
-    expectedOut.insert(expectedOut.end(), unit.plain.begin(), unit.plain.end());
-  }
-  const uint32_t maxSource = random.Chance(2) ? 9 : 100000;
-  const uint32_t maxRoom = random.Chance(2) ? 40 : 30000;
-  Bytes source;
-  Bytes out;
+// Decodes joined units, or what looks like them, in random calls.
+struct Decoding {
+  Random& random;
+  const Bytes& all;
+  uint32_t sourceLimit;
+  uint32_t roomLimit;
+  MovingArea area{LzsSizeOfDecompressionHistory(), LzsInitDecompressionHistory};
+  ModelDecompressor model{};
+  Session session{random, area, DecompressAsCodec};
+  Bytes source{};
   size_t next = 0;
-  size_t done = 0;
-  while (done < units.size()) {
-    if (session.NeedsSource()) {
-      const size_t size = std::min<size_t>(random.Below(maxSource), all.size() - next);
-      source.assign(all.begin() + static_cast<long>(next),
-                    all.begin() + static_cast<long>(next + size));
-      session.OfferSource(source);
-    }
+
+  bool IsAtEnd() const { return next == all.size() && session.NeedsSource(); }
+
+  void OfferSource() {
+    if (!session.NeedsSource()) return;
+    const size_t size = std::min<size_t>(random.Below(sourceLimit), all.size() - next);
+    const auto from = all.begin() + static_cast<long>(next);
+    source.assign(from, from + static_cast<long>(size));
+    session.OfferSource(source);
+  }
+
+  ModelResult Call(uint16_t flags) {
     uint32_t room = 0;
     if (session.NeedsRoom()) {
-      room = random.Below(maxRoom);
+      room = (flags & LzsStoredBlock) != 0 ? static_cast<uint32_t>(source.size())
+                                           : random.Below(roomLimit);
       session.OfferRoom(room);
     }
-    const ModelResult expected = model.Call(source, room, LzsKeepHistory);
-    session.Call(LzsKeepHistory, 0, expected);
+    const ModelResult expected = model.Call(source, room, flags);
+    session.Call(flags, 0, expected);
+    if (session.NeedsSource() && expected.word != 0) next += expected.consumed;
+    return expected;
+  }
+};
+
+// The output must be what went in.
+void DecodeCase(Random& random, const Units& units) {
+  Decoding decoding{random, units.coded, random.Chance(2) ? 9U : 100000U,
+                    random.Chance(2) ? 40U : 30000U};
+  Bytes out;
+  for (size_t done = 0; done < units.count;) {
+    decoding.OfferSource();
+    const ModelResult expected = decoding.Call(LzsKeepHistory);
     if (testing::Test::HasFatalFailure()) return;
     ASSERT_NE(expected.word, 0);
-    if (session.NeedsSource()) next += expected.consumed;
     out.insert(out.end(), expected.out.begin(), expected.out.end());
     if ((expected.word & LzsUnitComplete) != 0) ++done;
   }
-  ASSERT_EQ(out, expectedOut);
-}
-
-void AppendBits(std::vector<bool>& bits, uint32_t value, unsigned width) {
-  for (unsigned i = width; i-- > 0;) bits.push_back((value >> i & 1) != 0);
+  ASSERT_EQ(out, units.plain);
 }
 
 // A stream that no compressor writes: both forms of offset, any length, now and then corrupt.
@@ -274,41 +262,19 @@ Bytes RandomStream(Random& random) {
 }
 
 void StreamCase(Random& random) {
-  MovingArea area(LzsSizeOfDecompressionHistory(), LzsInitDecompressionHistory);
-  ModelDecompressor model;
-  Session session(random, area, Decompress);
   Bytes all;
   while (all.size() < 30 || random.Chance(2)) {
     const Bytes stream = RandomStream(random);
     all.insert(all.end(), stream.begin(), stream.end());
   }
-  const bool keeps = !random.Chance(3);
-  const uint32_t maxSource = random.Chance(2) ? 9 : 20000;
-  const uint32_t maxRoom = random.Chance(2) ? 60 : 20000;
-  Bytes source;
-  size_t next = 0;
-  for (uint32_t made = 0; made < 400 && (next < all.size() || !session.NeedsSource()); ++made) {
-    if (session.NeedsSource()) {
-      const size_t size = std::min<size_t>(random.Below(maxSource), all.size() - next);
-      source.assign(all.begin() + static_cast<long>(next),
-                    all.begin() + static_cast<long>(next + size));
-      session.OfferSource(source);
-    }
-    uint32_t room = 0;
-    auto flags = static_cast<uint16_t>(keeps ? LzsKeepHistory : 0);
+  const uint16_t keeps = random.Chance(3) ? 0 : LzsKeepHistory;
+  Decoding decoding{random, all, random.Chance(2) ? 9U : 20000U, random.Chance(2) ? 60U : 20000U};
+  for (int made = 0; made < 400 && !decoding.IsAtEnd(); ++made) {
+    decoding.OfferSource();
+    uint16_t flags = keeps;
     if (random.Chance(10)) flags |= static_cast<uint16_t>(1 << random.Below(4));
-    if (session.NeedsRoom()) {
-      room = (flags & LzsStoredBlock) != 0 ? static_cast<uint32_t>(source.size())
-                                           : random.Below(maxRoom);
-      session.OfferRoom(room);
-    }
-    const ModelResult expected = model.Call(source, room, flags);
-    session.Call(flags, 0, expected);
-    if (testing::Test::HasFatalFailure()) return;
-    if (session.NeedsSource() && expected.word != 0)
-      next += expected.consumed;
-    else if (expected.word == 0 && (flags & ~6) == 0 && (flags & LzsStoredBlock) == 0)
-      return;
+    const bool isCorrupt = decoding.Call(flags).word == 0 && (flags & ~LzsKeepHistory) == 0;
+    if (isCorrupt || testing::Test::HasFatalFailure()) return;
   }
 }
 
@@ -319,7 +285,7 @@ TEST(LzsDifferential, CompressorAndDecompressorDoWhatTheModelsDo) {
     SCOPED_TRACE("CAPSULE_LZS_CASES=1 CAPSULE_LZS_SEED=" + std::to_string(seed));
     Random random(seed);
     lzs::UsePortableCode(seed % 3 == 0);
-    const std::vector<Unit> units = CompressCase(random);
+    const Units units = CompressCase(random);
     if (!HasFatalFailure()) DecodeCase(random, units);
     if (!HasFatalFailure()) StreamCase(random);
     if (HasFatalFailure()) break;

@@ -11,6 +11,15 @@ namespace capsule::test {
 
 using Bytes = std::vector<unsigned char>;
 
+// The low `width` bits of a value, the highest first.
+template <typename Bits>
+void AppendBits(Bits& bits, uint32_t value, unsigned width) {
+  for (unsigned i = width; i-- > 0;) bits.push_back((value >> i & 1) != 0);
+}
+
+// The side that a call left unfinished.
+enum class Saved { None, Source, Destination };
+
 // What one call did. `consumed` counts from where the source side stood when it was offered, and
 // `out` holds the bytes written by this call, both whether or not the side is finished.
 struct ModelResult {
@@ -27,7 +36,7 @@ class ModelCompressor {
 
  private:
   struct Piece {
-    std::vector<bool> bits;
+    std::vector<bool> bits = {};
     uint32_t stands = 0;  // source bytes that are written once this piece is
     bool groupsFollow = false;
     bool isEnd = false;
@@ -48,6 +57,7 @@ class ModelCompressor {
   bool NextCandidate(std::size_t position, std::size_t& candidate) const;
   bool WritePieces(bool mayClose, ModelResult& result);
   bool WriteWord(bool mayClose, bool isEnd, ModelResult& result);
+  void OweByte();
   bool WriteOwed(ModelResult& result);
   void Close(bool groupsFollow, ModelResult& result);
   void Reset();
@@ -62,7 +72,7 @@ class ModelCompressor {
   std::vector<bool> m_bits;
   Bytes m_owed;
   // Between calls.
-  enum class Saved { None, Source, Destination } m_saved = Saved::None;
+  Saved m_saved = Saved::None;
   uint16_t m_savedFlags = 0;
   bool m_isFresh = true;
   bool m_isPaused = false;
@@ -81,6 +91,7 @@ class ModelDecompressor {
   ModelResult CopyStored();
   End Decode(ModelResult& result);
   bool Token(ModelResult& result, End& end);
+  void Put(unsigned char byte, ModelResult& result);
   bool Take(std::size_t& at, unsigned count, uint32_t& value) const;
   void Drop(std::size_t count) {
     m_bits.erase(m_bits.begin(), m_bits.begin() + static_cast<long>(count));
@@ -94,7 +105,7 @@ class ModelDecompressor {
   bool m_inGroups = false;
   bool m_isInUnit = false;
   bool m_isCorrupt = false;
-  enum class Saved { None, Source, Destination } m_saved = Saved::None;
+  Saved m_saved = Saved::None;
   uint32_t m_sourceSize = 0;
   uint32_t m_sourceLeft = 0;
   uint32_t m_room = 0;

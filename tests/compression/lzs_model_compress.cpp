@@ -2,13 +2,6 @@
 #include "lzs_model.h"
 
 namespace capsule::test {
-namespace {
-
-void Append(std::vector<bool>& bits, uint32_t value, unsigned width) {
-  for (unsigned i = width; i-- > 0;) bits.push_back((value >> i & 1) != 0);
-}
-
-}  // namespace
 
 ModelResult ModelCompressor::Call(const Bytes& source, uint32_t room, uint16_t flags,
                                   unsigned effort) {
@@ -85,46 +78,39 @@ void ModelCompressor::ChooseTokens(uint16_t flags, unsigned effort) {
   }
   AddLiterals(runStart, m_sourceSize);
   if ((flags & LzsEndOfInput) == 0) return;
-  Piece end;
-  Append(end.bits, 0x180, 9);
-  end.stands = m_sourceSize;
-  end.isEnd = true;
+  Piece end{.stands = m_sourceSize, .isEnd = true};
+  AppendBits(end.bits, 0x180, 9);
   m_pieces.push_back(end);
 }
 
 void ModelCompressor::AddLiterals(uint32_t from, uint32_t to) {
   while (from < to) {
     const uint32_t count = (to - from) % 2 != 0 ? 1 : 2;
-    Piece piece;
-    for (uint32_t i = 0; i < count; ++i) Append(piece.bits, m_bytes[m_callStart + from + i], 9);
+    Piece piece{.stands = from + count};
+    for (uint32_t i = 0; i < count; ++i) AppendBits(piece.bits, m_bytes[m_callStart + from + i], 9);
     from += count;
-    piece.stands = from;
     m_pieces.push_back(piece);
   }
 }
 
 void ModelCompressor::AddMatch(uint32_t at, Found match) {
-  Piece header;
-  Append(header.bits, 1, 1);
-  Append(header.bits, match.offset < 128 ? 1 : 0, 1);
-  Append(header.bits, match.offset, match.offset < 128 ? 7 : 11);
+  const bool isLong = match.length >= 8;
+  Piece header{.stands = at + (isLong ? 8 : match.length), .groupsFollow = isLong};
+  AppendBits(header.bits, match.offset < 128 ? 3 : 2, 2);
+  AppendBits(header.bits, match.offset, match.offset < 128 ? 7 : 11);
   if (match.length < 5)
-    Append(header.bits, match.length - 2, 2);
+    AppendBits(header.bits, match.length - 2, 2);
   else
-    Append(header.bits, match.length < 8 ? 7 + match.length : 15, 4);
-  header.groupsFollow = match.length >= 8;
-  header.stands = at + (match.length < 8 ? match.length : 8);
+    AppendBits(header.bits, isLong ? 15 : 7 + match.length, 4);
   m_pieces.push_back(header);
-  if (match.length < 8) return;
+  if (!isLong) return;
   uint32_t rest = match.length - 8;
   for (bool isLast = false; !isLast;) {
     const uint32_t group = rest < 15 ? rest : 15;
     isLast = group < 15;
     rest -= group;
-    Piece piece;
-    Append(piece.bits, group, 4);
-    piece.stands = at + match.length - rest;
-    piece.groupsFollow = !isLast;
+    Piece piece{.stands = at + match.length - rest, .groupsFollow = !isLast};
+    AppendBits(piece.bits, group, 4);
     m_pieces.push_back(piece);
   }
 }
@@ -209,40 +195,36 @@ bool ModelCompressor::WritePieces(bool mayClose, ModelResult& result) {
   }
   if (!m_isEnding) return true;
   while (m_bits.size() % 8 != 0) m_bits.push_back(false);
-  while (!m_bits.empty()) {
-    unsigned value = 0;
-    for (std::size_t i = 0; i < 8; ++i) value = value * 2 + (m_bits[i] ? 1 : 0);
-    m_owed.push_back(static_cast<unsigned char>(value));
-    m_bits.erase(m_bits.begin(), m_bits.begin() + 8);
-  }
+  while (!m_bits.empty()) OweByte();
   return WriteOwed(result);
 }
 
 // Takes a full word off the bits; the last 12 bytes are for closing, if there is room for that.
 bool ModelCompressor::WriteWord(bool mayClose, bool isEnd, ModelResult& result) {
-  for (std::size_t byte = 0; byte < 4; ++byte) {
-    unsigned value = 0;
-    for (std::size_t i = 0; i < 8; ++i) value = value * 2 + (m_bits[byte * 8 + i] ? 1 : 0);
-    m_owed.push_back(static_cast<unsigned char>(value));
-  }
-  m_bits.erase(m_bits.begin(), m_bits.begin() + 32);
+  for (int i = 0; i < 4; ++i) OweByte();
   const uint32_t reserve = mayClose && !isEnd && m_room >= 8 ? 12 : 0;
   return m_room >= reserve + 4 && WriteOwed(result);
 }
 
+void ModelCompressor::OweByte() {
+  unsigned value = 0;
+  for (std::size_t i = 0; i < 8; ++i) value = value * 2 + (m_bits[i] ? 1 : 0);
+  m_owed.push_back(static_cast<unsigned char>(value));
+  m_bits.erase(m_bits.begin(), m_bits.begin() + 8);
+}
+
 bool ModelCompressor::WriteOwed(ModelResult& result) {
-  while (!m_owed.empty() && m_room != 0) {
+  for (; !m_owed.empty() && m_room != 0; --m_room) {
     result.out.push_back(m_owed.front());
     m_owed.erase(m_owed.begin());
-    --m_room;
   }
   return m_owed.empty();
 }
 
 void ModelCompressor::Close(bool groupsFollow, ModelResult& result) {
-  if (groupsFollow) Append(m_bits, 0, 4);
+  if (groupsFollow) AppendBits(m_bits, 0, 4);
   m_pieces.clear();
-  Append(m_bits, 0x180, 9);
+  AppendBits(m_bits, 0x180, 9);
   m_isEnding = true;
   WritePieces(false, result);
   result.word = LzsOutputFull | LzsUnitComplete;

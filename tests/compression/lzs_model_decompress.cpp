@@ -21,8 +21,7 @@ ModelResult ModelDecompressor::Call(const Bytes& source, uint32_t room, uint16_t
     m_source = source;
     m_sourceSize = m_sourceLeft = offered;
     if (!isStored)
-      for (const unsigned char byte : source)
-        for (int i = 7; i >= 0; --i) m_bits.push_back((byte >> i & 1) != 0);
+      for (const unsigned char byte : source) AppendBits(m_bits, byte, 8);
   }
   m_room = space;
   m_saved = Saved::None;
@@ -69,18 +68,19 @@ ModelResult ModelDecompressor::CopyStored() {
 
 ModelDecompressor::End ModelDecompressor::Decode(ModelResult& result) {
   for (;;) {
-    if (m_rest > 0) {
-      if (m_room == 0) return End::Full;
-      const unsigned char byte = m_history[m_history.size() - m_offset];
-      m_history.push_back(byte);
-      result.out.push_back(byte);
-      --m_room;
-      --m_rest;
-      continue;
-    }
     End end = End::NeedInput;
-    if (!Token(result, end)) return end;
+    if (m_rest == 0 && !Token(result, end)) return end;
+    for (; m_rest > 0; --m_rest) {
+      if (m_room == 0) return End::Full;
+      Put(m_history[m_history.size() - m_offset], result);
+    }
   }
+}
+
+void ModelDecompressor::Put(unsigned char byte, ModelResult& result) {
+  m_history.push_back(byte);
+  result.out.push_back(byte);
+  --m_room;
 }
 
 bool ModelDecompressor::Take(std::size_t& at, unsigned count, uint32_t& value) const {
@@ -108,9 +108,7 @@ bool ModelDecompressor::Token(ModelResult& result, End& end) {
     if (m_room == 0) return false;
     Drop(at);
     m_isInUnit = true;
-    m_history.push_back(static_cast<unsigned char>(value));
-    result.out.push_back(static_cast<unsigned char>(value));
-    --m_room;
+    Put(static_cast<unsigned char>(value), result);
     return true;
   }
   uint32_t isShort = 0;

@@ -1,10 +1,10 @@
 #include <gtest/gtest.h>
 #include <sys/resource.h>
 
-#include <algorithm>
 #include <cerrno>
 #include <csignal>
 #include <filesystem>
+#include <tuple>
 
 #include "capsule/blocks/file_block.h"
 #include "capsule/container/capsule_file.h"
@@ -82,9 +82,7 @@ TEST_F(CapsuleFileWrite, SmallImageHasExactlyTheseBytes) {
   for (const size_t slot : {7056, 7080})
     header.replace(slot + 2, 13, Hex("0B") + Zeros(11) + "\x02");
 
-  const std::string directoryA = entry("A          ", 0x10, none) +
-                                 entry(".          ", 0x10, none) +
-                                 entry("..         ", 0x10, none);
+  const std::string dots = entry(".          ", 0x10, none) + entry("..         ", 0x10, none);
   const std::string hello =
       record +
       Hex("42 78 00 74 00 00 00 FF FF FF FF 0F 00 DB FF FF FF FF FF FF FF FF FF FF FF FF 00 00 FF "
@@ -95,17 +93,14 @@ TEST_F(CapsuleFileWrite, SmallImageHasExactlyTheseBytes) {
       entry("HELLO_~1TXT", 0x20, "03 00 00 00");
   const std::string data = Hex("03 01 00 00 00 00 00 02") + "hi\n" + Zeros(509);
   const std::string file = zeroEntry + entry("Z       TXT", 0x20, none);
-  const std::string directoryD = entry("D          ", 0x10, none) +
-                                 entry(".          ", 0x10, none) +
-                                 entry("..         ", 0x10, none);
-  const std::string expected = header + sectionStart + directoryA + hello + data + file + area +
-                               sectionStart + directoryD + zeroEntry + zeroEntry + area;
+  const std::string expected =
+      header + sectionStart + entry("A          ", 0x10, none) + dots + hello + data + file + area +
+      sectionStart + entry("D          ", 0x10, none) + dots + zeroEntry + zeroEntry + area;
   EXPECT_EQ(m_pImage->GetWriteOffset(),
             static_cast<int>(expected.size() - area.size() - 2 * zeroEntry.size()));
   const std::string stored = Finish();
   ASSERT_EQ(stored.size(), expected.size());
-  const auto different = std::mismatch(stored.begin(), stored.end(), expected.begin()).first;
-  EXPECT_EQ(different - stored.begin(), static_cast<std::ptrdiff_t>(expected.size()));
+  for (size_t i = 0; i < stored.size(); ++i) ASSERT_EQ(stored[i], expected[i]) << i;
 }
 
 TEST_F(CapsuleFileWrite, HeaderTellsTheLevelAndRefusesLongVersions) {
@@ -128,7 +123,7 @@ TEST_F(CapsuleFileWrite, HeaderTellsTheLevelAndRefusesLongVersions) {
   EXPECT_EQ(std::string(image.GetVersionString()), std::string(255, 'v'));
 }
 
-TEST_F(CapsuleFileWrite, CreatingAgainReleasesTheFirstFileAndOldBytesStay) {
+TEST_F(CapsuleFileWrite, CreatingAgainReleasesTheFirstFileKeepsOldBytesAndReportsFailures) {
   test::WriteFile(m_Tree.Beside("second"), std::string(20000, 'x'));
   Start(0, "first");
   ASSERT_EQ(Insert(m_Tree.AddDirectory("d")), 0);
@@ -143,29 +138,29 @@ TEST_F(CapsuleFileWrite, CreatingAgainReleasesTheFirstFileAndOldBytesStay) {
   EXPECT_EQ(m_pImage->CreateCapsuleFile(m_Tree.Beside("no/such").c_str()), -1);
   EXPECT_EQ(m_pImage->GetImageFileHandle(), 0);
   EXPECT_EQ(m_pImage->GetLastError(), ENOENT);
+  ASSERT_EQ(m_pImage->CreateCapsuleFile("/dev/full"), 0);
+  EXPECT_EQ(m_pImage->WriteImageFileHeader("Capsulate"), -1);
+  EXPECT_EQ(m_pImage->GetLastError(), ENOSPC);
+  EXPECT_EQ(m_pImage->GetWriteOffset(), 0);
 }
 
 TEST_F(CapsuleFileWrite, LevelsAreClosedByWhatThePathsShare) {
-  struct Case {
-    const char* previous;
-    const char* path;  // a directory
-    size_t levels;
-  };
-  const Case cases[] = {
+  // The path inserted before, that of a directory, and how many levels it closes.
+  const std::tuple<const char*, const char*, size_t> cases[] = {
       {"", "C:\\a", 0},         {"C:\\a\\b", "C:\\a\\c", 1}, {"C:\\a\\b\\d", "C:\\a", 2},
       {"C:\\a", "C:\\a\\b", 0}, {"C:\\A", "C:\\a\\b", 1},    {"C:/a/b", "C:\\a", 1},
       {"C:\\a\\", "C:\\a", 0},  {"\\\\a", "C:\\a", 3}};
   for (const char* name : {"a/b/d", "a/c"}) m_Tree.AddDirectory(name);
   int number = 0;
-  for (const Case& test : cases) {
+  for (const auto& [previous, path, levels] : cases) {
     Start(0, "levels" + std::to_string(number++));
-    m_State.previousInsertDir = test.previous;
-    ASSERT_EQ(Insert(test.path), 0);
+    m_State.previousInsertDir = previous;
+    ASSERT_EQ(Insert(path), 0);
     const std::string bytes = Finish();
     size_t zeroEntries = 0;
     while (U8At(bytes, kFirstItem + 40 * zeroEntries + 8) == 0) ++zeroEntries;
-    EXPECT_EQ(zeroEntries, test.levels) << test.previous << " then " << test.path;
-    EXPECT_EQ(m_State.previousInsertDir, test.path);
+    EXPECT_EQ(zeroEntries, levels) << previous << " then " << path;
+    EXPECT_EQ(m_State.previousInsertDir, path);
     EXPECT_EQ(m_State.dirLevelsToClose, 0);
   }
 }
@@ -197,20 +192,18 @@ TEST_F(CapsuleFileWrite, PartitionsOpenInOrderAndCountTheirNumbers) {
 
 TEST_F(CapsuleFileWrite, KnownCompressedExtensionsAreStored) {
   const std::string text(600, 't');
+  const std::pair<const char*, uint32_t> params[] = {{"REPORT.ZIP", 0}, {"report2.zip", 0},
+                                                     {"X.Avi", 0},      {"A.TXT", 1024},
+                                                     {"P.TGZ", 0},      {"XJPG", 1024}};
   Start(5);
-  struct Case {
-    const char* name;
-    uint32_t param;
-  };
-  for (const Case& test : {Case{"REPORT.ZIP", 0}, Case{"report2.zip", 0}, Case{"X.Avi", 0},
-                           Case{"A.TXT", 1024}, Case{"P.TGZ", 0}, Case{"XJPG", 1024}}) {
+  for (const auto& [name, param] : params) {
     const auto at = static_cast<size_t>(m_pImage->GetWriteOffset());
-    ASSERT_EQ(Insert(m_Tree.AddFile(test.name, text)), 0);
+    ASSERT_EQ(Insert(m_Tree.AddFile(name, text)), 0);
     const std::string bytes = test::ReadFile(m_strImage);
     const size_t data = at == 7560 ? kFirstItem + 40 : at + 40;
-    ASSERT_EQ(U8At(bytes, data), 3) << test.name;
-    EXPECT_EQ(U32At(bytes, data + 2), test.param) << test.name;
-    EXPECT_EQ(U16At(bytes, data + 6) == 1024, test.param == 0) << test.name;
+    ASSERT_EQ(U8At(bytes, data), 3) << name;
+    EXPECT_EQ(U32At(bytes, data + 2), param) << name;
+    EXPECT_EQ(U16At(bytes, data + 6) == 1024, param == 0) << name;
   }
 }
 
@@ -267,14 +260,6 @@ TEST_F(CapsuleFileWrite, WhatCannotBeInsertedChangesNothing) {
     EXPECT_EQ(std::filesystem::file_size(m_strImage), 7560U) << path;
   }
   EXPECT_EQ(m_pImage->InsertFile(nullptr, 0), -1);
-}
-
-TEST_F(CapsuleFileWrite, AFullDiskIsReported) {
-  CapsuleFile image;
-  ASSERT_EQ(image.CreateCapsuleFile("/dev/full"), 0);
-  EXPECT_EQ(image.WriteImageFileHeader("Capsulate"), -1);
-  EXPECT_EQ(image.GetLastError(), ENOSPC);
-  EXPECT_EQ(image.GetWriteOffset(), 0);
 }
 
 // Lets the process write no file beyond `bytes` until the end of the scope.

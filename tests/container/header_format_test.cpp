@@ -59,9 +59,8 @@ TEST(HeaderFormat, CompactHeadersThatLeaveTheHeaderAreRefused) {
 }
 
 TEST(HeaderFormat, OnlyFlagOneMeansScrambled) {
-  const Bytes plain = CompactHeader(800, 2);
+  Bytes header = CompactHeader(800, 2);
   for (const int flag : {0, 2, 255}) {
-    Bytes header = plain;
     header[kScrambleFlagOffset] = static_cast<unsigned char>(flag);
     EXPECT_EQ(Sections(header), 2);
   }

@@ -21,29 +21,19 @@
 // Counts how often an example handed something to its reader.
 inline int g_taken = 0;
 
-template <typename... Values>
-void Use(const Values&...) {
-  ++g_taken;
-}
-template <typename... Values>
-void Show(const Values&...) {
-  ++g_taken;
-}
-template <typename... Values>
-void Print(const Values&...) {
-  ++g_taken;
-}
+inline constexpr auto Use = [](const auto&...) { ++g_taken; };
+inline constexpr auto Show = Use;
+inline constexpr auto Print = Use;
 
 // Of a job that never ends by itself.
-bool CopyOne();
+inline bool CopyOne() { return true; }
 
 // Makes the folder of one example the current one.
 class ExampleFolder {
  public:
   ExampleFolder();
   ~ExampleFolder();
-  ExampleFolder(const ExampleFolder&) = delete;
-  ExampleFolder& operator=(const ExampleFolder&) = delete;
+  ExampleFolder& operator=(ExampleFolder&&) = delete;
 
  private:
   capsule::test::TempDir m_Directory;
@@ -85,8 +75,15 @@ struct Names : ExampleFolder {
   uint16_t effort = 8;
   std::vector<unsigned char> compressionHistory;
   void* history;
-  const unsigned char* NextInput(uint32_t* size, uint16_t* inputFlags);
-  unsigned char* NextRoom(uint32_t* size);
+  const unsigned char* NextInput(uint32_t* size, uint16_t* inputFlags) {
+    *size = sizeof bytes;
+    *inputFlags = capsule::LzsEndOfInput;
+    return bytes;
+  }
+  unsigned char* NextRoom(uint32_t* size) {
+    *size = static_cast<uint32_t>(buffer.size());
+    return buffer.data();
+  }
 };
 
 struct Example {

@@ -3,15 +3,15 @@
 #include <gtest/gtest.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cctype>
 #include <filesystem>
 
 #include "capsule/host/image_builder.h"
 #include "tests/docs/example_names.h"
+#include "tests/support/open_image.h"
 
 namespace fs = std::filesystem;
-
-bool CopyOne() { return true; }
 
 ExampleFolder::ExampleFolder() : m_strPrevious(fs::current_path()) {
   fs::current_path(m_Directory.Path());
@@ -34,20 +34,15 @@ ExampleFolder::~ExampleFolder() { fs::current_path(m_strPrevious); }
 
 namespace {
 
-// Goes down through first children that are not "." or "..".
 capsule::CapsuleFileBlock& FirstFile(capsule::CapsuleFile& file) {
   if (file.ReadImage(0) != 0) throw std::runtime_error("disk.cap cannot be read");
   auto* partition = static_cast<capsule::CapsulePartition*>(file.GetPartitions().GetAt(0));
-  capsule::CpsList* list = &partition->GetFileBlocks();
-  for (int i = 0; i < list->GetCount(); ++i) {
-    auto* block = static_cast<capsule::CapsuleFileBlock*>(list->GetAt(i));
-    capsule::CapsuleDirectoryEntry& entry = block->GetDirectoryEntry();
-    if (entry.ShortName()[0] == '.') continue;
-    if (entry.IsDirectory() == 0) return *block;
-    list = &block->FileList();
-    i = -1;
-  }
-  throw std::runtime_error("disk.cap has no file");
+  capsule::CapsuleFileBlock* first = nullptr;
+  capsule::test::ForEachBlock(partition->GetFileBlocks(), [&](capsule::CapsuleFileBlock& block) {
+    if (first == nullptr && block.GetDirectoryEntry().IsDirectory() == 0) first = &block;
+  });
+  if (first == nullptr) throw std::runtime_error("disk.cap has no file");
+  return *first;
 }
 
 class DocumentExamplesTest : public testing::TestWithParam<Example> {};
@@ -60,9 +55,8 @@ TEST_P(DocumentExamplesTest, Runs) {
 
 std::string NameOf(const testing::TestParamInfo<Example>& example) {
   std::string name = example.param.where;
-  for (char& c : name) {
-    if (std::isalnum(static_cast<unsigned char>(c)) == 0) c = '_';
-  }
+  const auto isOdd = [](unsigned char c) { return std::isalnum(c) == 0; };
+  std::ranges::replace_if(name, isOdd, '_');
   return name;
 }
 
@@ -83,15 +77,4 @@ Names::~Names() {
   ::close(fd);
   file.CloseImageFileHandle();
   capsule::platform::SetRoot('C', nullptr);
-}
-
-const unsigned char* Names::NextInput(uint32_t* size, uint16_t* inputFlags) {
-  *size = sizeof bytes;
-  *inputFlags = capsule::LzsEndOfInput;
-  return bytes;
-}
-
-unsigned char* Names::NextRoom(uint32_t* size) {
-  *size = static_cast<uint32_t>(buffer.size());
-  return buffer.data();
 }

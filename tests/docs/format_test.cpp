@@ -3,6 +3,8 @@
 #include <gtest/gtest.h>
 
 #include <map>
+#include <regex>
+#include <set>
 #include <sstream>
 
 #include "capsule/compression/lzs.h"
@@ -21,31 +23,13 @@ using test::Hex;
 
 std::string Document() { return test::ReadFile(CAPSULE_FORMAT_DOCUMENT); }
 
-// The bytes at the start of `text`, spelled "0A 1B"; empty when it does not begin so.
-std::string LeadingHex(const std::string& text) {
-  constexpr const char* kDigits = "0123456789ABCDEF";
-  size_t end = 0;
-  const auto pairAt = [&](size_t at) {
-    return text.find_first_not_of(kDigits, at) == at + 2 || text.size() == at + 2;
-  };
-  if (text.find_first_of(kDigits) != 0) return "";
-  while (pairAt(end)) {
-    end += 2;
-    if (end >= text.size() || text[end] != ' ' || !pairAt(end + 1)) return text.substr(0, end);
-    ++end;
-  }
-  return "";
-}
-
 // Puts the bytes of one line, "OFFSET  bytes   what they are", in their place.
 void PutLine(const std::string& line, std::string* image) {
-  ASSERT_EQ(line.find_first_not_of("0123456789ABCDEF"), 8U) << line;
-  const size_t offset = std::stoul(line.substr(0, 8), nullptr, 16);
-  const std::string hex = LeadingHex(line.substr(10));
-  ASSERT_FALSE(hex.empty()) << line;
-  ASSERT_TRUE(line.size() == 10 + hex.size() || line.compare(10 + hex.size(), 3, "   ") == 0)
-      << line;
-  const std::string bytes = Hex(hex);
+  static const std::regex pattern("([0-9A-F]{8})  ([0-9A-F]{2}(?: [0-9A-F]{2})*)(?:   .*)?");
+  std::smatch parts;
+  ASSERT_TRUE(std::regex_match(line, parts, pattern)) << line;
+  const size_t offset = std::stoul(parts[1], nullptr, 16);
+  const std::string bytes = Hex(parts[2]);
   ASSERT_GE(offset, image->find_last_not_of('\0') + 1) << "out of order: " << line;
   image->resize(std::max(image->size(), offset + bytes.size()));
   image->replace(offset, bytes.size(), bytes);
@@ -111,11 +95,11 @@ TEST(FormatDocument, SaysRightWhatItSaysInSentences) {
       {"C0 00", Compressed("")},
   };
   const std::string document = Document();
-  std::map<std::string, int> found;
-  for (size_t at = 0; (at = document.find('`', at)) != std::string::npos; ++at) {
-    const std::string span = LeadingHex(document.substr(at + 1, 100));
-    if (span.size() < 5 || document[at + 1 + span.size()] != '`') continue;
-    ++found[span];
+  std::set<std::string> found;
+  const std::regex pattern("`([0-9A-F]{2}(?: [0-9A-F]{2})+)`");
+  for (std::sregex_iterator at(document.begin(), document.end(), pattern), end; at != end; ++at) {
+    const std::string span = (*at)[1];
+    found.insert(span);
     ASSERT_TRUE(expected.contains(span)) << span << " is checked by nothing";
     EXPECT_EQ(Hex(span), expected.at(span)) << span;
   }

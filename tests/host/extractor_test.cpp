@@ -2,21 +2,16 @@
 
 #include <gtest/gtest.h>
 #include <sys/stat.h>
-#include <unistd.h>
 
-#include <fstream>
 #include <map>
 
-#include "capsule/host/index_writer.h"
 #include "tests/host/small_image.h"
-#include "tests/support/temp_dir.h"
 
 namespace capsule::host {
 namespace {
 
 namespace fs = std::filesystem;
 using test::SmallImage;
-using test::TempDir;
 
 // Names, kinds, modes, times and contents of all below a folder, for comparison.
 std::map<std::string, std::string> Snapshot(const fs::path& folder) {
@@ -40,28 +35,24 @@ class ExtractorTest : public testing::Test {
     fs::create_directory(m_Directory / "out");
     fs::create_directory(m_Directory / "outside");
     test::WriteFile(Outside("victim"), "precious");
+    m_Small.BeginSection();
   }
 
   std::string Out(const std::string& name) const { return m_Directory / ("out/" + name); }
   std::string Outside(const std::string& name) const { return m_Directory / ("outside/" + name); }
 
-  void Complete(SmallImage& image) {
-    test::WriteFile(m_Directory / "image", image.Bytes());
-    IndexWriter(m_Directory / "image").Write();
+  void Complete() {
+    m_Small.EndSection();
+    test::WriteIndexed(m_Directory / "image", m_Small);
   }
 
   // 0:/A (10 bytes "d"), 0:/SUB/B (20 bytes).
   void MakeImage() {
-    SmallImage image;
-    image.BeginSection();
-    image.Entry("A          ", 0x20, 10);
-    image.Data(512, true);
-    image.Folder("SUB        ");
-    image.Entry("B          ", 0x20, 20);
-    image.Data(512, true);
-    image.Close();
-    image.EndSection();
-    Complete(image);
+    m_Small.SmallFile("A          ", 10);
+    m_Small.Folder("SUB        ");
+    m_Small.SmallFile("B          ", 20);
+    m_Small.Close();
+    Complete();
   }
 
   ExtractReport Extract(bool force = false) {
@@ -79,7 +70,8 @@ class ExtractorTest : public testing::Test {
     return text;
   }
 
-  TempDir m_Directory;
+  test::TempDir m_Directory;
+  test::SmallImage m_Small;
 };
 
 TEST_F(ExtractorTest, LinksFoundInTheTargetAreNeverFollowed) {
@@ -92,26 +84,12 @@ TEST_F(ExtractorTest, LinksFoundInTheTargetAreNeverFollowed) {
     const auto before = Snapshot(m_Directory / "outside");
     const ExtractReport report = Extract(force);
     EXPECT_EQ(Snapshot(m_Directory / "outside"), before);
-    const std::string way = "0:/SUB: something that is not a folder is in the way\n";
-    if (force) {
-      EXPECT_EQ(Reasons(report), way);
-      EXPECT_TRUE(fs::is_regular_file(fs::symlink_status(Out("A"))));
-      EXPECT_EQ(test::ReadFile(Out("A")), std::string(10, 'd'));
-    } else {
-      EXPECT_EQ(Reasons(report), "0:/A: exists in the target folder, kept\n" + way);
-      EXPECT_TRUE(fs::is_symlink(Out("A")));
-    }
+    EXPECT_EQ(Reasons(report),
+              std::string(force ? "" : "0:/A: exists in the target folder, kept\n") +
+                  "0:/SUB: something that is not a folder is in the way\n");
+    EXPECT_EQ(fs::is_symlink(Out("A")), !force);
+    EXPECT_EQ(test::ReadFile(Out("A")), force ? std::string(10, 'd') : "precious");
   }
-}
-
-TEST_F(ExtractorTest, ATargetThatIsALinkOrMissingIsRefused) {
-  MakeImage();
-  fs::remove(m_Directory / "out");
-  EXPECT_THROW(Extract(), Error);
-  fs::create_directory_symlink(m_Directory / "outside", m_Directory / "out");
-  const auto before = Snapshot(m_Directory / "outside");
-  EXPECT_THROW(Extract(), Error);
-  EXPECT_EQ(Snapshot(m_Directory / "outside"), before);
 }
 
 TEST_F(ExtractorTest, WhatIsInTheWayIsKeptOrReplacedWhole) {
@@ -133,42 +111,30 @@ TEST_F(ExtractorTest, WhatIsInTheWayIsKeptOrReplacedWhole) {
 }
 
 TEST_F(ExtractorTest, ForgedNamesStayInTheImage) {
-  SmallImage image;
-  image.BeginSection();
   for (const char* name : {"..         ", ".          ", "../X       ", "A/B        ",
                            "A\\B        ", "/ETC       ", "           "}) {
-    image.Entry(name, 0x20, 3);
-    image.Data(512, true);
+    m_Small.SmallFile(name, 3);
   }
-  image.Entry(std::string_view("A\0B        ", 11), 0x20, 3);
-  image.Data(512, true);
-  image.Entry("../UP      ", 0x10);
-  image.Close();
-  image.Entry("GOOD       ", 0x20, 3);
-  image.Data(512, true);
-  image.EndSection();
-  Complete(image);
+  m_Small.SmallFile(std::string_view("A\0B        ", 11), 3);
+  m_Small.Entry("../UP      ", 0x10);
+  m_Small.Close();
+  m_Small.SmallFile("GOOD       ", 3);
+  Complete();
   const auto before = Snapshot(m_Directory / "outside");
   const ExtractReport report = Extract(true);
   EXPECT_EQ(report.problems.size(), 9u) << Reasons(report);
   EXPECT_EQ(report.files, 1u);
   EXPECT_EQ(Snapshot(m_Directory / "outside"), before);
-  EXPECT_EQ(Snapshot(m_Directory / "out").size(), 1u);
   EXPECT_TRUE(fs::exists(Out("GOOD")));
   EXPECT_EQ(Snapshot(m_Directory.Path()).size(), 5u);  // image, out, GOOD, outside, victim
 }
 
 TEST_F(ExtractorTest, OfTwoEqualNamesTheFirstComesOut) {
-  SmallImage image;
-  image.BeginSection();
-  image.Entry("A          ", 0x20, 1);
-  image.Data(512, true);
-  image.Entry("A          ", 0x20, 2);
-  image.Data(512, true);
-  image.Folder("A          ");
-  image.Close();
-  image.EndSection();
-  Complete(image);
+  m_Small.SmallFile("A          ", 1);
+  m_Small.SmallFile("A          ", 2);
+  m_Small.Folder("A          ");
+  m_Small.Close();
+  Complete();
   EXPECT_EQ(Reasons(Extract(true)),
             "0:/A: an earlier entry has the same name\n"
             "0:/A: an earlier entry has the same name\n");
@@ -180,9 +146,8 @@ TEST_F(ExtractorTest, DamagedFilesLeaveNothingBehindAndTheRestComesOut) {
   std::string bytes = test::ReadFile(m_Directory / "image");
   bytes[7560 + 2056 + 40] = 0x17;  // the type of A's only record
   test::WriteFile(m_Directory / "image", bytes);
-  const ExtractReport report = Extract();
   EXPECT_EQ(
-      Reasons(report),
+      Reasons(Extract()),
       "0:/A: data block at 0x25b8: record is of type 23, a data block is 3; 0 of 10 bytes were "
       "read\n");
   EXPECT_EQ(Snapshot(m_Directory / "out").size(), 2u);
@@ -190,19 +155,15 @@ TEST_F(ExtractorTest, DamagedFilesLeaveNothingBehindAndTheRestComesOut) {
 }
 
 TEST_F(ExtractorTest, TimesAndPermissionsComeBack) {
-  SmallImage image;
-  image.BeginSection();
-  image.Folder("SUB        ");
-  image.Entry("RO         ", 0x21, 1);
-  image.Data(512, true);
-  image.Close();
-  image.EndSection();
+  m_Small.Folder("SUB        ");
+  m_Small.SmallFile("RO         ", 1, 0x21);
+  m_Small.Close();
   const auto stamp = [&](size_t entry, const char* dateAndTime) {
-    image.Bytes().replace(7560 + 2056 + 40 * entry + 8 + 22, 4, dateAndTime, 4);
+    m_Small.Bytes().replace(7560 + 2056 + 40 * entry + 8 + 22, 4, dateAndTime, 4);
   };
   stamp(0, "\x00\x60\xa1\x58");  // 2024-05-01 12:00:00
   stamp(3, "\x21\x60\xa1\x58");  // 12:01:02
-  Complete(image);
+  Complete();
   EXPECT_EQ(Reasons(Extract()), "");
   struct stat status {};
   ASSERT_EQ(stat(Out("SUB").c_str(), &status), 0);
@@ -218,18 +179,14 @@ TEST_F(ExtractorTest, ChosenEntriesComeWithTheirFolders) {
   Extractor extractor(image, m_Directory / "out");
   extractor.Add(*image.Find("0:/SUB/B"));
   extractor.Add(*image.Find("0:/SUB/B"));
-  const ExtractReport report = extractor.Run();
-  EXPECT_EQ(Reasons(report), "");
+  EXPECT_EQ(Reasons(extractor.Run()), "");
   EXPECT_TRUE(fs::exists(Out("SUB/B")));
   EXPECT_FALSE(fs::exists(Out("A")));
 }
 
 TEST_F(ExtractorTest, DeepFoldersEndWhereTheLimitIs) {
-  SmallImage image;
-  image.BeginSection();
-  for (int i = 0; i < kMaxExtractDepth + 50; ++i) image.Folder("D          ");
-  image.EndSection();
-  Complete(image);
+  for (int i = 0; i < kMaxExtractDepth + 50; ++i) m_Small.Folder("D          ");
+  Complete();
   const ExtractReport report = Extract();
   EXPECT_EQ(report.directories, static_cast<uint64_t>(kMaxExtractDepth));
   ASSERT_EQ(report.problems.size(), 1u);

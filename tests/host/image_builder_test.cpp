@@ -2,20 +2,17 @@
 
 #include <gtest/gtest.h>
 #include <sys/stat.h>
-#include <unistd.h>
 
 #include <cstdlib>
 
 #include "tests/host/scanned_tree.h"
-#include "tests/support/temp_dir.h"
+#include "tests/support/bytes.h"
 
 namespace capsule::host {
 namespace {
 
 namespace fs = std::filesystem;
 using test::TempDir;
-
-const fs::path kSources = fs::path(CAPSULE_TEST_DATA) / "../../capsule";
 
 BuildReport Build(const std::string& image, const std::vector<fs::path>& folders,
                   BuildOptions options = {}) {
@@ -24,52 +21,14 @@ BuildReport Build(const std::string& image, const std::vector<fs::path>& folders
   return builder.Finish();
 }
 
-TEST(ImageBuilder, PutsEveryItemInItsFolder) {
-  const TempDir folder;
-  const std::string image = folder / "x.cap";
-  const BuildReport report =
-      Build(image, {kSources, kSources / "host", kSources / "platform"}, {.level = 0});
-  test::Tree expected;
-  test::AddFolder(0, kSources, &expected);
-  test::AddFolder(1, kSources / "host", &expected);
-  test::AddFolder(2, kSources / "platform", &expected);
-  EXPECT_EQ(test::ScannedTree(image), expected);
-  EXPECT_EQ(report.files + report.directories, expected.size());
-  EXPECT_TRUE(report.problems.empty());
-  EXPECT_EQ(report.imageBytes, fs::file_size(image));
-}
-
-TEST(ImageBuilder, OddNamesComeOutAsTheyAre) {
-  const TempDir folder;
-  const std::string source = folder / "source";
-  fs::create_directories(source + "/sub folder/.deep/d.d");
-  std::vector<std::string> names = {"Makefile",   "README",      "readme.txt",    ".gitignore",
-                                    ".a.b",       "a..b",        "x+y[1].tar.gz", " lead",
-                                    "in between", "n\xc3\xa4me", "latin\xe9",     "case",
-                                    "Case",       "CASE",        "two\nlines",    "a:b"};
-  for (const size_t length : {1u, 8u, 12u, 13u, 14u, 26u, 27u, 255u})
-    names.emplace_back(length, 'L');
-  for (int i = 0; i < 2000; ++i) names.push_back("sameeight" + std::to_string(i));
-  for (const std::string& name : names) test::WriteFile(source + "/" + name, "of " + name);
-  test::WriteFile(source + "/sub folder/.deep/d.d/leaf", "l");
-  test::WriteFile(source + "/sub folder/zz", "after a folder");
-  test::WriteFile(source + "/zzz", "after two");
-
-  const BuildReport report = Build(folder / "x.cap", {source}, {.level = 0});
-  EXPECT_EQ(test::ScannedTree(folder / "x.cap"), test::FolderTree(source));
-  EXPECT_TRUE(report.problems.empty());
-  EXPECT_EQ(report.files, names.size() + 3);
-}
-
 TEST(ImageBuilder, NamesThatDoNotFitAreLeftOutWithAllBelow) {
   const TempDir folder;
   const std::string source = folder / "source";
   fs::create_directories(source + "/dot./inner");
   fs::create_directories(source + "/ok");
   test::WriteFile(source + "/dot./inner/f", "x");
-  for (const char* name : {"back\\slash", "what?", "blank ", "tab\t", "ok/line\n", "ok/a\\"}) {
+  for (const char* name : {"back\\slash", "what?", "blank ", "tab\t", "ok/line\n", "ok/a\\"})
     test::WriteFile(source + "/" + name, "x");
-  }
   test::WriteFile(source + "/ok/?.no\x85", "kept");
   const BuildReport report = Build(folder / "x.cap", {source}, {.level = 0});
   EXPECT_EQ(test::ScannedTree(folder / "x.cap"),
@@ -89,7 +48,8 @@ TEST(ImageBuilder, SameTreeSameBytesWhereverItLies) {
   fs::create_directories(fs::path(there).parent_path());
   ASSERT_EQ(std::system(("cp -a '" + here + "' '" + there + "'").c_str()), 0);
 
-  Build(folder / "a.cap", {here});
+  const BuildReport report = Build(folder / "a.cap", {here});
+  EXPECT_EQ(report.imageBytes, fs::file_size(folder / "a.cap"));
   Build(folder / "b.cap", {there});
   const std::string first = test::ReadFile(folder / "a.cap");
   EXPECT_EQ(first, test::ReadFile(folder / "b.cap"));
@@ -126,9 +86,8 @@ TEST(ImageBuilder, SkipsWhatIsNoFileAndWhatIsExcluded) {
   const std::string source = folder / "s";
   for (const char* name : {"keep/build", "build/x", "a/b/c"})
     fs::create_directories(source + "/" + name);
-  for (const char* name : {"1.o", "1.c", "keep/2.o", "build/x/3", "a/b/c/4", "a/b/5"}) {
+  for (const char* name : {"1.o", "1.c", "keep/2.o", "build/x/3", "a/b/c/4", "a/b/5"})
     test::WriteFile(source + "/" + name, "x");
-  }
   fs::create_symlink("1.c", source + "/link");
   fs::create_symlink("keep", source + "/folder link");
   ASSERT_EQ(::mkfifo((source + "/fifo").c_str(), 0600), 0);
@@ -142,16 +101,6 @@ TEST(ImageBuilder, SkipsWhatIsNoFileAndWhatIsExcluded) {
                                                              {"0:keep/build", "<dir>"}}));
   EXPECT_EQ(report.skipped, 3u);
   EXPECT_EQ(report.excluded, 4u);
-}
-
-TEST(ImageBuilder, NeverTakesItsOwnFiles) {
-  const TempDir folder;
-  test::WriteFile(folder / "f", "x");
-  for (int run = 0; run < 2; ++run) {
-    const BuildReport report = Build(folder / "x.cap", {folder.Path()}, {.level = 0});
-    EXPECT_EQ(test::ScannedTree(folder / "x.cap"), (test::Tree{{"0:f", "x"}}));
-    EXPECT_EQ(report.skipped + report.excluded + report.problems.size(), 0u);
-  }
 }
 
 TEST(ImageBuilder, KeepsPermissionsAndLinksOfTheTarget) {
@@ -192,9 +141,7 @@ TEST(ImageBuilder, SourceDateEpochCapsTimes) {
   const auto writeDate = [&](const char* epoch) {
     ::setenv("SOURCE_DATE_EPOCH", epoch, 1);
     Build(folder / "x.cap", {folder / "s"});
-    const std::string image = test::ReadFile(folder / "x.cap");
-    return static_cast<unsigned char>(image[9616 + 8 + 24]) +
-           256 * static_cast<unsigned char>(image[9616 + 8 + 25]);
+    return test::U16At(test::ReadFile(folder / "x.cap"), 9616 + 8 + 24);
   };
   EXPECT_EQ(writeDate("946684800"), (2000 - 1980) << 9 | 1 << 5 | 1);
   EXPECT_GT(writeDate("4000000000"), (2025 - 1980) << 9);

@@ -6,12 +6,10 @@
 #include <thread>
 
 #include "capsule/host/image_builder.h"
-#include "capsule/host/index_writer.h"
-#include "capsule/platform/little_endian.h"
 #include "tests/host/small_image.h"
+#include "tests/support/bytes.h"
 #include "tests/support/entries.h"
 #include "tests/support/sample_images.h"
-#include "tests/support/temp_dir.h"
 
 namespace capsule::host {
 namespace {
@@ -21,12 +19,24 @@ using test::ForEachEntry;
 using test::ReadAll;
 using test::SamplePath;
 using test::SmallImage;
-using test::TempDir;
 using test::TwoFiles;
-using Bytes = std::vector<unsigned char>;
 
-std::string OpeningError(const std::string& path) {
-  return ErrorOf([&] { Image image(path); });
+class ImageTest : public testing::Test {
+ protected:
+  // Puts `bytes` in the place of the image; returns what goes wrong when it is opened.
+  std::string OpeningError(const std::string& bytes) {
+    test::WriteFile(m_Path, bytes);
+    return ErrorOf([&] { Image image(m_Path); });
+  }
+
+  test::TempDir m_Directory;
+  std::string m_Path = m_Directory / "i";
+};
+
+std::string Range(FileReader& reader, uint64_t offset, size_t length) {
+  std::vector<unsigned char> bytes(length);
+  bytes.resize(reader.Read(offset, bytes));
+  return {bytes.begin(), bytes.end()};
 }
 
 // Every file of the image, read to its end.
@@ -43,12 +53,11 @@ std::ptrdiff_t OpenDescriptors() {
 
 constexpr uint32_t kOneData = 7560 + 2056 + 3 * 40 + 40;  // first record of ONE.BIN
 
-TEST(ImageTest, FindsByLongAndShortNamesInEveryPartition) {
+TEST_F(ImageTest, FindsByLongAndShortNamesInEveryPartition) {
   const Image names(SamplePath("w_names.img"));
-  const auto byLong = names.Find("0:/NAMES/abcdefghijklmnopqrstu6.txt");
-  ASSERT_TRUE(byLong);
-  EXPECT_EQ(byLong->ShortName(), "ABCDEF~4.TXT");
-  EXPECT_EQ(byLong->Path(), "0:/NAMES/abcdefghijklmnopqrstu6.txt");
+  const auto byLong = names.Find("0:/NAMES/abcdefghijklmnopqrstu6.txt").value();
+  EXPECT_EQ(byLong.ShortName(), "ABCDEF~4.TXT");
+  EXPECT_EQ(byLong.Path(), "0:/NAMES/abcdefghijklmnopqrstu6.txt");
   for (const char* path : {"NAMES/ABCDEF~4.TXT", "\\names\\abcdef~4.txt", "//NAMES/\\ABCDEF~4.Txt",
                            "0:NAMES/ABCDEFGHIJKLMNOPQRSTU6.TXT"}) {
     EXPECT_EQ(names.Find(path), byLong) << path;
@@ -65,17 +74,15 @@ TEST(ImageTest, FindsByLongAndShortNamesInEveryPartition) {
   EXPECT_FALSE(three.Find("1:/p2"));
 }
 
-TEST(ImageTest, ExactNamesComeBeforeThoseThatDifferInCase) {
-  TempDir directory;
+TEST_F(ImageTest, ExactNamesComeBeforeThoseThatDifferInCase) {
   SmallImage small;
   small.BeginSection();
   for (const char* name : {"readme     ", "README     ", "ReadMe     ", "README     "}) {
     small.Entry(name, 0x20);
   }
   small.EndSection();
-  test::WriteFile(directory / "i", small.Bytes());
-  IndexWriter(directory / "i").Write();
-  const Image image(directory / "i");
+  test::WriteIndexed(m_Path, small);
+  const Image image(m_Path);
   std::vector<Entry> entries;
   for (const Entry& entry : image.Root(0).Children()) entries.push_back(entry);
   ASSERT_EQ(entries.size(), 4u);
@@ -87,23 +94,19 @@ TEST(ImageTest, ExactNamesComeBeforeThoseThatDifferInCase) {
   EXPECT_FALSE(entries[1].IsDuplicate());
 }
 
-TEST(ImageTest, RangesInAnyOrderAndFromManyThreadsAgree) {
+TEST_F(ImageTest, RangesInAnyOrderAndFromManyThreadsAgree) {
   const Image image(SamplePath("f_16384_lzs.img"));
   const Entry entry = *image.Find("0:/DATA/C.BIN");
-  const std::string text = ReadAll(image, entry);
-  const Bytes whole(text.begin(), text.end());
+  const std::string whole = ReadAll(image, entry);
   ASSERT_EQ(whole.size(), 40000u);
   const auto check = [&](unsigned seed) {
     std::mt19937 random(seed);
     FileReader reader = image.OpenFile(entry);
     for (int i = 0; i < 300; ++i) {
       const size_t offset = random() % 41000;
-      Bytes range(random() % 20000);
-      const size_t expected = std::min(range.size(), 40000 - std::min<size_t>(offset, 40000));
-      ASSERT_EQ(reader.Read(offset, range), expected);
-      ASSERT_TRUE(
-          std::equal(range.begin(), range.begin() + static_cast<std::ptrdiff_t>(expected),
-                     whole.begin() + static_cast<std::ptrdiff_t>(std::min<size_t>(offset, 40000))));
+      const size_t length = random() % 20000;
+      ASSERT_EQ(Range(reader, offset, length),
+                whole.substr(std::min(offset, whole.size()), length));
     }
   };
   std::vector<std::thread> threads;
@@ -112,25 +115,19 @@ TEST(ImageTest, RangesInAnyOrderAndFromManyThreadsAgree) {
 }
 
 // More than 64 times 256 KiB, so that kept histories are thinned out on the way.
-TEST(ImageTest, BackwardRangesOfALongFileAgree) {
-  const test::TempDir folder;
+TEST_F(ImageTest, BackwardRangesOfALongFileAgree) {
   std::string text;
   for (int64_t i = 0; text.size() < 20'000'000; ++i)
     text += "line " + std::to_string(i * 7919) + "\n";
-  std::filesystem::create_directory(folder / "in");
-  test::WriteFile(folder / "in/long.txt", text);
-  ImageBuilder builder(folder / "x.cap");
-  builder.AddDirectory(folder / "in");
+  std::filesystem::create_directory(m_Directory / "in");
+  test::WriteFile(m_Directory / "in/long.txt", text);
+  ImageBuilder builder(m_Path);
+  builder.AddDirectory(m_Directory / "in");
   builder.Finish();
-  const Image image(folder / "x.cap");
+  const Image image(m_Path);
   FileReader reader = image.OpenFile(*image.Find("long.txt"));
-  Bytes range(1000);
-  for (size_t at = text.size() - range.size(); at > 100'000; at -= 99'991) {
-    ASSERT_EQ(reader.Read(at, range), range.size());
-    ASSERT_TRUE(
-        std::equal(range.begin(), range.end(), text.begin() + static_cast<std::ptrdiff_t>(at),
-                   [](unsigned char a, char b) { return a == static_cast<unsigned char>(b); }))
-        << at;
+  for (size_t at = text.size() - 1000; at > 100'000; at -= 99'991) {
+    ASSERT_EQ(Range(reader, at, 1000), text.substr(at, 1000)) << at;
   }
 }
 
@@ -142,14 +139,14 @@ std::string Survey(const Image& image, unsigned seed) {
     seen += entry.Path() + entry.ShortName() + (image.Find(entry.Path()) == entry ? "|" : "?");
     if (entry.Size() == 0 || entry.Name()[0] == '$') return;  // without data in this image
     const uint64_t from = random() % entry.Size();
-    Bytes bytes(static_cast<size_t>(entry.Size() - from));
+    std::vector<unsigned char> bytes(static_cast<size_t>(entry.Size() - from));
     EXPECT_EQ(image.Read(entry, from, bytes), bytes.size());
     seen += std::to_string(bytes.back());
   });
   return seen;
 }
 
-TEST(ImageTest, EntriesOfNoImageSaySo) {
+TEST_F(ImageTest, EntriesOfNoImageSaySo) {
   const Entry none;
   EXPECT_EQ(none, Entry());
   for (const std::string& error :
@@ -159,7 +156,7 @@ TEST(ImageTest, EntriesOfNoImageSaySo) {
   }
 }
 
-TEST(ImageTest, ManyThreadsListFindAndReadOneImage) {
+TEST_F(ImageTest, ManyThreadsListFindAndReadOneImage) {
   for (const char* name :
        {"w_three_open.img", "w_names.img", "f_16384_lzs.img", "n_flat_old.img"}) {
     const Image image(SamplePath(name));
@@ -176,66 +173,47 @@ TEST(ImageTest, ManyThreadsListFindAndReadOneImage) {
   }
 }
 
-TEST(ImageTest, SaysWhyItCannotBeOpened) {
-  TempDir directory;
-  const auto with = [&](const std::string& bytes) {
-    test::WriteFile(directory / "i", bytes);
-    return OpeningError(directory / "i");
-  };
-  const auto has = [](const std::string& message, const std::string& part) {
+TEST_F(ImageTest, SaysWhyItCannotBeOpened) {
+  const auto has = [&](const std::string& bytes, const std::string& part) {
+    const std::string message = OpeningError(bytes);
     EXPECT_NE(message.find(part), std::string::npos) << message;
   };
-  has(OpeningError(directory / "missing"), "cannot open: no such file or directory");
-  has(OpeningError(directory.Path().string()), "directory");
-  has(with(""), "not an image: 0 bytes");
-  has(with(std::string(7559, 'x')), "not an image: 7559 bytes");
-  has(with(std::string(10000, 'x')), "not an image");
-  SmallImage small = TwoFiles();
-  has(with(small.Bytes()), "has no index; `capsule index` makes one");
-  IndexWriter(directory / "i").Write();
-  const std::string whole = test::ReadFile(directory / "i");
+  has(std::string(7559, 'x'), "not an image: 7559 bytes");
+  has(TwoFiles().Bytes(), "has no index; `capsule index` makes one");
+  const std::string whole = test::WriteIndexed(m_Path, TwoFiles());
   const auto patched = [&](size_t at, std::string_view bytes) {
-    return with(std::string(whole).replace(at, bytes.size(), bytes));
+    return std::string(whole).replace(at, bytes.size(), bytes);
   };
-  EXPECT_EQ(with(whole), "");
   has(patched(kPartitionRecordsOffset + 2, "\x07"), "folders of partition 0 cannot be read");
   has(patched(kScrambleFlagOffset, "\x01"), "folders of partition 1 cannot be read");
   has(patched(kPartitionCountOffset, "\x0b"), "header is damaged");
   has(patched(kIndexOffsetOffset, std::string_view("\x01\0\0\0", 4)), "inside the header");
   has(patched(kIndexOffsetOffset, "\xff\xff\xff\xff"), "cut short");
-  has(with(whole + "x"), "index is damaged");
-  EXPECT_EQ(OpeningError(SamplePath("w_files_only.img")), "");
+  has(whole + "x", "index is damaged");
 }
 
-TEST(ImageTest, ACutAtAnyLengthIsNoticed) {
-  TempDir directory;
-  test::WriteFile(directory / "i", TwoFiles().Bytes());
-  IndexWriter(directory / "i").Write();
-  const std::string checked = test::ReadFile(directory / "i");
+TEST_F(ImageTest, ACutAtAnyLengthIsNoticed) {
+  const std::string checked = test::WriteIndexed(m_Path, TwoFiles());
   const std::string unchecked = test::ReadFile(SamplePath("w_files_only.img"));
   for (const std::string& whole : {checked, unchecked}) {
+    EXPECT_EQ(OpeningError(whole), "");
     for (size_t length = 0; length < whole.size(); length += length + 300 < whole.size() ? 97 : 1) {
-      test::WriteFile(directory / "cut", whole.substr(0, length));
-      ASSERT_NE(OpeningError(directory / "cut"), "") << length;
+      ASSERT_NE(OpeningError(whole.substr(0, length)), "") << length;
     }
   }
 }
 
-TEST(ImageTest, ADamagedIndexIsNoticedAndOtherDamageDoesNoHarm) {
-  TempDir directory;
-  test::WriteFile(directory / "i", TwoFiles().Bytes());
-  IndexWriter(directory / "i").Write();
-  std::string bytes = test::ReadFile(directory / "i");
-  const size_t index =
-      platform::LoadLe32(Bytes(bytes.begin(), bytes.end()).data() + kIndexOffsetOffset);
+TEST_F(ImageTest, ADamagedIndexIsNoticedAndOtherDamageDoesNoHarm) {
+  std::string bytes = test::WriteIndexed(m_Path, TwoFiles());
+  const size_t index = test::U32At(bytes, kIndexOffsetOffset);
   const auto descriptors = OpenDescriptors();
   for (size_t at = 5500; at < bytes.size(); at += at < index ? 37 : 5) {
     const char before = bytes[at];
     for (const int value : {0x00, 0x01, 0xFF}) {
       bytes[at] = static_cast<char>(value);
       if (bytes[at] == before) continue;
-      test::WriteFile(directory / "i", bytes);
-      const std::string message = ErrorOf([&] { ReadEverything(Image(directory / "i")); });
+      test::WriteFile(m_Path, bytes);
+      const std::string message = ErrorOf([&] { ReadEverything(Image(m_Path)); });
       // "CI1" itself may become something else: then there is no check value to compare.
       if (at >= index + 3) {
         ASSERT_NE(message, "") << at << " " << value;
@@ -246,7 +224,7 @@ TEST(ImageTest, ADamagedIndexIsNoticedAndOtherDamageDoesNoHarm) {
   EXPECT_EQ(OpenDescriptors(), descriptors);
 }
 
-TEST(ImageTest, RecordsMustHoldExactlyWhatTheyState) {
+TEST_F(ImageTest, RecordsMustHoldExactlyWhatTheyState) {
   struct Case {
     size_t at;
     std::string_view bytes;
@@ -263,14 +241,11 @@ TEST(ImageTest, RecordsMustHoldExactlyWhatTheyState) {
       {kOneData - 4, std::string_view("\0\0\1\0", 4), "cannot hold them"},
       {kOneData - 4, std::string_view("\1\0\0\0", 4), "not marked as the last record"},
   };
-  TempDir directory;
-  test::WriteFile(directory / "i", TwoFiles().Bytes());
-  IndexWriter(directory / "i").Write();
-  const std::string whole = test::ReadFile(directory / "i");
+  const std::string whole = test::WriteIndexed(m_Path, TwoFiles());
   for (const Case& damage : cases) {
-    test::WriteFile(directory / "i",
+    test::WriteFile(m_Path,
                     std::string(whole).replace(damage.at, damage.bytes.size(), damage.bytes));
-    const Image image(directory / "i");
+    const Image image(m_Path);
     const std::string message = ErrorOf([&] { ReadAll(image, *image.Find("0:/FOLDER/ONE.BIN")); });
     EXPECT_NE(message.find(damage.message), std::string::npos) << damage.message << ": " << message;
     EXPECT_NE(message.find("0:/FOLDER/ONE.BIN: data block at 0x"), std::string::npos) << message;
@@ -278,47 +253,37 @@ TEST(ImageTest, RecordsMustHoldExactlyWhatTheyState) {
   }
 }
 
-TEST(ImageTest, CompressedRecordsMustDecodeToTheirLength) {
-  TempDir directory;
+TEST_F(ImageTest, CompressedRecordsMustDecodeToTheirLength) {
   const std::string whole = test::ReadFile(SamplePath("f_16384_lzs.img"));
-  const auto readingError = [&](const char* path, const auto& damage) {
+  const size_t data = Image(SamplePath("f_16384_lzs.img")).Find("0:/DATA/C.BIN")->Offset() + 40;
+  const auto readingError = [&](size_t at, int flipped) {
     std::string bytes = whole;
-    size_t data = 0;
-    {
-      const Image image(SamplePath("f_16384_lzs.img"));
-      data = image.Find(path)->Offset() + 40;
-    }
-    damage(bytes, data);
-    test::WriteFile(directory / "i", bytes);
-    const Image image(directory / "i");
-    return ErrorOf([&] { ReadAll(image, *image.Find(path)); });
+    bytes[data + at] ^= static_cast<char>(flipped);
+    test::WriteFile(m_Path, bytes);
+    const Image image(m_Path);
+    return ErrorOf([&] { ReadAll(image, *image.Find("0:/DATA/C.BIN")); });
   };
-  const std::string path = "0:/DATA/C.BIN";
-  const auto longer =
-      readingError(path.c_str(), [](std::string& b, size_t at) { b[at + 3] = 0x42; });
+  const std::string longer = readingError(3, 0x40 ^ 0x42);
   EXPECT_NE(longer.find("decodes to 16384 bytes instead of 16896"), std::string::npos) << longer;
-  const auto cut = readingError(path.c_str(), [](std::string& b, size_t at) { b[at + 3] = 0x3E; });
+  const std::string cut = readingError(3, 0x40 ^ 0x3E);
   EXPECT_NE(cut.find("decodes to more than the 15872 bytes"), std::string::npos) << cut;
   int failures = 0;
-  for (int seed = 0; seed < 100; ++seed) {
-    std::mt19937 random(static_cast<unsigned>(seed));
-    failures += readingError(path.c_str(), [&](std::string& b, size_t at) {
-                  b[at + 8 + random() % 18000] ^= static_cast<char>(1U << (random() % 8));
-                }) != "";
+  for (unsigned seed = 0; seed < 100; ++seed) {
+    std::mt19937 random(seed);
+    const int flipped = 1 << (random() % 8);
+    if (!readingError(8 + random() % 18000, flipped).empty()) ++failures;
   }
   EXPECT_GT(failures, 0);  // a changed literal is valid data; a changed token rarely is
 }
 
-TEST(ImageTest, DeepTreesAreOpenedAndLeftWithoutRecursion) {
+TEST_F(ImageTest, DeepTreesAreOpenedAndLeftWithoutRecursion) {
   constexpr int kDepth = 5000;
-  TempDir directory;
   SmallImage small;
   small.BeginSection();
   for (int i = 0; i < kDepth; ++i) small.Folder("D          ");
   small.EndSection();
-  test::WriteFile(directory / "i", small.Bytes());
-  IndexWriter(directory / "i").Write();
-  const Image image(directory / "i");
+  test::WriteIndexed(m_Path, small);
+  const Image image(m_Path);
   Entry entry = image.Root(0);
   int depth = 0;
   for (; !entry.Children().empty(); ++depth) entry = *entry.Children().begin();

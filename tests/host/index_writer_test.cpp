@@ -16,6 +16,7 @@
 #include "capsule/platform/little_endian.h"
 #include "tests/host/small_image.h"
 #include "tests/support/damage_seed.h"
+#include "tests/support/entries.h"
 #include "tests/support/foreign_image.h"
 #include "tests/support/temp_dir.h"
 
@@ -49,22 +50,36 @@ test::SmallImage TwoSections() {
   image.EndSection();
   image.BeginSection();
   image.Close();
-  image.Entry("G       TXT", 0x20, 3);
-  image.Data(512, true);
+  image.SmallFile("G       TXT", 3);
   image.EndSection();
   image.SetPartitionCount(3);
   return image;
 }
 
-TEST(IndexWriter, WritesEveryByteAsDescribed) {
-  const test::TempDir folder;
-  const std::string path = folder / "x.cap";
-  const std::string before = TwoSections().Bytes();
-  test::WriteFile(path, before);
-  const IndexReport report = IndexWriter(path).Write();
+class IndexWriterTest : public testing::Test {
+ protected:
+  void Put(const std::string& bytes) const { test::WriteFile(m_Path, bytes); }
+  IndexReport Write(DamagedSections damaged = DamagedSections::Refuse) const {
+    return IndexWriter(m_Path).Write(damaged);
+  }
+  std::string Saved() const { return test::ReadFile(m_Path); }
 
-  std::string expected = before;
-  const auto end = static_cast<uint32_t>(before.size());
+  void ExpectRefused(const std::string& bytes,
+                     DamagedSections damaged = DamagedSections::Refuse) const {
+    Put(bytes);
+    EXPECT_THROW(Write(damaged), Error);
+    EXPECT_EQ(Saved() == bytes, true);
+  }
+
+  test::TempDir m_Folder;
+  std::string m_Path = m_Folder / "x.cap";
+};
+
+TEST_F(IndexWriterTest, WritesEveryByteAsDescribed) {
+  std::string expected = TwoSections().Bytes();
+  Put(expected);
+  const IndexReport report = Write();
+  const auto end = static_cast<uint32_t>(expected.size());
   expected.replace(kIndexOffsetOffset, 4, Le(end, 4));
   expected[kPartitionCountOffset] = 2;
   const uint32_t a = 7560 + 2056, first = a + 160, second = first + 1544, g = second + 2096;
@@ -78,85 +93,65 @@ TEST(IndexWriter, WritesEveryByteAsDescribed) {
                               Record(3, "", second + 2056, 40) + Record(2, "G.TXT", g, 560) +
                               Checksum(expected, g, 560) + Record(3, "", end - 40, 40);
   expected += "CI1" + Le(XXH32(records.data(), records.size(), 0), 4) + records;
-  EXPECT_EQ(test::ReadFile(path), expected);
+  EXPECT_EQ(Saved(), expected);
   EXPECT_EQ(report.sections, 2u);
   EXPECT_EQ(report.directories, 1u);
   EXPECT_EQ(report.files, 2u);
-  EXPECT_EQ(report.indexOffset, end);
   EXPECT_EQ(report.imageBytes, expected.size());
 }
 
-TEST(IndexWriter, RebuildsTheSameBytesAndCutsWhatIsBehind) {
-  const test::TempDir folder;
-  const std::string path = folder / "x.cap";
-  test::WriteFile(path, TwoSections().Bytes() + std::string(5000, 'o'));
-  IndexWriter(path).Write();
-  const std::string complete = test::ReadFile(path);
-  IndexWriter(path).Write();
-  EXPECT_EQ(test::ReadFile(path), complete);
-
+TEST_F(IndexWriterTest, RebuildsTheSameBytesAndCutsWhatIsBehind) {
+  Put(TwoSections().Bytes() + std::string(5000, 'o'));
+  Write();
+  const std::string complete = Saved();
   std::string damaged = complete;
-  damaged[complete.size() - 30] = static_cast<char>(damaged[complete.size() - 30] + 1);
-  test::WriteFile(path, damaged + "more");
-  IndexWriter(path).Write();
-  EXPECT_EQ(test::ReadFile(path), complete);
+  ++damaged[complete.size() - 30];
+  for (const std::string& bytes : {complete, damaged + "more"}) {
+    Put(bytes);
+    Write();
+    EXPECT_EQ(Saved(), complete);
+  }
 }
 
 // More records than the writer buffers, so that check values go to the file and to the buffer.
-TEST(IndexWriter, LargeIndexesAreWrittenInPieces) {
+TEST_F(IndexWriterTest, LargeIndexesAreWrittenInPieces) {
   test::SmallImage image;
   image.BeginSection();
   constexpr int kFiles = 5000;
   for (int i = 0; i < kFiles; ++i) image.Entry("F       TXT", 0x20);
   const uint32_t trailer = image.Size();
   image.EndSection();
-  const test::TempDir folder;
-  const std::string path = folder / "x.cap";
-  test::WriteFile(path, image.Bytes());
-  const IndexReport report = IndexWriter(path).Write();
-  const std::string bytes = test::ReadFile(path);
+  Put(image.Bytes());
+  const IndexReport report = Write();
+  const std::string bytes = Saved();
   const std::string index = bytes.substr(report.indexOffset);
-  EXPECT_EQ(index.substr(0, 3), "CI1");
-  EXPECT_EQ(index.substr(3, 4), Le(XXH32(index.data() + 7, index.size() - 7, 0), 4));
+  EXPECT_EQ(index.substr(0, 7), "CI1" + Le(XXH32(index.data() + 7, index.size() - 7, 0), 4));
   EXPECT_EQ(index.substr(7 + 32 + 11, 32), Checksum(bytes, 7560, trailer - 7560));
   EXPECT_EQ(index.size(), 7u + 32 + 11 + 32 + kFiles * (11u + 5 + 32) + 11);
 }
 
-TEST(IndexWriter, DamagedImagesStayAsTheyAre) {
-  const test::TempDir folder;
-  const std::string path = folder / "x.cap";
-  test::WriteFile(path, TwoSections().Bytes());
-  IndexWriter(path).Write();
-  std::string bytes = test::ReadFile(path);
+TEST_F(IndexWriterTest, DamagedImagesStayAsTheyAre) {
+  Put(TwoSections().Bytes());
+  Write();
+  std::string bytes = Saved();
   bytes[7560 + 2056] = 9;
-  test::WriteFile(path, bytes);
-  EXPECT_THROW(IndexWriter(path).Write(), Error);
-  EXPECT_EQ(test::ReadFile(path), bytes);
-
-  test::WriteFile(path, test::SmallImage().Bytes());
-  EXPECT_THROW(IndexWriter(path).Write(), Error);
-  EXPECT_THROW(IndexWriter(folder / "missing"), Error);
-  EXPECT_THROW(IndexWriter(folder.Path()), Error);
+  ExpectRefused(bytes);
+  ExpectRefused(test::SmallImage().Bytes());
+  EXPECT_THROW(IndexWriter(m_Folder / "missing"), Error);
+  EXPECT_THROW(IndexWriter(m_Folder.Path()), Error);
 }
 
 // The header tells of other sections than there are: what it does not tell of is not cut off, and
 // none gets a record that readers would not take for its own.
-TEST(IndexWriter, DamagedPartitionRecordsLoseNoSection) {
-  const test::TempDir folder;
-  const std::string path = folder / "x.cap";
-  const auto refuse = [&](const std::string& bytes) {
-    test::WriteFile(path, bytes);
-    EXPECT_THROW(IndexWriter(path).Write(), Error);
-    EXPECT_EQ(test::ReadFile(path) == bytes, true);
-  };
+TEST_F(IndexWriterTest, DamagedPartitionRecordsLoseNoSection) {
   std::string bytes = TwoSections().Bytes();
   bytes[kPartitionCountOffset] = 1;
-  refuse(bytes);
+  ExpectRefused(bytes);
   bytes[kPartitionCountOffset] = 3;
   bytes[kPartitionRecordsOffset + kPartitionRecordSize + 2] = 0;
-  refuse(bytes);
+  ExpectRefused(bytes);
   bytes[kPartitionRecordsOffset + 2 * kPartitionRecordSize + 2] = 0x0B;
-  refuse(bytes);
+  ExpectRefused(bytes);
 
   test::ForeignImage compact({.tailOffset = 900});
   compact.BeginSection(0x0B, 2);
@@ -165,67 +160,56 @@ TEST(IndexWriter, DamagedPartitionRecordsLoseNoSection) {
   compact.BeginSection(0, 2);
   test::Bytes finished = compact.Finish();
   platform::StoreLe32(&finished[kIndexOffsetOffset], 0);
-  refuse(std::string(finished.begin(), finished.begin() + end));
+  ExpectRefused(std::string(finished.begin(), finished.begin() + end));
 
   test::ForeignImage scrambled({.scrambled = true});
-  scrambled.BeginSection(0x0B, 2);
-  scrambled.EndSection();
-  scrambled.BeginSection(0x0B, 2);
-  scrambled.EndSection();
+  for (int i = 0; i < 2; ++i) {
+    scrambled.BeginSection(0x0B, 2);
+    scrambled.EndSection();
+  }
   finished = scrambled.Finish();
   finished[kPartitionCountOffset] ^= 2 ^ 1;
-  refuse(std::string(finished.begin(), finished.end()));
+  ExpectRefused(std::string(finished.begin(), finished.end()));
 }
 
 // An image of holes that leaves room for 100 bytes: too few for its index.
-TEST(IndexWriter, ImagesThatWouldGetTooLargeStayAsTheyAre) {
+TEST_F(IndexWriterTest, ImagesThatWouldGetTooLargeStayAsTheyAre) {
   constexpr uint64_t kMost = 0x7FFFFFFF;
   test::SmallImage image;
   image.BeginSection();
   image.Entry("F       BIN", 0x20, 0x7F000000);
-  const test::TempDir folder;
-  const std::string path = folder / "x.cap";
-  test::WriteFile(path, image.Bytes());
-  std::fstream file(path, std::ios::in | std::ios::out | std::ios::binary);
+  Put(image.Bytes());
+  std::fstream file(m_Path, std::ios::in | std::ios::out | std::ios::binary);
+  const auto put = [&](uint64_t at, const auto& bytes) {
+    file.seekp(static_cast<std::streamoff>(at));
+    file.write(std::string(bytes.begin(), bytes.end()).data(), std::ssize(bytes));
+  };
   const uint64_t trailer = kMost - 100 - kPartitionTrailerSize;
   for (uint64_t at = image.Size(); at < trailer;) {
     // The last record ends at the trailer; the one before leaves it room for a header.
     uint64_t length = std::min<uint64_t>(trailer - at - 8, 65535);
     if (trailer - at - 8 - length < 8 && trailer - at - 8 != length) length -= 8;
-    file.seekp(static_cast<std::streamoff>(at));
-    const bool last = at + 8 + length == trailer;
-    const auto header = EncodeMiniHeader(
-        {kRecordDataBlock, static_cast<uint8_t>(last ? 1 : 0), 0, static_cast<uint16_t>(length)});
-    file.write(std::string(header.begin(), header.end()).data(), 8);
+    const uint8_t isLast = at + 8 + length == trailer ? 1 : 0;
+    put(at, EncodeMiniHeader({kRecordDataBlock, isLast, 0, static_cast<uint16_t>(length)}));
     at += 8 + length;
   }
-  const auto end = EncodePartitionTrailer();
-  file.seekp(static_cast<std::streamoff>(trailer));
-  file.write(std::string(end.begin(), end.end()).data(), end.size());
+  put(trailer, EncodePartitionTrailer());
   file.close();
-  ASSERT_EQ(std::filesystem::file_size(path), kMost - 100);
-  try {
-    IndexWriter(path).Write();
-    FAIL();
-  } catch (const Error& error) {
-    EXPECT_NE(std::string(error.what()).find("2147483647 are possible"), std::string::npos);
-  }
-  EXPECT_EQ(std::filesystem::file_size(path), kMost - 100);
+  ASSERT_EQ(std::filesystem::file_size(m_Path), kMost - 100);
+  const std::string error = test::ErrorOf([&] { Write(); });
+  EXPECT_NE(error.find("2147483647 are possible"), std::string::npos) << error;
+  EXPECT_EQ(std::filesystem::file_size(m_Path), kMost - 100);
 }
 
 // Only data of files is damaged, or the end is missing: the rest is found through a new index.
-TEST(IndexWriter, IndexesWhatIsLeft) {
-  const test::TempDir folder;
-  const std::string path = folder / "x.cap";
-  const std::string image = CAPSULE_TEST_DATA "/images/h_compact_scrambled.img";
-  const test::DamageSeed seed(image);
+TEST_F(IndexWriterTest, IndexesWhatIsLeft) {
+  const test::DamageSeed seed(CAPSULE_TEST_DATA "/images/h_compact_scrambled.img");
   const auto index = [&](const std::string& bytes, size_t from) {
-    test::WriteFile(path, bytes);
-    const IndexReport report = IndexWriter(path).Write(DamagedSections::IndexWhatIsLeft);
+    Put(bytes);
+    const IndexReport report = Write(DamagedSections::IndexWhatIsLeft);
     EXPECT_EQ(report.problems.size(), 1u);
-    EXPECT_EQ(test::ReadFile(path).substr(kHeaderSize, bytes.size() - kHeaderSize),
-              bytes.substr(kHeaderSize));
-    test::Contents found = test::ReadContents(Image(path));
+    EXPECT_EQ(Saved().substr(kHeaderSize, bytes.size() - kHeaderSize), bytes.substr(kHeaderSize));
+    test::Contents found = test::ReadContents(Image(m_Path));
     for (const std::string& name :
          seed.Untouched(from, bytes.size() < from + 2 ? ~size_t{0} : from + 1)) {
       EXPECT_EQ(found[name] == seed.Whole().at(name), true) << name << ", " << from;
@@ -246,9 +230,7 @@ TEST(IndexWriter, IndexesWhatIsLeft) {
 
   const auto refuse = [&](std::string bytes, uint64_t at) {
     bytes[at] = '\x7F';
-    test::WriteFile(path, bytes);
-    EXPECT_THROW(IndexWriter(path).Write(DamagedSections::IndexWhatIsLeft), Error);
-    EXPECT_EQ(test::ReadFile(path) == bytes, true);
+    ExpectRefused(bytes, DamagedSections::IndexWhatIsLeft);
   };
   refuse(whole, seed.Items()[1].offset);
   refuse(seed.Bytes(), seed.Items()[1].offset + 7);
@@ -257,38 +239,31 @@ TEST(IndexWriter, IndexesWhatIsLeft) {
   test::SmallImage loose;  // a "." without its folder
   loose.BeginSection();
   loose.Entry(".          ", kDirectoryAttribute);
-  loose.Entry("ONE     BIN", 0x20, 512);
-  loose.Data(512, true);
+  loose.SmallFile("ONE     BIN", 512);
   loose.EndSection();
   refuse(loose.Bytes(), loose.Bytes().find("ONE     BIN") + kDirEntrySize + 7);
 }
 
 // A full disk: the image is one without an index, not one with half of it.
-TEST(IndexWriter, FailedWritesLeaveAnImageWithoutIndex) {
-  const test::TempDir folder;
-  const std::string path = folder / "x.cap";
-  const std::string before = TwoSections().Bytes();
-  test::WriteFile(path, before);
-  const std::string withIndex = [&] {
-    IndexWriter(path).Write();
-    return test::ReadFile(path);
-  }();
+TEST_F(IndexWriterTest, FailedWritesLeaveAnImageWithoutIndex) {
+  std::string image = TwoSections().Bytes();
+  Put(image);
+  Write();
+  const std::string withIndex = Saved();
 
   rlimit old{};
   ASSERT_EQ(::getrlimit(RLIMIT_FSIZE, &old), 0);
   const auto oldHandler = std::signal(SIGXFSZ, SIG_IGN);
-  rlimit low = old;
-  low.rlim_cur = before.size() + 50;
+  const rlimit low{image.size() + 50, old.rlim_max};
   ASSERT_EQ(::setrlimit(RLIMIT_FSIZE, &low), 0);
-  EXPECT_THROW(IndexWriter(path).Write(), Error);
+  EXPECT_THROW(Write(), Error);
   ASSERT_EQ(::setrlimit(RLIMIT_FSIZE, &old), 0);
   std::signal(SIGXFSZ, oldHandler);
 
-  std::string withoutIndex = before;
-  withoutIndex[kPartitionCountOffset] = 2;
-  EXPECT_EQ(test::ReadFile(path), withoutIndex);
-  IndexWriter(path).Write();
-  EXPECT_EQ(test::ReadFile(path), withIndex);
+  image[kPartitionCountOffset] = 2;
+  EXPECT_EQ(Saved(), image);
+  Write();
+  EXPECT_EQ(Saved(), withIndex);
 }
 
 }  // namespace

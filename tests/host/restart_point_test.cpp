@@ -14,6 +14,7 @@
 #include "capsule/host/index_writer.h"
 #include "capsule/host/verifier.h"
 #include "capsule/platform/little_endian.h"
+#include "tests/support/bytes.h"
 #include "tests/support/temp_dir.h"
 
 namespace capsule::host {
@@ -25,18 +26,21 @@ constexpr size_t kSize = 7 * kMega + 4321;
 // An image with one file of lines.
 class RestartPoints : public testing::Test {
  protected:
-  void Build(int level) {
+  RestartPoints() {
     for (int64_t i = 0; m_Text.size() < kSize; ++i)
       m_Text += "line " + std::to_string(i * 7919) + "\n";
     m_Text.resize(kSize);
     std::filesystem::create_directory(m_Folder / "in");
     test::WriteFile(m_Folder / "in/long.txt", m_Text);
-    BuildOptions options;
-    options.level = level;
-    ImageBuilder builder(m_Path, options);
+  }
+
+  void Build(int level) {
+    ImageBuilder builder(m_Path, {.level = level});
     builder.AddDirectory(m_Folder / "in");
     builder.Finish();
     m_Bytes = test::ReadFile(m_Path);
+    m_Blocks.clear();
+    m_Notes.clear();
     MapImage(m_Path, [&](const MapItem& item) {
       if (item.kind == MapItem::Kind::DataBlock) m_Blocks.push_back(item.offset);
       if (item.kind == MapItem::Kind::IndexRecord && item.name == "seek=") m_Notes.push_back(item);
@@ -50,24 +54,22 @@ class RestartPoints : public testing::Test {
     test::WriteFile(m_Path, m_Bytes);
   }
 
-  std::string Range(FileReader& reader, size_t offset, size_t count = 1000) const {
+  std::string Range(FileReader& reader, size_t offset, size_t count) const {
     std::vector<unsigned char> bytes(count);
     bytes.resize(reader.Read(offset, bytes));
     return {bytes.begin(), bytes.end()};
   }
 
   // The index as it would be with its check value made anew.
-  void SaveWithNewCheckValue() {
-    const auto index = platform::LoadLe32(
-        std::vector<unsigned char>(m_Bytes.begin(), m_Bytes.end()).data() + kIndexOffsetOffset);
+  void SaveWithNewCheckValue(std::string bytes) const {
+    const size_t index = test::U32At(bytes, kIndexOffsetOffset);
     IndexChecksum checksum;
-    const std::vector<unsigned char> records(m_Bytes.begin() + index + kIndexPreamble,
-                                             m_Bytes.end());
-    checksum.Update(records);
+    checksum.Update(
+        {test::Unsigned(bytes) + index + kIndexPreamble, bytes.size() - index - kIndexPreamble});
     std::array<unsigned char, 4> value{};
     platform::StoreLe32(value.data(), checksum.Value());
-    std::copy(value.begin(), value.end(), m_Bytes.begin() + index + 3);
-    test::WriteFile(m_Path, m_Bytes);
+    std::copy(value.begin(), value.end(), &bytes[index + 3]);
+    test::WriteFile(m_Path, bytes);
   }
 
   test::TempDir m_Folder;
@@ -81,47 +83,39 @@ class RestartPoints : public testing::Test {
 // What lies before the restart point is not decoded: damage there does no harm.
 TEST_F(RestartPoints, LetReadingBeginInTheMiddle) {
   for (const int level : {0, 6}) {
-    m_Text.clear();
-    m_Blocks.clear();
-    m_Notes.clear();
-    std::filesystem::remove_all(m_Folder / "in");
     Build(level);
     ASSERT_EQ(m_Notes.size(), 7U);
     EXPECT_EQ(m_Notes[2].target, m_Blocks[3 * kMega / 8192]);
     EXPECT_LT(m_Notes[2].length, level == 0 ? 25U : 2068U);
     IndexWriter(m_Path).Write();
     EXPECT_EQ(test::ReadFile(m_Path) == m_Bytes, true);
-    if (level == 0) continue;
-    Damage(5 * kMega / 2);
-    const Image image(m_Path);
-    FileReader reader = image.OpenFile(*image.Find("long.txt"));
-    const size_t good[] = {6 * kMega + 100'000, kSize - 500, 3 * kMega, kMega + 5, 4 * kMega - 10};
-    for (const size_t at : good) EXPECT_EQ(Range(reader, at), m_Text.substr(at, 1000)) << at;
-    EXPECT_THROW(Range(reader, 3 * kMega - 10), Error);
-    EXPECT_EQ(Range(reader, 5, 2 * kMega), m_Text.substr(5, 2 * kMega));
-    EXPECT_THROW(Range(reader, 0, 4 * kMega), Error);
-    EXPECT_EQ(Range(reader, 3 * kMega + 7), m_Text.substr(3 * kMega + 7, 1000));
   }
+  Damage(5 * kMega / 2);
+  const Image image(m_Path);
+  FileReader reader = image.OpenFile(*image.Find("long.txt"));
+  const auto check = [&](size_t at, size_t count = 1000) {
+    EXPECT_EQ(Range(reader, at, count), m_Text.substr(at, count)) << at;
+  };
+  for (const size_t at : {6 * kMega + 100'000, kSize - 500, 3 * kMega, kMega + 5, 4 * kMega - 10})
+    check(at);
+  EXPECT_THROW(Range(reader, 3 * kMega - 10, 1000), Error);
+  check(5, 2 * kMega);
+  EXPECT_THROW(Range(reader, 0, 4 * kMega), Error);
+  check(3 * kMega + 7);
 }
 
 // Whatever happens between two restart points, what lies behind the second is all there.
 TEST_F(RestartPoints, EndWhatDamageDoes) {
   Build(6);
-  for (const size_t at : {5 * kMega / 2, 5 * kMega / 2 + 90'000, 5 * kMega / 2 + 300'000})
-    Damage(at);
   m_Bytes.replace(m_Blocks[11 * kMega / 16384], 40, 40, '\0');
-  test::WriteFile(m_Path, m_Bytes);
+  for (const size_t behind : {0, 90'000, 300'000}) Damage(5 * kMega / 2 + behind);
   const Image image(m_Path);
   std::string got;
   uint64_t firstLost = kSize;
   uint64_t endLost = 0;
   image.ReadDamaged(*image.Find("long.txt"), 0, kSize, [&](const FilePiece& piece) {
-    if (piece.kind == FilePiece::Kind::Unplaced || piece.kind == FilePiece::Kind::Uncertain) return;
-    ASSERT_EQ(piece.offset, got.size());
-    if (piece.kind == FilePiece::Kind::Data) {
-      got.append(piece.bytes.begin(), piece.bytes.end());
-      return;
-    }
+    if (piece.kind == FilePiece::Kind::Data) got.append(piece.bytes.begin(), piece.bytes.end());
+    if (piece.kind != FilePiece::Kind::Lost) return;
     firstLost = std::min(firstLost, piece.offset);
     endLost = piece.offset + piece.length;
     got += m_Text.substr(piece.offset, piece.length);
@@ -135,23 +129,21 @@ TEST_F(RestartPoints, EndWhatDamageDoes) {
 TEST_F(RestartPoints, AreVerified) {
   Build(6);
   const auto faults = [&](const MapItem& note, size_t at) {
-    const std::string before = m_Bytes;
-    m_Bytes[note.offset + at] = static_cast<char>(m_Bytes[note.offset + at] ^ 1);
-    SaveWithNewCheckValue();
-    m_Bytes = before;
+    std::string bytes = m_Bytes;
+    bytes[note.offset + at] ^= 1;
+    SaveWithNewCheckValue(bytes);
     std::string text;
     Verifier(m_Path).Run([&](const Fault& fault) { text += fault.path + ": " + fault.reason; });
     return text;
   };
   constexpr size_t kName = 3;
+  const std::string start = "0:/long.txt: restart point ";
   EXPECT_EQ(faults(m_Notes[1], kName + 6),
-            "0:/long.txt: restart point is for byte 2097408 of the file, byte 2097152 is here");
-  EXPECT_EQ(faults(m_Notes[6], kName + 1000),
-            "0:/long.txt: restart point has another history than the file");
-  EXPECT_EQ(faults(m_Notes[5], m_Notes[5].length - 8),
-            "0:/long.txt: restart point is where no data block begins");
+            start + "is for byte 2097408 of the file, byte 2097152 is here");
+  EXPECT_EQ(faults(m_Notes[6], kName + 1000), start + "has another history than the file");
+  EXPECT_EQ(faults(m_Notes[5], m_Notes[5].length - 8), start + "is where no data block begins");
   EXPECT_EQ(faults(m_Notes[6], m_Notes[6].length - 8),
-            "0:/long.txt: restart point does not lie in the item before it");
+            start + "does not lie in the item before it");
   EXPECT_EQ(faults(m_Notes[0], kName), "");  // no longer one
 }
 

@@ -1,14 +1,14 @@
 // What lies in an image built at level 0, and in folders of the system, in the same form.
 #pragma once
 
-#include <algorithm>
 #include <filesystem>
 #include <map>
 #include <string>
 
+#include "capsule/host/scoped_descriptor.h"
 #include "capsule/host/section_scanner.h"
 #include "capsule/partition/record_format.h"
-#include "capsule/platform/file.h"
+#include "tests/support/bytes.h"
 #include "tests/support/temp_dir.h"
 
 namespace capsule::test {
@@ -19,8 +19,7 @@ using Tree = std::map<std::string, std::string>;
 inline std::string StoredContent(const std::string& image, const host::SectionItem& item) {
   std::string content;
   for (size_t at = item.dataOffset; at < item.offset + item.length;) {
-    const auto length = static_cast<unsigned char>(image[at + 6]) +
-                        256u * static_cast<unsigned char>(image[at + 7]);
+    const size_t length = U16At(image, at + 6);
     content += image.substr(at + kMiniHeaderSize, length);
     at += kMiniHeaderSize + length;
   }
@@ -29,15 +28,14 @@ inline std::string StoredContent(const std::string& image, const host::SectionIt
 
 inline Tree ScannedTree(const std::string& path) {
   const std::string image = ReadFile(path);
-  const int descriptor = platform::OpenForReading(path.c_str());
-  host::SectionScanner scanner(descriptor, path);
+  const host::ScopedDescriptor descriptor(platform::OpenForReading(path.c_str()));
+  host::SectionScanner scanner(descriptor.Get(), path);
   Tree tree;
   for (host::SectionItem item; scanner.Next(&item);) {
     const std::string key = std::to_string(item.section) + ":" + item.path;
     if (item.kind == host::SectionItem::Kind::Directory) tree[key] = "<dir>";
     if (item.kind == host::SectionItem::Kind::File) tree[key] = StoredContent(image, item);
   }
-  platform::Close(descriptor);
   return tree;
 }
 

@@ -9,7 +9,9 @@
 #include <vector>
 
 #include "capsule/container/header_format.h"
+#include "capsule/host/index_writer.h"
 #include "capsule/partition/record_format.h"
+#include "tests/support/temp_dir.h"
 
 namespace capsule::test {
 
@@ -50,6 +52,11 @@ class SmallImage {
     Entry(".          ", kDirectoryAttribute);
     Entry("..         ", kDirectoryAttribute);
   }
+  // A file of one record.
+  void SmallFile(std::string_view name, uint32_t size, uint8_t attribute = 0x20) {
+    Entry(name, attribute, size);
+    Data(512, true);
+  }
   void Data(uint16_t length, bool last) {
     AddBytes(EncodeMiniHeader({kRecordDataBlock, static_cast<uint8_t>(last ? 1 : 0), 0, length}));
     m_Bytes.append(length, 'd');
@@ -72,11 +79,17 @@ inline SmallImage TwoFiles() {
   image.Entry("ONE     BIN", 0x20, 700);
   image.Data(512, false);
   image.Data(512, true);
-  image.Entry("TWO     BIN", 0x20, 10);
-  image.Data(512, true);
+  image.SmallFile("TWO     BIN", 10);
   image.Close();
   image.EndSection();
   return image;
+}
+
+// Writes the image with its index; returns its bytes.
+inline std::string WriteIndexed(const std::string& path, SmallImage image) {
+  WriteFile(path, image.Bytes());
+  host::IndexWriter(path).Write();
+  return ReadFile(path);
 }
 
 }  // namespace capsule::test

@@ -2,11 +2,12 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
+#include <filesystem>
 #include <random>
 
 #include "capsule/host/error.h"
 #include "capsule/host/image_map.h"
-#include "capsule/host/index_writer.h"
 #include "tests/host/small_image.h"
 #include "tests/support/bytes.h"
 #include "tests/support/sample_images.h"
@@ -16,8 +17,6 @@ namespace capsule::host {
 namespace {
 
 using test::SamplePath;
-using test::TempDir;
-using test::TwoFiles;
 
 const char* const kSamples[] = {"w_files_only.img", "w_names.img",    "w_three_open.img",
                                 "f_16384_lzs.img",  "n_flat_old.img", "h_compact_scrambled.img"};
@@ -40,35 +39,39 @@ std::string Spelled(const std::vector<Fault>& faults) {
 
 void ExpectFault(const std::vector<Fault>& faults, uint64_t offset, const std::string& path,
                  const std::string& reason) {
-  for (const Fault& fault : faults) {
-    if (fault.offset == offset && fault.path == path &&
-        fault.reason.find(reason) != std::string::npos) {
-      return;
-    }
-  }
-  ADD_FAILURE() << "no fault at " << offset << " [" << path << "] " << reason << " in\n"
-                << Spelled(faults);
+  const auto isIt = [&](const Fault& fault) {
+    return fault.offset == offset && fault.path == path &&
+           fault.reason.find(reason) != std::string::npos;
+  };
+  EXPECT_TRUE(std::any_of(faults.begin(), faults.end(), isIt))
+      << "no fault at " << offset << " [" << path << "] " << reason << " in\n"
+      << Spelled(faults);
 }
 
-std::vector<MapItem> MapOf(const std::string& path, MapSummary* summary) {
+std::vector<MapItem> MapOf(const std::string& path) {
   std::vector<MapItem> items;
-  *summary = MapImage(path, [&](const MapItem& item) { items.push_back(item); });
+  MapImage(path, [&](const MapItem& item) { items.push_back(item); });
   return items;
 }
 
 // Items follow each other without a hole, and what is accounted for is what is no gap.
-void ExpectWholeMap(const std::string& path) {
-  MapSummary summary;
+MapSummary ExpectWholeMap(const std::string& path) {
+  const uint64_t size = std::filesystem::file_size(path);
+  uint64_t items = 0;
   uint64_t position = 0;
   uint64_t gaps = 0;
-  for (const MapItem& item : MapOf(path, &summary)) {
-    if (item.kind == MapItem::Kind::Overlap) continue;
-    ASSERT_LE(item.offset, position) << item.text << item.problem;
-    position = std::max(position, std::min(item.offset + item.length, summary.fileBytes));
+  const MapSummary summary = MapImage(path, [&](const MapItem& item) {
+    ++items;
+    if (item.kind == MapItem::Kind::Overlap) return;
+    EXPECT_LE(item.offset, position) << item.text << item.problem;
+    position = std::max(position, std::min(item.offset + item.length, size));
     if (item.kind == MapItem::Kind::Gap) gaps += item.length;
-  }
-  EXPECT_EQ(position, summary.fileBytes);
-  EXPECT_EQ(summary.accountedBytes + gaps, summary.fileBytes);
+  });
+  EXPECT_EQ(summary.fileBytes, size);
+  EXPECT_EQ(position, size);
+  EXPECT_EQ(summary.accountedBytes + gaps, size);
+  EXPECT_EQ(summary.items, items);
+  return summary;
 }
 
 // One folder with a file of 700 bytes in two records and one of 10 bytes, and the index.
@@ -81,29 +84,18 @@ class VerifierTest : public testing::Test {
   static constexpr uint32_t kOneSecond = kOneData + 520;
   static constexpr uint32_t kTwo = kOneSecond + 520;
   static constexpr uint32_t kTwoData = kTwo + 40;
-  static constexpr uint32_t kClose = kTwoData + 520;
-  static constexpr uint32_t kTrailer = kClose + 40;
+  static constexpr uint32_t kTrailer = kTwoData + 520 + 40;
   static constexpr uint32_t kIndex = kTrailer + 1544;
 
-  VerifierTest() {
-    m_Bare = TwoFiles().Bytes();
-    test::WriteFile(m_Path, m_Bare);
-    IndexWriter(m_Path).Write();
-    m_Whole = test::ReadFile(m_Path);
-  }
-
-  std::vector<Fault> With(const std::string& bytes) {
-    test::WriteFile(m_Path, bytes);
+  std::vector<Fault> Patched(std::string bytes, size_t at, std::string_view patch) {
+    test::WriteFile(m_Path, bytes.replace(at, patch.size(), patch));
     return FaultsOf(m_Path);
   }
-  std::vector<Fault> Patched(const std::string& bytes, size_t at, std::string_view patch) {
-    return With(std::string(bytes).replace(at, patch.size(), patch));
-  }
 
-  TempDir m_Directory;
+  test::TempDir m_Directory;
   std::string m_Path = m_Directory / "i";
-  std::string m_Bare;   // without an index
-  std::string m_Whole;  // with one
+  const std::string m_Bare = test::TwoFiles().Bytes();
+  const std::string m_Whole = test::WriteIndexed(m_Path, test::TwoFiles());  // with an index
 };
 
 TEST_F(VerifierTest, CleanImagesAreCleanAndAccountedForToTheLastByte) {
@@ -112,17 +104,11 @@ TEST_F(VerifierTest, CleanImagesAreCleanAndAccountedForToTheLastByte) {
   for (const char* sample : kSamples) paths.push_back(SamplePath(sample));
   for (const std::string& path : paths) {
     EXPECT_EQ(Spelled(FaultsOf(path)), "") << path;
-    MapSummary map;
-    const auto items = MapOf(path, &map);
+    const MapSummary map = ExpectWholeMap(path);
     EXPECT_EQ(map.accountedBytes, map.fileBytes) << path;
     EXPECT_EQ(map.problems, 0u) << path;
-    EXPECT_EQ(map.items, items.size());
-    ExpectWholeMap(path);
   }
-  const VerifyReport report = Verifier(m_Path).Run([](const Fault&) {});
-  EXPECT_EQ(report.files, 2u);
-  EXPECT_EQ(report.bytes, 710u);
-  EXPECT_EQ(report.checkValues, 5u);  // index, header, section, two files
+  EXPECT_EQ(Verifier(m_Path).Run([](const Fault&) {}).bytes, 710u);
 }
 
 // Without check values: structure and content alone show where the damage is.
@@ -159,21 +145,16 @@ TEST_F(VerifierTest, EachKindOfDamageIsNamedByOffsetAndFile) {
     ExpectFault(faults, damage.offset, damage.path, damage.reason);
     ExpectWholeMap(m_Path);
   }
-}
-
-TEST_F(VerifierTest, GoesOnBehindAFault) {
-  std::string bytes = m_Bare;
-  bytes[kOneData] = 9;
-  bytes[kTwoData + 1] = 2;
-  const auto faults = With(bytes);
-  ExpectFault(faults, kOneData, "0:/FOLDER/ONE.BIN", "no record begins here");
-  ExpectFault(faults, kTwoData, "0:/FOLDER/TWO.BIN", "flag is 2");
+  std::string both = m_Bare;  // a fault does not hide the next
+  both[kOneData] = 9;
+  const auto faults = Patched(both, kTwoData + 1, "\2");
+  ExpectFault(faults, kOneData, one, "no record begins here");
+  ExpectFault(faults, kTwoData, two, "flag is 2");
 }
 
 TEST_F(VerifierTest, CheckValuesShowWhatStructureDoesNot) {
-  const std::string one = "0:/FOLDER/ONE.BIN";
   const auto content = Patched(m_Whole, kOneData + 20, "x");
-  ExpectFault(content, kOne, one, "check value of the item");
+  ExpectFault(content, kOne, "0:/FOLDER/ONE.BIN", "check value of the item");
   ExpectFault(content, kSection, "", "check value of the section");
   EXPECT_EQ(content.size(), 2u) << Spelled(content);
   const auto header = Patched(m_Whole, 300, "x");
@@ -182,14 +163,12 @@ TEST_F(VerifierTest, CheckValuesShowWhatStructureDoesNot) {
   const auto label = Patched(m_Whole, m_Whole.find("FOLDER/TWO.BIN", kIndex), "f");
   ExpectFault(label, kIndex, "", "check value of the index");
   ExpectFault(Patched(m_Whole, kIndex, "x"), kIndex + 7, "", "has check values, but none of its");
-  EXPECT_FALSE(With(m_Whole + "x").empty());
+  EXPECT_FALSE(Patched(m_Whole, m_Whole.size(), "x").empty());
   for (size_t at = 0; at < m_Whole.size(); at += at < kIndex ? 41 : 3) {
     if (at >= kTrailer + 8 && at < kIndex - 40) continue;  // opaque, without a check value
-    std::string bytes = m_Whole;
-    bytes[at] = static_cast<char>(bytes[at] ^ 0x55);
-    test::WriteFile(m_Path, bytes);
+    const char other[] = {static_cast<char>(m_Whole[at] ^ 0x55)};
     try {
-      EXPECT_FALSE(FaultsOf(m_Path).empty()) << at;
+      EXPECT_FALSE(Patched(m_Whole, at, {other, 1}).empty()) << at;
     } catch (const Error&) {  // not an image any more
       EXPECT_LT(at, 7560u);
     }
@@ -206,11 +185,8 @@ TEST_F(VerifierTest, AnIndexMustNameWhatIsThereAndAllOfIt) {
 
 TEST_F(VerifierTest, LongNamesMustBelongToTheirShortName) {
   const std::string whole = test::ReadFile(SamplePath("w_names.img"));
-  MapSummary summary;
-  std::vector<MapItem> pieces;
-  for (const MapItem& item : MapOf(SamplePath("w_names.img"), &summary)) {
-    if (item.kind == MapItem::Kind::LongName) pieces.push_back(item);
-  }
+  std::vector<MapItem> pieces = MapOf(SamplePath("w_names.img"));
+  std::erase_if(pieces, [](const MapItem& i) { return i.kind != MapItem::Kind::LongName; });
   ASSERT_GT(pieces.size(), 40u);
   for (const size_t n : {size_t{0}, size_t{17}, size_t{40}}) {
     const MapItem& piece = pieces[n];
@@ -223,19 +199,15 @@ TEST_F(VerifierTest, LongNamesMustBelongToTheirShortName) {
 
 TEST_F(VerifierTest, UnitsMustDecodeToWhatTheyState) {
   const std::string whole = test::ReadFile(SamplePath("f_16384_lzs.img"));
-  MapSummary summary;
-  MapItem block;
-  for (const MapItem& item : MapOf(SamplePath("f_16384_lzs.img"), &summary)) {
-    if (item.kind == MapItem::Kind::DataBlock && item.path == "0:/DATA/C.BIN") {
-      block = item;
-      break;
-    }
-  }
-  ASSERT_NE(block.length, 0u);
-  const auto at = static_cast<size_t>(block.offset);
-  ExpectFault(Patched(whole, at + 3, "\x42"), block.offset, block.path,
-              "decodes to 16384 bytes instead of 16896");
-  ExpectFault(Patched(whole, at + 3, "\x3e"), block.offset, block.path, "decodes to more than");
+  const char* const file = "0:/DATA/C.BIN";
+  const auto items = MapOf(SamplePath("f_16384_lzs.img"));
+  const auto block = std::find_if(items.begin(), items.end(), [&](const MapItem& item) {
+    return item.kind == MapItem::Kind::DataBlock && item.path == file;
+  });
+  ASSERT_NE(block, items.end());
+  const auto at = static_cast<size_t>(block->offset);
+  ExpectFault(Patched(whole, at + 3, "\x42"), at, file, "decodes to 16384 bytes instead of 16896");
+  ExpectFault(Patched(whole, at + 3, "\x3e"), at, file, "decodes to more than");
 }
 
 TEST_F(VerifierTest, TruncatedAndDamagedImagesAreMappedToTheLastByte) {
@@ -255,17 +227,10 @@ TEST_F(VerifierTest, TruncatedAndDamagedImagesAreMappedToTheLastByte) {
       try {
         const auto faults = FaultsOf(m_Path);
         EXPECT_TRUE(i % 2 == 1 || !faults.empty());
-      } catch (const Error& error) {
-        EXPECT_NE(std::string(error.what()), "");
+      } catch (const Error&) {  // not an image any more
       }
     }
   }
-}
-
-TEST_F(VerifierTest, FilesThatAreNoImages) {
-  EXPECT_THROW(FaultsOf(m_Directory / "missing"), Error);
-  EXPECT_THROW(With("short"), Error);
-  EXPECT_THROW(With(std::string(20000, 'x')), Error);
 }
 
 }  // namespace

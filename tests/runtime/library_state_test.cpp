@@ -4,7 +4,6 @@
 
 #include <thread>
 
-#include "capsule/compression/stream_compressor.h"
 #include "capsule/platform/roots.h"
 
 namespace capsule {
@@ -30,7 +29,6 @@ TEST(LibraryStateTest, ScopesNestAndConcernTheirThreadAlone) {
 TEST(LibraryStateTest, StatesShareNothing) {
   LibraryState one;
   LibraryState two;
-  EXPECT_NE(one.compressor, two.compressor);
   const ScopedLibraryState scope(one);
   platform::SetRoot('q', "/tmp");
   EXPECT_EQ(one.hostView.Resolve("q:\\x"), "/tmp/x");

@@ -10,12 +10,7 @@ bool g_bOutOfMemory = false;
 
 // The allocation that list nodes use, made to fail on demand.
 void* operator new(size_t size, const std::nothrow_t&) noexcept {
-  if (g_bOutOfMemory) return nullptr;
-  try {
-    return ::operator new(size);
-  } catch (const std::bad_alloc&) {
-    return nullptr;
-  }
+  return g_bOutOfMemory ? nullptr : ::operator new(size);
 }
 
 namespace capsule {
@@ -35,28 +30,22 @@ TEST(ListNodeTest, AppendsInOrderAndFreesTheStringsToo) {
   FreeList(&list, true);
 }
 
-TEST(ListNodeTest, TheStringsOutliveTheListWhenAsked) {
+TEST(ListNodeTest, OutOfMemoryLeavesTheListAndFreeingItTheStrings) {
   CString text = "kept";
   _ListNode* list = nullptr;
-  ASSERT_EQ(AppendListNode(&list, &text), 0U);
+  for (const size_t length : {0U, 1U}) {
+    _ListNode* const before = list;
+    g_bOutOfMemory = true;
+    EXPECT_EQ(AppendListNode(&list, &text), 768U) << length;
+    g_bOutOfMemory = false;
+    EXPECT_EQ(list, before);
+    ASSERT_EQ(AppendListNode(&list, &text), 0U);
+  }
+  ASSERT_NE(list->next, nullptr);
+  EXPECT_EQ(list->next->next, nullptr);
   FreeList(&list, false);
   EXPECT_EQ(list, nullptr);
   EXPECT_EQ(text, "kept");
-}
-
-TEST(ListNodeTest, OutOfMemoryLeavesTheListAsItWas) {
-  CString text = "a";
-  _ListNode* list = nullptr;
-  g_bOutOfMemory = true;
-  EXPECT_EQ(AppendListNode(&list, &text), 768U);
-  EXPECT_EQ(list, nullptr);
-  g_bOutOfMemory = false;
-  ASSERT_EQ(AppendListNode(&list, &text), 0U);
-  g_bOutOfMemory = true;
-  EXPECT_EQ(AppendListNode(&list, &text), 768U);
-  g_bOutOfMemory = false;
-  EXPECT_EQ(list->next, nullptr);
-  FreeList(&list, false);
 }
 
 }  // namespace

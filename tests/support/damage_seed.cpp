@@ -2,8 +2,8 @@
 
 #include <algorithm>
 
-#include "capsule/host/error.h"
 #include "capsule/platform/file.h"
+#include "tests/support/entries.h"
 #include "tests/support/temp_dir.h"
 
 namespace capsule::test {
@@ -13,8 +13,8 @@ using Kind = SectionItem::Kind;
 
 namespace {
 
-// By pieces: a damaged entry may state any size.
-std::string ReadAll(const host::Image& image, const host::Entry& entry) {
+// A damaged entry may state any size.
+std::string ReadByPieces(const host::Image& image, const host::Entry& entry) {
   std::string read;
   std::vector<unsigned char> piece(size_t{32} << 10);
   host::FileReader reader = image.OpenFile(entry);
@@ -29,23 +29,14 @@ std::string ReadAll(const host::Image& image, const host::Entry& entry) {
 
 Contents ReadContents(const host::Image& image) {
   Contents contents;
-  std::vector<host::Entry> open;
-  for (int n = 0; n < image.Partitions(); ++n) open.push_back(image.Root(n));
-  while (!open.empty()) {
-    const host::Entry folder = open.back();
-    open.pop_back();
-    for (const host::Entry& entry : folder.Children()) {
-      if (entry.IsDirectory()) {
-        open.push_back(entry);
-        continue;
-      }
-      try {
-        contents.emplace(entry.Path(), ReadAll(image, entry));
-      } catch (const host::Error&) {
-        contents.emplace(entry.Path(), kUnread);
-      }
+  ForEachEntry(image, [&](const host::Entry& entry) {
+    if (entry.IsDirectory()) return;
+    try {
+      contents.emplace(entry.Path(), ReadByPieces(image, entry));
+    } catch (const host::Error&) {
+      contents.emplace(entry.Path(), kUnread);
     }
-  }
+  });
   return contents;
 }
 
@@ -53,7 +44,6 @@ DamageSeed::DamageSeed(const std::string& path) : m_Bytes(ReadFile(path)) {
   const host::Image image(path);
   m_Contents = ReadContents(image);
   m_nIndexOffset = static_cast<size_t>(image.Info().indexOffset);
-  m_bChecked = image.Info().checked;
   const int descriptor = platform::OpenForReading(path.c_str());
   host::SectionScanner scanner(descriptor, path);
   for (SectionItem item; scanner.Next(&item);) m_Items.push_back(item);

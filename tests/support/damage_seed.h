@@ -26,7 +26,6 @@ class DamageSeed {
   const std::string& Bytes() const { return m_Bytes; }
   const Contents& Whole() const { return m_Contents; }
   size_t IndexOffset() const { return m_nIndexOffset; }
-  bool IsChecked() const { return m_bChecked; }
   const std::vector<host::SectionItem>& Items() const { return m_Items; }
 
   // The files whose own records, and whose folders' records, lie outside [from, to).
@@ -35,7 +34,6 @@ class DamageSeed {
  private:
   std::string m_Bytes;
   size_t m_nIndexOffset = 0;
-  bool m_bChecked = false;
   Contents m_Contents;
   std::vector<host::SectionItem> m_Items;
 };

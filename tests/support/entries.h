@@ -11,16 +11,19 @@
 
 namespace capsule::test {
 
-// Visits every entry of the image, the roots too.
+// Visits every entry of the image, the roots too, those of a folder in their order.
 template <typename Visit>
 void ForEachEntry(const host::Image& image, Visit visit) {
   std::vector<host::Entry> left;
-  for (int n = 0; n < image.Partitions(); ++n) left.push_back(image.Root(n));
-  while (!left.empty()) {
-    const host::Entry entry = left.back();
-    left.pop_back();
-    for (const host::Entry& child : entry.Children()) left.push_back(child);
+  const auto meet = [&](const host::Entry& entry) {
     visit(entry);
+    left.push_back(entry);
+  };
+  for (int n = 0; n < image.Partitions(); ++n) meet(image.Root(n));
+  while (!left.empty()) {
+    const host::Entry folder = left.back();
+    left.pop_back();
+    for (const host::Entry& child : folder.Children()) meet(child);
   }
 }
 

@@ -3,7 +3,9 @@
 #include <algorithm>
 #include <array>
 
+#include "capsule/partition/record_format.h"
 #include "capsule/platform/little_endian.h"
+#include "tests/support/bytes.h"
 
 namespace capsule::test {
 namespace {
@@ -11,30 +13,18 @@ namespace {
 using Entry = std::array<unsigned char, 32>;
 
 constexpr std::array<unsigned char, 8> kGroupHeader = {0x16, 1, 0, 0, 0, 0, 32, 0};
-constexpr size_t kPieceUnits = 13;
-
-unsigned char Checksum(const std::string& shortName) {
-  unsigned sum = 0;
-  for (const char c : shortName) {
-    sum = ((sum & 1U) << 7) + (sum >> 1) + static_cast<unsigned char>(c);
-    sum &= 0xFF;
-  }
-  return static_cast<unsigned char>(sum);
-}
 
 Entry LongPiece(const ForeignItem& item, size_t piece, size_t count) {
   Entry entry{};
   entry[0] = static_cast<unsigned char>(piece | (piece == count ? 0x40 : 0));
   entry[11] = 0x0F;
-  entry[13] = Checksum(item.shortName);
+  entry[13] = ShortNameChecksum(std::span(Unsigned(item.shortName), 11).first<11>());
   constexpr std::array<size_t, kPieceUnits> kPlaces = {1,  3,  5,  7,  9,  14, 16,
                                                        18, 20, 22, 24, 28, 30};
+  std::u16string units = item.longName + u'\0';
+  units.resize(count * kPieceUnits, u'\xFFFF');
   for (size_t i = 0; i < kPieceUnits; ++i) {
-    const size_t at = (piece - 1) * kPieceUnits + i;
-    const size_t length = item.longName.size();
-    const auto unit = at < length ? static_cast<uint16_t>(item.longName[at])
-                                  : static_cast<uint16_t>(at == length ? 0 : 0xFFFF);
-    platform::StoreLe16(&entry[kPlaces[i]], unit);
+    platform::StoreLe16(&entry[kPlaces[i]], units[(piece - 1) * kPieceUnits + i]);
   }
   return entry;
 }
@@ -43,10 +33,7 @@ Entry ShortEntry(const ForeignItem& item) {
   Entry entry{};
   std::copy_n(item.shortName.begin(), 11, entry.begin());
   entry[11] = item.directory ? 0x10 : 0x20;
-  constexpr uint16_t kTime = 0x6AC5;
-  constexpr uint16_t kDate = 0x2F0A;
-  platform::StoreLe16(&entry[22], kTime);
-  platform::StoreLe16(&entry[24], kDate);
+  platform::StoreLe32(&entry[22], 0x2F0A6AC5);  // date, time
   platform::StoreLe32(&entry[28], static_cast<uint32_t>(item.content.size()));
   return entry;
 }
@@ -57,11 +44,7 @@ class FatWriter {
 
   void Put(const std::vector<ForeignItem>& items) {
     for (const ForeignItem& item : items) {
-      if (item.directory) {
-        PutDirectory(item);
-      } else {
-        PutFile(item);
-      }
+      item.directory ? PutDirectory(item) : PutFile(item);
     }
   }
 
@@ -87,15 +70,12 @@ class FatWriter {
   }
 
   void PutDirectory(const ForeignItem& item) {
-    for (const char* name : {"", ".          ", "..         "}) {
-      ForeignItem group = item;
-      if (*name != '\0') {
-        group.shortName = name;
-        group.longName.clear();
-      }
+    const ForeignItem self{.shortName = ".          ", .directory = true};
+    const ForeignItem parent{.shortName = "..         ", .directory = true};
+    for (const ForeignItem* group : {&item, &self, &parent}) {
       const uint32_t start = m_Image.Offset();
-      PutGroup(group);
-      IndexFrom(2, start, group.shortName);
+      PutGroup(*group);
+      IndexFrom(2, start, group->shortName);
     }
     Put(item.children);
     const uint32_t start = m_Image.Offset();
@@ -107,17 +87,12 @@ class FatWriter {
     const uint32_t start = m_Image.Offset();
     PutGroup(item);
     LzsWriter codec;
-    for (size_t at = 0; at < item.content.size(); at += m_Style.chunkSize) {
-      const size_t taken = std::min(m_Style.chunkSize, item.content.size() - at);
-      Bytes chunk(item.content.begin() + static_cast<std::ptrdiff_t>(at),
-                  item.content.begin() + static_cast<std::ptrdiff_t>(at + taken));
-      PutChunk(std::move(chunk), item.stored, at + taken == item.content.size(), codec);
-    }
+    VisitChunks(item.content, m_Style.chunkSize,
+                [&](const Bytes& chunk, bool last) { PutChunk(chunk, item.stored, last, codec); });
     IndexFrom(2, start, item.shortName);
   }
 
-  void PutChunk(Bytes chunk, bool stored, bool last, LzsWriter& codec) {
-    chunk.resize((chunk.size() + 511) / 512 * 512);
+  void PutChunk(const Bytes& chunk, bool stored, bool last, LzsWriter& codec) {
     const bool compress = m_Image.Compressed() && !stored;
     Bytes payload = compress ? codec.Unit(chunk) : chunk;
     if (compress && payload.size() == chunk.size()) payload.push_back(0);

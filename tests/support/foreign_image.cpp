@@ -3,25 +3,13 @@
 #include <algorithm>
 
 #include "capsule/container/header_scramble.h"
+#include "capsule/container/index_format.h"
+#include "capsule/partition/record_format.h"
 #include "capsule/platform/little_endian.h"
 
 namespace capsule::test {
-namespace {
 
-constexpr size_t kHeaderBytes = 7560;
-constexpr unsigned char kSectionArea[] = {0x17, 0, 0, 0, 0, 0, 0x00, 0x06};
-constexpr size_t kSectionPayload = 1536;
-
-void Put32(Bytes& out, uint32_t value) {
-  for (int shift = 0; shift < 32; shift += 8) {
-    out.push_back(static_cast<unsigned char>(value >> shift));
-  }
-}
-
-}  // namespace
-
-ForeignImage::ForeignImage(ForeignHeader header)
-    : m_Header(std::move(header)), m_Bytes(kHeaderBytes) {}
+ForeignImage::ForeignImage(ForeignHeader header) : m_Header(std::move(header)), m_Bytes(7560) {}
 
 void ForeignImage::Put(std::span<const unsigned char> bytes) {
   m_Bytes.insert(m_Bytes.end(), bytes.begin(), bytes.end());
@@ -30,26 +18,15 @@ void ForeignImage::Put(std::span<const unsigned char> bytes) {
 void ForeignImage::BeginSection(uint8_t systemId, uint8_t kind) {
   m_SystemIds.push_back(systemId);
   Index(5, Offset(), 2056);
-  Bytes area(512);
-  area[0] = 0xAB;
-  area[1] = 0xCD;
-  area[2] = kind;
-  Put(area);
-  EndSection();
+  auto opening = EncodePartitionHeader();
+  opening[2] = kind;
+  Put(opening);
 }
 
-void ForeignImage::EndSection() {
-  Put(kSectionArea);
-  Put(Bytes(kSectionPayload));
-}
+void ForeignImage::EndSection() { Put(EncodePartitionTrailer()); }
 
 void ForeignImage::Index(uint8_t type, uint32_t offset, uint32_t length, const std::string& name) {
-  m_Index.push_back(type);
-  m_Index.push_back(static_cast<unsigned char>(name.size()));
-  m_Index.push_back(static_cast<unsigned char>(name.size() >> 8));
-  m_Index.insert(m_Index.end(), name.begin(), name.end());
-  Put32(m_Index, offset);
-  Put32(m_Index, length);
+  AppendIndexRecord({type, name, offset, length}, &m_Index);
 }
 
 void ForeignImage::IndexMark(uint8_t type) { m_Index.push_back(type); }
@@ -58,7 +35,7 @@ void ForeignImage::FillFixedHeader() {
   m_Bytes[5000] = 0xAB;
   m_Bytes[5001] = 0xCD;
   m_Bytes[5513] = static_cast<unsigned char>(m_SystemIds.size());
-  m_Bytes[5515] = m_Header.compressed ? 1 : 0;
+  m_Bytes[5515] = m_Header.compressed;
   for (size_t i = 0; i < m_SystemIds.size(); ++i) m_Bytes[7056 + 24 * i + 2] = m_SystemIds[i];
 }
 
@@ -70,13 +47,11 @@ void ForeignImage::FillCompactHeader() {
   m_Bytes[tail + 1] = 0xCD;
   m_Bytes[tail + 6] = static_cast<unsigned char>(count);
   m_Bytes[tail + 513] = static_cast<unsigned char>(count);
-  m_Bytes[tail + 515] = m_Header.compressed ? 1 : 0;
+  m_Bytes[tail + 515] = m_Header.compressed;
   for (size_t i = 0; i < count; ++i) {
     const size_t at = tail + 2056 + 40 * i;
     m_Bytes[at + 2] = m_SystemIds[i];
-    for (size_t extra = 28; extra < 40; ++extra) {
-      m_Bytes[at + extra] = static_cast<unsigned char>(0xA0 + extra);
-    }
+    std::fill_n(&m_Bytes[at + 28], 12, static_cast<unsigned char>(0xA5));
   }
   m_Bytes[tail + 2056 + 40 * count] = 0x5A;
   platform::StoreLe32(&m_Bytes[tail + 2057 + 40 * count], 0x12345678);
@@ -97,11 +72,7 @@ Bytes ForeignImage::Finish() {
   platform::StoreLe32(&m_Bytes[715], Offset());
   m_Bytes[719] = m_Header.compressed ? 2 : 0;
   m_Bytes[720] = 3;
-  if (m_Header.tailOffset != 0) {
-    FillCompactHeader();
-  } else {
-    FillFixedHeader();
-  }
+  m_Header.tailOffset != 0 ? FillCompactHeader() : FillFixedHeader();
   if (m_Header.scrambled) Scramble();
   for (unsigned char i = 0; i < 7; ++i) m_Bytes.push_back(i);
   Put(m_Index);

@@ -3,6 +3,7 @@
 // record (fat_section.h, ntfs_section.h).
 #pragma once
 
+#include <algorithm>
 #include <cstdint>
 #include <span>
 #include <string>
@@ -19,6 +20,17 @@ struct ForeignHeader {
   std::string key = {};  // up to 36 bytes
   bool compressed = true;
 };
+
+// Visits data by chunks of `size` bytes, the last filled up to whole sectors; visit(chunk, last).
+template <typename Visit>
+void VisitChunks(std::span<const unsigned char> data, size_t size, Visit visit) {
+  for (; !data.empty(); data = data.subspan(std::min(size, data.size()))) {
+    const auto part = data.first(std::min(size, data.size()));
+    Bytes chunk(part.begin(), part.end());
+    chunk.resize((chunk.size() + 511) / 512 * 512);
+    visit(chunk, part.size() == data.size());
+  }
+}
 
 class ForeignImage {
  public:

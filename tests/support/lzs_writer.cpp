@@ -6,53 +6,42 @@ namespace capsule::test {
 namespace {
 
 constexpr size_t kReach = 2047;
-constexpr size_t kPairs = 65536;
 
 class BitWriter {
  public:
   void Put(unsigned value, int width) {
     for (int bit = width - 1; bit >= 0; --bit) {
-      if (m_nFree == 0) {
-        m_Bytes.push_back(0);
-        m_nFree = 8;
-      }
-      --m_nFree;
+      if (m_nBits % 8 == 0) m_Bytes.push_back(0);
       const unsigned one = (value >> bit) & 1U;
-      m_Bytes.back() = static_cast<unsigned char>(m_Bytes.back() | (one << m_nFree));
+      m_Bytes.back() = static_cast<unsigned char>(m_Bytes.back() | one << (7 - m_nBits++ % 8));
     }
   }
   Bytes Take() { return std::move(m_Bytes); }
 
  private:
   Bytes m_Bytes;
-  int m_nFree = 0;
+  int m_nBits = 0;
 };
 
 void PutLength(BitWriter& bits, size_t length) {
   if (length < 5) return bits.Put(static_cast<unsigned>(length - 2), 2);
-  if (length < 8) return bits.Put(static_cast<unsigned>(0xC + length - 5), 4);
-  bits.Put(0xF, 4);
-  size_t rest = length - 8;
+  size_t rest = length + 7;  // the first four bits say 5, 6, 7 or more
   for (; rest >= 15; rest -= 15) bits.Put(0xF, 4);
   bits.Put(static_cast<unsigned>(rest), 4);
 }
 
 void PutMatch(BitWriter& bits, size_t offset, size_t length) {
-  if (offset < 128) {
-    bits.Put(static_cast<unsigned>(0x180 | offset), 9);
-  } else {
-    bits.Put(static_cast<unsigned>(0x1000 | offset), 13);
-  }
+  const bool near = offset < 128;
+  bits.Put(static_cast<unsigned>((near ? 0x180 : 0x1000) | offset), near ? 9 : 13);
   PutLength(bits, length);
 }
 
 }  // namespace
 
 LzsWriter::Match LzsWriter::Search(size_t at) const {
-  if (at + 1 >= m_Text.size() || m_LastOfPair.empty()) return {};
-  const size_t before = m_LastOfPair[static_cast<size_t>(m_Text[at] << 8 | m_Text[at + 1])];
-  if (before == 0 || at - (before - 1) > kReach) return {};
-  const size_t from = before - 1;
+  if (at + 1 >= m_Text.size()) return {};
+  const size_t from = m_LastOfPair[static_cast<size_t>(m_Text[at] << 8 | m_Text[at + 1])];
+  if (from == kNever || at - from > kReach) return {};
   size_t length = 0;
   while (at + length < m_Text.size() && m_Text[from + length] == m_Text[at + length]) ++length;
   return {at - from, length};
@@ -60,8 +49,7 @@ LzsWriter::Match LzsWriter::Search(size_t at) const {
 
 void LzsWriter::Index(size_t at) {
   if (at + 1 >= m_Text.size()) return;
-  m_LastOfPair.resize(kPairs);
-  m_LastOfPair[static_cast<size_t>(m_Text[at] << 8 | m_Text[at + 1])] = at + 1;
+  m_LastOfPair[static_cast<size_t>(m_Text[at] << 8 | m_Text[at + 1])] = at;
 }
 
 Bytes LzsWriter::Unit(std::span<const unsigned char> chunk) {
@@ -70,11 +58,7 @@ Bytes LzsWriter::Unit(std::span<const unsigned char> chunk) {
   BitWriter bits;
   while (at < m_Text.size()) {
     const Match match = Search(at);
-    if (match.length >= 2) {
-      PutMatch(bits, match.offset, match.length);
-    } else {
-      bits.Put(m_Text[at], 9);
-    }
+    match.length >= 2 ? PutMatch(bits, match.offset, match.length) : bits.Put(m_Text[at], 9);
     const size_t end = at + std::max<size_t>(match.length, 1);
     for (; at < end; ++at) Index(at);
   }

@@ -24,8 +24,9 @@ class LzsWriter {
   Match Search(size_t at) const;
   void Index(size_t at);
 
-  Bytes m_Text;                      // everything that units were made of
-  std::vector<size_t> m_LastOfPair;  // where a pair of bytes began last, plus 1
+  Bytes m_Text;  // everything that units were made of
+  static constexpr auto kNever = static_cast<size_t>(-1);
+  std::vector<size_t> m_LastOfPair = std::vector<size_t>(65536, kNever);  // where it began last
 };
 
 }  // namespace capsule::test

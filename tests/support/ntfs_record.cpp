@@ -7,6 +7,7 @@
 namespace capsule::test {
 namespace {
 
+using platform::LoadLe16;
 using platform::StoreLe16;
 using platform::StoreLe32;
 
@@ -79,12 +80,23 @@ Bytes NtfsRecord::Finish() const {
   record.insert(record.end(), 4, static_cast<unsigned char>(0xFF));
   record.resize(1024);
   StoreLe16(&record[kSequence], kSequenceNumber);
-  for (size_t sector = 0; sector < 2; ++sector) {
-    const size_t last = 512 * (sector + 1) - 2;
-    std::copy_n(&record[last], 2, &record[kSequence + 2 + 2 * sector]);
-    StoreLe16(&record[last], kSequenceNumber);
-  }
+  ApplyFixups(record, kSequenceNumber);
   return record;
+}
+
+void UndoFixups(std::span<unsigned char> record) {
+  unsigned char* word = &record[LoadLe16(&record[4])];
+  for (size_t end = 512; end <= record.size(); end += 512) {
+    std::copy_n(word += 2, 2, &record[end - 2]);
+  }
+}
+
+void ApplyFixups(std::span<unsigned char> record, uint16_t number) {
+  unsigned char* word = &record[LoadLe16(&record[4])];
+  for (size_t end = 512; end <= record.size(); end += 512) {
+    std::copy_n(&record[end - 2], 2, word += 2);
+    StoreLe16(&record[end - 2], number);
+  }
 }
 
 Bytes NtfsIndexEntries(const std::vector<std::pair<uint32_t, uint32_t>>& entries) {

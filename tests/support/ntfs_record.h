@@ -2,6 +2,7 @@
 #pragma once
 
 #include <cstdint>
+#include <span>
 #include <string>
 #include <utility>
 #include <vector>
@@ -34,6 +35,10 @@ class NtfsRecord {
 
   Bytes m_Bytes;
 };
+
+// Puts back the last word of every sector of a record, and displaces it, by `number`, again.
+void UndoFixups(std::span<unsigned char> record);
+void ApplyFixups(std::span<unsigned char> record, uint16_t number);
 
 // Index entries for IndexRoot, then the one that ends a node.
 Bytes NtfsIndexEntries(const std::vector<std::pair<uint32_t, uint32_t>>& entries);

@@ -4,6 +4,7 @@
 #include <array>
 
 #include "capsule/platform/little_endian.h"
+#include "tests/support/ntfs_record.h"
 
 namespace capsule::test {
 namespace {
@@ -11,14 +12,12 @@ namespace {
 using platform::LoadLe16;
 using platform::StoreLe16;
 
-constexpr size_t kSector = 512;
 constexpr uint32_t kDirectoryRecord = 102;
 constexpr uint32_t kMoreOfDirectory = 103;
 constexpr uint32_t kFileRecord = 104;
 constexpr uint32_t kData = 106;
 constexpr uint32_t kOtherData = 107;
 constexpr uint32_t kEndOfRecords = 108;
-constexpr size_t kChunk = 16384;
 
 class NtfsWriter {
  public:
@@ -34,8 +33,6 @@ class NtfsWriter {
       PutFile(number, start);
     }
   }
-
-  void PutEnd() { PutNtfsRecord(m_Image, kEndOfRecords, false, 0, {}); }
 
  private:
   std::vector<Bytes> FileRecords(uint32_t number) const {
@@ -69,13 +66,9 @@ class NtfsWriter {
 
   void PutChunks(const Bytes& data, uint32_t primary) {
     LzsWriter codec;
-    for (size_t at = 0; at < data.size(); at += kChunk) {
-      const size_t end = std::min(at + kChunk, data.size());
-      Bytes chunk(data.begin() + static_cast<std::ptrdiff_t>(at),
-                  data.begin() + static_cast<std::ptrdiff_t>(end));
-      chunk.resize((chunk.size() + kSector - 1) / kSector * kSector);
-      PutChunk(end == data.size() ? kOtherData : kData, end == data.size(), chunk, codec, primary);
-    }
+    VisitChunks(data, 16384, [&](const Bytes& chunk, bool last) {
+      PutChunk(last ? kOtherData : kData, last, chunk, codec, primary);
+    });
   }
 
   // In LZS form, unless that is not shorter.
@@ -99,26 +92,17 @@ class NtfsWriter {
 }  // namespace
 
 void ToEarlierLayout(Bytes& record) {
-  constexpr size_t kSequence = 42;
-  constexpr size_t kFirst = 48;
-  const size_t sequence = LoadLe16(&record[4]);
-  const size_t first = LoadLe16(&record[20]);
-  const uint16_t number = LoadLe16(&record[sequence]);
-  for (size_t sector = 0; sector < 2; ++sector) {
-    std::copy_n(&record[sequence + 2 + 2 * sector], 2, &record[(sector + 1) * kSector - 2]);
-  }
-  std::copy(record.begin() + static_cast<std::ptrdiff_t>(first), record.end(),
-            record.begin() + static_cast<std::ptrdiff_t>(kFirst));
-  std::fill_n(record.end() - static_cast<std::ptrdiff_t>(first - kFirst), first - kFirst,
-              static_cast<unsigned char>(0));
-  StoreLe16(&record[4], kSequence);
-  StoreLe16(&record[20], kFirst);
-  StoreLe16(&record[24], static_cast<uint16_t>(LoadLe16(&record[24]) - (first - kFirst)));
-  StoreLe16(&record[kSequence], number);
-  for (size_t sector = 0; sector < 2; ++sector) {
-    std::copy_n(&record[(sector + 1) * kSector - 2], 2, &record[kSequence + 2 + 2 * sector]);
-    StoreLe16(&record[(sector + 1) * kSector - 2], number);
-  }
+  const size_t size = record.size();
+  const uint16_t first = LoadLe16(&record[20]);
+  const uint16_t number = LoadLe16(&record[LoadLe16(&record[4])]);
+  UndoFixups(record);
+  record.erase(record.begin() + 48, record.begin() + first);
+  record.resize(size);
+  StoreLe16(&record[4], 42);
+  StoreLe16(&record[20], 48);
+  StoreLe16(&record[24], static_cast<uint16_t>(LoadLe16(&record[24]) - (first - 48)));
+  StoreLe16(&record[42], number);
+  ApplyFixups(record, number);
 }
 
 void PutNtfsRecord(ForeignImage& image, uint32_t type, bool last, size_t length,
@@ -139,7 +123,7 @@ void PutNtfsSection(ForeignImage& image, const NtfsVolume& volume, const NtfsSty
   writer.Put(NtfsVolume::kRoot);
   if (style.strayFile) writer.Put(NtfsVolume::kFirstUserFile);
   const uint32_t end = image.Offset();
-  writer.PutEnd();
+  PutNtfsRecord(image, kEndOfRecords, false, 0, {});
   image.EndSection();
   image.Index(2, end, image.Offset() - end);
 }

@@ -6,6 +6,7 @@
 #include <stdexcept>
 
 #include "capsule/platform/little_endian.h"
+#include "tests/support/ntfs_record.h"
 
 namespace capsule::test {
 namespace {
@@ -16,7 +17,6 @@ using platform::LoadLe64;
 using View = std::span<const unsigned char>;
 
 constexpr size_t kRecordSize = 1024;
-constexpr size_t kSector = 512;
 constexpr uint32_t kAttributeList = 0x20;
 constexpr uint32_t kName = 0x30;
 constexpr uint32_t kData = 0x80;
@@ -35,14 +35,6 @@ std::u16string Units(View view) {
   return units;
 }
 
-// Puts back the last word of every sector.
-void UndoFixups(std::span<unsigned char> record) {
-  const size_t sequence = LoadLe16(&record[4]);
-  for (size_t sector = 0; sector < record.size() / kSector; ++sector) {
-    std::copy_n(&record[sequence + 2 + 2 * sector], 2, &record[(sector + 1) * kSector - 2]);
-  }
-}
-
 uint64_t LittleEndian(View bytes) {
   uint64_t value = 0;
   for (size_t i = bytes.size(); i > 0; --i) value = value << 8 | bytes[i - 1];
@@ -58,9 +50,7 @@ Bytes UnpackVolume(const std::string& name) {
   const std::unique_ptr<std::FILE, int (*)(std::FILE*)> pipe(popen(command.c_str(), "r"), pclose);
   Bytes bytes;
   Bytes buffer(size_t{1} << 20);
-  while (pipe != nullptr) {
-    const size_t got = std::fread(buffer.data(), 1, buffer.size(), pipe.get());
-    if (got == 0) break;
+  while (const size_t got = std::fread(buffer.data(), 1, buffer.size(), pipe.get())) {
     bytes.insert(bytes.end(), buffer.begin(), buffer.begin() + static_cast<std::ptrdiff_t>(got));
   }
   if (bytes.empty()) throw std::runtime_error("cannot unpack " + name);

@@ -18,8 +18,7 @@ class OpenImage {
  public:
   explicit OpenImage(const std::string& path) : m_Path(path), m_File(m_Path.c_str()) {}
   ~OpenImage() { m_File.CloseImageFileHandle(); }
-  OpenImage(const OpenImage&) = delete;
-  OpenImage& operator=(const OpenImage&) = delete;
+  OpenImage& operator=(OpenImage&&) = delete;
 
   CapsuleFile& File() { return m_File; }
   int Descriptor() { return m_File.GetImageFileHandle(); }

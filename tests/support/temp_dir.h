@@ -22,8 +22,7 @@ class TempDir {
     std::error_code ignored;
     std::filesystem::remove_all(m_Path, ignored);
   }
-  TempDir(const TempDir&) = delete;
-  TempDir& operator=(const TempDir&) = delete;
+  TempDir& operator=(TempDir&&) = delete;
 
   const std::filesystem::path& Path() const { return m_Path; }
   std::string operator/(std::string_view name) const { return (m_Path / name).string(); }
