@@ -280,7 +280,7 @@ void StreamCase(Random& random) {
 
 TEST(LzsDifferential, CompressorAndDecompressorDoWhatTheModelsDo) {
   const uint64_t first = FromEnvironment("CAPSULE_LZS_SEED", 1);
-  const uint64_t cases = FromEnvironment("CAPSULE_LZS_CASES", 400);
+  const uint64_t cases = FromEnvironment("CAPSULE_LZS_CASES", 4000);
   for (uint64_t seed = first; seed < first + cases; ++seed) {
     SCOPED_TRACE("CAPSULE_LZS_CASES=1 CAPSULE_LZS_SEED=" + std::to_string(seed));
     Random random(seed);
