@@ -30,13 +30,20 @@ std::span<const unsigned char> UnitDecoder::History() const {
   return all.last(std::min(all.size(), kMaxHistory));
 }
 
+// An area of zeros is one that was not prepared: whatever a decoder that has paused kept of its
+// buffers is gone, and nothing decodes with it.
+void UnitDecoder::Forget() {
+  std::fill(m_History.begin(), m_History.end(), static_cast<unsigned char>(0));
+}
+
 void UnitDecoder::Restore(std::span<const unsigned char> history) {
   Reset();
+  history = history.last(std::min(history.size(), kMaxHistory));
   std::array<unsigned char, kMaxHistory> room;
   const unsigned char* source = history.data();
   unsigned char* destination = room.data();
   auto sourceLeft = static_cast<uint32_t>(history.size());
-  auto destinationLeft = static_cast<uint32_t>(room.size());
+  uint32_t destinationLeft = sourceLeft;
   if (sourceLeft == 0) return;
   LzsDecompress(&source, &destination, &sourceLeft, &destinationLeft, m_History.data(),
                 LzsStoredBlock | LzsKeepHistory);
@@ -56,8 +63,12 @@ std::string UnitDecoder::Decode(std::span<const unsigned char> payload,
   auto destinationLeft = static_cast<uint32_t>(out.size());
   const uint16_t result = LzsDecompress(&source, &destination, &sourceLeft, &destinationLeft,
                                         m_History.data(), LzsKeepHistory);
+  const bool isComplete = (result & LzsUnitComplete) != 0;
+  const auto behind = payload.last(isComplete ? sourceLeft : 0);
+  if (isComplete && destinationLeft == 0 && AllZero(behind)) return {};
+  Forget();
   if (result == 0) return "compressed data is corrupt";
-  if ((result & LzsUnitComplete) == 0) {
+  if (!isComplete) {
     return (result & LzsOutputFull) != 0
                ? "decodes to more than the " + Count(out.size()) + " bytes that it states"
                : "compressed data has no end within its " + Count(payload.size()) + " bytes";
@@ -66,10 +77,7 @@ std::string UnitDecoder::Decode(std::span<const unsigned char> payload,
     return "decodes to " + Count(out.size() - destinationLeft) + " bytes instead of " +
            Count(out.size());
   }
-  if (!AllZero(payload.last(sourceLeft))) {
-    return Count(sourceLeft) + " bytes follow the end of the compressed data";
-  }
-  return {};
+  return Count(sourceLeft) + " bytes follow the end of the compressed data";
 }
 
 }  // namespace capsule::host

@@ -31,10 +31,13 @@ class UnitDecoder {
   void Pretend(unsigned char value);
 
   // Decodes one unit, which must fill `out` exactly and be followed by nothing but zeros. What is
-  // wrong with it, or nothing; the history is then of no use until it is prepared again.
+  // wrong with it, or nothing. After a unit that is wrong, none decodes until the history is
+  // prepared again; in no case is `payload` or `out` used once the call is over.
   std::string Decode(std::span<const unsigned char> payload, std::span<unsigned char> out);
 
  private:
+  void Forget();
+
   std::vector<unsigned char> m_History;
 };
 
