@@ -1,6 +1,7 @@
 #include "capsule/blocks/data_block.h"
 
 #include <algorithm>
+#include <utility>
 
 #include "capsule/blocks/data_block_format.h"
 
@@ -26,11 +27,15 @@ CapsuleFileDataBlock::CapsuleFileDataBlock(const CapsuleFileDataBlock& other)
   *this = other;
 }
 
+// Everything that may find no memory comes first: a block that cannot become the other stays as it
+// is.
 CapsuleFileDataBlock& CapsuleFileDataBlock::operator=(const CapsuleFileDataBlock& other) {
   if (this == &other) return *this;
-  m_pCompressed = Duplicate(other.m_pCompressed, other.m_nCompressedSize);
-  m_pUncompressed = Duplicate(other.m_pUncompressed, other.m_nUncompressedSize);
+  auto compressed = Duplicate(other.m_pCompressed, other.m_nCompressedSize);
+  auto uncompressed = Duplicate(other.m_pUncompressed, other.m_nUncompressedSize);
   m_pChunk = Duplicate(other.m_pChunk, kChunkSize);
+  m_pCompressed = std::move(compressed);
+  m_pUncompressed = std::move(uncompressed);
   m_nCompressedSize = other.m_nCompressedSize;
   m_nUncompressedSize = other.m_nUncompressedSize;
   m_MiniHeader = other.m_MiniHeader;

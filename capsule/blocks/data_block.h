@@ -63,14 +63,19 @@ class CAPSULE_API CapsuleFileDataBlock {
 
   // Reads the record at `offset` of the image open on `fd`; advances `*pOffset` past it. A record
   // of another type gives 0 with IsValid() 0 and does not advance. -1 also for a payload that the
-  // file does not hold.
+  // file does not hold. Payload and chunk of the record before are released.
   int Read(int fd, int offset, int* pOffset);
 
   // Makes the chunk's bytes, with the history that the chunk before left: an area of
   // LzsSizeOfDecompressionHistory() bytes, not looked at for a payload stored as it is. 0, without
-  // data (IsDecompressed() 0) when the stated length is out of range; -1 on damage. A unit that
-  // does not end where its chunk ends leaves a history with which no further unit decodes.
+  // data (IsDecompressed() 0) when the stated length is out of range; -1 on damage. A unit without
+  // its end leaves a history with which no further unit decodes.
   int Decompress(CapsuleFile* file, char* history);
+
+  // The same two for callers that tell damage from memory that is not there: std::bad_alloc is
+  // thrown, the history as it was, and the block can be read and decompressed again.
+  int ReadOrThrow(int fd, int offset, int* pOffset);
+  int DecompressOrThrow(CapsuleFile* file, char* history);
 
   // 1 when the chunk that begins at `blockStart` of its file touches the range (ends count), else
   // 0;
@@ -121,11 +126,14 @@ class CAPSULE_API CapsuleFileDataBlock {
   bool HasPayload() const { return m_pCompressed != nullptr; }
 
  private:
+  int TakeFileData(const char* path);
   int ReadNtfsRecord(int fd, int offset, int* pOffset);
   int ReadPayload(int fd, int64_t offset);
   bool TakePayload(int fd, int64_t offset);
   int DecompressUnit(CapsuleFile* file, char* history);
   int ReadStored(CapsuleFile* file);
+  void TakeChunk(std::unique_ptr<unsigned char[]> bytes, uint32_t size);
+  void ReleaseChunk();
 
   _MiniHeader m_MiniHeader{};
   std::unique_ptr<unsigned char[]> m_pCompressed;

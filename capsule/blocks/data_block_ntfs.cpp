@@ -12,6 +12,7 @@ int CapsuleFileDataBlock::ReadNtfsRecord(int fd, int offset, int* pOffset) {
   unsigned char bytes[kNtfsHeaderSize];
   if (reader.ReadAt(fd, bytes, sizeof bytes, offset) != static_cast<int>(sizeof bytes)) return -1;
   const _NTFSMiniHeader header = DecodeNtfsHeader(bytes);
+  ClearOutBuffers();
   NTFSMINIHEADERtoMINIHEADER(&header);
   const uint32_t type = header.RecordType;
   m_bValid = IsNtfsFileRecord(type) || IsNtfsData(type) ? 1 : 0;

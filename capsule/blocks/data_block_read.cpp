@@ -1,9 +1,9 @@
 // A record becomes a chunk in two steps: Read takes header and payload, Decompress decodes the
 // payload with the history that the chunk before it left.
 //
-// A unit that leaves a side of the decoder unfinished (it yields more than its header states, or
-// less and has no end) would make the decoder go on, at the next unit, from memory of this one.
-// Such a unit counts as decoded, but its history is made unusable: no unit after it decodes.
+// A unit without its end within its payload and its chunk would make the decoder go on with it at
+// the next unit, from memory of this one or with the rest of a match. Such a unit counts as
+// decoded, but its history is made unusable: no unit after it decodes.
 #include <algorithm>
 #include <bit>
 #include <cstdint>
@@ -20,6 +20,7 @@
 #include "capsule/container/reader_lock.h"
 #include "capsule/partition/record_format.h"
 #include "capsule/platform/message_sink.h"
+#include "capsule/platform/out_of_memory.h"
 #include "capsule/runtime/debug_tracer.h"
 
 namespace capsule {
@@ -30,17 +31,21 @@ constexpr const char* kException = "EXCEPTION OCCURRED!!!!!  EXITING DECOMPRESSI
 
 using Bytes = std::unique_ptr<unsigned char[]>;
 
-// `count` zero bytes; null, with a message, when there is no memory.
-Bytes AllocateChunk(uint32_t count) {
-  Bytes bytes(new (std::nothrow) unsigned char[std::max<uint32_t>(count, 1)]());
-  if (!bytes) platform::ShowMessage(kNoMemory);
-  return bytes;
+// A message that finds no memory itself is not shown.
+void Show(const char* message) {
+  try {
+    platform::ShowMessage(message);
+  } catch (const std::bad_alloc&) {
+    return;
+  }
 }
 
-// Whether the decoder holds no pointer into the buffers of the call that gave `result`.
-bool BothSidesFinished(uint16_t result) {
-  return (result & LzsUnitComplete) != 0 ||
-         result == static_cast<uint16_t>(LzsInputUsedUp | LzsOutputFull);
+// `count` zero bytes; std::bad_alloc, with a message, when there is no memory.
+Bytes AllocateChunk(uint32_t count) {
+  Bytes bytes(new (std::nothrow) unsigned char[std::max<uint32_t>(count, 1)]());
+  if (bytes) return bytes;
+  Show(kNoMemory);
+  throw std::bad_alloc();
 }
 
 // Decodes one unit; false when it is corrupt.
@@ -48,7 +53,7 @@ bool DecodeUnit(const unsigned char* unit, uint32_t unitSize, unsigned char* chu
                 uint32_t chunkSize, char* history) {
   const uint16_t result =
       LzsDecompress(&unit, &chunk, &unitSize, &chunkSize, history, LzsKeepHistory);
-  if (!BothSidesFinished(result)) std::memset(history, 0, LzsSizeOfDecompressionHistory());
+  if ((result & LzsUnitComplete) == 0) std::memset(history, 0, LzsSizeOfDecompressionHistory());
   return result != 0;
 }
 
@@ -60,6 +65,10 @@ int ClampToInt(int64_t value) {
 }  // namespace
 
 int CapsuleFileDataBlock::Read(int fd, int offset, int* pOffset) {
+  return platform::OrOutOfMemory(-1, [&] { return ReadOrThrow(fd, offset, pOffset); });
+}
+
+int CapsuleFileDataBlock::ReadOrThrow(int fd, int offset, int* pOffset) {
   if (pOffset == nullptr) return -1;
   if (m_DirectoryType == CapsuleDirectoryEntry::DirTypeNtfs) {
     return ReadNtfsRecord(fd, offset, pOffset);
@@ -67,6 +76,7 @@ int CapsuleFileDataBlock::Read(int fd, int offset, int* pOffset) {
   CpsReaderLock reader;
   unsigned char bytes[kMiniHeaderSize];
   if (reader.ReadAt(fd, bytes, sizeof bytes, offset) != static_cast<int>(sizeof bytes)) return -1;
+  ClearOutBuffers();
   m_MiniHeader = DecodeMiniHeader(bytes);
   m_bValid = m_MiniHeader.Type == kRecordDataBlock ? 1 : 0;
   if (m_bValid == 0) return 0;
@@ -89,36 +99,38 @@ int CapsuleFileDataBlock::ReadPayload(int fd, int64_t offset) {
 bool CapsuleFileDataBlock::TakePayload(int fd, int64_t offset) {
   const uint32_t length = m_MiniHeader.Length;
   m_nCompressedSize = 0;
-  m_pCompressed.reset(new (std::nothrow) unsigned char[std::max<uint32_t>(length, 1)]);
-  if (!m_pCompressed) return false;
+  m_pCompressed.reset();
+  Bytes payload(new unsigned char[std::max<uint32_t>(length, 1)]);
   CpsReaderLock reader;
-  if (reader.ReadAt(fd, m_pCompressed.get(), length, offset) != static_cast<int>(length)) {
-    m_pCompressed.reset();
-    return false;
-  }
+  if (reader.ReadAt(fd, payload.get(), length, offset) != static_cast<int>(length)) return false;
+  m_pCompressed = std::move(payload);
   m_nCompressedSize = length;
   return true;
 }
 
 int CapsuleFileDataBlock::Decompress(CapsuleFile* file, char* history) {
+  return platform::OrOutOfMemory(-1, [&] { return DecompressOrThrow(file, history); });
+}
+
+int CapsuleFileDataBlock::DecompressOrThrow(CapsuleFile* file, char* history) {
   if (file == nullptr) return -1;
+  ReleaseChunk();
   try {
     const bool imageIsCompressed = file->IsCompressed() != 0;
     return IsCompressedPayload(m_MiniHeader, imageIsCompressed) ? DecompressUnit(file, history)
                                                                 : ReadStored(file);
+  } catch (const std::bad_alloc&) {
+    throw;
   } catch (const std::exception&) {
-    platform::ShowMessage(kException);
+    Show(kException);
     return -1;
   }
 }
 
 int CapsuleFileDataBlock::DecompressUnit(CapsuleFile* file, char* history) {
   const uint32_t size = m_MiniHeader.Param;
-  m_bDecompressed = 0;
   if (size > kMaxUncompressedLength) return 0;
-  m_nUncompressedSize = 0;
-  m_pUncompressed = AllocateChunk(size);
-  if (!m_pUncompressed) return -1;
+  Bytes chunk = AllocateChunk(size);
   if (m_DirectoryType == CapsuleDirectoryEntry::DirTypeNtfs &&
       !TakePayload(file->GetImageFileHandle(), m_nDataOffset)) {
     return -1;
@@ -126,30 +138,34 @@ int CapsuleFileDataBlock::DecompressUnit(CapsuleFile* file, char* history) {
   MainTracer().Trace("Uncompressed buffer read - len: %d : offset: %d \n",
                      static_cast<int>(m_MiniHeader.Length), m_nDataOffset);
   if (!m_pCompressed || history == nullptr) return -1;
-  if (!DecodeUnit(m_pCompressed.get(), m_nCompressedSize, m_pUncompressed.get(), size, history)) {
-    return -1;
-  }
-  m_nUncompressedSize = size;
-  m_bDecompressed = 1;
+  if (!DecodeUnit(m_pCompressed.get(), m_nCompressedSize, chunk.get(), size, history)) return -1;
+  TakeChunk(std::move(chunk), size);
   return 0;
 }
 
 int CapsuleFileDataBlock::ReadStored(CapsuleFile* file) {
   const uint32_t size = m_MiniHeader.Length;
   m_MiniHeader.Param = size;
-  m_bDecompressed = 0;
-  m_nUncompressedSize = 0;
-  m_pUncompressed = AllocateChunk(size);
-  if (!m_pUncompressed) return -1;
+  Bytes chunk = AllocateChunk(size);
   CpsReaderLock reader;
-  const int got =
-      reader.ReadAt(file->GetImageFileHandle(), m_pUncompressed.get(), size, m_nDataOffset);
+  const int got = reader.ReadAt(file->GetImageFileHandle(), chunk.get(), size, m_nDataOffset);
   MainTracer().Trace("Uncompressed buffer read - len: %d : offset: %d \n", static_cast<int>(size),
                      m_nDataOffset);
   if (got != static_cast<int>(size)) return -1;
+  TakeChunk(std::move(chunk), size);
+  return 0;
+}
+
+void CapsuleFileDataBlock::TakeChunk(Bytes bytes, uint32_t size) {
+  m_pUncompressed = std::move(bytes);
   m_nUncompressedSize = size;
   m_bDecompressed = 1;
-  return 0;
+}
+
+void CapsuleFileDataBlock::ReleaseChunk() {
+  m_pUncompressed.reset();
+  m_nUncompressedSize = 0;
+  m_bDecompressed = 0;
 }
 
 int CapsuleFileDataBlock::IsWithinOffset(CapsuleFile* file, int blockStart, int rangeStart,
@@ -186,18 +202,14 @@ int CapsuleFileDataBlock::WriteDecompressedBuffer(char** pOut, int blockStart, i
 void CapsuleFileDataBlock::ClearOutBuffers() {
   m_pCompressed.reset();
   m_nCompressedSize = 0;
-  m_pUncompressed.reset();
-  m_nUncompressedSize = 0;
-  m_bDecompressed = 0;
+  ReleaseChunk();
 }
 
 void CapsuleFileDataBlock::AssignUncompressedBuffer(const unsigned char* data, int len) {
   const auto size = data == nullptr ? 0 : static_cast<size_t>(std::max(len, 0));
   Bytes copy(new unsigned char[std::max<size_t>(size, 1)]);
   if (size > 0) std::memcpy(copy.get(), data, size);
-  m_pUncompressed = std::move(copy);
-  m_nUncompressedSize = static_cast<uint32_t>(size);
-  m_bDecompressed = 1;
+  TakeChunk(std::move(copy), static_cast<uint32_t>(size));
 }
 
 char* CapsuleFileDataBlock::GetPtrToUncompressedDataBuffer() {

@@ -9,11 +9,16 @@
 #include "capsule/partition/record_format.h"
 #include "capsule/platform/descriptor_owner.h"
 #include "capsule/platform/file.h"
+#include "capsule/platform/out_of_memory.h"
 #include "capsule/runtime/library_state.h"
 
 namespace capsule {
 
 int CapsuleFileDataBlock::ReadFileData(const char* path) {
+  return platform::OrOutOfMemory(-1, [&] { return TakeFileData(path); });
+}
+
+int CapsuleFileDataBlock::TakeFileData(const char* path) {
   m_pChunk = nullptr;
   LibraryState& state = CurrentLibraryState();
   // Whatever fails below, the next file starts at its beginning.

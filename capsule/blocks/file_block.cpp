@@ -25,21 +25,34 @@ CapsuleFileBlock::CapsuleFileBlock(CapsuleFileBlock* parent, CapsulePartition& p
 
 CapsuleFileBlock::~CapsuleFileBlock() { Close(); }
 
-// Grandchildren are moved up before their parent goes, so that the depth of a tree costs no stack.
+// Blocks that are to go are chained by their pointer to the parent, which they need no longer: the
+// depth of a tree costs neither stack nor memory, and closing cannot fail.
 void CapsuleFileBlock::Close() {
-  while (m_FileList.GetCount() > 0) {
-    const std::unique_ptr<CapsuleFileBlock> child(TakeFirst<CapsuleFileBlock>(m_FileList));
-    while (child != nullptr && child->m_FileList.GetCount() > 0) {
-      m_FileList.Append(TakeFirst<CapsuleFileBlock>(child->m_FileList));
-    }
+  CapsuleFileBlock* first = nullptr;
+  TakeChildren(&first);
+  while (first != nullptr) {
+    const std::unique_ptr<CapsuleFileBlock> block(first);
+    first = block->m_pParent;
+    block->TakeChildren(&first);
   }
   ForgetDataBlocks();
+}
+
+// Moves the children to the front of the chain.
+void CapsuleFileBlock::TakeChildren(CapsuleFileBlock** first) {
+  while (m_FileList.GetCount() > 0) {
+    auto* child = TakeFirst<CapsuleFileBlock>(m_FileList);
+    if (child == nullptr) continue;
+    child->m_pParent = *first;
+    *first = child;
+  }
 }
 
 void CapsuleFileBlock::ForgetDataBlocks() {
   m_bDataBlocksPending = false;
   m_bNtfsDataPending = false;
   m_pExtraction.reset();
+  m_pHistoryCopy.reset();
   while (m_DataBlocks.GetCount() > 0) {
     const std::unique_ptr<CapsuleFileDataBlock> block(
         TakeFirst<CapsuleFileDataBlock>(m_DataBlocks));

@@ -66,11 +66,15 @@ class CAPSULE_API CapsuleFileBlock {
   // in memory afterwards. DecompressFile reads what it needs by itself where this was not called.
   bool ReadDataBlocks(int fd, int offset);
 
-  // Gives every block without children, here and below, its history; -1 at the first failure.
+  // Gives every block without children, here and below, its history; -1 at the first that has one,
+  // or, with none given, without memory.
   int SetUpDecompressHeader(CapsuleFile& file, char* history, int size);
 
+  // The same for all of `blocks`, CapsuleFileBlock pointers.
+  static int SetUpHistories(const CpsList& blocks, char* history, int size);
+
   // Takes the `size` bytes at `history`, which stay the caller's and must outlive the block, as
-  // what the first data block is decoded with. -1 when that was done before.
+  // what the first data block is decoded with. -1 when that was done before, or without memory.
   int SetUpHistoryBuffer(char* history, int size);
 
   // Copies the block's own history over the one it was set up from; -1 before that.
@@ -93,9 +97,9 @@ class CAPSULE_API CapsuleFileBlock {
   // --- Extracting (file_block_extract.cpp) ---
 
   // Extracts `*pLen` bytes from byte `start` on; `*pLen` becomes how many there are. -1 for a
-  // directory, a null pointer, or a start at or behind the end; 0 with `*pLen` -1 when the
-  // extraction failed. `file` is the CapsuleFile of the image. Ranges may come in any order;
-  // forward ones decode every data block once.
+  // directory, a null pointer, a start at or behind the end, or without memory; 0 with `*pLen` -1
+  // when the extraction failed. `file` is the CapsuleFile of the image. Ranges may come in any
+  // order; forward ones decode every data block once.
   int DecompressFile(void* file, int start, int* pLen);
 
   // The step of DecompressFile that fills the extraction buffer, which must hold `len` bytes.
@@ -118,7 +122,7 @@ class CAPSULE_API CapsuleFileBlock {
   // The children, CapsuleFileBlock pointers in image order.
   CpsList& FileList();
 
-  // The data blocks, prepared if they were not yet.
+  // The data blocks, prepared if they were not yet; none when there is no memory for that.
   CpsList& GetFileDataBlockList();
   CapsuleFileBlock* ParentFileBlock();
   CapsuleDirectoryEntry& GetDirectoryEntry();
@@ -155,8 +159,11 @@ class CAPSULE_API CapsuleFileBlock {
   void SetFilePath(const char* path) { m_strFilePath = path == nullptr ? "" : path; }
 
  private:
+  void TakeChildren(CapsuleFileBlock** first);
+
   // Data blocks as stored (file_block_read.cpp).
   void PrepareDataBlocks(int fd);
+  void PrepareFatDataBlocks(int fd);
   void ForgetDataBlocks();
   CapsuleFileDataBlock* DataBlockAt(int index) const;
   FileExtraction& Extraction();
@@ -169,13 +176,19 @@ class CAPSULE_API CapsuleFileBlock {
   int TakeCompanions(int fd, int offset, CapsuleFile& file, char* history);
   void PrepareNtfsDataBlocks(int fd);
   bool LocateNtfsData(CapsuleFile* file, int start);
+  bool LocateResidentData(CapsuleFile* file);
   bool ReadNtfsData(int fd, CapsuleFileDataBlock* block, int* offset);
   void KeepResidentData(std::span<const unsigned char> value);
   bool HoldsResidentData() const;
   int CopyResidentData(int start, int len);
 
+  // Writing (file_block_write.cpp).
+  int AppendChunks(const char* path);
+  int StreamRecords(const char* path, int fd, int offset, int* pTotal, int level);
+
   // Decoding in order (file_block_extract.cpp).
   int FillExtractionBuffer(CapsuleFile* file, int64_t start, int len);
+  int DecompressRange(CapsuleFile* file, int start, int len);
   bool EnsureRecord(CapsuleFile* file, int index);
   int DecodeDataBlock(CapsuleFile* file, int index);
   int DecodeUpTo(CapsuleFile* file, int index);

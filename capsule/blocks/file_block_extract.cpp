@@ -17,6 +17,7 @@
 #include "capsule/blocks/file_extraction.h"
 #include "capsule/compression/lzs.h"
 #include "capsule/container/capsule_file.h"
+#include "capsule/platform/out_of_memory.h"
 #include "capsule/runtime/debug_tracer.h"
 
 namespace capsule {
@@ -70,6 +71,7 @@ int CapsuleFileBlock::DecompressFile(void* file, int start, int* pLen) {
       return 0;
     }
   } catch (const std::bad_alloc&) {
+    ClearDecompressedFilePointer();
     return -1;
   }
   *pLen = -1;
@@ -89,10 +91,14 @@ int CapsuleFileBlock::FillExtractionBuffer(CapsuleFile* file, int64_t start, int
     m_pDecompressedFile.reset(new unsigned char[static_cast<size_t>(len)]);
     m_nDecompressedSize = len;
   }
-  return DecompressFileBlocks(file, static_cast<int>(start), len);
+  return DecompressRange(file, static_cast<int>(start), len);
 }
 
 int CapsuleFileBlock::DecompressFileBlocks(CapsuleFile* file, int start, int len) {
+  return platform::OrOutOfMemory(-1, [&] { return DecompressRange(file, start, len); });
+}
+
+int CapsuleFileBlock::DecompressRange(CapsuleFile* file, int start, int len) {
   if (start == 0) ResetHistoryBuffer();
   if (file == nullptr) return -1;
   if (start < 0 || len < 0 || len > std::numeric_limits<int>::max() - start) return -1;
@@ -146,19 +152,25 @@ bool CapsuleFileBlock::EnsureRecord(CapsuleFile* file, int index) {
     return true;
   }
   int position = Extraction().places[static_cast<size_t>(index)].record;
-  return block->Read(file->GetImageFileHandle(), position, &position) == 0 && block->IsValid() != 0;
+  return block->ReadOrThrow(file->GetImageFileHandle(), position, &position) == 0 &&
+         block->IsValid() != 0;
 }
 
 int CapsuleFileBlock::DecodeDataBlock(CapsuleFile* file, int index) {
   CapsuleFileDataBlock* block = DataBlockAt(index);
   const bool needsHistory = IsCompressedPayload(block->GetMiniHeader(), file->IsCompressed() != 0);
-  if (!needsHistory && block->Decompress(file, nullptr) != 0) return -1;
+  if (!needsHistory && block->DecompressOrThrow(file, nullptr) != 0) return -1;
   if (needsHistory && DecodeUpTo(file, index) != 0) {
     Extraction().historyAt = FileExtraction::kUnknown;
     return -1;
   }
   if (block->IsDecompressed() == 0) return -1;
-  Extraction().decompressed.push_back(index);
+  try {
+    Extraction().decompressed.push_back(index);
+  } catch (const std::bad_alloc&) {
+    block->ClearOutBuffers();
+    throw;
+  }
   return 0;
 }
 
@@ -172,7 +184,7 @@ int CapsuleFileBlock::DecodeUpTo(CapsuleFile* file, int index) {
     CapsuleFileDataBlock* block = DataBlockAt(at);
     const bool held = block->IsDecompressed() != 0;
     if (IsCompressedPayload(block->GetMiniHeader(), file->IsCompressed() != 0)) {
-      if (block->Decompress(file, Chars(m_pHistoryCopy.get())) != 0) return -1;
+      if (block->DecompressOrThrow(file, Chars(m_pHistoryCopy.get())) != 0) return -1;
       if (block->IsDecompressed() == 0) return -1;
     }
     if (at != index && !held) block->ClearOutBuffers();
@@ -182,13 +194,18 @@ int CapsuleFileBlock::DecodeUpTo(CapsuleFile* file, int index) {
   return 0;
 }
 
+// One that finds no memory is left out: it would only have saved time.
 void CapsuleFileBlock::KeepCheckpoint() {
   FileExtraction& extraction = Extraction();
   const int at = extraction.historyAt;
   if (at % kCheckpointDistance != 0) return;
   if (!extraction.checkpoints.empty() && extraction.checkpoints.back().block >= at) return;
   const unsigned char* history = m_pHistoryCopy.get();
-  extraction.checkpoints.push_back({at, {history, history + LzsSizeOfDecompressionHistory()}});
+  try {
+    extraction.checkpoints.push_back({at, {history, history + LzsSizeOfDecompressionHistory()}});
+  } catch (const std::bad_alloc&) {
+    return;
+  }
 }
 
 // Makes the history one that is right for data block `index` or one before it.

@@ -1,6 +1,7 @@
 // Reading a file block touches its directory entry only. The data blocks of a file are prepared
 // when somebody first asks for them, one for each record that is really there: what an entry
 // claims costs nothing.
+#include <algorithm>
 #include <memory>
 #include <new>
 #include <utility>
@@ -15,6 +16,7 @@
 #include "capsule/partition/ntfs_format.h"
 #include "capsule/partition/partition.h"
 #include "capsule/partition/record_format.h"
+#include "capsule/platform/out_of_memory.h"
 
 namespace capsule {
 namespace {
@@ -26,6 +28,27 @@ bool MayGoOn(const _MiniHeader& header, uint32_t length) {
 
 CapsuleFileBlock* BlockAt(const CpsList& list, int index) {
   return static_cast<CapsuleFileBlock*>(list.GetAt(index));
+}
+
+// Appends the blocks without children at and below `root`, in order.
+void AppendLeaves(CapsuleFileBlock* root, std::vector<CapsuleFileBlock*>* leaves) {
+  std::vector<CapsuleFileBlock*> pending{root};
+  while (!pending.empty()) {
+    CapsuleFileBlock* block = pending.back();
+    pending.pop_back();
+    const int children = block->FileList().GetCount();
+    if (children == 0) leaves->push_back(block);
+    for (int i = children; i > 0; --i) {
+      if (CapsuleFileBlock* child = BlockAt(block->FileList(), i - 1)) pending.push_back(child);
+    }
+  }
+}
+
+int SetUpEach(const std::vector<CapsuleFileBlock*>& blocks, char* history, int size) {
+  const auto fails = [&](CapsuleFileBlock* block) {
+    return block->SetUpHistoryBuffer(history, size) != 0;
+  };
+  return std::any_of(blocks.begin(), blocks.end(), fails) ? -1 : 0;
 }
 
 }  // namespace
@@ -50,7 +73,11 @@ int CapsuleFileBlock::Read(DirectoryType type, int fd, int offset, int* pOffset,
 }
 
 CpsList& CapsuleFileBlock::GetFileDataBlockList() {
-  if (m_bDataBlocksPending) PrepareDataBlocks(m_pPartition->GetCapsuleFile().GetImageFileHandle());
+  try {
+    PrepareDataBlocks(m_pPartition->GetCapsuleFile().GetImageFileHandle());
+  } catch (const std::bad_alloc&) {
+    // They are prepared when they are asked for again.
+  }
   return m_DataBlocks;
 }
 
@@ -63,10 +90,21 @@ FileExtraction& CapsuleFileBlock::Extraction() {
   return *m_pExtraction;
 }
 
+// All or none: some of them would pass for the whole file.
 void CapsuleFileBlock::PrepareDataBlocks(int fd) {
   if (!m_bDataBlocksPending || fd <= 0) return;
-  if (m_DirectoryType == CapsuleDirectoryEntry::DirTypeNtfs) return PrepareNtfsDataBlocks(fd);
-  m_bDataBlocksPending = false;
+  const bool ntfs = m_DirectoryType == CapsuleDirectoryEntry::DirTypeNtfs;
+  try {
+    ntfs ? PrepareNtfsDataBlocks(fd) : PrepareFatDataBlocks(fd);
+    m_bDataBlocksPending = false;
+  } catch (const std::bad_alloc&) {
+    ForgetDataBlocks();
+    m_bDataBlocksPending = true;
+    throw;
+  }
+}
+
+void CapsuleFileBlock::PrepareFatDataBlocks(int fd) {
   FileExtraction& extraction = Extraction();
   const bool compressed = m_pPartition->GetCapsuleFile().IsCompressed() != 0;
   const int64_t size = m_DirectoryEntry.FileSize();
@@ -91,6 +129,7 @@ void CapsuleFileBlock::PrepareDataBlocks(int fd) {
 bool CapsuleFileBlock::ReadDataBlocks(int fd, int offset) {
   try {
     PrepareDataBlocks(fd);
+    Extraction().decompressed.clear();  // reading a record releases its chunk
     const int count = m_DataBlocks.GetCount();
     int position = offset;
     for (int i = 0; i < count; ++i) {
@@ -124,7 +163,6 @@ void CapsuleFileBlock::LocateDataBlocks() {
       extraction.places.front().record != places.front().record) {
     ReleaseOutside(0, -1);
     extraction = {};
-    extraction.historyAt = FileExtraction::kUnknown;
   }
   extraction.places = std::move(places);
   extraction.end = end;
@@ -138,17 +176,21 @@ void CapsuleFileBlock::SyncPlaces() {
 }
 
 int CapsuleFileBlock::SetUpDecompressHeader(CapsuleFile&, char* history, int size) {
-  std::vector<CapsuleFileBlock*> pending{this};
-  while (!pending.empty()) {
-    CapsuleFileBlock* block = pending.back();
-    pending.pop_back();
-    const int children = block->m_FileList.GetCount();
-    if (children == 0 && block->SetUpHistoryBuffer(history, size) != 0) return -1;
-    for (int i = children; i > 0; --i) {
-      if (CapsuleFileBlock* child = BlockAt(block->m_FileList, i - 1)) pending.push_back(child);
+  return platform::OrOutOfMemory(-1, [&] {
+    std::vector<CapsuleFileBlock*> leaves;
+    AppendLeaves(this, &leaves);
+    return SetUpEach(leaves, history, size);
+  });
+}
+
+int CapsuleFileBlock::SetUpHistories(const CpsList& blocks, char* history, int size) {
+  return platform::OrOutOfMemory(-1, [&] {
+    std::vector<CapsuleFileBlock*> leaves;
+    for (int i = 0; CapsuleFileBlock* block = BlockAt(blocks, i); ++i) {
+      AppendLeaves(block, &leaves);
     }
-  }
-  return 0;
+    return SetUpEach(leaves, history, size);
+  });
 }
 
 int CapsuleFileBlock::SetUpHistoryBuffer(char* history, int size) {

@@ -19,6 +19,7 @@
 #include "capsule/partition/partition.h"
 #include "capsule/partition/record_format.h"
 #include "capsule/platform/file.h"
+#include "capsule/platform/out_of_memory.h"
 
 namespace capsule {
 namespace {
@@ -69,8 +70,8 @@ int CapsuleFileBlock::ReadNtfsEntry(int fd, int* pOffset, CapsuleFile& file, cha
 int CapsuleFileBlock::TakeNtfsRecord(int fd, int* pOffset, CapsuleFile& file, char* history) {
   CapsuleFileDataBlock block(CapsuleDirectoryEntry::DirTypeNtfs,
                              m_DirectoryEntry.NTFSIsDirectory());
-  if (block.Read(fd, *pOffset, pOffset) != 0) return -1;
-  if (block.Decompress(&file, history) != 0 || block.IsDecompressed() == 0) return -1;
+  if (block.ReadOrThrow(fd, *pOffset, pOffset) != 0) return -1;
+  if (block.DecompressOrThrow(&file, history) != 0 || block.IsDecompressed() == 0) return -1;
   if (block.NTFSIsFileRecord() != 0) {
     const std::span<unsigned char> records = block.Uncompressed();
     m_DirectoryEntry.FileRecordtoDirectoryEntry(records.data(), static_cast<long>(records.size()));
@@ -95,7 +96,6 @@ int CapsuleFileBlock::TakeCompanions(int fd, int offset, CapsuleFile& file, char
 // One data block for each 16384 bytes of the file, as far as the image could hold them; those whose
 // records are not there are not valid.
 void CapsuleFileBlock::PrepareNtfsDataBlocks(int fd) {
-  m_bDataBlocksPending = false;
   const int64_t size = m_DirectoryEntry.FileSize();
   const int64_t room = std::max<int64_t>(platform::FileLength(fd) - m_nNTFSDataBlockStart, 0);
   const int64_t count =
@@ -113,14 +113,14 @@ void CapsuleFileBlock::PrepareNtfsDataBlocks(int fd) {
 // Finds the file's data: in its FILE record, or in the records behind it. False when records are
 // missing.
 bool CapsuleFileBlock::LocateNtfsData(CapsuleFile* file, int start) {
-  m_bNtfsDataPending = false;
-  IsResidentData(file);
   ReleaseOutside(0, -1);
+  LocateResidentData(file);
   FileExtraction& extraction = Extraction();
   extraction = {};
-  extraction.historyAt = FileExtraction::kUnknown;
-  CapsuleFileDataBlock* first = DataBlockAt(0);
-  if (first != nullptr && first->IsResident()) return true;
+  if (HoldsResidentData()) {
+    m_bNtfsDataPending = false;
+    return true;
+  }
   const bool compressed = file->IsCompressed() != 0;
   const int fd = file->GetImageFileHandle();
   bool found = true;
@@ -133,6 +133,7 @@ bool CapsuleFileBlock::LocateNtfsData(CapsuleFile* file, int start) {
     extraction.places.push_back({record, extraction.end});
     if (found) extraction.end += UncompressedLength(block->GetMiniHeader(), compressed);
   }
+  m_bNtfsDataPending = false;
   return found;
 }
 
@@ -147,15 +148,17 @@ bool CapsuleFileBlock::ReadNtfsData(int fd, CapsuleFileDataBlock* block, int* of
 
 bool CapsuleFileBlock::ReadNTFSDataBlocks(CapsuleFile* file, CapsuleFileBlock* from) {
   if (file == nullptr || from == nullptr) return false;
-  try {
+  return platform::OrOutOfMemory(false, [&] {
     PrepareDataBlocks(file->GetImageFileHandle());
     return LocateNtfsData(file, from->m_nNTFSDataBlockStart);
-  } catch (const std::bad_alloc&) {
-    return false;
-  }
+  });
 }
 
 bool CapsuleFileBlock::IsResidentData(CapsuleFile* file) {
+  return platform::OrOutOfMemory(true, [&] { return LocateResidentData(file); });
+}
+
+bool CapsuleFileBlock::LocateResidentData(CapsuleFile* file) {
   if (file == nullptr || !m_pInitialHistory) return true;
   // On a copy: a record that is damaged must not spoil the history for others.
   std::vector<unsigned char> history = *m_pInitialHistory;
@@ -163,7 +166,7 @@ bool CapsuleFileBlock::IsResidentData(CapsuleFile* file) {
   CapsuleFileDataBlock record(m_DirectoryType, m_DirectoryEntry.NTFSIsDirectory());
   int position = m_nStartOffset;
   if (record.Read(file->GetImageFileHandle(), position, &position) != 0) return true;
-  if (record.Decompress(file, area) != 0) return true;
+  if (record.DecompressOrThrow(file, area) != 0) return true;
   const std::span<unsigned char> bytes = record.Uncompressed();
   if (bytes.size() < kFileRecordSize) return true;
   const auto fileRecord = bytes.first<kFileRecordSize>();

@@ -11,6 +11,7 @@
 #include "capsule/partition/record_format.h"
 #include "capsule/platform/descriptor_owner.h"
 #include "capsule/platform/file.h"
+#include "capsule/platform/out_of_memory.h"
 #include "capsule/runtime/library_state.h"
 
 namespace capsule {
@@ -116,25 +117,31 @@ bool StreamChunks(int source, uint32_t size, RecordWriter& writer) {
 int CapsuleFileBlock::WriteDirEntry(DirectoryType type, const char* path, int fd, int offset,
                                     int* pTotal) {
   if (pTotal == nullptr) return -1;
-  SetFilePath(path);
-  m_DirectoryType = type;
-  int written = 0;
-  if (m_DirectoryEntry.SetFileDirectory(type, path, fd, offset, &written) != 0) return -1;
-  if (m_DirectoryEntry.Write(type, fd, offset + written, &written) != 0) return -1;
-  return Advance(pTotal, written) ? 0 : -1;
+  return platform::OrOutOfMemory(-1, [&] {
+    SetFilePath(path);
+    m_DirectoryType = type;
+    int written = 0;
+    if (m_DirectoryEntry.SetFileDirectory(type, path, fd, offset, &written) != 0) return -1;
+    if (m_DirectoryEntry.Write(type, fd, offset + written, &written) != 0) return -1;
+    return Advance(pTotal, written) ? 0 : -1;
+  });
 }
 
+// However it fails, the next file is read from its beginning.
 int CapsuleFileBlock::ReadAndChunk(const char* path) {
+  const int result = platform::OrOutOfMemory(-1, [&] { return AppendChunks(path); });
+  if (result != 0) CurrentLibraryState().chunkReadPosition = 0;
+  return result;
+}
+
+int CapsuleFileBlock::AppendChunks(const char* path) {
   int result = kChunkSize;
   int fileSize = -1;
   while (result == static_cast<int>(kChunkSize)) {
     auto block = std::make_unique<CapsuleFileDataBlock>(m_DirectoryType, 0);
     result = block->ReadFileData(path);
     if (result == -1) return -1;
-    if (fileSize != -1 && block->GetFileSize() != fileSize) {
-      CurrentLibraryState().chunkReadPosition = 0;
-      return -1;
-    }
+    if (fileSize != -1 && block->GetFileSize() != fileSize) return -1;
     fileSize = block->GetFileSize();
     m_DataBlocks.Append(block.get());
     static_cast<void>(block.release());
@@ -161,6 +168,11 @@ int CapsuleFileBlock::WriteFile(int fd, int offset, int* pTotal, int level, char
 
 int CapsuleFileBlock::StreamFile(const char* path, int fd, int offset, int* pTotal, int level) {
   if (pTotal == nullptr) return -1;
+  return platform::OrOutOfMemory(-1,
+                                 [&] { return StreamRecords(path, fd, offset, pTotal, level); });
+}
+
+int CapsuleFileBlock::StreamRecords(const char* path, int fd, int offset, int* pTotal, int level) {
   const platform::DescriptorOwner source(
       platform::OpenHostFile(CurrentLibraryState().hostView, path));
   const uint32_t size = m_DirectoryEntry.EntryFor(m_DirectoryType).FileSize;

@@ -19,11 +19,11 @@ struct FileExtraction {
     std::vector<unsigned char> history;
   };
 
-  static constexpr int kUnknown = -1;
+  static constexpr int kUnknown = -1;  // the history is of no use
 
   std::vector<Place> places;
   int64_t end = 0;                      // where the last chunk ends
-  int historyAt = 0;                    // the data block that the history decodes next, or kUnknown
+  int historyAt = kUnknown;             // the data block that the history decodes next
   std::vector<Checkpoint> checkpoints;  // ascending
   std::vector<int> decompressed;        // data blocks whose chunks are held
 };

@@ -84,8 +84,8 @@ class CAPSULE_API CapsuleFile {
 
   // Reads header and index and, with `headerOnly` 0, every partition's tree; called again, it reads
   // them again and appends the partitions once more. -1 with EINVAL in GetLastError() for a header
-  // that cannot be decoded, the result of a partition that cannot be read (those before it stay).
-  // Throws the int 0 when the index cannot be read.
+  // that cannot be decoded, the result of a partition that cannot be read (those before it stay),
+  // -1 without memory. Throws the int 0 when the index cannot be read.
   int ReadImage(int headerOnly);
 
   // The listing of a directory, "0:\NAME    .EXT" with padded short names, compared exactly: its
@@ -131,6 +131,7 @@ class CAPSULE_API CapsuleFile {
 
  private:
   void _ReleaseImageHeader();
+  int ReadParts(bool withPartitions);
   int ReadPartition(const _Partition& record);
   int _IsKnownCompressed(CString& extension);
   uint32_t _BuildPathSegmentList(_ListNode** head, const CString& path);

@@ -10,6 +10,7 @@
 #include "capsule/partition/directory_support.h"
 #include "capsule/partition/partition.h"
 #include "capsule/platform/file.h"
+#include "capsule/platform/out_of_memory.h"
 #include "capsule/runtime/debug_tracer.h"
 
 namespace capsule {
@@ -46,6 +47,10 @@ void LoadIndex(const unsigned char* header, const char* path) {
 }  // namespace
 
 int CapsuleFile::ReadImage(int headerOnly) {
+  return platform::OrOutOfMemory(-1, [&] { return ReadParts(headerOnly == 0); });
+}
+
+int CapsuleFile::ReadParts(bool withPartitions) {
   if (m_pRawHeader == nullptr || m_pImageHeader == nullptr) return -1;
   CpsReaderLock reader;
   if (reader.ReadAt(m_hImageFile, m_pRawHeader.get(), kHeaderSize, 0) !=
@@ -65,7 +70,7 @@ int CapsuleFile::ReadImage(int headerOnly) {
   FillImageHeader(header, *decoded, m_pImageHeader.get());
   LoadIndex(m_pRawHeader.get(), m_pszImagePath);
   MainTracer().Trace("(CpsFile 547) Index read\n");
-  if (headerOnly != 0) return 0;
+  if (!withPartitions) return 0;
   for (const _Partition& record : decoded->partitions) {
     const int result = ReadPartition(record);
     if (result != 0) return result;
@@ -79,8 +84,8 @@ int CapsuleFile::ReadPartition(const _Partition& record) {
   int position = 0;
   const int result =
       partition->Read(DirectoryTypeFor(record.SystemId), m_hImageFile, offset, &position);
-  partition->SetUpHistoryBuffer();
   if (result != 0) return result;
+  if (!partition->SetUpHistories()) return -1;
   m_Partitions.Append(partition.get());
   partition.release();
   return 0;

@@ -104,6 +104,9 @@ class CAPSULE_API CapsulePartition {
   // Gives the file blocks the history that decoding starts with; comes behind Read.
   void SetUpHistoryBuffer();
 
+  // The same; false, and no block has its history, when there is no memory.
+  bool SetUpHistories();
+
   // The `size` bytes at `history` as they are now; null without any. Equal ones in a row share
   // their memory, so that a hundred thousand files hold one copy.
   std::shared_ptr<const std::vector<unsigned char>> HistorySnapshot(const char* history, int size);

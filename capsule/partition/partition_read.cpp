@@ -91,20 +91,17 @@ CapsuleFileBlock* CapsulePartition::PlaceBlock(std::unique_ptr<CapsuleFileBlock>
   return OpensLevel(*placed) ? placed : directory;
 }
 
-void CapsulePartition::SetUpHistoryBuffer() {
+void CapsulePartition::SetUpHistoryBuffer() { static_cast<void>(SetUpHistories()); }
+
+bool CapsulePartition::SetUpHistories() {
   const uint16_t size = LzsSizeOfDecompressionHistory();
   if (!m_pDecompressionHistory) {
     m_pDecompressionHistory.reset(new (std::nothrow) unsigned char[size]());
-    if (!m_pDecompressionHistory) return;
+    if (!m_pDecompressionHistory) return false;
     LzsInitDecompressionHistory(m_pDecompressionHistory.get());
   }
   auto* history = static_cast<char*>(static_cast<void*>(m_pDecompressionHistory.get()));
-  const int count = m_FileBlocks.GetCount();
-  for (int i = 0; i < count; ++i) {
-    CapsuleFileBlock* block = BlockAt(m_FileBlocks, i);
-    if (block == nullptr) return;
-    if (block->SetUpDecompressHeader(*m_pCapsuleFile, history, size) != 0) return;
-  }
+  return CapsuleFileBlock::SetUpHistories(m_FileBlocks, history, size) == 0;
 }
 
 std::shared_ptr<const std::vector<unsigned char>> CapsulePartition::HistorySnapshot(

@@ -84,6 +84,8 @@ TEST(CapsuleBuffer, AgreesWithAPlainModel) {
         ASSERT_TRUE(std::equal(out.begin(), out.begin() + taken, Unsigned(model)));
         model.erase(0, static_cast<size_t>(taken));
         ASSERT_TRUE(!model.empty() || buffer.BytesLeft() == buffer.AllocSize());
+        const char* memory = buffer.GetStart();
+        ASSERT_TRUE(memory == nullptr || buffer[0] == static_cast<unsigned char>(*memory));
         break;
       }
       case 2: {

@@ -1,5 +1,7 @@
 #include <gtest/gtest.h>
 
+#include <algorithm>
+#include <span>
 #include <string>
 #include <vector>
 
@@ -38,6 +40,19 @@ class OneRecord {
     LzsInitDecompressionHistory(m_History.data());
   }
 
+  void ReadAgain() {
+    int position = m_Block.GetDataOffset() - 8;
+    EXPECT_EQ(m_Block.Read(Descriptor(), position, &position), 0);
+  }
+
+  // Puts `bytes` at the end of the image; where they are.
+  int Append(const std::string& bytes) {
+    const std::string image = test::ReadFile(m_Dir / "image");
+    test::WriteFile(m_Dir / "image", image + bytes);
+    return static_cast<int>(image.size());
+  }
+
+  int Descriptor() { return m_pImage->Descriptor(); }
   CapsuleFile* File() { return &m_pImage->File(); }
   CapsuleFileDataBlock& Block() { return m_Block; }
   char* History() { return static_cast<char*>(static_cast<void*>(m_History.data())); }
@@ -111,10 +126,100 @@ TEST(DataBlockReadTest, LengthsOutOfRangeLeaveNoData) {
   }
 }
 
+// What a block holds is of the record that it read last.
+TEST(DataBlockReadTest, NothingIsLeftOfTheRecordBefore) {
+  for (const bool outOfRange : {true, false}) {
+    OneRecord record(true, 10, kTenAs);
+    ASSERT_EQ(record.Decompress(), 0);
+    if (outOfRange) {
+      record.Block().GetMiniHeader().Param = 65537;
+      EXPECT_EQ(record.Decompress(), 0);
+    } else {
+      record.ReadAgain();
+    }
+    EXPECT_EQ(record.Block().IsDecompressed(), 0);
+    EXPECT_EQ(record.Block().GetPtrToUncompressedDataBuffer(), nullptr);
+    char room[16];
+    char* cursor = room;
+    EXPECT_EQ(record.Block().WriteDecompressedBuffer(&cursor, 0, 0, 16), 0);
+    EXPECT_EQ(cursor, room);
+  }
+}
+
+TEST(DataBlockReadTest, NoMoreIsCopiedThanTheRecordStatesAndTheBlockHolds) {
+  OneRecord record(true, 10, kTenAs);
+  const std::string data(100, 'x');
+  record.Block().AssignUncompressedBuffer(test::Unsigned(data), 100);
+  for (const uint32_t stated : {10U, 100U, 200U}) {
+    record.Block().GetMiniHeader().Param = stated;
+    std::string room(300, '.');
+    char* cursor = room.data();
+    EXPECT_EQ(record.Block().WriteDecompressedBuffer(&cursor, 0, 0, 300), 0);
+    EXPECT_EQ(cursor - room.data(), std::min(stated, 100U));
+    EXPECT_EQ(room.find('.'), std::min(stated, 100U));
+  }
+}
+
+// All that a block tells.
+std::string Describe(CapsuleFileDataBlock& block) {
+  const _MiniHeader& header = block.GetMiniHeader();
+  const std::span<unsigned char> chunk = block.Uncompressed();
+  std::string text(chunk.begin(), chunk.end());
+  for (const int64_t value :
+       {int64_t{header.Type}, int64_t{header.Flag}, int64_t{header.Param}, int64_t{header.Length},
+        int64_t{block.IsLast()}, int64_t{block.IsValid()}, int64_t{block.IsDecompressed()},
+        int64_t{block.IsResident()}, int64_t{block.IsPrimaryData()}, int64_t{block.GetDataOffset()},
+        int64_t{block.NTFSIsFileRecord()}, int64_t{block.NTFSIsDirectory()},
+        int64_t{block.HasPayload()}, int64_t{block.GetFileSize()}}) {
+    text += ' ' + std::to_string(value);
+  }
+  return text;
+}
+
+TEST(DataBlockReadTest, CopiesTakeEverything) {
+  std::string header = test::Zeros(46);
+  header[1] = 1;    // the last
+  header[2] = 102;  // the FILE record of a folder
+  header[8] = 10;   // decoded
+  header[10] = 5;   // stored
+  header[42] = 7;   // "primary"
+  const std::string record = header + kTenAs;
+  OneRecord image(true, 10, kTenAs);
+  const int at = image.Append(record);
+  CapsuleFileDataBlock block(CapsuleDirectoryEntry::DirTypeNtfs, 0);
+  int end = at;
+  ASSERT_EQ(block.Read(image.Descriptor(), at, &end), 0);
+  ASSERT_EQ(block.Decompress(image.File(), image.History()), 0);
+  block.SetIsResident(true);
+  block.IsValid(3);
+  const std::string whole =
+      "aaaaaaaaaa 102 1 10 5 1 3 1 1 7 " + std::to_string(at + 46) + " 1 1 1 0";
+  EXPECT_EQ(Describe(block), whole);
+  CapsuleFileDataBlock constructed(block);
+  CapsuleFileDataBlock assigned(CapsuleDirectoryEntry::DirTypeFat32, 0);
+  assigned = block;
+  block.ClearOutBuffers();
+  for (CapsuleFileDataBlock* copy : {&constructed, &assigned}) {
+    EXPECT_EQ(Describe(*copy), whole);
+    EXPECT_EQ(copy->Read(image.Descriptor(), at, &end), 0);
+    EXPECT_EQ(copy->GetMiniHeader().Length, 5) << "reads records of the same kind";
+  }
+  CapsuleFileDataBlock packed(image.Block());
+  assigned = image.Block();
+  image.Block().ClearOutBuffers();
+  for (CapsuleFileDataBlock* copy : {&packed, &assigned}) {
+    LzsInitDecompressionHistory(image.History());
+    EXPECT_EQ(copy->Decompress(image.File(), image.History()), 0) << "from the payload it holds";
+    EXPECT_EQ(Describe(*copy).substr(0, 10), "aaaaaaaaaa");
+  }
+}
+
 // Such a unit counts, but the decoder must not be led back into its memory by the next one.
 TEST(DataBlockReadTest, NothingDecodesAfterAUnitWithoutItsEnd) {
   for (const auto& [param, payload] :
-       {std::pair<uint32_t, std::string>{4, kTenAs}, {64, kTenAs.substr(0, 3)}}) {
+       {std::pair<uint32_t, std::string>{4, kTenAs},
+        {64, kTenAs.substr(0, 3)},
+        {6, test::Hex("30 98 8C 78 1E")}}) {  // both used up, inside a match
     OneRecord first(true, param, payload);
     EXPECT_EQ(first.Decompress(), 0);
     EXPECT_EQ(first.Block().IsDecompressed(), 1);

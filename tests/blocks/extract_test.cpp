@@ -7,90 +7,17 @@
 
 #include "capsule/blocks/data_block.h"
 #include "capsule/compression/lzs.h"
-#include "capsule/compression/stream_compressor.h"
-#include "tests/support/bytes.h"
-#include "tests/support/image_maker.h"
+#include "tests/blocks/made_image.h"
 #include "tests/support/open_image.h"
 #include "tests/support/sample_images.h"
-#include "tests/support/temp_dir.h"
 
 namespace capsule {
 namespace {
 
-using test::BlockAt;
 using test::Extract;
+using test::MadeImage;
 using test::OpenImage;
-
-std::string RandomText(size_t size, unsigned seed) {
-  std::mt19937 random(seed);
-  std::string text(size, '\0');
-  for (char& c : text) c = static_cast<char>('a' + random() % 26);
-  return text;
-}
-
-struct Unit {
-  uint32_t length;  // of the chunk
-  std::string bytes;
-};
-
-// The chunks of `content` as LZS units with one history, the last one padded to 512 bytes.
-std::vector<Unit> Units(std::string content) {
-  content.resize((content.size() + 511) / 512 * 512);
-  StreamCompressor compressor(16384, LzsKeepHistory, 0);
-  compressor.ResetCompressionHistory();
-  std::vector<Unit> units;
-  for (size_t at = 0; at < content.size(); at += 8192) {
-    const std::string chunk = content.substr(at, 8192);
-    const auto length = static_cast<uint32_t>(chunk.size());
-    compressor.CompressBuffer(test::Unsigned(chunk), length, nullptr, 0);
-    const std::span unit(compressor.GetResult(), compressor.GetCompressedSize());
-    units.push_back({length, std::string(unit.begin(), unit.end())});
-  }
-  return units;
-}
-
-void AddCompressed(test::ImageMaker& maker, const std::string& content) {
-  const std::vector<Unit> units = Units(content);
-  for (size_t i = 0; i < units.size(); ++i) {
-    maker.Data(i + 1 == units.size() ? 1 : 0, units[i].length, units[i].bytes);
-  }
-}
-
-// An image whose entries `add` lays out; what is asked is about its first file.
-class MadeImage {
- public:
-  MadeImage(bool compressed, const std::function<void(test::ImageMaker&)>& add) {
-    test::ImageMaker maker(compressed);
-    maker.BeginSection();
-    add(maker);
-    maker.EndSection();
-    test::WriteFile(m_Dir / "image", maker.Finish());
-    m_pImage = std::make_unique<OpenImage>(m_Dir / "image");
-    EXPECT_EQ(m_pImage->Read(), 0);
-  }
-  MadeImage(bool compressed, uint32_t size, const std::function<void(test::ImageMaker&)>& addData)
-      : MadeImage(compressed, [&](auto& m) {
-          m.File("F       BIN", size);
-          addData(m);
-        }) {}
-  // Of one file in compressed records, whose entry says that it has `size` bytes.
-  MadeImage(uint32_t size, const std::string& content)
-      : MadeImage(true, size, [&](auto& m) { AddCompressed(m, content); }) {}
-
-  CapsuleFile& File() { return m_pImage->File(); }
-  CapsuleFileBlock& Block(int i = 0) {
-    return *BlockAt(m_pImage->Partition(0)->GetFileBlocks(), i);
-  }
-  std::string Range(int start, int length) { return Extract(File(), Block(), start, length); }
-  int ChunkCount() { return Block().GetFileDataBlockList().GetCount(); }
-  CapsuleFileDataBlock& Chunk(int i) {
-    return *static_cast<CapsuleFileDataBlock*>(Block().GetFileDataBlockList().GetAt(i));
-  }
-
- private:
-  test::TempDir m_Dir;
-  std::unique_ptr<OpenImage> m_pImage;
-};
+using test::RandomText;
 
 void CompareRandomRanges(CapsuleFile& file, CapsuleFileBlock& block, const std::string& content) {
   std::mt19937 random(2);
@@ -207,10 +134,10 @@ TEST(ExtractTest, NothingComesOutOfAnImageThatIsClosed) {
 
 TEST(ExtractTest, ABlockWithoutDataFailsTheRangesThatNeedIt) {
   const std::string content = RandomText(24576, 7);
-  const std::vector<Unit> units = Units(content);
-  const Unit outOfRange{70000, units[1].bytes};
-  const Unit damaged{8192, std::string("\x80\0\0\0", 4)};  // 11-bit offset 0
-  for (const Unit& second : {outOfRange, damaged}) {
+  const std::vector<test::Unit> units = test::Units(content);
+  const test::Unit outOfRange{70000, units[1].bytes};
+  const test::Unit damaged{8192, std::string("\x80\0\0\0", 4)};  // 11-bit offset 0
+  for (const test::Unit& second : {outOfRange, damaged}) {
     MadeImage image(true, 24576, [&](auto& m) {
       m.Data(0, 8192, units[0].bytes);
       m.Data(0, second.length, second.bytes);
@@ -229,7 +156,7 @@ TEST(ExtractTest, OneHistoryAFile) {
   MadeImage image(true, [&](auto& m) {
     for (const std::string& content : contents) {
       m.File("F       BIN", 20000);
-      AddCompressed(m, content);
+      test::AddCompressed(m, content);
     }
   });
   std::string pieces[2];
@@ -238,6 +165,68 @@ TEST(ExtractTest, OneHistoryAFile) {
   }
   EXPECT_EQ(pieces[0], contents[0]);
   EXPECT_EQ(pieces[1], contents[1]);
+}
+
+// A block reads one file after the other: neither what was decoded nor what could not be decoded of
+// one has a part in the next.
+TEST(ExtractTest, ABlockThatIsReadAgainBeginsAfresh) {
+  const std::string first = RandomText(20000, 11);
+  const std::string second = RandomText(20000, 12);
+  const std::string forged = test::Hex("C5 66 00");  // five bytes from ten before the file
+  MadeImage image(true, [&](auto& m) {
+    for (const std::string& content : {first, second}) {
+      m.File("F       BIN", 20000);
+      test::AddCompressed(m, content);
+    }
+    m.File("DAMAGED BIN", 512);
+    m.Data(1, 512, forged.substr(0, 1));  // no end
+    m.File("FORGED  BIN", 5);
+    m.Data(1, 5, forged);
+  });
+  const std::vector<std::string> expected = {first, second, test::Zeros(512), "failed"};
+  CapsuleFileBlock& block = image.Block();
+  std::vector<int> starts;
+  for (int i = 0; i < 4; ++i) starts.push_back(image.Block(i).GetFileBlockStartOffset());
+  for (const size_t before : {0U, 1U, 2U, 3U}) {
+    for (const size_t after : {0U, 1U, 2U, 3U}) {
+      for (const size_t i : {before, after}) {
+        int end = starts[i];
+        ASSERT_EQ(block.Read(CapsuleDirectoryEntry::DirTypeFat32, image.File().GetImageFileHandle(),
+                             starts[i], &end, image.File(), nullptr),
+                  0);
+        EXPECT_TRUE(test::ExtractAll(image.File(), block) == expected[i]) << before << ' ' << after;
+      }
+    }
+  }
+}
+
+// One data block for each 16384 bytes.
+TEST(ExtractTest, DataBlocksOfNtfsFiles) {
+  for (const auto& [size, blocks] : {std::pair(1U, 1), {16384U, 1}, {16385U, 2}, {32768U, 2}}) {
+    const std::string content = RandomText(size, 14);
+    MadeImage image(test::NtfsImage(content, false));
+    EXPECT_EQ(image.ChunkCount(), blocks) << size;
+    EXPECT_TRUE(test::ExtractAll(image.File(), image.Block()) == content) << size;
+  }
+}
+
+// Going back decodes from the nearest of the histories that were kept, not from the first record.
+// The chunk that ends where a range begins counts as touched.
+TEST(ExtractTest, GoingBackNeedsAtMost64RecordsBefore) {
+  constexpr int kChunks = 200;
+  const std::string content = RandomText(size_t{kChunks} * 8192, 13);
+  for (const int kept : {64, 128, 192}) {
+    MadeImage image(static_cast<uint32_t>(content.size()), content);
+    const auto isRight = [&](int chunk) {
+      const int start = chunk * 8192 + 1;
+      return image.Range(start, 8000) == content.substr(static_cast<size_t>(start), 8000);
+    };
+    EXPECT_TRUE(isRight(kChunks - 1));
+    for (int i = 0; i < kept; ++i) image.Damage(image.Chunk(i).GetDataOffset());
+    EXPECT_TRUE(isRight(kept)) << kept;
+    EXPECT_FALSE(isRight(kept - 1));
+    EXPECT_TRUE(isRight(kept + 2));
+  }
 }
 
 TEST(ExtractTest, AHistoryIsSetUpOnceAndComesBackAsItWas) {

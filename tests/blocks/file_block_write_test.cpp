@@ -219,6 +219,7 @@ TEST_F(FileBlockWrite, AChunkThatCannotBeReadLeavesTheNextFileAtItsBeginning) {
   second = copy;
   EXPECT_EQ(std::string(second.GetChunkPtr(), 5000), content.substr(0, 5000));
   EXPECT_EQ(second.IsLast(), 1);
+  EXPECT_EQ(second.GetFileSize(), 5000);
 }
 
 TEST_F(FileBlockWrite, AChainOfBlocksIsDestroyedWithoutDeepRecursion) {
