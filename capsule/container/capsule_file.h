@@ -84,8 +84,8 @@ class CAPSULE_API CapsuleFile {
 
   // Reads header and index and, with `headerOnly` 0, every partition's tree; called again, it reads
   // them again and appends the partitions once more. -1 with EINVAL in GetLastError() for a header
-  // that cannot be decoded, the result of a partition that cannot be read (those before it stay),
-  // -1 without memory. Throws the int 0 when the index cannot be read.
+  // that is cut short or cannot be decoded, the result of a partition that cannot be read (those
+  // before it stay), -1 without memory. Throws the int 0 when the index cannot be read.
   int ReadImage(int headerOnly);
 
   // The listing of a directory, "0:\NAME    .EXT" with padded short names, compared exactly: its
@@ -106,7 +106,7 @@ class CAPSULE_API CapsuleFile {
   // The descriptor, 0 when none is open.
   int GetImageFileHandle();
 
-  // The header's first 256 bytes, as written or read last.
+  // The version text of the header, as written or read last: at most 255 bytes.
   char* GetVersionString() const;
 
   // As given to the constructor, null in a writer.

@@ -148,8 +148,9 @@ int CapsuleFile::_CountLevelsToClose(const CString& directory) {
 
 int CapsuleFile::_WriteItem(const CString& path, bool directory) {
   int written = 0;
+  int levels = m_pCurrentPartition->GetHierarchyLevel();
   if (directory) {
-    m_pCurrentPartition->SetHierarchyLevel(path.c_str());
+    levels = CapsulePartition::HierarchyLevelOf(path.c_str());
     const int result =
         m_pCurrentPartition->WriteDirectories(m_hImageFile, path.c_str(), m_nWriteOffset, &written);
     if (result != 0) return -1;
@@ -163,6 +164,9 @@ int CapsuleFile::_WriteItem(const CString& path, bool directory) {
         m_pCurrentPartition->WriteFile(m_hImageFile, path.c_str(), m_nWriteOffset, &written, level);
     if (result != 0) return -1;
   }
+  // What closes the levels must fit, too, or the image could never be closed.
+  if (!FitsImage(int64_t{m_nWriteOffset} + written, int64_t{levels} * kDirRecordSize)) return -1;
+  if (directory) m_pCurrentPartition->SetHierarchyLevel(path.c_str());
   return Advance(&m_nWriteOffset, written) ? 0 : -1;
 }
 

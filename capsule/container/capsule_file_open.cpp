@@ -53,13 +53,14 @@ int CapsuleFile::ReadImage(int headerOnly) {
 int CapsuleFile::ReadParts(bool withPartitions) {
   if (m_pRawHeader == nullptr || m_pImageHeader == nullptr) return -1;
   CpsReaderLock reader;
-  if (reader.ReadAt(m_hImageFile, m_pRawHeader.get(), kHeaderSize, 0) !=
-      static_cast<int>(kHeaderSize)) {
-    m_nLastError = errno;
+  const int got = reader.ReadAt(m_hImageFile, m_pRawHeader.get(), kHeaderSize, 0);
+  if (got != static_cast<int>(kHeaderSize)) {
+    m_nLastError = got < 0 ? errno : EINVAL;
     return -1;
   }
   const std::span<unsigned char, kHeaderSize> header(m_pRawHeader.get(), kHeaderSize);
-  std::copy_n(m_pRawHeader.get(), kVersionSize, m_szVersion);
+  std::copy_n(m_pRawHeader.get(), kVersionSize - 1, m_szVersion);
+  m_szVersion[kVersionSize - 1] = '\0';
   std::string problem;
   std::optional<DecodedHeader> decoded;
   if (RestoreScrambledRegion(header, &problem)) decoded = DecodeHeader(header, &problem);

@@ -72,9 +72,13 @@ int CapsulePartition::GetStartOffset() const { return m_nStartOffset; }
 
 int CapsulePartition::GetOffsetInPartition() const { return m_nOffsetInPartition; }
 
-void CapsulePartition::SetHierarchyLevel(const char* path) {
+int CapsulePartition::HierarchyLevelOf(const char* path) {
   const std::string_view text(path == nullptr ? "" : path);
-  m_nHierarchyLevel = static_cast<int32_t>(std::count(text.begin(), text.end(), '\\') + 1);
+  return static_cast<int>(std::count(text.begin(), text.end(), '\\') + 1);
+}
+
+void CapsulePartition::SetHierarchyLevel(const char* path) {
+  m_nHierarchyLevel = HierarchyLevelOf(path);
 }
 
 int CapsulePartition::GetHierarchyLevel() { return m_nHierarchyLevel; }

@@ -68,6 +68,7 @@ class CAPSULE_API CapsulePartition {
   int GetOffsetInPartition() const;
 
   // Depth of the last directory inserted: the number of `\` in `path` plus 1.
+  static int HierarchyLevelOf(const char* path);
   void SetHierarchyLevel(const char* path);
   int GetHierarchyLevel();
 

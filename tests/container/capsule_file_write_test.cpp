@@ -123,6 +123,32 @@ TEST_F(CapsuleFileWrite, HeaderTellsTheLevelAndRefusesLongVersions) {
   EXPECT_EQ(std::string(image.GetVersionString()), std::string(255, 'v'));
 }
 
+// What is inserted leaves room for the zero entries that close its levels. Headers written over and
+// over to where nothing is kept bring the write offset near to the largest.
+TEST_F(CapsuleFileWrite, AFullImageCanBeClosed) {
+  constexpr int kLargest = 0x7FFFFFFF;
+  const std::string file = m_Tree.AddFile("f", "");
+  for (const int left : {0, 40, 80, 120, 160}) {
+    CapsuleFile image;
+    ASSERT_EQ(image.CreateCapsuleFile("/dev/null"), 0);
+    while (image.GetWriteOffset() < kLargest - 3 * 7560) {
+      ASSERT_EQ(image.WriteImageFileHeader("v"), 0);
+    }
+    std::string folder = "d";
+    ASSERT_EQ(image.InsertFile(m_Tree.AddDirectory(folder).c_str(), 0), 0);
+    const int before = kLargest - 1544 - 1600 - left;  // to be filled with files first
+    while (image.GetWriteOffset() + 40 <= before) ASSERT_EQ(image.InsertFile(file.c_str(), 0), 0);
+    int depth = 1;
+    for (; depth < 50; ++depth) {
+      folder += "/d";
+      if (image.InsertFile(m_Tree.AddDirectory(folder).c_str(), 0) != 0) break;
+    }
+    EXPECT_LT(depth, 12) << "each takes 120 bytes, and 40 to close it";
+    EXPECT_EQ(image.CloseImageFile(), 0) << left;
+    EXPECT_GT(image.GetWriteOffset(), kLargest - 1544 - 160) << "and no more room than that";
+  }
+}
+
 TEST_F(CapsuleFileWrite, CreatingAgainReleasesTheFirstFileKeepsOldBytesAndReportsFailures) {
   test::WriteFile(m_Tree.Beside("second"), std::string(20000, 'x'));
   Start(0, "first");

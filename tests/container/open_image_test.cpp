@@ -184,6 +184,22 @@ TEST(OpenImageTest, FilesThatCannotBeOpenedGiveAnErrorOrThrowZero) {
   EXPECT_TRUE(file.CloseImageFileHandle());
 }
 
+TEST(OpenImageTest, AHeaderOfTooFewBytesIsInvalidAndAVersionEnds) {
+  const test::TempDir dir;
+  std::string bytes = test::ImageMaker(true).Finish();
+  bytes.replace(0, 256, std::string(256, 'v'));
+  test::WriteFile(dir / "image", bytes);
+  OpenImage image(dir / "image");
+  ASSERT_EQ(image.Read(1), 0);
+  EXPECT_EQ(std::string(image.File().GetVersionString()), std::string(255, 'v'));
+
+  test::WriteFile(dir / "short", bytes.substr(0, 7559));
+  OpenImage cut(dir / "short");
+  errno = EMFILE;  // of long ago
+  EXPECT_EQ(cut.Read(), -1);
+  EXPECT_EQ(cut.File().GetLastError(), EINVAL);
+}
+
 TEST(OpenImageTest, SystemIdsChooseTheDirectoryType) {
   const test::TempDir dir;
   test::ImageMaker maker(true);
