@@ -3,6 +3,9 @@
 #include <algorithm>
 #include <cerrno>
 #include <cstring>
+#include <memory>
+#include <new>
+#include <utility>
 #include <vector>
 
 #include "capsule/container/header_format.h"
@@ -10,6 +13,7 @@
 #include "capsule/partition/record_format.h"
 #include "capsule/platform/file.h"
 #include "capsule/platform/little_endian.h"
+#include "capsule/platform/out_of_memory.h"
 
 namespace capsule {
 
@@ -74,13 +78,14 @@ int CapsuleFile::CreateCapsuleFile(const char* path) {
   m_pszImagePath = nullptr;
   _ReleaseImageHeader();
 
-  const int descriptor = platform::OpenForWriting(path);
+  std::unique_ptr<unsigned char[]> header(new (std::nothrow) unsigned char[kHeaderSize]());
+  const int descriptor = header ? platform::OpenForWriting(path) : -1;
   if (descriptor < 0) {
-    m_nLastError = errno;
+    m_nLastError = header ? errno : ENOMEM;
     return -1;
   }
   m_hImageFile = descriptor;
-  m_pRawHeader = std::make_unique<unsigned char[]>(kHeaderSize);
+  m_pRawHeader = std::move(header);
   return 0;
 }
 
@@ -118,6 +123,10 @@ int CapsuleFile::UpdatePartitionInfo(CapsulePartition* partition, int slot) {
 }
 
 int CapsuleFile::CloseImageFile() {
+  return platform::OrOutOfMemory(-1, [&] { return Complete(); });
+}
+
+int CapsuleFile::Complete() {
   if (m_pCurrentPartition != nullptr) {
     const int open = m_pCurrentPartition->GetHierarchyLevel();
     if (!WriteZeroEntries(m_hImageFile, m_nWriteOffset, open)) return -1;

@@ -131,6 +131,7 @@ class CAPSULE_API CapsuleFile {
 
  private:
   void _ReleaseImageHeader();
+  int Complete();
   int ReadParts(bool withPartitions);
   int ReadPartition(const _Partition& record);
   int _IsKnownCompressed(CString& extension);

@@ -13,6 +13,7 @@
 #include "capsule/platform/ascii.h"
 #include "capsule/platform/descriptor_owner.h"
 #include "capsule/platform/file.h"
+#include "capsule/platform/out_of_memory.h"
 #include "capsule/platform/trace_file.h"
 #include "capsule/runtime/library_state.h"
 #include "capsule/runtime/list_node.h"
@@ -64,11 +65,12 @@ struct SegmentList {
 
 int CapsuleFile::InsertFile(const char* path, int partition) {
   if (path == nullptr) return -1;
-  TraceInsertion(CurrentLibraryState(), path);
-  const CString trimmed(platform::TrimRight(path));
-  if (!trimmed.empty() && trimmed.back() == kSkipMark) return 0;
-
-  return _AllOrNothing([&] { return _Insert(path, trimmed, partition); });
+  return platform::OrOutOfMemory(-1, [&] {
+    TraceInsertion(CurrentLibraryState(), path);
+    const CString trimmed(platform::TrimRight(path));
+    if (!trimmed.empty() && trimmed.back() == kSkipMark) return 0;
+    return _AllOrNothing([&] { return _Insert(path, trimmed, partition); });
+  });
 }
 
 int CapsuleFile::BeginPartition(int partition) {

@@ -102,7 +102,7 @@ class CAPSULE_API CapsuleDirectoryEntry {
   // this object has got to.
   int LongFileNameProcess(int size, void* entry, int fd, int* count);
 
-  // Fills the long-name buffer from `length` UTF-16 units.
+  // Fills the long-name buffer from `length` UTF-16 units. Throws std::bad_alloc without memory.
   void FormatLongFileName(const unsigned short* name, unsigned char length);
 
   // --- From NTFS records (directory_entry_ntfs.cpp) ---
@@ -210,6 +210,7 @@ class CAPSULE_API CapsuleDirectoryEntry {
   using LongEntry = std::array<unsigned char, 32>;
 
   uint8_t _CalculateChecksum(const char* name) const;
+  int ReadGroup(DirectoryType t, int fd, int offset, int* count);
   int ReadNtfsHeader(int fd, int offset);
   void _PutName(const NtfsFileName& name, int index);
   void _PutFileRecord(std::span<unsigned char, 1024> record, int* nameCount);

@@ -6,6 +6,7 @@
 #include "capsule/partition/record_format.h"
 #include "capsule/platform/ascii.h"
 #include "capsule/platform/dos_time.h"
+#include "capsule/platform/out_of_memory.h"
 #include "capsule/runtime/library_state.h"
 
 namespace capsule {
@@ -46,15 +47,17 @@ std::optional<platform::FindData> FindHostObject(const platform::HostView& view,
 int CapsuleDirectoryEntry::SetFileDirectory(DirectoryType t, const char* path, int fd, int offset,
                                             int* count) {
   if (path == nullptr) return SetZeroEntry(t);
-  m_strPath = path;
-  if (m_strPath.size() < 2) return -1;
-  const auto found = FindHostObject(CurrentLibraryState().hostView, m_strPath);
-  if (!found || found->size > static_cast<uint64_t>(kMaxImageSize)) return -1;
-  m_FindData = *found;
-  if ((m_FindData.attributes & kDirectoryAttribute) != 0) m_nDirectoryFlag = kDirectoryAttribute;
-  if (SetZeroDirEntry(fd, offset, count, m_nLastDirectoryEntry) != 0) return -1;
-  SetMiniHeader();
-  return SetDirEntry(t);
+  return platform::OrOutOfMemory(-1, [&] {
+    m_strPath = path;
+    if (m_strPath.size() < 2) return -1;
+    const auto found = FindHostObject(CurrentLibraryState().hostView, m_strPath);
+    if (!found || found->size > static_cast<uint64_t>(kMaxImageSize)) return -1;
+    m_FindData = *found;
+    if ((m_FindData.attributes & kDirectoryAttribute) != 0) m_nDirectoryFlag = kDirectoryAttribute;
+    if (SetZeroDirEntry(fd, offset, count, m_nLastDirectoryEntry) != 0) return -1;
+    SetMiniHeader();
+    return SetDirEntry(t);
+  });
 }
 
 int CapsuleDirectoryEntry::SetZeroEntry(DirectoryType t) {
@@ -74,7 +77,8 @@ void CapsuleDirectoryEntry::SetMiniHeader() {
 }
 
 int CapsuleDirectoryEntry::SetDirEntry(DirectoryType t) {
-  return SetCapFileTimeAttrib(t) == 0 && SetCapFileName(t) == 0 ? 0 : -1;
+  return platform::OrOutOfMemory(
+      -1, [&] { return SetCapFileTimeAttrib(t) == 0 && SetCapFileName(t) == 0 ? 0 : -1; });
 }
 
 int CapsuleDirectoryEntry::SetCapFileTimeAttrib(DirectoryType t) {

@@ -4,11 +4,13 @@
 #include <array>
 #include <cstdlib>
 #include <cstring>
+#include <new>
 
 #include "capsule/partition/directory_entry.h"
 #include "capsule/partition/record_format.h"
 #include "capsule/platform/file.h"
 #include "capsule/platform/little_endian.h"
+#include "capsule/platform/out_of_memory.h"
 #include "capsule/runtime/library_state.h"
 
 namespace capsule {
@@ -45,11 +47,13 @@ std::vector<unsigned char> CapsuleDirectoryEntry::EncodeEntries(DirectoryType t)
 
 int CapsuleDirectoryEntry::Write(DirectoryType t, int fd, int offset, int* count) {
   if (fd == -1) return -1;
-  std::vector<unsigned char> group;
-  Append(group, EncodeMiniHeader(m_Record.Header));
-  Append(group, EncodeEntries(t));
-  RemoveCPtrArray();
-  return WriteRecords(fd, offset, group, count) ? 0 : -1;
+  return platform::OrOutOfMemory(-1, [&] {
+    std::vector<unsigned char> group;
+    Append(group, EncodeMiniHeader(m_Record.Header));
+    Append(group, EncodeEntries(t));
+    RemoveCPtrArray();
+    return WriteRecords(fd, offset, group, count) ? 0 : -1;
+  });
 }
 
 int CapsuleDirectoryEntry::WriteMiniHeader(int fd, int offset, int* count) {
@@ -57,9 +61,11 @@ int CapsuleDirectoryEntry::WriteMiniHeader(int fd, int offset, int* count) {
 }
 
 int CapsuleDirectoryEntry::WriteDirectoryEntry(DirectoryType t, int fd, int offset, int* count) {
-  const std::vector<unsigned char> entries = EncodeEntries(t);
-  RemoveCPtrArray();
-  return WriteRecords(fd, offset, entries, count) ? 1 : -1;
+  return platform::OrOutOfMemory(-1, [&] {
+    const std::vector<unsigned char> entries = EncodeEntries(t);
+    RemoveCPtrArray();
+    return WriteRecords(fd, offset, entries, count) ? 1 : -1;
+  });
 }
 
 int CapsuleDirectoryEntry::WriteZeroDirectoryEntry(int fd, int offset, int* count) {
@@ -67,20 +73,25 @@ int CapsuleDirectoryEntry::WriteZeroDirectoryEntry(int fd, int offset, int* coun
 }
 
 int CapsuleDirectoryEntry::SetZeroDirEntry(int fd, int offset, int* count, int& /*flag*/) {
-  int32_t& pending = CurrentLibraryState().dirLevelsToClose;
-  if (pending > 0) {
-    std::vector<unsigned char> zeros;
-    for (int32_t i = 0; i < pending; ++i) Append(zeros, EncodeZeroEntry());
-    if (!WriteRecords(fd, offset, zeros, count)) return -1;
-  }
-  pending = 0;
-  return 0;
+  return platform::OrOutOfMemory(-1, [&] {
+    int32_t& pending = CurrentLibraryState().dirLevelsToClose;
+    if (pending > 0) {
+      std::vector<unsigned char> zeros;
+      for (int32_t i = 0; i < pending; ++i) Append(zeros, EncodeZeroEntry());
+      if (!WriteRecords(fd, offset, zeros, count)) return -1;
+    }
+    pending = 0;
+    return 0;
+  });
 }
 
 int CapsuleDirectoryEntry::Read(DirectoryType t, int fd, int offset, int* count) {
   m_DirectoryType = t;
   if (t == DirTypeNtfs) return ReadNtfsHeader(fd, offset);
+  return platform::OrOutOfMemory(-1, [&] { return ReadGroup(t, fd, offset, count); });
+}
 
+int CapsuleDirectoryEntry::ReadGroup(DirectoryType t, int fd, int offset, int* count) {
   std::array<unsigned char, kDirRecordSize + kMaxChainBytes> group;
   const int64_t got = platform::ReadAt(fd, group.data(), group.size(), offset);
   const std::span<const unsigned char> bytes(group.data(), got > 0 ? static_cast<size_t>(got) : 0);
@@ -146,7 +157,8 @@ void CapsuleDirectoryEntry::FormatLongFileName(const unsigned short* name, unsig
     std::array<unsigned char, kPieceNameBytes> bytes;
     bytes.fill(0xFF);
     for (size_t i = 0; i < piece.size(); ++i) platform::StoreLe16(&bytes[2 * i], piece[i]);
-    m_LongFileName.Add(bytes.data(), static_cast<int>(bytes.size()));
+    const int size = static_cast<int>(bytes.size());
+    if (m_LongFileName.Add(bytes.data(), size) != size) throw std::bad_alloc();
   };
   addPiece(units.subspan(full * kPieceUnits));
   for (size_t i = full; i > 0; --i) addPiece(units.subspan((i - 1) * kPieceUnits, kPieceUnits));

@@ -129,6 +129,7 @@ class CAPSULE_API CapsulePartition {
   void _RefreshInsertedNames();
   void _RememberInserted(CapsuleFileBlock& block);
 
+  int WriteGroups(int fd, const char* path, int offset, int* written);
   int ReadFatSection(int fd);
   int ReadNtfsSection(int fd);
   int ReadNtfsEntries(int fd, ImageIndex* index, int position,

@@ -1,9 +1,11 @@
 #include <cstring>
+#include <new>
 
 #include "capsule/blocks/file_block.h"
 #include "capsule/compression/lzs.h"
 #include "capsule/partition/partition.h"
 #include "capsule/partition/record_format.h"
+#include "capsule/platform/out_of_memory.h"
 
 namespace capsule {
 
@@ -16,7 +18,8 @@ constexpr auto kWrittenType = CapsuleDirectoryEntry::DirTypeFat32;
 int CapsulePartition::InitializeCompressionHistory() {
   const size_t size = LzsSizeOfCompressionHistory();
   if (m_pCompressionHistory == nullptr) {
-    m_pCompressionHistory = std::make_unique<unsigned char[]>(size);
+    m_pCompressionHistory.reset(new (std::nothrow) unsigned char[size]());
+    if (m_pCompressionHistory == nullptr) return -1;
   } else {
     std::memset(m_pCompressionHistory.get(), 0, size);
   }
@@ -50,6 +53,10 @@ void CapsulePartition::_RefreshInsertedNames() {
 int CapsulePartition::WriteDirectories(int fd, const char* path, int offset, int* written) {
   if (path == nullptr || written == nullptr) return -1;
   if (m_pRootBlock != nullptr) return -1;  // m_FileBlocks owns nothing here
+  return platform::OrOutOfMemory(-1, [&] { return WriteGroups(fd, path, offset, written); });
+}
+
+int CapsulePartition::WriteGroups(int fd, const char* path, int offset, int* written) {
   _RefreshInsertedNames();
   if (m_InsertedPaths.contains(path)) return -1;
 
@@ -87,15 +94,17 @@ int CapsulePartition::WriteDirectories(int fd, const char* path, int offset, int
 
 int CapsulePartition::WriteFile(int fd, const char* path, int offset, int* written, int compress) {
   if (path == nullptr || written == nullptr) return -1;
-  _RefreshInsertedNames();
-  if (m_InsertedShortNames.contains(path)) return -1;
+  return platform::OrOutOfMemory(-1, [&] {
+    _RefreshInsertedNames();
+    if (m_InsertedShortNames.contains(path)) return -1;
 
-  CapsuleFileBlock file(nullptr, *this);
-  int total = 0;
-  if (file.WriteDirEntry(kWrittenType, path, fd, offset, &total) != 0) return -1;
-  const bool hasData = file.GetDirectoryEntry().EntryFor(kWrittenType).FileSize != 0;
-  if (hasData && file.StreamFile(path, fd, offset + total, &total, compress) != 0) return -1;
-  return Advance(written, total) ? 0 : -1;
+    CapsuleFileBlock file(nullptr, *this);
+    int total = 0;
+    if (file.WriteDirEntry(kWrittenType, path, fd, offset, &total) != 0) return -1;
+    const bool hasData = file.GetDirectoryEntry().EntryFor(kWrittenType).FileSize != 0;
+    if (hasData && file.StreamFile(path, fd, offset + total, &total, compress) != 0) return -1;
+    return Advance(written, total) ? 0 : -1;
+  });
 }
 
 }  // namespace capsule

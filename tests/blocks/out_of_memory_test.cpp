@@ -178,7 +178,10 @@ TEST(OutOfMemory, ATreeIsClosedWithoutMemory) {
 
 class OutOfMemoryWriting : public testing::Test {
  protected:
-  OutOfMemoryWriting() { m_Tree.AddFile("A_LONG_NAME.TXT", m_Content); }
+  OutOfMemoryWriting() {
+    m_Tree.AddFile("A_LONG_NAME.TXT", m_Content);
+    m_Tree.AddDirectory("FOLDER");
+  }
 
   // The records of the file as they are written by `write`; none when that failed.
   using Write = std::function<int(CapsuleFileBlock&, int fd, int* total)>;
@@ -226,6 +229,40 @@ TEST_F(OutOfMemoryWriting, RecordsAreWrittenOrAreNot) {
       EXPECT_TRUE(Records(write) == whole);
     });
     EXPECT_GT(failed, 0);
+  }
+}
+
+TEST_F(OutOfMemoryWriting, EachStepOfAnImageSucceedsTheNextTime) {
+  using Step = std::function<int(CapsuleFile&)>;
+  const std::string target = m_Tree.Beside("image");
+  const Step steps[] = {[&](CapsuleFile& image) { return image.CreateCapsuleFile(target.c_str()); },
+                        [](CapsuleFile& image) { return image.WriteImageFileHeader("v"); },
+                        [](CapsuleFile& image) { return image.InsertFile(kPath, 0); },
+                        [](CapsuleFile& image) { return image.InsertFile("C:\\FOLDER", 0); },
+                        [](CapsuleFile& image) { return image.CloseImageFile(); }};
+  std::string whole;
+  for (const Step& mayFail : steps) {
+    FailEachAllocation([&](const auto& failing) {
+      std::filesystem::remove(target);
+      m_Tree.State().previousInsertDir.clear();
+      CapsuleFile image;
+      for (const Step& step : steps) {
+        const bool fails = &step == &mayFail;
+        const int result = fails ? failing([&] { return step(image); }) : step(image);
+        if (result == 0) continue;
+        ASSERT_EQ(result, -1);
+        ASSERT_TRUE(HasAllocationFailed());
+        if (&step == &steps[3]) {  // its block stays: the folder counts as inserted
+          image.CloseImageFileHandle();
+          return;
+        }
+        ASSERT_EQ(step(image), 0);
+      }
+      // The sectors of an insertion that failed count in the header.
+      const std::string bytes = test::ReadFile(target).substr(7560);
+      if (whole.empty()) whole = bytes;
+      EXPECT_TRUE(bytes == whole);
+    });
   }
 }
 
