@@ -224,9 +224,10 @@ TEST(CapsuleThread, TheStartLockHoldsUpNobodyWhoWaitsForTheEnd) {
     void threadBody() override {
       startProtect();
       startProtect();
+      const bool endsHere = ends;
       held.setEvent();
       wasAsked = asked.waitAll(20000, CapsuleEvent::ReturnIndex);
-      if (ends) doneThread(0);
+      if (endsHere) doneThread(0);
     }
   } holder;
   for (int i = 0; i < 4; ++i) {
