@@ -71,16 +71,28 @@ TEST_F(BadInputTest, SourcesThatCannotBeUsedLeaveTheOldImage) {
   ExpectFailure(RunCapsule({"create", At("i"), At("in"), At("in/a")}), {"in/a"});
   ExpectFailure(RunCapsule({"create", At("nowhere/i"), At("in")}), {"nowhere"});
   std::vector<std::string> eleven = {"create", At("i")};
-  eleven.insert(eleven.end(), 11, At("in"));
-  ExpectFailure(RunCapsule(eleven), {});
+  eleven.insert(eleven.end(), 11, At("missing"));
+  ExpectFailure(RunCapsule(eleven), {"10 folders at most"});
+  WriteFile(At("notes"), "my notes");
+  ExpectFailure(RunCapsule({"create", At("notes"), At("in")}),
+                {At("notes") + ": not an image", "--force"});
+  EXPECT_EQ(ReadFile(At("notes")), "my notes");
+  EXPECT_EQ(RunCapsule({"create", "-q", "--force", At("notes"), At("in")}).err, "");
   ExpectImageAsItWas();
   EXPECT_FALSE(fs::exists(At("nowhere")));
 }
 
 TEST_F(BadInputTest, TheImageDoesNotSwallowItself) {
-  WriteFile(At("in/inside"), "old");
-  const CommandResult result = RunCapsule({"create", "-q", At("in/inside"), At("in")});
+  ASSERT_EQ(RunCapsule({"create", At("in/inside"), At("in")}).status, 0);
+  fs::permissions(At("in/a"), fs::perms(0755));
+  fs::create_hard_link(At("in/inside"), At("in/sub/kept"));
+  const CommandResult result = RunCapsule({"create", At("in/inside"), At("in")});
   EXPECT_EQ(result.status, 0) << result.err;
+  for (const std::string& part : {At("in/inside") + ": left out", At("in/sub/kept") + ": left out",
+                                  std::string("; 2 names of the old image left out\n"),
+                                  At("in/inside") + ": not stored: permissions of 1 item\n"}) {
+    EXPECT_NE(result.err.find(part), std::string::npos) << part << " in " << result.err;
+  }
   EXPECT_EQ(RunCapsule({"list", "-R", At("in/inside")}).out, "0:/a\n0:/sub/\n0:/sub/b\n");
 }
 
