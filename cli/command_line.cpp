@@ -3,9 +3,11 @@
 #include <CLI/CLI.hpp>
 #include <cctype>
 #include <charconv>
+#include <sstream>
 #include <stdexcept>
 
 #include "capsule/host/error.h"
+#include "cli/output.h"
 
 namespace capsule::cli {
 namespace {
@@ -122,8 +124,12 @@ std::function<int(Talk&)> CommandLine::Parse(int count, char** words) {
     return m_Chosen;
   } catch (const CLI::ParseError& error) {
     if (error.get_exit_code() != 0) throw std::runtime_error(ArgumentMessage(*m_pApp, error));
-    static_cast<void>(m_pApp->exit(error));  // prints the help or the version
-    return nullptr;
+    std::ostringstream text;  // the help or the version
+    static_cast<void>(m_pApp->exit(error, text, text));
+    return [said = text.str()](Talk&) {
+      Output().Write(said);
+      return 0;
+    };
   }
 }
 

@@ -25,6 +25,26 @@ std::string Describe(const std::string& image, const host::BuildReport& report) 
   if (report.excluded != 0) {
     text += "; " + Counted(report.excluded, "item", "items") + " excluded";
   }
+  if (!report.oldImages.empty()) {
+    text += "; " + Counted(report.oldImages.size(), "name", "names") + " of the old image left out";
+  }
+  return text;
+}
+
+// What is in the image but not quite as it was; empty when all of it is.
+std::string DescribeLosses(const host::BuildReport& report) {
+  std::string text;
+  const auto add = [&text](const std::string& loss) { text += (text.empty() ? "" : ", ") + loss; };
+  if (report.timesChanged != 0) {
+    add(Counted(report.timesChanged, "time", "times") +
+        " outside 1980 to 2107 (the nearest in its place)");
+  }
+  if (report.modesDropped != 0) {
+    add("permissions of " + Counted(report.modesDropped, "item", "items"));
+  }
+  if (report.hardLinks != 0) {
+    add(Counted(report.hardLinks, "hard link", "hard links") + " (a file of its own for each)");
+  }
   return text;
 }
 
@@ -33,12 +53,15 @@ int Create(CreateArguments& arguments, Talk& talk) {
     talk.Progress(progress.files, progress.sourceBytes, progress.path);
   };
   host::ImageBuilder builder(arguments.image, arguments.options);
-  for (const std::string& directory : arguments.directories) builder.AddDirectory(directory);
+  builder.AddDirectories({arguments.directories.begin(), arguments.directories.end()});
   const host::BuildReport report = builder.Finish();
   for (const host::BuildProblem& problem : report.problems) {
     talk.Complain(problem.path, problem.reason);
   }
+  for (const host::BuildProblem& name : report.oldImages) talk.Complain(name.path, name.reason);
   talk.Summarize(Describe(arguments.image, report));
+  const std::string losses = DescribeLosses(report);
+  if (!losses.empty()) talk.Summarize(arguments.image + ": not stored: " + losses);
   return report.problems.empty() ? kDone : kProblems;
 }
 
@@ -62,6 +85,7 @@ void DeclareCreate(CommandLine& line) {
   command.Required("IMAGE", arguments->image, "The image file to make");
   command.Required("DIR", arguments->directories, "Folders to take in, at most ten");
   DeclareLevels(command, arguments->options.level);
+  command.Flag("--force", arguments->options.force, "Replace a file that is not an image");
   command.Text("--label", arguments->options.label, "TEXT", "Text to keep in the header");
   command.Texts("--exclude", arguments->options.excludes, "GLOB",
                 "Leave out items whose name, or path below DIR if there is a / in GLOB, matches");

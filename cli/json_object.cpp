@@ -5,6 +5,23 @@
 #include "cli/text.h"
 
 namespace capsule::cli {
+namespace {
+
+// JSON need not escape U+007F to U+009F, but terminals obey some of them.
+std::string WithoutControls(const std::string& json) {
+  std::string text;
+  for (size_t i = 0; i < json.size(); ++i) {
+    const bool isC1 = json[i] == '\xC2' && i + 1 < json.size() && (json[i + 1] & 0x60) == 0;
+    if (!isC1 && json[i] != '\x7F') {
+      text += json[i];
+      continue;
+    }
+    text += "\\u00" + ToHex(json.substr(isC1 ? ++i : i, 1));
+  }
+  return text;
+}
+
+}  // namespace
 
 struct JsonObject::Members {
   nlohmann::ordered_json json = nlohmann::ordered_json::object();
@@ -52,6 +69,6 @@ JsonObject& JsonObject::List(const char* key, const std::vector<JsonObject>& obj
   return *this;
 }
 
-std::string JsonObject::Line() const { return m_pMembers->json.dump() + "\n"; }
+std::string JsonObject::Line() const { return WithoutControls(m_pMembers->json.dump()) + "\n"; }
 
 }  // namespace capsule::cli

@@ -5,6 +5,7 @@
 #include <cstdio>
 
 #include "capsule/host/error.h"
+#include "capsule/host/message_text.h"
 #include "cli/text.h"
 
 namespace capsule::cli {
@@ -37,7 +38,7 @@ void Talk::Complain(const std::string& path, const std::string& reason) {
 
 void Talk::Complain(const std::string& message) {
   ClearProgress();
-  Write("capsule: " + (m_bTerminal ? ToUtf8(message) : message) + "\n");
+  Write("capsule: " + host::OneLine(m_bTerminal ? ToUtf8(message) : message) + "\n");
 }
 
 void Talk::WriteLine(const std::string& line) {
@@ -46,9 +47,7 @@ void Talk::WriteLine(const std::string& line) {
 }
 
 void Talk::Summarize(const std::string& text) {
-  if (m_bQuiet) return;
-  ClearProgress();
-  Write("capsule: " + (m_bTerminal ? ToUtf8(text) : text) + "\n");
+  if (!m_bQuiet) Complain(text);
 }
 
 void Talk::Progress(uint64_t files, uint64_t bytes, const std::string& path) {

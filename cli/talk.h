@@ -21,7 +21,7 @@ class Talk {
   // "capsule: path: reason" in one line.
   void Complain(const std::string& path, const std::string& reason);
 
-  // "capsule: message", the message being one line already.
+  // "capsule: message" in one line.
   void Complain(const std::string& message);
 
   // A line for programs, with its line end, as it is.

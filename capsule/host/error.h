@@ -17,7 +17,8 @@
 namespace capsule::host {
 
 // what() is the path and the reason in one line, lower-case, without a period: "photos.cap: data
-// block at 0x1f40: payload is 9000 bytes, 212 remain". Control bytes in it are spelled \x0a.
+// block at 0x1f40: payload is 9000 bytes, 212 remain". Control characters in it, those of U+0080
+// to U+009F included, are spelled \x0a.
 class CAPSULE_API Error : public std::runtime_error {
  public:
   // `path`: the file or folder the failure is about. `offset`: where in it, when that is known.

@@ -5,6 +5,7 @@
 #include <cerrno>
 #include <charconv>
 #include <cstdlib>
+#include <limits>
 #include <optional>
 #include <string_view>
 #include <system_error>
@@ -12,9 +13,12 @@
 
 #include "capsule/container/header_format.h"
 #include "capsule/host/image_draft.h"
+#include "capsule/host/image_open.h"
 #include "capsule/host/reason.h"
+#include "capsule/host/scoped_descriptor.h"
 #include "capsule/host/source_walk.h"
 #include "capsule/platform/ascii.h"
+#include "capsule/platform/dos_time.h"
 #include "capsule/platform/glob.h"
 #include "capsule/platform/host_files.h"
 
@@ -25,6 +29,7 @@ namespace fs = std::filesystem;
 
 constexpr std::string_view kSignature = "Capsulate";
 constexpr const char* kTimeVariable = "SOURCE_DATE_EPOCH";
+constexpr int kMaxLinks = 40;  // one behind the other, as systems have it
 
 // The version text: readers know the layout of the header by its first word.
 std::string VersionText(const fs::path& image, const std::string& label) {
@@ -48,14 +53,39 @@ int CheckedLevel(const fs::path& image, int level) {
   throw Error(image.string(), "level is " + std::to_string(level) + ", 0 to 9 are possible");
 }
 
-// The file that a build replaces: where a link leads, so that the link stays.
-std::string Target(const fs::path& image) {
+// Where a link leads, so that the link stays, also when nothing is there yet.
+fs::path BehindLinks(const fs::path& image, fs::path target) {
   std::error_code error;
-  fs::path target = fs::absolute(image, error);
-  std::error_code missing;  // no link then
-  if (!error && fs::is_symlink(target, missing)) target = fs::weakly_canonical(target, error);
+  for (int links = 0; fs::is_symlink(fs::symlink_status(target, error)); ++links) {
+    if (links == kMaxLinks) throw Error(image.string(), SystemReason(ELOOP));
+    const fs::path next = fs::read_symlink(target, error);
+    if (error) throw Error(image.string(), SystemReason(error.value()));
+    target = target.parent_path() / next;
+  }
+  return target;
+}
+
+// Refuses a file with bytes in it that is not an image.
+void CheckReplaceable(const std::string& target, const std::string& name) {
+  const auto old = platform::Status(target);
+  if (!old || old->kind != platform::FileKind::Regular || old->size == 0) return;
+  const ScopedDescriptor file(platform::OpenForReading(target.c_str()));
+  if (!file) throw Error(name, "cannot be read: " + SystemReason(errno));
+  try {
+    ReadImageHeader(file.Get(), name, old->size);
+  } catch (const Error& error) {
+    throw Error(name, error.Reason() + "; only --force replaces it");
+  }
+}
+
+// The file that a build replaces.
+std::string Target(const fs::path& image, bool force) {
+  std::error_code error;
+  const fs::path absolute = fs::absolute(image, error);
   if (error) throw Error(image.string(), SystemReason(error.value()));
-  return target.string();
+  const std::string target = BehindLinks(image, absolute).string();
+  if (!force) CheckReplaceable(target, image.string());
+  return target;
 }
 
 // The latest time to write, if the environment names one.
@@ -79,19 +109,33 @@ bool IsExcluded(const std::vector<std::string>& globs, const std::string& name,
   });
 }
 
+// Whether a time of modification comes out as it was, but for the second that is rounded off.
+bool IsTimeKept(int64_t seconds) {
+  const auto stored = platform::ToDosDateTime(platform::FileTimeFromUnix(seconds, 0));
+  const int64_t lost = seconds - platform::ToUnixSeconds(stored);
+  return lost == 0 || lost == 1;
+}
+
+// Whether permissions are those that any new file or folder gets, or these without any to write.
+bool IsUsualMode(const SourceItem& item) {
+  const uint32_t usual = item.kind == SourceItem::Kind::Folder ? 0755 : 0644;
+  return item.status.mode == usual || item.status.mode == (usual & 0555);
+}
+
 }  // namespace
 
 struct ImageBuilder::Impl {
   Impl(const fs::path& path, BuildOptions given)
       : name(path.string()),
         options(std::move(given)),
-        draft(Target(path), name, CheckedLevel(path, options.level),
+        draft(Target(path, options.force), name, CheckedLevel(path, options.level),
               VersionText(path, options.label), &isCancelled) {
-    if (const auto latest = LatestTime()) draft.CapTimes(*latest);
+    if (const auto set = LatestTime()) draft.CapTimes(latest = *set);
   }
 
   void Take(SourceWalk* walk, const SourceItem& item);
   void Insert(SourceWalk* walk, const SourceItem& item);
+  void CountWhatIsNotKept(const SourceItem& item);
   void ThrowIfUnusable() const;
 
   std::string name;
@@ -99,6 +143,7 @@ struct ImageBuilder::Impl {
   std::atomic<bool> isCancelled = false;
   ImageDraft draft;
   BuildReport report;
+  int64_t latest = std::numeric_limits<int64_t>::max();
   int partitions = 0;
   bool isBroken = false;  // thrown in the middle of something
   bool isFinished = false;
@@ -116,7 +161,11 @@ void ImageBuilder::Impl::Take(SourceWalk* walk, const SourceItem& item) {
       report.problems.push_back({item.path, item.reason});
       break;
     default:
-      if (!draft.IsOwnFile(item.status.identity)) Insert(walk, item);
+      if (draft.IsOldImage(item.status.identity)) {
+        report.oldImages.push_back({item.path, "left out: it is the file that the image replaces"});
+      } else if (!draft.IsOwnFile(item.status.identity)) {
+        Insert(walk, item);
+      }
   }
 }
 
@@ -129,9 +178,16 @@ void ImageBuilder::Impl::Insert(SourceWalk* walk, const SourceItem& item) {
   }
   ++(isFolder ? report.directories : report.files);
   report.sourceBytes += item.status.size;
+  CountWhatIsNotKept(item);
   if (!options.onProgress) return;
   options.onProgress({std::to_string(partitions - 1) + ":/" + item.relative, report.files,
                       report.directories, report.sourceBytes});
+}
+
+void ImageBuilder::Impl::CountWhatIsNotKept(const SourceItem& item) {
+  if (!IsTimeKept(std::min(item.status.modification.seconds, latest))) ++report.timesChanged;
+  if (!IsUsualMode(item)) ++report.modesDropped;
+  if (item.kind == SourceItem::Kind::File && item.status.links > 1) ++report.hardLinks;
 }
 
 void ImageBuilder::Impl::ThrowIfUnusable() const {
@@ -162,6 +218,15 @@ void ImageBuilder::AddDirectory(const fs::path& directory) {
     m_pImpl->Take(&walk, item);
   }
   m_pImpl->isBroken = false;
+}
+
+void ImageBuilder::AddDirectories(const std::vector<fs::path>& directories) {
+  const size_t count = static_cast<size_t>(m_pImpl->partitions) + directories.size();
+  if (count > static_cast<size_t>(kMaxPartitions)) {
+    throw Error(m_pImpl->name, "an image holds " + std::to_string(kMaxPartitions) +
+                                   " folders at most, these are " + std::to_string(count));
+  }
+  for (const fs::path& directory : directories) AddDirectory(directory);
 }
 
 BuildReport ImageBuilder::Finish() {

@@ -8,7 +8,8 @@
 // its index, synced and renamed: an existing file stays as it was until then. The same folders give
 // the same bytes wherever they lie. Links and special files are skipped and counted. What cannot
 // be read, changes meanwhile, or has a name the format cannot hold is left out (a folder with all
-// below it) and listed in the report.
+// below it) and listed in the report. So is the file that the image replaces, under any name that
+// lies in a folder. What the format cannot keep of an item is counted.
 //
 // One thread uses a builder; Cancel may be called from any thread. Failures throw host::Error.
 #pragma once
@@ -40,6 +41,7 @@ struct BuildOptions {
   std::string label{};                  // version text; "Capsulate" is put in front unless there
   std::vector<std::string> excludes{};  // globs: matched against an item's name, or with a '/' in
                                         // them against its path below its DIR
+  bool force = false;  // replace an existing file that is not an image, which is refused otherwise
   std::function<void(const BuildProgress&)> onProgress{};
 };
 
@@ -55,12 +57,20 @@ struct BuildReport {
   uint64_t skipped = 0;  // links and special files
   uint64_t excluded = 0;
   uint64_t imageBytes = 0;
+
+  // What is in the image, but not quite as it was.
+  uint64_t timesChanged = 0;  // times of modification outside 1980 to 2107: the nearest is stored
+  uint64_t modesDropped = 0;  // permissions other than 644, 755 for folders, or none to write in it
+  uint64_t hardLinks = 0;     // names of files that have several: each becomes a file of its own
+
   std::vector<BuildProblem> problems;
+  std::vector<BuildProblem> oldImages;  // names of the file that the image replaces, left out
 };
 
 class CAPSULE_API ImageBuilder {
  public:
-  // Throws when the options are out of range or the folder of `image` does not exist.
+  // Throws when the options are out of range, the folder of `image` does not exist, or `image` is a
+  // file that is neither empty nor an image. What a link leads to is replaced, not the link.
   explicit ImageBuilder(std::filesystem::path image, BuildOptions options = {});
 
   // Without Finish the temporary file is removed and the old image left.
@@ -71,6 +81,9 @@ class CAPSULE_API ImageBuilder {
   // Inserts everything below `directory` as the next partition. Throws when it cannot be opened
   // or is the eleventh.
   void AddDirectory(const std::filesystem::path& directory);
+
+  // AddDirectory for each. Throws before the first when there are more than an image holds.
+  void AddDirectories(const std::vector<std::filesystem::path>& directories);
 
   // Completes the image and puts it under its name.
   BuildReport Finish();

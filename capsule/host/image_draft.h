@@ -40,7 +40,8 @@ class ImageDraft {
   // as it was. Throws when the image cannot take it.
   std::optional<std::string> Insert(const SourceItem& item);
 
-  // Whether this is the draft itself or the file in whose place it is to come.
+  // Whether this is the file in whose place the draft is to come; or that one or the draft itself.
+  bool IsOldImage(const platform::FileIdentity& identity) const { return identity == m_Old; }
   bool IsOwnFile(const platform::FileIdentity& identity) const;
 
   // Completes the image and puts it in the place of the target. Its size in bytes.

@@ -24,6 +24,8 @@ struct FileStatus {
   FileKind kind = FileKind::Other;
   FileIdentity identity;
   bool writable = false;  // some write permission is set, whoever it is for
+  uint32_t mode = 0;      // the permission bits, 0 to 07777
+  uint64_t links = 0;     // how many names the file has
   uint64_t size = 0;      // in bytes; 0 unless the file is regular
   Instant birth;          // the modification time where the file system keeps no birth time
   Instant access;

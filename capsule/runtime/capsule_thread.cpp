@@ -14,7 +14,8 @@
 namespace capsule {
 namespace {
 
-std::atomic<uint32_t> g_lastThread = 0;
+// Above the process and thread ids of systems, and what a host may count its own events with.
+std::atomic<uint32_t> g_lastThread = 2'000'000'000;
 
 // The stop event of thread number `id`; null when there is no memory for it.
 std::shared_ptr<CapsuleEvent> MakeStopEvent(uint32_t id) try {
@@ -26,7 +27,7 @@ std::shared_ptr<CapsuleEvent> MakeStopEvent(uint32_t id) try {
 
 }  // namespace
 
-// A recursive mutex that a subclass may also leave without having entered it.
+// A recursive mutex that a subclass may also leave without having entered it, or leave locked.
 class StartLock {
  public:
   void Enter() {
@@ -43,6 +44,14 @@ class StartLock {
     if (--m_nDepth == 0) m_Free.notify_one();
   }
 
+  // For a thread that ends: it may not have left what it entered.
+  void LeaveForGood() {
+    const std::lock_guard lock(m_Mutex);
+    if (m_nDepth == 0 || m_Owner != std::this_thread::get_id()) return;
+    m_nDepth = 0;
+    m_Free.notify_one();
+  }
+
  private:
   std::mutex m_Mutex;
   std::condition_variable m_Free;
@@ -56,7 +65,7 @@ CapsuleThread::CapsuleThread(const CapsuleThread& other)
     : m_nThreadId(other.m_nThreadId.load()),
       m_hThread(other.m_hThread.load()),
       m_bStarted(other.m_bStarted.load()),
-      m_pStoppedEvent(other.m_pStoppedEvent),
+      m_pStoppedEvent(other.StoppedEvent()),
       m_pStartMutex(other.m_pStartMutex) {}
 
 CapsuleThread& CapsuleThread::operator=(const CapsuleThread& other) {
@@ -64,7 +73,7 @@ CapsuleThread& CapsuleThread::operator=(const CapsuleThread& other) {
   m_nThreadId = other.m_nThreadId.load();
   m_hThread = other.m_hThread.load();
   m_bStarted = other.m_bStarted.load();
-  m_pStoppedEvent = other.m_pStoppedEvent;
+  SetStoppedEvent(other.StoppedEvent());
   m_pStartMutex = other.m_pStartMutex;
   return *this;
 }
@@ -91,8 +100,18 @@ bool CapsuleThread::_Start() {
   }
   m_nThreadId = id;
   m_hThread = id;
-  m_pStoppedEvent = std::move(stopped);
+  SetStoppedEvent(std::move(stopped));
   return true;
+}
+
+std::shared_ptr<CapsuleEvent> CapsuleThread::StoppedEvent() const {
+  const std::lock_guard lock(m_EventMutex);
+  return m_pStoppedEvent;
+}
+
+void CapsuleThread::SetStoppedEvent(std::shared_ptr<CapsuleEvent> event) {
+  const std::lock_guard lock(m_EventMutex);
+  m_pStoppedEvent.swap(event);
 }
 
 void CapsuleThread::setThreadStopping() { m_bStarted = 0; }
@@ -103,29 +122,28 @@ ThreadHandle CapsuleThread::handle() const { return m_hThread; }
 
 uint32_t CapsuleThread::isThreadStopped(int32_t timeoutMs) {
   constexpr uint32_t kNotStopped = 0xFFFFFFFF;
-  startProtect();
-  const std::shared_ptr<CapsuleEvent> stopped = m_pStoppedEvent;
-  startUnProtect();
+  const std::shared_ptr<CapsuleEvent> stopped = StoppedEvent();
   return stopped == nullptr ? kNotStopped : stopped->waitAll(timeoutMs, CapsuleEvent::ReturnIndex);
 }
 
 void CapsuleThread::newThread(void* object) {
   auto* thread = static_cast<CapsuleThread*>(object);
   thread->threadBody();
+  thread->m_pStartMutex->LeaveForGood();
   thread->setThreadStopped();
 }
 
 void CapsuleThread::doneThread(uint32_t exitCode) {
   startProtect();
   m_bRunning = false;
-  startUnProtect();
+  m_pStartMutex->LeaveForGood();
   platform::ExitThread(exitCode);
 }
 
 // Whoever waits for the stop event may destroy the object as soon as it is signalled.
 void CapsuleThread::setThreadStopped() {
   startProtect();
-  const std::shared_ptr<CapsuleEvent> stopped = m_pStoppedEvent;
+  const std::shared_ptr<CapsuleEvent> stopped = StoppedEvent();
   m_bRunning = false;
   startUnProtect();
   if (stopped != nullptr) stopped->setEvent();

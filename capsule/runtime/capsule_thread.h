@@ -17,13 +17,14 @@
 #include <atomic>
 #include <cstdint>
 #include <memory>
+#include <mutex>
 
 #include "capsule/export.h"
 #include "capsule/runtime/capsule_event.h"
 
 namespace capsule {
 
-// Number of a started thread, above 0 and not used again in the process.
+// Number of a started thread: 2,000,000,001 and up, not used again in the process.
 using ThreadHandle = uint32_t;
 
 class StartLock;
@@ -49,8 +50,8 @@ class CAPSULE_API CapsuleThread {
   int32_t isStarted() const;
   ThreadHandle handle() const;
 
-  // Waits up to `timeoutMs` milliseconds (-1: no limit) for the end of the thread. 0 when it has
-  // ended, once; 0xFFFFFFFF on timeout or before startThread.
+  // Waits up to `timeoutMs` milliseconds (-1: no limit) for the end of the thread, whoever is in
+  // the start sequence. 0 when it has ended, once; 0xFFFFFFFF on timeout or before startThread.
   uint32_t isThreadStopped(int32_t timeoutMs);
 
  protected:
@@ -64,18 +65,21 @@ class CAPSULE_API CapsuleThread {
   void setThreadStopped();
 
   // Enter and leave the start sequence. A thread may enter it more than once; leaving it without
-  // having entered does nothing.
+  // having entered does nothing, and a thread of an object that ends has left.
   void startProtect();
   void startUnProtect();
 
  private:
   bool _Start();
+  std::shared_ptr<CapsuleEvent> StoppedEvent() const;
+  void SetStoppedEvent(std::shared_ptr<CapsuleEvent> event);
 
   std::atomic<uint32_t> m_nThreadId = 0;
   std::atomic<ThreadHandle> m_hThread = 0;
   std::atomic<int32_t> m_bStarted = 0;
-  std::shared_ptr<CapsuleEvent> m_pStoppedEvent;  // used in the start sequence only, and so is:
-  bool m_bRunning = false;                        // a thread of this object has not ended yet
+  mutable std::mutex m_EventMutex;
+  std::shared_ptr<CapsuleEvent> m_pStoppedEvent;  // guarded by m_EventMutex
+  bool m_bRunning = false;  // a thread of this object has not ended yet; start sequence only
   std::shared_ptr<StartLock> m_pStartMutex;
 };
 

@@ -49,18 +49,38 @@ int TakeLowestSignalled(const Events& events) {
   return static_cast<int>(signalled - events.begin());
 }
 
+// What wakes one waiter of several events. Comes and goes under the table's mutex.
+class Waiter {
+ public:
+  explicit Waiter(const Events& events) : m_Events(events) {}
+  ~Waiter() {
+    for (const auto& event : m_Events) std::erase(event->waiters, &wake);
+  }
+  Waiter(const Waiter&) = delete;
+  Waiter& operator=(const Waiter&) = delete;
+
+  // May throw std::bad_alloc: those events that know the waiter then forget it again.
+  void Enlist() {
+    for (const auto& event : m_Events) event->waiters.push_back(&wake);
+  }
+
+  std::condition_variable wake;
+
+ private:
+  const Events& m_Events;
+};
+
 int SleepUntilSignalled(const Events& events, int32_t timeoutMs,
                         std::unique_lock<std::mutex>& lock) {
-  std::condition_variable wake;
-  for (const auto& event : events) event->waiters.push_back(&wake);
+  Waiter waiter(events);
+  waiter.Enlist();
   int index = -1;
   const auto signalled = [&] { return (index = TakeLowestSignalled(events)) >= 0; };
   if (timeoutMs < 0) {
-    wake.wait(lock, signalled);
+    waiter.wake.wait(lock, signalled);
   } else {
-    wake.wait_for(lock, std::chrono::milliseconds(timeoutMs), signalled);
+    waiter.wake.wait_for(lock, std::chrono::milliseconds(timeoutMs), signalled);
   }
-  for (const auto& event : events) std::erase(event->waiters, &wake);
   return index;
 }
 

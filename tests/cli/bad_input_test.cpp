@@ -71,16 +71,28 @@ TEST_F(BadInputTest, SourcesThatCannotBeUsedLeaveTheOldImage) {
   ExpectFailure(RunCapsule({"create", At("i"), At("in"), At("in/a")}), {"in/a"});
   ExpectFailure(RunCapsule({"create", At("nowhere/i"), At("in")}), {"nowhere"});
   std::vector<std::string> eleven = {"create", At("i")};
-  eleven.insert(eleven.end(), 11, At("in"));
-  ExpectFailure(RunCapsule(eleven), {});
+  eleven.insert(eleven.end(), 11, At("missing"));
+  ExpectFailure(RunCapsule(eleven), {"10 folders at most"});
+  WriteFile(At("notes"), "my notes");
+  ExpectFailure(RunCapsule({"create", At("notes"), At("in")}),
+                {At("notes") + ": not an image", "--force"});
+  EXPECT_EQ(ReadFile(At("notes")), "my notes");
+  EXPECT_EQ(RunCapsule({"create", "-q", "--force", At("notes"), At("in")}).err, "");
   ExpectImageAsItWas();
   EXPECT_FALSE(fs::exists(At("nowhere")));
 }
 
 TEST_F(BadInputTest, TheImageDoesNotSwallowItself) {
-  WriteFile(At("in/inside"), "old");
-  const CommandResult result = RunCapsule({"create", "-q", At("in/inside"), At("in")});
+  ASSERT_EQ(RunCapsule({"create", At("in/inside"), At("in")}).status, 0);
+  fs::permissions(At("in/a"), fs::perms(0755));
+  fs::create_hard_link(At("in/inside"), At("in/sub/kept"));
+  const CommandResult result = RunCapsule({"create", At("in/inside"), At("in")});
   EXPECT_EQ(result.status, 0) << result.err;
+  for (const std::string& part : {At("in/inside") + ": left out", At("in/sub/kept") + ": left out",
+                                  std::string("; 2 names of the old image left out\n"),
+                                  At("in/inside") + ": not stored: permissions of 1 item\n"}) {
+    EXPECT_NE(result.err.find(part), std::string::npos) << part << " in " << result.err;
+  }
   EXPECT_EQ(RunCapsule({"list", "-R", At("in/inside")}).out, "0:/a\n0:/sub/\n0:/sub/b\n");
 }
 
@@ -172,9 +184,19 @@ TEST_F(BadInputTest, DamageIsNamedAndTheRestComesOut) {
 
 TEST_F(BadInputTest, OutputThatCannotBeWritten) {
   const std::string image = Quoted(At("i"));
-  ExpectFailure(RunShell("capsule cat " + image + " sub/b >/dev/full"), {"no space left"});
-  ExpectFailure(RunShell("capsule info " + image + " >/dev/full"), {"no space left"});
-  ExpectFailure(RunShell("capsule --help >/dev/full"), {"no space left"});
+  WriteFile(At("damaged"), m_Image.substr(0, 9000) + std::string(m_Image.size() - 9000, 'x'));
+  const std::string damaged = Quoted(At("damaged"));
+  for (const std::string& words :
+       {"cat " + image + " sub/b", "cat " + image + " a", "info " + image, "info --json " + image,
+        "list " + image, "list -lR " + image, "list --json " + image, "inspect " + image,
+        "inspect --json " + image, "verify --json " + image, "verify " + damaged,
+        "extract --json " + image + " -C " + Quoted(At("in")), std::string("--help"),
+        std::string("--version"), std::string("create --help")}) {
+    const CommandResult full = RunShell("capsule " + words + " >/dev/full");
+    EXPECT_EQ(full.status, 2) << words;
+    EXPECT_NE(full.err.find("standard output: cannot write: no space left"), std::string::npos)
+        << words << ": " << full.err;
+  }
   const CommandResult closed = RunShell("capsule list " + image + " >&-; echo $? >&2");
   EXPECT_NE(closed.err.find("cannot write"), std::string::npos) << closed.err;
   EXPECT_NE(closed.err.find("\n2\n"), std::string::npos) << closed.err;

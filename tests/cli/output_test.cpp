@@ -76,13 +76,40 @@ TEST_F(OutputTest, TalkGoesToStandardErrorAndCanBeSilenced) {
   EXPECT_EQ(RunCapsule({"-q", "create", At("j"), "--", At("in")}).err, "");
 }
 
-TEST_F(OutputTest, TerminalsSeeNoControlBytes) {
-  const CommandResult shown =
-      RunShell("command -v script >/dev/null || exit 77\nscript -qec " +
-               Quoted(Quoted(CAPSULE_COMMAND) + " list " + Quoted(At("i"))) + " /dev/null");
-  if (shown.status == 77) GTEST_SKIP() << "no script(1) to make a terminal";
-  EXPECT_NE(shown.out.find("0:/bell\\x07"), std::string::npos) << shown.out;
-  EXPECT_NE(shown.out.find("0:/caf\xc3\xa9\r\n"), std::string::npos) << shown.out;
+// Control characters as single bytes and as UTF-8, in what is shown and in every kind of message.
+TEST_F(OutputTest, NoNameMovesTheCursor) {
+  const auto expectNone = [](const std::string& text) {
+    EXPECT_EQ(text.find_first_of("\x1b\x07\x7f\x9b"), std::string::npos) << text;
+  };
+  fs::create_directories(At("out"));
+  const std::pair<std::string, std::string> names[] = {
+      {"\x9b\xe9", "\\x9b\xc3\xa9"},
+      {"\x1b]0;t\x07\x7f\xc2\x9b\xc3\x89", "\\x1b]0;t\\x07\\x7f\\x9b\xc3\x89"}};
+  for (const auto& [name, shown] : names) {
+    WriteFile(At("in/" + name), "x");
+    WriteFile(At("in/" + name + "."), "no image holds this name");
+    const std::string image = Quoted(At(name));
+    std::string script;
+    for (const std::string& words :
+         {"create " + image + " " + Quoted(At("in")), "list " + image, "list -R --json " + image,
+          "list " + image + " " + Quoted(name + "/x"), "list " + Quoted(At("in/" + name)),
+          "info " + image, "verify " + image, "index " + image, "inspect " + image, Quoted(name),
+          "extract " + image + " -C " + Quoted(At("out")),
+          "extract " + image + " -C " + Quoted(At("out/" + name))}) {
+      script += Quoted(CAPSULE_COMMAND) + " " + words + "\n";
+    }
+    WriteFile(At("script"), script);
+    expectNone(RunShell("sh " + Quoted(At("script"))).err);
+    const CommandResult terminal =
+        RunShell("command -v script >/dev/null || exit 77; script -qec " +
+                 Quoted("sh " + At("script")) + " /dev/null");
+    if (terminal.status == 77) GTEST_SKIP() << "no script(1) to make a terminal";
+    std::string seen = terminal.out;
+    EXPECT_NE(seen.find("\n0:/" + shown + "\r"), std::string::npos) << seen;
+    const std::string progress = "\x1b[K";
+    for (size_t at = 0; (at = seen.find(progress)) != std::string::npos;) seen.erase(at, 3);
+    expectNone(seen);
+  }
 }
 
 TEST_F(OutputTest, InspectShowsNoControlBytesAnywhere) {

@@ -7,6 +7,7 @@
 
 #include "tests/host/scanned_tree.h"
 #include "tests/support/bytes.h"
+#include "tests/support/entries.h"
 
 namespace capsule::host {
 namespace {
@@ -111,13 +112,95 @@ TEST(ImageBuilder, KeepsPermissionsAndLinksOfTheTarget) {
   ::umask(mask);
   EXPECT_EQ(static_cast<unsigned>(fs::status(folder / "new.cap").permissions()), 0640u);
 
-  test::WriteFile(folder / "old.cap", "old");
+  test::WriteFile(folder / "old.cap", "");
   fs::permissions(folder / "old.cap", fs::perms(0604));
+  fs::create_directories(folder / "sub");
   fs::create_symlink("old.cap", folder / "link.cap");
-  Build(folder / "link.cap", {folder / "s"});
-  EXPECT_TRUE(fs::is_symlink(folder / "link.cap"));
+  fs::create_symlink(folder / "sub/../away.cap", folder / "sub/dangling.cap");
+  fs::create_symlink("sub/dangling.cap", folder / "chain.cap");
+  for (const auto& [link, target] : {std::pair{"link.cap", "old.cap"}, {"chain.cap", "away.cap"}}) {
+    Build(folder / link, {folder / "s"});
+    EXPECT_TRUE(fs::is_symlink(folder / link));
+    EXPECT_FALSE(fs::is_symlink(folder / target));
+    EXPECT_EQ(test::ReadFile(folder / target), test::ReadFile(folder / "new.cap"));
+  }
+  EXPECT_TRUE(fs::is_symlink(folder / "sub/dangling.cap"));
   EXPECT_EQ(static_cast<unsigned>(fs::status(folder / "old.cap").permissions()), 0604u);
-  EXPECT_EQ(test::ReadFile(folder / "old.cap"), test::ReadFile(folder / "new.cap"));
+  fs::create_symlink("loop.cap", folder / "loop.cap");
+  EXPECT_EQ(test::ErrorOf([&] { Build(folder / "loop.cap", {folder / "s"}); }),
+            folder / "loop.cap: too many levels of symbolic links");
+}
+
+TEST(ImageBuilder, OtherFilesThanImagesAreReplacedOnlyByForce) {
+  const TempDir folder;
+  const std::string target = folder / "notes.txt";
+  fs::create_directories(folder / "s");
+  for (const std::string& text : {std::string("my notes"), std::string(20000, 'x')}) {
+    test::WriteFile(target, text);
+    EXPECT_NE(test::ErrorOf([&] { Build(target, {folder / "s"}); }).find(target + ": not an image"),
+              std::string::npos);
+    EXPECT_EQ(test::ReadFile(target), text);
+    EXPECT_EQ(std::distance(fs::directory_iterator(folder.Path()), {}), 2);
+    Build(target, {folder / "s"}, {.force = true});
+    Build(target, {folder / "s"});  // an image now
+  }
+}
+
+TEST(ImageBuilder, TheOldImageIsLeftOutUnderAllItsNames) {
+  const TempDir folder;
+  const std::string source = folder / "s";
+  fs::create_directories(source + "/d");
+  test::WriteFile(source + "/f", "x");
+  Build(source + "/d/x.cap", {source}, {.level = 0});
+  fs::create_hard_link(source + "/d/x.cap", source + "/backup.cap");
+  const BuildReport report = Build(source + "/d/x.cap", {source}, {.level = 0});
+  ASSERT_EQ(report.oldImages.size(), 2u);
+  EXPECT_EQ(report.oldImages[0].path, source + "/backup.cap");
+  EXPECT_EQ(report.oldImages[1].path, source + "/d/x.cap");
+  EXPECT_EQ(test::ScannedTree(source + "/d/x.cap"), (test::Tree{{"0:d", "<dir>"}, {"0:f", "x"}}));
+}
+
+TEST(ImageBuilder, TooManyFoldersAreRefusedBeforeTheFirst) {
+  const TempDir folder;
+  fs::create_directories(folder / "s");
+  test::WriteFile(folder / "s/f", "x");
+  int inserted = 0;
+  ImageBuilder builder(folder / "x.cap", {.onProgress = [&](const BuildProgress&) { ++inserted; }});
+  std::vector<fs::path> folders(11, folder / "s");
+  EXPECT_EQ(test::ErrorOf([&] { builder.AddDirectories(folders); }),
+            folder / "x.cap: an image holds 10 folders at most, these are 11");
+  EXPECT_EQ(inserted, 0);
+  folders.pop_back();
+  builder.AddDirectories(folders);
+  EXPECT_EQ(builder.Finish().files, 10u);
+}
+
+TEST(ImageBuilder, WhatTheFormatCannotKeepIsCounted) {
+  const TempDir folder;
+  const std::string source = folder / "s";
+  fs::create_directories(source + "/kept");
+  fs::create_directories(source + "/closed");
+  const std::pair<const char*, unsigned> modes[] = {{"kept", 0755}, {"closed", 0700}, {"a", 0644},
+                                                    {"b", 0444},    {"c", 0755},      {"d", 0600}};
+  const std::pair<const char*, const char*> times[] = {{"1", "1979-12-31 23:59:59"},
+                                                       {"2", "1980-01-01 00:00:00"},
+                                                       {"3", "2107-12-31 23:59:59"},
+                                                       {"4", "2108-01-01 00:00:00"}};
+  for (const auto& [name, time] : times) {
+    test::WriteFile(source + "/" + name, "x");
+    fs::permissions(source + "/" + name, fs::perms(0644));
+    const std::string touch = "touch -d '" + std::string(time) + "Z' '" + source + "/" + name + "'";
+    ASSERT_EQ(std::system(touch.c_str()), 0);
+  }
+  for (const auto& [name, mode] : modes) {
+    if (std::string(name).size() == 1) test::WriteFile(source + "/" + name, "x");
+    fs::permissions(source + "/" + name, fs::perms(mode));
+  }
+  fs::create_hard_link(source + "/a", source + "/kept/a");
+  const BuildReport report = Build(folder / "x.cap", {source});
+  EXPECT_EQ(report.timesChanged, 2u);
+  EXPECT_EQ(report.modesDropped, 3u);
+  EXPECT_EQ(report.hardLinks, 2u);
 }
 
 TEST(ImageBuilder, LabelsBeginWithTheSignature) {

@@ -3,11 +3,64 @@
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <sys/stat.h>
+#include <sys/syscall.h>
 #include <unistd.h>
 
 #include <cerrno>
+#include <cstdarg>
+#include <functional>
 
 #include "tests/support/temp_dir.h"
+
+namespace {
+
+thread_local int t_nInterruptions = 0;  // how many of the calls below a signal still interrupts
+
+bool IsInterrupted() {
+  if (t_nInterruptions == 0) return false;
+  --t_nInterruptions;
+  errno = EINTR;
+  return true;
+}
+
+}  // namespace
+
+// What the library calls in this program instead of the functions of the C library.
+extern "C" {
+
+int open(const char* path, int flags, ...) {
+  va_list rest;
+  va_start(rest, flags);
+  const auto mode = va_arg(rest, unsigned);
+  va_end(rest);
+  return IsInterrupted() ? -1
+                         : static_cast<int>(::syscall(SYS_openat, AT_FDCWD, path, flags, mode));
+}
+
+ssize_t pread(int file, void* buffer, size_t count, off_t offset) {
+  return IsInterrupted() ? -1 : ::syscall(SYS_pread64, file, buffer, count, offset);
+}
+
+ssize_t pwrite(int file, const void* data, size_t count, off_t offset) {
+  return IsInterrupted() ? -1 : ::syscall(SYS_pwrite64, file, data, count, offset);
+}
+
+ssize_t write(int file, const void* data, size_t count) {
+  return IsInterrupted() ? -1 : ::syscall(SYS_write, file, data, count);
+}
+
+int posix_fallocate(int file, off_t offset, off_t count) {
+  return IsInterrupted() ? EINTR
+                         : static_cast<int>(::syscall(SYS_fallocate, file, 0, offset, count));
+}
+
+int ftruncate(int file, off_t length) noexcept {
+  return IsInterrupted() ? -1 : static_cast<int>(::syscall(SYS_ftruncate, file, length));
+}
+
+int fsync(int file) { return IsInterrupted() ? -1 : static_cast<int>(::syscall(SYS_fsync, file)); }
+
+}  // extern "C"
 
 namespace capsule::platform {
 namespace {
@@ -45,6 +98,31 @@ TEST(FileTest, TransfersGoToAnyOffsetAndReadsEndWithTheFile) {
   EXPECT_EQ(FileLength(descriptor), 4);
   EXPECT_FALSE(WriteAt(descriptor, "x", 1, -1));
   EXPECT_EQ(Close(descriptor), 0);
+}
+
+TEST(FileTest, WhatASignalInterruptsIsTriedAgain) {
+  const TempDir dir;
+  const std::string path = dir / "f";
+  int file = 0;
+  char buffer[4] = {};
+  const std::pair<const char*, std::function<bool()>> steps[] = {
+      {"open", [&] { return (file = OpenForWriting(path.c_str())) > 0; }},
+      {"write here", [&] { return WriteHere(file, "abc", 3); }},
+      {"write at", [&] { return WriteAt(file, "xyz", 3, 1); }},
+      {"grow", [&] { return CanGrow(file, 4, 100); }},
+      {"truncate", [&] { return Truncate(file, 3); }},
+      {"sync", [&] { return Sync(file); }},
+      {"close, open",
+       [&] { return Close(file) == 0 && (file = OpenForReading(path.c_str())) > 0; }},
+      {"read", [&] { return ReadAt(file, buffer, 3, 0) == 3; }},
+  };
+  for (const auto& [name, step] : steps) {
+    t_nInterruptions = 3;
+    EXPECT_TRUE(step()) << name;
+    EXPECT_EQ(t_nInterruptions, 0) << name;
+  }
+  EXPECT_STREQ(buffer, "axy");
+  EXPECT_EQ(Close(file), 0);
 }
 
 TEST(FileTest, OnlyRegularFilesAreReadAndNothingIsWaitedFor) {

@@ -1,13 +1,30 @@
 #include <gtest/gtest.h>
 
 #include <atomic>
-#include <chrono>
+#include <cstdlib>
 #include <memory>
+#include <new>
+#include <string>
 #include <thread>
 #include <vector>
 
 #include "capsule/runtime/capsule_event.h"
 #include "capsule/runtime/capsule_thread.h"
+
+namespace {
+
+thread_local int t_nAllocations = 0;
+thread_local int t_nFailing = -1;  // the allocation that fails, counted like the others; -1: none
+
+}  // namespace
+
+void* operator new(size_t size) {
+  void* memory = t_nAllocations++ == t_nFailing ? nullptr : std::malloc(size == 0 ? 1 : size);
+  return memory != nullptr ? memory : throw std::bad_alloc();
+}
+
+void operator delete(void* memory) noexcept { std::free(memory); }
+void operator delete(void* memory, size_t) noexcept { std::free(memory); }
 
 namespace capsule {
 namespace {
@@ -60,6 +77,56 @@ TEST(CapsuleEvent, AutoResetLetsOneWaiterThroughForEachSet) {
     EXPECT_EQ(through, expected);
   }
   for (std::thread& waiter : waiters) waiter.join();
+}
+
+TEST(CapsuleEvent, AManualEventWakesAllWhoWait) {
+  CapsuleEvent pause("pause", CapsuleEvent::AutoReset);
+  for (int round = 0; round < 5; ++round) {
+    CapsuleEvent event("all", CapsuleEvent::ManualReset);
+    std::atomic<int> ready = 0;
+    std::atomic<int> through = 0;
+    const auto wait = [&] {
+      CapsuleEvent mine("all", CapsuleEvent::ManualReset);
+      ++ready;
+      mine.waitAll(kForever, CapsuleEvent::ReturnIndex);
+      ++through;
+    };
+    std::thread first(wait);
+    std::thread second(wait);
+    while (ready < 2) std::this_thread::yield();
+    pause.waitAll(5, CapsuleEvent::ReturnIndex);  // by now both sleep, or it proves less
+    event.setEvent();
+    for (int i = 0; i < 5000 && through < 2; ++i) pause.waitAll(1, CapsuleEvent::ReturnIndex);
+    EXPECT_EQ(through, 2);
+    event.setEvent();
+    first.join();
+    second.join();
+  }
+}
+
+// What a wait leaves behind in an event would need room in the next.
+TEST(CapsuleEvent, AWaitLeavesNothingBehindAlsoWhenMemoryRunsOut) {
+  CapsuleEvent alone("left behind", CapsuleEvent::AutoReset);
+  const auto allocations = [&] {
+    t_nAllocations = 0;
+    EXPECT_EQ(alone.waitAll(0, CapsuleEvent::ReturnIndex), kTimeout);
+    return t_nAllocations;
+  };
+  allocations();
+  const int usual = allocations();
+  for (int failing = 0; failing < 40; ++failing) {
+    CapsuleEvent same("left behind", CapsuleEvent::AutoReset);
+    CapsuleEvent linked("linked", CapsuleEvent::AutoReset);
+    same << linked;
+    t_nAllocations = 0;
+    t_nFailing = failing;
+    EXPECT_EQ(same.waitAll(0, CapsuleEvent::ReturnIndex), kTimeout);
+    EXPECT_EQ(same.isValid(), t_nAllocations > failing ? 0 : 1);
+    t_nFailing = -1;
+    ASSERT_EQ(allocations(), usual) << failing;
+  }
+  alone.setEvent();
+  EXPECT_EQ(alone.waitAll(kForever, CapsuleEvent::ReturnIndex), 0U);
 }
 
 TEST(CapsuleEvent, CopiesAssignmentsAndDefaults) {
@@ -126,6 +193,54 @@ TEST(CapsuleThread, StoppingIsARequestAndCopiesShareTheThread) {
   EXPECT_EQ(copy->isThreadStopped(kForever), 0U);
   copy.reset();
   EXPECT_EQ(counter.isThreadStopped(0), kTimeout);
+}
+
+TEST(CapsuleThread, EventsThatAHostNamesByNumbersAreNotItsStopEvent) {
+  std::vector<std::unique_ptr<CapsuleEvent>> events;
+  for (int i = 0; i < 2000; ++i) {
+    events.push_back(
+        std::make_unique<CapsuleEvent>(std::to_string(i).c_str(), CapsuleEvent::ManualReset));
+    events.back()->setEvent();
+  }
+  Counter counter;
+  counter.spin = true;
+  const ThreadHandle handle = counter.startThread();
+  EXPECT_EQ(counter.isThreadStopped(0), kTimeout);
+  CapsuleEvent stopped(std::to_string(handle).c_str(), CapsuleEvent::AutoReset);
+  counter.setThreadStopping();
+  EXPECT_EQ(stopped.waitAll(kForever, CapsuleEvent::ReturnIndex), 0U) << "named by its number";
+}
+
+// Whoever holds the start lock, and however its holder ends, a wait for the thread ends in time.
+TEST(CapsuleThread, TheStartLockHoldsUpNobodyWhoWaitsForTheEnd) {
+  class Holder : public CapsuleThread {
+   public:
+    bool ends = false;  // by itself, without the stop event
+    CapsuleEvent held{"held", CapsuleEvent::AutoReset};
+    CapsuleEvent asked{"asked", CapsuleEvent::AutoReset};
+    uint32_t wasAsked = kTimeout;
+
+   protected:
+    void threadBody() override {
+      startProtect();
+      startProtect();
+      const bool endsHere = ends;
+      held.setEvent();
+      wasAsked = asked.waitAll(20000, CapsuleEvent::ReturnIndex);
+      if (endsHere) doneThread(0);
+    }
+  } holder;
+  for (int i = 0; i < 4; ++i) {
+    holder.ends = i % 2 == 0;
+    while (holder.startThread() == 0) std::this_thread::yield();
+    holder.held.waitAll(kForever, CapsuleEvent::ReturnIndex);
+    EXPECT_EQ(holder.isThreadStopped(0), kTimeout);
+    EXPECT_EQ(holder.isThreadStopped(1), kTimeout);
+    holder.asked.setEvent();
+    if (holder.ends) continue;
+    EXPECT_EQ(holder.isThreadStopped(kForever), 0U);
+    EXPECT_EQ(holder.wasAsked, 0U);
+  }
 }
 
 // What may be called from any thread is, from the body and from another thread, while the object

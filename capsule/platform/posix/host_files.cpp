@@ -34,6 +34,8 @@ std::optional<FileStatus> StatusWith(const std::string& path, int flags) {
   status.kind = KindOf(found.stx_mode);
   status.identity = {makedev(found.stx_dev_major, found.stx_dev_minor), found.stx_ino};
   status.writable = (found.stx_mode & (S_IWUSR | S_IWGRP | S_IWOTH)) != 0;
+  status.mode = found.stx_mode & 07777;
+  status.links = found.stx_nlink;
   status.size = status.kind == FileKind::Regular ? found.stx_size : 0;
   status.modification = ToInstant(found.stx_mtime);
   status.access = ToInstant(found.stx_atime);
