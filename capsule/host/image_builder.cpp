@@ -155,7 +155,7 @@ void ImageBuilder::AddDirectory(const fs::path& directory) {
     return IsExcluded(m_pImpl->options.excludes, name, relative);
   });
   m_pImpl->isBroken = true;
-  m_pImpl->draft.BeginPartition(directory.string());
+  m_pImpl->draft.BeginPartition();
   ++m_pImpl->partitions;
   for (SourceItem item; walk.Next(&item);) {
     if (m_pImpl->isCancelled) throw Error(m_pImpl->name, "cancelled");

@@ -33,11 +33,12 @@ class ImageDraft {
   // No time is written that is later than this many seconds after 1970.
   void CapTimes(int64_t unixSeconds);
 
-  // What is inserted from now on lies below `directory` and goes to the next partition.
-  void BeginPartition(const std::string& directory);
+  // What is inserted from now on goes to the next partition.
+  void BeginPartition();
 
-  // Adds a file or a folder. None when it is in the image, else why it was left out: the image is
-  // as it was. Throws when the image cannot take it.
+  // Adds a file or a folder as the walk has opened it. None when it is in the image, else why it
+  // was left out: the image is as it was. Throws when the image cannot take it, or when memory or
+  // descriptors run out.
   std::optional<std::string> Insert(const SourceItem& item);
 
   // Whether this is the draft itself or the file in whose place it is to come.
@@ -47,6 +48,7 @@ class ImageDraft {
   uint64_t Complete();
 
  private:
+  int InsertOpened(const SourceItem& item);
   [[noreturn]] void Fail(const std::string& reason) const;
   void ThrowIfFull(int error, uint64_t size);
   void CloseImage();

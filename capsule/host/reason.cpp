@@ -1,5 +1,6 @@
 #include "capsule/host/reason.h"
 
+#include <cerrno>
 #include <cstdio>
 #include <system_error>
 
@@ -11,6 +12,8 @@ std::string SystemReason(int error) {
   if (isWord && text[0] >= 'A' && text[0] <= 'Z') text[0] = static_cast<char>(text[0] + 32);
   return text;
 }
+
+bool IsShortage(int error) { return error == ENOMEM || error == EMFILE || error == ENFILE; }
 
 std::string Hex(uint64_t value) {
   char text[24];

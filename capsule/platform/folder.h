@@ -1,4 +1,4 @@
-// Folders by descriptor, for writing below one of them without ever leaving it: every name is a
+// Folders by descriptor, for working below one of them without ever leaving it: every name is a
 // single component of a folder that is open already, and no link is followed. Failures give false,
 // -1 or nothing, and leave the reason in errno.
 #pragma once
@@ -13,8 +13,15 @@ namespace capsule::platform {
 // Opens the folder at `path`, a path of the system. A link as its last component is refused.
 int OpenFolder(const char* path);
 
+// The same, but a link as the last component is followed.
+int OpenFolderBehind(const char* path);
+
 // Opens the folder `name` of `folder`, or with ".." the one above it.
 int OpenFolderIn(int folder, const char* name);
+
+// Opens what is no folder for reading, without waiting for it. The caller sees to it that it is a
+// file before it reads.
+int OpenFileIn(int folder, const char* name);
 
 bool MakeFolderIn(int folder, const char* name);
 

@@ -121,6 +121,38 @@ TEST(ImageBuilderFailure, ItemsThatVanishAreNamedAndLeftOut) {
   EXPECT_EQ(test::ScannedTree(place.image), test::FolderTree(place.source));
 }
 
+// Whatever a path leads to by and by, what was below the folder goes in, or is named.
+TEST(ImageBuilderFailure, NothingFromOutsideGoesIn) {
+  const Place place;
+  const std::string outside = place.folder / "outside";
+  std::string deep = "deep";
+  for (int i = 0; i < 40; ++i) deep += "/d";
+  for (const std::string& folder : {place.source + "/m/sub", place.source + "/" + deep, outside}) {
+    fs::create_directories(folder);
+  }
+  for (const char* name : {"m/f", "m/sub/g", "z"}) place.Put(name, "inside");
+  for (std::string at = deep; at != "deep"; at = fs::path(at).parent_path()) place.Put(at + "/z");
+  test::Tree expected = test::FolderTree(place.source);
+  test::WriteFile(outside + "/f", "secret");
+  test::WriteFile(outside + "/z", "secret");
+  const fs::path moved = fs::path(place.source + "/" + deep).parent_path().parent_path();
+  const auto onProgress = [&](const BuildProgress& at) {
+    if (at.path == "0:/" + deep) fs::rename(moved, outside + "/deep");
+    if (at.path != "0:/m") return;
+    fs::rename(place.source + "/m", outside + "/m");
+    fs::create_symlink(outside, place.source + "/m");
+  };
+  const BuildReport report = place.Build({.level = 0, .onProgress = onProgress});
+  // The way back leads elsewhere up to the folders that are kept open.
+  for (const BuildProblem& problem : report.problems) {
+    EXPECT_EQ(problem.reason, "changed while it was read");
+    expected.erase("0:" + problem.path.substr(place.source.size() + 1));
+  }
+  EXPECT_GE(report.problems.size(), 5u);
+  EXPECT_LE(report.problems.size(), 8u);
+  EXPECT_EQ(test::ScannedTree(place.image), expected);
+}
+
 // Everything behind an item that failed lies where it would have without it.
 TEST(ImageBuilderFailure, FilesThatGrowAreNamedAndLeftOut) {
   const Place place;
