@@ -1,4 +1,5 @@
 #include <memory>
+#include <new>
 
 #include "capsule/host/image_builder.h"
 #include "cli/command.h"
@@ -28,18 +29,34 @@ std::string Describe(const std::string& image, const host::BuildReport& report) 
   return text;
 }
 
+void Tell(const std::vector<host::BuildProblem>& problems, Talk& talk) {
+  for (const host::BuildProblem& problem : problems) talk.Complain(problem.path, problem.reason);
+}
+
+host::BuildReport Build(const CreateArguments& arguments, host::ImageBuilder& builder, Talk& talk) {
+  try {
+    for (const std::string& directory : arguments.directories) builder.AddDirectory(directory);
+    return builder.Finish();
+  } catch (...) {
+    Tell(builder.Problems(), talk);
+    throw;
+  }
+}
+
 int Create(CreateArguments& arguments, Talk& talk) {
   arguments.options.onProgress = [&talk](const host::BuildProgress& progress) {
     talk.Progress(progress.files, progress.sourceBytes, progress.path);
   };
   host::ImageBuilder builder(arguments.image, arguments.options);
-  for (const std::string& directory : arguments.directories) builder.AddDirectory(directory);
-  const host::BuildReport report = builder.Finish();
-  for (const host::BuildProblem& problem : report.problems) {
-    talk.Complain(problem.path, problem.reason);
+  const host::BuildReport report = Build(arguments, builder, talk);
+  try {
+    Tell(report.problems, talk);
+    Tell(report.unfinished, talk);
+    talk.Summarize(Describe(arguments.image, report));
+    return report.problems.empty() ? kDone : kProblems;
+  } catch (const std::bad_alloc&) {
+    return kProblems;  // the image is in its place
   }
-  talk.Summarize(Describe(arguments.image, report));
-  return report.problems.empty() ? kDone : kProblems;
 }
 
 // One flag a level. The flags between those that are described stay out of the help.

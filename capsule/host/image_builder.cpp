@@ -5,6 +5,7 @@
 #include <cerrno>
 #include <charconv>
 #include <cstdlib>
+#include <new>
 #include <optional>
 #include <string_view>
 #include <system_error>
@@ -92,6 +93,7 @@ struct ImageBuilder::Impl {
 
   void Take(SourceWalk* walk, const SourceItem& item);
   void Insert(SourceWalk* walk, const SourceItem& item);
+  void Complete();
   void ThrowIfUnusable() const;
 
   std::string name;
@@ -112,7 +114,13 @@ void ImageBuilder::Impl::Take(SourceWalk* walk, const SourceItem& item) {
     case SourceItem::Kind::Excluded:
       ++report.excluded;
       break;
+    case SourceItem::Kind::Unfinished:
+      if (!draft.IsOwnFile(item.status.identity)) {
+        report.unfinished.push_back({item.path, "never completed, left out"});
+      }
+      break;
     case SourceItem::Kind::Unreadable:
+      if (draft.IsOwnFile(item.status.identity)) break;
       report.problems.push_back({item.path, item.reason});
       break;
     default:
@@ -132,6 +140,21 @@ void ImageBuilder::Impl::Insert(SourceWalk* walk, const SourceItem& item) {
   if (!options.onProgress) return;
   options.onProgress({std::to_string(partitions - 1) + ":/" + item.relative, report.files,
                       report.directories, report.sourceBytes});
+}
+
+// Nothing may throw once the image is in its place.
+void ImageBuilder::Impl::Complete() {
+  report.problems.reserve(report.problems.size() + 1);
+  BuildProblem doubt{name, "is complete, but sync of its folder failed"};
+  int syncProblem = 0;
+  report.imageBytes = draft.Complete(&syncProblem);
+  if (syncProblem == 0) return;
+  try {
+    doubt.reason += ": " + SystemReason(syncProblem);
+  } catch (const std::bad_alloc&) {
+    // It is said without the reason then.
+  }
+  report.problems.push_back(std::move(doubt));
 }
 
 void ImageBuilder::Impl::ThrowIfUnusable() const {
@@ -168,11 +191,13 @@ BuildReport ImageBuilder::Finish() {
   m_pImpl->ThrowIfUnusable();
   if (m_pImpl->partitions == 0) throw Error(m_pImpl->name, "no folder was added");
   m_pImpl->isBroken = true;
-  m_pImpl->report.imageBytes = m_pImpl->draft.Complete();
+  m_pImpl->Complete();
   m_pImpl->isBroken = false;
   m_pImpl->isFinished = true;
   return std::move(m_pImpl->report);
 }
+
+const std::vector<BuildProblem>& ImageBuilder::Problems() const { return m_pImpl->report.problems; }
 
 void ImageBuilder::Cancel() { m_pImpl->isCancelled = true; }
 

@@ -8,7 +8,9 @@
 // its index, synced and renamed: an existing file stays as it was until then. The same folders give
 // the same bytes wherever they lie. Links and special files are skipped and counted. What cannot
 // be read, changes meanwhile, or has a name the format cannot hold is left out (a folder with all
-// below it) and listed in the report.
+// below it) and listed in the report. Running out of memory or descriptors ends the build. Items
+// are opened from their folders without following links, and are what they were when they were
+// opened.
 //
 // One thread uses a builder; Cancel may be called from any thread. Failures throw host::Error.
 #pragma once
@@ -56,6 +58,8 @@ struct BuildReport {
   uint64_t excluded = 0;
   uint64_t imageBytes = 0;
   std::vector<BuildProblem> problems;
+  std::vector<BuildProblem>
+      unfinished;  // files of this library that were never completed, left out
 };
 
 class CAPSULE_API ImageBuilder {
@@ -72,8 +76,12 @@ class CAPSULE_API ImageBuilder {
   // or is the eleventh.
   void AddDirectory(const std::filesystem::path& directory);
 
-  // Completes the image and puts it under its name.
+  // Completes the image and puts it under its name. When it throws, the old image is as it was.
+  // That the image may not be on disk under its name, though it has it, is a problem in the report.
   BuildReport Finish();
+
+  // What is to be told of the folders so far, for when a later step fails. Empty after Finish.
+  const std::vector<BuildProblem>& Problems() const;
 
   // Makes AddDirectory or Finish throw soon.
   void Cancel();

@@ -122,7 +122,7 @@ std::optional<std::string> ImageDraft::Insert(const SourceItem& item) {
   m_State.previousInsertDir = previousDir;
   m_State.dirLevelsToClose = levelsToClose;
   ThrowIfCancelled();
-  if (IsShortage(error)) throw Error(item.path, SystemReason(error));
+  ThrowIfShort(item.path, "cannot be inserted", error);
   if (IsWriteFailure(error)) Fail("write: " + SystemReason(error));
   std::string problem = SourceProblem(item);
   if (!problem.empty()) return problem;
@@ -157,7 +157,7 @@ bool ImageDraft::IsOwnFile(const platform::FileIdentity& identity) const {
   return identity == m_Own || identity == m_Old;
 }
 
-uint64_t ImageDraft::Complete() {
+uint64_t ImageDraft::Complete(int* syncProblem) {
   {
     const ScopedLibraryState scope(m_State);
     errno = 0;
@@ -168,7 +168,7 @@ uint64_t ImageDraft::Complete() {
   index.SetCancelFlag(m_State.cancel);
   index.SetKnownRestarts(&m_Restarts);
   const IndexReport report = index.Write();
-  if (const char* step = m_Temporary.Publish())
+  if (const char* step = m_Temporary.Publish(syncProblem))
     Fail(std::string(step) + ": " + SystemReason(errno));
   return report.imageBytes;
 }

@@ -44,8 +44,9 @@ class ImageDraft {
   // Whether this is the draft itself or the file in whose place it is to come.
   bool IsOwnFile(const platform::FileIdentity& identity) const;
 
-  // Completes the image and puts it in the place of the target. Its size in bytes.
-  uint64_t Complete();
+  // Completes the image and puts it in the place of the target. Its size in bytes. `*syncProblem`
+  // is 0, or the errno that leaves open whether the image is on disk under its name.
+  uint64_t Complete(int* syncProblem);
 
  private:
   int InsertOpened(const SourceItem& item);

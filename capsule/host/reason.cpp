@@ -4,6 +4,8 @@
 #include <cstdio>
 #include <system_error>
 
+#include "capsule/host/error.h"
+
 namespace capsule::host {
 
 std::string SystemReason(int error) {
@@ -14,6 +16,10 @@ std::string SystemReason(int error) {
 }
 
 bool IsShortage(int error) { return error == ENOMEM || error == EMFILE || error == ENFILE; }
+
+void ThrowIfShort(const std::string& path, const std::string& what, int error) {
+  if (IsShortage(error)) throw ShortageError(path, what + ": " + SystemReason(error));
+}
 
 std::string Hex(uint64_t value) {
   char text[24];

@@ -9,6 +9,7 @@
 #include "capsule/platform/ascii.h"
 #include "capsule/platform/folder.h"
 #include "capsule/platform/short_names.h"
+#include "capsule/platform/unfinished_file.h"
 
 namespace capsule::host {
 namespace {
@@ -41,10 +42,21 @@ void MarkUnreadable(SourceItem* item, std::string reason) {
 
 // `error` is what a call said about the item.
 void MarkFailed(SourceItem* item, int error) {
-  if (IsShortage(error)) throw Error(item->path, SystemReason(error));
+  ThrowIfShort(item->path, "cannot be read", error);
   // A link, or something else, in the place of what was looked at.
   const bool isOther = error == ELOOP || error == ENOTDIR || error == EISDIR;
   MarkUnreadable(item, isOther ? kChanged : SystemReason(error));
+}
+
+// Files that come and go decide no alias of others.
+std::vector<std::string> WithoutUnfinished(const ScopedDescriptor& folder,
+                                           std::vector<std::string> names) {
+  std::erase_if(names, [&](const std::string& name) {
+    if (!platform::IsUnfinishedName(name)) return false;
+    const auto status = platform::StatusIn(folder.Get(), name);
+    return status && status->kind == platform::FileKind::Regular;
+  });
+  return names;
 }
 
 bool IsSame(const platform::FileStatus& a, const platform::FileStatus& b) {
@@ -98,6 +110,10 @@ void SourceWalk::Examine(const std::string& name, SourceItem* item) {
   item->status = *status;
   item->kind = KindOf(status->kind);
   if (item->kind == SourceItem::Kind::Special) return;
+  if (item->kind == SourceItem::Kind::File && platform::IsUnfinishedName(name)) {
+    item->kind = SourceItem::Kind::Unfinished;
+    return;
+  }
   if (const char* problem = NameProblem(name)) return MarkUnreadable(item, problem);
   const auto alias = frame.aliases.find(name);
   if (alias == frame.aliases.end()) return MarkUnreadable(item, "has no 8.3 name left to it");
@@ -134,7 +150,8 @@ void SourceWalk::CloseAbove() {
 bool SourceWalk::Push(ScopedDescriptor folder, const platform::FileStatus& status) {
   auto names = platform::ListDirectory(folder.Get());
   if (!names) return false;
-  auto aliases = platform::MakeAliases(*names, platform::AliasPolicy::Exact);
+  auto aliases =
+      platform::MakeAliases(WithoutUnfinished(folder, *names), platform::AliasPolicy::Exact);
   SortForTaking(&*names);
   m_Frames.push_back(
       {std::move(folder), status, std::move(*names), std::move(aliases), m_strRelative.size()});
@@ -147,7 +164,7 @@ void SourceWalk::Leave() {
   m_strRelative.resize(left.pathLength);
   if (m_Frames.empty() || m_Frames.back().folder) return;
   ScopedDescriptor above(platform::OpenFolderIn(left.folder.Get(), ".."));
-  if (!above && IsShortage(errno)) throw Error(m_strRoot, SystemReason(errno));
+  if (!above) ThrowIfShort(m_strRoot, "cannot be read", errno);
   if (IsAbove(above, m_Frames.back())) m_Frames.back().folder = std::move(above);
 }
 

@@ -29,6 +29,7 @@ struct SourceItem {
     Folder,
     Special,     // a link, a device and the like
     Excluded,    // by the filter
+    Unfinished,  // of this library: an image or file in the making, or left by a killed run
     Unreadable,  // or of a name an image cannot hold: `reason` says it
   };
 

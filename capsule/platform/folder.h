@@ -4,9 +4,6 @@
 #pragma once
 
 #include <cstdint>
-#include <string>
-
-#include "capsule/platform/file.h"
 
 namespace capsule::platform {
 
@@ -32,14 +29,9 @@ bool MakeReadOnly(int folder);
 enum class Presence { Nothing, Folder, File, Other, Unknown };
 Presence LookIn(int folder, const char* name);
 
-// A new file under a name nobody else uses, for writing. The name goes to `*name`.
-int CreateTemporaryIn(int folder, bool readOnly, std::string* name);
-
 // Gives the file `temporary` its final name, whole in one step: over what stands there unless
 // `keepExisting`, in which case an existing name gives false with EEXIST. Never over a folder.
 bool PublishIn(int folder, const char* temporary, const char* name, bool keepExisting);
-
-bool RemoveIn(int folder, const char* name);
 
 // Access and modification time of an open file or folder, seconds after 1970.
 bool SetTimes(int descriptor, int64_t seconds);

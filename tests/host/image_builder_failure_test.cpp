@@ -246,7 +246,17 @@ TEST(ImageBuilderFailure, AKilledBuildLeavesTheOldImageAndIsCleanedUp) {
   ASSERT_EQ(Names(place.target).size(), 2u);
   EXPECT_TRUE(Names(place.target)[0].starts_with(".x.cap.capsule-tmp-"));
 
-  ImageBuilder live(place.image);
+  {
+    ImageBuilder of(place.folder / "of.cap");
+    of.AddDirectory(place.target);
+    const BuildReport report = of.Finish();
+    EXPECT_EQ(report.files, 1u) << "the image, not what is left of the build";
+    ASSERT_EQ(report.unfinished.size(), 1u);
+    EXPECT_EQ(report.unfinished[0].path, place.target + "/" + Names(place.target)[0]);
+  }
+  test::WriteFile(place.target + "/.x.cap.capsule-tmp-and.more", "somebody else's");
+  ImageBuilder live(place.folder / "target/another.cap");
+  EXPECT_TRUE(fs::remove(place.target + "/.x.cap.capsule-tmp-and.more"));
   ASSERT_EQ(Names(place.target).size(), 2u) << "the dead one is gone, the live one there";
   const std::string other = Names(place.target)[0];
   {
@@ -256,7 +266,7 @@ TEST(ImageBuilderFailure, AKilledBuildLeavesTheOldImageAndIsCleanedUp) {
   EXPECT_EQ(Names(place.target)[0], other);
   live.AddDirectory(place.source);
   live.Finish();
-  EXPECT_EQ(Names(place.target), std::vector<std::string>{"x.cap"});
+  EXPECT_EQ(Names(place.target), (std::vector<std::string>{"another.cap", "x.cap"}));
 }
 
 }  // namespace

@@ -4,7 +4,6 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include <atomic>
 #include <cerrno>
 #include <cstdio>
 
@@ -15,7 +14,6 @@ namespace {
 
 constexpr int kFolderFlags = O_RDONLY | O_DIRECTORY;
 constexpr mode_t kWriteBits = 0222;
-constexpr int kNameAttempts = 100;
 
 // Where the file system cannot rename without replacing, a second name is as good.
 bool LinkToName(int folder, const char* temporary, const char* name) {
@@ -54,27 +52,12 @@ Presence LookIn(int folder, const char* name) {
   return S_ISREG(status.st_mode) ? Presence::File : Presence::Other;
 }
 
-int CreateTemporaryIn(int folder, bool readOnly, std::string* name) {
-  static std::atomic<unsigned> counter{0};
-  const mode_t mode = readOnly ? 0444 : 0666;
-  for (int attempt = 0; attempt < kNameAttempts; ++attempt) {
-    char text[64];
-    std::snprintf(text, sizeof text, ".capsule-%ld-%u.tmp", static_cast<long>(getpid()), counter++);
-    *name = text;
-    const int file = OpenDescriptorIn(folder, text, O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW, mode);
-    if (file >= 0 || errno != EEXIST) return file;
-  }
-  return -1;
-}
-
 bool PublishIn(int folder, const char* temporary, const char* name, bool keepExisting) {
   if (!keepExisting) return renameat(folder, temporary, folder, name) == 0;
   if (renameat2(folder, temporary, folder, name, RENAME_NOREPLACE) == 0) return true;
   if (errno != EINVAL && errno != ENOSYS) return false;
   return LinkToName(folder, temporary, name);
 }
-
-bool RemoveIn(int folder, const char* name) { return unlinkat(folder, name, 0) == 0; }
 
 bool SetTimes(int descriptor, int64_t seconds) {
   const timespec both[2] = {{static_cast<time_t>(seconds), 0}, {static_cast<time_t>(seconds), 0}};
