@@ -187,9 +187,22 @@ TEST(ImageBuilderFailure, UnreadableItemsAreNamedAndLeftOut) {
   ::chmod((place.source + "/closed").c_str(), 0);
   ::chmod((place.source + "/secret").c_str(), 0);
   const uid_t user = ::geteuid();
-  ASSERT_TRUE(user != 0 || ::seteuid(65534) == 0);
-  const BuildReport report = place.Build();
-  ASSERT_TRUE(user != 0 || ::seteuid(0) == 0);
+  std::string refusal;
+  BuildReport report;
+  const auto build = [&] {
+    ASSERT_TRUE(user != 0 || ::seteuid(65534) == 0);
+    const std::string error = test::ErrorOf([&] { report = place.Build(); });
+    ASSERT_TRUE(user != 0 || ::seteuid(0) == 0);
+    EXPECT_EQ(error, refusal);
+  };
+  build();
+  // A folder that cannot be opened cannot be synced either.
+  const std::string image = test::ReadFile(place.image);
+  fs::permissions(place.target, fs::perms(0333));
+  refusal = place.image + ": cannot be created: permission denied";
+  build();
+  fs::permissions(place.target, fs::perms(0777));
+  EXPECT_EQ(test::ReadFile(place.image), image);
   EXPECT_EQ(test::ScannedTree(place.image),
             (test::Tree{{"0:open", "<dir>"}, {"0:open/2", "open/2"}, {"0:t", "t"}}));
   ASSERT_EQ(report.problems.size(), 2u);

@@ -66,13 +66,15 @@ bool HasArrived(int descriptor) {
 }
 
 void RemoveIfLeftOver(int folder, const std::string& name) {
+  const auto seen = StatusIn(folder, name);
+  if (!seen || seen->kind != FileKind::Regular) return;
   int descriptor = OpenDescriptorIn(folder, name.c_str(), O_RDWR | O_NOFOLLOW, 0);
   if (descriptor < 0) descriptor = OpenDescriptorIn(folder, name.c_str(), O_RDONLY | O_NOFOLLOW, 0);
   if (descriptor < 0) return;
-  const auto open = StatusOf(descriptor);
-  if (open && open->kind == FileKind::Regular && Lock(descriptor)) {
+  if (Lock(descriptor)) {
+    const auto open = StatusOf(descriptor);
     const auto named = StatusIn(folder, name);
-    if (named && named->identity == open->identity) ::unlinkat(folder, name.c_str(), 0);
+    if (open && named && named->identity == open->identity) ::unlinkat(folder, name.c_str(), 0);
   }
   ::close(descriptor);
 }
