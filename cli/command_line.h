@@ -61,7 +61,8 @@ class CommandLine {
   // Declares a command, which `run` does; it returns the exit code.
   Arguments Add(const char* name, const char* meaning, std::function<int(Talk&)> run);
 
-  // What was chosen, which may be to print the help or the version. Throws std::runtime_error, its text made for people, when the words are wrong.
+  // What was chosen, which may be to print the help or the version. Throws std::runtime_error, its
+  // text made for people, when the words are wrong.
   std::function<int(Talk&)> Parse(int count, char** words);
 
  private:

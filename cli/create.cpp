@@ -1,4 +1,5 @@
 #include <memory>
+#include <new>
 
 #include "capsule/host/image_builder.h"
 #include "cli/command.h"
@@ -48,21 +49,37 @@ std::string DescribeLosses(const host::BuildReport& report) {
   return text;
 }
 
+void Tell(const std::vector<host::BuildProblem>& problems, Talk& talk) {
+  for (const host::BuildProblem& problem : problems) talk.Complain(problem.path, problem.reason);
+}
+
+host::BuildReport Build(const CreateArguments& arguments, host::ImageBuilder& builder, Talk& talk) {
+  try {
+    builder.AddDirectories({arguments.directories.begin(), arguments.directories.end()});
+    return builder.Finish();
+  } catch (...) {
+    Tell(builder.Problems(), talk);
+    throw;
+  }
+}
+
 int Create(CreateArguments& arguments, Talk& talk) {
   arguments.options.onProgress = [&talk](const host::BuildProgress& progress) {
     talk.Progress(progress.files, progress.sourceBytes, progress.path);
   };
   host::ImageBuilder builder(arguments.image, arguments.options);
-  builder.AddDirectories({arguments.directories.begin(), arguments.directories.end()});
-  const host::BuildReport report = builder.Finish();
-  for (const host::BuildProblem& problem : report.problems) {
-    talk.Complain(problem.path, problem.reason);
+  const host::BuildReport report = Build(arguments, builder, talk);
+  try {
+    Tell(report.problems, talk);
+    Tell(report.unfinished, talk);
+    Tell(report.oldImages, talk);
+    talk.Summarize(Describe(arguments.image, report));
+    const std::string losses = DescribeLosses(report);
+    if (!losses.empty()) talk.Summarize(arguments.image + ": not stored: " + losses);
+    return report.problems.empty() ? kDone : kProblems;
+  } catch (const std::bad_alloc&) {
+    return kProblems;  // the image is in its place
   }
-  for (const host::BuildProblem& name : report.oldImages) talk.Complain(name.path, name.reason);
-  talk.Summarize(Describe(arguments.image, report));
-  const std::string losses = DescribeLosses(report);
-  if (!losses.empty()) talk.Summarize(arguments.image + ": not stored: " + losses);
-  return report.problems.empty() ? kDone : kProblems;
 }
 
 // One flag a level. The flags between those that are described stay out of the help.

@@ -23,8 +23,19 @@ std::string WithoutControls(const std::string& json) {
 
 }  // namespace
 
+// The members as text: a tree of values would allocate when it goes, and end the program when it
+// cannot.
 struct JsonObject::Members {
-  nlohmann::ordered_json json = nlohmann::ordered_json::object();
+  template <typename Value>
+  void Add(const char* key, const Value& value) {
+    AddText(key, nlohmann::json(value).dump());
+  }
+
+  void AddText(const char* key, const std::string& json) {
+    text += (text.empty() ? "" : ",") + nlohmann::json(key).dump() + ":" + json;
+  }
+
+  std::string text;
 };
 
 JsonObject::JsonObject() : m_pMembers(std::make_unique<Members>()) {}
@@ -33,42 +44,45 @@ JsonObject::JsonObject(JsonObject&& other) noexcept = default;
 JsonObject& JsonObject::operator=(JsonObject&& other) noexcept = default;
 
 JsonObject& JsonObject::Text(const char* key, std::string_view text) {
-  m_pMembers->json[key] = ToUtf8(text);
+  m_pMembers->Add(key, ToUtf8(text));
   return *this;
 }
 
 JsonObject& JsonObject::Path(std::string_view path) {
   Text("path", path);
-  if (!IsUtf8(path)) m_pMembers->json["path_hex"] = ToHex(path);
+  if (!IsUtf8(path)) m_pMembers->Add("path_hex", ToHex(path));
   return *this;
 }
 
 JsonObject& JsonObject::Number(const char* key, uint64_t number) {
-  m_pMembers->json[key] = number;
+  m_pMembers->Add(key, number);
   return *this;
 }
 
 JsonObject& JsonObject::Fraction(const char* key, double number) {
-  m_pMembers->json[key] = number;
+  m_pMembers->Add(key, number);
   return *this;
 }
 
 JsonObject& JsonObject::Truth(const char* key, bool isTrue) {
-  m_pMembers->json[key] = isTrue;
+  m_pMembers->Add(key, isTrue);
   return *this;
 }
 
 JsonObject& JsonObject::Null(const char* key) {
-  m_pMembers->json[key] = nullptr;
+  m_pMembers->Add(key, nullptr);
   return *this;
 }
 
 JsonObject& JsonObject::List(const char* key, const std::vector<JsonObject>& objects) {
-  nlohmann::ordered_json& list = m_pMembers->json[key] = nlohmann::ordered_json::array();
-  for (const JsonObject& object : objects) list.push_back(object.m_pMembers->json);
+  std::string list;
+  for (const JsonObject& object : objects) {
+    list += (list.empty() ? "{" : ",{") + object.m_pMembers->text + "}";
+  }
+  m_pMembers->AddText(key, "[" + list + "]");
   return *this;
 }
 
-std::string JsonObject::Line() const { return WithoutControls(m_pMembers->json.dump()) + "\n"; }
+std::string JsonObject::Line() const { return WithoutControls("{" + m_pMembers->text + "}\n"); }
 
 }  // namespace capsule::cli

@@ -1,8 +1,10 @@
 // The `capsule` command: one command a file, on top of host/ and nothing below it.
-// Exit status: 0 done, 1 done with problems, 2 could not do it.
+// Exit status: 0 done, 1 done with problems, 2 could not do it; a signal ends it as usual.
+#include <cstdio>
 #include <exception>
 #include <new>
 
+#include "capsule/host/clean_ending.h"
 #include "cli/command.h"
 #include "cli/output.h"
 #include "cli/standard_streams.h"
@@ -21,8 +23,7 @@ void DeclareAll(CommandLine& line) {
   DeclareVerify(line);
 }
 
-int Run(int count, char** words) {
-  Talk talk;
+int RunCommand(int count, char** words, Talk& talk) {
   Output output;
   try {
     CommandLine line(talk.QuietFlag());
@@ -32,9 +33,20 @@ int Run(int count, char** words) {
     output.Flush();
     return result;
   } catch (const std::bad_alloc&) {
-    talk.Complain("out of memory");
+    throw;
   } catch (const std::exception& error) {
     talk.Complain(error.what());
+  }
+  return kFailed;
+}
+
+int Run(int count, char** words) {
+  Talk talk;
+  try {
+    return RunCommand(count, words, talk);
+  } catch (const std::bad_alloc&) {
+    // Said without taking any.
+    static_cast<void>(std::fputs("capsule: out of memory\n", stderr));
   }
   return kFailed;
 }
@@ -44,5 +56,6 @@ int Run(int count, char** words) {
 
 int main(int argc, char** argv) {
   capsule::cli::PrepareStandardStreams();
+  capsule::host::CleanUpOnSignals();
   return capsule::cli::Run(argc, argv);
 }

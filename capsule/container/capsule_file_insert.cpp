@@ -1,6 +1,7 @@
 // Inserting one item: which levels end before it, which partition it belongs to, how it is stored.
 #include <algorithm>
 #include <array>
+#include <cerrno>
 #include <cstdio>
 #include <new>
 #include <string_view>
@@ -84,9 +85,11 @@ int CapsuleFile::_AllOrNothing(Step step) {
   try {
     if (step() == 0) return 0;
   } catch (const std::bad_alloc&) {
-    // Reported like every other failure.
+    errno = ENOMEM;
   }
+  const int reason = errno;
   _RollBack(start);
+  errno = reason;
   return -1;
 }
 

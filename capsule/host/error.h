@@ -34,4 +34,10 @@ class CAPSULE_API Error : public std::runtime_error {
   std::optional<uint64_t> m_nOffset;
 };
 
+// Memory or descriptors ran out: what failed may be sound, and the rest would fail like it.
+class CAPSULE_API ShortageError : public Error {
+ public:
+  using Error::Error;
+};
+
 }  // namespace capsule::host

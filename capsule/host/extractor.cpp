@@ -16,6 +16,7 @@
 #include "capsule/host/reason.h"
 #include "capsule/host/scoped_descriptor.h"
 #include "capsule/platform/folder.h"
+#include "capsule/platform/unfinished_file.h"
 
 namespace capsule::host {
 namespace {
@@ -67,10 +68,12 @@ struct Extractor::Impl {
 
 void Extractor::Impl::OpenTarget() {
   current = ScopedDescriptor(platform::OpenFolder(target.c_str()));
-  if (current) return;
-  const bool isLink = errno == ELOOP || (errno == ENOTDIR && std::filesystem::is_symlink(target));
+  if (current) return platform::RemoveLeftOvers(current.Get());
+  const int reason = errno;
+  ThrowIfShort(target.string(), "cannot open", reason);
+  const bool isLink = reason == ELOOP || (reason == ENOTDIR && std::filesystem::is_symlink(target));
   throw Error(target.string(), isLink ? "is a link; name the folder it leads to, or end it with '/'"
-                                      : "cannot open: " + SystemReason(errno));
+                                      : "cannot open: " + SystemReason(reason));
 }
 
 platform::FileIdentity Extractor::Impl::IdentityOf(const ScopedDescriptor& folder) const {
@@ -92,18 +95,21 @@ void Extractor::Impl::Tell(const Entry& entry) {
 bool Extractor::Impl::OpenOrMake(const std::string& name, const Entry& folder, bool* isNew) {
   *isNew = platform::MakeFolderIn(current.Get(), name.c_str());
   if (!*isNew && errno != EEXIST) {
+    ThrowIfShort(folder.Path(), "cannot make the folder", errno);
     Problem(folder, "cannot make the folder: " + SystemReason(errno));
     return false;
   }
   ScopedDescriptor opened(platform::OpenFolderIn(current.Get(), name.c_str()));
   if (!opened) {
     const int reason = errno;
+    ThrowIfShort(folder.Path(), "cannot enter the folder", reason);
     Problem(folder, platform::LookIn(current.Get(), name.c_str()) == platform::Presence::Folder
                         ? "cannot enter the folder: " + SystemReason(reason)
                         : "something that is not a folder is in the way");
     return false;
   }
   current = std::move(opened);
+  if (!*isNew) platform::RemoveLeftOvers(current.Get());
   return true;
 }
 
@@ -141,6 +147,8 @@ void Extractor::Impl::ExtractFile(const Entry& file) {
     if (done.isDamaged) ++report.damagedFiles;
     ++report.files;
     Tell(file);
+  } catch (const ShortageError&) {
+    throw;
   } catch (const Error& error) {
     // The reader names the entry, and so does the report.
     Problem(file, WithoutPath(error.Reason(), file.Path()));

@@ -9,7 +9,8 @@
 // be a link (a path that ends in '/' is the folder behind the link). No link found on the way is
 // followed, whatever it leads to.
 //
-// A file is written under a temporary name (.capsule-*.tmp) and gets its own when it is complete.
+// A file is written under a temporary name (.capsule-tmp-*) and gets its own when it is complete.
+// What a killed run left under such a name in a folder that is entered is removed.
 // What exists stays: a file is replaced, in one step, only with `force`; folders are entered, and
 // keep their times unless `force`. Files get the stored modification time, and no permission to
 // write when they are read-only.
@@ -76,7 +77,8 @@ class CAPSULE_API Extractor {
   // Chooses an entry, with all below it. Without any, Run extracts everything.
   void Add(const Entry& entry);
 
-  // Throws Error when the target folder is taken away or moved meanwhile.
+  // Throws Error when the target folder is taken away or moved meanwhile, and ShortageError when
+  // memory or descriptors run out: what is complete by then stays.
   ExtractReport Run();
 
  private:

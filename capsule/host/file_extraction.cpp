@@ -7,8 +7,9 @@
 
 #include "capsule/host/error.h"
 #include "capsule/host/reason.h"
-#include "capsule/host/scoped_descriptor.h"
+#include "capsule/platform/file.h"
 #include "capsule/platform/folder.h"
+#include "capsule/platform/unfinished_file.h"
 
 namespace capsule::host {
 namespace {
@@ -19,20 +20,12 @@ constexpr size_t kPiece = 128 * 1024;
 // A file that goes away again unless it is published.
 class TemporaryFile {
  public:
-  TemporaryFile(int folder, const Entry& entry)
-      : m_nFolder(folder),
-        m_Entry(entry),
-        m_File(platform::CreateTemporaryIn(folder, entry.IsReadOnly(), &m_strName)) {
-    if (!m_File) Fail("cannot create a file");
+  TemporaryFile(int folder, const Entry& entry) : m_Entry(entry) {
+    if (!m_File.Create(folder, "", entry.IsReadOnly() ? 0444 : 0666)) Fail("cannot create a file");
   }
-  ~TemporaryFile() {
-    if (!m_bPublished) platform::RemoveIn(m_nFolder, m_strName.c_str());
-  }
-  TemporaryFile(const TemporaryFile&) = delete;
-  TemporaryFile& operator=(const TemporaryFile&) = delete;
 
   void Append(std::span<const unsigned char> bytes) {
-    if (!platform::WriteAt(m_File.Get(), bytes.data(), bytes.size(),
+    if (!platform::WriteAt(m_File.Descriptor(), bytes.data(), bytes.size(),
                            static_cast<int64_t>(m_nSize))) {
       Fail("cannot write");
     }
@@ -42,32 +35,28 @@ class TemporaryFile {
   // Takes no room where the file system knows holes.
   void AppendZeros(uint64_t count) {
     m_nSize += count;
-    if (!platform::Truncate(m_File.Get(), static_cast<int64_t>(m_nSize))) Fail("cannot write");
+    if (!platform::Truncate(m_File.Descriptor(), static_cast<int64_t>(m_nSize)))
+      Fail("cannot write");
   }
 
   uint64_t Size() const { return m_nSize; }
 
   void Publish(bool force) {
     const auto time = m_Entry.ModifiedTime();
-    if (time && !platform::SetTimes(m_File.Get(), *time)) Fail("cannot set its time");
-    if (!m_File.Close()) Fail("cannot write");
-    const std::string& name = m_Entry.Name();
-    m_bPublished = platform::PublishIn(m_nFolder, m_strName.c_str(), name.c_str(), !force);
-    if (!m_bPublished) Fail("cannot give the file its name");
+    if (time && !platform::SetTimes(m_File.Descriptor(), *time)) Fail("cannot set its time");
+    if (!m_File.Publish(m_Entry.Name().c_str(), !force)) Fail("cannot finish the file");
   }
 
  private:
   [[noreturn]] void Fail(const std::string& what) const {
     if (errno == EEXIST) throw Error(m_Entry.Path(), kExists);
+    ThrowIfShort(m_Entry.Path(), what, errno);
     throw Error(m_Entry.Path(), what + ": " + SystemReason(errno));
   }
 
-  int m_nFolder;
   Entry m_Entry;
-  std::string m_strName;
-  ScopedDescriptor m_File;
+  platform::UnfinishedFile m_File;
   uint64_t m_nSize = 0;
-  bool m_bPublished = false;
 };
 
 // Spares the work where the outcome is known; Publish decides.

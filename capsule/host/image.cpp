@@ -141,6 +141,8 @@ Image::Image(const std::filesystem::path& path, Opening opening)
     if (!index.isChecked || HasNtfsPartition(header)) {
       CheckSections(impl.file.Get(), impl.path, index, *impl.catalog, header.indexOffset);
     }
+  } catch (const ShortageError&) {
+    throw;
   } catch (const Error& error) {
     if (opening == Opening::Strict) throw;
     scanReason = error.Reason();

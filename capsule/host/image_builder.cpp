@@ -6,6 +6,7 @@
 #include <charconv>
 #include <cstdlib>
 #include <limits>
+#include <new>
 #include <optional>
 #include <string_view>
 #include <system_error>
@@ -136,6 +137,7 @@ struct ImageBuilder::Impl {
   void Take(SourceWalk* walk, const SourceItem& item);
   void Insert(SourceWalk* walk, const SourceItem& item);
   void CountWhatIsNotKept(const SourceItem& item);
+  void Complete();
   void ThrowIfUnusable() const;
 
   std::string name;
@@ -157,7 +159,13 @@ void ImageBuilder::Impl::Take(SourceWalk* walk, const SourceItem& item) {
     case SourceItem::Kind::Excluded:
       ++report.excluded;
       break;
+    case SourceItem::Kind::Unfinished:
+      if (!draft.IsOwnFile(item.status.identity)) {
+        report.unfinished.push_back({item.path, "never completed, left out"});
+      }
+      break;
     case SourceItem::Kind::Unreadable:
+      if (draft.IsOwnFile(item.status.identity)) break;
       report.problems.push_back({item.path, item.reason});
       break;
     default:
@@ -190,6 +198,21 @@ void ImageBuilder::Impl::CountWhatIsNotKept(const SourceItem& item) {
   if (item.kind == SourceItem::Kind::File && item.status.links > 1) ++report.hardLinks;
 }
 
+// Nothing may throw once the image is in its place.
+void ImageBuilder::Impl::Complete() {
+  report.problems.reserve(report.problems.size() + 1);
+  BuildProblem doubt{name, "is complete, but sync of its folder failed"};
+  int syncProblem = 0;
+  report.imageBytes = draft.Complete(&syncProblem);
+  if (syncProblem == 0) return;
+  try {
+    doubt.reason += ": " + SystemReason(syncProblem);
+  } catch (const std::bad_alloc&) {
+    // It is said without the reason then.
+  }
+  report.problems.push_back(std::move(doubt));
+}
+
 void ImageBuilder::Impl::ThrowIfUnusable() const {
   if (isCancelled) throw Error(name, "cancelled");
   if (isBroken) throw Error(name, "the build has failed before");
@@ -211,7 +234,7 @@ void ImageBuilder::AddDirectory(const fs::path& directory) {
     return IsExcluded(m_pImpl->options.excludes, name, relative);
   });
   m_pImpl->isBroken = true;
-  m_pImpl->draft.BeginPartition(directory.string());
+  m_pImpl->draft.BeginPartition();
   ++m_pImpl->partitions;
   for (SourceItem item; walk.Next(&item);) {
     if (m_pImpl->isCancelled) throw Error(m_pImpl->name, "cancelled");
@@ -233,11 +256,13 @@ BuildReport ImageBuilder::Finish() {
   m_pImpl->ThrowIfUnusable();
   if (m_pImpl->partitions == 0) throw Error(m_pImpl->name, "no folder was added");
   m_pImpl->isBroken = true;
-  m_pImpl->report.imageBytes = m_pImpl->draft.Complete();
+  m_pImpl->Complete();
   m_pImpl->isBroken = false;
   m_pImpl->isFinished = true;
   return std::move(m_pImpl->report);
 }
+
+const std::vector<BuildProblem>& ImageBuilder::Problems() const { return m_pImpl->report.problems; }
 
 void ImageBuilder::Cancel() { m_pImpl->isCancelled = true; }
 

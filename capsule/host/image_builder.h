@@ -9,7 +9,9 @@
 // the same bytes wherever they lie. Links and special files are skipped and counted. What cannot
 // be read, changes meanwhile, or has a name the format cannot hold is left out (a folder with all
 // below it) and listed in the report. So is the file that the image replaces, under any name that
-// lies in a folder. What the format cannot keep of an item is counted.
+// lies in a folder. What the format cannot keep of an item is counted. Running out of memory or
+// descriptors ends the build. Items are opened from their folders without following links, and are
+// what they were when they were opened.
 //
 // One thread uses a builder; Cancel may be called from any thread. Failures throw host::Error.
 #pragma once
@@ -65,6 +67,8 @@ struct BuildReport {
 
   std::vector<BuildProblem> problems;
   std::vector<BuildProblem> oldImages;  // names of the file that the image replaces, left out
+  std::vector<BuildProblem>
+      unfinished;  // files of this library that were never completed, left out
 };
 
 class CAPSULE_API ImageBuilder {
@@ -85,8 +89,12 @@ class CAPSULE_API ImageBuilder {
   // AddDirectory for each. Throws before the first when there are more than an image holds.
   void AddDirectories(const std::vector<std::filesystem::path>& directories);
 
-  // Completes the image and puts it under its name.
+  // Completes the image and puts it under its name. When it throws, the old image is as it was.
+  // That the image may not be on disk under its name, though it has it, is a problem in the report.
   BuildReport Finish();
+
+  // What is to be told of the folders so far, for when a later step fails. Empty after Finish.
+  const std::vector<BuildProblem>& Problems() const;
 
   // Makes AddDirectory or Finish throw soon.
   void Cancel();

@@ -48,7 +48,9 @@ class ClassReader {
  public:
   ClassReader(int descriptor, const std::string& path) : m_Scope(m_State), m_Opened(path) {
     if (m_Opened.file.GetImageFileHandle() <= 0) {
-      throw Error(path, "cannot open: " + SystemReason(m_Opened.file.GetLastError()));
+      const int reason = m_Opened.file.GetLastError();
+      ThrowIfShort(path, "cannot open", reason);
+      throw Error(path, "cannot open: " + SystemReason(reason));
     }
     if (platform::Identify(descriptor) != platform::Identify(m_Opened.file.GetImageFileHandle())) {
       throw Error(path, "was replaced while it was opened");
@@ -60,15 +62,23 @@ class ClassReader {
 
  private:
   void Read(const std::string& path) {
-    int result = -1;
+    errno = 0;
     try {
-      result = m_Opened.file.ReadImage(0);
+      if (m_Opened.file.ReadImage(0) == 0) return;
     } catch (int) {
-      throw Error(path, "index cannot be read");
+      Fail(path, "index cannot be read", errno, "it is damaged");
     }
-    if (result == 0) return;
-    throw Error(path, "folders of partition " + std::to_string(Partitions().GetCount()) +
-                          " cannot be read: a record is damaged or missing");
+    const int reason = errno;
+    Fail(path,
+         "folders of partition " + std::to_string(Partitions().GetCount()) + " cannot be read",
+         reason, "a record is damaged or missing");
+  }
+
+  // The classes do not tell what they found damaged from what the system could not do.
+  [[noreturn]] static void Fail(const std::string& path, const std::string& what, int error,
+                                const std::string& damage) {
+    ThrowIfShort(path, what, error);
+    throw Error(path, what + ": " + (error != 0 ? SystemReason(error) : damage));
   }
 
   LibraryState m_State;

@@ -10,6 +10,7 @@
 #include "capsule/host/index_writer.h"
 #include "capsule/host/reason.h"
 #include "capsule/partition/record_format.h"
+#include "capsule/platform/opened_item.h"
 
 namespace capsule::host {
 namespace {
@@ -54,17 +55,12 @@ bool IsReadable(int descriptor, uint64_t size) {
 
 // What is wrong with the source of an item that could not be inserted; empty when nothing is.
 std::string SourceProblem(const SourceItem& item) {
-  const auto now = platform::StatusOfLink(item.path);
+  if (item.kind == SourceItem::Kind::Folder) return "";
+  const auto now = platform::StatusOf(item.file.Get());
   if (!now) return SystemReason(errno);
   if (!IsSame(*now, item.status)) return kChanged;
-  if (item.kind == SourceItem::Kind::Folder) return "";
-  const int descriptor = platform::OpenForReading(item.path.c_str());
-  if (descriptor < 0) return SystemReason(errno);
-  std::string problem;
-  if (!IsReadable(descriptor, item.status.size))
-    problem = errno != 0 ? SystemReason(errno) : kChanged;
-  platform::Close(descriptor);
-  return problem;
+  if (IsReadable(item.file.Get(), item.status.size)) return "";
+  return errno != 0 ? SystemReason(errno) : kChanged;
 }
 
 }  // namespace
@@ -80,7 +76,6 @@ ImageDraft::ImageDraft(std::string target, std::string name, int level, const st
   m_Own = platform::Identify(m_Temporary.Descriptor());
 
   m_State.cancel = cancel;
-  m_State.hostView.SetAliasPolicy(platform::AliasPolicy::Exact);
   m_State.hostView.SetTimePolicy(platform::TimePolicy::ModificationOnly);
   m_State.onChunk = [this](int64_t record, uint32_t fileOffset,
                            std::span<const unsigned char> before, bool isCompressed) {
@@ -103,9 +98,8 @@ ImageDraft::~ImageDraft() { CloseImage(); }
 
 void ImageDraft::CapTimes(int64_t unixSeconds) { m_State.hostView.CapTimes(unixSeconds); }
 
-void ImageDraft::BeginPartition(const std::string& directory) {
+void ImageDraft::BeginPartition() {
   ++m_nPartition;
-  m_State.hostView.SetRoot(static_cast<char>('0' + m_nPartition), directory);
   const ScopedLibraryState scope(m_State);
   errno = 0;
   if (m_Image.BeginPartition(m_nPartition) == 0) return;
@@ -117,23 +111,33 @@ std::optional<std::string> ImageDraft::Insert(const SourceItem& item) {
     return "file has " + std::to_string(item.status.size) + " bytes, " +
            std::to_string(kMaxFileSize) + " are possible";
   }
-  const std::string path = ItemPath(m_nPartition, item.relative);
   const ScopedLibraryState scope(m_State);
   const std::string previousDir = m_State.previousInsertDir;
   const int32_t levelsToClose = m_State.dirLevelsToClose;
   errno = 0;
-  if (m_Image.InsertFile(path.c_str(), m_nPartition) == 0) return std::nullopt;
+  if (InsertOpened(item) == 0) return std::nullopt;
   const int error = errno;
   m_Restarts.Forget(m_Image.GetWriteOffset());
   // What comes next lies where it would have without this item.
   m_State.previousInsertDir = previousDir;
   m_State.dirLevelsToClose = levelsToClose;
   ThrowIfCancelled();
+  ThrowIfShort(item.path, "cannot be inserted", error);
   if (IsWriteFailure(error)) Fail("write: " + SystemReason(error));
   std::string problem = SourceProblem(item);
   if (!problem.empty()) return problem;
   ThrowIfFull(error, item.status.size);
   return error != 0 ? SystemReason(error) : "cannot be read";
+}
+
+// With the item in the place of everything that paths could lead to.
+int ImageDraft::InsertOpened(const SourceItem& item) {
+  const platform::OpenedItem opened{ItemPath(m_nPartition, item.relative), item.file.Get(),
+                                    item.status, item.folder, item.alias};
+  m_State.hostView.SetOpenedItem(&opened);
+  const int result = m_Image.InsertFile(opened.path.c_str(), m_nPartition);
+  m_State.hostView.SetOpenedItem(nullptr);
+  return result;
 }
 
 // The source being as it was, the image may be what could not take it.
@@ -153,7 +157,7 @@ bool ImageDraft::IsOwnFile(const platform::FileIdentity& identity) const {
   return identity == m_Own || identity == m_Old;
 }
 
-uint64_t ImageDraft::Complete() {
+uint64_t ImageDraft::Complete(int* syncProblem) {
   {
     const ScopedLibraryState scope(m_State);
     errno = 0;
@@ -164,7 +168,7 @@ uint64_t ImageDraft::Complete() {
   index.SetCancelFlag(m_State.cancel);
   index.SetKnownRestarts(&m_Restarts);
   const IndexReport report = index.Write();
-  if (const char* step = m_Temporary.Publish())
+  if (const char* step = m_Temporary.Publish(syncProblem))
     Fail(std::string(step) + ": " + SystemReason(errno));
   return report.imageBytes;
 }

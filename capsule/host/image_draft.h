@@ -33,21 +33,24 @@ class ImageDraft {
   // No time is written that is later than this many seconds after 1970.
   void CapTimes(int64_t unixSeconds);
 
-  // What is inserted from now on lies below `directory` and goes to the next partition.
-  void BeginPartition(const std::string& directory);
+  // What is inserted from now on goes to the next partition.
+  void BeginPartition();
 
-  // Adds a file or a folder. None when it is in the image, else why it was left out: the image is
-  // as it was. Throws when the image cannot take it.
+  // Adds a file or a folder as the walk has opened it. None when it is in the image, else why it
+  // was left out: the image is as it was. Throws when the image cannot take it, or when memory or
+  // descriptors run out.
   std::optional<std::string> Insert(const SourceItem& item);
 
   // Whether this is the file in whose place the draft is to come; or that one or the draft itself.
   bool IsOldImage(const platform::FileIdentity& identity) const { return identity == m_Old; }
   bool IsOwnFile(const platform::FileIdentity& identity) const;
 
-  // Completes the image and puts it in the place of the target. Its size in bytes.
-  uint64_t Complete();
+  // Completes the image and puts it in the place of the target. Its size in bytes. `*syncProblem`
+  // is 0, or the errno that leaves open whether the image is on disk under its name.
+  uint64_t Complete(int* syncProblem);
 
  private:
+  int InsertOpened(const SourceItem& item);
   [[noreturn]] void Fail(const std::string& reason) const;
   void ThrowIfFull(int error, uint64_t size);
   void CloseImage();

@@ -132,7 +132,9 @@ MapSummary MapImage(int descriptor, const std::string& name,
   try {
     ImageMapper(descriptor, name, sink).Map();
   } catch (int) {
-    throw Error(name, "index cannot be read");
+    const int reason = errno;
+    ThrowIfShort(name, "index cannot be read", reason);
+    throw Error(name, "index cannot be read: " + SystemReason(reason));
   }
   return sink.Summary();
 }

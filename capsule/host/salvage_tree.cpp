@@ -143,6 +143,8 @@ std::unique_ptr<Catalog> SalvageCatalog(int descriptor, const std::string& path,
       const SurveyOutline outline(index, limit);
       SurveyBySearch(descriptor, path, {limit, index.sections, true, &outline}, visitor);
     }
+  } catch (const ShortageError&) {
+    throw;
   } catch (const Error& error) {
     problems->push_back({"0:/", error.Reason()});
   }

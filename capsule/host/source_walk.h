@@ -4,16 +4,21 @@
 //   SourceItem item;
 //   while (walk.Next(&item)) ...
 //
-// A folder is listed when it is handed out and its items come right behind it, so memory is bounded
-// by the names of the folders that are open. One thread uses a walk.
+// Every item is looked at and opened once, from the descriptor of its folder: what becomes of its
+// path meanwhile, a link say, changes nothing. A folder is listed when it is handed out and its
+// items come right behind it, so memory is bounded by the names of the folders that are open, and
+// paths may be longer than the system takes. Running out of memory or descriptors ends a walk with
+// Error. One thread uses a walk.
 #pragma once
 
 #include <cstdint>
 #include <functional>
 #include <string>
 #include <string_view>
+#include <unordered_map>
 #include <vector>
 
+#include "capsule/host/scoped_descriptor.h"
 #include "capsule/platform/host_files.h"
 
 namespace capsule::host {
@@ -24,6 +29,7 @@ struct SourceItem {
     Folder,
     Special,     // a link, a device and the like
     Excluded,    // by the filter
+    Unfinished,  // of this library: an image or file in the making, or left by a killed run
     Unreadable,  // or of a name an image cannot hold: `reason` says it
   };
 
@@ -31,6 +37,9 @@ struct SourceItem {
   std::string path;      // of the system
   std::string relative;  // to the walk's root, '/' between segments
   platform::FileStatus status;
+  platform::FileStatus folder;  // of the folder that it lies in
+  std::string alias;            // its 8.3 name
+  ScopedDescriptor file;        // open for reading, when it is one
   std::string reason;
 };
 
@@ -53,12 +62,22 @@ class SourceWalk {
 
  private:
   struct Frame {
+    // None in a folder that the walk is below of at great depth, and can go back to by "..", or
+    // cannot any more.
+    ScopedDescriptor folder;
+    platform::FileStatus status;
     std::vector<std::string> names;  // in byte order from the end on
-    size_t pathLength = 0;           // of m_strRelative before this folder's name
+    std::unordered_map<std::string, std::string> aliases;
+    size_t pathLength = 0;  // of m_strRelative before this folder's name
   };
 
   void Examine(const std::string& name, SourceItem* item);
-  void Enter(SourceItem* item);
+  void OpenFile(const std::string& name, SourceItem* item);
+  void Enter(const std::string& name, SourceItem* item);
+  bool Push(ScopedDescriptor folder, const platform::FileStatus& status);
+  void CloseAbove();
+  void Leave();
+  bool IsAbove(const ScopedDescriptor& above, const Frame& frame) const;
 
   std::string m_strRoot;
   Filter m_Filter;

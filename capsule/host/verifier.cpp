@@ -190,6 +190,8 @@ class VerifyRun {
         if (image.Info().partitions[static_cast<size_t>(n)].systemId != kNtfs) continue;
         ReadBelow(image, image.Root(n));
       }
+    } catch (const ShortageError&) {
+      throw;
     } catch (const Error& error) {
       Tell(error.Offset().value_or(0), "", error.Reason());
     }

@@ -33,11 +33,14 @@ struct FileStatus {
   Instant change;  // of contents or status; unlike the modification time nobody can set it
 };
 
+// Of an open file or folder; none on failure.
+std::optional<FileStatus> StatusOf(int descriptor);
+
+// Of the item `name` of an open folder; of a link itself.
+std::optional<FileStatus> StatusIn(int folder, const std::string& name);
+
 // Follows links. None when nothing is found, with the reason in errno.
 std::optional<FileStatus> Status(const std::string& path);
-
-// The same for a link itself where the path ends in one.
-std::optional<FileStatus> StatusOfLink(const std::string& path);
 
 // Whether something of that name is there, a dangling link included.
 bool Exists(const std::string& path);
@@ -45,6 +48,9 @@ bool Exists(const std::string& path);
 // The names in a directory in no particular order, without "." and ".."; none when it cannot be
 // read to its end.
 std::optional<std::vector<std::string>> ListDirectory(const std::string& path);
+
+// The same for an open one.
+std::optional<std::vector<std::string>> ListDirectory(int folder);
 
 // The time now, by the clock that stamps files, which advances in ticks.
 Instant ClockOfFiles();

@@ -8,6 +8,7 @@
 #include "capsule/platform/dos_time.h"
 #include "capsule/platform/host_files.h"
 #include "capsule/platform/host_path.h"
+#include "capsule/platform/opened_item.h"
 
 namespace capsule::platform {
 namespace {
@@ -32,6 +33,16 @@ struct HostView::Impl {
   TimePolicy timePolicy = TimePolicy::System;
   Instant latest{std::numeric_limits<int64_t>::max(), 0};
 
+  const OpenedItem* opened = nullptr;
+
+  // What the opened item says of `path`.
+  std::optional<FileStatus> OpenedStatus(std::string_view path) const {
+    if (!path.starts_with(opened->path)) return std::nullopt;
+    const std::string_view rest = path.substr(opened->path.size());
+    if (rest.empty() || rest == "\\.") return opened->status;
+    return rest == "\\.." ? std::optional(opened->folder) : std::nullopt;
+  }
+
   FileTime Report(Instant instant) const { return ToFileTime(std::min(instant, latest)); }
 };
 
@@ -52,6 +63,14 @@ void HostView::SetTimePolicy(TimePolicy policy) { m_pImpl->timePolicy = policy; 
 
 void HostView::CapTimes(int64_t unixSeconds) { m_pImpl->latest = {unixSeconds, 0}; }
 
+void HostView::SetOpenedItem(const OpenedItem* item) { m_pImpl->opened = item; }
+
+bool HostView::HasOpenedItem() const { return m_pImpl->opened != nullptr; }
+
+int HostView::OpenedFile(std::string_view path) const {
+  return HasOpenedItem() && path == m_pImpl->opened->path ? m_pImpl->opened->descriptor : -1;
+}
+
 std::optional<std::string> HostView::Resolve(std::string_view path) const {
   if (path.find('\0') != std::string_view::npos) return std::nullopt;
   const HostPath parts = SplitHostPath(path);
@@ -62,9 +81,12 @@ std::optional<std::string> HostView::Resolve(std::string_view path) const {
 }
 
 std::optional<FindData> HostView::Find(std::string_view path) const {
-  const std::optional<std::string> resolved = Resolve(path);
-  if (!resolved) return std::nullopt;
-  const std::optional<FileStatus> status = Status(*resolved);
+  std::optional<FileStatus> status;
+  if (HasOpenedItem()) {
+    status = m_pImpl->OpenedStatus(path);
+  } else if (const std::optional<std::string> resolved = Resolve(path)) {
+    status = Status(*resolved);
+  }
   if (!status) return std::nullopt;
 
   FindData found;
@@ -81,6 +103,10 @@ std::optional<std::string> HostView::ShortPath(std::string_view path) {
   const HostPath parts = SplitHostPath(path);
   if (IsDirectoryReference(parts.component)) {
     return Find(path) ? std::optional<std::string>(path) : std::nullopt;
+  }
+  if (HasOpenedItem()) {
+    if (path != m_pImpl->opened->path) return std::nullopt;
+    return std::string(parts.front) + m_pImpl->opened->alias;
   }
   const std::optional<std::string> directory = Resolve(parts.front);
   if (!directory) return std::nullopt;

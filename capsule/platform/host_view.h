@@ -23,6 +23,8 @@
 
 namespace capsule::platform {
 
+struct OpenedItem;
+
 // Count of 100 ns since 1601-01-01 00:00 UTC.
 using FileTime = uint64_t;
 
@@ -64,6 +66,14 @@ class HostView {
 
   // No time is reported later than this many seconds after 1970.
   void CapTimes(int64_t unixSeconds);
+
+  // While there is an opened item, that one and its "." and ".." are all that is found, as it was
+  // when it was opened, and no path is looked up. Borrowed; null goes back to the paths.
+  void SetOpenedItem(const OpenedItem* item);
+  bool HasOpenedItem() const;
+
+  // The descriptor of the opened item when `path` names it, else -1.
+  int OpenedFile(std::string_view path) const;
 
   // The system's path for `path`; none when its root is not registered or it holds a zero byte.
   std::optional<std::string> Resolve(std::string_view path) const;

@@ -1,17 +1,19 @@
-// TemporaryFile is a file in the making: it stands under a name of its own beside the one it is to
-// have, readable by its owner alone, and takes that name in one step when it is complete.
+// TemporaryFile is a file in the making beside the one in whose place it is to come, readable by
+// its owner alone until it is complete.
 //
 //   TemporaryFile file;
 //   if (!file.Create("/srv/photos.cap")) Fail(errno);
 //   Fill(file.Path());
-//   if (const char* step = file.Publish()) Fail(step, errno);
+//   int syncProblem = 0;
+//   if (const char* step = file.Publish(&syncProblem)) Fail(step, errno);
+//   if (syncProblem != 0) Warn(syncProblem);
 //
-// The name is ".photos.cap.capsule-tmp-" and twelve random letters. The file is locked as long as
-// its maker lives: a file of such a name that nobody has locked is what a killed run left, and the
-// next Create for the same target removes it. One thread uses an object.
+// It is an UnfinishedFile. One thread uses an object.
 #pragma once
 
 #include <string>
+
+#include "capsule/platform/unfinished_file.h"
 
 namespace capsule::platform {
 
@@ -22,26 +24,29 @@ class TemporaryFile {
   TemporaryFile(const TemporaryFile&) = delete;
   TemporaryFile& operator=(const TemporaryFile&) = delete;
 
-  // Creates the file for `target`, a path of the system that may exist. False with errno.
+  // Creates the file for `target`, a path of the system that may exist, and removes what killed
+  // runs left in the same folder. False with errno.
   bool Create(const std::string& target);
 
   // Gives the file the permissions of the target, or those of any new file where there is none,
   // brings it to disk and puts it in the place of the target. Null, or which step failed, with
-  // errno; the target is as it was unless that was the last step, "sync of the folder".
-  const char* Publish();
+  // errno: the target is as it was then. When it has taken its place, but whether that is on disk
+  // is unknown, `*syncProblem` is the errno, else 0.
+  const char* Publish(int* syncProblem);
 
   // Removes a file that was not published.
   void Remove();
 
-  const std::string& Path() const { return m_strPath; }
-  int Descriptor() const { return m_nDescriptor; }  // for reading and writing; -1 without a file
+  std::string Path() const { return m_strFolder + m_File.Name(); }
+  int Descriptor() const { return m_File.Descriptor(); }
 
  private:
-  bool CreateOnce();
+  bool SetMode();
 
-  std::string m_strTarget;
-  std::string m_strPath;
-  int m_nDescriptor = -1;
+  std::string m_strFolder;  // with "/" at its end
+  std::string m_strName;
+  int m_nFolder = -1;
+  UnfinishedFile m_File;
 };
 
 }  // namespace capsule::platform

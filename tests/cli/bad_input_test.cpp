@@ -82,6 +82,16 @@ TEST_F(BadInputTest, SourcesThatCannotBeUsedLeaveTheOldImage) {
   EXPECT_FALSE(fs::exists(At("nowhere")));
 }
 
+TEST_F(BadInputTest, WhatIsLeftOutIsNamedAlsoWhenTheImageIsNotMade) {
+  WriteFile(At("in/what?"), "x");
+  const CommandResult result = RunCapsule({"create", At("i"), At("in"), At("missing")});
+  EXPECT_EQ(result.status, 2);
+  EXPECT_EQ(result.err, "capsule: " + At("in/what?") +
+                            ": an image cannot hold a name that ends with a '?'\ncapsule: " +
+                            At("missing") + ": no such file or directory\n");
+  ExpectImageAsItWas();
+}
+
 TEST_F(BadInputTest, TheImageDoesNotSwallowItself) {
   ASSERT_EQ(RunCapsule({"create", At("in/inside"), At("in")}).status, 0);
   fs::permissions(At("in/a"), fs::perms(0755));

@@ -1,7 +1,10 @@
 #include "capsule/host/extractor.h"
 
+#include <fcntl.h>
 #include <gtest/gtest.h>
+#include <sys/file.h>
 #include <sys/stat.h>
+#include <unistd.h>
 
 #include <map>
 
@@ -152,6 +155,27 @@ TEST_F(ExtractorTest, DamagedFilesLeaveNothingBehindAndTheRestComesOut) {
       "read\n");
   EXPECT_EQ(Snapshot(m_Directory / "out").size(), 2u);
   EXPECT_EQ(test::ReadFile(Out("SUB/B")), std::string(20, 'd'));
+}
+
+TEST_F(ExtractorTest, WhatKilledRunsLeftIsRemoved) {
+  MakeImage();
+  fs::create_directory(Out("SUB"));
+  const std::string live = Out("SUB/.capsule-tmp-abcdefghijkm");
+  for (const std::string& name :
+       {Out(".capsule-tmp-abcdefghijkl"), live, Out("SUB/.x.capsule-tmp-abcdefghijkl"),
+        Out("SUB/.capsule-tmp-"), Out("SUB/x.capsule-tmp-abcdefghijkl")}) {
+    test::WriteFile(name, "half");
+  }
+  fs::create_directory(Out("SUB/.capsule-tmp-abcdefghijkn"));
+  fs::create_symlink(Outside("victim"), Out("SUB/.capsule-tmp-abcdefghijko"));
+  const int lock = ::open(live.c_str(), O_RDWR | O_CLOEXEC);
+  ASSERT_EQ(::flock(lock, LOCK_EX), 0);
+  EXPECT_EQ(Reasons(Extract()), "");
+  ::close(lock);
+  const auto left = Snapshot(m_Directory / "out");
+  EXPECT_EQ(left.size(), 8u);
+  EXPECT_FALSE(left.contains(".capsule-tmp-abcdefghijkl"));
+  EXPECT_FALSE(left.contains("SUB/.x.capsule-tmp-abcdefghijkl"));
 }
 
 TEST_F(ExtractorTest, TimesAndPermissionsComeBack) {

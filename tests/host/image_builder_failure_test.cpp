@@ -123,6 +123,38 @@ TEST(ImageBuilderFailure, ItemsThatVanishAreNamedAndLeftOut) {
   EXPECT_EQ(test::ScannedTree(place.image), test::FolderTree(place.source));
 }
 
+// Whatever a path leads to by and by, what was below the folder goes in, or is named.
+TEST(ImageBuilderFailure, NothingFromOutsideGoesIn) {
+  const Place place;
+  const std::string outside = place.folder / "outside";
+  std::string deep = "deep";
+  for (int i = 0; i < 40; ++i) deep += "/d";
+  for (const std::string& folder : {place.source + "/m/sub", place.source + "/" + deep, outside}) {
+    fs::create_directories(folder);
+  }
+  for (const char* name : {"m/f", "m/sub/g", "z"}) place.Put(name, "inside");
+  for (std::string at = deep; at != "deep"; at = fs::path(at).parent_path()) place.Put(at + "/z");
+  test::Tree expected = test::FolderTree(place.source);
+  test::WriteFile(outside + "/f", "secret");
+  test::WriteFile(outside + "/z", "secret");
+  const fs::path moved = fs::path(place.source + "/" + deep).parent_path().parent_path();
+  const auto onProgress = [&](const BuildProgress& at) {
+    if (at.path == "0:/" + deep) fs::rename(moved, outside + "/deep");
+    if (at.path != "0:/m") return;
+    fs::rename(place.source + "/m", outside + "/m");
+    fs::create_symlink(outside, place.source + "/m");
+  };
+  const BuildReport report = place.Build({.level = 0, .onProgress = onProgress});
+  // The way back leads elsewhere up to the folders that are kept open.
+  for (const BuildProblem& problem : report.problems) {
+    EXPECT_EQ(problem.reason, "changed while it was read");
+    expected.erase("0:" + problem.path.substr(place.source.size() + 1));
+  }
+  EXPECT_GE(report.problems.size(), 5u);
+  EXPECT_LE(report.problems.size(), 8u);
+  EXPECT_EQ(test::ScannedTree(place.image), expected);
+}
+
 // Everything behind an item that failed lies where it would have without it.
 TEST(ImageBuilderFailure, FilesThatGrowAreNamedAndLeftOut) {
   const Place place;
@@ -157,9 +189,22 @@ TEST(ImageBuilderFailure, UnreadableItemsAreNamedAndLeftOut) {
   ::chmod((place.source + "/closed").c_str(), 0);
   ::chmod((place.source + "/secret").c_str(), 0);
   const uid_t user = ::geteuid();
-  ASSERT_TRUE(user != 0 || ::seteuid(65534) == 0);
-  const BuildReport report = place.Build();
-  ASSERT_TRUE(user != 0 || ::seteuid(0) == 0);
+  std::string refusal;
+  BuildReport report;
+  const auto build = [&] {
+    ASSERT_TRUE(user != 0 || ::seteuid(65534) == 0);
+    const std::string error = test::ErrorOf([&] { report = place.Build(); });
+    ASSERT_TRUE(user != 0 || ::seteuid(0) == 0);
+    EXPECT_EQ(error, refusal);
+  };
+  build();
+  // A folder that cannot be opened cannot be synced either.
+  const std::string image = test::ReadFile(place.image);
+  fs::permissions(place.target, fs::perms(0333));
+  refusal = place.image + ": cannot be created: permission denied";
+  build();
+  fs::permissions(place.target, fs::perms(0777));
+  EXPECT_EQ(test::ReadFile(place.image), image);
   EXPECT_EQ(test::ScannedTree(place.image),
             (test::Tree{{"0:open", "<dir>"}, {"0:open/2", "open/2"}, {"0:t", "t"}}));
   ASSERT_EQ(report.problems.size(), 2u);
@@ -216,7 +261,17 @@ TEST(ImageBuilderFailure, AKilledBuildLeavesTheOldImageAndIsCleanedUp) {
   ASSERT_EQ(Names(place.target).size(), 2u);
   EXPECT_TRUE(Names(place.target)[0].starts_with(".x.cap.capsule-tmp-"));
 
-  ImageBuilder live(place.image);
+  {
+    ImageBuilder of(place.folder / "of.cap");
+    of.AddDirectory(place.target);
+    const BuildReport report = of.Finish();
+    EXPECT_EQ(report.files, 1u) << "the image, not what is left of the build";
+    ASSERT_EQ(report.unfinished.size(), 1u);
+    EXPECT_EQ(report.unfinished[0].path, place.target + "/" + Names(place.target)[0]);
+  }
+  test::WriteFile(place.target + "/.x.cap.capsule-tmp-and.more", "somebody else's");
+  ImageBuilder live(place.folder / "target/another.cap");
+  EXPECT_TRUE(fs::remove(place.target + "/.x.cap.capsule-tmp-and.more"));
   ASSERT_EQ(Names(place.target).size(), 2u) << "the dead one is gone, the live one there";
   const std::string other = Names(place.target)[0];
   {
@@ -226,7 +281,7 @@ TEST(ImageBuilderFailure, AKilledBuildLeavesTheOldImageAndIsCleanedUp) {
   EXPECT_EQ(Names(place.target)[0], other);
   live.AddDirectory(place.source);
   live.Finish();
-  EXPECT_EQ(Names(place.target), std::vector<std::string>{"x.cap"});
+  EXPECT_EQ(Names(place.target), (std::vector<std::string>{"another.cap", "x.cap"}));
 }
 
 }  // namespace

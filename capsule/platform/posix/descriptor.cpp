@@ -21,13 +21,17 @@ int MoveUp(int descriptor) {
 }  // namespace
 
 int OpenDescriptor(const char* path, int flags, mode_t mode) {
+  return OpenDescriptorIn(AT_FDCWD, path, flags, mode);
+}
+
+int OpenDescriptorIn(int folder, const char* path, int flags, mode_t mode) {
   if (path == nullptr) {
     errno = EFAULT;
     return -1;
   }
   int descriptor = -1;
   do {
-    descriptor = ::open(path, flags | O_CLOEXEC | O_NONBLOCK | O_NOCTTY, mode);
+    descriptor = ::openat(folder, path, flags | O_CLOEXEC | O_NONBLOCK | O_NOCTTY, mode);
   } while (descriptor < 0 && errno == EINTR);
   return descriptor >= 0 && descriptor < kFirstFree ? MoveUp(descriptor) : descriptor;
 }

@@ -11,6 +11,9 @@ namespace capsule::platform {
 // that the host has closed is mistaken for a file. -1 with errno on failure.
 int OpenDescriptor(const char* path, int flags, mode_t mode);
 
+// The same for a path from an open folder.
+int OpenDescriptorIn(int folder, const char* path, int flags, mode_t mode);
+
 // Closes a descriptor on a path of failure; errno stays `reason`. Always -1.
 int CloseAndFail(int descriptor, int reason);
 

@@ -4,30 +4,16 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include <atomic>
 #include <cerrno>
 #include <cstdio>
+
+#include "capsule/platform/posix/descriptor.h"
 
 namespace capsule::platform {
 namespace {
 
-constexpr int kFolderFlags = O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC;
+constexpr int kFolderFlags = O_RDONLY | O_DIRECTORY;
 constexpr mode_t kWriteBits = 0222;
-constexpr int kNameAttempts = 100;
-
-// Above the standard streams, as all descriptors of this library are.
-int OpenAt(int folder, const char* name, int flags, mode_t mode) {
-  int descriptor = -1;
-  do {
-    descriptor = openat(folder, name, flags, mode);
-  } while (descriptor < 0 && errno == EINTR);
-  if (descriptor < 0 || descriptor > STDERR_FILENO) return descriptor;
-  const int moved = fcntl(descriptor, F_DUPFD_CLOEXEC, STDERR_FILENO + 1);
-  const int reason = errno;
-  close(descriptor);
-  errno = reason;
-  return moved;
-}
 
 // Where the file system cannot rename without replacing, a second name is as good.
 bool LinkToName(int folder, const char* temporary, const char* name) {
@@ -37,9 +23,17 @@ bool LinkToName(int folder, const char* temporary, const char* name) {
 
 }  // namespace
 
-int OpenFolder(const char* path) { return OpenAt(AT_FDCWD, path, kFolderFlags, 0); }
+int OpenFolder(const char* path) { return OpenDescriptor(path, kFolderFlags | O_NOFOLLOW, 0); }
 
-int OpenFolderIn(int folder, const char* name) { return OpenAt(folder, name, kFolderFlags, 0); }
+int OpenFolderBehind(const char* path) { return OpenDescriptor(path, kFolderFlags, 0); }
+
+int OpenFolderIn(int folder, const char* name) {
+  return OpenDescriptorIn(folder, name, kFolderFlags | O_NOFOLLOW, 0);
+}
+
+int OpenFileIn(int folder, const char* name) {
+  return OpenDescriptorIn(folder, name, O_RDONLY | O_NOFOLLOW, 0);
+}
 
 bool MakeFolderIn(int folder, const char* name) { return mkdirat(folder, name, 0777) == 0; }
 
@@ -58,28 +52,12 @@ Presence LookIn(int folder, const char* name) {
   return S_ISREG(status.st_mode) ? Presence::File : Presence::Other;
 }
 
-int CreateTemporaryIn(int folder, bool readOnly, std::string* name) {
-  static std::atomic<unsigned> counter{0};
-  const mode_t mode = readOnly ? 0444 : 0666;
-  for (int attempt = 0; attempt < kNameAttempts; ++attempt) {
-    char text[64];
-    std::snprintf(text, sizeof text, ".capsule-%ld-%u.tmp", static_cast<long>(getpid()), counter++);
-    *name = text;
-    const int file =
-        OpenAt(folder, text, O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, mode);
-    if (file >= 0 || errno != EEXIST) return file;
-  }
-  return -1;
-}
-
 bool PublishIn(int folder, const char* temporary, const char* name, bool keepExisting) {
   if (!keepExisting) return renameat(folder, temporary, folder, name) == 0;
   if (renameat2(folder, temporary, folder, name, RENAME_NOREPLACE) == 0) return true;
   if (errno != EINVAL && errno != ENOSYS) return false;
   return LinkToName(folder, temporary, name);
 }
-
-bool RemoveIn(int folder, const char* name) { return unlinkat(folder, name, 0) == 0; }
 
 bool SetTimes(int descriptor, int64_t seconds) {
   const timespec both[2] = {{static_cast<time_t>(seconds), 0}, {static_cast<time_t>(seconds), 0}};

@@ -4,11 +4,14 @@
 #include <fcntl.h>
 #include <sys/stat.h>
 #include <sys/sysmacros.h>
+#include <unistd.h>
 
 #include <cerrno>
 #include <ctime>
 #include <memory>
 #include <string_view>
+
+#include "capsule/platform/posix/descriptor.h"
 
 namespace capsule::platform {
 namespace {
@@ -25,9 +28,9 @@ FileKind KindOf(mode_t mode) {
   return S_ISREG(mode) ? FileKind::Regular : FileKind::Other;
 }
 
-std::optional<FileStatus> StatusWith(const std::string& path, int flags) {
+std::optional<FileStatus> StatusWith(int folder, const char* path, int flags) {
   struct statx found {};
-  if (::statx(AT_FDCWD, path.c_str(), flags, STATX_BASIC_STATS | STATX_BTIME, &found) != 0) {
+  if (::statx(folder, path, flags, STATX_BASIC_STATS | STATX_BTIME, &found) != 0) {
     return std::nullopt;
   }
   FileStatus status;
@@ -45,21 +48,8 @@ std::optional<FileStatus> StatusWith(const std::string& path, int flags) {
   return status;
 }
 
-}  // namespace
-
-std::optional<FileStatus> Status(const std::string& path) { return StatusWith(path, 0); }
-
-std::optional<FileStatus> StatusOfLink(const std::string& path) {
-  return StatusWith(path, AT_SYMLINK_NOFOLLOW);
-}
-
-bool Exists(const std::string& path) {
-  struct stat found {};
-  return ::lstat(path.c_str(), &found) == 0;
-}
-
-std::optional<std::vector<std::string>> ListDirectory(const std::string& path) {
-  const Directory directory(::opendir(path.c_str()));
+// The names that are left in a directory.
+std::optional<std::vector<std::string>> NamesIn(const Directory& directory) {
   if (!directory) return std::nullopt;
   std::vector<std::string> names;
   for (;;) {
@@ -71,6 +61,42 @@ std::optional<std::vector<std::string>> ListDirectory(const std::string& path) {
   }
   if (errno != 0) return std::nullopt;
   return names;
+}
+
+}  // namespace
+
+std::optional<FileStatus> StatusOf(int descriptor) {
+  return StatusWith(descriptor, "", AT_EMPTY_PATH);
+}
+
+std::optional<FileStatus> StatusIn(int folder, const std::string& name) {
+  return StatusWith(folder, name.c_str(), AT_SYMLINK_NOFOLLOW);
+}
+
+std::optional<FileStatus> Status(const std::string& path) {
+  return StatusWith(AT_FDCWD, path.c_str(), 0);
+}
+
+bool Exists(const std::string& path) {
+  struct stat found {};
+  return ::lstat(path.c_str(), &found) == 0;
+}
+
+std::optional<std::vector<std::string>> ListDirectory(const std::string& path) {
+  return NamesIn(Directory(::opendir(path.c_str())));
+}
+
+std::optional<std::vector<std::string>> ListDirectory(int folder) {
+  // The stream closes the descriptor it is given, and shares its position with copies of it.
+  const int copy = ::fcntl(folder, F_DUPFD_CLOEXEC, STDERR_FILENO + 1);
+  if (copy < 0) return std::nullopt;
+  Directory directory(::fdopendir(copy));
+  if (!directory) {
+    CloseAndFail(copy, errno);
+    return std::nullopt;
+  }
+  ::rewinddir(directory.get());
+  return NamesIn(directory);
 }
 
 Instant ClockOfFiles() {
