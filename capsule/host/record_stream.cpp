@@ -19,7 +19,6 @@ namespace {
 constexpr size_t kWindowSize = 128 * 1024;  // holds any record: 8 + 65535 bytes
 constexpr size_t kMostMarks = 64;
 constexpr uint64_t kMarkDistance = 256 * 1024;
-constexpr uint64_t kMaxExpansion = 30;  // a group of 4 bits stands for up to 15 bytes
 
 std::string Count(uint64_t n) { return std::to_string(n); }
 
