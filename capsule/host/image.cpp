@@ -4,6 +4,7 @@
 #include <cerrno>
 
 #include "capsule/host/checksum.h"
+#include "capsule/host/concealed_section.h"
 #include "capsule/host/damaged_reader.h"
 #include "capsule/host/file_reader_impl.h"
 #include "capsule/host/file_window.h"
@@ -11,6 +12,7 @@
 #include "capsule/host/reason.h"
 #include "capsule/host/salvage_tree.h"
 #include "capsule/host/scoped_descriptor.h"
+#include "capsule/partition/record_format.h"
 #include "capsule/platform/file.h"
 
 namespace capsule::host {
@@ -110,6 +112,19 @@ std::optional<ImageProblem> JudgeHeader(int descriptor, const std::string& path,
                                     ", its bytes give " + ChecksumDigits(checksum.Value())};
 }
 
+bool HasPartitions(const DecodedHeader& header) {
+  return std::any_of(header.partitions.begin(), header.partitions.end(), IsInUse);
+}
+
+// A section that the header of an image without a checked index does not count.
+std::optional<ImageProblem> JudgeCount(int descriptor, const std::string& path,
+                                       const IndexContents& index) {
+  if (index.isChecked) return std::nullopt;
+  std::string concealed = ConcealedSection(descriptor, path);
+  if (concealed.empty()) return std::nullopt;
+  return ImageProblem{"header", std::move(concealed)};
+}
+
 // Takes "N:" from the front of `path`; partition 0 without it, none when N is out of reach.
 std::optional<uint32_t> TakePartition(std::string_view* path) {
   size_t digits = 0;
@@ -132,6 +147,7 @@ Image::Image(const std::filesystem::path& path, Opening opening)
   const DecodedHeader header = ReadImageHeader(impl.file.Get(), impl.path, length);
   IndexContents index;
   std::string scanReason;
+  const bool isEmpty = !HasPartitions(header);
   try {
     CheckIndexOffset(header, impl.path, length);
     index = CheckIndex(impl.file.Get(), impl.path, header.indexOffset, length,
@@ -142,13 +158,17 @@ Image::Image(const std::filesystem::path& path, Opening opening)
       CheckSections(impl.file.Get(), impl.path, index, *impl.catalog, header.indexOffset);
     }
   } catch (const Error& error) {
-    if (opening == Opening::Strict) throw;
-    scanReason = error.Reason();
+    const bool isWithoutIndex = isEmpty && header.indexOffset == 0;
+    if (opening == Opening::Strict && !isWithoutIndex) throw;
+    if (!isWithoutIndex) scanReason = error.Reason();
     impl.problems.clear();
     impl.catalog = SalvageCatalog(
         impl.file.Get(), impl.path, index,
         LimitOfSections(impl.file.Get(), impl.path, header, index, length), &impl.problems);
-    if (impl.catalog->Size() == 0) throw;
+    if (impl.catalog->Size() == 0 && !isEmpty) throw;
+    if (auto wrong = JudgeCount(impl.file.Get(), impl.path, index)) {
+      impl.problems.push_back(*std::move(wrong));
+    }
   }
   impl.info = Summarize(header, index, *impl.catalog);
   if (auto wrong = JudgeHeader(impl.file.Get(), impl.path, index)) {

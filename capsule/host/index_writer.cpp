@@ -14,12 +14,12 @@
 
 #include "capsule/container/index_format.h"
 #include "capsule/host/checksum.h"
+#include "capsule/host/concealed_section.h"
 #include "capsule/host/error.h"
 #include "capsule/host/file_window.h"
 #include "capsule/host/index_record_writer.h"
 #include "capsule/host/index_source.h"
 #include "capsule/host/reason.h"
-#include "capsule/host/section_resync.h"
 #include "capsule/host/section_scanner.h"
 #include "capsule/partition/record_format.h"
 #include "capsule/platform/file.h"
@@ -28,39 +28,16 @@
 namespace capsule::host {
 namespace {
 
-// Whether the header counts more sections than it has records of, has records that it does not
-// count, or is of a kind in which a damaged count cannot be told from a true one.
-bool IsHeaderUnsure(const SectionScanner& scanner) {
-  const size_t count = scanner.SectionCount();
-  if (scanner.Header().partitions.size() != count) return true;
-  if (scanner.Header().layout != HeaderLayout::Fixed || scanner.IsScrambled()) return true;
-  const auto rest = scanner.RawHeader()
-                        .subspan(kPartitionRecordsOffset, kPartitionRecordSize * kMaxPartitions)
-                        .subspan(kPartitionRecordSize * count);
-  return std::any_of(rest.begin(), rest.end(), [](unsigned char b) { return b != 0; });
-}
-
 // What lies behind the last trailer is cut off, but not a section that a damaged header conceals.
-void RefuseToCutSection(int descriptor, const std::string& name, const SectionScanner& scanner,
-                        uint64_t end) {
-  if (!IsHeaderUnsure(scanner)) return;
-  FileWindow window(descriptor, name);
-  uint64_t work = 0;
-  const ResyncRange range{.limit = end + kPartitionHeaderSize, .work = &work};
-  const auto next = FindResumePoint(window, end, range);
-  if (!next || !next->startsSection || next->offset != end) return;
-  throw Error(name,
-              "section at " + Hex(end) + " is not one of the " +
-                  std::to_string(scanner.SectionCount()) + " that the header tells of",
-              end);
+void RefuseToCutSection(int descriptor, const std::string& name, uint64_t end) {
+  const std::string concealed = ConcealedSection(descriptor, name, end);
+  if (!concealed.empty()) throw Error(name, concealed, end);
 }
 
 // Readers take the first records of the header for those of the sections.
 bool ComeFirst(const DecodedHeader& header, size_t sectionCount) {
   const auto end = header.partitions.begin() + static_cast<std::ptrdiff_t>(sectionCount);
-  return std::none_of(header.partitions.begin(), end, [](const _Partition& record) {
-    return EncodePartition(record) == decltype(EncodePartition(record)){};
-  });
+  return std::all_of(header.partitions.begin(), end, IsInUse);
 }
 
 // The header as it will be stored.
@@ -111,6 +88,7 @@ struct IndexWriter::Plan {
 
 IndexReport IndexWriter::Write(DamagedSections damaged) {
   Plan plan = Measure(damaged);
+  if (plan.report.sections == 0) return plan.report;
   const uint64_t end = plan.report.indexOffset;
   if (!plan.isDamaged) {
     const std::vector<unsigned char> noOffset(kHeaderSize);
@@ -132,8 +110,11 @@ IndexReport IndexWriter::Write(DamagedSections damaged) {
 
 IndexWriter::Plan IndexWriter::Measure(DamagedSections damaged) {
   const SectionScanner scanner(m_nDescriptor, m_strName);
-  if (scanner.SectionCount() == 0) throw Error(m_strName, "has no partitions to index");
   Plan plan;
+  if (scanner.SectionCount() == 0) {
+    RefuseToCutSection(m_nDescriptor, m_strName, kHeaderSize);
+    return plan;
+  }
   try {
     Count(&plan);
   } catch (const Error& error) {
@@ -153,7 +134,7 @@ IndexWriter::Plan IndexWriter::Measure(DamagedSections damaged) {
                                std::to_string(plan.report.imageBytes) + " bytes, " +
                                std::to_string(kMaxImageSize) + " are possible");
   }
-  RefuseToCutSection(m_nDescriptor, m_strName, scanner, plan.report.indexOffset);
+  RefuseToCutSection(m_nDescriptor, m_strName, plan.report.indexOffset);
   plan.isCompressed = scanner.Header().compressed;
   plan.header = CompleteHeader(scanner, plan.report.indexOffset, m_strName);
   return plan;
