@@ -10,6 +10,7 @@
 #include "capsule/host/file_window.h"
 #include "capsule/host/image_open.h"
 #include "capsule/host/reason.h"
+#include "capsule/host/record_judge.h"
 #include "capsule/host/salvage_tree.h"
 #include "capsule/host/scoped_descriptor.h"
 #include "capsule/partition/record_format.h"
@@ -125,6 +126,31 @@ std::optional<ImageProblem> JudgeCount(int descriptor, const std::string& path,
   return ImageProblem{"header", std::move(concealed)};
 }
 
+// Sizes that nothing in the image can stand for. NTFS keeps its own files in the root, and writers
+// leave their data out.
+void JudgeSizes(const Catalog& catalog, const ImageInfo& info,
+                std::vector<ImageProblem>* problems) {
+  for (uint32_t id = catalog.Roots(); id < catalog.Size(); ++id) {
+    const CatalogNode& node = catalog.Node(id);
+    const bool ofNtfs = info.partitions[node.partition].systemId == kSystemIdNtfs;
+    const bool isLeftOut = ofNtfs && node.parent < catalog.Roots() && node.name.starts_with('$');
+    if (node.isDirectory || isLeftOut) continue;
+    std::string problem = JudgeSize(node.size, node.dataLimit - node.offset);
+    if (!problem.empty()) problems->push_back({catalog.At(id).Path(), std::move(problem)});
+  }
+}
+
+// A size may be anything: what it claims beyond all that the file's records can have held is not
+// there.
+void ReadWhatIsHeld(const RecordSource& source, const std::string& problem, uint64_t begin,
+                    uint64_t end, const TakePiece& take) {
+  const uint64_t room = source.limit - source.fileRecord;
+  const uint64_t held = std::max(begin, std::min(end, MostBytesIn(room)));
+  DamagedReader(source, problem, begin, held, take).Run();
+  if (held == end) return;
+  take({FilePiece::Kind::Claimed, held, end - held, {}, JudgeSize(source.size, room)});
+}
+
 // Takes "N:" from the front of `path`; partition 0 without it, none when N is out of reach.
 std::optional<uint32_t> TakePartition(std::string_view* path) {
   size_t digits = 0;
@@ -171,6 +197,7 @@ Image::Image(const std::filesystem::path& path, Opening opening)
     }
   }
   impl.info = Summarize(header, index, *impl.catalog);
+  JudgeSizes(*impl.catalog, impl.info, &impl.problems);
   if (auto wrong = JudgeHeader(impl.file.Get(), impl.path, index)) {
     impl.problems.push_back(*std::move(wrong));
     // Its flag may be damaged. Stored records say by themselves that they are; what is compressed
@@ -247,7 +274,7 @@ void Image::ReadDamaged(const Entry& entry, uint64_t offset, uint64_t length,
   unchecked.check.reset();
   const bool onlyCheckFails = !problem.empty() && source.check && ProblemOf(unchecked).empty();
   if (!problem.empty() && !onlyCheckFails) {
-    return DamagedReader(source, problem, begin, end, take).Run();
+    return ReadWhatIsHeld(source, problem, begin, end, take);
   }
   FileReader reader = ReaderOf(std::move(unchecked));
   std::vector<unsigned char> bytes(kPieceSize);
