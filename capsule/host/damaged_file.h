@@ -51,8 +51,7 @@ struct FilePiece {
 // The range that a piece tells to be lost or uncertain.
 inline std::optional<LostRange> LostIn(const FilePiece& piece) {
   const bool isUncertain = piece.kind == FilePiece::Kind::Uncertain;
-  const bool isLost =
-      piece.kind == FilePiece::Kind::Lost || piece.kind == FilePiece::Kind::Claimed;
+  const bool isLost = piece.kind == FilePiece::Kind::Lost || piece.kind == FilePiece::Kind::Claimed;
   if (!isLost && !isUncertain) return std::nullopt;
   return LostRange{piece.offset, piece.length, isUncertain, piece.reason};
 }

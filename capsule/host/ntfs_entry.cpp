@@ -33,10 +33,8 @@ bool AreFileRecords(std::span<const unsigned char> bytes) {
 
 // Whether the record holds what only records of known types do.
 bool HoldsKnownBytes(FileWindow& window, uint64_t offset, const _NTFSMiniHeader& header,
-                     bool compressed) {
+                     bool compressed, UnitDecoder decoder) {
   if (header.UncompressedLength > kMaxExpansion * header.Length) return false;
-  UnitDecoder decoder;
-  decoder.Pretend(0);
   std::vector<unsigned char> bytes;
   const auto payload = window.At(offset + kNtfsHeaderSize, header.Length);
   if (!DecodeNtfsPayload(header, payload, compressed, decoder, &bytes)) return false;
@@ -71,7 +69,8 @@ class NtfsEntryReader {
       const bool isFirst = at == offset;
       if (isFirst && !header) Fail(at, "no record of an NTFS section");
       if (!isFirst && !header) {
-        const uint64_t next = EndOfOtherNtfsRecords(m_Window, at, m_nLimit, m_bCompressed);
+        const uint64_t next =
+            EndOfOtherNtfsRecords(m_Window, at, m_nLimit, m_bCompressed, m_Decoder);
         if (next == at) break;
         at = next;
         continue;
@@ -167,12 +166,13 @@ std::optional<_NTFSMiniHeader> NtfsRecordAt(FileWindow& window, uint64_t offset,
   const auto bytes = window.At(offset, kNtfsHeaderSize);
   if (bytes.size() < kNtfsHeaderSize) return std::nullopt;
   const _NTFSMiniHeader header = DecodeNtfsHeader(bytes.first<kNtfsHeaderSize>());
-  if (!IsNtfsType(header.RecordType) || offset + kNtfsHeaderSize + header.Length > limit) return std::nullopt;
+  if (!IsNtfsType(header.RecordType) || offset + kNtfsHeaderSize + header.Length > limit)
+    return std::nullopt;
   return header;
 }
 
-uint64_t EndOfOtherNtfsRecords(FileWindow& window, uint64_t offset, uint64_t limit,
-                               bool compressed) {
+uint64_t EndOfOtherNtfsRecords(FileWindow& window, uint64_t offset, uint64_t limit, bool compressed,
+                               const UnitDecoder& decoder) {
   uint64_t end = offset;
   for (int count = 0; count < kMostOthers; ++count) {
     const auto other = OtherNtfsRecordAt(window, end, limit);
@@ -182,7 +182,7 @@ uint64_t EndOfOtherNtfsRecords(FileWindow& window, uint64_t offset, uint64_t lim
   if (end != limit && !NtfsRecordAt(window, end, limit)) return offset;
   for (uint64_t at = offset; at < end;) {
     const auto other = OtherNtfsRecordAt(window, at, limit);
-    if (!other || HoldsKnownBytes(window, at, *other, compressed)) return at;
+    if (!other || HoldsKnownBytes(window, at, *other, compressed, decoder)) return at;
     at += kNtfsHeaderSize + uint64_t{other->Length};
   }
   return end;

@@ -95,7 +95,9 @@ void SectionMap::DescribeFileRecord(const _NTFSMiniHeader& header, MapItem* item
 
 bool SectionMap::IsOtherRecordHere() {
   if (Here() < m_nOthersEnd) return true;
-  m_nOthersEnd = EndOfOtherNtfsRecords(m_Window, Here(), m_nEnd, m_bCompressed);
+  UnitDecoder decoder;
+  decoder.Pretend(0);
+  m_nOthersEnd = EndOfOtherNtfsRecords(m_Window, Here(), m_nEnd, m_bCompressed, decoder);
   return Here() < m_nOthersEnd;
 }
 
