@@ -4,7 +4,6 @@
 #include <cerrno>
 
 #include "capsule/host/checksum.h"
-#include "capsule/host/concealed_section.h"
 #include "capsule/host/damaged_reader.h"
 #include "capsule/host/file_reader_impl.h"
 #include "capsule/host/file_window.h"
@@ -13,6 +12,7 @@
 #include "capsule/host/record_judge.h"
 #include "capsule/host/salvage_tree.h"
 #include "capsule/host/scoped_descriptor.h"
+#include "capsule/host/uncounted_section.h"
 #include "capsule/partition/record_format.h"
 #include "capsule/platform/file.h"
 
@@ -109,21 +109,14 @@ std::optional<ImageProblem> JudgeHeader(int descriptor, const std::string& path,
   RunningChecksum checksum;
   checksum.Update(window.At(0, kHeaderSize));
   if (checksum.Value() == *index.headerCheck) return std::nullopt;
-  return ImageProblem{"header", "check value is " + ChecksumDigits(*index.headerCheck) +
-                                    ", its bytes give " + ChecksumDigits(checksum.Value())};
+  return ImageProblem{"header",
+                      "check value is " + ChecksumDigits(*index.headerCheck) + ", its bytes give " +
+                          ChecksumDigits(checksum.Value()),
+                      false, 0};
 }
 
 bool HasPartitions(const DecodedHeader& header) {
   return std::any_of(header.partitions.begin(), header.partitions.end(), IsInUse);
-}
-
-// A section that the header of an image without a checked index does not count.
-std::optional<ImageProblem> JudgeCount(int descriptor, const std::string& path,
-                                       const IndexContents& index) {
-  if (index.isChecked) return std::nullopt;
-  std::string concealed = ConcealedSection(descriptor, path);
-  if (concealed.empty()) return std::nullopt;
-  return ImageProblem{"header", std::move(concealed)};
 }
 
 // Sizes that nothing in the image can stand for. NTFS keeps its own files in the root, and writers
@@ -136,7 +129,8 @@ void JudgeSizes(const Catalog& catalog, const ImageInfo& info,
     const bool isLeftOut = ofNtfs && node.parent < catalog.Roots() && node.name.starts_with('$');
     if (node.isDirectory || isLeftOut) continue;
     std::string problem = JudgeSize(node.size, node.dataLimit - node.offset);
-    if (!problem.empty()) problems->push_back({catalog.At(id).Path(), std::move(problem)});
+    if (problem.empty()) continue;
+    problems->push_back({catalog.At(id).Path(), std::move(problem), false, node.offset});
   }
 }
 
@@ -192,8 +186,9 @@ Image::Image(const std::filesystem::path& path, Opening opening)
         impl.file.Get(), impl.path, index,
         LimitOfSections(impl.file.Get(), impl.path, header, index, length), &impl.problems);
     if (impl.catalog->Size() == 0 && !isEmpty) throw;
-    if (auto wrong = JudgeCount(impl.file.Get(), impl.path, index)) {
-      impl.problems.push_back(*std::move(wrong));
+    if (const auto at = FindUncountedSection(impl.file.Get(), impl.path)) {
+      const auto counted = static_cast<uint32_t>(impl.catalog->Roots());
+      impl.problems.push_back({"item at " + Hex(*at), UncountedReason(counted), false, *at});
     }
   }
   impl.info = Summarize(header, index, *impl.catalog);

@@ -4,7 +4,6 @@
 #include <cerrno>
 #include <vector>
 
-#include "capsule/host/concealed_section.h"
 #include "capsule/host/error.h"
 #include "capsule/host/header_map.h"
 #include "capsule/host/index_map.h"
@@ -12,6 +11,7 @@
 #include "capsule/host/reason.h"
 #include "capsule/host/scoped_descriptor.h"
 #include "capsule/host/section_map.h"
+#include "capsule/host/uncounted_section.h"
 #include "capsule/partition/record_format.h"
 
 namespace capsule::host {
@@ -94,8 +94,12 @@ class ImageMapper {
     const uint64_t left = m_Sink.FileBytes() - m_Sink.Position();
     const bool isOld = !hasIndex && summary.indexOffset == 0 && summary.headerProblem.empty();
     if (!isOld) return m_Sink.Gap(m_Sink.FileBytes(), "", "", NothingKnown(left));
+    if (left == 0) return;
+    const SectionScanner header(m_nDescriptor, m_strName);
+    const auto uncounted =
+        FindUncountedSection(m_nDescriptor, m_strName, header, m_Sink.Position());
     m_Sink.Gap(m_Sink.FileBytes(), "", "behind the last section",
-               left == 0 ? "" : ConcealedSection(m_nDescriptor, m_strName, m_Sink.Position()));
+               uncounted ? UncountedReason(header.SectionCount()) : "");
   }
 
   int m_nDescriptor;

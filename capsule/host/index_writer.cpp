@@ -14,13 +14,13 @@
 
 #include "capsule/container/index_format.h"
 #include "capsule/host/checksum.h"
-#include "capsule/host/concealed_section.h"
 #include "capsule/host/error.h"
 #include "capsule/host/file_window.h"
 #include "capsule/host/index_record_writer.h"
 #include "capsule/host/index_source.h"
 #include "capsule/host/reason.h"
 #include "capsule/host/section_scanner.h"
+#include "capsule/host/uncounted_section.h"
 #include "capsule/partition/record_format.h"
 #include "capsule/platform/file.h"
 #include "capsule/platform/little_endian.h"
@@ -29,9 +29,10 @@ namespace capsule::host {
 namespace {
 
 // What lies behind the last trailer is cut off, but not a section that a damaged header conceals.
-void RefuseToCutSection(int descriptor, const std::string& name, uint64_t end) {
-  const std::string concealed = ConcealedSection(descriptor, name, end);
-  if (!concealed.empty()) throw Error(name, concealed, end);
+void RefuseToCutSection(int descriptor, const std::string& name, const SectionScanner& scanner,
+                        uint64_t end) {
+  if (!FindUncountedSection(descriptor, name, scanner, end)) return;
+  throw Error(name, Hex(end) + ": " + UncountedReason(scanner.SectionCount()), end);
 }
 
 // Readers take the first records of the header for those of the sections.
@@ -87,8 +88,8 @@ struct IndexWriter::Plan {
 };
 
 IndexReport IndexWriter::Write(DamagedSections damaged) {
+  if (IsWithoutPartitions()) return {};
   Plan plan = Measure(damaged);
-  if (plan.report.sections == 0) return plan.report;
   const uint64_t end = plan.report.indexOffset;
   if (!plan.isDamaged) {
     const std::vector<unsigned char> noOffset(kHeaderSize);
@@ -108,13 +109,17 @@ IndexReport IndexWriter::Write(DamagedSections damaged) {
   return plan.report;
 }
 
+// Then there is nothing to index.
+bool IndexWriter::IsWithoutPartitions() const {
+  const SectionScanner scanner(m_nDescriptor, m_strName);
+  if (scanner.SectionCount() != 0) return false;
+  RefuseToCutSection(m_nDescriptor, m_strName, scanner, kHeaderSize);
+  return true;
+}
+
 IndexWriter::Plan IndexWriter::Measure(DamagedSections damaged) {
   const SectionScanner scanner(m_nDescriptor, m_strName);
   Plan plan;
-  if (scanner.SectionCount() == 0) {
-    RefuseToCutSection(m_nDescriptor, m_strName, kHeaderSize);
-    return plan;
-  }
   try {
     Count(&plan);
   } catch (const Error& error) {
@@ -134,7 +139,7 @@ IndexWriter::Plan IndexWriter::Measure(DamagedSections damaged) {
                                std::to_string(plan.report.imageBytes) + " bytes, " +
                                std::to_string(kMaxImageSize) + " are possible");
   }
-  RefuseToCutSection(m_nDescriptor, m_strName, plan.report.indexOffset);
+  RefuseToCutSection(m_nDescriptor, m_strName, scanner, plan.report.indexOffset);
   plan.isCompressed = scanner.Header().compressed;
   plan.header = CompleteHeader(scanner, plan.report.indexOffset, m_strName);
   return plan;

@@ -1,11 +1,9 @@
-#include "capsule/host/concealed_section.h"
+#include "capsule/host/uncounted_section.h"
 
 #include <algorithm>
 
 #include "capsule/host/error.h"
-#include "capsule/host/reason.h"
 #include "capsule/host/section_resync.h"
-#include "capsule/host/section_scanner.h"
 
 namespace capsule::host {
 namespace {
@@ -22,33 +20,33 @@ bool IsHeaderUnsure(const SectionScanner& scanner) {
   return std::any_of(rest.begin(), rest.end(), [](unsigned char b) { return b != 0; });
 }
 
-std::string ConcealedBy(const SectionScanner& scanner, FileWindow& window, uint64_t end) {
+}  // namespace
+
+std::optional<uint64_t> FindUncountedSection(int descriptor, const std::string& path,
+                                             const SectionScanner& scanner, uint64_t end) {
+  if (!IsHeaderUnsure(scanner)) return std::nullopt;
+  FileWindow window(descriptor, path);
   uint64_t work = 0;
   const ResyncRange range{.limit = end + kPartitionHeaderSize, .work = &work};
   const auto next = FindResumePoint(window, end, range);
-  if (!next || !next->startsSection || next->offset != end) return {};
-  return "section at " + Hex(end) + " is not one of the " + std::to_string(scanner.SectionCount()) +
-         " that the header tells of";
+  if (!next || !next->startsSection || next->offset != end) return std::nullopt;
+  return end;
 }
 
-}  // namespace
-
-std::string ConcealedSection(int descriptor, const std::string& name, uint64_t end) {
-  const SectionScanner scanner(descriptor, name);
-  FileWindow window(descriptor, name);
-  return IsHeaderUnsure(scanner) ? ConcealedBy(scanner, window, end) : "";
-}
-
-std::string ConcealedSection(int descriptor, const std::string& name) {
-  SectionScanner scanner(descriptor, name);
-  if (!IsHeaderUnsure(scanner)) return {};
+std::optional<uint64_t> FindUncountedSection(int descriptor, const std::string& path) {
+  SectionScanner scanner(descriptor, path);
+  if (!IsHeaderUnsure(scanner)) return std::nullopt;
   try {
     for (SectionItem item; scanner.Next(&item);) continue;
   } catch (const Error&) {
-    return {};
+    return std::nullopt;
   }
-  FileWindow window(descriptor, name);
-  return ConcealedBy(scanner, window, scanner.Position());
+  return FindUncountedSection(descriptor, path, scanner, scanner.Position());
+}
+
+std::string UncountedReason(uint32_t sectionCount) {
+  return "the section here is not one of the " + std::to_string(sectionCount) +
+         " that the header tells of";
 }
 
 }  // namespace capsule::host
