@@ -1,11 +1,13 @@
-// Damages ten images in many ways and judges what is read from each:
+// Damages twelve images in many ways and judges what is read from each:
 //   - no run takes more than 2 s of processor time, nor the program more than 256 MiB (without a
 //     sanitizer);
 //   - damage behind the header leaves every file whole whose own records, and whose folders'
 //     records, are untouched;
-//   - where the index has a check value, no file with other contents is read without complaint.
+//   - where the index has a check value, no file with other contents is read without complaint;
+//   - what `index` makes of it is right, see index_judge.h.
 //
-//   damage_campaign [--every N] [--part K/N] [--random COUNT] [--only IMAGE] [--keep FOLDER]
+//   damage_campaign [--every N] [--part K/N] [--random COUNT] [--index COUNT] [--only IMAGE]
+//                   [--keep FOLDER]
 //
 // `--every N` takes each N-th damage only; the figures say how many were taken. `--only` takes one
 // image, by its name in the figures; `--keep` puts the damaged image of each finding there.
@@ -24,6 +26,8 @@
 #include "capsule/host/index_writer.h"
 #include "capsule/host/verifier.h"
 #include "fuzz/damage_cases.h"
+#include "fuzz/index_judge.h"
+#include "tests/support/ntfs_section.h"
 #include "tests/support/temp_dir.h"
 
 namespace capsule::fuzz {
@@ -33,12 +37,14 @@ constexpr double kMostSeconds = 2;
 constexpr long kMostKilobytes = 256L << 10;
 constexpr size_t kTruncations = 20'000;  // of each seed
 constexpr size_t kVerifyEach = 8;
+constexpr size_t kImages = 12;
 
 struct Options {
   size_t every = 1;
   size_t part = 0;
   size_t parts = 1;
   size_t random = 100'000;
+  size_t index = 120'000;
   std::string only;
   std::string keep;
 };
@@ -64,7 +70,11 @@ class Campaign {
           [&](const TakeDamage& take) { VisitTruncations(seed, kTruncations, take); });
     Stage("bytes", [&](const TakeDamage& take) { VisitBytes(seed, take); });
     Stage("random",
-          [&](const TakeDamage& take) { VisitRandom(seed, m_Options.random / 10, 1, take); });
+          [&](const TakeDamage& take) { VisitRandom(seed, m_Options.random / kImages, 1, take); });
+    m_bIndexes = true;
+    Stage("index",
+          [&](const TakeDamage& take) { VisitMutants(seed, m_Options.index / kImages, 2, take); });
+    m_bIndexes = false;
   }
 
   bool Finish() {
@@ -102,6 +112,18 @@ class Campaign {
     const std::string path = m_Folder / "damaged.cap";
     test::WriteFile(path, damage.bytes);
     const std::clock_t start = std::clock();
+    if (m_bIndexes) {
+      JudgeIndex(damage, path);
+    } else {
+      JudgeReading(damage, path);
+    }
+    const double seconds = static_cast<double>(std::clock() - start) / CLOCKS_PER_SEC;
+    m_Figures.slowest = std::max(m_Figures.slowest, seconds);
+    if (seconds > kMostSeconds) Find(damage, "takes " + std::to_string(seconds) + " s");
+    ++m_Figures.runs;
+  }
+
+  void JudgeReading(const DamageCase& damage, const std::string& path) {
     try {
       const host::Image image(path, host::Opening::Salvage);
       ++m_Figures.opened;
@@ -112,10 +134,12 @@ class Campaign {
       }
     }
     if (m_Figures.runs % kVerifyEach == 0) Verify(path);
-    const double seconds = static_cast<double>(std::clock() - start) / CLOCKS_PER_SEC;
-    m_Figures.slowest = std::max(m_Figures.slowest, seconds);
-    if (seconds > kMostSeconds) Find(damage, "takes " + std::to_string(seconds) + " s");
-    ++m_Figures.runs;
+  }
+
+  void JudgeIndex(const DamageCase& damage, const std::string& path) {
+    const IndexJudgement judgement = JudgeIndexing(*m_pSeed, path);
+    if (judgement.isWritten) ++m_Figures.opened;
+    if (!judgement.finding.empty()) Find(damage, judgement.finding);
   }
 
   static void Verify(const std::string& path) {
@@ -159,6 +183,7 @@ class Campaign {
   test::TempDir m_Folder;
   const test::DamageSeed* m_pSeed = nullptr;
   std::string m_strName;
+  bool m_bIndexes = false;  // what `index` makes of the damage is judged
   Figures m_Figures;
   size_t m_nCase = 0;
   size_t m_nRuns = 0;
@@ -188,6 +213,15 @@ void Build(const std::filesystem::path& folder, const std::string& image, int le
   builder.Finish();
 }
 
+// An NTFS partition of a real volume whose folders have compressed index blocks.
+void BuildNtfs(const std::string& image) {
+  const test::NtfsVolume volume(test::UnpackVolume("vol_flat.ntfs"));
+  test::ForeignImage foreign({});
+  PutNtfsSection(foreign, volume, {});
+  const test::Bytes bytes = foreign.Finish();
+  test::WriteFile(image, std::string(bytes.begin(), bytes.end()));
+}
+
 bool RunAll(const Options& options) {
   const test::TempDir folder;
   Campaign campaign(options);
@@ -201,8 +235,12 @@ bool RunAll(const Options& options) {
                            "h_compact_scrambled.img", "n_flat_old.img"}) {
     sample(name, false);
   }
+  sample("faults/n_synthetic.img", false);
   sample("w_names.img", true);
   sample("h_compact_scrambled.img", true);
+  const std::string ntfs = folder / "ntfs.cap";
+  BuildNtfs(ntfs);
+  campaign.Run("NTFS volume", ntfs);
   for (const int level : {0, 5}) {
     const std::string path = folder / "built.cap";
     Build(folder / ("level" + std::to_string(level)), path, level);
@@ -222,6 +260,7 @@ int main(int argc, char** argv) {
     const size_t value = std::strtoul(argv[i + 1], &end, 10);
     if (name == "--every") options.every = std::max<size_t>(value, 1);
     if (name == "--random") options.random = value;
+    if (name == "--index") options.index = value;
     if (name == "--only") options.only = argv[i + 1];
     if (name == "--keep") options.keep = argv[i + 1];
     if (name == "--part") {

@@ -95,4 +95,17 @@ void VisitRandom(const test::DamageSeed& seed, size_t count, uint32_t generator,
   }
 }
 
+void VisitMutants(const test::DamageSeed& seed, size_t count, uint32_t generator,
+                  const TakeDamage& take) {
+  std::mt19937 random(generator);
+  std::string bytes = seed.Bytes();
+  for (size_t i = 0; i < count - count / 2; ++i) {
+    const size_t at = static_cast<size_t>(random()) % bytes.size();
+    bytes[at] = static_cast<char>(bytes[at] ^ (1 << random() % 8));
+    take({bytes, at, at + 1, at < kHeaderSize});
+    bytes[at] = seed.Bytes()[at];
+  }
+  VisitRandom(seed, count / 2, generator, take);
+}
+
 }  // namespace capsule::fuzz

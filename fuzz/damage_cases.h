@@ -31,4 +31,8 @@ void VisitBytes(const test::DamageSeed& seed, const TakeDamage& take);
 void VisitRandom(const test::DamageSeed& seed, size_t count, uint32_t generator,
                  const TakeDamage& take);
 
+// `count` times: one bit anywhere, or what VisitRandom does, in turn.
+void VisitMutants(const test::DamageSeed& seed, size_t count, uint32_t generator,
+                  const TakeDamage& take);
+
 }  // namespace capsule::fuzz

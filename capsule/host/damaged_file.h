@@ -29,12 +29,14 @@ struct LostRange {
   std::string reason;  // one line, lower-case
 };
 
-// A part of a file, as it is handed out in order. Data and lost parts cover what was asked for,
-// each byte once.
+// A part of a file, as it is handed out in order. Data, lost and claimed parts cover what
+// was asked for, each byte once.
 struct FilePiece {
   enum class Kind {
     Data,       // `bytes`, none of which hangs on damaged records
     Lost,       // `length` bytes from `offset` on are not known
+    Claimed,    // the same at the end of a file, but nothing in the image can have stood for them:
+                // the size that the file's entry states is wrong, and no zeros are put there
     Unplaced,   // `bytes` are whole, but belong anywhere in the lost part that follows; handed
                 // out only when the whole file is asked for
     Uncertain,  // said once, at the end: `length` bytes from `offset` on, see LostRange
@@ -49,7 +51,8 @@ struct FilePiece {
 // The range that a piece tells to be lost or uncertain.
 inline std::optional<LostRange> LostIn(const FilePiece& piece) {
   const bool isUncertain = piece.kind == FilePiece::Kind::Uncertain;
-  if (piece.kind != FilePiece::Kind::Lost && !isUncertain) return std::nullopt;
+  const bool isLost = piece.kind == FilePiece::Kind::Lost || piece.kind == FilePiece::Kind::Claimed;
+  if (!isLost && !isUncertain) return std::nullopt;
   return LostRange{piece.offset, piece.length, isUncertain, piece.reason};
 }
 

@@ -9,8 +9,11 @@
 #include "capsule/host/file_window.h"
 #include "capsule/host/image_open.h"
 #include "capsule/host/reason.h"
+#include "capsule/host/record_judge.h"
 #include "capsule/host/salvage_tree.h"
 #include "capsule/host/scoped_descriptor.h"
+#include "capsule/host/uncounted_section.h"
+#include "capsule/partition/record_format.h"
 #include "capsule/platform/file.h"
 
 namespace capsule::host {
@@ -106,8 +109,40 @@ std::optional<ImageProblem> JudgeHeader(int descriptor, const std::string& path,
   RunningChecksum checksum;
   checksum.Update(window.At(0, kHeaderSize));
   if (checksum.Value() == *index.headerCheck) return std::nullopt;
-  return ImageProblem{"header", "check value is " + ChecksumDigits(*index.headerCheck) +
-                                    ", its bytes give " + ChecksumDigits(checksum.Value())};
+  return ImageProblem{"header",
+                      "check value is " + ChecksumDigits(*index.headerCheck) + ", its bytes give " +
+                          ChecksumDigits(checksum.Value()),
+                      false, 0};
+}
+
+bool HasPartitions(const DecodedHeader& header) {
+  return std::any_of(header.partitions.begin(), header.partitions.end(), IsInUse);
+}
+
+// Sizes that nothing in the image can stand for. NTFS keeps its own files in the root, and writers
+// leave their data out.
+void JudgeSizes(const Catalog& catalog, const ImageInfo& info,
+                std::vector<ImageProblem>* problems) {
+  for (uint32_t id = catalog.Roots(); id < catalog.Size(); ++id) {
+    const CatalogNode& node = catalog.Node(id);
+    const bool ofNtfs = info.partitions[node.partition].systemId == kSystemIdNtfs;
+    const bool isLeftOut = ofNtfs && node.parent < catalog.Roots() && node.name.starts_with('$');
+    if (node.isDirectory || isLeftOut) continue;
+    std::string problem = JudgeSize(node.size, node.dataLimit - node.offset);
+    if (problem.empty()) continue;
+    problems->push_back({catalog.At(id).Path(), std::move(problem), false, node.offset});
+  }
+}
+
+// A size may be anything: what it claims beyond all that the file's records can have held is not
+// there.
+void ReadWhatIsHeld(const RecordSource& source, const std::string& problem, uint64_t begin,
+                    uint64_t end, const TakePiece& take) {
+  const uint64_t room = source.limit - source.fileRecord;
+  const uint64_t held = std::max(begin, std::min(end, MostBytesIn(room)));
+  DamagedReader(source, problem, begin, held, take).Run();
+  if (held == end) return;
+  take({FilePiece::Kind::Claimed, held, end - held, {}, JudgeSize(source.size, room)});
 }
 
 // Takes "N:" from the front of `path`; partition 0 without it, none when N is out of reach.
@@ -132,6 +167,7 @@ Image::Image(const std::filesystem::path& path, Opening opening)
   const DecodedHeader header = ReadImageHeader(impl.file.Get(), impl.path, length);
   IndexContents index;
   std::string scanReason;
+  const bool isEmpty = !HasPartitions(header);
   try {
     CheckIndexOffset(header, impl.path, length);
     index = CheckIndex(impl.file.Get(), impl.path, header.indexOffset, length,
@@ -144,15 +180,21 @@ Image::Image(const std::filesystem::path& path, Opening opening)
   } catch (const ShortageError&) {
     throw;
   } catch (const Error& error) {
-    if (opening == Opening::Strict) throw;
-    scanReason = error.Reason();
+    const bool isWithoutIndex = isEmpty && header.indexOffset == 0;
+    if (opening == Opening::Strict && !isWithoutIndex) throw;
+    if (!isWithoutIndex) scanReason = error.Reason();
     impl.problems.clear();
     impl.catalog = SalvageCatalog(
         impl.file.Get(), impl.path, index,
         LimitOfSections(impl.file.Get(), impl.path, header, index, length), &impl.problems);
-    if (impl.catalog->Size() == 0) throw;
+    if (impl.catalog->Size() == 0 && !isEmpty) throw;
+    if (const auto at = FindUncountedSection(impl.file.Get(), impl.path)) {
+      const auto counted = static_cast<uint32_t>(impl.catalog->Roots());
+      impl.problems.push_back({"item at " + Hex(*at), UncountedReason(counted), false, *at});
+    }
   }
   impl.info = Summarize(header, index, *impl.catalog);
+  JudgeSizes(*impl.catalog, impl.info, &impl.problems);
   if (auto wrong = JudgeHeader(impl.file.Get(), impl.path, index)) {
     impl.problems.push_back(*std::move(wrong));
     // Its flag may be damaged. Stored records say by themselves that they are; what is compressed
@@ -229,7 +271,7 @@ void Image::ReadDamaged(const Entry& entry, uint64_t offset, uint64_t length,
   unchecked.check.reset();
   const bool onlyCheckFails = !problem.empty() && source.check && ProblemOf(unchecked).empty();
   if (!problem.empty() && !onlyCheckFails) {
-    return DamagedReader(source, problem, begin, end, take).Run();
+    return ReadWhatIsHeld(source, problem, begin, end, take);
   }
   FileReader reader = ReaderOf(std::move(unchecked));
   std::vector<unsigned char> bytes(kPieceSize);

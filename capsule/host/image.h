@@ -56,7 +56,8 @@ struct ImageInfo {
 struct ImageProblem {
   std::string path;  // "N:/folder/file", "header", or where in the image the records of an item are
   std::string reason;
-  bool isLeftOut = false;  // the tree has no place for it
+  bool isLeftOut = false;               // the tree has no place for it
+  std::optional<uint64_t> offset = {};  // where in the image, when that is known
 };
 
 // What to do when the index is missing or damaged, or the tree cannot be read through it.

@@ -1,5 +1,6 @@
 #include "capsule/host/image_map.h"
 
+#include <algorithm>
 #include <cerrno>
 #include <vector>
 
@@ -10,6 +11,7 @@
 #include "capsule/host/reason.h"
 #include "capsule/host/scoped_descriptor.h"
 #include "capsule/host/section_map.h"
+#include "capsule/host/uncounted_section.h"
 #include "capsule/partition/record_format.h"
 
 namespace capsule::host {
@@ -19,8 +21,7 @@ namespace {
 std::vector<uint8_t> SectionsOf(const DecodedHeader& header) {
   std::vector<uint8_t> ids;
   for (const _Partition& record : header.partitions) {
-    const auto bytes = EncodePartition(record);
-    if (bytes != decltype(bytes){}) ids.push_back(record.SystemId);
+    if (IsInUse(record)) ids.push_back(record.SystemId);
   }
   return ids;
 }
@@ -28,7 +29,7 @@ std::vector<uint8_t> SectionsOf(const DecodedHeader& header) {
 class ImageMapper {
  public:
   ImageMapper(int descriptor, const std::string& name, MapSink& sink)
-      : m_nDescriptor(descriptor), m_Window(descriptor, name), m_Sink(sink) {}
+      : m_nDescriptor(descriptor), m_strName(name), m_Window(descriptor, name), m_Sink(sink) {}
 
   void Map() {
     const auto stored = m_Window.At(0, kHeaderSize);
@@ -41,6 +42,7 @@ class ImageMapper {
     summary.indexOffset = header.decoded->indexOffset;
     const bool hasIndex = LooksLikeIndex(m_Window, summary.indexOffset, m_Sink.FileBytes());
     MapSections(*header.decoded, hasIndex ? summary.indexOffset : m_Sink.FileBytes());
+    if (hasIndex) MapPlaceholder(summary.indexOffset);
     if (hasIndex) MapIndex(m_nDescriptor, m_Window, summary.indexOffset, m_Sink);
     MapEnd(hasIndex);
   }
@@ -71,16 +73,37 @@ class ImageMapper {
     }
   }
 
-  // Without an index, what lies behind the last section is of an older, longer file.
+  // Between the sections and the index there may be a zero entry for partitions not in use.
+  void MapPlaceholder(uint64_t indexOffset) {
+    const auto zero = EncodeZeroEntry();
+    const auto bytes = m_Window.At(m_Sink.Position(), zero.size());
+    const bool fits = m_Sink.Position() + zero.size() <= indexOffset;
+    if (!fits || !std::equal(zero.begin(), zero.end(), bytes.begin(), bytes.end())) return;
+    MapItem item;
+    item.kind = MapItem::Kind::ZeroEntry;
+    item.offset = m_Sink.Position();
+    item.length = zero.size();
+    item.text = "stands for partitions not in use";
+    m_Sink.Add(item);
+  }
+
+  // Without an index, what lies behind the last section is of an older, longer file, unless it is a
+  // section that the header should count.
   void MapEnd(bool hasIndex) {
     const MapSummary& summary = m_Sink.Summary();
     const uint64_t left = m_Sink.FileBytes() - m_Sink.Position();
     const bool isOld = !hasIndex && summary.indexOffset == 0 && summary.headerProblem.empty();
-    m_Sink.Gap(m_Sink.FileBytes(), "", isOld ? "behind the last section" : "",
-               isOld ? "" : NothingKnown(left));
+    if (!isOld) return m_Sink.Gap(m_Sink.FileBytes(), "", "", NothingKnown(left));
+    if (left == 0) return;
+    const SectionScanner header(m_nDescriptor, m_strName);
+    const auto uncounted =
+        FindUncountedSection(m_nDescriptor, m_strName, header, m_Sink.Position());
+    m_Sink.Gap(m_Sink.FileBytes(), "", "behind the last section",
+               uncounted ? UncountedReason(header.SectionCount()) : "");
   }
 
   int m_nDescriptor;
+  const std::string& m_strName;
   FileWindow m_Window;
   MapSink& m_Sink;
 };

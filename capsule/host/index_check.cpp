@@ -10,6 +10,7 @@
 #include "capsule/host/path_hash.h"
 #include "capsule/host/reason.h"
 #include "capsule/host/restart_point.h"
+#include "capsule/partition/record_format.h"
 #include "capsule/platform/byte_reader.h"
 #include "capsule/platform/file.h"
 #include "capsule/platform/little_endian.h"
@@ -134,10 +135,25 @@ void KeepNote(const IndexRecord& note, const IndexRecord& item, uint64_t place,
   if (const auto point = RestartPointOf(note, place)) contents->restarts.push_back(*point);
 }
 
+// The first of `offsets`, in ascending order, that readers would read as an item more than once.
+std::optional<uint32_t> FirstReadTwice(const std::vector<uint32_t>& offsets, FileWindow& window) {
+  auto at = std::adjacent_find(offsets.begin(), offsets.end());
+  while (at != offsets.end() && IsReadAsNothing(window, *at)) {
+    at = std::adjacent_find(std::upper_bound(at, offsets.end(), *at), offsets.end());
+  }
+  return at == offsets.end() ? std::nullopt : std::optional(*at);
+}
+
 }  // namespace
 
 uint32_t IndexContents::LimitOf(uint32_t offset) const {
   return *std::upper_bound(boundaries.begin(), boundaries.end() - 1, offset);
+}
+
+bool IsReadAsNothing(FileWindow& window, uint64_t offset) {
+  const auto bytes = window.At(offset, kDirRecordSize);
+  return bytes.size() == kDirRecordSize &&
+         DecodeShortEntry(bytes.last<kDirEntrySize>()).Name[0] == 0;
 }
 
 IndexContents CheckIndex(int descriptor, const std::string& path, uint64_t indexOffset,
@@ -165,8 +181,10 @@ IndexContents CheckIndex(int descriptor, const std::string& path, uint64_t index
   }
   for (auto* offsets : {&contents.items, &contents.entries, &contents.sections}) {
     std::sort(offsets->begin(), offsets->end());
-    const auto twice = std::adjacent_find(offsets->begin(), offsets->end());
-    if (twice != offsets->end()) walk.Fail("index names the item at " + Hex(*twice) + " twice");
+  }
+  FileWindow window(descriptor, path);
+  if (const auto twice = FirstReadTwice(contents.items, window)) {
+    walk.Fail("index names the item at " + Hex(*twice) + " twice");
   }
   const auto byOffset = [](const auto& a, const auto& b) { return a.offset < b.offset; };
   std::sort(contents.checks.begin(), contents.checks.end(), byOffset);

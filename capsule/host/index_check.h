@@ -8,6 +8,7 @@
 
 #include "capsule/container/index_format.h"
 #include "capsule/host/file_check.h"
+#include "capsule/host/file_window.h"
 
 namespace capsule::host {
 
@@ -49,8 +50,13 @@ struct IndexContents {
 };
 
 // `descriptor`: the image at `path`, `fileSize` bytes long. Throws host::Error when the index ends
-// too early, its check value does not hold, or two of its records name the same item.
+// too early, its check value does not hold, or two of its records name the same item, unless it is
+// read as nothing.
 IndexContents CheckIndex(int descriptor, const std::string& path, uint64_t indexOffset,
                          uint64_t fileSize, bool keepRecords = false);
+
+// Whether readers take the record at `offset` for nothing: a zero entry, or the end of NTFS
+// records. Writers name one for all partitions that are not in use.
+bool IsReadAsNothing(FileWindow& window, uint64_t offset);
 
 }  // namespace capsule::host

@@ -5,6 +5,7 @@
 #include "capsule/container/header_format.h"
 #include "capsule/container/index_format.h"
 #include "capsule/host/checksum.h"
+#include "capsule/host/index_check.h"
 #include "capsule/host/reason.h"
 #include "capsule/host/restart_point.h"
 #include "capsule/partition/record_format.h"
@@ -88,15 +89,25 @@ void IndexVerifier::Mark(const std::vector<uint32_t>& places, std::vector<bool>*
                          const MapItem& item) {
   const auto place = std::lower_bound(places.begin(), places.end(), item.target);
   const auto number = static_cast<size_t>(place - places.begin());
-  if (place == places.end() || *place != item.target) {
+  const bool isKnown = place != places.end() && *place == item.target;
+  if (!isKnown && StandsForUnused(item)) return;
+  if (!isKnown) {
     m_Report(item.offset, m_strLastPath,
              "index names " + Hex(item.target) + ", where no " +
                  (item.type == kIndexSection ? "section" : "item") + " begins");
-  } else if ((*named)[number]) {
+  } else if ((*named)[number] && !IsReadAsNothing(m_Window, item.target)) {
     m_Report(item.offset, m_strLastPath, "index names " + Hex(item.target) + " twice");
   } else {
     (*named)[number] = true;
   }
+}
+
+// Writers that give every record of the header a section name one that is not there, with a zero
+// entry, behind those that are.
+bool IndexVerifier::StandsForUnused(const MapItem& item) {
+  if (m_bChecked) return false;
+  if (item.type == kIndexSection) return m_nSectionsNamed > m_Sections.size();
+  return IsReadAsNothing(m_Window, item.target);
 }
 
 void IndexVerifier::TakeNote(const MapItem& item) {

@@ -42,6 +42,7 @@ class IndexVerifier {
   void TakeRecord(const MapItem& item);
   void TakeNote(const MapItem& item);
   void TakeRestart(const MapItem& item);
+  bool StandsForUnused(const MapItem& item);
   void Mark(const std::vector<uint32_t>& places, std::vector<bool>* named, const MapItem& item);
   bool Read(uint64_t begin, uint64_t end,
             const std::function<void(std::span<const unsigned char>)>& take);

@@ -19,8 +19,8 @@
 #include "capsule/host/index_record_writer.h"
 #include "capsule/host/index_source.h"
 #include "capsule/host/reason.h"
-#include "capsule/host/section_resync.h"
 #include "capsule/host/section_scanner.h"
+#include "capsule/host/uncounted_section.h"
 #include "capsule/partition/record_format.h"
 #include "capsule/platform/file.h"
 #include "capsule/platform/little_endian.h"
@@ -28,39 +28,17 @@
 namespace capsule::host {
 namespace {
 
-// Whether the header counts more sections than it has records of, has records that it does not
-// count, or is of a kind in which a damaged count cannot be told from a true one.
-bool IsHeaderUnsure(const SectionScanner& scanner) {
-  const size_t count = scanner.SectionCount();
-  if (scanner.Header().partitions.size() != count) return true;
-  if (scanner.Header().layout != HeaderLayout::Fixed || scanner.IsScrambled()) return true;
-  const auto rest = scanner.RawHeader()
-                        .subspan(kPartitionRecordsOffset, kPartitionRecordSize * kMaxPartitions)
-                        .subspan(kPartitionRecordSize * count);
-  return std::any_of(rest.begin(), rest.end(), [](unsigned char b) { return b != 0; });
-}
-
 // What lies behind the last trailer is cut off, but not a section that a damaged header conceals.
 void RefuseToCutSection(int descriptor, const std::string& name, const SectionScanner& scanner,
                         uint64_t end) {
-  if (!IsHeaderUnsure(scanner)) return;
-  FileWindow window(descriptor, name);
-  uint64_t work = 0;
-  const ResyncRange range{.limit = end + kPartitionHeaderSize, .work = &work};
-  const auto next = FindResumePoint(window, end, range);
-  if (!next || !next->startsSection || next->offset != end) return;
-  throw Error(name,
-              "section at " + Hex(end) + " is not one of the " +
-                  std::to_string(scanner.SectionCount()) + " that the header tells of",
-              end);
+  if (!FindUncountedSection(descriptor, name, scanner, end)) return;
+  throw Error(name, Hex(end) + ": " + UncountedReason(scanner.SectionCount()), end);
 }
 
 // Readers take the first records of the header for those of the sections.
 bool ComeFirst(const DecodedHeader& header, size_t sectionCount) {
   const auto end = header.partitions.begin() + static_cast<std::ptrdiff_t>(sectionCount);
-  return std::none_of(header.partitions.begin(), end, [](const _Partition& record) {
-    return EncodePartition(record) == decltype(EncodePartition(record)){};
-  });
+  return std::all_of(header.partitions.begin(), end, IsInUse);
 }
 
 // The header as it will be stored.
@@ -110,6 +88,7 @@ struct IndexWriter::Plan {
 };
 
 IndexReport IndexWriter::Write(DamagedSections damaged) {
+  if (IsWithoutPartitions()) return {};
   Plan plan = Measure(damaged);
   const uint64_t end = plan.report.indexOffset;
   if (!plan.isDamaged) {
@@ -130,9 +109,16 @@ IndexReport IndexWriter::Write(DamagedSections damaged) {
   return plan.report;
 }
 
+// Then there is nothing to index.
+bool IndexWriter::IsWithoutPartitions() const {
+  const SectionScanner scanner(m_nDescriptor, m_strName);
+  if (scanner.SectionCount() != 0) return false;
+  RefuseToCutSection(m_nDescriptor, m_strName, scanner, kHeaderSize);
+  return true;
+}
+
 IndexWriter::Plan IndexWriter::Measure(DamagedSections damaged) {
   const SectionScanner scanner(m_nDescriptor, m_strName);
-  if (scanner.SectionCount() == 0) throw Error(m_strName, "has no partitions to index");
   Plan plan;
   try {
     Count(&plan);

@@ -82,6 +82,8 @@ class CAPSULE_API IndexWriter {
   IndexReport Write(DamagedSections damaged = DamagedSections::Refuse);
 
  private:
+  bool IsWithoutPartitions() const;
+
   struct Plan;
   Plan Measure(DamagedSections damaged);
   void Count(Plan* plan);

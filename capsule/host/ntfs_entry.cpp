@@ -14,15 +14,47 @@
 namespace capsule::host {
 namespace {
 
+constexpr std::array<unsigned char, 4> kFileMagic{'F', 'I', 'L', 'E'};
+constexpr std::array<unsigned char, 4> kIndexMagic{'I', 'N', 'D', 'X'};
+constexpr int kMostOthers = 1024;  // records of unknown types in a row
+
+bool BeginsWith(std::span<const unsigned char> bytes, const std::array<unsigned char, 4>& mark) {
+  return bytes.size() >= mark.size() && std::equal(mark.begin(), mark.end(), bytes.begin());
+}
+
 // One or more: those behind the first must say that they are.
 bool AreFileRecords(std::span<const unsigned char> bytes) {
-  constexpr std::array<unsigned char, 4> kMagic{'F', 'I', 'L', 'E'};
   if (bytes.empty() || bytes.size() % kFileRecordSize != 0) return false;
   for (size_t at = kFileRecordSize; at < bytes.size(); at += kFileRecordSize) {
-    const auto start = bytes.subspan(at, kMagic.size());
-    if (!std::equal(kMagic.begin(), kMagic.end(), start.begin())) return false;
+    if (!BeginsWith(bytes.subspan(at), kFileMagic)) return false;
   }
   return true;
+}
+
+// Whether the record holds what only records of known types do.
+bool HoldsKnownBytes(FileWindow& window, uint64_t offset, const _NTFSMiniHeader& header,
+                     bool compressed, UnitDecoder decoder) {
+  if (header.UncompressedLength > kMaxExpansion * header.Length) return false;
+  std::vector<unsigned char> bytes;
+  const auto payload = window.At(offset + kNtfsHeaderSize, header.Length);
+  if (!DecodeNtfsPayload(header, payload, compressed, decoder, &bytes)) return false;
+  return BeginsWith(bytes, kFileMagic) || BeginsWith(bytes, kIndexMagic);
+}
+
+// The header at `offset` when its type is not known and its record fits.
+std::optional<_NTFSMiniHeader> OtherNtfsRecordAt(FileWindow& window, uint64_t offset,
+                                                 uint64_t limit) {
+  if (offset + kNtfsHeaderSize > limit) return std::nullopt;
+  const auto bytes = window.At(offset, kNtfsHeaderSize);
+  const auto isZero = [](unsigned char b) { return b == 0; };
+  if (bytes.size() < kNtfsHeaderSize || std::all_of(bytes.begin(), bytes.end(), isZero)) {
+    return std::nullopt;
+  }
+  const _NTFSMiniHeader header = DecodeNtfsHeader(bytes.first<kNtfsHeaderSize>());
+  const bool fits = offset + kNtfsHeaderSize + header.Length <= limit;
+  const bool isSection = bytes[0] == 0xAB && bytes[1] == 0xCD;
+  if (!fits || isSection || IsNtfsType(header.RecordType)) return std::nullopt;
+  return header;
 }
 
 class NtfsEntryReader {
@@ -36,7 +68,14 @@ class NtfsEntryReader {
       const auto header = NtfsRecordAt(m_Window, at, m_nLimit);
       const bool isFirst = at == offset;
       if (isFirst && !header) Fail(at, "no record of an NTFS section");
-      if (!isFirst && (!header || BeginsNtfsEntry(header->RecordType))) break;
+      if (!isFirst && !header) {
+        const uint64_t next =
+            EndOfOtherNtfsRecords(m_Window, at, m_nLimit, m_bCompressed, m_Decoder);
+        if (next == at) break;
+        at = next;
+        continue;
+      }
+      if (!isFirst && BeginsNtfsEntry(header->RecordType)) break;
       if (isFirst) m_Found.isDirectory = header->RecordType == kNtfsDirectoryRecord;
       const std::string problem = TakeRecord(*header, at);
       if (isFirst && !problem.empty()) Fail(at, problem);
@@ -127,9 +166,26 @@ std::optional<_NTFSMiniHeader> NtfsRecordAt(FileWindow& window, uint64_t offset,
   const auto bytes = window.At(offset, kNtfsHeaderSize);
   if (bytes.size() < kNtfsHeaderSize) return std::nullopt;
   const _NTFSMiniHeader header = DecodeNtfsHeader(bytes.first<kNtfsHeaderSize>());
-  const bool known = header.RecordType >= kNtfsDirectoryRecord && header.RecordType <= kNtfsEnd;
-  if (!known || offset + kNtfsHeaderSize + header.Length > limit) return std::nullopt;
+  if (!IsNtfsType(header.RecordType) || offset + kNtfsHeaderSize + header.Length > limit)
+    return std::nullopt;
   return header;
+}
+
+uint64_t EndOfOtherNtfsRecords(FileWindow& window, uint64_t offset, uint64_t limit, bool compressed,
+                               const UnitDecoder& decoder) {
+  uint64_t end = offset;
+  for (int count = 0; count < kMostOthers; ++count) {
+    const auto other = OtherNtfsRecordAt(window, end, limit);
+    if (!other) break;
+    end += kNtfsHeaderSize + uint64_t{other->Length};
+  }
+  if (end != limit && !NtfsRecordAt(window, end, limit)) return offset;
+  for (uint64_t at = offset; at < end;) {
+    const auto other = OtherNtfsRecordAt(window, at, limit);
+    if (!other || HoldsKnownBytes(window, at, *other, compressed, decoder)) return at;
+    at += kNtfsHeaderSize + uint64_t{other->Length};
+  }
+  return end;
 }
 
 _MiniHeader ToMiniHeader(const _NTFSMiniHeader& header) {

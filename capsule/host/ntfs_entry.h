@@ -36,6 +36,13 @@ NtfsEntry ReadNtfsEntry(FileWindow& window, uint64_t offset, uint64_t limit, boo
 // The header at `offset`, or none when no record that fits is there.
 std::optional<_NTFSMiniHeader> NtfsRecordAt(FileWindow& window, uint64_t offset, uint64_t limit);
 
+// Where records of types that are not known end, which are stepped over: one or more of them, from
+// `offset` on, that lead to a record that is known, or to `limit`. `offset` itself when none begins
+// there. A record that holds FILE records or index blocks is none of them: its type is damaged.
+// `decoder`: as behind the unit before.
+uint64_t EndOfOtherNtfsRecords(FileWindow& window, uint64_t offset, uint64_t limit, bool compressed,
+                               const UnitDecoder& decoder);
+
 // The fields that records of both kinds of sections have.
 _MiniHeader ToMiniHeader(const _NTFSMiniHeader& header);
 

@@ -39,4 +39,10 @@ std::optional<DataRecord> DecodeDataRecord(std::span<const unsigned char> bytes,
 bool IsWholeDataRecord(std::span<const unsigned char> bytes, bool imageIsCompressed,
                        bool ntfs = false);
 
+// What `room` bytes of records can stand for at most; no file is longer than an image can be.
+uint64_t MostBytesIn(uint64_t room);
+
+// What is wrong with the size that the entry of a file with this much room states, or nothing.
+std::string JudgeSize(uint64_t size, uint64_t room);
+
 }  // namespace capsule::host

@@ -6,11 +6,10 @@
 
 #include "capsule/blocks/data_block_format.h"
 #include "capsule/host/record_survey.h"
+#include "capsule/host/unit_decoder.h"
 
 namespace capsule::host {
 namespace {
-
-constexpr uint64_t kMaxExpansion = 30;
 
 class Places {
  public:

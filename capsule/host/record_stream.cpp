@@ -8,6 +8,7 @@
 #include "capsule/blocks/data_block_format.h"
 #include "capsule/host/error.h"
 #include "capsule/host/reason.h"
+#include "capsule/host/record_judge.h"
 #include "capsule/host/restart_point.h"
 #include "capsule/partition/ntfs_format.h"
 #include "capsule/partition/record_format.h"
@@ -19,7 +20,6 @@ namespace {
 constexpr size_t kWindowSize = 128 * 1024;  // holds any record: 8 + 65535 bytes
 constexpr size_t kMostMarks = 64;
 constexpr uint64_t kMarkDistance = 256 * 1024;
-constexpr uint64_t kMaxExpansion = 30;  // a group of 4 bits stands for up to 15 bytes
 
 std::string Count(uint64_t n) { return std::to_string(n); }
 
@@ -38,10 +38,8 @@ RecordStream::RecordStream(RecordSource source)
     CheckEmpty();
     Restart();
   }
-  if (!m_bResident && m_Source.size > room * kMaxExpansion) {
-    Fail("its entry states " + Count(m_Source.size) + " bytes, but " + Count(room) +
-         " bytes of records cannot hold them");
-  }
+  const std::string problem = m_bResident ? "" : JudgeSize(m_Source.size, room);
+  if (!problem.empty()) Fail(problem);
 }
 
 void RecordStream::Restart() {

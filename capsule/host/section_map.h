@@ -52,6 +52,7 @@ class SectionMap {
 
   bool IsFatRecordAt(uint64_t offset);
   bool IsNtfsRecordAt(uint64_t offset);
+  bool IsOtherRecordHere();
   int SectionMarksAt(uint64_t offset);
   uint64_t FindFatRecord(uint64_t offset);
   uint64_t FindNtfsRecord(uint64_t offset);
@@ -70,7 +71,8 @@ class SectionMap {
   std::vector<unsigned char> m_PieceUnits;   // their name bytes
   std::vector<unsigned char> m_PieceChecks;  // ordinal and checksum of each
   OpenFolders m_Folders;
-  std::string m_strFile;  // path of what data blocks belong to
+  uint64_t m_nOthersEnd = 0;  // of records of unknown types that are told one by one
+  std::string m_strFile;      // path of what data blocks belong to
   bool m_bTakesData = false;
   bool m_bLastSeen = false;
   uint64_t m_nFileBytes = 0;  // that the records so far stand for

@@ -38,6 +38,7 @@ std::string KindOf(uint32_t type) {
     case kNtfsEnd:
       return "end of the records";
     default:
+      if (!IsNtfsType(type)) return "not known";
       return IsNtfsData(type) ? "data" : "further FILE record";
   }
 }
@@ -45,7 +46,7 @@ std::string KindOf(uint32_t type) {
 }  // namespace
 
 bool SectionMap::MapNtfsRecord() {
-  if (!IsNtfsRecordAt(Here())) return false;
+  if (!IsNtfsRecordAt(Here()) && !IsOtherRecordHere()) return false;
   const _NTFSMiniHeader header =
       DecodeNtfsHeader(m_Window.At(Here(), kNtfsHeaderSize).first<kNtfsHeaderSize>());
   const uint32_t type = header.RecordType;
@@ -90,6 +91,14 @@ void SectionMap::DescribeFileRecord(const _NTFSMiniHeader& header, MapItem* item
   const std::string name = NameIn(std::span(record).first<kFileRecordSize>());
   item->text += ", \"" + name + "\"";
   if (!name.empty()) m_strFile = Count(static_cast<uint64_t>(m_nSection)) + ":…/" + name;
+}
+
+bool SectionMap::IsOtherRecordHere() {
+  if (Here() < m_nOthersEnd) return true;
+  UnitDecoder decoder;
+  decoder.Pretend(0);
+  m_nOthersEnd = EndOfOtherNtfsRecords(m_Window, Here(), m_nEnd, m_bCompressed, decoder);
+  return Here() < m_nOthersEnd;
 }
 
 bool SectionMap::IsNtfsRecordAt(uint64_t offset) {

@@ -61,7 +61,7 @@ void SectionScanner::ReadHeader() {
   if (!header) throw Error(m_strName, "header: " + problem, 0);
   m_Header = std::move(*header);
   for (const _Partition& record : m_Header.partitions) {
-    if (!IsAllZero(EncodePartition(record))) m_SystemIds.push_back(record.SystemId);
+    if (IsInUse(record)) m_SystemIds.push_back(record.SystemId);
   }
   m_nSectionCount = static_cast<uint32_t>(m_SystemIds.size());
 }

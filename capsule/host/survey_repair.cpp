@@ -157,7 +157,8 @@ bool IsAllZero(const _ShortDirEntry& entry) {
 bool HasBadName(const SectionItem& item) {
   const auto bytes = EncodeShortEntry(item.entry);
   const auto name = std::span(bytes).first<11>();
-  return std::any_of(name.begin(), name.end(), [](unsigned char c) { return c < 0x20; });
+  const auto first = name.begin() + (name[0] == kStandsForE5 ? 1 : 0);
+  return std::any_of(first, name.end(), [](unsigned char c) { return c < 0x20; });
 }
 
 SurveyItem LostFolder(uint64_t offset, const std::string& name) {

@@ -12,6 +12,9 @@ namespace capsule::host {
 // How far back a unit may refer.
 inline constexpr size_t kMaxHistory = 2047;
 
+// No byte of a unit stands for more: a group of 4 bits for up to 15 bytes.
+inline constexpr uint64_t kMaxExpansion = 30;
+
 class UnitDecoder {
  public:
   UnitDecoder();

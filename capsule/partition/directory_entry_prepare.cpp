@@ -34,6 +34,9 @@ void CopyUpper(const CString& text, uint8_t (&field)[Count]) {
   }
 }
 
+// The first byte of a short name as it is stored.
+unsigned char StoredFirstByte(unsigned char byte) { return byte == 0xE5 ? kStandsForE5 : byte; }
+
 // The object at `path`, or at `path` without its last character: a separator at the end.
 std::optional<platform::FindData> FindHostObject(const platform::HostView& view, CString path) {
   auto found = view.Find(path);
@@ -132,6 +135,7 @@ int CapsuleDirectoryEntry::SetCapFileName(DirectoryType t) {
   if (m_strShortName.empty()) m_strShortName = m_strName;
 
   CString checked = m_strName;
+  checked.front() = static_cast<char>(StoredFirstByte(static_cast<unsigned char>(checked.front())));
   PadWithBlanks(checked, m_nNameChars);
   checked += m_strExt;
   PadWithBlanks(checked, m_nNameChars + m_nExtChars);
@@ -170,6 +174,7 @@ void CapsuleDirectoryEntry::SetCapShortFileName(DirectoryType t) {
     std::fill(std::begin(entry.Extension), std::end(entry.Extension), uint8_t{0});
   } else {
     CopyUpper(m_strName, entry.Name);
+    entry.Name[0] = StoredFirstByte(entry.Name[0]);
     CopyUpper(m_strExt, entry.Extension);
   }
   m_bZeroEntry = 0;

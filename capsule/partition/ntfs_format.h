@@ -35,6 +35,8 @@ inline bool BeginsNtfsEntry(uint32_t type) {
 inline bool IsNtfsFileRecord(uint32_t type) {
   return type >= kNtfsDirectoryRecord && type <= kNtfsLastFileRecord;
 }
+// Records of other types are stepped over.
+inline bool IsNtfsType(uint32_t type) { return type >= kNtfsDirectoryRecord && type <= kNtfsEnd; }
 inline bool IsNtfsData(uint32_t type) { return type == kNtfsData || type == kNtfsMoreData; }
 
 // Attribute types of FILE records.

@@ -147,6 +147,11 @@ _Partition DecodePartition(std::span<const unsigned char, 24> bytes) {
   return record;
 }
 
+bool IsInUse(const _Partition& record) {
+  const auto bytes = EncodePartition(record);
+  return std::any_of(bytes.begin(), bytes.end(), [](unsigned char b) { return b != 0; });
+}
+
 std::array<unsigned char, kDirRecordSize> EncodeZeroEntry() {
   std::array<unsigned char, kDirRecordSize> bytes{};
   Put(bytes, 0, EncodeMiniHeader(kEntryHeader));
@@ -204,7 +209,8 @@ std::string LongNameToBytes(std::u16string_view units) {
 }
 
 std::string ShortNameToBytes(const _ShortDirEntry& entry) {
-  const std::string name(std::begin(entry.Name), std::end(entry.Name));
+  std::string name(std::begin(entry.Name), std::end(entry.Name));
+  if (entry.Name[0] == kStandsForE5) name.front() = '\xE5';
   const std::string extension(std::begin(entry.Extension), std::end(entry.Extension));
   std::string text(TrimBlanks(name));
   if (const auto trimmed = TrimBlanks(extension); !trimmed.empty()) {

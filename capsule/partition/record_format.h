@@ -48,6 +48,9 @@ inline bool Advance(int* counter, int64_t bytes) {
   return true;
 }
 
+// The first byte of a stored short name that begins with 0xE5: FAT marks erased entries by that.
+inline constexpr uint8_t kStandsForE5 = 0x05;
+
 inline constexpr uint8_t kLongNameAttribute = 0x0F;
 inline constexpr uint8_t kDirectoryAttribute = 0x10;
 inline constexpr int kMaxLongNamePieces = 63;
@@ -62,6 +65,9 @@ _ShortDirEntry DecodeShortEntry(std::span<const unsigned char, 32> bytes);
 
 std::array<unsigned char, 24> EncodePartition(const _Partition& record);
 _Partition DecodePartition(std::span<const unsigned char, 24> bytes);
+
+// Whether a partition has this record: others are all zero, and have no section.
+bool IsInUse(const _Partition& record);
 
 // A zero entry with its header: closes one directory level.
 std::array<unsigned char, kDirRecordSize> EncodeZeroEntry();
@@ -86,7 +92,7 @@ std::string LongNameToBytes(std::u16string_view units);
 std::string Utf16ToUtf8(std::u16string_view units);
 
 // Short name as text for people: name, then '.' and extension when there is one; only trailing
-// blanks of each are trimmed.
+// blanks of each are trimmed. A first byte of 0x05 stands for 0xE5.
 std::string ShortNameToBytes(const _ShortDirEntry& entry);
 
 }  // namespace capsule

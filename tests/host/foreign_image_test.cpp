@@ -207,6 +207,43 @@ TEST(ForeignImage, AFileOfSeveralFileRecords) {
   EXPECT_EQ(test::ExtractAll(classes.File(), *block), noise);
 }
 
+// How much is told to be wrong with an image without an index.
+size_t ProblemsIn(const Bytes& bytes) {
+  const TempDir dir;
+  test::WriteFile(dir / "image", Text(bytes));
+  const Image image(dir / "image", Opening::Salvage);
+  const Contents contents = test::ReadContents(image);
+  const auto unread = std::count_if(contents.begin(), contents.end(),
+                                    [](const auto& file) { return file.second == test::kUnread; });
+  return image.Problems().size() + static_cast<size_t>(unread);
+}
+
+TEST(ForeignImage, RecordsOfUnknownTypesAreToldFromDamagedOnes) {
+  constexpr size_t kNoIndexBlocks = 0x3AA8;  // of the type for them, but nothing depends on it
+  const std::string sample = test::ReadFile(test::SamplePath("faults/n_synthetic.img"));
+  Bytes whole(sample.begin(), sample.end());
+  platform::StoreLe32(&whole[kIndexOffsetOffset], 0);
+  EXPECT_EQ(ProblemsIn(whole), 0U);
+  int records = 0;
+  for (size_t at = kHeaderSize + kPartitionHeaderSize; whole[at + 2] != 108; ++records) {
+    Bytes bytes = whole;
+    bytes[at + 2] = 201;
+    EXPECT_EQ(ProblemsIn(bytes) == 0, whole[at + 2] == 200 || at == kNoIndexBlocks) << at;
+    at += 46 + size_t{platform::LoadLe16(&whole[at + 10])};
+  }
+  EXPECT_EQ(records, 17);
+}
+
+TEST(ForeignImage, AnIndexThatNamesAFileTwiceIsRefused) {
+  test::ForeignImage foreign({});
+  Contents contents;
+  foreign.Index(2, kHeaderSize + kPartitionHeaderSize, 40);
+  PutFat(foreign, {.systemId = 11}, "0", &contents);
+  const TempDir dir;
+  test::WriteFile(dir / "image", Text(foreign.Finish()));
+  EXPECT_NE(ErrorOf([&] { Image(dir / "image"); }).find("twice"), std::string::npos);
+}
+
 TEST(ForeignImage, AnIndexIsBuiltForScrambledHeaders) {
   const TempDir dir;
   for (const uint16_t tail : {uint16_t{900}, uint16_t{0}}) {

@@ -63,10 +63,10 @@ class DirectoryEntryTest : public testing::Test {
 
 TEST_F(DirectoryEntryTest, NamesComeBackAsTheyWere) {
   m_Tree.State().hostView.SetAliasPolicy(platform::AliasPolicy::Exact);
-  std::vector<std::string> names = {"Makefile",    "README",   ".gitignore",    ".a.b",
-                                    "a..b",        "MIX.txt",  "x+y[1].tar.gz", "with blank",
-                                    "caf\xC3\xA9", "\xFF\x80", "noext",         "A",
-                                    "UPPER.EX",    "..x",      "...y"};
+  std::vector<std::string> names = {
+      "Makefile",      "README",     ".gitignore",  ".a.b",     "a..b",  "MIX.txt",
+      "x+y[1].tar.gz", "with blank", "caf\xC3\xA9", "\xFF\x80", "noext", "A",
+      "UPPER.EX",      "..x",        "...y",        "\xE5",     "\xE5 b"};
   for (const size_t length : {1U, 8U, 12U, 13U, 14U, 26U, 27U, 255U}) {
     names.push_back(std::string(length - 1, 'n') + "z");
   }
@@ -74,10 +74,11 @@ TEST_F(DirectoryEntryTest, NamesComeBackAsTheyWere) {
   for (const std::string& name : names) {
     const std::string bytes = Written(test::SourceTree::Inserted(name).c_str());
     EXPECT_EQ(NameReadFrom(bytes), name);
-    const bool isShort =
-        name == "README" || name == "A" || name == "UPPER.EX" || name == "\xFF\x80";
+    const bool isShort = name == "README" || name == "A" || name == "UPPER.EX" ||
+                         name[0] == '\xFF' || name == "\xE5";
     const size_t pieces = isShort ? 0 : (name.size() + 12) / 13;
     EXPECT_EQ(bytes.size(), 40 * (pieces + 1)) << name;
+    EXPECT_EQ(bytes.at(40 * pieces + 8) == '\x05', name[0] == '\xE5') << name;  // 0xE5: erased
     if (isShort) continue;
     const auto checksum = ShortNameChecksum(
         std::span<const unsigned char, 11>(test::Unsigned(bytes) + 40 * pieces + 8, 11));

@@ -43,6 +43,7 @@ Contents ReadContents(const host::Image& image) {
 DamageSeed::DamageSeed(const std::string& path) : m_Bytes(ReadFile(path)) {
   const host::Image image(path);
   m_Contents = ReadContents(image);
+  m_bChecked = image.Info().checked;
   m_nIndexOffset = static_cast<size_t>(image.Info().indexOffset);
   const int descriptor = platform::OpenForReading(path.c_str());
   host::SectionScanner scanner(descriptor, path);

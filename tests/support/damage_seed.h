@@ -25,6 +25,7 @@ class DamageSeed {
 
   const std::string& Bytes() const { return m_Bytes; }
   const Contents& Whole() const { return m_Contents; }
+  bool IsChecked() const { return m_bChecked; }  // its index has a check value
   size_t IndexOffset() const { return m_nIndexOffset; }
   const std::vector<host::SectionItem>& Items() const { return m_Items; }
 
@@ -33,6 +34,7 @@ class DamageSeed {
 
  private:
   std::string m_Bytes;
+  bool m_bChecked = false;
   size_t m_nIndexOffset = 0;
   Contents m_Contents;
   std::vector<host::SectionItem> m_Items;

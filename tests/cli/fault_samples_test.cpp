@@ -1,0 +1,84 @@
+// Images that were once read wrongly, or judged differently by two commands. One line a sample:
+// the exit statuses of the commands, and what the damage is called.
+#include <gtest/gtest.h>
+
+#include <filesystem>
+
+#include "tests/cli/command_runner.h"
+
+namespace capsule::test {
+namespace {
+
+namespace fs = std::filesystem;
+
+constexpr char kFolder[] = CAPSULE_TEST_DATA "/images/faults/";
+
+constexpr int kNotAsked = -1;
+
+struct FaultSample {
+  const char* name;
+  int opened;   // list, info and extract
+  int checked;  // verify
+  int indexed;  // 0 and 1: it was written, and the image is sound, or told to be damaged; 2:
+                // refused
+  const char* told = "";  // by list and verify
+};
+
+const FaultSample kSamples[] = {
+    {"n_size_7fffffff_206", 1, 1, kNotAsked, "its entry states 2147483647 bytes"},
+    {"n_size_ffffffff", 1, 1, kNotAsked, "its entry states 4294967295 bytes"},
+    {"n_synthetic", 0, 0, 0},
+    {"not_an_image", 2, 2, kNotAsked, "no image header"},
+    {"partition_count", 1, 1, 2, "not one of the 2 that the header tells of"},
+    {"verify_no_partition", 1, 1, 2, "not one of the 0 that the header tells of"},
+    {"w_no_partition", 0, 0, 0},
+    {"w_skipped_placeholders", 0, 0, 0},
+    {"w_three_open_appended", 0, 0, 0},
+};
+
+class FaultSampleTest : public CommandTest, public testing::WithParamInterface<FaultSample> {};
+
+// The status of a command that tells `told`, if it finds anything.
+int StatusOf(const std::vector<std::string>& arguments, const std::string& told = "") {
+  const CommandResult result = RunCapsule(arguments);
+  const std::string output = result.out + result.err;
+  EXPECT_TRUE(result.status == 0 || output.find(told) != std::string::npos) << output;
+  return result.status;
+}
+
+TEST_P(FaultSampleTest, EveryCommandJudgesItTheSame) {
+  const FaultSample& sample = GetParam();
+  const std::string image = At("image");
+  const std::string bytes = ReadFile(kFolder + std::string(sample.name) + ".img");
+  WriteFile(image, bytes);
+  fs::create_directories(At("out"));
+  EXPECT_EQ(StatusOf({"list", "-R", image}, sample.told), sample.opened);
+  EXPECT_EQ(StatusOf({"info", image}), sample.opened);
+  EXPECT_EQ(StatusOf({"extract", image, "-C", At("out")}), sample.opened);
+  EXPECT_EQ(StatusOf({"verify", image}, sample.told), sample.checked);
+  EXPECT_TRUE(ReadFile(image) == bytes);
+
+  // Zeros for what is lost take no more than the image can have held.
+  constexpr uintmax_t kMostBytesOfOne = 30;
+  uintmax_t extracted = 0;
+  StatusOf({"extract", image, "-C", At("out"), "--force", "--on-damage=zero"});
+  for (const auto& entry : fs::recursive_directory_iterator(At("out"))) {
+    if (entry.is_regular_file()) extracted += entry.file_size();
+  }
+  EXPECT_LE(extracted, kMostBytesOfOne * bytes.size());
+
+  if (sample.indexed == kNotAsked) return;
+  EXPECT_EQ(StatusOf({"index", image}), sample.indexed);
+  if (sample.indexed == 2) {
+    EXPECT_TRUE(ReadFile(image) == bytes);
+  } else {
+    EXPECT_EQ(StatusOf({"list", "-R", image}), sample.indexed);
+    EXPECT_EQ(StatusOf({"verify", image}), sample.indexed);
+  }
+}
+
+INSTANTIATE_TEST_SUITE_P(Samples, FaultSampleTest, testing::ValuesIn(kSamples),
+                         [](const auto& test) { return std::string(test.param.name); });
+
+}  // namespace
+}  // namespace capsule::test
