@@ -205,7 +205,7 @@ uint32_t CapsuleFile::_BuildPathSegmentList(_ListNode** head, const CString& pat
     auto segment = std::make_unique<CString>(path, begin, end - begin);
     while (*listEnd != nullptr) listEnd = &(*listEnd)->next;
     if (const uint32_t problem = AppendListNode(listEnd, segment.get()); problem != 0) {
-      FreeList(head, false);
+      FreeList(head, true);
       return problem;
     }
     static_cast<void>(segment.release());

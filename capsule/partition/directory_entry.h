@@ -212,6 +212,7 @@ class CAPSULE_API CapsuleDirectoryEntry {
   uint8_t _CalculateChecksum(const char* name) const;
   int ReadGroup(DirectoryType t, int fd, int offset, int* count);
   int ReadNtfsHeader(int fd, int offset);
+  void ForgetNtfsEntry();
   void _PutName(const NtfsFileName& name, int index);
   void _PutFileRecord(std::span<unsigned char, 1024> record, int* nameCount);
 

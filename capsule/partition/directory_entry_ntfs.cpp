@@ -72,9 +72,29 @@ int CapsuleDirectoryEntry::ReadNtfsHeader(int fd, int offset) {
       static_cast<int64_t>(bytes.size())) {
     return -1;
   }
+  ForgetNtfsEntry();
   FillDirHeader(DecodeNtfsHeader(bytes));
   if (m_Record.Header.Type == kNtfsDirectoryRecord) m_nDirectoryFlag = 1;
   return 0;
+}
+
+// FILE records add to what the entry holds, so it must hold nothing of another.
+void CapsuleDirectoryEntry::ForgetNtfsEntry() {
+  m_Record.FirstEntry = {};
+  m_Record.OtherEntry = {};
+  m_Record.LongNameLength = 0;
+  m_LongFileName.Flush();
+  m_strShortName.clear();
+  m_nDirectoryFlag = 0;
+  m_FileReferences.clear();
+  m_KnownReferences.clear();
+  m_nNumEntries = 0;
+  m_nCurEntry = 0;
+  m_IndexUse = {};
+  m_bAttributeList = false;
+  m_bNtfsShortName = false;
+  m_FullName.clear();
+  m_nFullNameRank = 0;
 }
 
 int CapsuleDirectoryEntry::IsShortFileName(unsigned char ns) {

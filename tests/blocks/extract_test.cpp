@@ -210,6 +210,35 @@ TEST(ExtractTest, DataBlocksOfNtfsFiles) {
   }
 }
 
+// A block that has read one entry of an NTFS section and then another is as one that only read
+// that.
+TEST(ExtractTest, NothingOfAnNtfsEntryIsLeftInTheNext) {
+  for (const bool reverse : {false, true}) {
+    MadeImage image(test::NtfsImage(RandomText(20000, 15), false));
+    CapsuleFileBlock& file = image.Block();
+    CapsuleFileBlock& root = *file.ParentFileBlock();
+    const int starts[] = {root.GetFileBlockStartOffset(), file.GetFileBlockStartOffset()};
+    const auto read = [&](CapsuleFileBlock& block, bool ofFile) {
+      std::vector<char> history(LzsSizeOfDecompressionHistory());
+      LzsInitDecompressionHistory(history.data());
+      int end = starts[ofFile ? 1 : 0];
+      EXPECT_EQ(block.Read(CapsuleDirectoryEntry::DirTypeNtfs, image.File().GetImageFileHandle(),
+                           starts[ofFile ? 1 : 0], &end, image.File(), history.data()),
+                0);
+      const CapsuleDirectoryEntry& entry = block.GetDirectoryEntry();
+      const std::u16string& name = entry.NtfsFullName();
+      return std::string(name.begin(), name.end()) + " " +
+             std::string(block.GetDirectoryEntry().ShortName()) + " " +
+             std::to_string(entry.FileSize()) + " " + std::to_string(entry.IsDirectory()) + " " +
+             std::to_string(entry.NTFSIsDirectory()) + " " + std::to_string(entry.GetNumEntries());
+    };
+    CapsuleFileBlock once(nullptr, image.Partition());
+    CapsuleFileBlock twice(nullptr, image.Partition());
+    read(twice, reverse);
+    EXPECT_EQ(read(twice, !reverse), read(once, !reverse));
+  }
+}
+
 // Going back decodes from the nearest of the histories that were kept, not from the first record.
 // The chunk that ends where a range begins counts as touched.
 TEST(ExtractTest, GoingBackNeedsAtMost64RecordsBefore) {

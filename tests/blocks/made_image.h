@@ -81,6 +81,7 @@ class MadeImage {
   CapsuleFileBlock& Block(int i = 0) {
     return *BlockAt(m_pImage->Partition(0)->GetFileBlocks(), i);
   }
+  CapsulePartition& Partition() { return *m_pImage->Partition(0); }
   std::string Path() const { return m_Dir / "image"; }
   std::string Range(int start, int length) { return Extract(File(), Block(), start, length); }
   // Makes what lies at `offset` of the image a unit that is corrupt.
