@@ -7,10 +7,11 @@
 //   - what `index` makes of it is right, see index_judge.h.
 //
 //   damage_campaign [--every N] [--part K/N] [--random COUNT] [--index COUNT] [--only IMAGE]
-//                   [--keep FOLDER]
+//                   [--stage NAME] [--keep FOLDER]
 //
 // `--every N` takes each N-th damage only; the figures say how many were taken. `--only` takes one
-// image, by its name in the figures; `--keep` puts the damaged image of each finding there.
+// image, and `--stage` one kind of damage, by their names in the figures; `--keep` puts the damaged
+// image of each finding there.
 #include <sys/resource.h>
 
 #include <cstdio>
@@ -46,6 +47,7 @@ struct Options {
   size_t random = 100'000;
   size_t index = 120'000;
   std::string only;
+  std::string stage;
   std::string keep;
 };
 
@@ -70,10 +72,10 @@ class Campaign {
           [&](const TakeDamage& take) { VisitTruncations(seed, kTruncations, take); });
     Stage("bytes", [&](const TakeDamage& take) { VisitBytes(seed, take); });
     Stage("random",
-          [&](const TakeDamage& take) { VisitRandom(seed, m_Options.random / kImages, 1, take); });
+          [&](const TakeDamage& take) { VisitRandom(seed, Share(m_Options.random), 1, take); });
     m_bIndexes = true;
     Stage("index",
-          [&](const TakeDamage& take) { VisitMutants(seed, m_Options.index / kImages, 2, take); });
+          [&](const TakeDamage& take) { VisitMutants(seed, Share(m_Options.index), 2, take); });
     m_bIndexes = false;
   }
 
@@ -89,8 +91,12 @@ class Campaign {
   }
 
  private:
+  // Of `count` damages, those of one image.
+  size_t Share(size_t count) const { return m_Options.only.empty() ? count / kImages : count; }
+
   template <typename Visit>
   void Stage(const char* kind, const Visit& visit) {
+    if (!m_Options.stage.empty() && m_Options.stage != kind) return;
     m_Figures = {};
     visit([this](const DamageCase& damage) {
       const size_t number = m_nCase++;
@@ -262,6 +268,7 @@ int main(int argc, char** argv) {
     if (name == "--random") options.random = value;
     if (name == "--index") options.index = value;
     if (name == "--only") options.only = argv[i + 1];
+    if (name == "--stage") options.stage = argv[i + 1];
     if (name == "--keep") options.keep = argv[i + 1];
     if (name == "--part") {
       options.part = value;

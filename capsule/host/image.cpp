@@ -94,27 +94,6 @@ bool HasNtfsPartition(const DecodedHeader& header) {
                      [](const _Partition& record) { return record.SystemId == kSystemIdNtfs; });
 }
 
-// A scan finds a place for what the folders of a damaged partition do not count.
-void RefuseLeftOut(const std::vector<ImageProblem>& problems, const std::string& path) {
-  for (const ImageProblem& problem : problems) {
-    if (problem.isLeftOut) throw Error(path, problem.reason);
-  }
-}
-
-// What is wrong with the header, which a checked index vouches for; nothing when it does not.
-std::optional<ImageProblem> JudgeHeader(int descriptor, const std::string& path,
-                                        const IndexContents& index) {
-  if (!index.headerCheck) return std::nullopt;
-  FileWindow window(descriptor, path);
-  RunningChecksum checksum;
-  checksum.Update(window.At(0, kHeaderSize));
-  if (checksum.Value() == *index.headerCheck) return std::nullopt;
-  return ImageProblem{"header",
-                      "check value is " + ChecksumDigits(*index.headerCheck) + ", its bytes give " +
-                          ChecksumDigits(checksum.Value()),
-                      false, 0};
-}
-
 bool HasPartitions(const DecodedHeader& header) {
   return std::any_of(header.partitions.begin(), header.partitions.end(), IsInUse);
 }
@@ -143,6 +122,27 @@ void ReadWhatIsHeld(const RecordSource& source, const std::string& problem, uint
   DamagedReader(source, problem, begin, held, take).Run();
   if (held == end) return;
   take({FilePiece::Kind::Claimed, held, end - held, {}, JudgeSize(source.size, room)});
+}
+
+// A scan finds a place for what the folders of a damaged partition do not count.
+void RefuseLeftOut(const std::vector<ImageProblem>& problems, const std::string& path) {
+  for (const ImageProblem& problem : problems) {
+    if (problem.isLeftOut) throw Error(path, problem.reason);
+  }
+}
+
+// What is wrong with the header, which a checked index vouches for; nothing when it does not.
+std::optional<ImageProblem> JudgeHeader(int descriptor, const std::string& path,
+                                        const IndexContents& index) {
+  if (!index.headerCheck) return std::nullopt;
+  FileWindow window(descriptor, path);
+  RunningChecksum checksum;
+  checksum.Update(window.At(0, kHeaderSize));
+  if (checksum.Value() == *index.headerCheck) return std::nullopt;
+  return ImageProblem{"header",
+                      "check value is " + ChecksumDigits(*index.headerCheck) + ", its bytes give " +
+                          ChecksumDigits(checksum.Value()),
+                      false, 0};
 }
 
 // Takes "N:" from the front of `path`; partition 0 without it, none when N is out of reach.
