@@ -11,6 +11,7 @@
 #include "capsule/host/reason.h"
 #include "capsule/host/salvage_tree.h"
 #include "capsule/host/scoped_descriptor.h"
+#include "capsule/host/uncounted_section.h"
 #include "capsule/platform/file.h"
 
 namespace capsule::host {
@@ -106,8 +107,10 @@ std::optional<ImageProblem> JudgeHeader(int descriptor, const std::string& path,
   RunningChecksum checksum;
   checksum.Update(window.At(0, kHeaderSize));
   if (checksum.Value() == *index.headerCheck) return std::nullopt;
-  return ImageProblem{"header", "check value is " + ChecksumDigits(*index.headerCheck) +
-                                    ", its bytes give " + ChecksumDigits(checksum.Value())};
+  return ImageProblem{"header",
+                      "check value is " + ChecksumDigits(*index.headerCheck) + ", its bytes give " +
+                          ChecksumDigits(checksum.Value()),
+                      false, 0};
 }
 
 // Takes "N:" from the front of `path`; partition 0 without it, none when N is out of reach.
@@ -149,6 +152,10 @@ Image::Image(const std::filesystem::path& path, Opening opening)
         impl.file.Get(), impl.path, index,
         LimitOfSections(impl.file.Get(), impl.path, header, index, length), &impl.problems);
     if (impl.catalog->Size() == 0) throw;
+    if (const auto at = FindUncountedSection(impl.file.Get(), impl.path)) {
+      const auto counted = static_cast<uint32_t>(impl.catalog->Roots());
+      impl.problems.push_back({"item at " + Hex(*at), UncountedReason(counted), false, *at});
+    }
   }
   impl.info = Summarize(header, index, *impl.catalog);
   if (auto wrong = JudgeHeader(impl.file.Get(), impl.path, index)) {
@@ -170,6 +177,10 @@ Image& Image::operator=(Image&&) noexcept = default;
 const std::string& Image::Path() const { return m_pImpl->path; }
 const ImageInfo& Image::Info() const { return m_pImpl->info; }
 const std::vector<ImageProblem>& Image::Problems() const { return m_pImpl->problems; }
+bool Image::IsWhole() const {
+  const bool isByIndex = Info().scanReason.empty() || Info().indexOffset == 0;
+  return isByIndex && Problems().empty();
+}
 int Image::Partitions() const { return static_cast<int>(m_pImpl->catalog->Roots()); }
 
 Entry Image::Root(int n) const {

@@ -56,7 +56,8 @@ struct ImageInfo {
 struct ImageProblem {
   std::string path;  // "N:/folder/file", "header", or where in the image the records of an item are
   std::string reason;
-  bool isLeftOut = false;  // the tree has no place for it
+  bool isLeftOut = false;               // the tree has no place for it
+  std::optional<uint64_t> offset = {};  // where in the image, when that is known
 };
 
 // What to do when the index is missing or damaged, or the tree cannot be read through it.
@@ -79,6 +80,10 @@ class CAPSULE_API Image {
   // partitions that no folder has a place for, which are left out, and what else was found to be
   // damaged on opening.
   const std::vector<ImageProblem>& Problems() const;
+
+  // Whether opening found nothing wrong: there are no problems, and the index, if the header tells
+  // of one, leads to everything. Contents of files are not looked at.
+  bool IsWhole() const;
 
   int Partitions() const;
 

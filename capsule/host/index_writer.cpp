@@ -19,8 +19,8 @@
 #include "capsule/host/index_record_writer.h"
 #include "capsule/host/index_source.h"
 #include "capsule/host/reason.h"
-#include "capsule/host/section_resync.h"
 #include "capsule/host/section_scanner.h"
+#include "capsule/host/uncounted_section.h"
 #include "capsule/partition/record_format.h"
 #include "capsule/platform/file.h"
 #include "capsule/platform/little_endian.h"
@@ -28,31 +28,11 @@
 namespace capsule::host {
 namespace {
 
-// Whether the header counts more sections than it has records of, has records that it does not
-// count, or is of a kind in which a damaged count cannot be told from a true one.
-bool IsHeaderUnsure(const SectionScanner& scanner) {
-  const size_t count = scanner.SectionCount();
-  if (scanner.Header().partitions.size() != count) return true;
-  if (scanner.Header().layout != HeaderLayout::Fixed || scanner.IsScrambled()) return true;
-  const auto rest = scanner.RawHeader()
-                        .subspan(kPartitionRecordsOffset, kPartitionRecordSize * kMaxPartitions)
-                        .subspan(kPartitionRecordSize * count);
-  return std::any_of(rest.begin(), rest.end(), [](unsigned char b) { return b != 0; });
-}
-
 // What lies behind the last trailer is cut off, but not a section that a damaged header conceals.
 void RefuseToCutSection(int descriptor, const std::string& name, const SectionScanner& scanner,
                         uint64_t end) {
-  if (!IsHeaderUnsure(scanner)) return;
-  FileWindow window(descriptor, name);
-  uint64_t work = 0;
-  const ResyncRange range{.limit = end + kPartitionHeaderSize, .work = &work};
-  const auto next = FindResumePoint(window, end, range);
-  if (!next || !next->startsSection || next->offset != end) return;
-  throw Error(name,
-              "section at " + Hex(end) + " is not one of the " +
-                  std::to_string(scanner.SectionCount()) + " that the header tells of",
-              end);
+  if (!FindUncountedSection(descriptor, name, scanner, end)) return;
+  throw Error(name, Hex(end) + ": " + UncountedReason(scanner.SectionCount()), end);
 }
 
 // Readers take the first records of the header for those of the sections.
