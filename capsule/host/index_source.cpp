@@ -1,8 +1,12 @@
 #include "capsule/host/index_source.h"
 
 #include <algorithm>
+#include <optional>
+#include <utility>
+#include <vector>
 
 #include "capsule/host/error.h"
+#include "capsule/host/image_map.h"
 #include "capsule/host/image_open.h"
 #include "capsule/host/long_name_check.h"
 #include "capsule/host/reason.h"
@@ -29,17 +33,23 @@ class ItemJudge {
     m_Source.descriptor = descriptor;
     m_Source.imageIsCompressed = header.compressed;
     m_Source.imagePath = path;
+    const auto take = [this](const MapItem& item) {
+      if (!item.problem.empty()) m_Problems.emplace_back(item.offset, item.problem);
+    };
+    MapImage(descriptor, path, take, false);
+    std::stable_sort(m_Problems.begin(), m_Problems.end(),
+                     [](const auto& a, const auto& b) { return a.first < b.first; });
   }
 
-  // What is wrong with its data, or nothing.
-  std::string JudgeData(const SectionItem& item) {
-    if (item.kind != Kind::File || IsLeftOut(item)) return {};
-    m_Source.begin = item.dataOffset;
-    m_Source.limit = item.offset + item.length;
-    m_Source.size = item.entry.FileSize;
-    m_Source.ntfs = item.isNtfs;
-    m_Source.fileRecord = item.offset;
-    return ProblemOf(m_Source);
+  // What is wrong with its records, to be asked in the order of the items, or nothing.
+  std::string Judge(const SectionItem& item) {
+    while (m_nProblem < m_Problems.size() && m_Problems[m_nProblem].first < item.offset) {
+      ++m_nProblem;
+    }
+    std::string wrong = JudgeData(item);
+    const bool isHit =
+        m_nProblem < m_Problems.size() && m_Problems[m_nProblem].first < item.offset + item.length;
+    return wrong.empty() && isHit ? m_Problems[m_nProblem].second : wrong;
   }
 
   // What is wrong with its long name, or nothing.
@@ -50,6 +60,16 @@ class ItemJudge {
   }
 
  private:
+  std::string JudgeData(const SectionItem& item) {
+    if (item.kind != Kind::File || IsLeftOut(item)) return {};
+    m_Source.begin = item.dataOffset;
+    m_Source.limit = item.offset + item.length;
+    m_Source.size = item.entry.FileSize;
+    m_Source.ntfs = item.isNtfs;
+    m_Source.fileRecord = item.offset;
+    return ProblemOf(m_Source);
+  }
+
   // Writers leave out what the file system keeps in files of its own.
   static bool IsLeftOut(const SectionItem& item) {
     return item.isNtfs && item.name.starts_with('$') && item.depth == 0 &&
@@ -58,15 +78,18 @@ class ItemJudge {
 
   FileWindow m_Window;
   RecordSource m_Source;
+  std::vector<std::pair<uint64_t, std::string>> m_Problems;  // by offset
+  size_t m_nProblem = 0;                                     // the next
 };
 
 uint64_t VisitSoundItems(int descriptor, const std::string& path, bool readsData,
                          const ItemVisitor& visitor) {
   SectionScanner scanner(descriptor, path);
-  ItemJudge judge(descriptor, path, scanner.Header());
+  std::optional<ItemJudge> judge;
+  if (readsData) judge.emplace(descriptor, path, scanner.Header());
   for (SectionItem item; scanner.Next(&item);) {
     if (!item.problem.empty()) throw Error(path, item.path + ": " + item.problem, item.offset);
-    visitor.onItem(item, readsData ? judge.JudgeData(item) : "");
+    visitor.onItem(item, judge ? judge->Judge(item) : "");
   }
   return scanner.Position();
 }
@@ -112,7 +135,7 @@ class LeftVisit {
       item.path += item.shortName;
       item.name = item.shortName;
     }
-    std::string damage = found.damage.empty() ? m_Judge.JudgeData(item) : found.damage;
+    std::string damage = found.damage.empty() ? m_Judge.Judge(item) : found.damage;
     if (damage.empty()) damage = name;
     m_Visitor.onItem(item, damage);
   }

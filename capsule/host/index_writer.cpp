@@ -209,7 +209,10 @@ void IndexWriter::Count(Plan* plan) {
     plan->isNtfs = plan->isNtfs || item.isNtfs;
     if (damage.empty()) return;
     plan->damages[item.offset] = damage;
-    report.problems.push_back({std::to_string(item.section) + ":/" + item.path, damage});
+    const bool isNamed = !item.path.empty();
+    report.problems.push_back(
+        {isNamed ? std::to_string(item.section) + ":/" + item.path : "item at " + Hex(item.offset),
+         damage});
   };
   visitor.onImage = [&](const DamageNote& note) { plan->notes.push_back(note); };
   report.indexOffset = VisitItems(m_nDescriptor, m_strName, plan->trust, visitor);
