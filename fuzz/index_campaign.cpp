@@ -6,8 +6,10 @@
 //   - of images with check values: no file is read with other contents than it had, and one that is
 //     not what it was is called damaged.
 //
-//   index_campaign [COUNT]      2000 by default: single bits of images with check values, as many
-//                               cuts of the same, and as many bytes of samples of other writers
+//   index_campaign [COUNT [IMAGE...]]
+//
+// COUNT is 2000 by default: single bits of images with check values, as many cuts of the same, and
+// as many bytes of samples of other writers. Given images, it damages bytes of these alone.
 #include <algorithm>
 #include <cstdio>
 #include <cstdlib>
@@ -15,6 +17,7 @@
 #include <fstream>
 #include <random>
 #include <string>
+#include <vector>
 
 #include "capsule/container/header_format.h"
 #include "capsule/host/error.h"
@@ -73,6 +76,7 @@ class Campaign {
     try {
       host::IndexWriter(m_strPath).Write(mode);
       JudgeWritten(before);
+      JudgeAgain(mode);
     } catch (const host::Error&) {
       ++figures->refused;
       const bool isSame = test::ReadFile(m_strPath) == bytes;
@@ -104,6 +108,16 @@ class Campaign {
         Find(path + " is read as something else");
       }
     }
+  }
+
+  // What an index says of damage stays when it is made once more, if that is not refused.
+  void JudgeAgain(DamagedSections mode) {
+    const bool wasSound = IsCalledSound(m_strPath);
+    try {
+      host::IndexWriter(m_strPath).Write(mode);
+    } catch (const host::Error&) {
+    }
+    if (IsCalledSound(m_strPath) != wasSound) Find("indexed again, it is judged otherwise");
   }
 
   void Find(const std::string& what) {
@@ -190,17 +204,16 @@ bool RunBuilt(const test::TempDir& folder, size_t count) {
   return cuts.Finish() && areBitsFine;
 }
 
-bool RunSamples(const test::TempDir& folder, size_t count) {
+bool RunSamples(const test::TempDir& folder, size_t count,
+                const std::vector<std::string>& samples) {
   Stage bytes("samples");
-  const char* const samples[] = {"n_flat_old.img", "w_names.img", "h_compact_scrambled.img",
-                                 "w_three_open.img"};
   Campaign campaign(folder / "damaged.cap", nullptr);
   std::mt19937 random(1);
   for (size_t i = 0; i < count; ++i) {
-    const std::string name = samples[i % std::size(samples)];
-    std::string damaged = test::ReadFile(CAPSULE_TEST_DATA "/images/" + name);
+    const std::string& name = samples[i % samples.size()];
+    std::string damaged = test::ReadFile(name);
     // Half of the damages lie where the index is lost.
-    if (i % 8 < 4) std::fill_n(damaged.begin() + kIndexOffsetOffset, 4, '\0');
+    if (i / samples.size() % 2 == 0) std::fill_n(damaged.begin() + kIndexOffsetOffset, 4, '\0');
     const size_t at = kHeaderSize + random() % (damaged.size() - kHeaderSize);
     damaged[at] = static_cast<char>(random());
     bytes.Judge(campaign, damaged, name + ", byte " + std::to_string(at));
@@ -208,10 +221,16 @@ bool RunSamples(const test::TempDir& folder, size_t count) {
   return bytes.Finish();
 }
 
-bool RunAll(size_t count) {
+bool RunAll(size_t count, std::vector<std::string> samples) {
   const test::TempDir folder;
-  const bool areBuiltFine = RunBuilt(folder, count);
-  return RunSamples(folder, count) && areBuiltFine;
+  const bool areBuiltFine = !samples.empty() || RunBuilt(folder, count);
+  if (samples.empty()) {
+    for (const char* name :
+         {"n_flat_old.img", "w_names.img", "h_compact_scrambled.img", "w_three_open.img"}) {
+      samples.push_back(std::string(CAPSULE_TEST_DATA "/images/") + name);
+    }
+  }
+  return RunSamples(folder, count, samples) && areBuiltFine;
 }
 
 }  // namespace
@@ -219,5 +238,6 @@ bool RunAll(size_t count) {
 
 int main(int argc, char** argv) {
   const size_t count = argc > 1 ? std::strtoul(argv[1], nullptr, 10) : 2000;
-  return capsule::fuzz::RunAll(count) ? 0 : 1;
+  const std::vector<std::string> images(argv + std::min(argc, 2), argv + argc);
+  return capsule::fuzz::RunAll(count, images) ? 0 : 1;
 }

@@ -117,7 +117,10 @@ IndexReport AnnotateIndex(int descriptor, const Image& image, bool force) {
   const std::string& name = image.Path();
   const IndexContents index = CheckIndex(descriptor, name, info.indexOffset, info.imageBytes, true);
   std::set<uint64_t> known;
-  for (const DamageNote& note : index.damages) known.insert(note.offset);
+  for (const DamageNote& note : index.damages) {
+    known.insert(note.offset);
+    if (note.isCut) known.insert(index.records.back().offset);  // where the image breaks off
+  }
   IndexReport report = ReportOn(info);
   Notes notes;
   Verifier(name).Run([&](const Fault& fault) {

@@ -39,6 +39,20 @@ void RefuseToCutSection(int descriptor, const std::string& name, const SectionSc
   throw Error(name, Hex(end) + ": " + UncountedReason(scanner.SectionCount()), end);
 }
 
+// An index that says what was damaged is not replaced by one that does not.
+void RefuseToForget(int descriptor, const std::string& name) {
+  const auto length = static_cast<uint64_t>(std::max<int64_t>(platform::FileLength(descriptor), 0));
+  const DecodedHeader header = ReadImageHeader(descriptor, name, length);
+  IndexContents index;
+  try {
+    CheckIndexOffset(header, name, length);
+    index = CheckIndex(descriptor, name, header.indexOffset, length);
+  } catch (const Error&) {
+    return;
+  }
+  if (!index.damages.empty()) throw Error(name, "its index tells of damage, and is kept");
+}
+
 // Readers take the first records of the header for those of the sections.
 bool ComeFirst(const DecodedHeader& header, size_t sectionCount) {
   const auto end = header.partitions.begin() + static_cast<std::ptrdiff_t>(sectionCount);
@@ -109,6 +123,7 @@ IndexReport IndexWriter::Write(DamagedSections damaged) {
     return image.Info().checked ? AnnotateIndex(m_nDescriptor, image, force)
                                 : WriteSections(image, force);
   }
+  RefuseToForget(m_nDescriptor, m_strName);
   Plan plan = Measure(SectionTrust::Written, {});
   Complete(plan, [&] { plan.report.imageBytes = Append(plan, m_nDescriptor, nullptr); });
   return plan.report;
@@ -168,8 +183,6 @@ void IndexWriter::Complete(const Plan& plan, const std::function<void()>& append
 }
 
 IndexWriter::Plan IndexWriter::Measure(SectionTrust trust, std::vector<DamageNote> notes) {
-  ReadImageHeader(m_nDescriptor, m_strName,
-                  static_cast<uint64_t>(std::max<int64_t>(platform::FileLength(m_nDescriptor), 0)));
   const SectionScanner scanner(m_nDescriptor, m_strName);
   if (scanner.SectionCount() == 0) throw Error(m_strName, "has no partitions to index");
   Plan plan;

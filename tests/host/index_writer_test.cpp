@@ -295,6 +295,8 @@ TEST_F(IndexWriterTest, NotesDamageInAnIndexThatIsRight) {
     EXPECT_EQ(Saved() == noted, true);
   }
 
+  ExpectRefused(noted);
+
   bytes[data - kDirRecordSize] = 0;  // no index leads over a record of this kind
   ExpectRefused(bytes, DamagedSections::NoteDamage);
 }
