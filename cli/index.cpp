@@ -7,9 +7,15 @@
 namespace capsule::cli {
 namespace {
 
-int Index(const std::string& image, Talk& talk) {
-  const host::IndexReport report =
-      host::IndexWriter(image).Write(host::DamagedSections::IndexWhatIsLeft);
+struct IndexArguments {
+  std::string image;
+  bool force = false;
+};
+
+int Index(const IndexArguments& arguments, Talk& talk) {
+  const std::string& image = arguments.image;
+  const host::IndexReport report = host::IndexWriter(image).Write(
+      arguments.force ? host::DamagedSections::NoteDamage : host::DamagedSections::IndexWhatIsLeft);
   for (const host::ImageProblem& problem : report.problems) {
     talk.Complain(image, problem.path + ": " + problem.reason);
   }
@@ -22,10 +28,12 @@ int Index(const std::string& image, Talk& talk) {
 }  // namespace
 
 void DeclareIndex(CommandLine& line) {
-  auto image = std::make_shared<std::string>();
+  auto arguments = std::make_shared<IndexArguments>();
   Arguments command = line.Add("index", "Build the index of an image anew, for images without one",
-                               [image](Talk& talk) { return Index(*image, talk); });
-  command.Required("IMAGE", *image, "The image file, which is changed");
+                               [arguments](Talk& talk) { return Index(*arguments, talk); });
+  command.Required("IMAGE", arguments->image, "The image file, which is changed");
+  command.Flag("--force", arguments->force,
+               "Index a damaged image that has an index; the new one names the damage for good");
 }
 
 }  // namespace capsule::cli

@@ -24,8 +24,7 @@ inline int ComplainAboutProblems(const host::Image& image, Talk& talk) {
   for (const host::ImageProblem& problem : image.Problems()) {
     talk.Complain(image.Path(), problem.path + ": " + problem.reason);
   }
-  const bool isWhole = info.scanReason.empty() || info.indexOffset == 0;
-  return image.Problems().empty() && isWhole ? kDone : kProblems;
+  return image.IsWhole() ? kDone : kProblems;
 }
 
 // Throws host::Error when there is no such entry.

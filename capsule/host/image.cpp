@@ -145,6 +145,28 @@ std::optional<ImageProblem> JudgeHeader(int descriptor, const std::string& path,
                       false, 0};
 }
 
+}
+
+// What the index says was damaged when it was made.
+void AddKnownDamage(const IndexContents& index, const Catalog& catalog,
+                    std::vector<ImageProblem>* problems) {
+  if (index.damages.empty()) return;
+  std::vector<std::pair<uint32_t, uint32_t>> places;  // offset and id
+  for (uint32_t id = catalog.Roots(); id < catalog.Size(); ++id) {
+    places.emplace_back(catalog.Node(id).offset, id);
+  }
+  std::sort(places.begin(), places.end());
+  for (const DamageNote& note : index.damages) {
+    const auto place = std::lower_bound(places.begin(), places.end(), std::pair(note.offset, 0U));
+    std::string path = "item at " + Hex(note.offset);
+    if (place != places.end() && place->first == note.offset)
+      path = catalog.At(place->second).Path();
+    if (note.offset == 0) path = note.isCut ? "end of the image" : "image";
+    problems->push_back(
+        {path, note.reason + "; known since the index was made", false, note.offset});
+  }
+}
+
 // Takes "N:" from the front of `path`; partition 0 without it, none when N is out of reach.
 std::optional<uint32_t> TakePartition(std::string_view* path) {
   size_t digits = 0;
@@ -201,6 +223,7 @@ Image::Image(const std::filesystem::path& path, Opening opening)
     // would pass for stored.
     impl.info.compressed = true;
   }
+  AddKnownDamage(index, *impl.catalog, &impl.problems);
   impl.info.scanReason = scanReason;
   impl.info.imageBytes = length;
   impl.checks = std::move(index.checks);
@@ -214,6 +237,10 @@ Image& Image::operator=(Image&&) noexcept = default;
 const std::string& Image::Path() const { return m_pImpl->path; }
 const ImageInfo& Image::Info() const { return m_pImpl->info; }
 const std::vector<ImageProblem>& Image::Problems() const { return m_pImpl->problems; }
+bool Image::IsWhole() const {
+  const bool isByIndex = Info().scanReason.empty() || Info().indexOffset == 0;
+  return isByIndex && Problems().empty();
+}
 int Image::Partitions() const { return static_cast<int>(m_pImpl->catalog->Roots()); }
 
 Entry Image::Root(int n) const {

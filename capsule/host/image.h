@@ -81,6 +81,10 @@ class CAPSULE_API Image {
   // damaged on opening.
   const std::vector<ImageProblem>& Problems() const;
 
+  // Whether opening found nothing wrong: there are no problems, and the index, if the header tells
+  // of one, leads to everything. Contents of files are not looked at.
+  bool IsWhole() const;
+
   int Partitions() const;
 
   // The root of partition `n`; its children are the top level of the tree. Throws when there is no

@@ -111,7 +111,7 @@ class CatalogBuilder {
     ComparePaths();
     auto catalog = std::make_unique<Catalog>(std::move(m_Nodes), static_cast<uint32_t>(count));
     for (const auto& [id, reason] : m_Problems) {
-      m_pProblems->push_back({catalog->At(id).Path(), reason});
+      m_pProblems->push_back({catalog->At(id).Path(), reason, false, catalog->Node(id).offset});
     }
     return catalog;
   }

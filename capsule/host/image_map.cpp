@@ -31,7 +31,7 @@ class ImageMapper {
   ImageMapper(int descriptor, const std::string& name, MapSink& sink)
       : m_nDescriptor(descriptor), m_strName(name), m_Window(descriptor, name), m_Sink(sink) {}
 
-  void Map() {
+  void Map(bool mayHaveIndex) {
     const auto stored = m_Window.At(0, kHeaderSize);
     const MappedHeader header = DecodeStoredHeader(stored);
     MapHeader(stored, m_Sink);
@@ -40,7 +40,8 @@ class ImageMapper {
     if (!header.decoded) return MapRest();
     summary.compressed = header.decoded->compressed;
     summary.indexOffset = header.decoded->indexOffset;
-    const bool hasIndex = LooksLikeIndex(m_Window, summary.indexOffset, m_Sink.FileBytes());
+    const bool hasIndex =
+        mayHaveIndex && LooksLikeIndex(m_Window, summary.indexOffset, m_Sink.FileBytes());
     MapSections(*header.decoded, hasIndex ? summary.indexOffset : m_Sink.FileBytes());
     if (hasIndex) MapPlaceholder(summary.indexOffset);
     if (hasIndex) MapIndex(m_nDescriptor, m_Window, summary.indexOffset, m_Sink);
@@ -148,12 +149,12 @@ MapSummary MapImage(const std::filesystem::path& path,
 }
 
 MapSummary MapImage(int descriptor, const std::string& name,
-                    const std::function<void(const MapItem&)>& take) {
+                    const std::function<void(const MapItem&)>& take, bool hasIndex) {
   const int64_t length = platform::FileLength(descriptor);
   if (length < 0) throw Error(name, "cannot tell its length: " + SystemReason(errno));
   MapSink sink(static_cast<uint64_t>(length), take);
   try {
-    ImageMapper(descriptor, name, sink).Map();
+    ImageMapper(descriptor, name, sink).Map(hasIndex);
   } catch (int) {
     const int reason = errno;
     ThrowIfShort(name, "index cannot be read", reason);

@@ -125,6 +125,7 @@ void Keep(const IndexRecord& record, IndexContents* contents) {
 // item, or a restart point of the item. `place`: where the note begins.
 void KeepNote(const IndexRecord& note, const IndexRecord& item, uint64_t place,
               IndexContents* contents) {
+  if (auto damage = DamageNoteOf(note)) contents->damages.push_back(*std::move(damage));
   if (note.offset == 0) contents->headerCheck = ChecksumOfName(note.name);
   if (item.type != kIndexFile || note.offset < item.offset) return;
   if (note.offset == item.offset) {

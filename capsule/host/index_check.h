@@ -7,6 +7,7 @@
 #include <vector>
 
 #include "capsule/container/index_format.h"
+#include "capsule/host/damage_note.h"
 #include "capsule/host/file_check.h"
 #include "capsule/host/file_window.h"
 
@@ -41,6 +42,9 @@ struct IndexContents {
   std::vector<FileCheck> checks;
   std::vector<RestartPoint> restarts;
   std::vector<ItemPath> paths;
+
+  // What a checked index says was damaged when it was made, in its own order.
+  std::vector<DamageNote> damages;
 
   // Where the next item, section or the index begins behind `offset`.
   uint32_t LimitOf(uint32_t offset) const;

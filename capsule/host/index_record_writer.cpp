@@ -64,8 +64,15 @@ uint64_t CheckedEnd(const SectionItem& item) {
   return hasRecord ? item.dataOffset : item.offset;
 }
 
-bool IsSoundFile(const SectionItem& item, bool isDamaged) {
-  return item.kind == SectionItem::Kind::File && !isDamaged;
+bool IsSoundFile(const SectionItem& item, const std::string& damage) {
+  return item.kind == SectionItem::Kind::File && damage.empty();
+}
+
+// A note ends before the index: one that reached it would end the walk of readers.
+DamageNote NoteOn(const IndexRecord& item, const std::string& damage, uint64_t indexOffset) {
+  const uint64_t room = indexOffset - item.offset - 1;
+  const auto length = static_cast<uint32_t>(std::min<uint64_t>(item.length, room));
+  return {item.offset, length, damage, false};
 }
 
 }  // namespace
@@ -73,56 +80,69 @@ bool IsSoundFile(const SectionItem& item, bool isDamaged) {
 IndexRecordCounter::IndexRecordCounter()
     : m_nBytes(kIndexPreamble + RecordSize(ChecksumRecord(0, 0, 0))) {}
 
-void IndexRecordCounter::Add(const SectionItem& item, bool isDamaged) {
+void IndexRecordCounter::Add(const DamageNote& note) { m_nBytes += RecordSize(RecordOf(note)); }
+
+void IndexRecordCounter::Add(const SectionItem& item, const std::string& damage) {
   const uint64_t checksumSize = RecordSize(ChecksumRecord(0, 0, 0));
   const bool isSection = item.kind == SectionItem::Kind::Section;
-  const bool isSound = IsSoundFile(item, isDamaged);
+  const bool isSound = IsSoundFile(item, damage);
+  if (!damage.empty()) Add({0, 0, damage, false});
   m_nBytes += RecordSize(ItemRecord(item)) + m_nFileNote + (isSection ? checksumSize : 0);
   m_nFileNote = isSound ? checksumSize : 0;
   if (isSound && !item.isNtfs) m_nRestartBytes += host::MostRestartBytes(item.entry.FileSize);
 }
 
-IndexRecordWriter::IndexRecordWriter(const RecordSource& files, uint64_t indexOffset,
+IndexRecordWriter::IndexRecordWriter(const RecordSource& files, int output, uint64_t indexOffset,
                                      std::span<const unsigned char> header, bool hasRestartPoints)
     : m_Source(files),
       m_bRestartPoints(hasRestartPoints),
       m_nIndexOffset(indexOffset),
       m_Window(files.descriptor, files.imagePath),
-      m_Stream(files.descriptor, files.imagePath, indexOffset) {
+      m_Stream(output, files.imagePath, indexOffset) {
   RunningChecksum checksum;
   checksum.Update(header);
   m_Stream.Append(ChecksumRecord(checksum.Value(), 0, header.size()));
 }
 
-void IndexRecordWriter::Add(const SectionItem& item, bool isDamaged) {
-  AppendNotes();
-  if (item.kind == SectionItem::Kind::Section) m_Section.Reset();
+void IndexRecordWriter::Add(const DamageNote& note) { m_Stream.Append(RecordOf(note)); }
+
+void IndexRecordWriter::Add(const SectionItem& item, const std::string& damage) {
+  if (m_bHasLast) AppendLast();
+  const bool isSection = item.kind == SectionItem::Kind::Section;
+  if (isSection) m_Section.Reset();
   m_File.Reset();
   m_nSectionBefore = m_Section.Value();
   const uint64_t end = CheckedEnd(item);
   Take(item.offset, end, item.kind == SectionItem::Kind::File ? &m_File : nullptr);
   m_bEnded = EndsSection(item);
   if (m_bEnded) EndSection(m_Section.Value(), end);
+  m_bHasLast = true;
   m_Last = ItemRecord(item);
-  m_nLastPosition = m_Stream.Append(m_Last);
-  if (item.kind == SectionItem::Kind::Section) {
-    m_nSectionStart = item.offset;
-    m_nSectionRecord = m_Stream.Append(ChecksumRecord(0, 0, 0));
-  } else if (IsSoundFile(item, isDamaged)) {
-    m_FileNote = ChecksumRecord(m_File.Value(), item.offset, item.length);
-    m_Source.begin = item.dataOffset;
-    m_Source.limit = item.offset + item.length;
-    m_Source.size = item.entry.FileSize;
-    m_Source.ntfs = item.isNtfs;
-  }
+  m_strDamage = damage;
+  m_FileNote.reset();
+  if (!IsSoundFile(item, damage)) return;
+  m_FileNote = ChecksumRecord(m_File.Value(), item.offset, item.length);
+  m_Source.begin = item.dataOffset;
+  m_Source.limit = item.offset + item.length;
+  m_Source.size = item.entry.FileSize;
+  m_Source.ntfs = item.isNtfs;
 }
 
-// What is said of the last item, if that is a file.
-void IndexRecordWriter::AppendNotes() {
+// The last item and what is said of it.
+void IndexRecordWriter::AppendLast() {
+  m_Stream.Append(m_Last);
+  if (m_Last.type == kIndexSection) {
+    m_nSectionStart = m_Last.offset;
+    m_nSectionRecord = m_Stream.Append(ChecksumRecord(0, 0, 0));
+  }
+  AppendDamage();
   if (!m_FileNote) return;
   m_Stream.Append(*m_FileNote);
-  m_FileNote.reset();
   if (m_bRestartPoints) AppendRestartPoints();
+}
+
+void IndexRecordWriter::AppendDamage() {
+  if (!m_strDamage.empty()) Add(NoteOn(m_Last, m_strDamage, m_nIndexOffset));
 }
 
 void IndexRecordWriter::AppendRestartPoints() {
@@ -144,8 +164,9 @@ void IndexRecordWriter::AppendRestartPoints() {
 
 uint64_t IndexRecordWriter::Finish() {
   if (!m_bEnded) EndSection(m_nSectionBefore, m_Last.offset);
+  AppendDamage();
   m_Last.length = static_cast<uint32_t>(m_nIndexOffset - m_Last.offset);
-  m_Stream.Replace(m_nLastPosition, m_Last);
+  m_Stream.Append(m_Last);
   return m_Stream.Finish();
 }
 

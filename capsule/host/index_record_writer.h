@@ -9,6 +9,7 @@
 
 #include "capsule/container/index_format.h"
 #include "capsule/host/checksum.h"
+#include "capsule/host/damage_note.h"
 #include "capsule/host/file_window.h"
 #include "capsule/host/index_stream.h"
 #include "capsule/host/record_source.h"
@@ -23,7 +24,9 @@ class IndexRecordCounter {
  public:
   IndexRecordCounter();
 
-  void Add(const SectionItem& item, bool isDamaged);
+  // As IndexRecordWriter takes them.
+  void Add(const SectionItem& item, const std::string& damage);
+  void Add(const DamageNote& note);
 
   // Without restart points, and how many bytes those take at most.
   uint64_t Bytes() const { return m_nBytes; }
@@ -37,15 +40,20 @@ class IndexRecordCounter {
 
 class IndexRecordWriter {
  public:
-  // `files`: what the data records of all files have in common. `header`: as finally stored.
-  IndexRecordWriter(const RecordSource& files, uint64_t indexOffset,
+  // `files`: what the data records of all files have in common. `output`: the open file that gets
+  // the index, at `indexOffset`. `header`: as finally stored.
+  IndexRecordWriter(const RecordSource& files, int output, uint64_t indexOffset,
                     std::span<const unsigned char> header, bool hasRestartPoints);
 
   // Restart points that need not be looked for; `known` must outlive the writer.
   void SetKnownRestarts(const RestartCollector* known) { m_pKnown = known; }
 
-  // The next item. A damaged file has neither check value nor restart points.
-  void Add(const SectionItem& item, bool isDamaged);
+  // What is said of the image as a whole, before the first item.
+  void Add(const DamageNote& note);
+
+  // The next item. `damage`: what is wrong with it, or nothing; a damaged file has neither check
+  // value nor restart points.
+  void Add(const SectionItem& item, const std::string& damage);
 
   // Makes the last record reach the index; where that ends. It is the record of an item, even when
   // the end of the last section is lost: then the section's check value is for what lies before the
@@ -55,7 +63,8 @@ class IndexRecordWriter {
   uint64_t RestartBytes() const { return m_nRestartBytes; }
 
  private:
-  void AppendNotes();
+  void AppendLast();
+  void AppendDamage();
   void AppendRestartPoints();
   void EndSection(uint64_t value, uint64_t end);
   void Take(uint64_t at, uint64_t end, RunningChecksum* file);
@@ -72,9 +81,12 @@ class IndexRecordWriter {
   uint64_t m_nSectionStart = 0;
   uint64_t m_nSectionBefore = 0;  // its check value up to the last item
   bool m_bEnded = false;
+  // The last item waits for the next one: readers see nothing behind the record that ends the
+  // index.
+  bool m_bHasLast = false;
   IndexRecord m_Last;
-  uint64_t m_nLastPosition = 0;
-  std::optional<IndexRecord> m_FileNote;  // waits for an item behind the file, as restart points do
+  std::string m_strDamage;  // of the last item
+  std::optional<IndexRecord> m_FileNote;
   uint64_t m_nRestartBytes = 0;
 };
 

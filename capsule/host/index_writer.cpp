@@ -8,6 +8,7 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <map>
 #include <optional>
 #include <utility>
 #include <vector>
@@ -16,10 +17,13 @@
 #include "capsule/host/checksum.h"
 #include "capsule/host/error.h"
 #include "capsule/host/file_window.h"
+#include "capsule/host/image_open.h"
+#include "capsule/host/index_annotation.h"
 #include "capsule/host/index_record_writer.h"
 #include "capsule/host/index_source.h"
 #include "capsule/host/reason.h"
 #include "capsule/host/section_scanner.h"
+#include "capsule/host/trial_image.h"
 #include "capsule/host/uncounted_section.h"
 #include "capsule/partition/record_format.h"
 #include "capsule/platform/file.h"
@@ -33,6 +37,20 @@ void RefuseToCutSection(int descriptor, const std::string& name, const SectionSc
                         uint64_t end) {
   if (!FindUncountedSection(descriptor, name, scanner, end)) return;
   throw Error(name, Hex(end) + ": " + UncountedReason(scanner.SectionCount()), end);
+}
+
+// An index that says what was damaged is not replaced by one that does not.
+void RefuseToForget(int descriptor, const std::string& name) {
+  const auto length = static_cast<uint64_t>(std::max<int64_t>(platform::FileLength(descriptor), 0));
+  const DecodedHeader header = ReadImageHeader(descriptor, name, length);
+  IndexContents index;
+  try {
+    CheckIndexOffset(header, name, length);
+    index = CheckIndex(descriptor, name, header.indexOffset, length);
+  } catch (const Error&) {
+    return;
+  }
+  if (!index.damages.empty()) throw Error(name, "its index tells of damage, and is kept");
 }
 
 // Readers take the first records of the header for those of the sections.
@@ -80,33 +98,87 @@ IndexWriter::~IndexWriter() {
 // What the first walk found out.
 struct IndexWriter::Plan {
   IndexReport report;
-  bool isDamaged = false;
-  bool endsEmpty = false;  // the last item is the header of a section
+  SectionTrust trust = SectionTrust::Written;
+  std::vector<DamageNote> notes;            // on the image as a whole
+  std::map<uint64_t, std::string> damages;  // by the offset of their item
+  bool endsEmpty = false;                   // the last item is the header of a section
   bool isCompressed = false;
+  bool isNtfs = false;  // some of it
   bool hasRestartPoints = false;
   std::vector<unsigned char> header;  // as it will be stored
+
+  std::string DamageOf(const SectionItem& item) const {
+    const auto damage = damages.find(item.offset);
+    return damage == damages.end() ? std::string() : damage->second;
+  }
 };
 
 IndexReport IndexWriter::Write(DamagedSections damaged) {
   if (IsWithoutPartitions()) return {};
-  Plan plan = Measure(damaged);
-  const uint64_t end = plan.report.indexOffset;
-  if (!plan.isDamaged) {
+  const bool force = damaged == DamagedSections::NoteDamage;
+  if (damaged != DamagedSections::Refuse) {
+    if (!m_bOwned) throw Error(m_strName, "only an image with a path can be judged");
+    const Image image(m_strName, Opening::Salvage);
+    return image.Info().checked ? AnnotateIndex(m_nDescriptor, image, force)
+                                : WriteSections(image, force);
+  }
+  RefuseToForget(m_nDescriptor, m_strName);
+  Plan plan = Measure(SectionTrust::Written, {});
+  Complete(plan, [&] { plan.report.imageBytes = Append(plan, m_nDescriptor, nullptr); });
+  return plan.report;
+}
+
+// Of an image without an index that vouches for its sections, which are judged as opening does.
+IndexReport IndexWriter::WriteSections(const Image& image, bool force) {
+  const bool isWhole = image.IsWhole();
+  const auto& problems = image.Problems();
+  const bool hasIndex = !isWhole && HasReadableIndex(m_nDescriptor, m_strName);
+  const std::string damage =
+      problems.empty() ? image.Info().scanReason : problems[0].path + ": " + problems[0].reason;
+  if (hasIndex && !force) {
+    throw Error(m_strName, damage + "; the index can be read, and is kept for what it tells");
+  }
+  if (FindUncountedSection(m_nDescriptor, m_strName)) throw Error(m_strName, damage);
+  std::vector<DamageNote> notes;
+  if (hasIndex && problems.empty()) notes.push_back({0, kHeaderSize, damage, false});
+  Plan plan = Measure(problems.empty() ? SectionTrust::Sound : SectionTrust::Damaged, notes);
+  if (!problems.empty() && plan.report.problems.empty()) throw Error(m_strName, damage);
+  TrialImage trial(m_nDescriptor, m_strName);
+  trial.Put(plan.header);
+  plan.report.imageBytes = Append(plan, trial.Descriptor(), &trial);
+  trial.Open(plan.notes.empty() && plan.damages.empty());
+  const uint64_t begin = plan.report.indexOffset;
+  const uint64_t end = trial.Length();
+  if (!platform::CanGrow(m_nDescriptor, static_cast<int64_t>(begin),
+                         static_cast<int64_t>(end - begin))) {
+    throw Error(m_strName, "no room for the index: " + SystemReason(errno));
+  }
+  Complete(plan, [&] {
+    const bool isDone = platform::Truncate(m_nDescriptor, static_cast<int64_t>(begin)) &&
+                        CopyBytes(trial.Descriptor(), m_nDescriptor, begin, end);
+    if (!isDone) throw Error(m_strName, "write of the index: " + SystemReason(errno));
+  });
+  return plan.report;
+}
+
+// Puts the index in its place by `append`, and lets the header tell of it.
+void IndexWriter::Complete(const Plan& plan, const std::function<void()>& append) {
+  const auto end = static_cast<int64_t>(plan.report.indexOffset);
+  if (plan.trust != SectionTrust::Damaged) {
     const std::vector<unsigned char> noOffset(kHeaderSize);
     PatchHeader(noOffset, kIndexOffsetOffset, sizeof(uint32_t));
     SyncFile();
   }
   try {
-    plan.report.imageBytes = Append(plan);
+    append();
     SyncFile();
   } catch (...) {
-    platform::Truncate(m_nDescriptor, static_cast<int64_t>(end));
+    platform::Truncate(m_nDescriptor, end);
     throw;
   }
   PatchHeader(plan.header, kPartitionCountOffset, 1);
   PatchHeader(plan.header, kIndexOffsetOffset, sizeof(uint32_t));
   SyncFile();
-  return plan.report;
 }
 
 // Then there is nothing to index.
@@ -117,18 +189,12 @@ bool IndexWriter::IsWithoutPartitions() const {
   return true;
 }
 
-IndexWriter::Plan IndexWriter::Measure(DamagedSections damaged) {
+IndexWriter::Plan IndexWriter::Measure(SectionTrust trust, std::vector<DamageNote> notes) {
   const SectionScanner scanner(m_nDescriptor, m_strName);
   Plan plan;
-  try {
-    Count(&plan);
-  } catch (const Error& error) {
-    if (damaged == DamagedSections::Refuse) throw;
-    RefuseToReplaceIndex(m_nDescriptor, m_strName, error);
-    plan = {};
-    plan.isDamaged = true;
-    Count(&plan);
-  }
+  plan.trust = trust;
+  plan.notes = std::move(notes);
+  Count(&plan);
   if (plan.report.sections != scanner.SectionCount() || plan.endsEmpty) {
     throw Error(m_strName, "has " + std::to_string(scanner.SectionCount()) +
                                " sections, but what can be read ends in number " +
@@ -150,40 +216,58 @@ IndexWriter::Plan IndexWriter::Measure(DamagedSections damaged) {
 void IndexWriter::Count(Plan* plan) {
   IndexRecordCounter records;
   IndexReport& report = plan->report;
-  const auto take = [&](const SectionItem& item, bool isDamaged) {
+  ItemVisitor visitor;
+  visitor.onItem = [&](const SectionItem& item, const std::string& damage) {
     ThrowIfCancelled();
     const bool isSection = item.kind == SectionItem::Kind::Section;
-    records.Add(item, isDamaged);
+    records.Add(item, damage);
     report.files += item.kind == SectionItem::Kind::File ? 1 : 0;
     report.directories += item.kind == SectionItem::Kind::Directory && !item.isRoot ? 1 : 0;
     report.sections += isSection ? 1 : 0;
     plan->endsEmpty = isSection;
+    plan->isNtfs = plan->isNtfs || item.isNtfs;
+    if (damage.empty()) return;
+    plan->damages[item.offset] = damage;
+    const bool isNamed = !item.path.empty();
+    report.problems.push_back(
+        {isNamed ? std::to_string(item.section) + ":/" + item.path : "item at " + Hex(item.offset),
+         damage});
   };
-  report.indexOffset =
-      VisitItems(m_nDescriptor, m_strName, plan->isDamaged, take, &report.problems);
+  visitor.onImage = [&](const DamageNote& note) { plan->notes.push_back(note); };
+  report.indexOffset = VisitItems(m_nDescriptor, m_strName, plan->trust, visitor);
+  for (const DamageNote& note : plan->notes) {
+    records.Add(note);
+    report.problems.push_back({note.isCut ? "end of the image" : "image", note.reason});
+  }
   report.imageBytes = report.indexOffset + records.Bytes();
   plan->hasRestartPoints =
       report.imageBytes + records.MostRestartBytes() <= static_cast<uint64_t>(kMaxImageSize);
 }
 
-// Where the image ends with its index.
-uint64_t IndexWriter::Append(const Plan& plan) {
+// Writes the index to `output`; where it ends. A trial gets the records that opening reads.
+uint64_t IndexWriter::Append(const Plan& plan, int output, TrialImage* trial) {
   const uint64_t start = plan.report.indexOffset;
-  if (!platform::Truncate(m_nDescriptor, static_cast<int64_t>(start))) {
+  if (!platform::Truncate(output, static_cast<int64_t>(start))) {
     throw Error(m_strName, "truncate: " + SystemReason(errno));
   }
   RecordSource files;
   files.descriptor = m_nDescriptor;
   files.imageIsCompressed = plan.isCompressed;
   files.imagePath = m_strName;
-  IndexRecordWriter writer(files, start, plan.header, plan.hasRestartPoints);
+  IndexRecordWriter writer(files, output, start, plan.header, plan.hasRestartPoints);
   writer.SetKnownRestarts(m_pKnownRestarts);
-  const auto take = [&](const SectionItem& item, bool isDamaged) {
+  for (const DamageNote& note : plan.notes) writer.Add(note);
+  ItemVisitor visitor;
+  visitor.onItem = [&](const SectionItem& item, const std::string&) {
     ThrowIfCancelled();
-    writer.Add(item, isDamaged);
+    writer.Add(item, plan.DamageOf(item));
+    const bool hasData = item.kind == SectionItem::Kind::File && item.dataOffset != 0;
+    const uint64_t end = item.offset + item.length;
+    if (trial != nullptr) trial->Copy(item.offset, hasData && !plan.isNtfs ? item.dataOffset : end);
   };
-  std::vector<ImageProblem> known;
-  VisitItems(m_nDescriptor, m_strName, plan.isDamaged, take, &known);
+  visitor.onImage = [](const DamageNote&) {};
+  const bool isKnown = plan.trust == SectionTrust::Sound;  // what was decoded once
+  VisitItems(m_nDescriptor, m_strName, isKnown ? SectionTrust::Written : plan.trust, visitor);
   const uint64_t end = writer.Finish();
   if (end - writer.RestartBytes() != plan.report.imageBytes) {
     throw Error(m_strName, "changed meanwhile");

@@ -17,6 +17,7 @@
 //                  type 2: a file with its data, named by its path; then
 //                  type 6: the same offset and length, named by its check value; then
 //                  type 6: its restart points, if it is longer than a mebibyte
+//                  or, of a damaged one, in place of both, type 6: a note on its damage
 //     its end      type 3: the last 40 bytes of the trailer. They read as a zero entry and leave
 //                  a reader exactly behind the section.
 // Paths have '/' between segments and no partition. A check value is "xxh3=" and 16 hex digits. A
@@ -30,6 +31,7 @@
 #include <atomic>
 #include <cstdint>
 #include <filesystem>
+#include <functional>
 #include <span>
 #include <string>
 #include <vector>
@@ -40,6 +42,9 @@
 namespace capsule::host {
 
 class RestartCollector;
+class TrialImage;
+enum class SectionTrust;
+struct DamageNote;
 
 struct IndexReport {
   uint32_t sections = 0;
@@ -50,13 +55,22 @@ struct IndexReport {
   std::vector<ImageProblem> problems;  // files that are damaged, and what is left out
 };
 
-// What to do when records of the sections are damaged.
+// How sections are judged that may be damaged, and what becomes of those that are.
 enum class DamagedSections {
+  // They are known to be sound, having just been written: contents are not read, nor compared with
+  // an index that is there. Records that do not follow each other are refused.
   Refuse,
-  // Index what is left when nothing gets lost by it: the image has no index that can be read, and
-  // nothing but the data of files is damaged, or the end of the last section cut off. Damaged files
-  // get no check value; the index comes behind all there is.
+
+  // An index whose check value holds is compared with all it tells of, and kept; where anything
+  // differs, Write throws. Without one everything is decoded. What is damaged is indexed when
+  // nothing gets lost by it: there is no index that can be read, and nothing but the data or the
+  // long names of files is damaged, or the end of the last section cut off. The new index says what
+  // was damaged; damaged files get no check value; it comes behind all there is.
   IndexWhatIsLeft,
+
+  // The same, but an index that can be read does not stand in the way: one whose check value holds
+  // is kept with all its check values, and gets a note on all that differs.
+  NoteDamage,
 };
 
 class CAPSULE_API IndexWriter {
@@ -64,7 +78,8 @@ class CAPSULE_API IndexWriter {
   // Opens the image for reading and writing. Throws Error.
   explicit IndexWriter(const std::filesystem::path& image);
 
-  // Works on an open image; the descriptor stays the caller's. `name`: what errors call it.
+  // Works on an open image whose sections have just been written: Write must refuse damaged ones.
+  // The descriptor stays the caller's. `name`: what errors call it.
   IndexWriter(int descriptor, std::string name);
 
   ~IndexWriter();
@@ -78,16 +93,19 @@ class CAPSULE_API IndexWriter {
   // `known` must outlive the writer.
   void SetKnownRestarts(const RestartCollector* known) { m_pKnownRestarts = known; }
 
-  // Throws Error when the image cannot be scanned, read or written.
+  // Throws Error when the image cannot be scanned, read or written, or when no index would lead to
+  // what it holds; then nothing has been changed, unless writing itself failed.
   IndexReport Write(DamagedSections damaged = DamagedSections::Refuse);
 
  private:
   bool IsWithoutPartitions() const;
 
   struct Plan;
-  Plan Measure(DamagedSections damaged);
+  IndexReport WriteSections(const Image& image, bool force);
+  Plan Measure(SectionTrust trust, std::vector<DamageNote> notes);
   void Count(Plan* plan);
-  uint64_t Append(const Plan& plan);
+  uint64_t Append(const Plan& plan, int output, TrialImage* trial);
+  void Complete(const Plan& plan, const std::function<void()>& append);
   void PatchHeader(std::span<const unsigned char> header, size_t offset, size_t count);
   void SyncFile();
   void ThrowIfCancelled() const;

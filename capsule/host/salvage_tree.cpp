@@ -127,14 +127,16 @@ std::unique_ptr<Catalog> SalvageCatalog(int descriptor, const std::string& path,
   SurveyVisitor visitor;
   visitor.onItem = [&](const SurveyItem& found) {
     const std::string wrong = AddNamed(window, found, &collector);
-    if (!wrong.empty()) problems->push_back({"long name at " + Hex(found.item.offset), wrong});
+    if (wrong.empty()) return;
+    const uint64_t at = found.item.offset;
+    problems->push_back({"long name at " + Hex(at), wrong, false, at});
   };
   visitor.onDamage = [&](uint64_t offset, const std::string& reason) {
-    problems->push_back({"item at " + Hex(offset), reason});
+    problems->push_back({"item at " + Hex(offset), reason, false, offset});
   };
   visitor.onFileDamage = visitor.onDamage;
   visitor.onStray = [&](uint64_t offset) {
-    problems->push_back({"item at " + Hex(offset), "its folder is lost"});
+    problems->push_back({"item at " + Hex(offset), "its folder is lost", false, offset});
   };
   try {
     if (index.isChecked && !index.records.empty()) {

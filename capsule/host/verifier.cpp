@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <set>
 #include <vector>
 
 #include "capsule/container/header_format.h"
@@ -60,7 +61,7 @@ class VerifyRun {
     MapImage(m_nDescriptor, m_strName, [this](const MapItem& item) { Take(item); });
     CloseFile();
     TellUnnamed();
-    if (m_bNtfs) ReadNtfsFiles();
+    CompareWithOpening();
     m_Report.checkValues = m_Index.CheckValues();
     return m_Report;
   }
@@ -180,20 +181,26 @@ class VerifyRun {
     });
   }
 
-  // The tree of an NTFS partition and what its files hold, as readers see them.
-  void ReadNtfsFiles() {
+  // What opening the image finds is a fault here too, so that no command calls an image damaged
+  // that this one calls sound. Files of NTFS partitions are read through the tree that it gives.
+  void CompareWithOpening() {
     try {
-      const Image image(m_strName);
-      for (const ImageProblem& problem : image.Problems()) Tell(0, problem.path, problem.reason);
-      constexpr uint8_t kNtfs = 7;
+      const Image image(m_strName, Opening::Salvage);
+      for (const ImageProblem& problem : image.Problems()) {
+        if (!problem.offset || !m_Told.contains(*problem.offset)) {
+          Tell(problem.offset.value_or(0), problem.path, problem.reason);
+        }
+      }
+      if (!image.IsWhole() && m_Report.faults == 0) Tell(0, "", image.Info().scanReason);
+      if (!m_bNtfs) return;
       for (int n = 0; n < image.Partitions(); ++n) {
-        if (image.Info().partitions[static_cast<size_t>(n)].systemId != kNtfs) continue;
+        if (image.Info().partitions[static_cast<size_t>(n)].systemId != kSystemIdNtfs) continue;
         ReadBelow(image, image.Root(n));
       }
     } catch (const ShortageError&) {
       throw;
     } catch (const Error& error) {
-      Tell(error.Offset().value_or(0), "", error.Reason());
+      if (m_Report.faults == 0) Tell(error.Offset().value_or(0), "", error.Reason());
     }
   }
 
@@ -225,6 +232,7 @@ class VerifyRun {
 
   void Tell(uint64_t offset, const std::string& path, const std::string& reason) {
     ++m_Report.faults;
+    m_Told.insert(offset);
     m_Take({offset, path, reason});
   }
 
@@ -235,6 +243,7 @@ class VerifyRun {
   FileWindow m_Window;
   IndexVerifier m_Index;
   VerifyReport m_Report;
+  std::set<uint64_t> m_Told;  // offsets of faults
   OpenFile m_File;
   std::vector<RestartPoint> m_Restarts;  // by record
   size_t m_nRestart = 0;                 // the next

@@ -8,13 +8,14 @@
 // What is checked: the structure of header, sections and index (image_map.h); ordinals and
 // checksums of long names; flags, params and lengths of records; that every unit decodes to exactly
 // the length that it states and every file to its size; that the index names what is there, and all
-// of it; the check values in the index, where there are any. A fault ends nothing but the reading
-// of the file that it hits. An image without an index is verified by what it has.
+// of it; the check values in the index, where there are any. Whatever opening the image finds wrong
+// is a fault too. A fault ends nothing but the reading of the file that it hits. An image without
+// an index is verified by what it has.
 //
 // Files of the file system's own in NTFS partitions ($MFT and the like) may be without data:
 // writers leave it out.
 //
-// Memory: 4 bytes for each file and folder; images with NTFS partitions are opened as a whole.
+// Memory: that of the open image, and 4 bytes for each file and folder.
 #pragma once
 
 #include <cstdint>

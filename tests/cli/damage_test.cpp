@@ -77,6 +77,25 @@ TEST_F(DamageTest, ExtractLeavesOutSkipsOrZeroesWhatIsLost) {
   }
 }
 
+TEST_F(DamageTest, IndexKeepsOrNotesDamageThatEachCommandThenNames) {
+  const std::string bytes = ReadFile(At("i"));
+  EXPECT_EQ(RunCapsule({"index", At("i")}).status, 2);
+  EXPECT_TRUE(ReadFile(At("i")) == bytes);
+  EXPECT_EQ(RunCapsule({"index", "--force", At("i")}).status, 1);
+  fs::create_directories(At("out"));
+  for (const auto& command : std::vector<std::vector<std::string>>{
+           {"list", At("i")}, {"info", At("i")}, {"extract", At("i"), "-C", At("out")}}) {
+    const CommandResult result = RunCapsule(command);
+    EXPECT_EQ(result.status, 1) << command[0];
+    EXPECT_NE(result.err.find("i: 0:/text: "), std::string::npos) << result.err;
+  }
+  const CommandResult verified = RunCapsule({"verify", At("i")});
+  EXPECT_EQ(verified.status, 1);
+  EXPECT_NE(verified.out.find("0:/text: "), std::string::npos) << verified.out;
+  EXPECT_FALSE(fs::exists(At("out/text")));
+  EXPECT_EQ(ReadFile(At("out/whole")), "content");
+}
+
 TEST_F(DamageTest, CatTellsTheLossOnStandardError) {
   const CommandResult zero = RunCapsule({"cat", At("i"), "text", "--on-damage=zero", "--json",
                                          "--offset", "20000", "--length", "15000"});

@@ -10,6 +10,7 @@
 #include "capsule/compression/lzs.h"
 #include "capsule/compression/stream_compressor.h"
 #include "capsule/container/header_scramble.h"
+#include "capsule/host/damage_note.h"
 #include "capsule/host/image.h"
 #include "capsule/host/image_builder.h"
 #include "capsule/partition/record_format.h"
@@ -85,6 +86,17 @@ std::string Compressed(const std::string& bytes) {
   return {compressor.GetResult(), compressor.GetResult() + compressor.GetCompressedSize()};
 }
 
+// The bytes of an index record that says so, and that is read as saying so.
+std::string Note(const host::DamageNote& note) {
+  std::vector<unsigned char> bytes;
+  AppendIndexRecord(host::RecordOf(note), &bytes);
+  platform::ByteReader reader(bytes);
+  const auto read = host::DamageNoteOf(TakeIndexRecord(reader));
+  EXPECT_TRUE(read && read->offset == note.offset && read->length == note.length &&
+              read->isCut == note.isCut && read->reason == note.reason);
+  return {bytes.begin(), bytes.end()};
+}
+
 TEST(FormatDocument, SaysRightWhatItSaysInSentences) {
   const auto zeroEntry = EncodeZeroEntry();
   const std::map<std::string, std::string> expected = {
@@ -93,6 +105,9 @@ TEST(FormatDocument, SaysRightWhatItSaysInSentences) {
       {"16 01 00 00 00 00 20 00", {zeroEntry.begin(), zeroEntry.begin() + 8}},
       {"30 E0 7C 70 00", Compressed(std::string(10, 'a'))},
       {"C0 00", Compressed("")},
+      {"06 0B 00 64 61 6D 61 67 65 64 3D 62 61 64 58 26 00 00 70 00 00 00",
+       Note({0x2658, 0x70, "bad", false})},
+      {"06 07 00 63 75 74 3D 65 6E 64 00 00 00 00 88 1D 00 00", Note({0, 7560, "end", true})},
   };
   const std::string document = Document();
   std::set<std::string> found;

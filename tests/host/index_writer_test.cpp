@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 #include <sys/resource.h>
 
+#include <algorithm>
 #include <csignal>
 #include <cstdio>
 #include <filesystem>
@@ -13,6 +14,7 @@
 
 #include "capsule/container/index_format.h"
 #include "capsule/host/error.h"
+#include "capsule/host/verifier.h"
 #include "capsule/platform/little_endian.h"
 #include "tests/host/small_image.h"
 #include "tests/support/damage_seed.h"
@@ -67,8 +69,17 @@ class IndexWriterTest : public testing::Test {
   void ExpectRefused(const std::string& bytes,
                      DamagedSections damaged = DamagedSections::Refuse) const {
     Put(bytes);
+    const auto time = std::filesystem::last_write_time(m_Path);
     EXPECT_THROW(Write(damaged), Error);
     EXPECT_EQ(Saved() == bytes, true);
+    EXPECT_EQ(std::filesystem::last_write_time(m_Path), time);
+  }
+
+  // By verifying and by opening, which must say the same.
+  bool IsCalledSound() const {
+    const bool isWhole = Image(m_Path).IsWhole();
+    EXPECT_EQ(Verifier(m_Path).Run([](const Fault&) {}).faults == 0, isWhole);
+    return isWhole;
   }
 
   test::TempDir m_Folder;
@@ -209,8 +220,12 @@ TEST_F(IndexWriterTest, IndexesWhatIsLeft) {
   const test::DamageSeed seed(CAPSULE_TEST_DATA "/images/h_compact_scrambled.img");
   const auto index = [&](const std::string& bytes, size_t from) {
     Put(bytes);
+    const bool isCut = bytes.size() < seed.IndexOffset();
     const IndexReport report = Write(DamagedSections::IndexWhatIsLeft);
-    EXPECT_EQ(report.problems.size(), 1u);
+    EXPECT_GE(report.problems.size(), 1u);
+    EXPECT_EQ(report.problems.back().path == "end of the image", isCut);
+    EXPECT_FALSE(IsCalledSound());
+    EXPECT_EQ(Image(m_Path).Problems().size(), report.problems.size());
     EXPECT_EQ(Saved().substr(kHeaderSize, bytes.size() - kHeaderSize), bytes.substr(kHeaderSize));
     test::Contents found = test::ReadContents(Image(m_Path));
     for (const std::string& name :
@@ -245,6 +260,67 @@ TEST_F(IndexWriterTest, IndexesWhatIsLeft) {
   loose.SmallFile("ONE     BIN", 512);
   loose.EndSection();
   refuse(loose.Bytes(), loose.Bytes().find("ONE     BIN") + kDirEntrySize + 7);
+}
+
+// An index whose check value holds is better than any that damaged sections give.
+TEST_F(IndexWriterTest, NotesDamageInAnIndexThatIsRight) {
+  std::string bytes = test::WriteIndexed(m_Path, test::TwoFiles());
+  EXPECT_TRUE(IsCalledSound());
+  EXPECT_TRUE(Write(DamagedSections::IndexWhatIsLeft).problems.empty());
+  EXPECT_EQ(Saved(), bytes);
+
+  // A note of a kind that nobody knows is kept.
+  const size_t start = Image(m_Path).Info().indexOffset;
+  const std::string unknown = Record(6, "what=ever", kHeaderSize, 9);
+  bytes.insert(bytes.find("FOLDER/TWO.BIN", start) - 3, unknown);
+  const std::string records = bytes.substr(start + 7);
+  bytes.replace(start + 3, 4, Le(XXH32(records.data(), records.size(), 0), 4));
+  const size_t data = bytes.find("dddd");
+  bytes[data + 9] ^= 1;
+  ExpectRefused(bytes, DamagedSections::IndexWhatIsLeft);
+
+  EXPECT_FALSE(Write(DamagedSections::NoteDamage).problems.empty());
+  const std::string noted = Saved();
+  EXPECT_EQ(noted.substr(0, start), bytes.substr(0, start));
+  EXPECT_NE(noted.find(unknown, start), std::string::npos);
+  EXPECT_FALSE(IsCalledSound());
+  const Image image(m_Path);
+  const auto& problems = image.Problems();
+  EXPECT_TRUE(std::any_of(problems.begin(), problems.end(), [](const ImageProblem& problem) {
+    return problem.path == "0:/FOLDER/ONE.BIN" &&
+           problem.reason.find("known since the index was made") != std::string::npos;
+  }));
+  test::Contents found = test::ReadContents(image);
+  EXPECT_EQ(found["0:/FOLDER/ONE.BIN"], test::kUnread);
+  EXPECT_EQ(found["0:/FOLDER/TWO.BIN"], std::string(10, 'd'));
+  for (const auto mode : {DamagedSections::NoteDamage, DamagedSections::IndexWhatIsLeft}) {
+    EXPECT_FALSE(Write(mode).problems.empty());
+    EXPECT_EQ(Saved() == noted, true);
+  }
+
+  ExpectRefused(noted);
+
+  bytes[data - kDirRecordSize] = 0;  // no index leads over a record of this kind
+  ExpectRefused(bytes, DamagedSections::NoteDamage);
+}
+
+// Whatever is written opens strictly; damage that was there is still called so.
+TEST_F(IndexWriterTest, NoIndexMakesDamageLookSound) {
+  for (const auto& sample :
+       std::filesystem::directory_iterator(CAPSULE_TEST_DATA "/images/faults")) {
+    const std::string bytes = test::ReadFile(sample.path().string());
+    for (const auto mode : {DamagedSections::IndexWhatIsLeft, DamagedSections::NoteDamage}) {
+      SCOPED_TRACE(sample.path());
+      Put(bytes);
+      try {
+        const bool wasSound = Verifier(m_Path).Run([](const Fault&) {}).faults == 0;
+        Write(mode);
+        EXPECT_EQ(IsCalledSound(), wasSound);
+      } catch (const Error&) {
+        EXPECT_EQ(Saved() == bytes, true);
+      }
+    }
+  }
 }
 
 // A full disk: the image is one without an index, not one with half of it.

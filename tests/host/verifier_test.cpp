@@ -4,9 +4,11 @@
 
 #include <algorithm>
 #include <filesystem>
+#include <optional>
 #include <random>
 
 #include "capsule/host/error.h"
+#include "capsule/host/image.h"
 #include "capsule/host/image_map.h"
 #include "tests/host/small_image.h"
 #include "tests/support/bytes.h"
@@ -181,6 +183,25 @@ TEST_F(VerifierTest, AnIndexMustNameWhatIsThereAndAllOfIt) {
   const auto faults = Patched(m_Whole, record, test::Hex("F0"));
   ExpectFault(faults, kTwo, "0:/FOLDER/TWO.BIN", "the index does not name what begins here");
   ExpectFault(faults, record - 17, "0:/FOLDER/TWO.BIN", "where no item begins");
+}
+
+// Whatever opening the image finds wrong.
+TEST_F(VerifierTest, WhatOpeningCallsDamagedIsNamedHereToo) {
+  size_t damaged = 0;
+  for (const auto& sample :
+       std::filesystem::directory_iterator(CAPSULE_TEST_DATA "/images/faults")) {
+    const std::string path = sample.path().string();
+    std::optional<Image> image;
+    try {
+      image.emplace(path, Opening::Salvage);
+      if (image->IsWhole()) continue;
+      ++damaged;
+      EXPECT_FALSE(FaultsOf(path).empty()) << path;
+    } catch (const Error&) {
+      EXPECT_FALSE(image) << path;
+    }
+  }
+  EXPECT_GE(damaged, 10U);
 }
 
 TEST_F(VerifierTest, LongNamesMustBelongToTheirShortName) {

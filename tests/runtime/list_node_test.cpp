@@ -2,16 +2,7 @@
 
 #include <gtest/gtest.h>
 
-#include <new>
-
-namespace {
-bool g_bOutOfMemory = false;
-}
-
-// The allocation that list nodes use, made to fail on demand.
-void* operator new(size_t size, const std::nothrow_t&) noexcept {
-  return g_bOutOfMemory ? nullptr : ::operator new(size);
-}
+#include "tests/support/failing_allocations.h"
 
 namespace capsule {
 namespace {
@@ -35,9 +26,10 @@ TEST(ListNodeTest, OutOfMemoryLeavesTheListAndFreeingItTheStrings) {
   _ListNode* list = nullptr;
   for (const size_t length : {0U, 1U}) {
     _ListNode* const before = list;
-    g_bOutOfMemory = true;
-    EXPECT_EQ(AppendListNode(&list, &text), 768U) << length;
-    g_bOutOfMemory = false;
+    {
+      const test::FailingAllocation fails(0);
+      EXPECT_EQ(AppendListNode(&list, &text), 768U) << length;
+    }
     EXPECT_EQ(list, before);
     ASSERT_EQ(AppendListNode(&list, &text), 0U);
   }

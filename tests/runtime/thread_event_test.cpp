@@ -10,21 +10,7 @@
 
 #include "capsule/runtime/capsule_event.h"
 #include "capsule/runtime/capsule_thread.h"
-
-namespace {
-
-thread_local int t_nAllocations = 0;
-thread_local int t_nFailing = -1;  // the allocation that fails, counted like the others; -1: none
-
-}  // namespace
-
-void* operator new(size_t size) {
-  void* memory = t_nAllocations++ == t_nFailing ? nullptr : std::malloc(size == 0 ? 1 : size);
-  return memory != nullptr ? memory : throw std::bad_alloc();
-}
-
-void operator delete(void* memory) noexcept { std::free(memory); }
-void operator delete(void* memory, size_t) noexcept { std::free(memory); }
+#include "tests/support/failing_allocations.h"
 
 namespace capsule {
 namespace {
@@ -108,9 +94,9 @@ TEST(CapsuleEvent, AManualEventWakesAllWhoWait) {
 TEST(CapsuleEvent, AWaitLeavesNothingBehindAlsoWhenMemoryRunsOut) {
   CapsuleEvent alone("left behind", CapsuleEvent::AutoReset);
   const auto allocations = [&] {
-    t_nAllocations = 0;
+    const int before = test::CountAllocations();
     EXPECT_EQ(alone.waitAll(0, CapsuleEvent::ReturnIndex), kTimeout);
-    return t_nAllocations;
+    return test::CountAllocations() - before;
   };
   allocations();
   const int usual = allocations();
@@ -118,11 +104,11 @@ TEST(CapsuleEvent, AWaitLeavesNothingBehindAlsoWhenMemoryRunsOut) {
     CapsuleEvent same("left behind", CapsuleEvent::AutoReset);
     CapsuleEvent linked("linked", CapsuleEvent::AutoReset);
     same << linked;
-    t_nAllocations = 0;
-    t_nFailing = failing;
-    EXPECT_EQ(same.waitAll(0, CapsuleEvent::ReturnIndex), kTimeout);
-    EXPECT_EQ(same.isValid(), t_nAllocations > failing ? 0 : 1);
-    t_nFailing = -1;
+    {
+      const test::FailingAllocation fails(failing);
+      EXPECT_EQ(same.waitAll(0, CapsuleEvent::ReturnIndex), kTimeout);
+    }
+    EXPECT_EQ(same.isValid(), test::HasAllocationFailed() ? 0 : 1);
     ASSERT_EQ(allocations(), usual) << failing;
   }
   alone.setEvent();

@@ -8,8 +8,10 @@ namespace {
 constexpr int kNever = -1;
 thread_local int t_nBefore = kNever;  // allocations that succeed before one fails
 thread_local bool t_bFailed = false;
+thread_local int t_nAllocations = 0;
 
 void* Allocate(size_t size) noexcept {
+  ++t_nAllocations;
   if (t_nBefore == 0) {
     t_nBefore = kNever;
     t_bFailed = true;
@@ -48,5 +50,7 @@ FailingAllocation::FailingAllocation(int before) {
 FailingAllocation::~FailingAllocation() { t_nBefore = kNever; }
 
 bool HasAllocationFailed() { return t_bFailed; }
+
+int CountAllocations() { return t_nAllocations; }
 
 }  // namespace capsule::test

@@ -16,6 +16,9 @@ class FailingAllocation {
 // Whether an allocation failed since the last FailingAllocation began.
 bool HasAllocationFailed();
 
+// How many allocations this thread has asked for.
+int CountAllocations();
+
 // Calls `attempt` with a function that runs what it is given while the first allocation fails, then
 // with one where the second fails, and so on, until none is left to fail. How many failed.
 template <typename Attempt>

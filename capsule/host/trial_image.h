@@ -1,0 +1,43 @@
+// TrialImage shows whether an image would open by an index that it has not got yet: a file as long
+// as the image with the records that opening reads, the new index behind them, and holes for the
+// rest. It lies beside the image, or in the folder for temporary files, and goes with its object.
+#pragma once
+
+#include <cstdint>
+#include <span>
+#include <string>
+
+#include "capsule/platform/temporary_file.h"
+
+namespace capsule::host {
+
+class TrialImage {
+ public:
+  // `descriptor`: the image called `name`, which must outlive it. Throws host::Error when no file
+  // can be made.
+  TrialImage(int descriptor, const std::string& name);
+
+  int Descriptor() const { return m_File.Descriptor(); }
+  uint64_t Length() const;
+
+  // Bytes of the image.
+  void Copy(uint64_t begin, uint64_t end);
+
+  // What stands at the start instead.
+  void Put(std::span<const unsigned char> header);
+
+  // Throws host::Error unless it opens strictly, and, where `isWhole`, without a problem.
+  void Open(bool isWhole) const;
+
+ private:
+  [[noreturn]] void Fail(const char* step) const;
+
+  int m_nDescriptor;
+  const std::string& m_strName;
+  platform::TemporaryFile m_File;
+};
+
+// Copies bytes of one open file to the same place of another; false with errno.
+bool CopyBytes(int from, int to, uint64_t begin, uint64_t end);
+
+}  // namespace capsule::host
