@@ -145,8 +145,6 @@ std::optional<ImageProblem> JudgeHeader(int descriptor, const std::string& path,
                       false, 0};
 }
 
-}
-
 // What the index says was damaged when it was made.
 void AddKnownDamage(const IndexContents& index, const Catalog& catalog,
                     std::vector<ImageProblem>* problems) {
