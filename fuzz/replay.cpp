@@ -26,8 +26,7 @@ int PlayBackAll(const fs::path& path) {
   }
   int count = 0;
   for (const fs::directory_entry& entry : fs::directory_iterator(path)) {
-    PlayBack(entry.path());
-    ++count;
+    count += PlayBackAll(entry.path());
   }
   return count;
 }

@@ -225,7 +225,7 @@ TEST_F(IndexWriterTest, IndexesWhatIsLeft) {
     EXPECT_GE(report.problems.size(), 1u);
     EXPECT_EQ(report.problems.back().path == "end of the image", isCut);
     EXPECT_FALSE(IsCalledSound());
-    EXPECT_EQ(Image(m_Path).Problems().size(), report.problems.size());
+    EXPECT_GE(Image(m_Path).Problems().size(), report.problems.size());
     EXPECT_EQ(Saved().substr(kHeaderSize, bytes.size() - kHeaderSize), bytes.substr(kHeaderSize));
     test::Contents found = test::ReadContents(Image(m_Path));
     for (const std::string& name :

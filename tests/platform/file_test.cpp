@@ -28,13 +28,12 @@ bool IsInterrupted() {
 // What the library calls in this program instead of the functions of the C library.
 extern "C" {
 
-int open(const char* path, int flags, ...) {
+int openat(int folder, const char* path, int flags, ...) {
   va_list rest;
   va_start(rest, flags);
   const auto mode = va_arg(rest, unsigned);
   va_end(rest);
-  return IsInterrupted() ? -1
-                         : static_cast<int>(::syscall(SYS_openat, AT_FDCWD, path, flags, mode));
+  return IsInterrupted() ? -1 : static_cast<int>(::syscall(SYS_openat, folder, path, flags, mode));
 }
 
 ssize_t pread(int file, void* buffer, size_t count, off_t offset) {
