@@ -78,7 +78,8 @@ class ClassReader {
   [[noreturn]] static void Fail(const std::string& path, const std::string& what, int error,
                                 const std::string& damage) {
     ThrowIfShort(path, what, error);
-    throw Error(path, what + ": " + (error != 0 ? SystemReason(error) : damage));
+    const bool isDamage = error == 0 || error == EINVAL;  // the latter for an offset of no file
+    throw Error(path, what + ": " + (isDamage ? damage : SystemReason(error)));
   }
 
   LibraryState m_State;
