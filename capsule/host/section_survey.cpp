@@ -348,7 +348,10 @@ class IndexedSurvey {
  public:
   IndexedSurvey(int descriptor, const std::string& path, const IndexContents& index,
                 const SurveyVisitor& visitor)
-      : m_Scanner(descriptor, path), m_Index(index), m_Visitor(visitor) {}
+      : m_Scanner(descriptor, path),
+        m_Window(descriptor, path),
+        m_Index(index),
+        m_Visitor(visitor) {}
 
   void Run() {
     for (m_nAt = 0; m_nAt < m_Index.records.size(); ++m_nAt) {
@@ -376,9 +379,24 @@ class IndexedSurvey {
     const bool isGood = damage.empty();
     if (!isGood) m_Visitor.onDamage(record.offset, damage);
     if (!isGood && !Replace(record, end, &found)) return;
-    m_bFirstDot = found.item.kind == Kind::DotEntry && m_Before == Kind::Directory;
-    m_Before = found.item.kind;
+    CountDots(found.item.kind);
     m_Visitor.onItem(found);
+  }
+
+  // Behind a folder stand "." and "..", else ".", "." and "..".
+  void CountDots(Kind kind) {
+    if (kind == Kind::DotEntry && m_nDotsLeft > 0) {
+      --m_nDotsLeft;
+    } else {
+      m_nDotsLeft = kind == Kind::DotEntry || kind == Kind::Directory ? 2 : 0;
+    }
+  }
+
+  // Whether a damaged record that ends at `end`, of a folder's own or a zero entry, is of a dot
+  // entry.
+  bool IsDotBefore(uint64_t end) {
+    return m_nDotsLeft > 0 ||
+           (IsDotAt(m_Window, end, ".") && IsDotAt(m_Window, end + kDirRecordSize, ".."));
   }
 
   // What is wrong with the item, or nothing.
@@ -414,8 +432,7 @@ class IndexedSurvey {
     } else if (!record.name.empty()) {
       *found = LostFolder(record.offset, LastSegment(record.name));
     } else {
-      const bool isDot = m_Before == Kind::Directory || (m_Before == Kind::DotEntry && m_bFirstDot);
-      *found = Plain(isDot ? Kind::DotEntry : Kind::ZeroEntry, record.offset);
+      *found = Plain(IsDotBefore(end) ? Kind::DotEntry : Kind::ZeroEntry, record.offset);
     }
     item.length = end - record.offset;
     return true;
@@ -435,11 +452,11 @@ class IndexedSurvey {
   }
 
   SectionScanner m_Scanner;
+  FileWindow m_Window;
   const IndexContents& m_Index;
   const SurveyVisitor& m_Visitor;
   size_t m_nAt = 0;
-  Kind m_Before = Kind::Section;
-  bool m_bFirstDot = false;
+  int m_nDotsLeft = 0;  // that are to follow
 };
 
 }  // namespace
