@@ -11,6 +11,7 @@
 #include "capsule/host/error.h"
 #include "capsule/host/reason.h"
 #include "capsule/host/section_resync.h"
+#include "capsule/host/survey_places.h"
 #include "capsule/host/survey_repair.h"
 #include "capsule/partition/record_format.h"
 
@@ -58,12 +59,9 @@ class SearchingSurvey {
         goesOn = inSection ? Recover(start, std::move(found), error) : RecoverSection(start);
         const bool isOfFile =
             inSection && !m_Items.back().isGap && m_Items.back().item.kind == Kind::File;
-        const bool losesPlace = inSection && !m_Scanner.InNtfsSection() && m_Items.back().isGap &&
-                                KnownAt(start) == nullptr;
         if (isOfFile) m_Items.back().damage = error.Reason();
         const auto& tell = isOfFile ? m_Visitor.onFileDamage : m_Visitor.onDamage;
-        tell(error.Offset().value_or(start),
-             error.Reason() + (losesPlace ? "; what follows may belong to another folder" : ""));
+        tell(error.Offset().value_or(start), error.Reason());
         goesOn = goesOn && MayGoBack(reached);
       }
     }
@@ -147,7 +145,9 @@ class SearchingSurvey {
   void Flush() {
     const bool isFat = std::none_of(m_Items.begin(), m_Items.end(),
                                     [](const SurveyItem& item) { return item.item.isNtfs; });
-    if (isFat) m_Items = RepairSection(std::move(m_Items), m_Visitor);
+    if (isFat) {
+      m_Items = PlaceBehindLosses(RepairSection(std::move(m_Items), m_Visitor), m_Visitor);
+    }
     for (const SurveyItem& item : m_Items) {
       if (!item.isGap) m_Visitor.onItem(item);
     }
@@ -204,14 +204,16 @@ class SearchingSurvey {
     const bool hasEntry = found.item.kind == Kind::File && found.item.dataOffset != 0;
     if (hasEntry) m_Items.push_back(std::move(found));
     const uint64_t from = hasEntry ? ResumeFrom(failed, failed) : ResumeFrom(start, failed);
-    auto next = FindResumePoint(m_Window, std::max(from, m_nLeast), Range());
+    const uint64_t least = std::max(from, m_nLeast);
+    auto next = FindResumePoint(m_Window, least, Range());
     if (next && next->offset == start) next = FindResumePoint(m_Window, start + 1, Range());
     const uint64_t end = next ? next->offset : m_Hints.limit;
     if (hasEntry || end <= start || ContinuesFile(start)) {
       SectionItem& last = m_Items.back().item;
       last.length = std::max(end, last.dataOffset) - last.offset;
+      if (next) m_Items.back().lost += next->offset - least - next->dataBytes;
     } else {
-      AddGap(start, end, next && next->passedData);
+      AddGap(start, end, next && next->dataBytes > 0);
     }
     if (!next) return false;
     m_nLeast = next->offset + 1;
@@ -262,11 +264,15 @@ class SearchingSurvey {
     gap.item.length = end - start;
     gap.isGap = true;
     gap.hasData = hasData;
+    gap.lost = end - start;
     const bool mayBeRecords = !hasData && !m_Scanner.InNtfsSection() &&
                               gap.item.length % kDirRecordSize == 0 &&
                               gap.item.length <= kMostZeroEntries * kDirRecordSize;
     if (!mayBeRecords) return m_Items.push_back(std::move(gap));
-    for (uint64_t at = start; at < end; at += kDirRecordSize) AddRecordOfGap(at);
+    for (uint64_t at = start; at < end; at += kDirRecordSize) {
+      AddRecordOfGap(at);
+      if (m_Items.back().isGap) m_Items.back().lost = kDirRecordSize;
+    }
   }
 
   void AddRecordOfGap(uint64_t at) {

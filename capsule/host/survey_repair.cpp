@@ -41,6 +41,7 @@ class Repair {
     if (m_bDotsUsual) {
       for (size_t i = 0; i < m_Items.size(); ++i) JudgeDots(i);
       for (size_t i = 0; i < m_Items.size(); ++i) JudgeFolder(i);
+      for (size_t i = 0; i < m_Items.size(); ++i) JudgeGap(i);
     }
     std::vector<SurveyItem> repaired;
     repaired.reserve(m_Items.size());
@@ -79,6 +80,7 @@ class Repair {
   // Whether the folder that is to stand in front is not there. A "." behind that of a folder is a
   // damaged "..".
   bool LosesFolder(size_t i) const {
+    if (IsDot(i, "..")) return i > 0 && m_Items[i - 1].isGap && m_Items[i - 1].lost > 0;
     if (!IsFolderDot(i) || (i > 0 && KindAt(i - 1) == Kind::Directory)) return false;
     return i < 2 || !IsFolderDot(i - 1) || KindAt(i - 2) != Kind::Directory;
   }
@@ -150,6 +152,14 @@ class Repair {
                IsFolderDot(i + 1)) {
       Change(i, Kind::Directory, "entry of a file is followed by those of a folder");
     }
+  }
+
+  // A lost record between those of a folder is one of its own.
+  void JudgeGap(size_t i) {
+    if (i == 0 || m_Items[i].lost != kDirRecordSize) return;
+    const bool isFirst = KindAt(i - 1) == Kind::Directory && IsDot(i + 1, "..");
+    const bool isSecond = i > 1 && IsFolderDot(i - 1) && KindAt(i - 2) == Kind::Directory;
+    if (isFirst || isSecond) m_Items[i].lost = 0;
   }
 
   std::vector<SurveyItem> m_Items;
