@@ -10,6 +10,7 @@
 
 #include "capsule/host/error.h"
 #include "capsule/host/reason.h"
+#include "capsule/host/record_judge.h"
 #include "capsule/host/section_resync.h"
 #include "capsule/host/survey_places.h"
 #include "capsule/host/survey_repair.h"
@@ -211,14 +212,36 @@ class SearchingSurvey {
     if (hasEntry || end <= start || ContinuesFile(start)) {
       SectionItem& last = m_Items.back().item;
       last.length = std::max(end, last.dataOffset) - last.offset;
-      if (next) m_Items.back().lost += next->offset - least - next->dataBytes;
+      if (next && !LeadsTo(from == failed ? failed : from - 1, *next)) {
+        m_Items.back().lost += next->offset - least - next->dataBytes;
+      }
     } else {
-      AddGap(start, end, next && next->dataBytes > 0);
+      AddGap(start, end, next ? next->dataBytes : 0);
     }
     if (!next) return false;
     m_nLeast = next->offset + 1;
     m_Scanner.Resume(next->offset, !next->startsSection);
     return true;
+  }
+
+  // Whether nothing but a damaged data block is lost at `at`: its header still leads to what
+  // follows, or it is whole but for its type and length.
+  bool LeadsTo(uint64_t at, const ResumePoint& next) {
+    const uint64_t length = next.offset - next.dataBytes - std::min(next.offset, at);
+    const auto bytes = m_Window.At(at, FileWindow::kSize);
+    if (bytes.size() < length || length < kMiniHeaderSize) return false;
+    _MiniHeader header = DecodeMiniHeader(bytes.first<kMiniHeaderSize>());
+    const uint64_t payload = length - kMiniHeaderSize;
+    if (header.Length == payload) return true;
+    header.Type = kRecordDataBlock;
+    header.Length = static_cast<uint16_t>(payload);
+    if (header.Length != payload || m_nWork < payload) return false;
+    m_nWork -= payload;
+    const auto record = bytes.first(static_cast<size_t>(length));
+    std::vector<unsigned char> mended(record.begin(), record.end());
+    const auto encoded = EncodeMiniHeader(header);
+    std::copy(encoded.begin(), encoded.end(), mended.begin());
+    return IsWholeDataRecord(mended, m_Scanner.Header().compressed);
   }
 
   // An item that is damaged, where an index says where it ends. `found`: as far as it could be
@@ -258,21 +281,42 @@ class SearchingSurvey {
   }
 
   // What cannot be told; a zero entry still is one.
-  void AddGap(uint64_t start, uint64_t end, bool hasData) {
+  void AddGap(uint64_t start, uint64_t end, uint64_t dataFound) {
+    const uint64_t dataBytes = std::min(dataFound, end - start);  // some may lie before
     SurveyItem gap;
     gap.item.offset = start;
     gap.item.length = end - start;
     gap.isGap = true;
-    gap.hasData = hasData;
-    gap.lost = end - start;
-    const bool mayBeRecords = !hasData && !m_Scanner.InNtfsSection() &&
+    gap.hasData = dataBytes > 0;
+    gap.lost = end - start - dataBytes - RecordBytes(start, end - dataBytes);
+    const bool mayBeRecords = !gap.hasData && !m_Scanner.InNtfsSection() &&
                               gap.item.length % kDirRecordSize == 0 &&
                               gap.item.length <= kMostZeroEntries * kDirRecordSize;
     if (!mayBeRecords) return m_Items.push_back(std::move(gap));
     for (uint64_t at = start; at < end; at += kDirRecordSize) {
       AddRecordOfGap(at);
-      if (m_Items.back().isGap) m_Items.back().lost = kDirRecordSize;
+      SurveyItem& record = m_Items.back();
+      const bool hasHeader = HasHeaderLeft(at);
+      record.isGap = record.isGap || !hasHeader;
+      if (!hasHeader) record.lost = kDirRecordSize;
     }
+  }
+
+  // From `start` on, of directory records that have most of their headers: they hide no others.
+  uint64_t RecordBytes(uint64_t start, uint64_t end) {
+    uint64_t at = start;
+    while (at + kDirRecordSize <= end && HasHeaderLeft(at)) at += kDirRecordSize;
+    return at - start;
+  }
+
+  // Whether some of the header of a directory record is there: what files hold may be zero, too.
+  bool HasHeaderLeft(uint64_t at) {
+    const auto bytes = m_Window.At(at, kMiniHeaderSize);
+    if (bytes.size() < kMiniHeaderSize) return false;
+    const _MiniHeader header = DecodeMiniHeader(bytes.first<kMiniHeaderSize>());
+    return (header.Type == kRecordDirectory) + (header.Flag == 1) +
+               (header.Length == kDirEntrySize) >=
+           2;
   }
 
   void AddRecordOfGap(uint64_t at) {

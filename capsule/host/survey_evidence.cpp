@@ -17,14 +17,45 @@ constexpr double kAnotherClosed = 0.4;  // that one more does
 constexpr double kAnotherOpened = 0.3;
 constexpr size_t kAttributeAt = 11;  // of a short entry; times and size are behind it
 
-// Never 0. What an entry says but for its name.
+// Never 0.
+uint64_t HashOf(std::span<const unsigned char> bytes) {
+  uint64_t hash = 0xCBF29CE484222325;
+  for (const unsigned char byte : bytes) hash = (hash ^ byte) * 0x100000001B3;
+  return std::max<uint64_t>(hash, 1);
+}
+
+// What an entry says but for its name.
 uint64_t KeyOfEntry(const _ShortDirEntry& entry) {
   const auto bytes = EncodeShortEntry(entry);
-  uint64_t key = 0xCBF29CE484222325;
-  for (const unsigned char byte : std::span(bytes).subspan(kAttributeAt)) {
-    key = (key ^ byte) * 0x100000001B3;
+  return HashOf(std::span(bytes).subspan(kAttributeAt));
+}
+
+bool IsDigit(char c) { return c >= '0' && c <= '9'; }
+bool IsLetter(char c) { return (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z'); }
+
+// Of a name: a row of digits is as good as another, so is one of letters, but for the extension.
+uint64_t KindOfName(const std::string& name) {
+  const size_t extension = std::min(name.rfind('.'), name.size());
+  std::vector<unsigned char> kind;
+  for (size_t i = 0; i < name.size(); ++i) {
+    char c = name[i];
+    if (i < extension && IsDigit(c)) c = '0';
+    if (i < extension && IsLetter(c)) c = 'a';
+    const auto byte = static_cast<unsigned char>(c);
+    const bool isRow = i < extension && (c == '0' || c == 'a') && !kind.empty();
+    if (!isRow || kind.back() != byte) kind.push_back(byte);
   }
-  return std::max<uint64_t>(key, 1);
+  return HashOf(kind);
+}
+
+double Measure(bool fits, double share, double chance) {
+  return std::log(fits ? share / chance : (1 - share) / (1 - chance));
+}
+
+// Of one in `all`, of which `counts` tells how many have it.
+double ChanceOf(uint64_t key, const std::unordered_map<uint64_t, uint32_t>& counts, uint32_t all) {
+  const auto known = counts.find(key);
+  return ((known == counts.end() ? 0 : known->second) + 1.0) / (all + 2.0);
 }
 
 double HiddenOf(double chance, uint32_t count, double another) {
@@ -37,8 +68,9 @@ double HiddenOf(double chance, uint32_t count, double another) {
 double SurveyEvidence::Share::Value() const { return std::min((fits + 1) / (all + 2), kSurest); }
 
 SurveyEvidence::SurveyEvidence(const std::vector<SurveyItem>& items)
-    : m_Items(items), m_Own(items.size()), m_Above(items.size()) {
+    : m_Items(items), m_Own(items.size()), m_Above(items.size()), m_Kinds(items.size()) {
   ReadKeys();
+  ReadKinds();
   Learn();
 }
 
@@ -64,18 +96,29 @@ void SurveyEvidence::ReadKeys() {
   m_FoldersPerByte = (m_nFolders + 1.0) / static_cast<double>(std::max<uint64_t>(bytes, 1));
 }
 
+void SurveyEvidence::ReadKinds() {
+  for (uint32_t i = 0; i < m_Items.size(); ++i) {
+    if (m_Items[i].isGap || m_Items[i].item.kind != Kind::File || !HasName(i)) continue;
+    if (IsBehindLoss(i)) continue;
+    m_Kinds[i] = KindOfName(m_Items[i].item.name);
+    ++m_KindCounts[m_Kinds[i]];
+    ++m_nFiles;
+  }
+}
+
 // From what stands between two losses: there every folder is known.
 void SurveyEvidence::Learn() {
   struct Open {
-    uint32_t folder;
-    uint32_t last;
+    uint32_t folder = kNone;
+    uint32_t last = kNone;
+    uint32_t lastFile = kNone;
   };
-  std::vector<Open> open{{kRoot, kNone}};
+  std::vector<Open> open{{kRoot}};
   bool isFirst = true;  // nothing is lost yet
   for (uint32_t i = 0; i < m_Items.size(); ++i) {
     const SurveyItem& found = m_Items[i];
     if (found.lost > 0) {
-      open.assign(1, {kNone, kNone});
+      open.assign(1, {});
       isFirst = false;
     }
     const Kind kind = found.item.kind;
@@ -84,24 +127,38 @@ void SurveyEvidence::Learn() {
       if (open.size() > 1)
         open.pop_back();
       else if (!isFirst)
-        open.assign(1, {kNone, kNone});
+        open.assign(1, {});
       continue;
     }
     if (kind != Kind::Directory && kind != Kind::File) continue;
     Open& at = open.back();
     if (at.last != kNone && HasName(i) && HasName(at.last)) m_Order.Add(IsInOrder(at.last, i));
     at.last = i;
-    if (kind != Kind::Directory) continue;
+    if (kind == Kind::File) {
+      const bool areKnown = at.lastFile != kNone && m_Kinds[at.lastFile] != 0 && m_Kinds[i] != 0;
+      if (areKnown) m_Likeness.Add(m_Kinds[at.lastFile] == m_Kinds[i]);
+      at.lastFile = i;
+      continue;
+    }
     if (at.folder == kRoot && m_nRootKey == 0) m_nRootKey = m_Above[i];
     if (at.folder != kNone && m_Above[i] != 0 && KeyOf(at.folder) != 0) {
       m_Times.Add(KeyOf(at.folder) == m_Above[i]);
     }
-    open.push_back({i, kNone});
+    open.push_back({i});
   }
 }
 
+// Behind a loss the long name may be lost, or the end of it.
 bool SurveyEvidence::HasName(uint32_t item) const {
-  return !m_Items[item].isPlaceholder && !m_Items[item].item.name.empty();
+  const SurveyItem& found = m_Items[item];
+  const std::string& name = found.item.name;
+  if (found.isPlaceholder || name.empty() || name.starts_with("damaged-")) return false;
+  const bool mayLackLong = IsBehindLoss(item) && name == found.item.shortName;
+  return !mayLackLong || name.find('~') == name.npos;
+}
+
+bool SurveyEvidence::IsBehindLoss(uint32_t item) const {
+  return item > 0 && m_Items[item - 1].lost > 0;
 }
 
 bool SurveyEvidence::IsInOrder(uint32_t before, uint32_t after) const {
@@ -109,19 +166,20 @@ bool SurveyEvidence::IsInOrder(uint32_t before, uint32_t after) const {
 }
 
 double SurveyEvidence::Order(uint32_t before, uint32_t after) const {
-  if (before == kNone || !HasName(before) || !HasName(after)) return 0;
-  const double share = m_Order.Value();
-  return std::log((IsInOrder(before, after) ? share : 1 - share) / 0.5);
+  if (before == kNone || after == kNone || !HasName(before) || !HasName(after)) return 0;
+  return Measure(IsInOrder(before, after), m_Order.Value(), 0.5);
+}
+
+double SurveyEvidence::Likeness(uint32_t before, uint32_t after) const {
+  if (before == kNone || after == kNone || m_Kinds[before] == 0 || m_Kinds[after] == 0) return 0;
+  return Measure(m_Kinds[before] == m_Kinds[after], m_Likeness.Value(),
+                 ChanceOf(m_Kinds[after], m_KindCounts, m_nFiles));
 }
 
 double SurveyEvidence::Times(uint32_t folder, uint32_t child) const {
   if (m_Above[child] == 0 || KeyOf(folder) == 0) return 0;
-  const double share = m_Times.Value();
-  const auto known = m_Keys.find(m_Above[child]);
-  const double count = known == m_Keys.end() ? 0 : known->second;
-  const double chance = (count + 1) / (m_nFolders + 2.0);
-  const bool fits = KeyOf(folder) == m_Above[child];
-  return std::log(fits ? share / chance : (1 - share) / (1 - chance));
+  return Measure(KeyOf(folder) == m_Above[child], m_Times.Value(),
+                 ChanceOf(m_Above[child], m_Keys, m_nFolders));
 }
 
 double SurveyEvidence::Hidden(uint64_t lost, uint32_t closed, uint32_t opened) const {

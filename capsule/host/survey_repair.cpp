@@ -38,10 +38,10 @@ class Repair {
   std::vector<SurveyItem> Run() {
     for (size_t i = 0; i < m_Items.size(); ++i) JudgeEntry(i);
     for (size_t i = 0; i < m_Items.size(); ++i) JudgeData(i);
+    for (size_t i = 0; i < m_Items.size(); ++i) JudgeGap(i);
     if (m_bDotsUsual) {
       for (size_t i = 0; i < m_Items.size(); ++i) JudgeDots(i);
       for (size_t i = 0; i < m_Items.size(); ++i) JudgeFolder(i);
-      for (size_t i = 0; i < m_Items.size(); ++i) JudgeGap(i);
     }
     std::vector<SurveyItem> repaired;
     repaired.reserve(m_Items.size());
