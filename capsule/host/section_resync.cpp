@@ -62,15 +62,15 @@ class Resync {
     if (known == m_Range.sections.end() || *known >= m_Range.limit) return FindByBytes(offset);
     m_Range.limit = *known;
     const auto found = FindByBytes(offset);
-    return found ? found : ResumePoint{*known, true, m_bPassedData};
+    return found ? found : ResumePoint{*known, true, m_nDataBytes};
   }
 
  private:
   std::optional<ResumePoint> FindByBytes(uint64_t offset) {
     uint64_t at = offset;
     while (at < m_Range.limit) {
-      if (StartsSection(at)) return ResumePoint{at, true, m_bPassedData};
-      if (StartsItem(at)) return ResumePoint{at, false, m_bPassedData};
+      if (StartsSection(at)) return ResumePoint{at, true, m_nDataBytes};
+      if (StartsItem(at)) return ResumePoint{at, false, m_nDataBytes};
       const uint64_t next = m_Range.ntfs ? at : StepOver(at);
       at = next > at ? next : Search(at + 1);
     }
@@ -122,7 +122,7 @@ class Resync {
     const bool mayBeEntry = header[0] == kRecordDirectory;
     if (mayBeEntry && IsRecord(at + kDirRecordSize)) return at + kDirRecordSize;
     if (IsWholeData(at)) {
-      m_bPassedData = true;
+      m_nDataBytes += next - at;
       return next;
     }
     return next < m_Range.limit && IsRecord(next) ? next : at;
@@ -188,7 +188,7 @@ class Resync {
 
   FileWindow& m_Window;
   ResyncRange m_Range;
-  bool m_bPassedData = false;
+  uint64_t m_nDataBytes = 0;
 };
 
 }  // namespace

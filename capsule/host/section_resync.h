@@ -12,7 +12,7 @@ namespace capsule::host {
 struct ResumePoint {
   uint64_t offset = 0;
   bool startsSection = false;
-  bool passedData = false;  // whole data block records lie between
+  uint64_t dataBytes = 0;  // of whole data block records that lie between
 };
 
 // What is looked for, and where.

@@ -10,7 +10,9 @@
 
 #include "capsule/host/error.h"
 #include "capsule/host/reason.h"
+#include "capsule/host/record_judge.h"
 #include "capsule/host/section_resync.h"
+#include "capsule/host/survey_places.h"
 #include "capsule/host/survey_repair.h"
 #include "capsule/partition/record_format.h"
 
@@ -58,12 +60,9 @@ class SearchingSurvey {
         goesOn = inSection ? Recover(start, std::move(found), error) : RecoverSection(start);
         const bool isOfFile =
             inSection && !m_Items.back().isGap && m_Items.back().item.kind == Kind::File;
-        const bool losesPlace = inSection && !m_Scanner.InNtfsSection() && m_Items.back().isGap &&
-                                KnownAt(start) == nullptr;
         if (isOfFile) m_Items.back().damage = error.Reason();
         const auto& tell = isOfFile ? m_Visitor.onFileDamage : m_Visitor.onDamage;
-        tell(error.Offset().value_or(start),
-             error.Reason() + (losesPlace ? "; what follows may belong to another folder" : ""));
+        tell(error.Offset().value_or(start), error.Reason());
         goesOn = goesOn && MayGoBack(reached);
       }
     }
@@ -147,7 +146,9 @@ class SearchingSurvey {
   void Flush() {
     const bool isFat = std::none_of(m_Items.begin(), m_Items.end(),
                                     [](const SurveyItem& item) { return item.item.isNtfs; });
-    if (isFat) m_Items = RepairSection(std::move(m_Items), m_Visitor);
+    if (isFat) {
+      m_Items = PlaceBehindLosses(RepairSection(std::move(m_Items), m_Visitor), m_Visitor);
+    }
     for (const SurveyItem& item : m_Items) {
       if (!item.isGap) m_Visitor.onItem(item);
     }
@@ -204,19 +205,43 @@ class SearchingSurvey {
     const bool hasEntry = found.item.kind == Kind::File && found.item.dataOffset != 0;
     if (hasEntry) m_Items.push_back(std::move(found));
     const uint64_t from = hasEntry ? ResumeFrom(failed, failed) : ResumeFrom(start, failed);
-    auto next = FindResumePoint(m_Window, std::max(from, m_nLeast), Range());
+    const uint64_t least = std::max(from, m_nLeast);
+    auto next = FindResumePoint(m_Window, least, Range());
     if (next && next->offset == start) next = FindResumePoint(m_Window, start + 1, Range());
     const uint64_t end = next ? next->offset : m_Hints.limit;
     if (hasEntry || end <= start || ContinuesFile(start)) {
       SectionItem& last = m_Items.back().item;
       last.length = std::max(end, last.dataOffset) - last.offset;
+      if (next && !LeadsTo(from == failed ? failed : from - 1, *next)) {
+        m_Items.back().lost += next->offset - least - next->dataBytes;
+      }
     } else {
-      AddGap(start, end, next && next->passedData);
+      AddGap(start, end, next ? next->dataBytes : 0);
     }
     if (!next) return false;
     m_nLeast = next->offset + 1;
     m_Scanner.Resume(next->offset, !next->startsSection);
     return true;
+  }
+
+  // Whether nothing but a damaged data block is lost at `at`: its header still leads to what
+  // follows, or it is whole but for its type and length.
+  bool LeadsTo(uint64_t at, const ResumePoint& next) {
+    const uint64_t length = next.offset - next.dataBytes - std::min(next.offset, at);
+    const auto bytes = m_Window.At(at, FileWindow::kSize);
+    if (bytes.size() < length || length < kMiniHeaderSize) return false;
+    _MiniHeader header = DecodeMiniHeader(bytes.first<kMiniHeaderSize>());
+    const uint64_t payload = length - kMiniHeaderSize;
+    if (header.Length == payload) return true;
+    header.Type = kRecordDataBlock;
+    header.Length = static_cast<uint16_t>(payload);
+    if (header.Length != payload || m_nWork < payload) return false;
+    m_nWork -= payload;
+    const auto record = bytes.first(static_cast<size_t>(length));
+    std::vector<unsigned char> mended(record.begin(), record.end());
+    const auto encoded = EncodeMiniHeader(header);
+    std::copy(encoded.begin(), encoded.end(), mended.begin());
+    return IsWholeDataRecord(mended, m_Scanner.Header().compressed);
   }
 
   // An item that is damaged, where an index says where it ends. `found`: as far as it could be
@@ -256,17 +281,42 @@ class SearchingSurvey {
   }
 
   // What cannot be told; a zero entry still is one.
-  void AddGap(uint64_t start, uint64_t end, bool hasData) {
+  void AddGap(uint64_t start, uint64_t end, uint64_t dataFound) {
+    const uint64_t dataBytes = std::min(dataFound, end - start);  // some may lie before
     SurveyItem gap;
     gap.item.offset = start;
     gap.item.length = end - start;
     gap.isGap = true;
-    gap.hasData = hasData;
-    const bool mayBeRecords = !hasData && !m_Scanner.InNtfsSection() &&
+    gap.hasData = dataBytes > 0;
+    gap.lost = end - start - dataBytes - RecordBytes(start, end - dataBytes);
+    const bool mayBeRecords = !gap.hasData && !m_Scanner.InNtfsSection() &&
                               gap.item.length % kDirRecordSize == 0 &&
                               gap.item.length <= kMostZeroEntries * kDirRecordSize;
     if (!mayBeRecords) return m_Items.push_back(std::move(gap));
-    for (uint64_t at = start; at < end; at += kDirRecordSize) AddRecordOfGap(at);
+    for (uint64_t at = start; at < end; at += kDirRecordSize) {
+      AddRecordOfGap(at);
+      SurveyItem& record = m_Items.back();
+      const bool hasHeader = HasHeaderLeft(at);
+      record.isGap = record.isGap || !hasHeader;
+      if (!hasHeader) record.lost = kDirRecordSize;
+    }
+  }
+
+  // From `start` on, of directory records that have most of their headers: they hide no others.
+  uint64_t RecordBytes(uint64_t start, uint64_t end) {
+    uint64_t at = start;
+    while (at + kDirRecordSize <= end && HasHeaderLeft(at)) at += kDirRecordSize;
+    return at - start;
+  }
+
+  // Whether some of the header of a directory record is there: what files hold may be zero, too.
+  bool HasHeaderLeft(uint64_t at) {
+    const auto bytes = m_Window.At(at, kMiniHeaderSize);
+    if (bytes.size() < kMiniHeaderSize) return false;
+    const _MiniHeader header = DecodeMiniHeader(bytes.first<kMiniHeaderSize>());
+    return (header.Type == kRecordDirectory) + (header.Flag == 1) +
+               (header.Length == kDirEntrySize) >=
+           2;
   }
 
   void AddRecordOfGap(uint64_t at) {
@@ -348,7 +398,10 @@ class IndexedSurvey {
  public:
   IndexedSurvey(int descriptor, const std::string& path, const IndexContents& index,
                 const SurveyVisitor& visitor)
-      : m_Scanner(descriptor, path), m_Index(index), m_Visitor(visitor) {}
+      : m_Scanner(descriptor, path),
+        m_Window(descriptor, path),
+        m_Index(index),
+        m_Visitor(visitor) {}
 
   void Run() {
     for (m_nAt = 0; m_nAt < m_Index.records.size(); ++m_nAt) {
@@ -376,9 +429,24 @@ class IndexedSurvey {
     const bool isGood = damage.empty();
     if (!isGood) m_Visitor.onDamage(record.offset, damage);
     if (!isGood && !Replace(record, end, &found)) return;
-    m_bFirstDot = found.item.kind == Kind::DotEntry && m_Before == Kind::Directory;
-    m_Before = found.item.kind;
+    CountDots(found.item.kind);
     m_Visitor.onItem(found);
+  }
+
+  // Behind a folder stand "." and "..", else ".", "." and "..".
+  void CountDots(Kind kind) {
+    if (kind == Kind::DotEntry && m_nDotsLeft > 0) {
+      --m_nDotsLeft;
+    } else {
+      m_nDotsLeft = kind == Kind::DotEntry || kind == Kind::Directory ? 2 : 0;
+    }
+  }
+
+  // Whether a damaged record that ends at `end`, of a folder's own or a zero entry, is of a dot
+  // entry.
+  bool IsDotBefore(uint64_t end) {
+    return m_nDotsLeft > 0 ||
+           (IsDotAt(m_Window, end, ".") && IsDotAt(m_Window, end + kDirRecordSize, ".."));
   }
 
   // What is wrong with the item, or nothing.
@@ -414,8 +482,7 @@ class IndexedSurvey {
     } else if (!record.name.empty()) {
       *found = LostFolder(record.offset, LastSegment(record.name));
     } else {
-      const bool isDot = m_Before == Kind::Directory || (m_Before == Kind::DotEntry && m_bFirstDot);
-      *found = Plain(isDot ? Kind::DotEntry : Kind::ZeroEntry, record.offset);
+      *found = Plain(IsDotBefore(end) ? Kind::DotEntry : Kind::ZeroEntry, record.offset);
     }
     item.length = end - record.offset;
     return true;
@@ -435,11 +502,11 @@ class IndexedSurvey {
   }
 
   SectionScanner m_Scanner;
+  FileWindow m_Window;
   const IndexContents& m_Index;
   const SurveyVisitor& m_Visitor;
   size_t m_nAt = 0;
-  Kind m_Before = Kind::Section;
-  bool m_bFirstDot = false;
+  int m_nDotsLeft = 0;  // that are to follow
 };
 
 }  // namespace

@@ -20,6 +20,7 @@ struct SurveyItem {
   bool isPlaceholder = false;  // a folder whose own records are lost; what lies in it is not
   bool isGap = false;          // bytes that cannot be told; they are nothing
   bool hasData = false;        // of a gap: it has data block records
+  uint64_t lost = 0;           // bytes at its end that may hide the records of other items
   std::string damage;          // of a file: what is wrong with its data
 };
 

@@ -22,16 +22,19 @@ bool IsDots(std::string_view name) {
 bool IsDot(std::string_view name) { return IsDots(name) && !name.starts_with(".."); }
 bool IsDotDot(std::string_view name) { return IsDots(name) && name.starts_with(".."); }
 
-// Of the first of `records`. A "." or ".." alone says nothing: it may be that another is damaged.
+// Of the first of `records`. A folder has "." and ".." behind it; ".", "." and ".." belong to none.
+// A "." or ".." alone says nothing: it may be that another is damaged.
 std::optional<Kind> KindOf(std::span<const IndexRecord> records, bool isBehindDot) {
   const auto name = [&](size_t i) { return i < records.size() ? records[i].name : ""; };
   if (name(0).empty()) return Kind::ZeroEntry;
   if (IsDots(name(0))) {
     const bool isPair = IsDot(name(0)) ? IsDotDot(name(1)) : isBehindDot;
-    return isPair ? std::optional(Kind::DotEntry) : std::nullopt;
+    const bool isOne = isPair || (IsDot(name(0)) && IsDot(name(1)) && IsDotDot(name(2)));
+    return isOne ? std::optional(Kind::DotEntry) : std::nullopt;
   }
   if (IsDot(name(1)) && IsDotDot(name(2))) return Kind::Directory;
-  return IsDots(name(1)) ? std::nullopt : std::optional(Kind::File);
+  const bool isAlone = !IsDots(name(1)) || (IsDot(name(1)) && IsDot(name(2)) && IsDotDot(name(3)));
+  return isAlone ? std::optional(Kind::File) : std::nullopt;
 }
 
 }  // namespace
@@ -98,19 +101,22 @@ bool SoundItem::IsRatherThan(const SectionItem& item, Kind kind) const {
     case Kind::ZeroEntry:
       return !IsMostlyZero(item.entry);
     case Kind::DotEntry:
+      if (item.kind == Kind::File) return item.entry.FileSize != 0;
+      return item.kind != Kind::Directory || IsDotAt(m_Window, item.offset + item.length, ".");
     case Kind::Directory:
       if (item.kind == Kind::File) return item.entry.FileSize != 0;
-      return item.kind != Kind::Directory || IsDotAt(item.offset + item.length);
+      return item.kind != Kind::DotEntry;
     default:
       return true;
   }
 }
 
-bool SoundItem::IsDotAt(uint64_t offset) const {
-  const auto bytes = m_Window.At(offset, kDirRecordSize);
+bool IsDotAt(FileWindow& window, uint64_t offset, std::string_view name) {
+  const auto bytes = window.At(offset, kDirRecordSize);
   if (bytes.size() < kDirRecordSize) return false;
   const _ShortDirEntry entry = DecodeShortEntry(bytes.last<kDirEntrySize>());
-  return entry.Attribute == kDirectoryAttribute && ShortNameToBytes(entry) == ".";
+  return (entry.Attribute & kDirectoryAttribute) != 0 && entry.Attribute != kLongNameAttribute &&
+         ShortNameToBytes(entry) == name;
 }
 
 }  // namespace capsule::host

@@ -4,6 +4,7 @@
 
 #include <cstdint>
 #include <optional>
+#include <string_view>
 #include <vector>
 
 #include "capsule/host/file_window.h"
@@ -48,11 +49,12 @@ class SoundItem {
   bool IsRatherThan(const SectionItem& item, SectionItem::Kind kind) const;
 
  private:
-  bool IsDotAt(uint64_t offset) const;
-
   FileWindow& m_Window;
   int m_nDescriptor;
   bool m_bCompressed;
 };
+
+// Whether an entry of that name, "." or "..", is there.
+bool IsDotAt(FileWindow& window, uint64_t offset, std::string_view name);
 
 }  // namespace capsule::host

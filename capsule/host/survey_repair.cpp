@@ -38,6 +38,7 @@ class Repair {
   std::vector<SurveyItem> Run() {
     for (size_t i = 0; i < m_Items.size(); ++i) JudgeEntry(i);
     for (size_t i = 0; i < m_Items.size(); ++i) JudgeData(i);
+    for (size_t i = 0; i < m_Items.size(); ++i) JudgeGap(i);
     if (m_bDotsUsual) {
       for (size_t i = 0; i < m_Items.size(); ++i) JudgeDots(i);
       for (size_t i = 0; i < m_Items.size(); ++i) JudgeFolder(i);
@@ -45,10 +46,11 @@ class Repair {
     std::vector<SurveyItem> repaired;
     repaired.reserve(m_Items.size());
     for (size_t i = 0; i < m_Items.size(); ++i) {
-      if (IsDot(i, ".") && (i == 0 || KindAt(i - 1) != Kind::Directory)) {
+      if (LosesFolder(i)) {
         repaired.push_back(LostFolder(m_Items[i].item.offset));
+        m_Visitor.onDamage(m_Items[i].item.offset, "the records of its folder are lost");
       }
-      repaired.push_back(std::move(m_Items[i]));
+      repaired.push_back(m_Items[i]);
     }
     return repaired;
   }
@@ -62,6 +64,25 @@ class Repair {
   bool IsDot(size_t i, const char* name) const {
     return i < m_Items.size() && !m_Items[i].isGap && m_Items[i].item.kind == Kind::DotEntry &&
            IsDotNamed(m_Items[i].item, name);
+  }
+
+  // A drive's root, and a folder with a separator behind it, are stored as ".", "." and "..", of
+  // which none opens a level.
+  bool BeginsBareDots(size_t i) const {
+    return IsDot(i, ".") && IsDot(i + 1, ".") && IsDot(i + 2, "..");
+  }
+
+  // The first of the two behind a folder.
+  bool IsFolderDot(size_t i) const {
+    return IsDot(i, ".") && !BeginsBareDots(i) && (i == 0 || !BeginsBareDots(i - 1));
+  }
+
+  // Whether the folder that is to stand in front is not there. A "." behind that of a folder is a
+  // damaged "..".
+  bool LosesFolder(size_t i) const {
+    if (IsDot(i, "..")) return i > 0 && m_Items[i - 1].isGap && m_Items[i - 1].lost > 0;
+    if (!IsFolderDot(i) || (i > 0 && KindAt(i - 1) == Kind::Directory)) return false;
+    return i < 2 || !IsFolderDot(i - 1) || KindAt(i - 2) != Kind::Directory;
   }
 
   // There is nothing in its bytes to judge it by.
@@ -106,7 +127,7 @@ class Repair {
       Change(i, Kind::DotEntry, "entry of the folder itself is not one of a folder");
     } else if (isFirst && IsDot(i + 1, "..") && !IsDot(i + 1, ".")) {
       Change(i, Kind::DotEntry, "entry of the folder itself is damaged");
-    } else if (isSecond && item.kind == Kind::Directory && !IsDot(i + 1, ".")) {
+    } else if (isSecond && item.kind == Kind::Directory && !IsFolderDot(i + 1)) {
       Change(i, Kind::DotEntry, "entry of the folder above is damaged");
     }
   }
@@ -125,12 +146,20 @@ class Repair {
     if (IsTold(i)) return;
     const SectionItem& item = m_Items[i].item;
     if (item.kind == Kind::Directory && i + 1 < m_Items.size() && !m_Items[i + 1].isGap &&
-        KindAt(i + 1) != Kind::DotEntry) {
+        (KindAt(i + 1) != Kind::DotEntry || BeginsBareDots(i + 1))) {
       Change(i, Kind::File, "entry of a folder is followed by none of its own");
     } else if (item.kind == Kind::File && item.dataOffset == item.offset + item.length &&
-               IsDot(i + 1, ".")) {
+               IsFolderDot(i + 1)) {
       Change(i, Kind::Directory, "entry of a file is followed by those of a folder");
     }
+  }
+
+  // A lost record between those of a folder is one of its own.
+  void JudgeGap(size_t i) {
+    if (i == 0 || m_Items[i].lost != kDirRecordSize) return;
+    const bool isFirst = KindAt(i - 1) == Kind::Directory && IsDot(i + 1, "..");
+    const bool isSecond = i > 1 && IsFolderDot(i - 1) && KindAt(i - 2) == Kind::Directory;
+    if (isFirst || isSecond) m_Items[i].lost = 0;
   }
 
   std::vector<SurveyItem> m_Items;

@@ -3,17 +3,25 @@
 
 #include <algorithm>
 #include <array>
+#include <functional>
 #include <map>
 #include <set>
 
+#include "capsule/blocks/file_block.h"
+#include "capsule/container/capsule_file.h"
 #include "capsule/container/index_format.h"
 #include "capsule/host/checksum.h"
 #include "capsule/host/image.h"
 #include "capsule/host/index_writer.h"
 #include "capsule/platform/little_endian.h"
+#include "tests/host/small_image.h"
 #include "tests/support/bytes.h"
 #include "tests/support/damage_seed.h"
+#include "tests/support/entries.h"
 #include "tests/support/image_maker.h"
+#include "tests/support/open_image.h"
+#include "tests/support/sample_images.h"
+#include "tests/support/source_tree.h"
 #include "tests/support/temp_dir.h"
 
 namespace capsule::host {
@@ -153,6 +161,121 @@ TEST(SalvagedKind, AFolderIsNoFile) {
   EXPECT_TRUE(Image(seed / "x.cap", Opening::Salvage).Find("D1")->IsDirectory());
 }
 
+// Through host::Image, folders with a '/' behind.
+std::vector<std::string> PathsOf(const Image& image) {
+  std::vector<std::string> paths;
+  test::ForEachEntry(image, [&](const Entry& entry) {
+    if (!entry.IsRoot()) paths.push_back(entry.Path().substr(3) + (entry.IsDirectory() ? "/" : ""));
+  });
+  std::sort(paths.begin(), paths.end());
+  return paths;
+}
+
+// The same through the exported classes, which have names of 8.3 only.
+std::vector<std::string> ClassPathsOf(const std::string& path) {
+  std::vector<std::string> paths;
+  test::OpenImage image(path);
+  EXPECT_EQ(image.Read(), 0);
+  const std::function<void(CpsList&, const std::string&)> add = [&](CpsList& list,
+                                                                    const std::string& folder) {
+    for (int i = 0; CapsuleFileBlock* block = test::BlockAt(list, i); ++i) {
+      const _ShortDirEntry& entry = block->GetDirectoryEntry().EntryInUse();
+      const std::string name = ShortNameToBytes(entry);
+      if (name == "." || name == "..") continue;
+      const bool isFolder = (entry.Attribute & kDirectoryAttribute) != 0;
+      paths.push_back(folder + name + (isFolder ? "/" : ""));
+      if (isFolder) add(block->FileList(), folder + name + "/");
+    }
+  };
+  add(image.Partition(0)->GetFileBlocks(), "");
+  std::sort(paths.begin(), paths.end());
+  return paths;
+}
+
+// A drive's root, or a folder with a separator behind it, is stored as ".", "." and "..", of which
+// none opens a level.
+TEST(BareDots, OpenNoLevel) {
+  using Paths = std::vector<std::string>;
+  const struct {
+    std::vector<std::string> inserted;  // none: a sample
+    Paths paths;
+  } cases[] = {
+      {{}, {"DIR/", "DIR/F"}},
+      {{"C:\\", "C:\\A", "C:\\A\\F"}, {"A/", "A/F"}},
+      {{"C:\\A", "C:\\A\\F", "C:\\", "C:\\Z.TXT"}, {"A/", "A/F", "Z.TXT"}},
+      {{"C:\\A", "C:\\A\\B\\", "C:\\A\\B\\G", "C:\\Z.TXT"}, {"A/", "A/G", "Z.TXT"}},
+      {{"C:\\A", "C:\\A\\E", "C:\\A\\B\\", "C:\\A\\B\\G", "C:\\Z.TXT"},
+       {"A/", "A/E", "A/G", "Z.TXT"}},
+      {{"C:\\A", "C:\\A\\B", "C:\\A\\B\\", "C:\\A\\B\\G", "C:\\Z.TXT"},
+       {"A/", "A/B/", "A/B/G", "Z.TXT"}},
+  };
+  for (const auto& [inserted, paths] : cases) {
+    test::SourceTree tree;
+    for (const char* file : {"A/F", "A/B/G", "Z.TXT"}) tree.AddFile(file, file);
+    tree.AddFile("A/E", "");
+    const std::string path = tree.Beside("x.img");
+    if (inserted.empty()) {
+      test::WriteFile(path, test::ReadFile(test::SamplePath("faults/w_drive_root.img")));
+      EXPECT_EQ(PathsOf(Image(path)), paths);
+      EXPECT_EQ(ClassPathsOf(path), paths);
+    } else {
+      CapsuleFile image;
+      ASSERT_EQ(image.CreateCapsuleFile(path.c_str()), 0);
+      ASSERT_EQ(image.WriteImageFileHeader("Capsulate test"), 0);
+      for (const std::string& item : inserted) ASSERT_EQ(image.InsertFile(item.c_str(), 0), 0);
+      ASSERT_EQ(image.CloseImageFile(), 0);
+    }
+    const std::string bare = test::ReadFile(path);
+    IndexWriter(path).Write();
+    EXPECT_EQ(PathsOf(Image(path)), paths);
+    EXPECT_EQ(ClassPathsOf(path), paths);
+    std::string unchecked = test::ReadFile(path);
+    const uint32_t index = test::U32At(unchecked, kIndexOffsetOffset);
+    unchecked[index] = 'X';
+    test::WriteFile(path, unchecked);
+    EXPECT_EQ(PathsOf(Image(path)), paths);
+    test::WriteFile(path, bare.substr(0, index));
+    const Image salvaged(path, Opening::Salvage);
+    EXPECT_EQ(PathsOf(salvaged), paths);
+    EXPECT_TRUE(salvaged.Problems().empty()) << salvaged.Problems().front().reason;
+  }
+}
+
+// What is damaged among them leaves everything else where it was, or is told; so is a folder that
+// was made up for them.
+TEST(BareDots, AreToldFromThoseOfALostFolder) {
+  constexpr size_t kFirst = 7560 + 2056 + 3 * kDirRecordSize;  // behind the folder's own
+  test::SmallImage image;
+  image.BeginSection();
+  image.Folder("A          ");
+  for (const char* name : {".          ", ".          ", "..         "}) {
+    image.Entry(name, kDirectoryAttribute);
+  }
+  image.SmallFile("F          ", 10);
+  image.Close();
+  image.SmallFile("G          ", 10);
+  image.EndSection();
+  const test::TempDir folder;
+  const std::string path = folder / "x.cap";
+  const std::string indexed = test::WriteIndexed(path, image);
+  for (size_t at = kFirst; at < kFirst + 3 * kDirRecordSize; at += kDirRecordSize) {
+    std::string bytes = indexed;
+    bytes.replace(at + 8, 11, "\x01 HE CLUB\xFF ");
+    test::WriteFile(path, bytes);
+    const Image salvaged(path, Opening::Salvage);
+    EXPECT_FALSE(salvaged.Problems().empty());
+    EXPECT_TRUE(salvaged.Find("A/F") && salvaged.Find("G")) << at;
+  }
+  std::string bytes = image.Bytes();
+  bytes.erase(kFirst, kDirRecordSize);
+  test::WriteFile(path, bytes);
+  const Image salvaged(path, Opening::Salvage);
+  ASSERT_EQ(salvaged.Problems().size(), 1U);
+  EXPECT_NE(salvaged.Problems()[0].reason.find("records of its folder are lost"),
+            std::string::npos);
+  EXPECT_TRUE(salvaged.Find("A/damaged-0x2608/F"));
+}
+
 // Files that lie one in the other, each with a chain of records that comes to nothing far behind:
 // to follow every chain would take the square of the image's size.
 TEST(HostileChains, AreNotFollowedTimeAndAgain) {
@@ -196,7 +319,7 @@ TEST(HostileChains, AreNotFollowedTimeAndAgain) {
 INSTANTIATE_TEST_SUITE_P(All, Salvage,
                          testing::Values("w_names.img", "w_files_only.img", "w_three_open.img",
                                          "f_16384_lzs.img", "h_compact_scrambled.img",
-                                         "n_flat_old.img"));
+                                         "n_flat_old.img", "faults/w_drive_root.img"));
 
 }  // namespace
 }  // namespace capsule::host
