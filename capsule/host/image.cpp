@@ -145,6 +145,19 @@ std::optional<ImageProblem> JudgeHeader(int descriptor, const std::string& path,
                       false, 0};
 }
 
+// The same without a check value, which tells damage that does no harm from none.
+std::optional<ImageProblem> JudgeUncheckedHeader(int descriptor, const std::string& path,
+                                                 const DecodedHeader& header,
+                                                 const IndexContents& index) {
+  if (index.headerCheck) return std::nullopt;
+  FileWindow window(descriptor, path);
+  const auto stored = window.At(0, kHeaderSize);
+  if (stored.size() < kHeaderSize) return std::nullopt;
+  std::string wrong = JudgeSpareRecords(stored.first<kHeaderSize>(), header);
+  if (wrong.empty()) return std::nullopt;
+  return ImageProblem{"header", std::move(wrong), false, kPartitionRecordsOffset};
+}
+
 // What the index says was damaged when it was made.
 void AddKnownDamage(const IndexContents& index, const Catalog& catalog,
                     std::vector<ImageProblem>* problems) {
@@ -220,6 +233,9 @@ Image::Image(const std::filesystem::path& path, Opening opening)
     // Its flag may be damaged. Stored records say by themselves that they are; what is compressed
     // would pass for stored.
     impl.info.compressed = true;
+  }
+  if (auto wrong = JudgeUncheckedHeader(impl.file.Get(), impl.path, header, index)) {
+    impl.problems.push_back(*std::move(wrong));
   }
   AddKnownDamage(index, *impl.catalog, &impl.problems);
   impl.info.scanReason = scanReason;

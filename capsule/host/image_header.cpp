@@ -22,6 +22,18 @@ bool HasSectorMark(HeaderBytes header, HeaderLayout layout) {
 
 }  // namespace
 
+std::string JudgeSpareRecords(HeaderBytes stored, const DecodedHeader& header) {
+  if (header.layout != HeaderLayout::Fixed || stored[kScrambleFlagOffset] == 1) return {};
+  for (size_t i = header.partitions.size(); i < kMaxPartitions; ++i) {
+    const auto record =
+        stored.subspan(kPartitionRecordsOffset + i * kPartitionRecordSize, kPartitionRecordSize);
+    if (std::any_of(record.begin(), record.end(), [](unsigned char byte) { return byte != 0; })) {
+      return "partition record " + std::to_string(i) + " is not counted, but is not empty";
+    }
+  }
+  return {};
+}
+
 void CheckIndexOffset(const DecodedHeader& header, const std::string& path, uint64_t fileSize) {
   if (header.indexOffset == 0) {
     throw Error(path, "image has no index; `capsule index` makes one");

@@ -42,7 +42,7 @@ const FaultSample kSamples[] = {
     {"unit_without_end", 1, 1, 2, "record at 0x26d1"},
     {"unit_without_end_one_bit", 1, 1, 2, "record at 0x26d1"},
     {"verify_no_partition", 1, 1, 2, "not one of the 0 that the header tells of"},
-    {"verify_silent_1", 1, 1, 2, "the index names 0x2608"},
+    {"verify_silent_1", 1, 1, 2, "partition record 1 is not counted"},
     {"verify_silent_2", 1, 1, 2, "not what the index says"},
     {"w_drive_root", 0, 0, 0},
     {"w_no_partition", 0, 0, 0},
