@@ -22,36 +22,17 @@
 
 #include <cstdint>
 #include <filesystem>
-#include <functional>
 #include <memory>
 #include <string>
 #include <vector>
 
 #include "capsule/export.h"
-#include "capsule/host/damaged_file.h"
+#include "capsule/host/extract_options.h"
 #include "capsule/host/image.h"
 
 namespace capsule::host {
 
 inline constexpr int kMaxExtractDepth = 2048;
-
-// How far an extraction has come. `path` is the entry just written, "N:/folder/file".
-struct ExtractProgress {
-  std::string path;
-  uint64_t files = 0;
-  uint64_t directories = 0;
-  uint64_t bytes = 0;
-};
-
-struct ExtractOptions {
-  bool force = false;
-
-  // Files whose records are damaged. Unless it is Stop, every file is decoded twice, and each part
-  // of it that is not there as it was goes to `onLost`, in order, with the file's path.
-  OnDamage onDamage = OnDamage::Stop;
-  std::function<void(const std::string& path, const LostRange&)> onLost;
-  std::function<void(const ExtractProgress&)> onProgress;
-};
 
 struct ExtractProblem {
   std::string path;  // the entry, "N:/folder/file"

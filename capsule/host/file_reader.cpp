@@ -3,11 +3,17 @@
 #include <algorithm>
 #include <utility>
 
-#include "capsule/host/file_reader_impl.h"
+#include "capsule/host/record_stream.h"
 
 namespace capsule::host {
 
-FileReader::FileReader(std::unique_ptr<Impl> impl) : m_pImpl(std::move(impl)) {}
+struct FileReader::Impl {
+  RecordStream records;
+  bool hasFailed = false;  // the last read stopped inside a record: start again
+};
+
+FileReader::FileReader(RecordSource source)
+    : m_pImpl(new Impl{RecordStream(std::move(source)), false}) {}
 FileReader::FileReader(FileReader&&) noexcept = default;
 FileReader& FileReader::operator=(FileReader&&) noexcept = default;
 FileReader::~FileReader() = default;

@@ -25,6 +25,8 @@
 
 namespace capsule::host {
 
+struct RecordSource;
+
 class CAPSULE_API FileReader {
  public:
   FileReader(FileReader&&) noexcept;
@@ -41,7 +43,7 @@ class CAPSULE_API FileReader {
  private:
   friend class Image;
   struct Impl;
-  explicit FileReader(std::unique_ptr<Impl> impl);
+  explicit FileReader(RecordSource source);
 
   std::unique_ptr<Impl> m_pImpl;
 };

@@ -5,11 +5,13 @@
 
 #include "capsule/host/checksum.h"
 #include "capsule/host/damaged_reader.h"
-#include "capsule/host/file_reader_impl.h"
 #include "capsule/host/file_window.h"
+#include "capsule/host/image_header.h"
 #include "capsule/host/image_open.h"
 #include "capsule/host/reason.h"
 #include "capsule/host/record_judge.h"
+#include "capsule/host/record_source.h"
+#include "capsule/host/record_stream.h"
 #include "capsule/host/salvage_tree.h"
 #include "capsule/host/scoped_descriptor.h"
 #include "capsule/host/uncounted_section.h"
@@ -295,12 +297,7 @@ RecordSource Image::SourceOf(const Entry& entry) const {
   return source;
 }
 
-FileReader Image::ReaderOf(RecordSource source) {
-  return FileReader(std::unique_ptr<FileReader::Impl>(
-      new FileReader::Impl{RecordStream(std::move(source)), false}));
-}
-
-FileReader Image::OpenFile(const Entry& entry) const { return ReaderOf(SourceOf(entry)); }
+FileReader Image::OpenFile(const Entry& entry) const { return FileReader(SourceOf(entry)); }
 
 void Image::ReadDamaged(const Entry& entry, uint64_t offset, uint64_t length,
                         const TakePiece& take) const {
@@ -314,7 +311,7 @@ void Image::ReadDamaged(const Entry& entry, uint64_t offset, uint64_t length,
   if (!problem.empty() && !onlyCheckFails) {
     return ReadWhatIsHeld(source, problem, begin, end, take);
   }
-  FileReader reader = ReaderOf(std::move(unchecked));
+  FileReader reader(std::move(unchecked));
   std::vector<unsigned char> bytes(kPieceSize);
   for (uint64_t at = begin; at < end;) {
     const auto wanted = static_cast<size_t>(std::min<uint64_t>(end - at, bytes.size()));

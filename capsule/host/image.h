@@ -28,6 +28,7 @@
 #include "capsule/host/entry.h"
 #include "capsule/host/error.h"
 #include "capsule/host/file_reader.h"
+#include "capsule/host/image_problem.h"
 
 namespace capsule::host {
 
@@ -50,14 +51,6 @@ struct ImageInfo {
   uint64_t indexOffset = 0;
   std::string scanReason;  // why the image was scanned; empty when it was read by its index
   std::vector<PartitionInfo> partitions;
-};
-
-// What is wrong with a single entry, or with the header, of an image that could be opened.
-struct ImageProblem {
-  std::string path;  // "N:/folder/file", "header", or where in the image the records of an item are
-  std::string reason;
-  bool isLeftOut = false;               // the tree has no place for it
-  std::optional<uint64_t> offset = {};  // where in the image, when that is known
 };
 
 // What to do when the index is missing or damaged, or the tree cannot be read through it.
@@ -115,7 +108,6 @@ class CAPSULE_API Image {
 
  private:
   RecordSource SourceOf(const Entry& entry) const;
-  static FileReader ReaderOf(RecordSource source);
 
   struct Impl;
   std::unique_ptr<Impl> m_pImpl;

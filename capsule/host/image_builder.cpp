@@ -14,7 +14,7 @@
 
 #include "capsule/container/header_format.h"
 #include "capsule/host/image_draft.h"
-#include "capsule/host/image_open.h"
+#include "capsule/host/image_header.h"
 #include "capsule/host/reason.h"
 #include "capsule/host/scoped_descriptor.h"
 #include "capsule/host/source_walk.h"

@@ -1,10 +1,11 @@
 // Tells images from other files.
+#include "capsule/host/image_header.h"
+
 #include <algorithm>
 #include <cerrno>
 
 #include "capsule/host/error.h"
 #include "capsule/host/file_window.h"
-#include "capsule/host/image_open.h"
 #include "capsule/host/reason.h"
 #include "capsule/platform/file.h"
 #include "capsule/platform/little_endian.h"

@@ -6,12 +6,12 @@
 #include <vector>
 
 #include "capsule/host/error.h"
+#include "capsule/host/image_header.h"
 #include "capsule/host/image_map.h"
-#include "capsule/host/image_open.h"
-#include "capsule/host/long_name_check.h"
 #include "capsule/host/reason.h"
 #include "capsule/host/record_stream.h"
 #include "capsule/host/section_survey.h"
+#include "capsule/host/sound_item.h"
 #include "capsule/platform/file.h"
 
 namespace capsule::host {

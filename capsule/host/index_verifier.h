@@ -14,7 +14,6 @@
 
 #include "capsule/host/file_window.h"
 #include "capsule/host/image_map.h"
-#include "capsule/host/verifier.h"
 
 namespace capsule::host {
 

@@ -17,7 +17,7 @@
 #include "capsule/host/checksum.h"
 #include "capsule/host/error.h"
 #include "capsule/host/file_window.h"
-#include "capsule/host/image_open.h"
+#include "capsule/host/image_header.h"
 #include "capsule/host/index_annotation.h"
 #include "capsule/host/index_record_writer.h"
 #include "capsule/host/index_source.h"

@@ -37,10 +37,11 @@
 #include <vector>
 
 #include "capsule/export.h"
-#include "capsule/host/image.h"
+#include "capsule/host/image_problem.h"
 
 namespace capsule::host {
 
+class Image;
 class RestartCollector;
 class TrialImage;
 enum class SectionTrust;

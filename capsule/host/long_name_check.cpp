@@ -37,13 +37,6 @@ std::string JudgeLongName(std::span<const unsigned char> group, const _ShortDirE
   return JudgeFilling(units);
 }
 
-std::string JudgeLongName(FileWindow& window, const SectionItem& item) {
-  const bool hasData = item.kind == SectionItem::Kind::File;
-  const uint64_t length = hasData ? item.dataOffset - item.offset : item.length;
-  if (length == kDirRecordSize) return {};
-  return JudgeLongName(window.At(item.offset, static_cast<size_t>(length)), item.entry);
-}
-
 std::string JudgeFilling(std::span<const unsigned char> piecesLastFirst) {
   bool hasEnded = false;
   for (size_t at = 0; at + 2 <= piecesLastFirst.size(); at += 2) {

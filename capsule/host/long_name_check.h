@@ -4,8 +4,6 @@
 #include <span>
 #include <string>
 
-#include "capsule/host/file_window.h"
-#include "capsule/host/section_scanner.h"
 #include "capsule/partition/directory_records.h"
 
 namespace capsule::host {
@@ -14,12 +12,9 @@ namespace capsule::host {
 // records, or nothing.
 std::string JudgeLongName(std::span<const unsigned char> group, const _ShortDirEntry& record);
 
-// The same for an item of a FAT-style section; nothing when it has no long name.
-std::string JudgeLongName(FileWindow& window, const SectionItem& item);
-
-// The same for how the name is filled up: `piecesLastFirst` are the name bytes of the pieces in
-// on-disk order. Nothing but 0xFFFF follows the zero that ends a name, and only the last piece ends
-// it.
+// The same as JudgeLongName for how the name is filled up: `piecesLastFirst` are the name bytes of
+// the pieces in on-disk order. Nothing but 0xFFFF follows the zero that ends a name, and only the
+// last piece ends it.
 std::string JudgeFilling(std::span<const unsigned char> piecesLastFirst);
 
 }  // namespace capsule::host

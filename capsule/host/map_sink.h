@@ -5,7 +5,7 @@
 #include <functional>
 #include <string>
 
-#include "capsule/host/image_map.h"
+#include "capsule/host/map_item.h"
 
 namespace capsule::host {
 

@@ -9,7 +9,6 @@
 #include "capsule/host/error.h"
 #include "capsule/host/reason.h"
 #include "capsule/host/record_judge.h"
-#include "capsule/host/restart_point.h"
 #include "capsule/partition/ntfs_format.h"
 #include "capsule/partition/record_format.h"
 #include "capsule/platform/file.h"

@@ -4,9 +4,9 @@
 
 #include "capsule/host/error.h"
 #include "capsule/host/file_window.h"
-#include "capsule/host/long_name_check.h"
 #include "capsule/host/reason.h"
 #include "capsule/host/section_survey.h"
+#include "capsule/host/sound_item.h"
 #include "capsule/host/survey_outline.h"
 #include "capsule/host/tree_comparison.h"
 #include "capsule/partition/record_format.h"

@@ -6,7 +6,7 @@
 #include <vector>
 
 #include "capsule/host/catalog.h"
-#include "capsule/host/image.h"
+#include "capsule/host/image_problem.h"
 #include "capsule/host/index_check.h"
 
 namespace capsule::host {

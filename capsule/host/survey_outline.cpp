@@ -4,8 +4,8 @@
 #include <span>
 #include <string_view>
 
-#include "capsule/host/long_name_check.h"
 #include "capsule/host/record_stream.h"
+#include "capsule/host/sound_item.h"
 #include "capsule/host/survey_repair.h"
 #include "capsule/partition/record_format.h"
 
