@@ -6,7 +6,7 @@
 #include <cstdio>
 
 #include "capsule/host/error.h"
-#include "capsule/host/reason.h"
+#include "capsule/host/file/reason.h"
 #include "cli/text.h"
 
 namespace capsule::cli {

@@ -3,7 +3,7 @@
 #include <algorithm>
 #include <cstdint>
 
-#include "capsule/host/long_name_check.h"
+#include "capsule/host/records/long_name_check.h"
 #include "capsule/partition/directory_entry.h"
 #include "capsule/partition/record_format.h"
 #include "fuzz/memory_file.h"

@@ -8,10 +8,10 @@
 #include <vector>
 
 #include "capsule/container/index_format.h"
-#include "capsule/host/checksum.h"
 #include "capsule/host/error.h"
+#include "capsule/host/file/checksum.h"
 #include "capsule/host/image.h"
-#include "capsule/host/restart_point.h"
+#include "capsule/host/index/restart_point.h"
 #include "capsule/platform/little_endian.h"
 #include "fuzz/memory_file.h"
 #include "fuzz/section_image.h"

@@ -12,9 +12,9 @@
 #include <cerrno>
 #include <unordered_map>
 
-#include "capsule/host/file_extraction.h"
-#include "capsule/host/reason.h"
-#include "capsule/host/scoped_descriptor.h"
+#include "capsule/host/extract/file_extraction.h"
+#include "capsule/host/file/reason.h"
+#include "capsule/host/file/scoped_descriptor.h"
 #include "capsule/platform/folder.h"
 #include "capsule/platform/unfinished_file.h"
 

@@ -3,7 +3,7 @@
 #include <algorithm>
 #include <utility>
 
-#include "capsule/host/record_stream.h"
+#include "capsule/host/records/record_stream.h"
 
 namespace capsule::host {
 

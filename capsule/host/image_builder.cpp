@@ -13,11 +13,11 @@
 #include <utility>
 
 #include "capsule/container/header_format.h"
-#include "capsule/host/image_draft.h"
-#include "capsule/host/image_header.h"
-#include "capsule/host/reason.h"
-#include "capsule/host/scoped_descriptor.h"
-#include "capsule/host/source_walk.h"
+#include "capsule/host/build/image_draft.h"
+#include "capsule/host/build/source_walk.h"
+#include "capsule/host/file/reason.h"
+#include "capsule/host/file/scoped_descriptor.h"
+#include "capsule/host/index/image_header.h"
 #include "capsule/platform/ascii.h"
 #include "capsule/platform/dos_time.h"
 #include "capsule/platform/glob.h"

@@ -5,13 +5,13 @@
 #include <vector>
 
 #include "capsule/host/error.h"
-#include "capsule/host/header_map.h"
-#include "capsule/host/index_map.h"
-#include "capsule/host/map_sink.h"
-#include "capsule/host/reason.h"
-#include "capsule/host/scoped_descriptor.h"
-#include "capsule/host/section_map.h"
-#include "capsule/host/uncounted_section.h"
+#include "capsule/host/file/reason.h"
+#include "capsule/host/file/scoped_descriptor.h"
+#include "capsule/host/map/header_map.h"
+#include "capsule/host/map/index_map.h"
+#include "capsule/host/map/map_sink.h"
+#include "capsule/host/map/section_map.h"
+#include "capsule/host/sections/uncounted_section.h"
 #include "capsule/partition/record_format.h"
 
 namespace capsule::host {

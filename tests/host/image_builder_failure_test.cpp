@@ -11,7 +11,7 @@
 #include <thread>
 
 #include "capsule/host/image_builder.h"
-#include "tests/host/scanned_tree.h"
+#include "tests/host/sections/scanned_tree.h"
 #include "tests/support/entries.h"
 #include "tests/support/temp_dir.h"
 

@@ -5,7 +5,7 @@
 
 #include <cstdlib>
 
-#include "tests/host/scanned_tree.h"
+#include "tests/host/sections/scanned_tree.h"
 #include "tests/support/bytes.h"
 #include "tests/support/entries.h"
 

@@ -3,7 +3,7 @@
 
 #include "capsule/host/image_builder.h"
 #include "capsule/partition/record_format.h"
-#include "tests/host/scanned_tree.h"
+#include "tests/host/sections/scanned_tree.h"
 #include "tests/support/open_image.h"
 #include "tests/support/temp_dir.h"
 

@@ -1,4 +1,4 @@
-#include "capsule/host/unit_decoder.h"
+#include "capsule/host/records/unit_decoder.h"
 
 #include <gtest/gtest.h>
 

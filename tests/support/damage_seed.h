@@ -7,7 +7,7 @@
 #include <vector>
 
 #include "capsule/host/image.h"
-#include "capsule/host/section_scanner.h"
+#include "capsule/host/sections/section_scanner.h"
 
 namespace capsule::test {
 

@@ -1,0 +1,186 @@
+#include "capsule/host/build/image_draft.h"
+
+#include <algorithm>
+#include <cerrno>
+#include <utility>
+#include <vector>
+
+#include "capsule/blocks/data_block_format.h"
+#include "capsule/host/error.h"
+#include "capsule/host/file/reason.h"
+#include "capsule/host/index_writer.h"
+#include "capsule/partition/record_format.h"
+#include "capsule/platform/opened_item.h"
+
+namespace capsule::host {
+namespace {
+
+constexpr uint64_t kMaxFileSize = 0x7FFFFFFF;
+constexpr const char* kChanged = "changed while it was read";
+
+// An upper bound of what a file of `size` bytes takes in an image, long name and all.
+uint64_t MostBytes(uint64_t size) {
+  constexpr uint64_t kGroup = uint64_t{kDirRecordSize} * (kMaxLongNamePieces + 1);
+  return kGroup + (size / kChunkSize + 1) * (kMiniHeaderSize + kCompressedChunkRoom);
+}
+
+// Whether a system call failed for want of room or rights in the image's file system.
+bool IsWriteFailure(int error) {
+  return error == ENOSPC || error == EDQUOT || error == EFBIG || error == EROFS;
+}
+
+std::string ItemPath(int partition, const std::string& relative) {
+  std::string path = std::to_string(partition) + ":\\" + relative;
+  std::replace(path.begin(), path.end(), '/', '\\');
+  return path;
+}
+
+bool IsSame(const platform::FileStatus& a, const platform::FileStatus& b) {
+  return a.identity == b.identity && a.kind == b.kind && a.size == b.size &&
+         a.modification == b.modification;
+}
+
+// Whether a file yields all of its bytes; if not, errno says why, or is 0 when they are too few.
+bool IsReadable(int descriptor, uint64_t size) {
+  std::vector<unsigned char> bytes(size_t{64} << 10);
+  for (uint64_t at = 0; at < size;) {
+    errno = 0;
+    const int64_t got =
+        platform::ReadAt(descriptor, bytes.data(), bytes.size(), static_cast<int64_t>(at));
+    if (got <= 0) return false;
+    at += static_cast<uint64_t>(got);
+  }
+  return true;
+}
+
+// What is wrong with the source of an item that could not be inserted; empty when nothing is.
+std::string SourceProblem(const SourceItem& item) {
+  if (item.kind == SourceItem::Kind::Folder) return "";
+  const auto now = platform::StatusOf(item.file.Get());
+  if (!now) return SystemReason(errno);
+  if (!IsSame(*now, item.status)) return kChanged;
+  if (IsReadable(item.file.Get(), item.status.size)) return "";
+  return errno != 0 ? SystemReason(errno) : kChanged;
+}
+
+}  // namespace
+
+ImageDraft::ImageDraft(std::string target, std::string name, int level, const std::string& version,
+                       const std::atomic<bool>* cancel)
+    : m_strTarget(std::move(target)), m_strName(std::move(name)) {
+  if (const auto old = platform::Status(m_strTarget)) {
+    if (old->kind != platform::FileKind::Regular) Fail("is not a regular file");
+    m_Old = old->identity;
+  }
+  if (!m_Temporary.Create(m_strTarget)) Fail("cannot be created: " + SystemReason(errno));
+  m_Own = platform::Identify(m_Temporary.Descriptor());
+
+  m_State.cancel = cancel;
+  m_State.hostView.SetTimePolicy(platform::TimePolicy::ModificationOnly);
+  m_State.onChunk = [this](int64_t record, uint32_t fileOffset,
+                           std::span<const unsigned char> before, bool isCompressed) {
+    m_Restarts.Take(record, fileOffset, before, isCompressed);
+  };
+  const ScopedLibraryState scope(m_State);
+  if (m_Image.CreateCapsuleFile(m_Temporary.Path().c_str()) != 0) {
+    Fail("cannot be created: " + SystemReason(m_Image.GetLastError()));
+  }
+  m_bOpen = true;
+  m_Image.SetCompressionLevel(level);
+  if (m_Image.WriteImageFileHeader(version.c_str()) != 0) {
+    const int error = m_Image.GetLastError();
+    CloseImage();
+    Fail("write of the header: " + SystemReason(error));
+  }
+}
+
+ImageDraft::~ImageDraft() { CloseImage(); }
+
+void ImageDraft::CapTimes(int64_t unixSeconds) { m_State.hostView.CapTimes(unixSeconds); }
+
+void ImageDraft::BeginPartition() {
+  ++m_nPartition;
+  const ScopedLibraryState scope(m_State);
+  errno = 0;
+  if (m_Image.BeginPartition(m_nPartition) == 0) return;
+  Fail("write: " + SystemReason(errno != 0 ? errno : EFBIG));
+}
+
+std::optional<std::string> ImageDraft::Insert(const SourceItem& item) {
+  if (item.status.size > kMaxFileSize) {
+    return "file has " + std::to_string(item.status.size) + " bytes, " +
+           std::to_string(kMaxFileSize) + " are possible";
+  }
+  const ScopedLibraryState scope(m_State);
+  const std::string previousDir = m_State.previousInsertDir;
+  const int32_t levelsToClose = m_State.dirLevelsToClose;
+  errno = 0;
+  if (InsertOpened(item) == 0) return std::nullopt;
+  const int error = errno;
+  m_Restarts.Forget(m_Image.GetWriteOffset());
+  // What comes next lies where it would have without this item.
+  m_State.previousInsertDir = previousDir;
+  m_State.dirLevelsToClose = levelsToClose;
+  ThrowIfCancelled();
+  ThrowIfShort(item.path, "cannot be inserted", error);
+  if (IsWriteFailure(error)) Fail("write: " + SystemReason(error));
+  std::string problem = SourceProblem(item);
+  if (!problem.empty()) return problem;
+  ThrowIfFull(error, item.status.size);
+  return error != 0 ? SystemReason(error) : "cannot be read";
+}
+
+// With the item in the place of everything that paths could lead to.
+int ImageDraft::InsertOpened(const SourceItem& item) {
+  const platform::OpenedItem opened{ItemPath(m_nPartition, item.relative), item.file.Get(),
+                                    item.status, item.folder, item.alias};
+  m_State.hostView.SetOpenedItem(&opened);
+  const int result = m_Image.InsertFile(opened.path.c_str(), m_nPartition);
+  m_State.hostView.SetOpenedItem(nullptr);
+  return result;
+}
+
+// The source being as it was, the image may be what could not take it.
+void ImageDraft::ThrowIfFull(int error, uint64_t size) {
+  const auto end = static_cast<uint64_t>(m_Image.GetWriteOffset());
+  if (MostBytes(size) + kPartitionTrailerSize > static_cast<uint64_t>(kMaxImageSize) - end) {
+    Fail("image would be larger than " + std::to_string(kMaxImageSize) + " bytes");
+  }
+  if (!platform::CanGrow(m_Temporary.Descriptor(), static_cast<int64_t>(end),
+                         static_cast<int64_t>(MostBytes(size)))) {
+    Fail("write: " + SystemReason(errno));
+  }
+  if (error == EIO) Fail("write: " + SystemReason(error));
+}
+
+bool ImageDraft::IsOwnFile(const platform::FileIdentity& identity) const {
+  return identity == m_Own || identity == m_Old;
+}
+
+uint64_t ImageDraft::Complete(int* syncProblem) {
+  {
+    const ScopedLibraryState scope(m_State);
+    errno = 0;
+    if (m_Image.CloseImageFile() != 0) Fail("write: " + SystemReason(errno != 0 ? errno : EIO));
+    m_bOpen = false;
+  }
+  IndexWriter index(m_Temporary.Descriptor(), m_strName);
+  index.SetCancelFlag(m_State.cancel);
+  index.SetKnownRestarts(&m_Restarts);
+  const IndexReport report = index.Write();
+  if (const char* step = m_Temporary.Publish(syncProblem))
+    Fail(std::string(step) + ": " + SystemReason(errno));
+  return report.imageBytes;
+}
+
+void ImageDraft::CloseImage() {
+  if (std::exchange(m_bOpen, false)) m_Image.CloseImageFileHandle();
+}
+
+void ImageDraft::ThrowIfCancelled() const {
+  if (*m_State.cancel) Fail("cancelled");
+}
+
+void ImageDraft::Fail(const std::string& reason) const { throw Error(m_strName, reason); }
+
+}  // namespace capsule::host

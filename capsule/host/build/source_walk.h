@@ -1,0 +1,88 @@
+// SourceWalk steps through a folder of the system in depth, names in byte order, following no link.
+//
+//   SourceWalk walk("/home/me/photos", filter);
+//   SourceItem item;
+//   while (walk.Next(&item)) ...
+//
+// Every item is looked at and opened once, from the descriptor of its folder: what becomes of its
+// path meanwhile, a link say, changes nothing. A folder is listed when it is handed out and its
+// items come right behind it, so memory is bounded by the names of the folders that are open, and
+// paths may be longer than the system takes. Running out of memory or descriptors ends a walk with
+// Error. One thread uses a walk.
+#pragma once
+
+#include <cstdint>
+#include <functional>
+#include <string>
+#include <string_view>
+#include <unordered_map>
+#include <vector>
+
+#include "capsule/host/file/scoped_descriptor.h"
+#include "capsule/platform/host_files.h"
+
+namespace capsule::host {
+
+struct SourceItem {
+  enum class Kind {
+    File,
+    Folder,
+    Special,     // a link, a device and the like
+    Excluded,    // by the filter
+    Unfinished,  // of this library: an image or file in the making, or left by a killed run
+    Unreadable,  // or of a name an image cannot hold: `reason` says it
+  };
+
+  Kind kind = Kind::File;
+  std::string path;      // of the system
+  std::string relative;  // to the walk's root, '/' between segments
+  platform::FileStatus status;
+  platform::FileStatus folder;  // of the folder that it lies in
+  std::string alias;            // its 8.3 name
+  ScopedDescriptor file;        // open for reading, when it is one
+  std::string reason;
+};
+
+// Why an image cannot hold an item of this name; null when it can.
+const char* NameProblem(std::string_view name);
+
+class SourceWalk {
+ public:
+  // Whether an item is left out, by name and by path below the root.
+  using Filter = std::function<bool(const std::string& name, const std::string& relative)>;
+
+  // Throws Error when `root` cannot be listed.
+  SourceWalk(std::string root, Filter filter);
+
+  // The next item; false behind the last.
+  bool Next(SourceItem* item);
+
+  // Leaves out what lies in the folder handed out last.
+  void SkipFolder();
+
+ private:
+  struct Frame {
+    // None in a folder that the walk is below of at great depth, and can go back to by "..", or
+    // cannot any more.
+    ScopedDescriptor folder;
+    platform::FileStatus status;
+    std::vector<std::string> names;  // in byte order from the end on
+    std::unordered_map<std::string, std::string> aliases;
+    size_t pathLength = 0;  // of m_strRelative before this folder's name
+  };
+
+  void Examine(const std::string& name, SourceItem* item);
+  void OpenFile(const std::string& name, SourceItem* item);
+  void Enter(const std::string& name, SourceItem* item);
+  bool Push(ScopedDescriptor folder, const platform::FileStatus& status);
+  void CloseAbove();
+  void Leave();
+  bool IsAbove(const ScopedDescriptor& above, const Frame& frame) const;
+
+  std::string m_strRoot;
+  Filter m_Filter;
+  std::vector<Frame> m_Frames;
+  std::string m_strRelative;  // the open folder
+};
+
+}  // namespace capsule::host

@@ -1,0 +1,115 @@
+#include "capsule/host/extract/file_extraction.h"
+
+#include <algorithm>
+#include <cerrno>
+#include <string>
+#include <vector>
+
+#include "capsule/host/error.h"
+#include "capsule/host/file/reason.h"
+#include "capsule/platform/file.h"
+#include "capsule/platform/folder.h"
+#include "capsule/platform/unfinished_file.h"
+
+namespace capsule::host {
+namespace {
+
+constexpr char kExists[] = "exists in the target folder, kept";
+constexpr size_t kPiece = 128 * 1024;
+
+// A file that goes away again unless it is published.
+class TemporaryFile {
+ public:
+  TemporaryFile(int folder, const Entry& entry) : m_Entry(entry) {
+    if (!m_File.Create(folder, "", entry.IsReadOnly() ? 0444 : 0666)) Fail("cannot create a file");
+  }
+
+  void Append(std::span<const unsigned char> bytes) {
+    if (!platform::WriteAt(m_File.Descriptor(), bytes.data(), bytes.size(),
+                           static_cast<int64_t>(m_nSize))) {
+      Fail("cannot write");
+    }
+    m_nSize += bytes.size();
+  }
+
+  // Takes no room where the file system knows holes.
+  void AppendZeros(uint64_t count) {
+    m_nSize += count;
+    if (!platform::Truncate(m_File.Descriptor(), static_cast<int64_t>(m_nSize)))
+      Fail("cannot write");
+  }
+
+  uint64_t Size() const { return m_nSize; }
+
+  void Publish(bool force) {
+    const auto time = m_Entry.ModifiedTime();
+    if (time && !platform::SetTimes(m_File.Descriptor(), *time)) Fail("cannot set its time");
+    if (!m_File.Publish(m_Entry.Name().c_str(), !force)) Fail("cannot finish the file");
+  }
+
+ private:
+  [[noreturn]] void Fail(const std::string& what) const {
+    if (errno == EEXIST) throw Error(m_Entry.Path(), kExists);
+    ThrowIfShort(m_Entry.Path(), what, errno);
+    throw Error(m_Entry.Path(), what + ": " + SystemReason(errno));
+  }
+
+  Entry m_Entry;
+  platform::UnfinishedFile m_File;
+  uint64_t m_nSize = 0;
+};
+
+// Spares the work where the outcome is known; Publish decides.
+void RefuseExisting(const Entry& file, int folder, bool force) {
+  switch (platform::LookIn(folder, file.Name().c_str())) {
+    case platform::Presence::Folder:
+      throw Error(file.Path(), "a folder is in the way in the target folder");
+    case platform::Presence::File:
+    case platform::Presence::Other:
+      if (!force) throw Error(file.Path(), kExists);
+      return;
+    default:
+      return;
+  }
+}
+
+ExtractedFile ExtractLeft(const Image& image, const Entry& file, int folder,
+                          const ExtractOptions& options) {
+  TemporaryFile out(folder, file);
+  ExtractedFile done;
+  image.ReadDamaged(file, 0, file.Size(), [&](const FilePiece& piece) {
+    if (const auto lost = LostIn(piece)) {
+      done.isDamaged = true;
+      if (options.onLost) options.onLost(file.Path(), *lost);
+    }
+    if (options.onDamage == OnDamage::Skip || piece.kind == FilePiece::Kind::Data) {
+      out.Append(piece.bytes);
+    } else if (piece.kind == FilePiece::Kind::Lost) {
+      out.AppendZeros(piece.length);
+    }
+  });
+  out.Publish(options.force);
+  done.bytes = out.Size();
+  return done;
+}
+
+}  // namespace
+
+ExtractedFile ExtractFile(const Image& image, const Entry& file, int folder,
+                          const ExtractOptions& options) {
+  RefuseExisting(file, folder, options.force);
+  if (options.onDamage != OnDamage::Stop) return ExtractLeft(image, file, folder, options);
+  FileReader reader = image.OpenFile(file);
+  std::vector<unsigned char> piece(std::min<size_t>(kPiece, file.Size()));
+  TemporaryFile out(folder, file);
+  uint64_t at = 0;
+  do {  // once for an empty file as well: its records have a check value
+    const size_t count = reader.Read(at, piece);
+    out.Append(std::span(piece).first(count));
+    at += count;
+  } while (at < file.Size());
+  out.Publish(options.force);
+  return {file.Size(), false};
+}
+
+}  // namespace capsule::host

@@ -1,0 +1,203 @@
+#include "capsule/host/index/index_check.h"
+
+#include <algorithm>
+#include <cerrno>
+#include <span>
+
+#include "capsule/container/index_format.h"
+#include "capsule/host/error.h"
+#include "capsule/host/file/checksum.h"
+#include "capsule/host/file/reason.h"
+#include "capsule/host/index/path_hash.h"
+#include "capsule/host/index/restart_point.h"
+#include "capsule/partition/record_format.h"
+#include "capsule/platform/byte_reader.h"
+#include "capsule/platform/file.h"
+#include "capsule/platform/little_endian.h"
+
+namespace capsule::host {
+namespace {
+
+constexpr size_t kWindow = 1 << 20;  // holds any record: 65535 bytes of name and 11 more
+constexpr uint32_t kMaxOffset = 0x7FFFFFFF;
+
+// Steps through the records of an index through a window that moves over it.
+class IndexWalk {
+ public:
+  IndexWalk(int descriptor, const std::string& path, uint64_t indexOffset, uint64_t fileSize)
+      : m_nDescriptor(descriptor),
+        m_strPath(path),
+        m_nNext(indexOffset),
+        m_nFileSize(fileSize),
+        m_nIndexOffset(indexOffset) {
+    Refill();
+    if (m_Window.size() < kIndexPreamble) Fail("index is cut short");
+    m_bChecked = std::equal(m_Window.begin(), m_Window.begin() + 3, "CI1");
+    m_nStatedCheck = platform::LoadLe32(&m_Window[3]);
+    m_nUsed = kIndexPreamble;
+    if (m_bChecked) VerifyCheckValue();
+  }
+
+  bool IsChecked() const { return m_bChecked; }
+
+  // Where the record that comes next begins in the image.
+  uint64_t Position() const { return m_nNext - m_Window.size() + m_nUsed; }
+
+  IndexRecord Next() {
+    for (int attempt = 0; attempt < 2; ++attempt) {
+      platform::ByteReader reader(std::span<const unsigned char>(m_Window).subspan(m_nUsed));
+      IndexRecord record = TakeIndexRecord(reader);
+      if (reader.Ok()) {
+        m_nUsed += reader.Position();
+        return record;
+      }
+      Refill();
+    }
+    Fail("index is cut short");
+  }
+
+  [[noreturn]] void Fail(const std::string& what) const {
+    throw Error(m_strPath, what + "; `capsule index` rebuilds it", m_nIndexOffset);
+  }
+
+ private:
+  // Drops what is used up and fills the rest of the window.
+  void Refill() {
+    m_Window.erase(m_Window.begin(), m_Window.begin() + static_cast<std::ptrdiff_t>(m_nUsed));
+    m_nUsed = 0;
+    const size_t held = m_Window.size();
+    const uint64_t wanted = std::min<uint64_t>(kWindow - held, m_nFileSize - m_nNext);
+    m_Window.resize(held + static_cast<size_t>(wanted));
+    ReadFully(m_Window.data() + held, static_cast<size_t>(wanted), m_nNext);
+    m_nNext += wanted;
+  }
+
+  void VerifyCheckValue() const {
+    IndexChecksum checksum;
+    std::vector<unsigned char> bytes(kWindow);
+    for (uint64_t at = m_nIndexOffset + kIndexPreamble; at < m_nFileSize;) {
+      const size_t count = static_cast<size_t>(std::min<uint64_t>(kWindow, m_nFileSize - at));
+      ReadFully(bytes.data(), count, at);
+      checksum.Update(std::span(bytes).first(count));
+      at += count;
+    }
+    const uint32_t found = checksum.Value();
+    if (found == m_nStatedCheck) return;
+    Fail("index is damaged or cut short: check value is " + Hex(m_nStatedCheck) +
+         ", its bytes give " + Hex(found));
+  }
+
+  void ReadFully(unsigned char* to, size_t count, uint64_t at) const {
+    const int64_t got = platform::ReadAt(m_nDescriptor, to, count, static_cast<int64_t>(at));
+    if (got < 0) throw Error(m_strPath, "cannot read the index: " + SystemReason(errno));
+    if (static_cast<uint64_t>(got) != count) Fail("index is cut short");
+  }
+
+  int m_nDescriptor;
+  const std::string& m_strPath;
+  uint64_t m_nNext;
+  uint64_t m_nFileSize;
+  uint64_t m_nIndexOffset;
+  std::vector<unsigned char> m_Window;
+  size_t m_nUsed = 0;
+  bool m_bChecked = false;
+  uint32_t m_nStatedCheck = 0;
+};
+
+void Keep(const IndexRecord& record, IndexContents* contents) {
+  if (record.type == kIndexSection) contents->sections.push_back(record.offset);
+  if (record.type == kIndexFile || record.type == kIndexZeroEntry) {
+    contents->items.push_back(record.offset);
+  }
+  const bool isEntry =
+      record.type == kIndexFile || (record.type == kIndexZeroEntry && !record.name.empty());
+  if (!isEntry || !contents->isChecked) return;
+  contents->entries.push_back(record.offset);
+  if (record.name.empty()) return;
+  const std::string_view path = record.name;
+  const size_t slash = path.rfind('/');
+  const std::string_view folder = slash == path.npos ? "" : path.substr(0, slash);
+  contents->paths.push_back({record.offset, ExtendPathHash(kRootPathHash, path),
+                             ExtendPathHash(kRootPathHash, folder), record.type == kIndexFile});
+}
+
+// A note behind `item`, the latest record that is none: the check value of the header or of the
+// item, or a restart point of the item. `place`: where the note begins.
+void KeepNote(const IndexRecord& note, const IndexRecord& item, uint64_t place,
+              IndexContents* contents) {
+  if (auto damage = DamageNoteOf(note)) contents->damages.push_back(*std::move(damage));
+  if (note.offset == 0) contents->headerCheck = ChecksumOfName(note.name);
+  if (item.type != kIndexFile || note.offset < item.offset) return;
+  if (note.offset == item.offset) {
+    if (const auto value = ChecksumOfName(note.name))
+      contents->checks.push_back({note.offset, note.length, *value});
+  }
+  if (uint64_t{note.offset} + note.length > uint64_t{item.offset} + item.length) return;
+  if (const auto point = RestartPointOf(note, place)) contents->restarts.push_back(*point);
+}
+
+// The first of `offsets`, in ascending order, that readers would read as an item more than once.
+std::optional<uint32_t> FirstReadTwice(const std::vector<uint32_t>& offsets, FileWindow& window) {
+  auto at = std::adjacent_find(offsets.begin(), offsets.end());
+  while (at != offsets.end() && IsReadAsNothing(window, *at)) {
+    at = std::adjacent_find(std::upper_bound(at, offsets.end(), *at), offsets.end());
+  }
+  return at == offsets.end() ? std::nullopt : std::optional(*at);
+}
+
+}  // namespace
+
+uint32_t IndexContents::LimitOf(uint32_t offset) const {
+  return *std::upper_bound(boundaries.begin(), boundaries.end() - 1, offset);
+}
+
+bool IsReadAsNothing(FileWindow& window, uint64_t offset) {
+  const auto bytes = window.At(offset, kDirRecordSize);
+  return bytes.size() == kDirRecordSize &&
+         DecodeShortEntry(bytes.last<kDirEntrySize>()).Name[0] == 0;
+}
+
+IndexContents CheckIndex(int descriptor, const std::string& path, uint64_t indexOffset,
+                         uint64_t fileSize, bool keepRecords) {
+  IndexWalk walk(descriptor, path, indexOffset, fileSize);
+  IndexContents contents;
+  contents.isChecked = walk.IsChecked();
+  IndexRecord item;
+  for (uint64_t end = 0; end < indexOffset;) {
+    const uint64_t place = walk.Position();
+    IndexRecord record = walk.Next();
+    if (!HasIndexBody(record.type)) continue;
+    if (record.offset > kMaxOffset || record.offset >= indexOffset) {
+      walk.Fail("index names " + Hex(record.offset) + ", which is not in the image");
+    }
+    end = uint64_t{record.offset} + record.length;
+    Keep(record, &contents);
+    if ((keepRecords || !contents.isChecked) && record.type != kIndexNote)
+      contents.records.push_back(record);
+    if (record.type != kIndexNote) {
+      item = std::move(record);
+    } else if (contents.isChecked) {
+      KeepNote(record, item, place, &contents);
+    }
+  }
+  for (auto* offsets : {&contents.items, &contents.entries, &contents.sections}) {
+    std::sort(offsets->begin(), offsets->end());
+  }
+  FileWindow window(descriptor, path);
+  if (const auto twice = FirstReadTwice(contents.items, window)) {
+    walk.Fail("index names the item at " + Hex(*twice) + " twice");
+  }
+  const auto byOffset = [](const auto& a, const auto& b) { return a.offset < b.offset; };
+  std::sort(contents.checks.begin(), contents.checks.end(), byOffset);
+  std::sort(contents.paths.begin(), contents.paths.end(), byOffset);
+  std::sort(contents.restarts.begin(), contents.restarts.end(),
+            [](const auto& a, const auto& b) { return a.record < b.record; });
+  std::merge(contents.items.begin(), contents.items.end(), contents.sections.begin(),
+             contents.sections.end(), std::back_inserter(contents.boundaries));
+  contents.boundaries.push_back(static_cast<uint32_t>(indexOffset));
+  std::sort(contents.records.begin(), contents.records.end(),
+            [](const IndexRecord& a, const IndexRecord& b) { return a.offset < b.offset; });
+  return contents;
+}
+
+}  // namespace capsule::host

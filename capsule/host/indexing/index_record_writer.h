@@ -1,0 +1,93 @@
+// IndexRecordWriter appends the index records of an image's items, with the check values of what
+// they cover and the restart points of long files (index_writer.h has the order).
+#pragma once
+
+#include <cstdint>
+#include <optional>
+#include <span>
+#include <string>
+
+#include "capsule/container/index_format.h"
+#include "capsule/host/file/checksum.h"
+#include "capsule/host/file/file_window.h"
+#include "capsule/host/index/damage_note.h"
+#include "capsule/host/indexing/index_stream.h"
+#include "capsule/host/records/record_source.h"
+#include "capsule/host/sections/section_scanner.h"
+
+namespace capsule::host {
+
+class RestartCollector;
+
+// The bytes that the records of items will take.
+class IndexRecordCounter {
+ public:
+  IndexRecordCounter();
+
+  // As IndexRecordWriter takes them.
+  void Add(const SectionItem& item, const std::string& damage);
+  void Add(const DamageNote& note);
+
+  // Without restart points, and how many bytes those take at most.
+  uint64_t Bytes() const { return m_nBytes; }
+  uint64_t MostRestartBytes() const { return m_nRestartBytes; }
+
+ private:
+  uint64_t m_nBytes;
+  uint64_t m_nFileNote = 0;  // of the last item; it only comes when another follows
+  uint64_t m_nRestartBytes = 0;
+};
+
+class IndexRecordWriter {
+ public:
+  // `files`: what the data records of all files have in common. `output`: the open file that gets
+  // the index, at `indexOffset`. `header`: as finally stored.
+  IndexRecordWriter(const RecordSource& files, int output, uint64_t indexOffset,
+                    std::span<const unsigned char> header, bool hasRestartPoints);
+
+  // Restart points that need not be looked for; `known` must outlive the writer.
+  void SetKnownRestarts(const RestartCollector* known) { m_pKnown = known; }
+
+  // What is said of the image as a whole, before the first item.
+  void Add(const DamageNote& note);
+
+  // The next item. `damage`: what is wrong with it, or nothing; a damaged file has neither check
+  // value nor restart points.
+  void Add(const SectionItem& item, const std::string& damage);
+
+  // Makes the last record reach the index; where that ends. It is the record of an item, even when
+  // the end of the last section is lost: then the section's check value is for what lies before the
+  // last item.
+  uint64_t Finish();
+
+  uint64_t RestartBytes() const { return m_nRestartBytes; }
+
+ private:
+  void AppendLast();
+  void AppendDamage();
+  void AppendRestartPoints();
+  void EndSection(uint64_t value, uint64_t end);
+  void Take(uint64_t at, uint64_t end, RunningChecksum* file);
+
+  RecordSource m_Source;  // of the last item, if it is a file
+  bool m_bRestartPoints;
+  const RestartCollector* m_pKnown = nullptr;
+  uint64_t m_nIndexOffset;
+  FileWindow m_Window;
+  IndexStream m_Stream;
+  RunningChecksum m_Section;
+  RunningChecksum m_File;
+  uint64_t m_nSectionRecord = 0;
+  uint64_t m_nSectionStart = 0;
+  uint64_t m_nSectionBefore = 0;  // its check value up to the last item
+  bool m_bEnded = false;
+  // The last item waits for the next one: readers see nothing behind the record that ends the
+  // index.
+  bool m_bHasLast = false;
+  IndexRecord m_Last;
+  std::string m_strDamage;  // of the last item
+  std::optional<IndexRecord> m_FileNote;
+  uint64_t m_nRestartBytes = 0;
+};
+
+}  // namespace capsule::host

@@ -1,0 +1,189 @@
+#include "capsule/host/indexing/index_source.h"
+
+#include <algorithm>
+#include <optional>
+#include <utility>
+#include <vector>
+
+#include "capsule/host/error.h"
+#include "capsule/host/file/reason.h"
+#include "capsule/host/image_map.h"
+#include "capsule/host/index/image_header.h"
+#include "capsule/host/records/record_stream.h"
+#include "capsule/host/sections/section_survey.h"
+#include "capsule/host/sections/sound_item.h"
+#include "capsule/platform/file.h"
+
+namespace capsule::host {
+namespace {
+
+using Kind = SectionItem::Kind;
+
+constexpr char kUnsure[] = "; the folders of what follows are not sure, so no index can be made";
+
+uint64_t LengthOf(int descriptor) {
+  return static_cast<uint64_t>(std::max<int64_t>(platform::FileLength(descriptor), 0));
+}
+
+// Judges items by their own records.
+class ItemJudge {
+ public:
+  ItemJudge(int descriptor, const std::string& path, const DecodedHeader& header)
+      : m_Window(descriptor, path) {
+    m_Source.descriptor = descriptor;
+    m_Source.imageIsCompressed = header.compressed;
+    m_Source.imagePath = path;
+    const auto take = [this](const MapItem& item) {
+      if (!item.problem.empty()) m_Problems.emplace_back(item.offset, item.problem);
+    };
+    MapImage(descriptor, path, take, false);
+    std::stable_sort(m_Problems.begin(), m_Problems.end(),
+                     [](const auto& a, const auto& b) { return a.first < b.first; });
+  }
+
+  // What is wrong with its records, to be asked in the order of the items, or nothing.
+  std::string Judge(const SectionItem& item) {
+    while (m_nProblem < m_Problems.size() && m_Problems[m_nProblem].first < item.offset) {
+      ++m_nProblem;
+    }
+    std::string wrong = JudgeData(item);
+    const bool isHit =
+        m_nProblem < m_Problems.size() && m_Problems[m_nProblem].first < item.offset + item.length;
+    return wrong.empty() && isHit ? m_Problems[m_nProblem].second : wrong;
+  }
+
+  // What is wrong with its long name, or nothing.
+  std::string JudgeName(const SectionItem& item) {
+    const bool isEntry = item.kind == Kind::Directory || item.kind == Kind::File;
+    const std::string wrong = isEntry && !item.isNtfs ? JudgeLongName(m_Window, item) : "";
+    return wrong.empty() ? wrong : "long name: " + wrong;
+  }
+
+ private:
+  std::string JudgeData(const SectionItem& item) {
+    if (item.kind != Kind::File || IsLeftOut(item)) return {};
+    m_Source.begin = item.dataOffset;
+    m_Source.limit = item.offset + item.length;
+    m_Source.size = item.entry.FileSize;
+    m_Source.ntfs = item.isNtfs;
+    m_Source.fileRecord = item.offset;
+    return ProblemOf(m_Source);
+  }
+
+  // Writers leave out what the file system keeps in files of its own.
+  static bool IsLeftOut(const SectionItem& item) {
+    return item.isNtfs && item.name.starts_with('$') && item.depth == 0 &&
+           item.dataOffset == item.offset + item.length;
+  }
+
+  FileWindow m_Window;
+  RecordSource m_Source;
+  std::vector<std::pair<uint64_t, std::string>> m_Problems;  // by offset
+  size_t m_nProblem = 0;                                     // the next
+};
+
+uint64_t VisitSoundItems(int descriptor, const std::string& path, bool readsData,
+                         const ItemVisitor& visitor) {
+  SectionScanner scanner(descriptor, path);
+  std::optional<ItemJudge> judge;
+  if (readsData) judge.emplace(descriptor, path, scanner.Header());
+  for (SectionItem item; scanner.Next(&item);) {
+    if (!item.problem.empty()) throw Error(path, item.path + ": " + item.problem, item.offset);
+    visitor.onItem(item, judge ? judge->Judge(item) : "");
+  }
+  return scanner.Position();
+}
+
+// Goes over the sections of a damaged image for VisitItems.
+class LeftVisit {
+ public:
+  LeftVisit(int descriptor, const std::string& path, const ItemVisitor& visitor)
+      : m_nDescriptor(descriptor),
+        m_strPath(path),
+        m_nLength(LengthOf(descriptor)),
+        m_Header(ReadImageHeader(descriptor, path, m_nLength)),
+        m_Judge(descriptor, path, m_Header),
+        m_nFirst(m_nLength),
+        m_Visitor(visitor) {}
+
+  uint64_t Run() {
+    SurveyVisitor survey;
+    survey.onItem = [this](const SurveyItem& found) { Take(found); };
+    survey.onDamage = [this](uint64_t offset, const std::string& reason) { Note(offset, reason); };
+    survey.onFileDamage = [](uint64_t, const std::string&) {};  // comes with the file
+    survey.onStray = [this](uint64_t offset) { Note(offset, "its folder is lost"); };
+    const uint64_t limit = LimitOfSections(m_nDescriptor, m_strPath, m_Header, {}, m_nLength);
+    SurveyBySearch(m_nDescriptor, m_strPath, {limit}, survey);
+    if (m_nFirst < m_nEnd) throw Error(m_strPath, m_strFirst + kUnsure, m_nFirst);
+    if (m_Last != Kind::Trailer && m_Last != Kind::NtfsEnd) {
+      m_Visitor.onImage({0, kHeaderSize, "the end is missing: " + EndText(), true});
+    } else if (m_nFirst < m_nLength) {
+      m_Visitor.onImage({0, kHeaderSize, m_strFirst, false});
+    }
+    return m_nLength;
+  }
+
+ private:
+  void Take(const SurveyItem& found) {
+    SectionItem item = found.item;
+    m_nEnd = item.offset + item.length;
+    m_Last = item.kind;
+    if (found.isPlaceholder) Note(item.offset, "its folder is lost");
+    const std::string name = found.isPlaceholder ? "" : m_Judge.JudgeName(item);
+    if (!name.empty()) {
+      item.path.resize(item.path.size() - std::min(item.path.size(), item.name.size()));
+      item.path += item.shortName;
+      item.name = item.shortName;
+    }
+    std::string damage = found.damage.empty() ? m_Judge.Judge(item) : found.damage;
+    if (damage.empty()) damage = name;
+    m_Visitor.onItem(item, damage);
+  }
+
+  // Damage that is not to a file's data.
+  void Note(uint64_t offset, const std::string& reason) {
+    if (offset < m_nFirst || m_strFirst.empty()) {
+      m_strFirst = "item at " + Hex(offset) + ": " + reason;
+    }
+    m_nFirst = std::min(m_nFirst, offset);
+  }
+
+  std::string EndText() const {
+    const std::string has = "the file has " + std::to_string(m_nLength) + " bytes";
+    if (m_Header.indexOffset <= m_nLength) return has + " and the last section no end";
+    return has + ", its index began at " + std::to_string(m_Header.indexOffset) +
+           "; what lay behind is lost";
+  }
+
+  int m_nDescriptor;
+  const std::string& m_strPath;
+  uint64_t m_nLength;
+  DecodedHeader m_Header;
+  ItemJudge m_Judge;
+  uint64_t m_nEnd = 0;  // of the last item
+  Kind m_Last = Kind::Section;
+  uint64_t m_nFirst;  // damage that is not to the data of a file
+  std::string m_strFirst;
+  const ItemVisitor& m_Visitor;
+};
+
+}  // namespace
+
+bool HasReadableIndex(int descriptor, const std::string& path) {
+  const uint64_t length = LengthOf(descriptor);
+  const DecodedHeader header = ReadImageHeader(descriptor, path, length);
+  try {
+    CheckIndexOffset(header, path, length);
+    return !CheckIndex(descriptor, path, header.indexOffset, length).items.empty();
+  } catch (const Error&) {
+    return false;
+  }
+}
+
+uint64_t VisitItems(int descriptor, const std::string& path, SectionTrust trust,
+                    const ItemVisitor& visitor) {
+  if (trust == SectionTrust::Damaged) return LeftVisit(descriptor, path, visitor).Run();
+  return VisitSoundItems(descriptor, path, trust == SectionTrust::Sound, visitor);
+}
+
+}  // namespace capsule::host

@@ -1,0 +1,75 @@
+#include "capsule/host/indexing/index_stream.h"
+
+#include <algorithm>
+#include <array>
+#include <cerrno>
+#include <utility>
+
+#include "capsule/host/error.h"
+#include "capsule/host/file/checksum.h"
+#include "capsule/host/file/file_window.h"
+#include "capsule/host/file/reason.h"
+#include "capsule/platform/file.h"
+#include "capsule/platform/little_endian.h"
+
+namespace capsule::host {
+namespace {
+constexpr size_t kBufferSize = size_t{64} << 10;
+}
+
+IndexStream::IndexStream(int descriptor, std::string name, uint64_t offset)
+    : m_nDescriptor(descriptor),
+      m_strName(std::move(name)),
+      m_nStart(offset),
+      m_nFlushed(offset),
+      m_Buffer(kIndexPreamble) {}
+
+uint64_t IndexStream::Append(const IndexRecord& record) {
+  const uint64_t position = m_nFlushed + m_Buffer.size();
+  AppendIndexRecord(record, &m_Buffer);
+  if (m_Buffer.size() >= kBufferSize) Flush();
+  return position;
+}
+
+void IndexStream::Replace(uint64_t position, const IndexRecord& record) {
+  std::vector<unsigned char> bytes;
+  AppendIndexRecord(record, &bytes);
+  if (position >= m_nFlushed) {
+    std::copy(bytes.begin(), bytes.end(),
+              m_Buffer.begin() + static_cast<std::ptrdiff_t>(position - m_nFlushed));
+  } else {
+    WriteAt(position, bytes);
+  }
+}
+
+uint64_t IndexStream::Finish() {
+  Flush();
+  IndexChecksum checksum;
+  FileWindow window(m_nDescriptor, m_strName);
+  for (uint64_t at = m_nStart + kIndexPreamble; at < m_nFlushed;) {
+    const uint64_t left = m_nFlushed - at;
+    const auto bytes =
+        window.At(at, static_cast<size_t>(std::min<uint64_t>(left, FileWindow::kSize)));
+    if (bytes.empty()) throw Error(m_strName, "index ends at " + Hex(at), at);
+    checksum.Update(bytes);
+    at += bytes.size();
+  }
+  std::array<unsigned char, kIndexPreamble> preamble{'C', 'I', '1'};
+  platform::StoreLe32(&preamble[3], checksum.Value());
+  WriteAt(m_nStart, preamble);
+  return m_nFlushed;
+}
+
+void IndexStream::Flush() {
+  WriteAt(m_nFlushed, m_Buffer);
+  m_nFlushed += m_Buffer.size();
+  m_Buffer.clear();
+}
+
+void IndexStream::WriteAt(uint64_t offset, std::span<const unsigned char> bytes) {
+  if (!platform::WriteAt(m_nDescriptor, bytes.data(), bytes.size(), static_cast<int64_t>(offset))) {
+    throw Error(m_strName, "write at " + Hex(offset) + ": " + SystemReason(errno), offset);
+  }
+}
+
+}  // namespace capsule::host

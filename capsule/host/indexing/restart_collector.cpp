@@ -1,0 +1,41 @@
+#include "capsule/host/indexing/restart_collector.h"
+
+#include <algorithm>
+
+#include "capsule/host/index/restart_point.h"
+#include "capsule/host/records/unit_decoder.h"
+
+namespace capsule::host {
+namespace {
+
+constexpr size_t kMostPoints = 4096;  // about 8 MiB
+
+bool IsBefore(const IndexRecord& point, uint64_t offset) { return point.offset < offset; }
+
+}  // namespace
+
+void RestartCollector::Take(int64_t record, uint32_t fileOffset,
+                            std::span<const unsigned char> before, bool isCompressed) {
+  if (fileOffset <= m_nLast) m_nWanted = kRestartDistance;  // another file
+  m_nLast = fileOffset;
+  if (fileOffset < m_nWanted) return;
+  m_nWanted = fileOffset + kRestartDistance;
+  if (m_Points.size() == kMostPoints) return;
+  const auto history = before.last(isCompressed ? std::min(before.size(), kMaxHistory) : 0);
+  m_Points.push_back(RestartRecord(static_cast<uint64_t>(record), fileOffset, history));
+}
+
+void RestartCollector::Forget(int64_t offset) {
+  while (!m_Points.empty() && m_Points.back().offset >= offset) m_Points.pop_back();
+}
+
+std::span<const IndexRecord> RestartCollector::Of(uint64_t begin, uint64_t limit,
+                                                  uint64_t size) const {
+  const auto first = std::lower_bound(m_Points.begin(), m_Points.end(), begin, IsBefore);
+  const auto end = std::lower_bound(first, m_Points.end(), limit, IsBefore);
+  const auto count = static_cast<uint64_t>(end - first);
+  if (size == 0 || count != (size - 1) / kRestartDistance) return {};
+  return {first, end};
+}
+
+}  // namespace capsule::host

@@ -1,0 +1,169 @@
+#include "capsule/host/map/header_map.h"
+
+#include <algorithm>
+
+#include "capsule/host/file/reason.h"
+#include "capsule/partition/record_format.h"
+#include "capsule/platform/little_endian.h"
+
+namespace capsule::host {
+namespace {
+
+constexpr size_t kKeyOffset = kScrambleFlagOffset + 1;
+constexpr size_t kKeySize = 36;
+constexpr size_t kBehindKey = kKeyOffset + kKeySize;
+constexpr size_t kBehindTailOffset = kTailOffsetOffset + 2;
+
+std::string Text(std::span<const unsigned char> field) {
+  return "\"" + std::string(field.begin(), std::find(field.begin(), field.end(), 0)) + "\"";
+}
+
+// The header with its scrambled region restored where that can be done; padded with zeros.
+std::vector<unsigned char> Restored(std::span<const unsigned char> stored, std::string* problem) {
+  std::vector<unsigned char> bytes(kHeaderSize);
+  std::copy_n(stored.begin(), std::min<size_t>(stored.size(), kHeaderSize), bytes.begin());
+  if (stored.size() >= kHeaderSize) {
+    RestoreScrambledRegion(std::span<unsigned char, kHeaderSize>(bytes.data(), kHeaderSize),
+                           problem);
+  }
+  return bytes;
+}
+
+HeaderBytes AsHeader(const std::vector<unsigned char>& bytes) {
+  return HeaderBytes(bytes.data(), kHeaderSize);
+}
+
+class HeaderMapper {
+ public:
+  HeaderMapper(std::span<const unsigned char> stored, MapSink& sink)
+      : m_nStored(stored.size()), m_Sink(sink), m_Bytes(Restored(stored, &m_strProblem)) {}
+
+  void Map() {
+    MapFront();
+    std::string problem;
+    const auto tail = LocateTail(AsHeader(m_Bytes), &problem);
+    if (tail) {
+      MapTail(*tail);
+    } else {
+      Field(kBehindTailOffset, kHeaderSize - kBehindTailOffset, "rest of the header", problem);
+    }
+  }
+
+ private:
+  void MapFront() {
+    const auto field = [&](size_t at, size_t size) { return std::span(m_Bytes).subspan(at, size); };
+    Field(0, kVersionSize, "version text " + Text(field(0, kVersionSize)));
+    Field(kVersionSize, kScrambleFlagOffset - kVersionSize, "opaque");
+    const bool scrambled = m_Bytes[kScrambleFlagOffset] == 1;
+    Field(kScrambleFlagOffset, 1,
+          scrambled ? "scrambled: fields below are restored"
+                    : Value("scramble flag", m_Bytes[kScrambleFlagOffset]),
+          m_strProblem);
+    Field(kKeyOffset, kKeySize, "scramble key " + Text(field(kKeyOffset, kKeySize)));
+    Field(kBehindKey, kIndexOffsetOffset - kBehindKey, "opaque");
+    const uint32_t index = platform::LoadLe32(&m_Bytes[kIndexOffsetOffset]);
+    Field(kIndexOffsetOffset, 4, "index offset " + Hex(index), JudgeIndex(index));
+    Field(kCompressionMarkOffset, 1, Value("compression mark", m_Bytes[kCompressionMarkOffset]));
+    Field(kConstant3Offset, 1, Value("constant", m_Bytes[kConstant3Offset]));
+    const bool compact = SelectLayout(AsHeader(m_Bytes)) == HeaderLayout::Compact;
+    Field(kTailOffsetOffset, 2,
+          Value("tail offset", platform::LoadLe16(&m_Bytes[kTailOffsetOffset])) +
+              (compact ? ": compact layout" : ": fixed layout"));
+  }
+
+  std::string JudgeIndex(uint32_t index) const {
+    if (index == 0 || (index >= kHeaderSize && index < m_Sink.FileBytes())) return {};
+    return "index would begin at " + Hex(index) +
+           (index < kHeaderSize
+                ? ", inside the header"
+                : "; the file has " + std::to_string(m_Sink.FileBytes()) + " bytes");
+  }
+
+  void MapTail(const HeaderTail& tail) {
+    const size_t area = tail.sectorArea;
+    Opaque(kBehindTailOffset, area);
+    const bool marked = m_Bytes[area] == 0xAB && m_Bytes[area + 1] == 0xCD;
+    Field(area, kSectorAreaSize, "sector area; " + Value("sections", tail.sectionCount),
+          marked ? "" : "sector area does not begin with AB CD");
+    const size_t count = tail.At(kPartitionCountOffset);
+    const size_t flag = tail.At(kCompressionFlagOffset);
+    Field(count - 1, 1, "opaque");
+    Field(count, 1, Value("partition count", m_Bytes[count]));
+    Opaque(count + 1, flag);
+    Field(flag, 1, Value("compression flag", m_Bytes[flag]));
+    Opaque(flag + 1, tail.records);
+    const bool compact = tail.recordSize != kPartitionRecordSize;
+    const size_t records = std::max(tail.recordCount, tail.sectionCount);
+    const size_t slots = compact ? records : size_t{kMaxPartitions};
+    for (size_t i = 0; i < slots; ++i) MapPartition(tail, i);
+    Opaque(tail.records + slots * tail.recordSize, kHeaderSize);
+  }
+
+  void MapPartition(const HeaderTail& tail, size_t i) {
+    const size_t at = tail.records + i * tail.recordSize;
+    const auto bytes = std::span(m_Bytes).subspan(at).first<kPartitionRecordSize>();
+    const _Partition record = DecodePartition(bytes);
+    const std::string number = "partition record " + std::to_string(i);
+    Field(at, tail.recordSize,
+          i < std::max(tail.recordCount, tail.sectionCount)
+              ? number + ": system id " + std::to_string(record.SystemId) + ", " +
+                    std::to_string(record.SectorCount) + " sectors"
+              : number + ": not in use");
+  }
+
+  static std::string Value(const char* what, uint64_t value) {
+    return std::string(what) + " " + std::to_string(value);
+  }
+
+  void Opaque(size_t begin, size_t end) {
+    if (begin < end) Field(begin, end - begin, "opaque");
+  }
+
+  // Fields that the file ends in front of are left out; one that it ends in is a problem.
+  void Field(size_t offset, size_t length, std::string text, std::string problem = {}) {
+    if (offset >= m_nStored) return;
+    MapItem item;
+    item.kind = MapItem::Kind::HeaderField;
+    item.offset = offset;
+    item.length = std::min(length, m_nStored - offset);
+    item.text = std::move(text);
+    item.problem = std::move(problem);
+    if (item.length < length) {
+      item.problem = "header is cut short: " + std::to_string(m_nStored) + " of " +
+                     std::to_string(kHeaderSize) + " bytes";
+    }
+    m_Sink.Add(item);
+  }
+
+  size_t m_nStored;
+  MapSink& m_Sink;
+  std::string m_strProblem;
+  std::vector<unsigned char> m_Bytes;
+};
+
+}  // namespace
+
+MappedHeader DecodeStoredHeader(std::span<const unsigned char> stored) {
+  MappedHeader header;
+  if (stored.size() < kHeaderSize) {
+    header.problem = "not an image: " + std::to_string(stored.size()) +
+                     " bytes, a header alone has " + std::to_string(kHeaderSize);
+    return header;
+  }
+  const std::vector<unsigned char> bytes = Restored(stored, &header.problem);
+  if (!header.problem.empty()) return header;
+  header.decoded = DecodeHeader(AsHeader(bytes), &header.problem);
+  if (!header.decoded) return header;
+  const size_t area = header.decoded->tail.sectorArea;
+  if (bytes[area] != 0xAB || bytes[area + 1] != 0xCD) {
+    header.decoded.reset();
+    header.problem = "not an image: no image header at its start";
+  }
+  return header;
+}
+
+void MapHeader(std::span<const unsigned char> stored, MapSink& sink) {
+  HeaderMapper(stored.first(std::min<size_t>(stored.size(), kHeaderSize)), sink).Map();
+}
+
+}  // namespace capsule::host

@@ -1,0 +1,54 @@
+#include "capsule/host/map/map_sink.h"
+
+#include <algorithm>
+
+#include "capsule/host/file/reason.h"
+
+namespace capsule::host {
+
+std::string NothingKnown(uint64_t bytes) {
+  return std::to_string(bytes) + (bytes == 1 ? " byte belongs" : " bytes belong") + " to nothing";
+}
+
+void MapSink::Add(const MapItem& item) {
+  if (item.offset > m_nPosition) {
+    Gap(item.offset, "", "", NothingKnown(item.offset - m_nPosition));
+  }
+  const uint64_t end = std::min(item.offset + item.length, FileBytes());
+  const uint64_t before = m_nPosition;
+  m_nPosition = std::max(before, end);
+  m_Summary.accountedBytes += m_nPosition - before;
+  Pass(item);
+  if (item.offset >= before || end <= item.offset) return;
+  MapItem overlap;
+  overlap.kind = MapItem::Kind::Overlap;
+  overlap.section = item.section;
+  overlap.offset = item.offset;
+  overlap.length = std::min(end, before) - item.offset;
+  overlap.path = item.path;
+  overlap.problem =
+      std::string(MapKindName(item.kind)) + " lies over what was taken up to " + Hex(before);
+  Pass(overlap);
+}
+
+void MapSink::Gap(uint64_t offset, const std::string& path, const std::string& text,
+                  const std::string& problem) {
+  offset = std::min(offset, FileBytes());
+  if (offset <= m_nPosition) return;
+  MapItem gap;
+  gap.offset = m_nPosition;
+  gap.length = offset - m_nPosition;
+  gap.path = path;
+  gap.text = text;
+  gap.problem = problem;
+  m_nPosition = offset;
+  Pass(gap);
+}
+
+void MapSink::Pass(const MapItem& item) {
+  ++m_Summary.items;
+  m_Summary.problems += item.problem.empty() ? 0 : 1;
+  m_Take(item);
+}
+
+}  // namespace capsule::host

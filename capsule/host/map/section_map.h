@@ -1,0 +1,81 @@
+// SectionMap steps through the sections of an image and tells what their records are, also where
+// some of them are damaged.
+//
+// 1. The position only grows, and every step takes at least one byte.
+// 2. A record whose header is not one, or whose length leads to no record although a record begins
+//    before that place, is damage: the map goes on at the next eight bytes that begin a directory
+//    record or end a section.
+// 3. Long-name pieces wait for their short entry, at most 63 of them.
+#pragma once
+
+#include <cstdint>
+#include <span>
+#include <string>
+#include <vector>
+
+#include "capsule/host/file/file_window.h"
+#include "capsule/host/map/map_sink.h"
+#include "capsule/host/sections/open_folders.h"
+#include "capsule/partition/directory_records.h"
+#include "capsule/partition/ntfs_records.h"
+
+namespace capsule::host {
+
+class SectionMap {
+ public:
+  // `end`: where sections end at the latest.
+  SectionMap(FileWindow& window, uint64_t end, bool compressed, MapSink& sink)
+      : m_Window(window), m_nEnd(end), m_bCompressed(compressed), m_Sink(sink) {}
+
+  // Maps the section that begins at the sink's position, or behind it when there is none there.
+  // False when there is none at all.
+  bool Map(int section, uint8_t systemId);
+
+ private:
+  bool MapSectionHeader();
+  bool MapFatRecord();
+  void MapDirectoryRecord(const _MiniHeader& header);
+  void MapLongName(const _MiniHeader& header, std::span<const unsigned char, 32> bytes);
+  void MapShortEntry(const _MiniHeader& header, std::span<const unsigned char, 32> bytes);
+  void FinishPieces(std::span<const unsigned char, 32> shortEntry);
+  void DropPieces(const std::string& problem);
+  void MapData(const _MiniHeader& header);
+  void MapTrailer();
+  bool MapNtfsRecord();
+  void DescribeFileRecord(const _NTFSMiniHeader& header, MapItem* item);
+
+  MapItem ItemAt(MapItem::Kind kind, uint64_t length) const;
+  std::string FolderPath() const;
+  std::string PathOf(const std::string& name) const;
+  bool HasLongPath() const;
+  void SkipDamage();
+
+  bool IsFatRecordAt(uint64_t offset);
+  bool IsNtfsRecordAt(uint64_t offset);
+  bool IsOtherRecordHere();
+  int SectionMarksAt(uint64_t offset);
+  uint64_t FindFatRecord(uint64_t offset);
+  uint64_t FindNtfsRecord(uint64_t offset);
+  uint64_t FindSection(uint64_t offset);
+  uint64_t Here() const;
+
+  FileWindow& m_Window;
+  uint64_t m_nEnd;
+  bool m_bCompressed;
+  MapSink& m_Sink;
+
+  int m_nSection = 0;
+  bool m_bNtfs = false;
+  bool m_bEnded = false;
+  std::vector<MapItem> m_Pieces;             // of the long name being read
+  std::vector<unsigned char> m_PieceUnits;   // their name bytes
+  std::vector<unsigned char> m_PieceChecks;  // ordinal and checksum of each
+  OpenFolders m_Folders;
+  uint64_t m_nOthersEnd = 0;  // of records of unknown types that are told one by one
+  std::string m_strFile;      // path of what data blocks belong to
+  bool m_bTakesData = false;
+  bool m_bLastSeen = false;
+  uint64_t m_nFileBytes = 0;  // that the records so far stand for
+};
+
+}  // namespace capsule::host

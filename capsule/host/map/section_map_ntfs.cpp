@@ -1,0 +1,120 @@
+#include <algorithm>
+#include <vector>
+
+#include "capsule/blocks/data_block_format.h"
+#include "capsule/host/file/reason.h"
+#include "capsule/host/map/section_map.h"
+#include "capsule/host/records/ntfs_entry.h"
+#include "capsule/partition/ntfs_format.h"
+#include "capsule/partition/record_format.h"
+
+namespace capsule::host {
+namespace {
+
+constexpr uint8_t kDosNamespace = 2;
+
+std::string Count(uint64_t n) { return std::to_string(n); }
+
+// The name that users see first: a DOS name only when there is no other.
+std::string NameIn(std::span<unsigned char, kFileRecordSize> record) {
+  UndoFileRecordFixups(record);
+  std::string name;
+  VisitAttributes(record, [&](const NtfsAttribute& attribute) {
+    NtfsFileName found;
+    if (attribute.type != kFileNameType) return true;
+    if (!DecodeFileName(attribute.NamedOffsetValue(), &found)) return true;
+    if (name.empty() || found.nameSpace != kDosNamespace) name = LongNameToBytes(found.units);
+    return true;
+  });
+  return name;
+}
+
+std::string KindOf(uint32_t type) {
+  switch (type) {
+    case kNtfsDirectoryRecord:
+      return "FILE record of a folder";
+    case kNtfsFileRecord:
+      return "FILE record of a file";
+    case kNtfsEnd:
+      return "end of the records";
+    default:
+      if (!IsNtfsType(type)) return "not known";
+      return IsNtfsData(type) ? "data" : "further FILE record";
+  }
+}
+
+}  // namespace
+
+bool SectionMap::MapNtfsRecord() {
+  if (!IsNtfsRecordAt(Here()) && !IsOtherRecordHere()) return false;
+  const _NTFSMiniHeader header =
+      DecodeNtfsHeader(m_Window.At(Here(), kNtfsHeaderSize).first<kNtfsHeaderSize>());
+  const uint32_t type = header.RecordType;
+  const _MiniHeader plain = ToMiniHeader(header);
+  MapItem item = ItemAt(MapItem::Kind::NtfsRecord, uint64_t{kNtfsHeaderSize} + header.Length);
+  item.type = type;
+  item.beginsEntry = BeginsNtfsEntry(type);
+  item.text = "type " + Count(type) + ", " + KindOf(type) + ": " +
+              Count(UncompressedLength(plain, m_bCompressed)) + " bytes, " +
+              (IsCompressedPayload(plain, m_bCompressed) ? "compressed to " : "stored as ") +
+              Count(header.Length) + (header.LastFlag == 1 ? ", the last" : "");
+  if (type == kNtfsEnd) m_strFile.clear();
+  if (IsNtfsFileRecord(type)) DescribeFileRecord(header, &item);
+  item.path = m_strFile;
+  m_Sink.Add(item);
+  if (type != kNtfsEnd) return true;
+  m_bEnded = true;
+  const auto next = m_Window.At(Here(), kMiniHeaderSize);
+  if (next.size() < kMiniHeaderSize || Here() >= m_nEnd) return true;
+  const _MiniHeader trailer = DecodeMiniHeader(next.first<kMiniHeaderSize>());
+  if (trailer.Type == kRecordPartition && trailer.Length == kPartitionPayload) MapTrailer();
+  return true;
+}
+
+void SectionMap::DescribeFileRecord(const _NTFSMiniHeader& header, MapItem* item) {
+  const auto payload = m_Window.At(item->offset + kNtfsHeaderSize, header.Length);
+  UnitDecoder decoder;
+  std::vector<unsigned char> record;
+  if (!DecodeNtfsPayload(header, payload, m_bCompressed, decoder, &record)) {
+    item->problem = "FILE record does not decode to its " +
+                    Count(UncompressedLength(ToMiniHeader(header), m_bCompressed)) + " bytes";
+  }
+  const bool isBase = BeginsNtfsEntry(header.RecordType);
+  if (isBase) m_strFile = Count(static_cast<uint64_t>(m_nSection)) + ":…/?";
+  if (!item->problem.empty()) return;
+  if (record.size() < kFileRecordSize) {
+    item->problem = "FILE record of " + Count(record.size()) + " bytes, " + Count(kFileRecordSize) +
+                    " are needed";
+    return;
+  }
+  if (!isBase) return;
+  const std::string name = NameIn(std::span(record).first<kFileRecordSize>());
+  item->text += ", \"" + name + "\"";
+  if (!name.empty()) m_strFile = Count(static_cast<uint64_t>(m_nSection)) + ":…/" + name;
+}
+
+bool SectionMap::IsOtherRecordHere() {
+  if (Here() < m_nOthersEnd) return true;
+  UnitDecoder decoder;
+  decoder.Pretend(0);
+  m_nOthersEnd = EndOfOtherNtfsRecords(m_Window, Here(), m_nEnd, m_bCompressed, decoder);
+  return Here() < m_nOthersEnd;
+}
+
+bool SectionMap::IsNtfsRecordAt(uint64_t offset) {
+  return NtfsRecordAt(m_Window, offset, m_nEnd).has_value();
+}
+
+// These headers have no mark of their own: a place counts when another record follows, or the end.
+uint64_t SectionMap::FindNtfsRecord(uint64_t offset) {
+  for (; offset + kNtfsHeaderSize <= m_nEnd; ++offset) {
+    if (!IsNtfsRecordAt(offset)) continue;
+    const _NTFSMiniHeader header =
+        DecodeNtfsHeader(m_Window.At(offset, kNtfsHeaderSize).first<kNtfsHeaderSize>());
+    const bool isEnd = header.RecordType == kNtfsEnd;
+    if (isEnd || IsNtfsRecordAt(offset + kNtfsHeaderSize + header.Length)) return offset;
+  }
+  return m_nEnd;
+}
+
+}  // namespace capsule::host

@@ -1,0 +1,30 @@
+#include "capsule/host/records/content_check.h"
+
+#include <algorithm>
+
+#include "capsule/host/file/reason.h"
+
+namespace capsule::host {
+
+ContentCheck::ContentCheck(const FileCheck& check)
+    : m_Check(check), m_pSum(std::make_unique<RunningChecksum>()) {
+  Restart();
+}
+
+void ContentCheck::Take(uint64_t offset, std::span<const unsigned char> bytes) {
+  if (offset != m_nNext) return;
+  if (m_nNext == m_Check.offset) m_pSum->Reset();
+  const auto count = std::min<uint64_t>(bytes.size(), End() - m_nNext);
+  m_pSum->Update(bytes.first(static_cast<size_t>(count)));
+  m_nNext += count;
+}
+
+std::string ContentCheck::Judge() const {
+  const uint64_t found = m_pSum->Value();
+  if (found == m_Check.value) return {};
+  return "check value of the item at " + Hex(m_Check.offset) + " is " +
+         ChecksumDigits(m_Check.value) + ", its " + std::to_string(m_Check.length) +
+         " bytes give " + ChecksumDigits(found);
+}
+
+}  // namespace capsule::host

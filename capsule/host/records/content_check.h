@@ -1,0 +1,39 @@
+// ContentCheck compares a file's stored bytes with their check value as they pass by.
+//
+// It counts bytes as long as they come in order and without gaps from the first one on; else it can
+// say nothing. It lives with one reader, on one thread.
+#pragma once
+
+#include <cstdint>
+#include <memory>
+#include <span>
+#include <string>
+
+#include "capsule/host/file/checksum.h"
+#include "capsule/host/records/file_check.h"
+
+namespace capsule::host {
+
+class ContentCheck {
+ public:
+  explicit ContentCheck(const FileCheck& check);
+
+  void Restart() { m_nNext = m_Check.offset; }
+
+  // Takes bytes from `offset` of the image; what lies outside of the file's own counts for nothing.
+  void Take(uint64_t offset, std::span<const unsigned char> bytes);
+
+  // The next byte wanted; where the file's end when all were taken.
+  uint64_t Next() const { return m_nNext; }
+  uint64_t End() const { return uint64_t{m_Check.offset} + m_Check.length; }
+
+  // What is wrong, or nothing; to be asked when all bytes were taken.
+  std::string Judge() const;
+
+ private:
+  FileCheck m_Check;
+  uint64_t m_nNext = 0;
+  std::unique_ptr<RunningChecksum> m_pSum;
+};
+
+}  // namespace capsule::host

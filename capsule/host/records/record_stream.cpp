@@ -1,0 +1,271 @@
+#include "capsule/host/records/record_stream.h"
+
+#include <algorithm>
+#include <array>
+#include <cerrno>
+#include <iterator>
+
+#include "capsule/blocks/data_block_format.h"
+#include "capsule/host/error.h"
+#include "capsule/host/file/reason.h"
+#include "capsule/host/records/record_judge.h"
+#include "capsule/partition/ntfs_format.h"
+#include "capsule/partition/record_format.h"
+#include "capsule/platform/file.h"
+
+namespace capsule::host {
+namespace {
+
+constexpr size_t kWindowSize = 128 * 1024;  // holds any record: 8 + 65535 bytes
+constexpr size_t kMostMarks = 64;
+constexpr uint64_t kMarkDistance = 256 * 1024;
+
+std::string Count(uint64_t n) { return std::to_string(n); }
+
+}  // namespace
+
+RecordStream::RecordStream(RecordSource source)
+    : m_Source(std::move(source)),
+      m_nHeaderSize(m_Source.ntfs ? kNtfsHeaderSize : kMiniHeaderSize),
+      m_nMarkDistance(kMarkDistance) {
+  const uint64_t room = m_Source.limit - m_Source.begin;
+  if (m_Source.check) m_Check.emplace(*m_Source.check);
+  Restart();
+  if (m_Source.ntfs) TakeResidentData();
+  Restart();
+  if (m_bResident) {
+    CheckEmpty();
+    Restart();
+  }
+  const std::string problem = m_bResident ? "" : JudgeSize(m_Source.size, room);
+  if (!problem.empty()) Fail(problem);
+}
+
+void RecordStream::Restart() {
+  m_nRecord = m_Source.begin;
+  m_nChunkBegin = m_nChunkEnd = 0;
+  m_Chunk.clear();
+  m_Decoder.Reset();
+  if (m_Check) m_Check->Restart();
+  if (m_bResident) {
+    m_nChunkEnd = m_Source.size;
+    m_Chunk = m_Resident;
+  }
+}
+
+void RecordStream::SeekAfterFailure(uint64_t offset) {
+  Restart();
+  Seek(offset);
+}
+
+void RecordStream::Seek(uint64_t offset) {
+  if (offset < m_nChunkBegin) Restart();
+  const Mark* mark = NearestMark(offset);
+  const RestartPoint* restart = NearestRestart(offset);
+  const uint64_t behindMark = mark == nullptr ? 0 : mark->chunkEnd;
+  const uint64_t atRestart = restart == nullptr ? 0 : restart->fileOffset;
+  if (std::max(behindMark, atRestart) <= m_nChunkEnd) return;
+  if (behindMark >= atRestart) return StartAt(*mark);
+  StartAt(*restart);
+}
+
+const RecordStream::Mark* RecordStream::NearestMark(uint64_t offset) const {
+  const auto behind =
+      std::upper_bound(m_Marks.begin(), m_Marks.end(), offset,
+                       [](uint64_t wanted, const Mark& mark) { return wanted < mark.chunkEnd; });
+  return behind == m_Marks.begin() ? nullptr : &*std::prev(behind);
+}
+
+// One that cannot be true is as good as none.
+const RestartPoint* RecordStream::NearestRestart(uint64_t offset) const {
+  const auto& points = m_Source.restarts;
+  const auto behind = std::upper_bound(
+      points.begin(), points.end(), offset,
+      [](uint64_t wanted, const RestartPoint& point) { return wanted < point.fileOffset; });
+  if (behind == points.begin()) return nullptr;
+  const RestartPoint& point = *std::prev(behind);
+  const bool isInFile = point.record >= m_Source.begin && point.record < m_Source.limit &&
+                        point.fileOffset < m_Source.size;
+  return isInFile && point.fileOffset <= offset ? &point : nullptr;
+}
+
+void RecordStream::StartAt(const Mark& mark) {
+  m_nRecord = mark.record;
+  m_nChunkBegin = m_nChunkEnd = mark.chunkEnd;
+  m_Decoder = mark.decoder;
+  m_Chunk.clear();
+}
+
+void RecordStream::StartAt(const RestartPoint& point) {
+  std::array<unsigned char, kMaxHistory> bytes;
+  const auto history = std::span(bytes).first(point.historyLength);
+  const int64_t got =
+      platform::ReadAt(m_Source.descriptor, history.data(), history.size(), point.history);
+  if (got < 0) {
+    throw Error(m_Source.imagePath, "cannot be read: " + SystemReason(errno), point.history);
+  }
+  if (static_cast<size_t>(got) != history.size()) return;  // the image was cut short meanwhile
+  m_Decoder.Restore(history);
+  m_nRecord = point.record;
+  m_nChunkBegin = m_nChunkEnd = point.fileOffset;
+  m_Chunk.clear();
+}
+
+// When there are too many marks, every other goes, and the next ones are twice as far apart.
+void RecordStream::KeepMark() {
+  const uint64_t last = m_Marks.empty() ? 0 : m_Marks.back().chunkEnd;
+  if (m_nChunkEnd < last + m_nMarkDistance) return;
+  m_Marks.push_back({m_nRecord, m_nChunkEnd, m_Decoder});
+  if (m_Marks.size() < kMostMarks) return;
+  for (size_t i = 0; i < kMostMarks / 2; ++i) m_Marks[i] = std::move(m_Marks[2 * i + 1]);
+  m_Marks.erase(m_Marks.begin() + kMostMarks / 2, m_Marks.end());
+  m_nMarkDistance *= 2;
+}
+
+void RecordStream::Advance(uint64_t offset) {
+  if (m_nChunkEnd == 0) CountGroup();
+  const _MiniHeader header = ReadHeader();
+  const uint32_t length = UncompressedLength(header, m_Source.imageIsCompressed);
+  CheckCoverage(header, length);
+  const bool isStored = !IsCompressedPayload(header, m_Source.imageIsCompressed);
+  m_Chunk.clear();
+  if (!isStored || offset < m_nChunkEnd + length) {
+    DecodeRecord(header, length);
+    if (m_Check) m_Check->Take(m_nRecord, Window(m_nRecord, m_nHeaderSize + header.Length));
+  }
+  m_nRecord += m_nHeaderSize + header.Length;
+  m_nChunkBegin = m_nChunkEnd;
+  m_nChunkEnd += length;
+  KeepMark();
+  if (m_nChunkEnd >= m_Source.size) CompareCheck();
+}
+
+void RecordStream::CheckEmpty() {
+  CountGroup();
+  CompareCheck();
+}
+
+// The record group lies in front of the data and has the same check value.
+void RecordStream::CountGroup() {
+  if (m_Check) CountUpTo(m_Source.begin);
+}
+
+// Takes what lies between data records, or in front or behind.
+void RecordStream::CountUpTo(uint64_t offset) {
+  const uint64_t end = std::min({offset, m_Source.limit, m_Check->End()});
+  while (m_Check->Next() < end) {
+    const uint64_t left = std::min<uint64_t>(end - m_Check->Next(), kWindowSize);
+    m_Check->Take(m_Check->Next(), Window(m_Check->Next(), static_cast<size_t>(left)));
+  }
+}
+
+// Further FILE records may follow the data of a file, and count.
+void RecordStream::CompareCheck() {
+  if (!m_Check) return;
+  if (m_Source.ntfs && m_Check->Next() == m_nRecord) {
+    CountUpTo(m_Check->End());
+    m_nRecord = m_Check->Next();
+  }
+  if (m_Check->Next() != std::min(m_nRecord, m_Check->End())) return;
+  const FileCheck& check = *m_Source.check;
+  const std::string problem = m_nRecord == m_Check->End()
+                                  ? m_Check->Judge()
+                                  : "check value of the item at " + Hex(check.offset) + " is for " +
+                                        Count(check.length) + " bytes, its records have " +
+                                        Count(m_nRecord - check.offset);
+  if (problem.empty()) return;
+  throw Error(m_Source.imagePath, m_Source.entryPath + ": " + problem, check.offset);
+}
+
+void RecordStream::DecodeRecord(const _MiniHeader& header, uint32_t length) {
+  const auto payload =
+      Window(m_nRecord, size_t{m_nHeaderSize} + header.Length).subspan(m_nHeaderSize);
+  if (!IsCompressedPayload(header, m_Source.imageIsCompressed)) {
+    m_Chunk.assign(payload.begin(), payload.end());
+    return;
+  }
+  m_Chunk.resize(length);
+  const std::string problem = m_Decoder.Decode(payload, m_Chunk);
+  if (!problem.empty()) Fail(problem);
+}
+
+// How many bytes there are from the current record on; at least `needed`.
+uint64_t RecordStream::CheckRoom(uint64_t needed) const {
+  const uint64_t room = m_nRecord < m_Source.limit ? m_Source.limit - m_nRecord : 0;
+  if (room < needed) {
+    Fail("its records end after " + Count(m_nChunkEnd) + " of " + Count(m_Source.size) + " bytes");
+  }
+  return room;
+}
+
+_MiniHeader RecordStream::ReadHeader() {
+  CheckRoom(m_nHeaderSize);
+  const _MiniHeader header =
+      m_Source.ntfs ? ReadNtfsHeader()
+                    : DecodeMiniHeader(Window(m_nRecord, kMiniHeaderSize).first<kMiniHeaderSize>());
+  const uint64_t room = CheckRoom(m_nHeaderSize) - m_nHeaderSize;
+  if (!m_Source.ntfs && header.Type != kRecordDataBlock) {
+    Fail("record is of type " + Count(header.Type) + ", a data block is " +
+         Count(kRecordDataBlock) + "; " + Count(m_nChunkEnd) + " of " + Count(m_Source.size) +
+         " bytes were read");
+  }
+  if (header.Length > room) {
+    Fail("payload is " + Count(header.Length) + " bytes, " + Count(room) + " remain");
+  }
+  return header;
+}
+
+void RecordStream::CheckCoverage(const _MiniHeader& header, uint32_t length) const {
+  if (length == 0 || length > kMaxUncompressedLength) {
+    Fail("chunk is " + Count(length) + " bytes, 1 to " + Count(kMaxUncompressedLength) +
+         " are possible");
+  }
+  const uint64_t end = m_nChunkEnd + length;
+  const bool reachesEnd = end >= m_Source.size;
+  if (m_Source.ntfs) return;
+  if (reachesEnd != (header.Flag == 1)) {
+    Fail((reachesEnd ? "not marked as the last" : "marked as the last") +
+         std::string(" record, but ends at ") + Count(end) + " of " + Count(m_Source.size) +
+         " bytes");
+  }
+  if (reachesEnd && end - m_Source.size >= kChunkAlignment) {
+    Fail("last record ends at " + Count(end) + ", the file at " + Count(m_Source.size));
+  }
+}
+
+std::span<const unsigned char> RecordStream::Window(uint64_t offset, size_t count) {
+  const uint64_t end = m_nWindowBegin + m_Window.size();
+  if (offset < m_nWindowBegin || offset + count > end) {
+    const auto wanted =
+        static_cast<size_t>(std::min<uint64_t>(kWindowSize, m_Source.limit - offset));
+    m_Window.resize(wanted);
+    m_nWindowBegin = offset;
+    const int64_t got = platform::ReadAt(m_Source.descriptor, m_Window.data(), wanted,
+                                         static_cast<int64_t>(offset));
+    const int reason = errno;
+    m_Window.resize(got < 0 ? 0 : static_cast<size_t>(got));
+    if (got < 0) Fail("cannot be read: " + SystemReason(reason));
+    if (m_Window.size() < count) {
+      Fail("needs " + Count(count) + " bytes, the file has " + Count(m_Window.size()) + " more");
+    }
+  }
+  return std::span(m_Window).subspan(static_cast<size_t>(offset - m_nWindowBegin), count);
+}
+
+void RecordStream::Fail(const std::string& what) const {
+  throw Error(m_Source.imagePath,
+              m_Source.entryPath + ": data block at " + Hex(m_nRecord) + ": " + what, m_nRecord);
+}
+
+std::string ProblemOf(const RecordSource& source) {
+  try {
+    RecordStream records(source);
+    if (source.size == 0) records.CheckEmpty();
+    while (records.ChunkEnd() < source.size) records.Advance(records.ChunkEnd());
+    return {};
+  } catch (const Error& error) {
+    return WithoutPath(error.Reason(), source.entryPath);
+  }
+}
+
+}  // namespace capsule::host

@@ -1,0 +1,90 @@
+#include <algorithm>
+#include <array>
+
+#include "capsule/blocks/data_block_format.h"
+#include "capsule/host/file/file_window.h"
+#include "capsule/host/records/unit_decoder.h"
+#include "capsule/host/salvage/record_survey.h"
+#include "capsule/partition/ntfs_format.h"
+#include "capsule/partition/record_format.h"
+
+namespace capsule::host {
+namespace {
+
+constexpr size_t kWindowSize = 128 * 1024;
+constexpr uint64_t kMaxPayload = 0xFFFF;
+
+class Repair {
+ public:
+  Repair(const RecordSource& source, std::vector<RecordRun>& runs)
+      : m_Source(source),
+        m_Runs(runs),
+        m_Window(source.descriptor, source.imagePath, kWindowSize),
+        m_nHeaderSize(source.ntfs ? kNtfsHeaderSize : kMiniHeaderSize) {}
+
+  void Run() {
+    const uint32_t usual = UsualChunk(m_Runs);
+    for (size_t i = 0; i < m_Runs.size(); ++i) {
+      RecordRun& run = m_Runs[i];
+      const uint64_t size = run.end - run.begin;
+      if (!run.isDamage || size <= m_nHeaderSize || size > m_nHeaderSize + kMaxPayload) continue;
+      const bool isLast = i + 1 == m_Runs.size() && !m_Source.goesOn;
+      if (usual != 0 && TryChunk(run, usual, false)) continue;
+      if (isLast) TryChunk(run, LastChunk(usual), true);
+    }
+  }
+
+ private:
+  // What a last record would stand for.
+  uint32_t LastChunk(uint32_t usual) const {
+    const uint64_t size = m_Source.size;
+    if (usual == 0) return size > kMaxUncompressedLength ? 0 : PaddedChunkLength(Low(size));
+    return size == 0 ? 0 : PaddedChunkLength(Low((size - 1) % usual + 1));
+  }
+
+  static uint32_t Low(uint64_t value) { return static_cast<uint32_t>(value); }
+
+  bool TryChunk(RecordRun& run, uint32_t chunk, bool isLast) {
+    const auto bytes = m_Window.At(run.begin, static_cast<size_t>(run.end - run.begin));
+    if (chunk == 0 || bytes.size() != run.end - run.begin) return false;
+    const auto payload = bytes.subspan(m_nHeaderSize);
+    const bool isUnit = m_Source.imageIsCompressed && IsUnit(payload, chunk);
+    if (!isUnit && !IsStoredChunk(bytes, chunk, isLast)) return false;
+    run = RecordRun{.begin = run.begin, .end = run.end, .chunk = chunk, .records = 1};
+    run.isRepaired = true;
+    run.isCompressed = isUnit;
+    run.isLast = isLast || (chunk == m_Source.size && m_Runs.size() == 1 && !m_Source.goesOn);
+    return true;
+  }
+
+  static bool IsUnit(std::span<const unsigned char> payload, uint32_t chunk) {
+    UnitDecoder decoder;
+    decoder.Pretend(0);
+    std::vector<unsigned char> out(chunk);
+    return decoder.Decode(payload, out).empty();
+  }
+
+  // Its header must have no more than one wrong field, so that another damage would be needed to
+  // make it pass for what it was not.
+  bool IsStoredChunk(std::span<const unsigned char> bytes, uint32_t chunk, bool isLast) const {
+    if (m_Source.ntfs || bytes.size() != m_nHeaderSize + uint64_t{chunk}) return false;
+    const _MiniHeader header = DecodeMiniHeader(bytes.first<kMiniHeaderSize>());
+    const std::array<bool, 4> right = {
+        header.Type == kRecordDataBlock, header.Flag == (isLast ? 1 : 0),
+        header.Param == 0 || header.Param == chunk, header.Length == chunk};
+    return std::count(right.begin(), right.end(), false) <= 1;
+  }
+
+  const RecordSource& m_Source;
+  std::vector<RecordRun>& m_Runs;
+  FileWindow m_Window;
+  uint32_t m_nHeaderSize;
+};
+
+}  // namespace
+
+void RepairRuns(const RecordSource& source, std::vector<RecordRun>& runs) {
+  Repair(source, runs).Run();
+}
+
+}  // namespace capsule::host

@@ -1,0 +1,253 @@
+// Every offset is 64 bits wide and compared with the file's length before it is used:
+//   1. m_nPosition never passes the file's length.
+//   2. Every step moves m_nPosition forward by at least 8 bytes, so a walk ends.
+//   3. An item is handed out only when all of its records lie inside the file.
+#include "capsule/host/sections/section_scanner.h"
+
+#include <algorithm>
+#include <utility>
+
+#include "capsule/host/error.h"
+#include "capsule/host/file/reason.h"
+#include "capsule/partition/record_format.h"
+#include "capsule/platform/file.h"
+
+namespace capsule::host {
+namespace {
+
+constexpr uint64_t kClosingBytes = kDirRecordSize;  // of a trailer, read as a zero entry
+
+bool IsAllZero(std::span<const unsigned char> bytes) {
+  return std::all_of(bytes.begin(), bytes.end(), [](unsigned char b) { return b == 0; });
+}
+
+std::string Numbers(uint64_t has, const char* middle, uint64_t other, const char* end) {
+  return std::to_string(has) + middle + std::to_string(other) + end;
+}
+
+// "." and "..", as the readers tell them: by the padded short name.
+bool IsDotName(const _ShortDirEntry& entry) {
+  const std::string name(std::begin(entry.Name), std::end(entry.Name));
+  const std::string extension(std::begin(entry.Extension), std::end(entry.Extension));
+  return extension == "   " && (name == ".       " || name == "..      ");
+}
+
+}  // namespace
+
+SectionScanner::SectionScanner(int descriptor, std::string name)
+    : m_strName(std::move(name)), m_Window(descriptor, m_strName) {
+  const int64_t length = platform::FileLength(descriptor);
+  if (length < 0) throw Error(m_strName, "length is not known");
+  m_nFileLength = static_cast<uint64_t>(length);
+  if (m_nFileLength > static_cast<uint64_t>(kMaxImageSize)) {
+    throw Error(m_strName, "not an image: " + Numbers(m_nFileLength, " bytes, at most ",
+                                                      kMaxImageSize, " are possible"));
+  }
+  ReadHeader();
+}
+
+void SectionScanner::ReadHeader() {
+  const auto bytes = m_Window.At(0, kHeaderSize);
+  if (bytes.size() < kHeaderSize) {
+    throw Error(m_strName,
+                "not an image: " + Numbers(bytes.size(), " bytes, a header has ", kHeaderSize, ""));
+  }
+  m_RawHeader.assign(bytes.begin(), bytes.end());
+  std::vector<unsigned char> plain = m_RawHeader;
+  const std::span<unsigned char, kHeaderSize> restored(plain.data(), kHeaderSize);
+  std::string problem;
+  std::optional<DecodedHeader> header;
+  if (RestoreScrambledRegion(restored, &problem)) header = DecodeHeader(restored, &problem);
+  if (!header) throw Error(m_strName, "header: " + problem, 0);
+  m_Header = std::move(*header);
+  for (const _Partition& record : m_Header.partitions) {
+    if (IsInUse(record)) m_SystemIds.push_back(record.SystemId);
+  }
+  m_nSectionCount = static_cast<uint32_t>(m_SystemIds.size());
+}
+
+bool SectionScanner::Next(SectionItem* item) {
+  if (!m_bInSection && m_nNextSection == m_nSectionCount) return false;
+  *item = SectionItem();
+  item->offset = m_nPosition;
+  if (!m_bInSection) {
+    ScanSectionHeader(item);
+  } else if (m_bNtfs) {
+    ScanNtfs(item);
+  } else if (PeekHeader(m_nPosition, "record").Type == kRecordPartition) {
+    ScanTrailer(item);
+  } else {
+    ScanGroup(item);
+  }
+  item->length = m_nPosition - item->offset;
+  return true;
+}
+
+void SectionScanner::Resume(uint64_t offset, bool inSection, uint64_t limit) {
+  m_nPosition = std::min(offset, m_nFileLength);
+  m_bInSection = inSection;
+  m_nItemLimit = limit;
+}
+
+void SectionScanner::ScanSectionHeader(SectionItem* item) {
+  const uint64_t start = m_nPosition;
+  const std::string what = "section " + std::to_string(m_nNextSection);
+  if (kPartitionHeaderSize > m_nFileLength - start) {
+    Fail(
+        what.c_str(), start,
+        "header is " + Numbers(kPartitionHeaderSize, " bytes, ", m_nFileLength - start, " remain"));
+  }
+  m_nPosition += kSectorAreaSize;
+  const Record record = TakeRecord(what.c_str());
+  if (record.header.Type != kRecordPartition || record.header.Length != kPartitionPayload) {
+    Fail(what.c_str(), start,
+         "header record has type " +
+             Numbers(record.header.Type, " and length ", record.header.Length, ""));
+  }
+  BeginSection(item);
+}
+
+void SectionScanner::PassSectionHeader(SectionItem* item) {
+  item->offset = m_nPosition;
+  item->length = kPartitionHeaderSize;
+  m_nPosition = std::min(m_nPosition + kPartitionHeaderSize, m_nFileLength);
+  BeginSection(item);
+}
+
+void SectionScanner::BeginSection(SectionItem* item) {
+  item->kind = SectionItem::Kind::Section;
+  m_nSectionStart = item->offset;
+  const bool isKnown = m_nNextSection < m_nSectionCount;  // an index may have more
+  m_bNtfs = isKnown && m_SystemIds[m_nNextSection] == kSystemIdNtfs;
+  item->section = m_nNextSection++;
+  m_bInSection = true;
+  m_NtfsFolders.Clear();
+  m_Folders.Clear();
+}
+
+void SectionScanner::ScanTrailer(SectionItem* item) {
+  const uint64_t start = m_nPosition;
+  const Record record = TakeRecord("section trailer");
+  if (record.header.Length != kPartitionPayload) {
+    Fail("section trailer", start,
+         "length is " + Numbers(record.header.Length, " bytes, not ", kPartitionPayload, ""));
+  }
+  if (!IsAllZero(m_Window.At(m_nPosition - kClosingBytes, kClosingBytes))) {
+    Fail("section trailer", start, "its last 40 bytes are not zero");
+  }
+  item->kind = SectionItem::Kind::Trailer;
+  item->section = m_nNextSection - 1;
+  m_bInSection = false;
+}
+
+// A group is a chain of long-name records, last piece first, and a short entry.
+void SectionScanner::ScanGroup(SectionItem* item) {
+  item->section = m_nNextSection - 1;
+  std::vector<unsigned char> pieces;
+  for (int count = 0;; ++count) {
+    const uint64_t at = m_nPosition;
+    const Record record = TakeRecord("directory record");
+    if (record.header.Type != kRecordDirectory) {
+      Fail("record", at,
+           "type is " + std::to_string(record.header.Type) +
+               " where a directory record is expected");
+    }
+    if (record.payload.size() != kDirEntrySize) {
+      Fail("directory record", at,
+           "payload is " + Numbers(record.header.Length, " bytes, not ", kDirEntrySize, ""));
+    }
+    const auto bytes = record.payload.first<kDirEntrySize>();
+    item->entry = DecodeShortEntry(bytes);
+    const bool empty = item->entry.Name[0] == 0;
+    if (item->entry.Attribute != kLongNameAttribute || (empty && pieces.empty())) {
+      if (empty && !pieces.empty()) Fail("directory record", at, "long name without an entry");
+      break;
+    }
+    if (count == kMaxLongNamePieces) {
+      Fail("directory record", at,
+           "long name has more than " + std::to_string(kMaxLongNamePieces) + " pieces");
+    }
+    const auto units = LongNameUnits(bytes);
+    pieces.insert(pieces.end(), units.begin(), units.end());
+  }
+  ScanEntry(item, DecodeLongName(pieces));
+}
+
+void SectionScanner::ScanEntry(SectionItem* item, std::u16string_view longName) {
+  if (item->entry.Name[0] == 0) {
+    item->kind = SectionItem::Kind::ZeroEntry;
+    m_Folders.Leave();
+    return;
+  }
+  const bool folder = (item->entry.Attribute & kDirectoryAttribute) != 0;
+  if (folder && IsDotName(item->entry)) {
+    item->kind = SectionItem::Kind::DotEntry;
+    return;
+  }
+  item->shortName = ShortNameToBytes(item->entry);
+  item->name = longName.empty() ? item->shortName : LongNameToBytes(longName);
+  item->path = PathOf(item->name);
+  item->kind = folder ? SectionItem::Kind::Directory : SectionItem::Kind::File;
+  if (folder) {
+    m_Folders.Enter(item->name);
+  } else {
+    ScanData(item);
+  }
+}
+
+// The data block records of a file, up to and including the one marked as its last.
+void SectionScanner::ScanData(SectionItem* item) {
+  item->dataOffset = m_nPosition;
+  if (item->entry.FileSize == 0) return;
+  for (bool last = false; !last;) {
+    const uint64_t at = m_nPosition;
+    if (at >= m_nItemLimit) {
+      Fail("data blocks", item->dataOffset,
+           "no data block before " + Hex(m_nItemLimit) + " is the last of '" + item->path + "'");
+    }
+    const Record record = TakeRecord("data block");
+    if (record.header.Type != kRecordDataBlock) {
+      Fail("record", at,
+           "type is " + std::to_string(record.header.Type) + " before the last data block of '" +
+               item->path + "'");
+    }
+    last = record.header.Flag == 1;
+  }
+}
+
+std::string SectionScanner::PathOf(const std::string& name) const {
+  const bool isLong = m_Folders.Path().size() + 1 + name.size() > kMaxScannedPath;
+  return isLong ? std::string() : m_Folders.PathOf(name);
+}
+
+_MiniHeader SectionScanner::PeekHeader(uint64_t offset, const char* what) {
+  const auto bytes = m_Window.At(offset, kMiniHeaderSize);
+  if (bytes.size() < kMiniHeaderSize) {
+    Fail(what, offset,
+         "header is " + Numbers(kMiniHeaderSize, " bytes, ", bytes.size(), " remain"));
+  }
+  return DecodeMiniHeader(bytes.first<kMiniHeaderSize>());
+}
+
+// Steps over one record.
+SectionScanner::Record SectionScanner::TakeRecord(const char* what) {
+  const uint64_t start = m_nPosition;
+  Record record{PeekHeader(start, what), {}};
+  const uint64_t payload = start + kMiniHeaderSize;
+  if (record.header.Length > m_nFileLength - payload) {
+    Fail(what, start,
+         "payload is " +
+             Numbers(record.header.Length, " bytes, ", m_nFileLength - payload, " remain"));
+  }
+  if (record.header.Type == kRecordDirectory && record.header.Length == kDirEntrySize) {
+    record.payload = m_Window.At(payload, kDirEntrySize);
+  }
+  m_nPosition = payload + record.header.Length;
+  return record;
+}
+
+void SectionScanner::Fail(const char* what, uint64_t offset, const std::string& reason) const {
+  throw Error(m_strName, std::string(what) + " at " + Hex(offset) + ": " + reason, offset);
+}
+
+}  // namespace capsule::host

@@ -1,0 +1,524 @@
+// 1. No place is resumed at twice, so a survey ends. It goes back at most to the last file, whose
+//    damaged length may have led too far.
+// 2. A lost folder is replaced by one of the survey's own: its zero entry must close something, or
+//    what follows would land one level too high.
+#include "capsule/host/sections/section_survey.h"
+
+#include <algorithm>
+#include <utility>
+#include <vector>
+
+#include "capsule/host/error.h"
+#include "capsule/host/file/reason.h"
+#include "capsule/host/records/record_judge.h"
+#include "capsule/host/sections/section_resync.h"
+#include "capsule/host/sections/survey_places.h"
+#include "capsule/host/sections/survey_repair.h"
+#include "capsule/partition/record_format.h"
+
+namespace capsule::host {
+namespace {
+
+using Kind = SectionItem::Kind;
+
+constexpr uint64_t kWorkPerByte = 8;
+constexpr uint64_t kLeastWork = 1 << 20;
+constexpr uint64_t kLeastWayBack = 16 << 20;
+constexpr uint64_t kMostZeroEntries = 64;  // that may be lost in one place
+
+SurveyItem Plain(Kind kind, uint64_t offset) {
+  SurveyItem found;
+  found.item.kind = kind;
+  found.item.offset = offset;
+  return found;
+}
+
+class SearchingSurvey {
+ public:
+  SearchingSurvey(int descriptor, const std::string& path, const SearchHints& hints,
+                  const SurveyVisitor& visitor)
+      : m_nDescriptor(descriptor),
+        m_Scanner(descriptor, path),
+        m_Window(descriptor, path),
+        m_Hints(hints),
+        m_nWork(kLeastWork + kWorkPerByte * hints.limit),
+        m_nWayBack(kLeastWayBack + kWorkPerByte * hints.limit),
+        m_Visitor(visitor) {}
+
+  void Run() {
+    bool goesOn = true;
+    while (goesOn) {
+      SurveyItem found;
+      const uint64_t start = m_Scanner.Position();
+      try {
+        goesOn = m_Scanner.Next(&found.item);
+        if (goesOn) Compare(found.item);
+        if (goesOn) Take(std::move(found));
+      } catch (const Error& error) {
+        const bool inSection = m_Scanner.InSection();
+        const uint64_t reached = m_Scanner.Position();
+        goesOn = inSection ? Recover(start, std::move(found), error) : RecoverSection(start);
+        const bool isOfFile =
+            inSection && !m_Items.back().isGap && m_Items.back().item.kind == Kind::File;
+        if (isOfFile) m_Items.back().damage = error.Reason();
+        const auto& tell = isOfFile ? m_Visitor.onFileDamage : m_Visitor.onDamage;
+        tell(error.Offset().value_or(start), error.Reason());
+        goesOn = goesOn && MayGoBack(reached);
+      }
+    }
+    Flush();
+  }
+
+ private:
+  void Take(SurveyItem found) {
+    SectionItem& item = found.item;
+    if (!item.problem.empty()) m_Visitor.onDamage(item.offset, item.problem);
+    if (item.isNtfs && !item.isRoot && item.kind != Kind::NtfsEnd && item.name.empty()) {
+      m_Visitor.onDamage(item.offset, "FILE record has no name");
+      item.name = item.shortName = "damaged-" + Hex(item.offset);
+    }
+    if (item.isStray) AdoptStray(&item);
+    if (item.kind == Kind::Section) Flush();
+    m_Items.push_back(std::move(found));
+  }
+
+  // Whether the survey, which had been at `reached`, may go on where it is now: records that lie
+  // one in the other could make it pass the same bytes time and again.
+  bool MayGoBack(uint64_t reached) {
+    const uint64_t at = m_Scanner.Position();
+    const uint64_t way = reached - std::min(reached, at);
+    if (way > m_nWayBack) {
+      m_Visitor.onDamage(at, "too many records lead too far; what follows is left out");
+      return false;
+    }
+    m_nWayBack -= way;
+    return true;
+  }
+
+  const SurveyOutline::Item* KnownAt(uint64_t offset) const {
+    return m_Hints.outline == nullptr ? nullptr : m_Hints.outline->At(offset);
+  }
+
+  // Throws when an item is not what an index says, nor sound, or cannot be as long as it seems.
+  void Compare(const SectionItem& item) {
+    const SurveyOutline::Item* known = KnownAt(item.offset);
+    const bool isInside =
+        item.kind != Kind::Section && item.kind != Kind::Trailer && item.kind != Kind::NtfsEnd;
+    if (known == nullptr || !isInside) return RefuseLeap(item);
+    const uint64_t end = item.offset + item.length;
+    const bool endsThere = known->end == end;
+    const bool isOfKind = item.isNtfs || !known->kind || *known->kind == item.kind;
+    if (endsThere && isOfKind) return;
+    const SoundItem sound(m_Window, m_nDescriptor, m_Scanner.Header().compressed);
+    // Data of NTFS files may be padded: a damaged length can go unnoticed.
+    const bool hasData = item.kind == Kind::File && item.entry.FileSize != 0 && !item.isNtfs;
+    if (endsThere && sound.IsRatherThan(item, *known->kind)) return;
+    if (!endsThere && (hasData || IsFollowed(end)) && sound.Is(item)) return;
+    throw Error("", "records at " + Hex(item.offset) + " are not what the index says");
+  }
+
+  bool IsFollowed(uint64_t end) {
+    const auto next = FindResumePoint(m_Window, end, Until(Range(), end + kPartitionHeaderSize));
+    return next && next->offset == end;
+  }
+
+  // Throws when a file has taken what follows it for its data, because a length is damaged.
+  void RefuseLeap(const SectionItem& item) {
+    const uint64_t end = item.offset + item.length;
+    const bool isSuspect = m_Hints.readsData && item.kind == Kind::File && !item.isNtfs &&
+                           FindRecordMark(m_Window, item.dataOffset, end) < end;
+    if (!isSuspect) return;
+    const uint64_t whole =
+        EndOfWholeRecords(m_Window, item.dataOffset, end, m_Scanner.Header().compressed);
+    if (whole < end) throw Error("", "data block at " + Hex(whole) + " is damaged", end);
+  }
+
+  void AdoptStray(SectionItem* item) {
+    m_Visitor.onStray(item->offset);
+    SurveyItem folder = LostFolder(item->offset, "damaged-" + Hex(item->offset) + "-folder");
+    m_Scanner.AdoptStray(folder.item.name, item);
+    folder.item.isNtfs = true;
+    folder.item.depth = item->depth - 1;
+    m_Items.push_back(std::move(folder));
+  }
+
+  // Hands out the items of one section.
+  void Flush() {
+    const bool isFat = std::none_of(m_Items.begin(), m_Items.end(),
+                                    [](const SurveyItem& item) { return item.item.isNtfs; });
+    if (isFat) {
+      m_Items = PlaceBehindLosses(RepairSection(std::move(m_Items), m_Visitor), m_Visitor);
+    }
+    for (const SurveyItem& item : m_Items) {
+      if (!item.isGap) m_Visitor.onItem(item);
+    }
+    m_Items.clear();
+  }
+
+  // A section whose header is damaged begins where the one before it ended, if its records do.
+  bool RecoverSection(uint64_t start) {
+    const uint64_t first = start + kPartitionHeaderSize;
+    ResyncRange range = Range();
+    if (std::binary_search(m_Hints.sections.begin(), m_Hints.sections.end(), start)) {
+      m_Scanner.Resume(start, false);
+      PassHeader();
+      return true;
+    }
+    range.sections = {};
+    for (const bool ntfs : {false, true}) {
+      range.ntfs = ntfs;
+      const auto here =
+          FindResumePoint(m_Window, first, Until(range, first + kPartitionHeaderSize));
+      if (!here || here->offset != first || here->startsSection) continue;
+      m_Scanner.Resume(start, false);
+      PassHeader();
+      return true;
+    }
+    range.ntfs = false;
+    range.sections = m_Hints.sections;
+    uint64_t at = start + 1;
+    for (auto next = FindResumePoint(m_Window, at, range); next;
+         next = FindResumePoint(m_Window, at, range)) {
+      at = next->offset + 1;
+      if (!next->startsSection) continue;
+      m_Scanner.Resume(next->offset, false);
+      return true;
+    }
+    return false;
+  }
+
+  void PassHeader() {
+    SurveyItem section;
+    m_Scanner.PassSectionHeader(&section.item);
+    Take(std::move(section));
+  }
+
+  // `found`: as far as it could be read, from `start` on.
+  bool Recover(uint64_t start, SurveyItem found, const Error& error) {
+    if (const SurveyOutline::Item* known = KnownAt(start)) {
+      TakeKnown(*known, std::move(found));
+      m_nLeast = known->end;
+      m_Scanner.Resume(known->end, true);
+      return true;
+    }
+    const uint64_t failed = std::max(error.Offset().value_or(start), start);
+    const bool hasEntry = found.item.kind == Kind::File && found.item.dataOffset != 0;
+    if (hasEntry) m_Items.push_back(std::move(found));
+    const uint64_t from = hasEntry ? ResumeFrom(failed, failed) : ResumeFrom(start, failed);
+    const uint64_t least = std::max(from, m_nLeast);
+    auto next = FindResumePoint(m_Window, least, Range());
+    if (next && next->offset == start) next = FindResumePoint(m_Window, start + 1, Range());
+    const uint64_t end = next ? next->offset : m_Hints.limit;
+    if (hasEntry || end <= start || ContinuesFile(start)) {
+      SectionItem& last = m_Items.back().item;
+      last.length = std::max(end, last.dataOffset) - last.offset;
+      if (next && !LeadsTo(from == failed ? failed : from - 1, *next)) {
+        m_Items.back().lost += next->offset - least - next->dataBytes;
+      }
+    } else {
+      AddGap(start, end, next ? next->dataBytes : 0);
+    }
+    if (!next) return false;
+    m_nLeast = next->offset + 1;
+    m_Scanner.Resume(next->offset, !next->startsSection);
+    return true;
+  }
+
+  // Whether nothing but a damaged data block is lost at `at`: its header still leads to what
+  // follows, or it is whole but for its type and length.
+  bool LeadsTo(uint64_t at, const ResumePoint& next) {
+    const uint64_t length = next.offset - next.dataBytes - std::min(next.offset, at);
+    const auto bytes = m_Window.At(at, FileWindow::kSize);
+    if (bytes.size() < length || length < kMiniHeaderSize) return false;
+    _MiniHeader header = DecodeMiniHeader(bytes.first<kMiniHeaderSize>());
+    const uint64_t payload = length - kMiniHeaderSize;
+    if (header.Length == payload) return true;
+    header.Type = kRecordDataBlock;
+    header.Length = static_cast<uint16_t>(payload);
+    if (header.Length != payload || m_nWork < payload) return false;
+    m_nWork -= payload;
+    const auto record = bytes.first(static_cast<size_t>(length));
+    std::vector<unsigned char> mended(record.begin(), record.end());
+    const auto encoded = EncodeMiniHeader(header);
+    std::copy(encoded.begin(), encoded.end(), mended.begin());
+    return IsWholeDataRecord(mended, m_Scanner.Header().compressed);
+  }
+
+  // An item that is damaged, where an index says where it ends. `found`: as far as it could be
+  // read.
+  void TakeKnown(const SurveyOutline::Item& known, SurveyItem found) {
+    SectionItem& item = found.item;
+    const bool isNtfs = m_Scanner.InNtfsSection();
+    const bool mayHaveData = item.kind == Kind::File || (isNtfs && item.kind == Kind::Directory);
+    const bool hasEntry = mayHaveData && item.dataOffset != 0 && item.dataOffset <= known.end &&
+                          !IsMostlyZero(item.entry);
+    const Kind kind = isNtfs || !known.kind ? Kind::File : *known.kind;
+    const bool hasName = (item.kind == Kind::File || item.kind == Kind::Directory) &&
+                         !HasBadName(item) && !IsMostlyZero(item.entry);
+    if (kind == Kind::Directory && !hasName) {
+      found = LostFolder(known.offset);
+    } else if (kind == Kind::Directory) {
+      item.kind = kind;
+    } else if (kind != Kind::File) {
+      found = Plain(kind, known.offset);
+    } else if (!hasEntry) {
+      if (known.end - known.offset == kDirRecordSize) return AddRecordOfGap(known.offset);
+      found = SurveyItem();
+      found.isGap = true;
+    }
+    item.offset = known.offset;
+    item.length = known.end - known.offset;
+    Take(std::move(found));
+  }
+
+  // Whether what is at `at` belongs to the file that ends there.
+  bool ContinuesFile(uint64_t at) {
+    if (m_Items.empty() || m_Items.back().isGap) return false;
+    const SectionItem& item = m_Items.back().item;
+    if (item.kind != Kind::File || item.offset + item.length != at) return false;
+    const auto type = m_Window.At(at, 1);
+    return item.isNtfs || (!type.empty() && type[0] == kRecordDataBlock);
+  }
+
+  // What cannot be told; a zero entry still is one.
+  void AddGap(uint64_t start, uint64_t end, uint64_t dataFound) {
+    const uint64_t dataBytes = std::min(dataFound, end - start);  // some may lie before
+    SurveyItem gap;
+    gap.item.offset = start;
+    gap.item.length = end - start;
+    gap.isGap = true;
+    gap.hasData = dataBytes > 0;
+    gap.lost = end - start - dataBytes - RecordBytes(start, end - dataBytes);
+    const bool mayBeRecords = !gap.hasData && !m_Scanner.InNtfsSection() &&
+                              gap.item.length % kDirRecordSize == 0 &&
+                              gap.item.length <= kMostZeroEntries * kDirRecordSize;
+    if (!mayBeRecords) return m_Items.push_back(std::move(gap));
+    for (uint64_t at = start; at < end; at += kDirRecordSize) {
+      AddRecordOfGap(at);
+      SurveyItem& record = m_Items.back();
+      const bool hasHeader = HasHeaderLeft(at);
+      record.isGap = record.isGap || !hasHeader;
+      if (!hasHeader) record.lost = kDirRecordSize;
+    }
+  }
+
+  // From `start` on, of directory records that have most of their headers: they hide no others.
+  uint64_t RecordBytes(uint64_t start, uint64_t end) {
+    uint64_t at = start;
+    while (at + kDirRecordSize <= end && HasHeaderLeft(at)) at += kDirRecordSize;
+    return at - start;
+  }
+
+  // Whether some of the header of a directory record is there: what files hold may be zero, too.
+  bool HasHeaderLeft(uint64_t at) {
+    const auto bytes = m_Window.At(at, kMiniHeaderSize);
+    if (bytes.size() < kMiniHeaderSize) return false;
+    const _MiniHeader header = DecodeMiniHeader(bytes.first<kMiniHeaderSize>());
+    return (header.Type == kRecordDirectory) + (header.Flag == 1) +
+               (header.Length == kDirEntrySize) >=
+           2;
+  }
+
+  void AddRecordOfGap(uint64_t at) {
+    SurveyItem found;
+    found.item.offset = at;
+    found.item.length = kDirRecordSize;
+    const auto bytes = m_Window.At(at, kDirRecordSize);
+    if (bytes.size() == kDirRecordSize) {
+      found.item.entry = DecodeShortEntry(bytes.last<kDirEntrySize>());
+      found.item.kind = Kind::ZeroEntry;
+    }
+    found.isGap = bytes.size() < kDirRecordSize || !IsMostlyZero(found.item.entry);
+    m_Items.push_back(std::move(found));
+  }
+
+  // A damaged length leads away from where the next record is: what is searched begins behind the
+  // last record that is whole, else at `least`. `end`: where the last file's records seem to end.
+  uint64_t ResumeFrom(uint64_t end, uint64_t least) {
+    if (m_Items.empty() || m_Items.back().isGap) return least;
+    const SectionItem& last = m_Items.back().item;
+    const bool hasData = last.kind == Kind::File || (last.isNtfs && last.kind == Kind::Directory);
+    if (!hasData || last.dataOffset == 0 || last.dataOffset >= end) return least;
+    if (last.dataOffset != m_nJudgedData) {  // else the end that was found stays
+      m_nJudgedData = last.dataOffset;
+      m_nWholeEnd = EndOfWholeRecords(m_Window, last.dataOffset, end, m_Scanner.Header().compressed,
+                                      last.isNtfs);
+    }
+    return m_nWholeEnd < end ? m_nWholeEnd + 1 : least;
+  }
+
+  ResyncRange Range() {
+    return {m_Hints.limit, m_Scanner.Header().compressed, m_Scanner.InNtfsSection(),
+            m_Hints.sections, &m_nWork};
+  }
+
+  static ResyncRange Until(ResyncRange range, uint64_t limit) {
+    range.limit = std::min(range.limit, limit);
+    return range;
+  }
+
+  int m_nDescriptor;
+  SectionScanner m_Scanner;
+  FileWindow m_Window;
+  SearchHints m_Hints;
+  uint64_t m_nWork;
+  uint64_t m_nWayBack;         // bytes that it may still go back
+  uint64_t m_nLeast = 0;       // no place is returned to twice
+  uint64_t m_nJudgedData = 0;  // of the file whose whole records end at m_nWholeEnd
+  uint64_t m_nWholeEnd = 0;
+  const SurveyVisitor& m_Visitor;
+  std::vector<SurveyItem> m_Items;  // of the section
+};
+
+std::string LastSegment(const std::string& path) { return path.substr(path.rfind('/') + 1); }
+
+size_t DepthOf(const std::string& path) {
+  return static_cast<size_t>(std::count(path.begin(), path.end(), '/'));
+}
+
+bool Agrees(const SectionItem& item, const IndexRecord& record) {
+  const bool isEntry = item.kind == Kind::File || item.kind == Kind::Directory;
+  if (isEntry && !record.name.empty() && item.name != LastSegment(record.name)) return false;
+  if (item.isNtfs) return record.type == kIndexFile;
+  if (item.kind == Kind::ZeroEntry && !IsMostlyZero(item.entry)) return false;
+  const bool isLong = isEntry && item.path.empty() && record.name.empty();  // left out of the index
+  switch (record.type) {
+    case kIndexSection:
+      return item.kind == Kind::Section;
+    case kIndexFile:
+      return item.kind == Kind::File;
+    default:
+      if (isLong) return item.kind == Kind::Directory;
+      return item.kind != Kind::File && (item.kind == Kind::Directory) == !record.name.empty();
+  }
+}
+
+// Goes from record to record of a checked index.
+class IndexedSurvey {
+ public:
+  IndexedSurvey(int descriptor, const std::string& path, const IndexContents& index,
+                const SurveyVisitor& visitor)
+      : m_Scanner(descriptor, path),
+        m_Window(descriptor, path),
+        m_Index(index),
+        m_Visitor(visitor) {}
+
+  void Run() {
+    for (m_nAt = 0; m_nAt < m_Index.records.size(); ++m_nAt) {
+      if (!ClosesSection()) TakeRecord(m_Index.records[m_nAt]);
+    }
+  }
+
+ private:
+  const IndexRecord* NextRecord() const {
+    return m_nAt + 1 < m_Index.records.size() ? &m_Index.records[m_nAt + 1] : nullptr;
+  }
+
+  bool ClosesSection() const {
+    const IndexRecord& record = m_Index.records[m_nAt];
+    const IndexRecord* next = NextRecord();
+    return record.type == kIndexZeroEntry && record.name.empty() &&
+           (next == nullptr || next->type == kIndexSection);
+  }
+
+  void TakeRecord(const IndexRecord& record) {
+    const uint64_t end =
+        std::min<uint64_t>(uint64_t{record.offset} + record.length, m_Index.boundaries.back());
+    SurveyItem found;
+    const std::string damage = Read(record, end, &found.item);
+    const bool isGood = damage.empty();
+    if (!isGood) m_Visitor.onDamage(record.offset, damage);
+    if (!isGood && !Replace(record, end, &found)) return;
+    CountDots(found.item.kind);
+    m_Visitor.onItem(found);
+  }
+
+  // Behind a folder stand "." and "..", else ".", "." and "..".
+  void CountDots(Kind kind) {
+    if (kind == Kind::DotEntry && m_nDotsLeft > 0) {
+      --m_nDotsLeft;
+    } else {
+      m_nDotsLeft = kind == Kind::DotEntry || kind == Kind::Directory ? 2 : 0;
+    }
+  }
+
+  // Whether a damaged record that ends at `end`, of a folder's own or a zero entry, is of a dot
+  // entry.
+  bool IsDotBefore(uint64_t end) {
+    return m_nDotsLeft > 0 ||
+           (IsDotAt(m_Window, end, ".") && IsDotAt(m_Window, end + kDirRecordSize, ".."));
+  }
+
+  // What is wrong with the item, or nothing.
+  std::string Read(const IndexRecord& record, uint64_t end, SectionItem* item) {
+    try {
+      m_Scanner.Resume(record.offset, record.type != kIndexSection, end);
+      const bool isGood = m_Scanner.Next(item) && Agrees(*item, record) &&
+                          (item->isNtfs || item->offset + item->length == end);
+      if (!isGood) return "its records are not what the index says";
+      return item->isStray ? "its folder is lost" : item->problem;
+    } catch (const Error& error) {
+      return error.Reason();
+    }
+  }
+
+  // Makes of `found` what the index says of it; false when nothing can be made.
+  bool Replace(const IndexRecord& record, uint64_t end, SurveyItem* found) {
+    SectionItem& item = found->item;
+    if (record.type == kIndexSection) {
+      if (item.kind != Kind::Section || item.length == 0) m_Scanner.PassSectionHeader(&item);
+      item.offset = record.offset;
+      return true;
+    }
+    const bool hasEntry = item.kind == Kind::File && item.dataOffset != 0 && item.dataOffset <= end;
+    const bool isNtfsEntry = item.isNtfs && item.kind != Kind::NtfsEnd && item.dataOffset != 0;
+    if (isNtfsEntry || (record.type == kIndexFile && hasEntry)) {
+      if (!record.name.empty()) item.name = LastSegment(record.name);
+      if (item.isNtfs) item.depth = DepthOf(record.name);
+    } else if (m_Scanner.InNtfsSection()) {
+      return ReplaceNtfs(record, found);
+    } else if (record.type == kIndexFile) {
+      return false;
+    } else if (!record.name.empty()) {
+      *found = LostFolder(record.offset, LastSegment(record.name));
+    } else {
+      *found = Plain(IsDotBefore(end) ? Kind::DotEntry : Kind::ZeroEntry, record.offset);
+    }
+    item.length = end - record.offset;
+    return true;
+  }
+
+  // Of an entry whose FILE record is lost: a folder when something is below it.
+  bool ReplaceNtfs(const IndexRecord& record, SurveyItem* found) {
+    const IndexRecord* next = NextRecord();
+    const bool isFolder =
+        next != nullptr && !record.name.empty() && next->name.starts_with(record.name + '/');
+    if (!isFolder) return false;
+    *found = LostFolder(record.offset, LastSegment(record.name));
+    found->item.isNtfs = true;
+    found->item.depth = DepthOf(record.name);
+    m_Scanner.OpenLost(found->item.name, found->item.depth);
+    return true;
+  }
+
+  SectionScanner m_Scanner;
+  FileWindow m_Window;
+  const IndexContents& m_Index;
+  const SurveyVisitor& m_Visitor;
+  size_t m_nAt = 0;
+  int m_nDotsLeft = 0;  // that are to follow
+};
+
+}  // namespace
+
+void SurveyByIndex(int descriptor, const std::string& path, const IndexContents& index,
+                   const SurveyVisitor& visitor) {
+  IndexedSurvey(descriptor, path, index, visitor).Run();
+}
+
+void SurveyBySearch(int descriptor, const std::string& path, const SearchHints& hints,
+                    const SurveyVisitor& visitor) {
+  SearchingSurvey(descriptor, path, hints, visitor).Run();
+}
+
+}  // namespace capsule::host

@@ -1,0 +1,190 @@
+#include "capsule/host/sections/survey_evidence.h"
+
+#include <algorithm>
+#include <cmath>
+#include <span>
+
+#include "capsule/partition/record_format.h"
+
+namespace capsule::host {
+namespace {
+
+using Kind = SectionItem::Kind;
+
+constexpr double kSurest = 0.9995;
+constexpr double kMostHidden = 0.5;     // that anything begins or ends in one loss
+constexpr double kAnotherClosed = 0.4;  // that one more does
+constexpr double kAnotherOpened = 0.3;
+constexpr size_t kAttributeAt = 11;  // of a short entry; times and size are behind it
+
+// Never 0.
+uint64_t HashOf(std::span<const unsigned char> bytes) {
+  uint64_t hash = 0xCBF29CE484222325;
+  for (const unsigned char byte : bytes) hash = (hash ^ byte) * 0x100000001B3;
+  return std::max<uint64_t>(hash, 1);
+}
+
+// What an entry says but for its name.
+uint64_t KeyOfEntry(const _ShortDirEntry& entry) {
+  const auto bytes = EncodeShortEntry(entry);
+  return HashOf(std::span(bytes).subspan(kAttributeAt));
+}
+
+bool IsDigit(char c) { return c >= '0' && c <= '9'; }
+bool IsLetter(char c) { return (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z'); }
+
+// Of a name: a row of digits is as good as another, so is one of letters, but for the extension.
+uint64_t KindOfName(const std::string& name) {
+  const size_t extension = std::min(name.rfind('.'), name.size());
+  std::vector<unsigned char> kind;
+  for (size_t i = 0; i < name.size(); ++i) {
+    char c = name[i];
+    if (i < extension && IsDigit(c)) c = '0';
+    if (i < extension && IsLetter(c)) c = 'a';
+    const auto byte = static_cast<unsigned char>(c);
+    const bool isRow = i < extension && (c == '0' || c == 'a') && !kind.empty();
+    if (!isRow || kind.back() != byte) kind.push_back(byte);
+  }
+  return HashOf(kind);
+}
+
+double Measure(bool fits, double share, double chance) {
+  return std::log(fits ? share / chance : (1 - share) / (1 - chance));
+}
+
+// Of one in `all`, of which `counts` tells how many have it.
+double ChanceOf(uint64_t key, const std::unordered_map<uint64_t, uint32_t>& counts, uint32_t all) {
+  const auto known = counts.find(key);
+  return ((known == counts.end() ? 0 : known->second) + 1.0) / (all + 2.0);
+}
+
+double HiddenOf(double chance, uint32_t count, double another) {
+  if (count == 0) return std::log(1 - chance);
+  return std::log(chance) + (count - 1) * std::log(another);
+}
+
+}  // namespace
+
+double SurveyEvidence::Share::Value() const { return std::min((fits + 1) / (all + 2), kSurest); }
+
+SurveyEvidence::SurveyEvidence(const std::vector<SurveyItem>& items)
+    : m_Items(items), m_Own(items.size()), m_Above(items.size()), m_Kinds(items.size()) {
+  ReadKeys();
+  ReadKinds();
+  Learn();
+}
+
+void SurveyEvidence::ReadKeys() {
+  const auto nameOfDot = [&](size_t i) {
+    const bool isDot =
+        i < m_Items.size() && !m_Items[i].isGap && m_Items[i].item.kind == Kind::DotEntry;
+    return isDot ? ShortNameToBytes(m_Items[i].item.entry) : std::string();
+  };
+  for (size_t i = 0; i < m_Items.size(); ++i) {
+    const SurveyItem& found = m_Items[i];
+    if (found.isGap || found.item.kind != Kind::Directory) continue;
+    size_t next = i + 1;
+    if (nameOfDot(next) == ".") m_Own[i] = KeyOfEntry(m_Items[next++].item.entry);
+    if (nameOfDot(next) == "..") m_Above[i] = KeyOfEntry(m_Items[next].item.entry);
+    if (m_Own[i] == 0 && !found.isPlaceholder) m_Own[i] = KeyOfEntry(found.item.entry);
+    if (m_Own[i] != 0) ++m_Keys[m_Own[i]];
+    ++m_nFolders;
+  }
+  if (m_Items.empty()) return;
+  const SectionItem& last = m_Items.back().item;
+  const uint64_t bytes = last.offset + last.length - m_Items.front().item.offset;
+  m_FoldersPerByte = (m_nFolders + 1.0) / static_cast<double>(std::max<uint64_t>(bytes, 1));
+}
+
+void SurveyEvidence::ReadKinds() {
+  for (uint32_t i = 0; i < m_Items.size(); ++i) {
+    if (m_Items[i].isGap || m_Items[i].item.kind != Kind::File || !HasName(i)) continue;
+    if (IsBehindLoss(i)) continue;
+    m_Kinds[i] = KindOfName(m_Items[i].item.name);
+    ++m_KindCounts[m_Kinds[i]];
+    ++m_nFiles;
+  }
+}
+
+// From what stands between two losses: there every folder is known.
+void SurveyEvidence::Learn() {
+  struct Open {
+    uint32_t folder = kNone;
+    uint32_t last = kNone;
+    uint32_t lastFile = kNone;
+  };
+  std::vector<Open> open{{kRoot}};
+  bool isFirst = true;  // nothing is lost yet
+  for (uint32_t i = 0; i < m_Items.size(); ++i) {
+    const SurveyItem& found = m_Items[i];
+    if (found.lost > 0) {
+      open.assign(1, {});
+      isFirst = false;
+    }
+    const Kind kind = found.item.kind;
+    if (found.isGap) continue;
+    if (kind == Kind::ZeroEntry) {
+      if (open.size() > 1)
+        open.pop_back();
+      else if (!isFirst)
+        open.assign(1, {});
+      continue;
+    }
+    if (kind != Kind::Directory && kind != Kind::File) continue;
+    Open& at = open.back();
+    if (at.last != kNone && HasName(i) && HasName(at.last)) m_Order.Add(IsInOrder(at.last, i));
+    at.last = i;
+    if (kind == Kind::File) {
+      const bool areKnown = at.lastFile != kNone && m_Kinds[at.lastFile] != 0 && m_Kinds[i] != 0;
+      if (areKnown) m_Likeness.Add(m_Kinds[at.lastFile] == m_Kinds[i]);
+      at.lastFile = i;
+      continue;
+    }
+    if (at.folder == kRoot && m_nRootKey == 0) m_nRootKey = m_Above[i];
+    if (at.folder != kNone && m_Above[i] != 0 && KeyOf(at.folder) != 0) {
+      m_Times.Add(KeyOf(at.folder) == m_Above[i]);
+    }
+    open.push_back({i});
+  }
+}
+
+// Behind a loss the long name may be lost, or the end of it.
+bool SurveyEvidence::HasName(uint32_t item) const {
+  const SurveyItem& found = m_Items[item];
+  const std::string& name = found.item.name;
+  if (found.isPlaceholder || name.empty() || name.starts_with("damaged-")) return false;
+  const bool mayLackLong = IsBehindLoss(item) && name == found.item.shortName;
+  return !mayLackLong || name.find('~') == name.npos;
+}
+
+bool SurveyEvidence::IsBehindLoss(uint32_t item) const {
+  return item > 0 && m_Items[item - 1].lost > 0;
+}
+
+bool SurveyEvidence::IsInOrder(uint32_t before, uint32_t after) const {
+  return m_Items[before].item.name < m_Items[after].item.name;
+}
+
+double SurveyEvidence::Order(uint32_t before, uint32_t after) const {
+  if (before == kNone || after == kNone || !HasName(before) || !HasName(after)) return 0;
+  return Measure(IsInOrder(before, after), m_Order.Value(), 0.5);
+}
+
+double SurveyEvidence::Likeness(uint32_t before, uint32_t after) const {
+  if (before == kNone || after == kNone || m_Kinds[before] == 0 || m_Kinds[after] == 0) return 0;
+  return Measure(m_Kinds[before] == m_Kinds[after], m_Likeness.Value(),
+                 ChanceOf(m_Kinds[after], m_KindCounts, m_nFiles));
+}
+
+double SurveyEvidence::Times(uint32_t folder, uint32_t child) const {
+  if (m_Above[child] == 0 || KeyOf(folder) == 0) return 0;
+  return Measure(KeyOf(folder) == m_Above[child], m_Times.Value(),
+                 ChanceOf(m_Above[child], m_Keys, m_nFolders));
+}
+
+double SurveyEvidence::Hidden(uint64_t lost, uint32_t closed, uint32_t opened) const {
+  const double chance = std::min(static_cast<double>(lost) * m_FoldersPerByte, kMostHidden);
+  return HiddenOf(chance, closed, kAnotherClosed) + HiddenOf(chance, opened, kAnotherOpened);
+}
+
+}  // namespace capsule::host

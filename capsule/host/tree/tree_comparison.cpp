@@ -1,0 +1,60 @@
+#include "capsule/host/tree/tree_comparison.h"
+
+#include <algorithm>
+#include <vector>
+
+#include "capsule/host/file/reason.h"
+
+namespace capsule::host {
+namespace {
+
+// An entry as it is compared. Parents are told by the places of their records.
+struct Place {
+  uint32_t offset;
+  uint32_t parent;
+  uint32_t id;
+};
+
+std::vector<Place> PlacesOf(const Catalog& catalog) {
+  std::vector<Place> places;
+  std::vector<bool> isMadeUp(catalog.Size());
+  for (uint32_t id = catalog.Roots(); id < catalog.Size(); ++id) {
+    const CatalogNode& node = catalog.Node(id);
+    const bool inRoot = node.parent < catalog.Roots();
+    isMadeUp[id] = node.isPlaceholder || (!inRoot && isMadeUp[node.parent]);
+    if (isMadeUp[id]) continue;
+    places.push_back({node.offset, inRoot ? node.partition : catalog.Node(node.parent).offset, id});
+  }
+  std::sort(places.begin(), places.end(),
+            [](const Place& a, const Place& b) { return a.offset < b.offset; });
+  return places;
+}
+
+// The index may leave a file more room than its records take, not less.
+bool Agree(const Place& place, const CatalogNode& a, const Place& other, const CatalogNode& b) {
+  const bool hasRoom =
+      a.isDirectory || (a.dataOffset == b.dataOffset && a.dataLimit >= b.dataLimit);
+  return hasRoom && place.parent == other.parent && a.partition == b.partition &&
+         a.name == b.name && a.size == b.size && a.isDirectory == b.isDirectory;
+}
+
+}  // namespace
+
+std::string CompareTrees(const Catalog& indexed, const Catalog& scanned) {
+  const std::vector<Place> left = PlacesOf(indexed);
+  const std::vector<Place> right = PlacesOf(scanned);
+  for (size_t i = 0; i < std::max(left.size(), right.size()); ++i) {
+    if (i == right.size() || (i < left.size() && left[i].offset < right[i].offset)) {
+      return "the index names " + Hex(left[i].offset) + ", where the sections have no entry";
+    }
+    if (i == left.size() || right[i].offset < left[i].offset) {
+      return "the index does not name the entry at " + Hex(right[i].offset);
+    }
+    if (!Agree(left[i], indexed.Node(left[i].id), right[i], scanned.Node(right[i].id))) {
+      return "the index puts the entry at " + Hex(left[i].offset) + " where its records do not";
+    }
+  }
+  return {};
+}
+
+}  // namespace capsule::host

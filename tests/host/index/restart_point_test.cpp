@@ -1,0 +1,151 @@
+// Reading that begins in the middle of long files.
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <array>
+#include <vector>
+
+#include "capsule/container/header_format.h"
+#include "capsule/container/index_format.h"
+#include "capsule/host/file/checksum.h"
+#include "capsule/host/image.h"
+#include "capsule/host/image_builder.h"
+#include "capsule/host/image_map.h"
+#include "capsule/host/index_writer.h"
+#include "capsule/host/verifier.h"
+#include "capsule/platform/little_endian.h"
+#include "tests/support/bytes.h"
+#include "tests/support/temp_dir.h"
+
+namespace capsule::host {
+namespace {
+
+constexpr size_t kMega = size_t{1} << 20;
+constexpr size_t kSize = 7 * kMega + 4321;
+
+// An image with one file of lines.
+class RestartPoints : public testing::Test {
+ protected:
+  RestartPoints() {
+    for (int64_t i = 0; m_Text.size() < kSize; ++i)
+      m_Text += "line " + std::to_string(i * 7919) + "\n";
+    m_Text.resize(kSize);
+    std::filesystem::create_directory(m_Folder / "in");
+    test::WriteFile(m_Folder / "in/long.txt", m_Text);
+  }
+
+  void Build(int level) {
+    ImageBuilder builder(m_Path, {.level = level});
+    builder.AddDirectory(m_Folder / "in");
+    builder.Finish();
+    m_Bytes = test::ReadFile(m_Path);
+    m_Blocks.clear();
+    m_Notes.clear();
+    MapImage(m_Path, [&](const MapItem& item) {
+      if (item.kind == MapItem::Kind::DataBlock) m_Blocks.push_back(item.offset);
+      if (item.kind == MapItem::Kind::IndexRecord && item.name == "seek=") m_Notes.push_back(item);
+    });
+  }
+
+  // The chunk at `offset` of the file becomes one that cannot be decoded.
+  void Damage(size_t offset) {
+    const auto at = static_cast<std::ptrdiff_t>(m_Blocks[offset / 8192] + 8);
+    std::fill_n(m_Bytes.begin() + at, 40, '\xFF');
+    test::WriteFile(m_Path, m_Bytes);
+  }
+
+  std::string Range(FileReader& reader, size_t offset, size_t count) const {
+    std::vector<unsigned char> bytes(count);
+    bytes.resize(reader.Read(offset, bytes));
+    return {bytes.begin(), bytes.end()};
+  }
+
+  // The index as it would be with its check value made anew.
+  void SaveWithNewCheckValue(std::string bytes) const {
+    const size_t index = test::U32At(bytes, kIndexOffsetOffset);
+    IndexChecksum checksum;
+    checksum.Update(
+        {test::Unsigned(bytes) + index + kIndexPreamble, bytes.size() - index - kIndexPreamble});
+    std::array<unsigned char, 4> value{};
+    platform::StoreLe32(value.data(), checksum.Value());
+    std::copy(value.begin(), value.end(), &bytes[index + 3]);
+    test::WriteFile(m_Path, bytes);
+  }
+
+  test::TempDir m_Folder;
+  std::string m_Path = m_Folder / "x.cap";
+  std::string m_Text;
+  std::string m_Bytes;
+  std::vector<uint64_t> m_Blocks;
+  std::vector<MapItem> m_Notes;
+};
+
+// What lies before the restart point is not decoded: damage there does no harm.
+TEST_F(RestartPoints, LetReadingBeginInTheMiddle) {
+  for (const int level : {0, 6}) {
+    Build(level);
+    ASSERT_EQ(m_Notes.size(), 7U);
+    EXPECT_EQ(m_Notes[2].target, m_Blocks[3 * kMega / 8192]);
+    EXPECT_LT(m_Notes[2].length, level == 0 ? 25U : 2068U);
+    IndexWriter(m_Path).Write();
+    EXPECT_EQ(test::ReadFile(m_Path) == m_Bytes, true);
+  }
+  Damage(5 * kMega / 2);
+  const Image image(m_Path);
+  FileReader reader = image.OpenFile(*image.Find("long.txt"));
+  const auto check = [&](size_t at, size_t count = 1000) {
+    EXPECT_EQ(Range(reader, at, count), m_Text.substr(at, count)) << at;
+  };
+  for (const size_t at : {6 * kMega + 100'000, kSize - 500, 3 * kMega, kMega + 5, 4 * kMega - 10})
+    check(at);
+  EXPECT_THROW(Range(reader, 3 * kMega - 10, 1000), Error);
+  check(5, 2 * kMega);
+  EXPECT_THROW(Range(reader, 0, 4 * kMega), Error);
+  check(3 * kMega + 7);
+}
+
+// Whatever happens between two restart points, what lies behind the second is all there.
+TEST_F(RestartPoints, EndWhatDamageDoes) {
+  Build(6);
+  m_Bytes.replace(m_Blocks[11 * kMega / 16384], 40, 40, '\0');
+  for (const size_t behind : {0, 90'000, 300'000}) Damage(5 * kMega / 2 + behind);
+  const Image image(m_Path);
+  std::string got;
+  uint64_t firstLost = kSize;
+  uint64_t endLost = 0;
+  image.ReadDamaged(*image.Find("long.txt"), 0, kSize, [&](const FilePiece& piece) {
+    if (piece.kind == FilePiece::Kind::Data) got.append(piece.bytes.begin(), piece.bytes.end());
+    if (piece.kind != FilePiece::Kind::Lost) return;
+    firstLost = std::min(firstLost, piece.offset);
+    endLost = piece.offset + piece.length;
+    got += m_Text.substr(piece.offset, piece.length);
+  });
+  EXPECT_EQ(got == m_Text, true);
+  EXPECT_EQ(firstLost, 5 * kMega / 2);
+  EXPECT_GT(endLost, 11 * kMega / 2);
+  EXPECT_LE(endLost, 6 * kMega);
+}
+
+TEST_F(RestartPoints, AreVerified) {
+  Build(6);
+  const auto faults = [&](const MapItem& note, size_t at) {
+    std::string bytes = m_Bytes;
+    bytes[note.offset + at] ^= 1;
+    SaveWithNewCheckValue(bytes);
+    std::string text;
+    Verifier(m_Path).Run([&](const Fault& fault) { text += fault.path + ": " + fault.reason; });
+    return text;
+  };
+  constexpr size_t kName = 3;
+  const std::string start = "0:/long.txt: restart point ";
+  EXPECT_EQ(faults(m_Notes[1], kName + 6),
+            start + "is for byte 2097408 of the file, byte 2097152 is here");
+  EXPECT_EQ(faults(m_Notes[6], kName + 1000), start + "has another history than the file");
+  EXPECT_EQ(faults(m_Notes[5], m_Notes[5].length - 8), start + "is where no data block begins");
+  EXPECT_EQ(faults(m_Notes[6], m_Notes[6].length - 8),
+            start + "does not lie in the item before it");
+  EXPECT_EQ(faults(m_Notes[0], kName), "");  // no longer one
+}
+
+}  // namespace
+}  // namespace capsule::host
