@@ -19,7 +19,7 @@
 #include "capsule/partition/partition.h"
 #include "capsule/partition/partition_record.h"
 #include "capsule/platform/message_sink.h"
-#include "capsule/platform/roots.h"
 #include "capsule/runtime/capsule_event.h"
 #include "capsule/runtime/capsule_thread.h"
 #include "capsule/runtime/cps_list.h"
+#include "capsule/state/roots.h"

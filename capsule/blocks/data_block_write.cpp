@@ -10,7 +10,7 @@
 #include "capsule/platform/descriptor_owner.h"
 #include "capsule/platform/file.h"
 #include "capsule/platform/out_of_memory.h"
-#include "capsule/runtime/library_state.h"
+#include "capsule/state/library_state.h"
 
 namespace capsule {
 

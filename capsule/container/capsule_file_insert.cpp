@@ -16,8 +16,8 @@
 #include "capsule/platform/file.h"
 #include "capsule/platform/out_of_memory.h"
 #include "capsule/platform/trace_file.h"
-#include "capsule/runtime/library_state.h"
 #include "capsule/runtime/list_node.h"
+#include "capsule/state/library_state.h"
 
 namespace capsule {
 

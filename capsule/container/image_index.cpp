@@ -12,7 +12,7 @@
 #include "capsule/platform/file.h"
 #include "capsule/platform/little_endian.h"
 #include "capsule/runtime/debug_tracer.h"
-#include "capsule/runtime/library_state.h"
+#include "capsule/state/library_state.h"
 
 namespace capsule {
 namespace {

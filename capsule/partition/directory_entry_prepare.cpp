@@ -7,7 +7,7 @@
 #include "capsule/platform/ascii.h"
 #include "capsule/platform/dos_time.h"
 #include "capsule/platform/out_of_memory.h"
-#include "capsule/runtime/library_state.h"
+#include "capsule/state/library_state.h"
 
 namespace capsule {
 

@@ -11,7 +11,7 @@
 #include "capsule/platform/file.h"
 #include "capsule/platform/little_endian.h"
 #include "capsule/platform/out_of_memory.h"
-#include "capsule/runtime/library_state.h"
+#include "capsule/state/library_state.h"
 
 namespace capsule {
 

@@ -7,7 +7,7 @@
 
 #include "capsule/container/header_format.h"
 #include "capsule/container/index_format.h"
-#include "capsule/runtime/library_state.h"
+#include "capsule/state/library_state.h"
 #include "tests/support/temp_dir.h"
 
 namespace capsule {

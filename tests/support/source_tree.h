@@ -11,7 +11,7 @@
 #include <string_view>
 
 #include "capsule/platform/host_view.h"
-#include "capsule/runtime/library_state.h"
+#include "capsule/state/library_state.h"
 #include "tests/support/temp_dir.h"
 
 namespace capsule::test {

@@ -16,7 +16,7 @@
 #include "capsule/host/indexing/restart_collector.h"
 #include "capsule/platform/file.h"
 #include "capsule/platform/temporary_file.h"
-#include "capsule/runtime/library_state.h"
+#include "capsule/state/library_state.h"
 
 namespace capsule::host {
 

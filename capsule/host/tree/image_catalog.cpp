@@ -22,7 +22,7 @@
 #include "capsule/partition/partition.h"
 #include "capsule/partition/record_format.h"
 #include "capsule/platform/file.h"
-#include "capsule/runtime/library_state.h"
+#include "capsule/state/library_state.h"
 
 namespace capsule::host {
 namespace {

@@ -1,6 +1,6 @@
-#include "capsule/platform/roots.h"
+#include "capsule/state/roots.h"
 
-#include "capsule/runtime/library_state.h"
+#include "capsule/state/library_state.h"
 
 namespace capsule::platform {
 

@@ -1,4 +1,4 @@
-#include "capsule/runtime/library_state.h"
+#include "capsule/state/library_state.h"
 
 #include "capsule/compression/lzs.h"
 #include "capsule/compression/stream_compressor.h"

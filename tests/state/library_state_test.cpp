@@ -1,10 +1,10 @@
-#include "capsule/runtime/library_state.h"
+#include "capsule/state/library_state.h"
 
 #include <gtest/gtest.h>
 
 #include <thread>
 
-#include "capsule/platform/roots.h"
+#include "capsule/state/roots.h"
 
 namespace capsule {
 namespace {
