@@ -42,17 +42,15 @@ int TakeOffset(const std::vector<int32_t>& offsets, uint32_t* cursor) {
 
 ImageIndex* ImageIndex::Instance(const char* header, const char* path) {
   LibraryState& state = CurrentLibraryState();
-  if (state.index == nullptr) state.index = new ImageIndex(header, path);
-  return state.index;
+  if (state.index == nullptr) {
+    state.index = {new ImageIndex(header, path), [](ImageIndex* index) { delete index; }};
+  }
+  return state.index.get();
 }
 
-ImageIndex* ImageIndex::GetCurrentIndexInstance() { return CurrentLibraryState().index; }
+ImageIndex* ImageIndex::GetCurrentIndexInstance() { return CurrentLibraryState().index.get(); }
 
-void ImageIndex::DeleteCurrentInstance() {
-  LibraryState& state = CurrentLibraryState();
-  delete state.index;
-  state.index = nullptr;
-}
+void ImageIndex::DeleteCurrentInstance() { CurrentLibraryState().index.reset(); }
 
 ImageIndex::ImageIndex(const char* header, const char* path)
     : _image_header(header), _index_file(platform::OpenForReading(path)) {}

@@ -2,7 +2,6 @@
 
 #include "capsule/compression/lzs.h"
 #include "capsule/compression/stream_compressor.h"
-#include "capsule/container/image_index.h"
 
 namespace capsule {
 namespace {
@@ -22,7 +21,7 @@ LibraryState& ProcessState() {
 LibraryState::LibraryState()
     : compressor(std::make_unique<StreamCompressor>(kPieceSize, LzsKeepHistory, kEffort)) {}
 
-LibraryState::~LibraryState() { delete index; }
+LibraryState::~LibraryState() = default;
 
 LibraryState& CurrentLibraryState() { return t_pCurrent != nullptr ? *t_pCurrent : ProcessState(); }
 

@@ -40,8 +40,9 @@ struct LibraryState {
   // Compresses all data blocks; reset for every insertion.
   std::unique_ptr<StreamCompressor> compressor;
 
-  // The current index, or null. Written by ImageIndex::Instance and DeleteCurrentInstance.
-  ImageIndex* index = nullptr;
+  // The current index, or null. Written by ImageIndex::Instance and DeleteCurrentInstance, which
+  // also say how it is destroyed.
+  std::unique_ptr<ImageIndex, void (*)(ImageIndex*)> index{nullptr, nullptr};
 
   // When it is there and true, the insertion of a file fails soon. Set by host::ImageBuilder, made
   // true on any thread; read between the chunks of a file.
