@@ -34,13 +34,20 @@ void AppendIndexRecord(const IndexRecord& record, std::vector<unsigned char>* ou
 
 IndexRecord TakeIndexRecord(platform::ByteReader& reader) {
   IndexRecord record;
-  record.type = reader.U8();
-  if (!HasIndexBody(record.type)) return record;
-  const auto name = reader.Take(reader.U16());
-  record.name.assign(name.begin(), name.end());
-  record.offset = reader.U32();
-  record.length = reader.U32();
+  TakeIndexRecord(reader, &record);
   return record;
+}
+
+void TakeIndexRecord(platform::ByteReader& reader, IndexRecord* record) {
+  record->type = reader.U8();
+  record->name.clear();
+  record->offset = 0;
+  record->length = 0;
+  if (!HasIndexBody(record->type)) return;
+  const auto name = reader.Take(reader.U16());
+  record->name.assign(name.begin(), name.end());
+  record->offset = reader.U32();
+  record->length = reader.U32();
 }
 
 }  // namespace capsule

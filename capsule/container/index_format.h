@@ -40,4 +40,7 @@ void AppendIndexRecord(const IndexRecord& record, std::vector<unsigned char>* ou
 // The next record; a reader that ends inside it has failed afterwards.
 IndexRecord TakeIndexRecord(platform::ByteReader& reader);
 
+// The same into `*record`, whose room for a name is used again.
+void TakeIndexRecord(platform::ByteReader& reader, IndexRecord* record);
+
 }  // namespace capsule

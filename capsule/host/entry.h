@@ -11,6 +11,7 @@
 #include <iterator>
 #include <optional>
 #include <string>
+#include <string_view>
 
 #include "capsule/export.h"
 
@@ -26,10 +27,10 @@ class CAPSULE_API Entry {
 
   // The long name, else the short one, byte for byte as stored; empty for a root. Names come from
   // the image as they are: they may hold any byte, '/' included.
-  const std::string& Name() const;
+  std::string_view Name() const;
 
   // The 8.3 name, without padding.
-  const std::string& ShortName() const;
+  std::string_view ShortName() const;
 
   // "N:/folder/name", N being the partition; "N:/" for a root.
   std::string Path() const;
@@ -89,12 +90,12 @@ class CAPSULE_API EntryRange {
     Iterator(const Catalog* catalog, uint32_t id) : m_pCatalog(catalog), m_nId(id) {}
     Entry operator*() const { return Entry(m_pCatalog, m_nId); }
     Iterator& operator++() {
-      ++m_nId;
+      m_nId = After(*m_pCatalog, m_nId);
       return *this;
     }
     Iterator operator++(int) {
       const Iterator before = *this;
-      ++m_nId;
+      ++*this;
       return before;
     }
     bool operator==(const Iterator&) const = default;
@@ -107,11 +108,14 @@ class CAPSULE_API EntryRange {
   EntryRange(const Catalog* catalog, uint32_t first, uint32_t count)
       : m_pCatalog(catalog), m_nFirst(first), m_nCount(count) {}
   Iterator begin() const { return {m_pCatalog, m_nFirst}; }
-  Iterator end() const { return {m_pCatalog, m_nFirst + m_nCount}; }
+  Iterator end() const { return {m_pCatalog, kNone}; }
   size_t size() const { return m_nCount; }
   bool empty() const { return m_nCount == 0; }
 
  private:
+  static constexpr uint32_t kNone = 0xFFFFFFFF;  // behind the last one
+  static uint32_t After(const Catalog& catalog, uint32_t id);
+
   const Catalog* m_pCatalog;
   uint32_t m_nFirst;
   uint32_t m_nCount;

@@ -22,7 +22,7 @@ namespace capsule::host {
 namespace {
 
 // Reason why a file of this name must not be made, or null.
-const char* JudgeName(const std::string& name) {
+const char* JudgeName(std::string_view name) {
   if (name.empty()) return "name is empty";
   if (name == "." || name == "..") return "name stands for a folder of the file system";
   if (name.find_first_of(std::string_view("/\\\0", 3)) != std::string::npos) {
@@ -49,7 +49,7 @@ struct Extractor::Impl {
   void OpenTarget();
   void Walk(const Entry& root);
   void Visit(const Entry& entry);
-  bool Enter(const Entry& folder, const std::string& name, bool isWanted);
+  bool Enter(const Entry& folder, std::string_view name, bool isWanted);
   void Leave();
   void ExtractFile(const Entry& file);
   bool OpenOrMake(const std::string& name, const Entry& folder, bool* isNew);
@@ -113,9 +113,9 @@ bool Extractor::Impl::OpenOrMake(const std::string& name, const Entry& folder, b
   return true;
 }
 
-bool Extractor::Impl::Enter(const Entry& folder, const std::string& name, bool isWanted) {
+bool Extractor::Impl::Enter(const Entry& folder, std::string_view name, bool isWanted) {
   bool isNew = false;
-  if (!OpenOrMake(name, folder, &isNew)) return false;
+  if (!OpenOrMake(std::string(name), folder, &isNew)) return false;
   levels.push_back({folder, folder.Children().begin(), isWanted, isNew, IdentityOf(current)});
   if (isNew) ++report.directories;
   Tell(folder);

@@ -56,13 +56,14 @@ ImageInfo Summarize(const DecodedHeader& header, const IndexContents& index,
   for (size_t i = 0; i < info.partitions.size(); ++i) {
     info.partitions[i].offset = i < index.sections.size()
                                     ? index.sections[i]
-                                    : catalog.Node(static_cast<uint32_t>(i)).offset;
+                                    : catalog.Node(catalog.Root(static_cast<uint32_t>(i))).offset;
   }
   for (size_t i = 0; i < known; ++i) {
     info.partitions[i].systemId = header.partitions[i].SystemId;
     info.partitions[i].sectorCount = header.partitions[i].SectorCount;
   }
-  for (uint32_t id = catalog.Roots(); id < catalog.Size(); ++id) {
+  for (uint32_t id = 0; id < catalog.Size(); ++id) {
+    if (catalog.IsRoot(id)) continue;
     const CatalogNode& node = catalog.Node(id);
     PartitionInfo& partition = info.partitions[node.partition];
     ++(node.isDirectory ? partition.directories : partition.files);
@@ -104,10 +105,12 @@ bool HasPartitions(const DecodedHeader& header) {
 // leave their data out.
 void JudgeSizes(const Catalog& catalog, const ImageInfo& info,
                 std::vector<ImageProblem>* problems) {
-  for (uint32_t id = catalog.Roots(); id < catalog.Size(); ++id) {
+  for (uint32_t id = 0; id < catalog.Size(); ++id) {
+    if (catalog.IsRoot(id)) continue;
     const CatalogNode& node = catalog.Node(id);
     const bool ofNtfs = info.partitions[node.partition].systemId == kSystemIdNtfs;
-    const bool isLeftOut = ofNtfs && node.parent < catalog.Roots() && node.name.starts_with('$');
+    const bool isLeftOut =
+        ofNtfs && catalog.IsRoot(node.parent) && catalog.Name(id).starts_with('$');
     if (node.isDirectory || isLeftOut) continue;
     std::string problem = JudgeSize(node.size, node.dataLimit - node.offset);
     if (problem.empty()) continue;
@@ -165,7 +168,8 @@ void AddKnownDamage(const IndexContents& index, const Catalog& catalog,
                     std::vector<ImageProblem>* problems) {
   if (index.damages.empty()) return;
   std::vector<std::pair<uint32_t, uint32_t>> places;  // offset and id
-  for (uint32_t id = catalog.Roots(); id < catalog.Size(); ++id) {
+  for (uint32_t id = 0; id < catalog.Size(); ++id) {
+    if (catalog.IsRoot(id)) continue;
     places.emplace_back(catalog.Node(id).offset, id);
   }
   std::sort(places.begin(), places.end());
@@ -207,7 +211,7 @@ Image::Image(const std::filesystem::path& path, Opening opening)
     CheckIndexOffset(header, impl.path, length);
     index = CheckIndex(impl.file.Get(), impl.path, header.indexOffset, length,
                        opening == Opening::Salvage);
-    impl.catalog = ReadCatalog(impl.file.Get(), impl.path, index, &impl.problems);
+    impl.catalog = ReadCatalog(impl.file.Get(), impl.path, header, index, &impl.problems);
     if (opening == Opening::Salvage) RefuseLeftOut(impl.problems, impl.path);
     if (!index.isChecked || HasNtfsPartition(header)) {
       CheckSections(impl.file.Get(), impl.path, index, *impl.catalog, header.indexOffset);
@@ -261,14 +265,14 @@ int Image::Partitions() const { return static_cast<int>(m_pImpl->catalog->Roots(
 
 Entry Image::Root(int n) const {
   if (n < 0 || n >= Partitions()) throw Error(Path(), "has no partition " + std::to_string(n));
-  return m_pImpl->catalog->At(static_cast<uint32_t>(n));
+  return m_pImpl->catalog->At(m_pImpl->catalog->Root(static_cast<uint32_t>(n)));
 }
 
 std::optional<Entry> Image::Find(std::string_view path) const {
   const Catalog& catalog = *m_pImpl->catalog;
   const std::optional<uint32_t> partition = TakePartition(&path);
   if (!partition || *partition >= catalog.Roots()) return std::nullopt;
-  std::optional<uint32_t> at = partition;
+  std::optional<uint32_t> at = catalog.Root(*partition);
   while (at && !path.empty()) {
     const std::string_view segment = path.substr(0, path.find_first_of("/\\"));
     path.remove_prefix(std::min(path.size(), segment.size() + 1));

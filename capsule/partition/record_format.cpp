@@ -54,6 +54,21 @@ void AppendUtf8(char32_t point, std::string* out) {
   }
 }
 
+// Hands the units of a name to `take`, in order, up to the terminator or padding. False when it
+// stops at one for which `take` says so.
+template <typename Take>
+bool ForEachUnit(std::span<const unsigned char> piecesLastFirst, const Take& take) {
+  for (size_t piece = piecesLastFirst.size() / kPieceNameBytes; piece > 0; --piece) {
+    const auto bytes = piecesLastFirst.subspan((piece - 1) * kPieceNameBytes, kPieceNameBytes);
+    for (size_t i = 0; i < kPieceNameBytes; i += 2) {
+      const char16_t unit = platform::LoadLe16(&bytes[i]);
+      if (unit == 0 || unit == kPaddingUnit) return true;
+      if (!take(unit)) return false;
+    }
+  }
+  return true;
+}
+
 }  // namespace
 
 std::string Utf16ToUtf8(std::u16string_view units) {
@@ -189,15 +204,21 @@ std::array<unsigned char, 26> LongNameUnits(std::span<const unsigned char, 32> r
 
 std::u16string DecodeLongName(std::span<const unsigned char> piecesLastFirst) {
   std::u16string name;
-  for (size_t piece = piecesLastFirst.size() / kPieceNameBytes; piece > 0; --piece) {
-    const auto bytes = piecesLastFirst.subspan((piece - 1) * kPieceNameBytes, kPieceNameBytes);
-    for (size_t i = 0; i < kPieceNameBytes; i += 2) {
-      const char16_t unit = platform::LoadLe16(&bytes[i]);
-      if (unit == 0 || unit == kPaddingUnit) return name;
-      name.push_back(unit);
-    }
-  }
+  ForEachUnit(piecesLastFirst, [&](char16_t unit) {
+    name.push_back(unit);
+    return true;
+  });
   return name;
+}
+
+// Nearly all names have no unit above 255.
+std::string LongNameToBytes(std::span<const unsigned char> piecesLastFirst) {
+  std::string bytes;
+  const bool areBytes = ForEachUnit(piecesLastFirst, [&](char16_t unit) {
+    bytes.push_back(static_cast<char>(unit));
+    return unit < 256;
+  });
+  return areBytes ? bytes : Utf16ToUtf8(DecodeLongName(piecesLastFirst));
 }
 
 std::string LongNameToBytes(std::u16string_view units) {
@@ -206,6 +227,14 @@ std::string LongNameToBytes(std::u16string_view units) {
   std::string bytes;
   for (const char16_t unit : units) bytes.push_back(static_cast<char>(unit));
   return bytes;
+}
+
+bool IsDotName(const _ShortDirEntry& entry) {
+  const auto isBlank = [](uint8_t byte) { return byte == ' '; };
+  const size_t dots = entry.Name[1] == '.' ? 2 : 1;
+  return entry.Name[0] == '.' &&
+         std::all_of(std::begin(entry.Name) + dots, std::end(entry.Name), isBlank) &&
+         std::all_of(std::begin(entry.Extension), std::end(entry.Extension), isBlank);
 }
 
 std::string ShortNameToBytes(const _ShortDirEntry& entry) {

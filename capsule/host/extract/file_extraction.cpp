@@ -44,7 +44,8 @@ class TemporaryFile {
   void Publish(bool force) {
     const auto time = m_Entry.ModifiedTime();
     if (time && !platform::SetTimes(m_File.Descriptor(), *time)) Fail("cannot set its time");
-    if (!m_File.Publish(m_Entry.Name().c_str(), !force)) Fail("cannot finish the file");
+    const std::string name(m_Entry.Name());
+    if (!m_File.Publish(name.c_str(), !force)) Fail("cannot finish the file");
   }
 
  private:
@@ -61,7 +62,7 @@ class TemporaryFile {
 
 // Spares the work where the outcome is known; Publish decides.
 void RefuseExisting(const Entry& file, int folder, bool force) {
-  switch (platform::LookIn(folder, file.Name().c_str())) {
+  switch (platform::LookIn(folder, std::string(file.Name()).c_str())) {
     case platform::Presence::Folder:
       throw Error(file.Path(), "a folder is in the way in the target folder");
     case platform::Presence::File:

@@ -3,6 +3,7 @@
 #define XXH_INLINE_ALL
 #include <xxhash.h>
 
+#include <algorithm>
 #include <array>
 #include <charconv>
 #include <cstdio>
@@ -54,10 +55,13 @@ std::string ChecksumName(uint64_t value) { return kNameStart + ChecksumDigits(va
 
 std::optional<uint64_t> ChecksumOfName(std::string_view name) {
   if (!name.starts_with(kNameStart)) return std::nullopt;
-  const char* end = name.data() + name.size();
+  const std::string_view digits = name.substr(kNameStart.size());
+  const bool areDigits = std::all_of(digits.begin(), digits.end(), [](char c) {
+    return (c >= '0' && c <= '9') || (c >= 'a' && c <= 'f');
+  });
+  if (digits.size() != 16 || !areDigits) return std::nullopt;
   uint64_t value = 0;
-  const auto [stop, error] = std::from_chars(name.data() + kNameStart.size(), end, value, 16);
-  if (error != std::errc() || stop != end || ChecksumName(value) != name) return std::nullopt;
+  std::from_chars(digits.data(), digits.data() + digits.size(), value, 16);
   return value;
 }
 

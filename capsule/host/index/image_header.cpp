@@ -76,7 +76,7 @@ uint64_t LimitOfSections(int descriptor, const std::string& path, const DecodedH
   FileWindow window(descriptor, path);
   const auto start = window.At(header.indexOffset, 3);
   const bool isMarked = std::equal(start.begin(), start.end(), "CI1");
-  return isMarked || !index.boundaries.empty() ? header.indexOffset : length;
+  return isMarked || index.end != 0 ? header.indexOffset : length;
 }
 
 }  // namespace capsule::host

@@ -35,7 +35,7 @@ class IndexWalk {
     m_bChecked = std::equal(m_Window.begin(), m_Window.begin() + 3, "CI1");
     m_nStatedCheck = platform::LoadLe32(&m_Window[3]);
     m_nUsed = kIndexPreamble;
-    if (m_bChecked) VerifyCheckValue();
+    if (m_bChecked) m_Checksum.Update(std::span(m_Window).subspan(kIndexPreamble));
   }
 
   bool IsChecked() const { return m_bChecked; }
@@ -43,21 +43,36 @@ class IndexWalk {
   // Where the record that comes next begins in the image.
   uint64_t Position() const { return m_nNext - m_Window.size() + m_nUsed; }
 
-  IndexRecord Next() {
+  void Next(IndexRecord* record) {
     for (int attempt = 0; attempt < 2; ++attempt) {
       platform::ByteReader reader(std::span<const unsigned char>(m_Window).subspan(m_nUsed));
-      IndexRecord record = TakeIndexRecord(reader);
+      TakeIndexRecord(reader, record);
       if (reader.Ok()) {
         m_nUsed += reader.Position();
-        return record;
+        return;
       }
       Refill();
     }
     Fail("index is cut short");
   }
 
-  [[noreturn]] void Fail(const std::string& what) const {
-    throw Error(m_strPath, what + "; `capsule index` rebuilds it", m_nIndexOffset);
+  // Throws when the check value of the index does not hold. What it says counts only then.
+  void Verify() {
+    if (!m_bChecked) return;
+    while (m_nNext < m_nFileSize) {
+      m_nUsed = m_Window.size();
+      Refill();
+    }
+    const uint32_t found = m_Checksum.Value();
+    if (found == m_nStatedCheck) return;
+    Throw("index is damaged or cut short: check value is " + Hex(m_nStatedCheck) +
+          ", its bytes give " + Hex(found));
+  }
+
+  // What is wrong with a record, unless damage that the check value tells of explains it.
+  [[noreturn]] void Fail(const std::string& what) {
+    Verify();
+    Throw(what);
   }
 
  private:
@@ -69,28 +84,18 @@ class IndexWalk {
     const uint64_t wanted = std::min<uint64_t>(kWindow - held, m_nFileSize - m_nNext);
     m_Window.resize(held + static_cast<size_t>(wanted));
     ReadFully(m_Window.data() + held, static_cast<size_t>(wanted), m_nNext);
+    if (m_bChecked) m_Checksum.Update(std::span(m_Window).subspan(held));
     m_nNext += wanted;
   }
 
-  void VerifyCheckValue() const {
-    IndexChecksum checksum;
-    std::vector<unsigned char> bytes(kWindow);
-    for (uint64_t at = m_nIndexOffset + kIndexPreamble; at < m_nFileSize;) {
-      const size_t count = static_cast<size_t>(std::min<uint64_t>(kWindow, m_nFileSize - at));
-      ReadFully(bytes.data(), count, at);
-      checksum.Update(std::span(bytes).first(count));
-      at += count;
-    }
-    const uint32_t found = checksum.Value();
-    if (found == m_nStatedCheck) return;
-    Fail("index is damaged or cut short: check value is " + Hex(m_nStatedCheck) +
-         ", its bytes give " + Hex(found));
+  [[noreturn]] void Throw(const std::string& what) const {
+    throw Error(m_strPath, what + "; `capsule index` rebuilds it", m_nIndexOffset);
   }
 
   void ReadFully(unsigned char* to, size_t count, uint64_t at) const {
     const int64_t got = platform::ReadAt(m_nDescriptor, to, count, static_cast<int64_t>(at));
     if (got < 0) throw Error(m_strPath, "cannot read the index: " + SystemReason(errno));
-    if (static_cast<uint64_t>(got) != count) Fail("index is cut short");
+    if (static_cast<uint64_t>(got) != count) Throw("index is cut short");
   }
 
   int m_nDescriptor;
@@ -102,6 +107,7 @@ class IndexWalk {
   size_t m_nUsed = 0;
   bool m_bChecked = false;
   uint32_t m_nStatedCheck = 0;
+  IndexChecksum m_Checksum;  // of all that was read
 };
 
 void Keep(const IndexRecord& record, IndexContents* contents) {
@@ -112,13 +118,13 @@ void Keep(const IndexRecord& record, IndexContents* contents) {
   const bool isEntry =
       record.type == kIndexFile || (record.type == kIndexZeroEntry && !record.name.empty());
   if (!isEntry || !contents->isChecked) return;
-  contents->entries.push_back(record.offset);
-  if (record.name.empty()) return;
+  const bool isFile = record.type == kIndexFile;
   const std::string_view path = record.name;
   const size_t slash = path.rfind('/');
   const std::string_view folder = slash == path.npos ? "" : path.substr(0, slash);
-  contents->paths.push_back({record.offset, ExtendPathHash(kRootPathHash, path),
-                             ExtendPathHash(kRootPathHash, folder), record.type == kIndexFile});
+  contents->entries.push_back({record.offset, isFile, !path.empty(),
+                               ExtendPathHash(kRootPathHash, path),
+                               ExtendPathHash(kRootPathHash, folder)});
 }
 
 // A note behind `item`, the latest record that is none: the check value of the header or of the
@@ -136,6 +142,26 @@ void KeepNote(const IndexRecord& note, const IndexRecord& item, uint64_t place,
   if (const auto point = RestartPointOf(note, place)) contents->restarts.push_back(*point);
 }
 
+// Most indexes are in order already, and nearly all lists then.
+template <typename Item, typename Key>
+void SortBy(std::vector<Item>* items, Key key) {
+  const auto before = [key](const Item& a, const Item& b) { return key(a) < key(b); };
+  if (!std::is_sorted(items->begin(), items->end(), before)) {
+    std::sort(items->begin(), items->end(), before);
+  }
+}
+
+void SortAll(IndexContents* contents) {
+  const auto itself = [](uint32_t offset) { return offset; };
+  const auto byOffset = [](const auto& item) { return item.offset; };
+  SortBy(&contents->items, itself);
+  SortBy(&contents->sections, itself);
+  SortBy(&contents->checks, byOffset);
+  SortBy(&contents->entries, byOffset);
+  SortBy(&contents->records, byOffset);
+  SortBy(&contents->restarts, [](const RestartPoint& point) { return point.record; });
+}
+
 // The first of `offsets`, in ascending order, that readers would read as an item more than once.
 std::optional<uint32_t> FirstReadTwice(const std::vector<uint32_t>& offsets, FileWindow& window) {
   auto at = std::adjacent_find(offsets.begin(), offsets.end());
@@ -148,7 +174,9 @@ std::optional<uint32_t> FirstReadTwice(const std::vector<uint32_t>& offsets, Fil
 }  // namespace
 
 uint32_t IndexContents::LimitOf(uint32_t offset) const {
-  return *std::upper_bound(boundaries.begin(), boundaries.end() - 1, offset);
+  const auto item = std::upper_bound(items.begin(), items.end(), offset);
+  const auto section = std::upper_bound(sections.begin(), sections.end(), offset);
+  return std::min(item == items.end() ? end : *item, section == sections.end() ? end : *section);
 }
 
 bool IsReadAsNothing(FileWindow& window, uint64_t offset) {
@@ -162,41 +190,39 @@ IndexContents CheckIndex(int descriptor, const std::string& path, uint64_t index
   IndexWalk walk(descriptor, path, indexOffset, fileSize);
   IndexContents contents;
   contents.isChecked = walk.IsChecked();
-  IndexRecord item;
+  IndexRecord record;
+  IndexRecord item;  // without its name
+  uint32_t last = 0;
   for (uint64_t end = 0; end < indexOffset;) {
     const uint64_t place = walk.Position();
-    IndexRecord record = walk.Next();
+    walk.Next(&record);
     if (!HasIndexBody(record.type)) continue;
     if (record.offset > kMaxOffset || record.offset >= indexOffset) {
       walk.Fail("index names " + Hex(record.offset) + ", which is not in the image");
     }
     end = uint64_t{record.offset} + record.length;
+    if (record.type != kIndexNote) {
+      contents.isInOrder = contents.isInOrder && record.offset >= last;
+      last = record.offset;
+    }
     Keep(record, &contents);
     if ((keepRecords || !contents.isChecked) && record.type != kIndexNote)
       contents.records.push_back(record);
     if (record.type != kIndexNote) {
-      item = std::move(record);
+      item.type = record.type;
+      item.offset = record.offset;
+      item.length = record.length;
     } else if (contents.isChecked) {
       KeepNote(record, item, place, &contents);
     }
   }
-  for (auto* offsets : {&contents.items, &contents.entries, &contents.sections}) {
-    std::sort(offsets->begin(), offsets->end());
-  }
+  walk.Verify();
+  contents.end = static_cast<uint32_t>(indexOffset);
+  SortAll(&contents);
   FileWindow window(descriptor, path);
   if (const auto twice = FirstReadTwice(contents.items, window)) {
     walk.Fail("index names the item at " + Hex(*twice) + " twice");
   }
-  const auto byOffset = [](const auto& a, const auto& b) { return a.offset < b.offset; };
-  std::sort(contents.checks.begin(), contents.checks.end(), byOffset);
-  std::sort(contents.paths.begin(), contents.paths.end(), byOffset);
-  std::sort(contents.restarts.begin(), contents.restarts.end(),
-            [](const auto& a, const auto& b) { return a.record < b.record; });
-  std::merge(contents.items.begin(), contents.items.end(), contents.sections.begin(),
-             contents.sections.end(), std::back_inserter(contents.boundaries));
-  contents.boundaries.push_back(static_cast<uint32_t>(indexOffset));
-  std::sort(contents.records.begin(), contents.records.end(),
-            [](const IndexRecord& a, const IndexRecord& b) { return a.offset < b.offset; });
   return contents;
 }
 

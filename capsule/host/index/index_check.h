@@ -17,11 +17,15 @@ struct IndexContents {
   // Whether the index carries a check value, which then holds.
   bool isChecked = false;
 
-  // Offsets in ascending order: records that stand for items, among them those that must be
-  // entries of the tree (known of checked indexes only), and sections.
+  // Offsets of records that stand for items, and of sections, in ascending order.
   std::vector<uint32_t> items;
-  std::vector<uint32_t> entries;
   std::vector<uint32_t> sections;
+
+  // Whether its records name them in this order, as all known writers do.
+  bool isInOrder = true;
+
+  // Where the items end: where the index begins. 0 when it could not be read.
+  uint32_t end = 0;
 
   // Every record of types 2, 3 and 5 in the order of their offsets; of a checked index only when
   // asked for.
@@ -31,26 +35,24 @@ struct IndexContents {
   std::optional<uint64_t> headerCheck;
 
   // What a checked index says about items, in the order of their offsets: the check values of
-  // files, places where decoding may begin, and the hashes of paths (path_hash.h) where the index
-  // has one.
+  // files, places where decoding may begin, and which items must be entries of the tree, with the
+  // hashes of their paths (path_hash.h).
   struct ItemPath {
     uint32_t offset = 0;
+    bool isFile = false;   // in FAT-style sections: it is of the type for files
+    bool isNamed = false;  // the index has a path
     uint64_t path = 0;
     uint64_t folder = 0;  // of the path up to its last '/'
-    bool isFile = false;  // in FAT-style sections: it is of the type for files
   };
   std::vector<FileCheck> checks;
   std::vector<RestartPoint> restarts;
-  std::vector<ItemPath> paths;
+  std::vector<ItemPath> entries;
 
   // What a checked index says was damaged when it was made, in its own order.
   std::vector<DamageNote> damages;
 
   // Where the next item, section or the index begins behind `offset`.
   uint32_t LimitOf(uint32_t offset) const;
-
-  // Items and sections and the index itself, ascending.
-  std::vector<uint32_t> boundaries;
 };
 
 // `descriptor`: the image at `path`, `fileSize` bytes long. Throws host::Error when the index ends

@@ -36,7 +36,7 @@ IndexReport ReportOn(const ImageInfo& info) {
 
 // The note on the item that holds `offset`, or on the image when none does.
 DamageNote NoteAt(const IndexContents& index, uint64_t offset, const std::string& reason) {
-  const uint64_t end = index.boundaries.back();
+  const uint64_t end = index.end;
   const auto next =
       std::upper_bound(index.records.begin(), index.records.end(), offset,
                        [](uint64_t at, const IndexRecord& record) { return at < record.offset; });

@@ -1,6 +1,7 @@
 #include "capsule/host/records/long_name_check.h"
 
-#include <vector>
+#include <algorithm>
+#include <array>
 
 #include "capsule/partition/record_format.h"
 #include "capsule/platform/little_endian.h"
@@ -19,7 +20,9 @@ std::string JudgeLongName(std::span<const unsigned char> group, const _ShortDirE
     return "records of other sizes between its own";
   }
   const size_t pieces = group.size() / kDirRecordSize - 1;
-  std::vector<unsigned char> units;
+  if (pieces > kMaxLongNamePieces)
+    return "more than " + std::to_string(kMaxLongNamePieces) + " pieces";
+  std::array<unsigned char, kMaxLongNamePieces * kPieceBytes> units;
   const auto stored = EncodeShortEntry(record);
   const uint8_t checksum = ShortNameChecksum(std::span(stored).first<11>());
   for (size_t i = 0; i < pieces; ++i) {
@@ -32,9 +35,10 @@ std::string JudgeLongName(std::span<const unsigned char> group, const _ShortDirE
       return "belongs to another short name";
     }
     const auto name = LongNameUnits(piece.first<kDirEntrySize>());
-    units.insert(units.end(), name.begin(), name.end());
+    std::copy(name.begin(), name.end(),
+              units.begin() + static_cast<std::ptrdiff_t>(i * kPieceBytes));
   }
-  return JudgeFilling(units);
+  return JudgeFilling(std::span(units).first(pieces * kPieceBytes));
 }
 
 std::string JudgeFilling(std::span<const unsigned char> piecesLastFirst) {

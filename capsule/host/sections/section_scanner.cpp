@@ -25,13 +25,6 @@ std::string Numbers(uint64_t has, const char* middle, uint64_t other, const char
   return std::to_string(has) + middle + std::to_string(other) + end;
 }
 
-// "." and "..", as the readers tell them: by the padded short name.
-bool IsDotName(const _ShortDirEntry& entry) {
-  const std::string name(std::begin(entry.Name), std::end(entry.Name));
-  const std::string extension(std::begin(entry.Extension), std::end(entry.Extension));
-  return extension == "   " && (name == ".       " || name == "..      ");
-}
-
 }  // namespace
 
 SectionScanner::SectionScanner(int descriptor, std::string name)

@@ -422,8 +422,7 @@ class IndexedSurvey {
   }
 
   void TakeRecord(const IndexRecord& record) {
-    const uint64_t end =
-        std::min<uint64_t>(uint64_t{record.offset} + record.length, m_Index.boundaries.back());
+    const uint64_t end = std::min<uint64_t>(uint64_t{record.offset} + record.length, m_Index.end);
     SurveyItem found;
     const std::string damage = Read(record, end, &found.item);
     const bool isGood = damage.empty();

@@ -17,7 +17,9 @@
 #include "capsule/host/index/path_hash.h"
 #include "capsule/host/records/long_name_check.h"
 #include "capsule/host/sections/section_scanner.h"
+#include "capsule/host/tree/fat_tree.h"
 #include "capsule/host/tree/image_open.h"
+#include "capsule/host/tree/tree_builder.h"
 #include "capsule/partition/ntfs_format.h"
 #include "capsule/partition/partition.h"
 #include "capsule/partition/record_format.h"
@@ -29,6 +31,53 @@ namespace {
 
 constexpr char kDot[] = ".       .   ";
 constexpr char kDotDot[] = "..      .   ";
+
+// What is known of a file block, in breadth-first order: the children of a folder are neighbours.
+struct BlockNode {
+  std::string name;
+  std::string shortName;
+  uint32_t parent = 0;
+  uint32_t firstChild = 0;
+  uint32_t childCount = 0;
+  uint32_t offset = 0;
+  uint32_t dataOffset = 0;
+  uint32_t dataLimit = 0;
+  uint32_t size = 0;
+  platform::DosDateTime modified;
+  uint8_t attributes = 0;
+  uint8_t partition = 0;
+  bool isDirectory = false;
+};
+
+// Adds all below the root `nodes[root]`, which is the partition that came last; `ids` are their
+// numbers in the tree.
+void AddBelow(const std::vector<BlockNode>& nodes, uint32_t root, TreeBuilder* tree,
+              std::vector<uint32_t>* ids) {
+  std::vector<std::pair<uint32_t, uint32_t>> levels;  // what comes next in each folder, and its end
+  const auto open = [&](const BlockNode& folder) {
+    levels.emplace_back(folder.firstChild, folder.firstChild + folder.childCount);
+  };
+  open(nodes[root]);
+  while (!levels.empty()) {
+    if (levels.back().first == levels.back().second) {
+      levels.pop_back();
+      tree->LeaveTo(levels.empty() ? 0 : levels.size() - 1);
+      continue;
+    }
+    const uint32_t at = levels.back().first++;
+    const BlockNode& block = nodes[at];
+    CatalogNode node;
+    node.isDirectory = block.isDirectory;
+    node.attributes = block.attributes;
+    node.size = block.size;
+    node.modified = block.modified;
+    node.offset = block.offset;
+    node.dataOffset = block.dataOffset;
+    node.dataLimit = block.dataLimit;
+    (*ids)[at] = tree->Add({block.name, block.shortName, node});
+    if (block.isDirectory) open(block);
+  }
+}
 
 // The class leaves its file and its index open.
 struct OpenedFile {
@@ -96,7 +145,7 @@ class CatalogBuilder {
   std::unique_ptr<Catalog> Build(CpsList& partitions) {
     const int count = partitions.GetCount();
     for (int i = 0; i < count; ++i) {
-      CatalogNode root;
+      BlockNode root;
       root.isDirectory = true;
       root.attributes = kDirectoryAttribute;
       root.parent = static_cast<uint32_t>(i);
@@ -110,9 +159,16 @@ class CatalogBuilder {
     for (uint32_t id = 0; id < m_Nodes.size(); ++id) AddChildren(id);
     CheckThatAllAreThere();
     ComparePaths();
-    auto catalog = std::make_unique<Catalog>(std::move(m_Nodes), static_cast<uint32_t>(count));
+    TreeBuilder tree;
+    std::vector<uint32_t> ids(m_Nodes.size());
+    for (size_t i = 0; i < m_Starts.size(); ++i) {
+      tree.BeginPartition(m_Starts[i]);
+      AddBelow(m_Nodes, static_cast<uint32_t>(i), &tree, &ids);
+    }
+    auto catalog = tree.Build();
     for (const auto& [id, reason] : m_Problems) {
-      m_pProblems->push_back({catalog->At(id).Path(), reason, false, catalog->Node(id).offset});
+      const Entry entry = catalog->At(ids[id]);
+      m_pProblems->push_back({entry.Path(), reason, false, entry.Offset()});
     }
     return catalog;
   }
@@ -135,7 +191,7 @@ class CatalogBuilder {
     CapsuleBuffer& longName = entry.LongFileName();
     const bool hasLongName = longName.GetWrite() != longName.GetRead();
     const _ShortDirEntry& record = entry.EntryInUse();
-    CatalogNode node = NodeOf(folder, block);
+    BlockNode node = NodeOf(folder, block);
     if (node.isDirectory && !hasLongName && (shortText == kDot || shortText == kDotDot)) return;
     node.dataOffset = static_cast<uint32_t>(block.GetDUPDATAOffset());
     CheckPlace(node, entry.GetRecord()->Header);
@@ -147,7 +203,7 @@ class CatalogBuilder {
   // kept apart.
   void AddNtfsEntry(uint32_t folder, CapsuleFileBlock& block) {
     const CapsuleDirectoryEntry& entry = block.GetDirectoryEntry();
-    CatalogNode node = NodeOf(folder, block);
+    BlockNode node = NodeOf(folder, block);
     node.isDirectory = entry.NTFSIsDirectory() != 0;
     if (node.isDirectory) node.size = 0;
     node.name = Utf16ToUtf8(entry.NtfsFullName());
@@ -160,9 +216,9 @@ class CatalogBuilder {
     Add(std::move(node), block);
   }
 
-  CatalogNode NodeOf(uint32_t folder, CapsuleFileBlock& block) const {
+  BlockNode NodeOf(uint32_t folder, CapsuleFileBlock& block) const {
     const _ShortDirEntry& record = block.GetDirectoryEntry().EntryInUse();
-    CatalogNode node;
+    BlockNode node;
     node.isDirectory = (record.Attribute & kDirectoryAttribute) != 0;
     node.parent = folder;
     node.partition = m_Nodes[folder].partition;
@@ -176,12 +232,12 @@ class CatalogBuilder {
     return node;
   }
 
-  void Add(CatalogNode node, CapsuleFileBlock& block) {
+  void Add(BlockNode node, CapsuleFileBlock& block) {
     m_Lists.push_back(node.isDirectory ? &block.FileList() : nullptr);
     m_Nodes.push_back(std::move(node));
   }
 
-  void CheckPlace(const CatalogNode& node, const _MiniHeader& header) const {
+  void CheckPlace(const BlockNode& node, const _MiniHeader& header) const {
     if (header.Type != kRecordDirectory || header.Length != kDirEntrySize) {
       Fail(node.offset, "type " + std::to_string(header.Type) + ", length " +
                             std::to_string(header.Length) + ": not a directory record");
@@ -192,7 +248,7 @@ class CatalogBuilder {
     }
   }
 
-  void SetLongName(CapsuleBuffer& buffer, const _ShortDirEntry& record, CatalogNode* node) {
+  void SetLongName(CapsuleBuffer& buffer, const _ShortDirEntry& record, BlockNode* node) {
     const std::string text(buffer.GetRead(), buffer.GetWrite());
     const std::vector<unsigned char> pieces(text.begin(), text.end());
     const std::string name = LongNameToBytes(DecodeLongName(pieces));
@@ -207,7 +263,7 @@ class CatalogBuilder {
   }
 
   // What is wrong with the long-name records of a group, or nothing.
-  std::string JudgeChain(const CatalogNode& node, const _ShortDirEntry& record) const {
+  std::string JudgeChain(const BlockNode& node, const _ShortDirEntry& record) const {
     std::vector<unsigned char> group(node.dataOffset - node.offset);
     const int64_t got = platform::ReadAt(m_nDescriptor, group.data(), group.size(), node.offset);
     if (got < 0) throw Error(m_strPath, "cannot be read: " + SystemReason(errno), node.offset);
@@ -216,12 +272,13 @@ class CatalogBuilder {
 
   void CheckThatAllAreThere() const {
     std::vector<uint32_t> found;
-    for (const CatalogNode& node : m_Nodes) found.push_back(node.offset);
+    for (const BlockNode& node : m_Nodes) found.push_back(node.offset);
     std::sort(found.begin(), found.end());
     for (size_t i = 0; i < m_Ntfs.size(); ++i) {
       if (m_Ntfs[i]) NoteLostEntries(i, found);
     }
-    for (const uint32_t offset : m_Index.entries) {
+    for (const IndexContents::ItemPath& entry : m_Index.entries) {
+      const uint32_t offset = entry.offset;
       if (LiesInNtfsSection(offset)) continue;
       if (std::binary_search(found.begin(), found.end(), offset)) continue;
       Fail(offset, "the index names an item here, but it cannot be read");
@@ -248,14 +305,14 @@ class CatalogBuilder {
 
   // The hash of the node's path. An entry with a damaged name lies where the index says.
   uint64_t ComparePath(uint32_t id, uint64_t folder, bool isNamed) {
-    CatalogNode& node = m_Nodes[id];
+    BlockNode& node = m_Nodes[id];
     m_PathLengths[id] = m_PathLengths[node.parent] + 1 + node.name.size();
     const uint64_t hash = ChildPathHash(folder, node.name);
-    const auto& paths = m_Index.paths;
+    const auto& paths = m_Index.entries;
     const auto stated = std::lower_bound(
         paths.begin(), paths.end(), node.offset,
         [](const IndexContents::ItemPath& item, uint32_t at) { return item.offset < at; });
-    const bool isStated = stated != paths.end() && stated->offset == node.offset;
+    const bool isStated = stated != paths.end() && stated->offset == node.offset && stated->isNamed;
     if (!isStated && m_Index.isChecked && !node.name.empty() &&
         m_PathLengths[id] <= kMaxScannedPath) {
       Fail(node.offset, "the index has no name for the entry here");
@@ -278,7 +335,7 @@ class CatalogBuilder {
   // Where the section that begins at `start` ends.
   uint32_t EndOfSection(uint32_t start) const {
     const auto next = std::upper_bound(m_Index.sections.begin(), m_Index.sections.end(), start);
-    return next == m_Index.sections.end() ? m_Index.boundaries.back() : *next;
+    return next == m_Index.sections.end() ? m_Index.end : *next;
   }
 
   bool LiesInNtfsSection(uint32_t offset) const {
@@ -320,7 +377,7 @@ class CatalogBuilder {
   const std::string& m_strPath;
   const IndexContents& m_Index;
   std::vector<ImageProblem>* m_pProblems;
-  std::vector<CatalogNode> m_Nodes;
+  std::vector<BlockNode> m_Nodes;
   std::vector<CpsList*> m_Lists;      // by node; null for files
   std::vector<bool> m_Ntfs;           // by partition
   std::vector<uint32_t> m_Starts;     // of the sections, by partition
@@ -331,8 +388,11 @@ class CatalogBuilder {
 }  // namespace
 
 std::unique_ptr<Catalog> ReadCatalog(int descriptor, const std::string& path,
-                                     const IndexContents& index,
+                                     const DecodedHeader& header, const IndexContents& index,
                                      std::vector<ImageProblem>* problems) {
+  const bool hasNtfs = std::any_of(header.partitions.begin(), header.partitions.end(),
+                                   [](const _Partition& p) { return p.SystemId == kSystemIdNtfs; });
+  if (!hasNtfs && index.isInOrder) return ReadFatTree(descriptor, path, header, index, problems);
   ClassReader reader(descriptor, path);
   return CatalogBuilder(descriptor, path, index, problems).Build(reader.Partitions());
 }

@@ -11,10 +11,10 @@
 
 namespace capsule::host {
 
-// The tree of an image, read through the exported classes. `descriptor` is open on the same file.
-// Throws host::Error.
+// The tree of an image: read through the exported classes where sections hold NTFS records.
+// `descriptor` is open on the same file. Throws host::Error.
 std::unique_ptr<Catalog> ReadCatalog(int descriptor, const std::string& path,
-                                     const IndexContents& index,
+                                     const DecodedHeader& header, const IndexContents& index,
                                      std::vector<ImageProblem>* problems);
 
 }  // namespace capsule::host

@@ -8,6 +8,7 @@
 #include "capsule/host/sections/section_survey.h"
 #include "capsule/host/sections/sound_item.h"
 #include "capsule/host/sections/survey_outline.h"
+#include "capsule/host/tree/tree_builder.h"
 #include "capsule/host/tree/tree_comparison.h"
 #include "capsule/partition/record_format.h"
 
@@ -18,87 +19,39 @@ using Kind = SectionItem::Kind;
 
 constexpr size_t kMostPartitions = 255;  // what a header can count
 
-// Collects nodes in file order, and puts them in the order of a Catalog at the end.
+// Puts what a survey hands out into a tree.
 class TreeCollector {
  public:
   void Add(const SurveyItem& found) {
     const SectionItem& item = found.item;
-    if (item.kind == Kind::Section && m_Roots.size() < kMostPartitions)
-      return BeginPartition(item.offset);
-    if (m_Roots.empty() && item.kind != Kind::Trailer) BeginPartition(0);
+    const auto offset = static_cast<uint32_t>(item.offset);
+    if (item.kind == Kind::Section && m_tree.SoFar().Roots() < kMostPartitions)
+      return m_tree.BeginPartition(offset);
+    if (!m_tree.HasPartition() && item.kind != Kind::Trailer) m_tree.BeginPartition(0);
     if (item.isRoot) return;
-    if (item.kind == Kind::ZeroEntry && m_Open.size() > 1) m_Open.pop_back();
-    if (item.isNtfs && m_Open.size() > item.depth + 1) m_Open.resize(item.depth + 1);
+    if (item.kind == Kind::ZeroEntry) m_tree.Leave();
+    if (item.isNtfs) m_tree.LeaveTo(item.depth);
     if (item.kind == Kind::Directory || item.kind == Kind::File)
       AddEntry(item, found.isPlaceholder);
   }
 
-  std::unique_ptr<Catalog> Build() {
-    // Children of a folder in file order, by counting.
-    std::vector<uint32_t> first(m_Nodes.size() + 1);
-    for (uint32_t id = 0; id < m_Nodes.size(); ++id) {
-      if (!IsRoot(id)) ++first[m_Nodes[id].parent + 1];
-    }
-    for (size_t i = 1; i < first.size(); ++i) first[i] += first[i - 1];
-    std::vector<uint32_t> children(first.back());
-    std::vector<uint32_t> next(first.begin(), first.end() - 1);
-    for (uint32_t id = 0; id < m_Nodes.size(); ++id) {
-      if (!IsRoot(id)) children[next[m_Nodes[id].parent]++] = id;
-    }
-    std::vector<uint32_t> order = m_Roots;
-    order.reserve(m_Nodes.size());
-    std::vector<CatalogNode> sorted;
-    sorted.reserve(m_Nodes.size());
-    for (uint32_t i = 0; i < m_Roots.size(); ++i) m_Nodes[m_Roots[i]].parent = i;
-    for (uint32_t at = 0; at < order.size(); ++at) {
-      const uint32_t id = order[at];
-      CatalogNode node = std::move(m_Nodes[id]);
-      node.firstChild = static_cast<uint32_t>(order.size());
-      node.childCount = first[id + 1] - first[id];
-      for (uint32_t i = first[id]; i < first[id + 1]; ++i) {
-        m_Nodes[children[i]].parent = at;
-        order.push_back(children[i]);
-      }
-      sorted.push_back(std::move(node));
-    }
-    return std::make_unique<Catalog>(std::move(sorted), static_cast<uint32_t>(m_Roots.size()));
-  }
+  std::unique_ptr<Catalog> Build() { return m_tree.Build(); }
 
  private:
-  bool IsRoot(uint32_t id) const { return std::binary_search(m_Roots.begin(), m_Roots.end(), id); }
-
-  void BeginPartition(uint64_t offset) {
-    m_Roots.push_back(static_cast<uint32_t>(m_Nodes.size()));
-    CatalogNode root;
-    root.isDirectory = true;
-    root.attributes = kDirectoryAttribute;
-    root.partition = static_cast<uint8_t>(m_Roots.size() - 1);
-    root.offset = static_cast<uint32_t>(offset);
-    m_Open.assign(1, m_Roots.back());
-    m_Nodes.push_back(std::move(root));
-  }
-
   void AddEntry(const SectionItem& item, bool isPlaceholder) {
     CatalogNode node;
     node.isPlaceholder = isPlaceholder;
     node.isDirectory = item.kind == Kind::Directory;
-    node.parent = m_Open.back();
-    node.partition = static_cast<uint8_t>(m_Roots.size() - 1);
     node.attributes = item.entry.Attribute;
     node.size = node.isDirectory ? 0 : item.entry.FileSize;
     node.modified = {item.entry.WriteDate, item.entry.WriteTime};
-    node.name = item.name;
-    node.shortName = item.shortName;
     node.offset = static_cast<uint32_t>(item.offset);
     node.dataLimit = static_cast<uint32_t>(item.offset + item.length);
     node.dataOffset = node.isDirectory ? node.dataLimit : static_cast<uint32_t>(item.dataOffset);
-    if (node.isDirectory) m_Open.push_back(static_cast<uint32_t>(m_Nodes.size()));
-    m_Nodes.push_back(std::move(node));
+    m_tree.Add({item.name, item.shortName, node});
   }
 
-  std::vector<CatalogNode> m_Nodes;
-  std::vector<uint32_t> m_Roots;
-  std::vector<uint32_t> m_Open;  // folders, the innermost last
+  TreeBuilder m_tree;
 };
 
 std::string ProblemOfName(FileWindow& window, const SurveyItem& found) {

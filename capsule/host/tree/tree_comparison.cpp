@@ -18,9 +18,10 @@ struct Place {
 std::vector<Place> PlacesOf(const Catalog& catalog) {
   std::vector<Place> places;
   std::vector<bool> isMadeUp(catalog.Size());
-  for (uint32_t id = catalog.Roots(); id < catalog.Size(); ++id) {
+  for (uint32_t id = 0; id < catalog.Size(); ++id) {
+    if (catalog.IsRoot(id)) continue;
     const CatalogNode& node = catalog.Node(id);
-    const bool inRoot = node.parent < catalog.Roots();
+    const bool inRoot = catalog.IsRoot(node.parent);
     isMadeUp[id] = node.isPlaceholder || (!inRoot && isMadeUp[node.parent]);
     if (isMadeUp[id]) continue;
     places.push_back({node.offset, inRoot ? node.partition : catalog.Node(node.parent).offset, id});
@@ -30,12 +31,16 @@ std::vector<Place> PlacesOf(const Catalog& catalog) {
   return places;
 }
 
-// The index may leave a file more room than its records take, not less.
-bool Agree(const Place& place, const CatalogNode& a, const Place& other, const CatalogNode& b) {
-  const bool hasRoom =
-      a.isDirectory || (a.dataOffset == b.dataOffset && a.dataLimit >= b.dataLimit);
-  return hasRoom && place.parent == other.parent && a.partition == b.partition &&
-         a.name == b.name && a.size == b.size && a.isDirectory == b.isDirectory;
+// Whether entry `a` of the indexed tree is `b` of the scanned one. The index may leave a file more
+// room than its records take, not less.
+bool Agree(const Catalog& indexed, const Place& a, const Catalog& scanned, const Place& b) {
+  const CatalogNode& left = indexed.Node(a.id);
+  const CatalogNode& right = scanned.Node(b.id);
+  const bool hasRoom = left.isDirectory ||
+                       (left.dataOffset == right.dataOffset && left.dataLimit >= right.dataLimit);
+  return hasRoom && a.parent == b.parent && left.partition == right.partition &&
+         indexed.Name(a.id) == scanned.Name(b.id) && left.size == right.size &&
+         left.isDirectory == right.isDirectory;
 }
 
 }  // namespace
@@ -50,7 +55,7 @@ std::string CompareTrees(const Catalog& indexed, const Catalog& scanned) {
     if (i == left.size() || right[i].offset < left[i].offset) {
       return "the index does not name the entry at " + Hex(right[i].offset);
     }
-    if (!Agree(left[i], indexed.Node(left[i].id), right[i], scanned.Node(right[i].id))) {
+    if (!Agree(indexed, left[i], scanned, right[i])) {
       return "the index puts the entry at " + Hex(left[i].offset) + " where its records do not";
     }
   }
