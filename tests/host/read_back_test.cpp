@@ -1,6 +1,11 @@
 // What the builder makes, read by the classes as they stand.
 #include <gtest/gtest.h>
 
+#include <algorithm>
+#include <random>
+#include <set>
+
+#include "capsule/host/image.h"
 #include "capsule/host/image_builder.h"
 #include "capsule/partition/record_format.h"
 #include "tests/host/sections/scanned_tree.h"
@@ -55,6 +60,83 @@ TEST_P(ReadBack, TheClassesReadWhatTheBuilderMakes) {
   EXPECT_EQ(found, expected);
 }
 INSTANTIATE_TEST_SUITE_P(Levels, ReadBack, testing::Values(0, 1, 5, 9));
+
+// Paths and places of all entries, one a line, sorted.
+using Places = std::set<std::string>;
+
+std::string Place(const std::string& path, bool isFolder, uint32_t size, uint32_t offset) {
+  return path + (isFolder ? "/" : " " + std::to_string(size)) + " @" + std::to_string(offset);
+}
+
+// Those of NTFS partitions have names that the classes keep otherwise.
+void AddPlaces(CpsList& blocks, const std::string& above, Places* places) {
+  for (int i = 0; CapsuleFileBlock* block = test::BlockAt(blocks, i); ++i) {
+    const CapsuleDirectoryEntry& entry = block->GetDirectoryEntry();
+    const bool isFolder = entry.IsDirectory() != 0;
+    const std::string path = above + '/' + NameOf(*block);
+    const bool isLong = block->GetLongFileNameLength() != 0;
+    if (isFolder && !isLong && IsDotName(entry.EntryInUse())) continue;
+    places->insert(Place(path, isFolder, entry.FileSize(),
+                         static_cast<uint32_t>(block->GetFileBlockStartOffset())));
+    if (isFolder) AddPlaces(block->FileList(), path, places);
+  }
+}
+
+void AddPlaces(const EntryRange& entries, Places* places) {
+  for (const Entry& entry : entries) {
+    places->insert(Place(entry.Path(), entry.IsDirectory(), entry.Size(), entry.Offset()));
+    AddPlaces(entry.Children(), places);
+  }
+}
+
+// Whether the image opens without a problem, and the classes then have the same tree.
+bool OpensAsTheClassesRead(const std::string& path) {
+  Places found;
+  try {
+    const Image image(path);
+    const auto& partitions = image.Info().partitions;
+    const bool hasNtfs = std::any_of(partitions.begin(), partitions.end(),
+                                     [](const auto& p) { return p.systemId == kSystemIdNtfs; });
+    if (hasNtfs || !image.Problems().empty() || partitions.empty()) return false;
+    for (int n = 0; n < image.Partitions(); ++n) AddPlaces(image.Root(n).Children(), &found);
+  } catch (const Error&) {
+    return false;
+  }
+  test::OpenImage classes(path);
+  EXPECT_EQ(classes.Read(), 0);
+  Places expected;
+  for (int n = 0; CapsulePartition* partition = classes.Partition(n); ++n) {
+    AddPlaces(partition->GetFileBlocks(), std::to_string(n) + ":", &expected);
+  }
+  EXPECT_EQ(found, expected);
+  return true;
+}
+
+// Samples as they are, and with a byte changed here and there.
+TEST(ReadBackTest, WhatOpensIsTheTreeOfTheClasses) {
+  constexpr int kChanges = 60;
+  const test::TempDir folder;
+  const std::string path = folder / "x.cap";
+  std::mt19937 random(1);
+  int whole = 0;
+  int changed = 0;
+  for (const auto& sample : fs::recursive_directory_iterator(CAPSULE_TEST_DATA "/images")) {
+    if (sample.path().extension() != ".img") continue;
+    const std::string bytes = test::ReadFile(sample.path());
+    test::WriteFile(path, bytes);
+    if (!OpensAsTheClassesRead(path)) continue;
+    ++whole;
+    for (int i = 0; i < kChanges; ++i) {
+      std::string other = bytes;
+      other[random() % bytes.size()] ^= static_cast<char>(1 << random() % 8);
+      test::WriteFile(path, other);
+      if (OpensAsTheClassesRead(path)) ++changed;
+      if (testing::Test::HasFailure()) FAIL() << sample.path();
+    }
+  }
+  EXPECT_GE(whole, 5);
+  EXPECT_GE(changed, 100);
+}
 
 }  // namespace
 }  // namespace capsule::host
