@@ -6,7 +6,7 @@
 #include <cstdio>
 
 #include "capsule/host/error.h"
-#include "capsule/host/file/reason.h"
+#include "capsule/host/message_text.h"
 #include "cli/text.h"
 
 namespace capsule::cli {

@@ -1,6 +1,6 @@
 #include <memory>
 
-#include "capsule/host/file/reason.h"
+#include "capsule/host/message_text.h"
 #include "capsule/host/verifier.h"
 #include "cli/command.h"
 #include "cli/json_object.h"

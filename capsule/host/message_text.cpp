@@ -2,6 +2,7 @@
 
 #include <array>
 #include <cstdio>
+#include <system_error>
 
 namespace capsule::host {
 namespace {
@@ -49,6 +50,19 @@ std::string OneLine(std::string_view text) {
     text.remove_prefix(taken);
   }
   return line;
+}
+
+std::string SystemReason(int error) {
+  std::string text = std::generic_category().message(error);
+  const bool isWord = text.size() > 1 && text[1] >= 'a' && text[1] <= 'z';
+  if (isWord && text[0] >= 'A' && text[0] <= 'Z') text[0] = static_cast<char>(text[0] + 32);
+  return text;
+}
+
+std::string Hex(uint64_t value) {
+  char text[24];
+  std::snprintf(text, sizeof text, "0x%llx", static_cast<unsigned long long>(value));
+  return text;
 }
 
 }  // namespace capsule::host

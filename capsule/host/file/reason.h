@@ -1,13 +1,11 @@
 // Words for messages.
 #pragma once
 
-#include <cstdint>
 #include <string>
 
-namespace capsule::host {
+#include "capsule/host/message_text.h"
 
-// What the system says about `error`, in lower case.
-std::string SystemReason(int error);
+namespace capsule::host {
 
 // Whether memory or descriptors ran out, which says nothing about what was asked for.
 bool IsShortage(int error);
@@ -17,8 +15,5 @@ void ThrowIfShort(const std::string& path, const std::string& what, int error);
 
 // `reason` without the "path: " that it may begin with.
 std::string WithoutPath(const std::string& reason, const std::string& path);
-
-// 8000 is "0x1f40".
-std::string Hex(uint64_t value);
 
 }  // namespace capsule::host
