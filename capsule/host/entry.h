@@ -112,9 +112,11 @@ class CAPSULE_API EntryRange {
   size_t size() const { return m_nCount; }
   bool empty() const { return m_nCount == 0; }
 
+  // For iterators: the number of the entry behind number `id` of `catalog`.
+  static uint32_t After(const Catalog& catalog, uint32_t id);
+
  private:
   static constexpr uint32_t kNone = 0xFFFFFFFF;  // behind the last one
-  static uint32_t After(const Catalog& catalog, uint32_t id);
 
   const Catalog* m_pCatalog;
   uint32_t m_nFirst;
