@@ -136,7 +136,8 @@ std::string Survey(const Image& image, unsigned seed) {
   std::mt19937 random(seed);
   std::string seen;
   ForEachEntry(image, [&](const Entry& entry) {
-    seen += entry.Path() + std::string(entry.ShortName()) + (image.Find(entry.Path()) == entry ? "|" : "?");
+    seen += entry.Path() + std::string(entry.ShortName()) +
+            (image.Find(entry.Path()) == entry ? "|" : "?");
     if (entry.Size() == 0 || entry.Name()[0] == '$') return;  // without data in this image
     const uint64_t from = random() % entry.Size();
     std::vector<unsigned char> bytes(static_cast<size_t>(entry.Size() - from));
