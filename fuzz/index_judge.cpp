@@ -1,6 +1,6 @@
 #include "fuzz/index_judge.h"
 
-#include <optional>
+#include <set>
 
 #include "capsule/host/error.h"
 #include "capsule/host/index_writer.h"
@@ -14,24 +14,23 @@ using test::Contents;
 
 // What the commands tell of an image.
 struct Told {
-  std::string opening;  // the first damage that opening it tells, or nothing
-  std::string verify;   // the first fault
+  std::string opening;          // the first damage that opening it tells, or nothing
+  std::string verify;           // the first fault
+  std::set<std::string> paths;  // of all that is told
   Contents contents;
-  bool hasUnread = false;
 
   bool IsSound() const { return opening.empty() && verify.empty(); }
 };
 
-std::string Verify(const std::string& path) {
-  std::string first;
+void Verify(const std::string& path, Told* told) {
   try {
     host::Verifier(path).Run([&](const host::Fault& fault) {
-      if (first.empty()) first = fault.path + ": " + fault.reason;
+      if (told->verify.empty()) told->verify = fault.path + ": " + fault.reason;
+      told->paths.insert(fault.path);
     });
   } catch (const host::Error& error) {
-    first = error.Reason();
+    told->verify = error.Reason();
   }
-  return first;
 }
 
 Told Ask(const std::string& path) {
@@ -40,24 +39,36 @@ Told Ask(const std::string& path) {
     const host::Image image(path, host::Opening::Salvage);
     const bool lacksIndex = image.Info().indexOffset == 0;
     if (!lacksIndex) told.opening = image.Info().scanReason;
-    if (!image.Problems().empty()) told.opening = image.Problems().front().reason;
+    for (const host::ImageProblem& problem : image.Problems()) {
+      told.opening = problem.reason;
+      told.paths.insert(problem.path);
+    }
     told.contents = test::ReadContents(image);
   } catch (const host::Error& error) {
     told.opening = error.Reason();
   }
-  told.verify = Verify(path);
+  Verify(path, &told);
   return told;
 }
 
-// The first file that is not what it was; nothing when all are.
-std::string Difference(const Contents& whole, const Contents& found) {
-  for (const auto& [path, contents] : whole) {
-    const auto at = found.find(path);
-    if (at == found.end()) return path + " is gone";
-    if (at->second != contents) return path + " is read as something else";
-  }
-  for (const auto& [path, contents] : found) {
-    if (!whole.contains(path)) return path + " has come";
+// What is read at `path`, if anything.
+std::string At(const Contents& contents, const std::string& path) {
+  const auto at = contents.find(path);
+  return at == contents.end() ? "" : at->second;
+}
+
+// The first file that is not what it was, though that can be told: by a check value, or because it
+// was told before, or was read otherwise then. Nothing when there is none.
+std::string Difference(const test::DamageSeed& seed, const Told& before, const Contents& after) {
+  Contents all = seed.Whole();
+  all.insert(after.begin(), after.end());
+  for (const auto& [path, contents] : all) {
+    const std::string now = At(after, path);
+    const bool isSame =
+        seed.Whole().contains(path) == after.contains(path) && At(seed.Whole(), path) == now;
+    const bool canBeTold =
+        seed.IsChecked() || before.paths.contains(path) || At(before.contents, path) != now;
+    if (!isSame && canBeTold) return path;
   }
   return {};
 }
@@ -83,9 +94,8 @@ std::string JudgeWritten(const test::DamageSeed& seed, const std::string& path, 
   const std::string strict = StrictProblem(path);
   if (!strict.empty()) return "does not open strictly after index: " + strict;
   if (isToldDamaged) return "damage that index told is forgotten";
-  const std::string difference = Difference(seed.Whole(), after.contents);
-  const bool canBeTold = seed.IsChecked() || !before.IsSound();
-  return difference.empty() || !canBeTold ? "" : "sound after index, but " + difference;
+  const std::string difference = Difference(seed, before, after.contents);
+  return difference.empty() ? "" : "sound after index, but not what it was: " + difference;
 }
 
 }  // namespace

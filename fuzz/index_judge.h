@@ -4,7 +4,8 @@
 //   - What it has written opens strictly and is sound for `verify`, or the damage goes on being
 //   told.
 //   - While `verify` finds nothing, every file is read as it was. Of an image without check values
-//     that is asked for only where damage was told before: the rest nobody can tell.
+//     that is asked for only of files of which damage was told before, or which were read otherwise
+//     then: the rest nobody can tell.
 #pragma once
 
 #include <string>
