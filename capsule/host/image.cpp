@@ -114,7 +114,7 @@ void JudgeSizes(const Catalog& catalog, const ImageInfo& info,
     if (node.isDirectory || isLeftOut) continue;
     std::string problem = JudgeSize(node.size, node.dataLimit - node.offset);
     if (problem.empty()) continue;
-    problems->push_back({catalog.At(id).Path(), std::move(problem), false, node.offset});
+    problems->push_back({catalog.NameForProblem(id), std::move(problem), false, node.offset});
   }
 }
 
@@ -177,7 +177,7 @@ void AddKnownDamage(const IndexContents& index, const Catalog& catalog,
     const auto place = std::lower_bound(places.begin(), places.end(), std::pair(note.offset, 0U));
     std::string path = "item at " + Hex(note.offset);
     if (place != places.end() && place->first == note.offset)
-      path = catalog.At(place->second).Path();
+      path = catalog.NameForProblem(place->second);
     if (note.offset == 0) path = note.isCut ? "end of the image" : "image";
     problems->push_back(
         {path, note.reason + "; known since the index was made", false, note.offset});

@@ -117,12 +117,15 @@ TEST(ReadBackTest, WhatOpensIsTheTreeOfTheClasses) {
   constexpr int kChanges = 60;
   const test::TempDir folder;
   const std::string path = folder / "x.cap";
-  std::mt19937 random(1);
   int whole = 0;
   int changed = 0;
-  for (const auto& sample : fs::recursive_directory_iterator(CAPSULE_TEST_DATA "/images")) {
-    if (sample.path().extension() != ".img") continue;
-    const std::string bytes = test::ReadFile(sample.path());
+  std::set<fs::path> samples;
+  for (const auto& file : fs::recursive_directory_iterator(CAPSULE_TEST_DATA "/images")) {
+    if (file.path().extension() == ".img") samples.insert(file.path());
+  }
+  for (const fs::path& sample : samples) {
+    std::mt19937 random(1);
+    const std::string bytes = test::ReadFile(sample);
     test::WriteFile(path, bytes);
     if (!OpensAsTheClassesRead(path)) continue;
     ++whole;
@@ -131,7 +134,7 @@ TEST(ReadBackTest, WhatOpensIsTheTreeOfTheClasses) {
       other[random() % bytes.size()] ^= static_cast<char>(1 << random() % 8);
       test::WriteFile(path, other);
       if (OpensAsTheClassesRead(path)) ++changed;
-      if (testing::Test::HasFailure()) FAIL() << sample.path();
+      if (testing::Test::HasFailure()) FAIL() << sample;
     }
   }
   EXPECT_GE(whole, 5);

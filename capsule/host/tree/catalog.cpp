@@ -4,7 +4,8 @@
 #include <compare>
 #include <mutex>
 
-#include "capsule/host/error.h"
+#include "capsule/host/file/reason.h"
+#include "capsule/host/sections/section_scanner.h"
 #include "capsule/partition/record_format.h"
 #include "capsule/platform/ascii.h"
 
@@ -78,6 +79,15 @@ bool Catalog::IsDuplicate(uint32_t id) const {
   if (IsRoot(id)) return false;
   const auto& duplicates = DirectoryOf(m_nodes[id].parent).duplicates;
   return std::binary_search(duplicates.begin(), duplicates.end(), id);
+}
+
+std::string Catalog::NameForProblem(uint32_t id) const {
+  size_t length = 0;
+  for (uint32_t at = id; !IsRoot(at); at = m_nodes[at].parent) {
+    length += 1 + m_nodes[at].nameLength;
+    if (length > kMaxScannedPath) return "item at " + Hex(m_nodes[id].offset);
+  }
+  return At(id).Path();
 }
 
 std::optional<uint32_t> Catalog::FindChild(uint32_t parent, std::string_view name) const {

@@ -14,6 +14,7 @@
 #include <memory>
 #include <optional>
 #include <shared_mutex>
+#include <string>
 #include <string_view>
 #include <unordered_map>
 #include <vector>
@@ -59,6 +60,11 @@ class Catalog {
 
   std::string_view Name(uint32_t id) const;
   std::string_view ShortName(uint32_t id) const;
+
+  // What to call an entry in a list of problems: its path, or the place of its records where that
+  // is longer than kMaxScannedPath, so that deep folders do not make such a list grow with the
+  // square of the image.
+  std::string NameForProblem(uint32_t id) const;
 
   // The child of folder `parent` called `name`: the long name exactly, else the short name exactly,
   // else either ignoring ASCII case; of several the first by byte order, then by image order.

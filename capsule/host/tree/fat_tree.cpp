@@ -146,9 +146,12 @@ class FatTreeReader {
     const uint64_t hash = ComparePath(node, stated, problem.empty(), shortName, &name, &problem);
     const uint32_t id = m_tree.Add({name, shortName, node});
     if (!problem.empty()) {
-      m_problems->push_back({m_tree.SoFar().At(id).Path(), problem, false, offset});
+      m_problems->push_back({m_tree.SoFar().NameForProblem(id), problem, false, offset});
     }
-    if (node.isDirectory) m_open.push_back({hash, PathLength(name)});
+    if (!node.isDirectory) return;
+    // Readers take the short name alone for that of the folder itself, and open nothing.
+    if (IsDotName(group.entry)) return m_tree.Leave();
+    m_open.push_back({hash, PathLength(name)});
   }
 
   // What is wrong with the long name, which otherwise becomes `name`.

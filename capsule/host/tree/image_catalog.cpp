@@ -168,7 +168,7 @@ class CatalogBuilder {
     auto catalog = tree.Build();
     for (const auto& [id, reason] : m_Problems) {
       const Entry entry = catalog->At(ids[id]);
-      m_pProblems->push_back({entry.Path(), reason, false, entry.Offset()});
+      m_pProblems->push_back({catalog->NameForProblem(ids[id]), reason, false, entry.Offset()});
     }
     return catalog;
   }

@@ -19,6 +19,7 @@ class NameStore {
 
   // The `length` bytes at `place`. They stay where they are as long as the store.
   std::string_view Text(uint32_t place, size_t length) const {
+    if (length == 0) return {};  // its place may lie behind the last block
     return {&m_blocks[place / kBlock][place % kBlock], length};
   }
 
