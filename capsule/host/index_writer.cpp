@@ -53,6 +53,39 @@ void RefuseToForget(int descriptor, const std::string& name) {
   if (!index.damages.empty()) throw Error(name, "its index tells of damage, and is kept");
 }
 
+// Where a checked index stands that the header does not lead to any more, what it tells of files
+// must be so: it would be lost by a new one, and with it what shows that they are damaged.
+void RefuseToContradictLostIndex(int descriptor, const std::string& name, uint64_t offset) {
+  const auto length = static_cast<uint64_t>(std::max<int64_t>(platform::FileLength(descriptor), 0));
+  if (offset >= length) return;
+  IndexContents index;
+  try {
+    index = CheckIndex(descriptor, name, offset, length);
+  } catch (const ShortageError&) {
+    throw;
+  } catch (const Error&) {
+    return;  // it is none
+  }
+  if (!index.isChecked) return;
+  FileWindow window(descriptor, name);
+  for (const FileCheck& check : index.checks) {
+    RunningChecksum checksum;
+    for (uint64_t at = check.offset, end = at + check.length; at < end;) {
+      const auto bytes =
+          window.At(at, static_cast<size_t>(std::min<uint64_t>(end - at, FileWindow::kSize)));
+      if (bytes.empty()) break;
+      checksum.Update(bytes);
+      at += bytes.size();
+    }
+    if (checksum.Value() == check.value) continue;
+    throw Error(name,
+                "an index at " + Hex(offset) +
+                    " that the header does not lead to vouches for other bytes at " +
+                    Hex(check.offset) + ", and is kept",
+                offset);
+  }
+}
+
 // Readers take the first records of the header for those of the sections.
 bool ComeFirst(const DecodedHeader& header, size_t sectionCount) {
   const auto end = header.partitions.begin() + static_cast<std::ptrdiff_t>(sectionCount);
@@ -114,7 +147,10 @@ struct IndexWriter::Plan {
 };
 
 IndexReport IndexWriter::Write(DamagedSections damaged) {
-  if (IsWithoutPartitions()) return {};
+  if (IsWithoutPartitions()) {
+    if (damaged != DamagedSections::Refuse) RefuseUnlessEmpty();
+    return {};
+  }
   const bool force = damaged == DamagedSections::NoteDamage;
   if (damaged != DamagedSections::Refuse) {
     if (!m_bOwned) throw Error(m_strName, "only an image with a path can be judged");
@@ -143,6 +179,7 @@ IndexReport IndexWriter::WriteSections(const Image& image, bool force) {
   if (hasIndex && problems.empty()) notes.push_back({0, kHeaderSize, damage, false});
   Plan plan = Measure(problems.empty() ? SectionTrust::Sound : SectionTrust::Damaged, notes);
   if (!problems.empty() && plan.report.problems.empty()) throw Error(m_strName, damage);
+  RefuseToContradictLostIndex(m_nDescriptor, m_strName, plan.report.indexOffset);
   TrialImage trial(m_nDescriptor, m_strName);
   trial.Put(plan.header);
   plan.report.imageBytes = Append(plan, trial.Descriptor(), &trial);
@@ -187,6 +224,15 @@ bool IndexWriter::IsWithoutPartitions() const {
   if (scanner.SectionCount() != 0) return false;
   RefuseToCutSection(m_nDescriptor, m_strName, scanner, kHeaderSize);
   return true;
+}
+
+// An image without partitions may be one whose header lost them.
+void IndexWriter::RefuseUnlessEmpty() const {
+  const Image image(m_strName, Opening::Salvage);
+  if (image.IsWhole()) return;
+  throw Error(m_strName, image.Problems().empty()
+                             ? image.Info().scanReason
+                             : image.Problems()[0].path + ": " + image.Problems()[0].reason);
 }
 
 IndexWriter::Plan IndexWriter::Measure(SectionTrust trust, std::vector<DamageNote> notes) {

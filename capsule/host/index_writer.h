@@ -100,6 +100,7 @@ class CAPSULE_API IndexWriter {
 
  private:
   bool IsWithoutPartitions() const;
+  void RefuseUnlessEmpty() const;
 
   struct Plan;
   IndexReport WriteSections(const Image& image, bool force);

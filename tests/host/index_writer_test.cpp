@@ -323,6 +323,26 @@ TEST_F(IndexWriterTest, NoIndexMakesDamageLookSound) {
   }
 }
 
+// What the header has lost sight of still tells what its files were made of.
+TEST_F(IndexWriterTest, AnIndexThatTheHeaderLostVouchesForItsFiles) {
+  Put(TwoSections().Bytes());
+  Write();
+  const std::string whole = Saved();
+  const size_t data = Image(m_Path).Find("1:/G.TXT")->Offset() + kDirRecordSize + kMiniHeaderSize;
+  std::string lost = whole;
+  lost.replace(kIndexOffsetOffset, 4, 4, '\0');
+  Put(lost);
+  Write(DamagedSections::IndexWhatIsLeft);
+  EXPECT_TRUE(Saved() == whole);
+  lost[data] ^= 1;
+  for (const auto mode : {DamagedSections::IndexWhatIsLeft, DamagedSections::NoteDamage}) {
+    Put(lost);
+    const std::string error = test::ErrorOf([&] { Write(mode); });
+    EXPECT_NE(error.find("vouches for other bytes"), std::string::npos) << error;
+    EXPECT_TRUE(Saved() == lost);
+  }
+}
+
 // A full disk: the image is one without an index, not one with half of it.
 TEST_F(IndexWriterTest, FailedWritesLeaveAnImageWithoutIndex) {
   std::string image = TwoSections().Bytes();
