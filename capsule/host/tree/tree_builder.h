@@ -43,9 +43,6 @@ class TreeBuilder {
   // Open folders, the root not counted.
   size_t Depth() const { return m_open.empty() ? 0 : m_open.size() - 1; }
 
-  // The innermost open folder.
-  uint32_t Folder() const { return m_open.back().id; }
-
   bool HasPartition() const { return !m_open.empty(); }
   const Catalog& SoFar() const { return *m_catalog; }
 
