@@ -73,7 +73,7 @@ void CheckReplaceable(const std::string& target, const std::string& name) {
   const ScopedDescriptor file(platform::OpenForReading(target.c_str()));
   if (!file) throw Error(name, "cannot be read: " + SystemReason(errno));
   try {
-    ReadImageHeader(file.Get(), name, old->size);
+    ReadImageHeader(ImageFile(file.Get(), name));
   } catch (const Error& error) {
     throw Error(name, error.Reason() + "; only --force replaces it");
   }

@@ -42,6 +42,7 @@
 namespace capsule::host {
 
 class Image;
+class ImageFile;
 class RestartCollector;
 class TrialImage;
 enum class SectionTrust;
@@ -110,6 +111,7 @@ class CAPSULE_API IndexWriter {
   void Complete(const Plan& plan, const std::function<void()>& append);
   void PatchHeader(std::span<const unsigned char> header, size_t offset, size_t count);
   void SyncFile();
+  ImageFile Bytes() const;
   void ThrowIfCancelled() const;
 
   int m_nDescriptor;

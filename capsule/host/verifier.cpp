@@ -1,18 +1,16 @@
 #include "capsule/host/verifier.h"
 
 #include <algorithm>
-#include <cerrno>
 #include <set>
 #include <vector>
 
 #include "capsule/container/header_format.h"
 #include "capsule/host/error.h"
 #include "capsule/host/file/reason.h"
-#include "capsule/host/file/scoped_descriptor.h"
 #include "capsule/host/image.h"
-#include "capsule/host/image_map.h"
 #include "capsule/host/index/image_header.h"
 #include "capsule/host/map/header_map.h"
+#include "capsule/host/map/image_mapper.h"
 #include "capsule/host/map/index_verifier.h"
 #include "capsule/host/records/record_stream.h"
 #include "capsule/partition/ntfs_format.h"
@@ -31,12 +29,10 @@ struct OpenFile {
 };
 
 // Those of an index that can be read and has a check value.
-std::vector<RestartPoint> RestartsOf(int descriptor, const std::string& name,
-                                     const DecodedHeader& header) {
-  const auto length = static_cast<uint64_t>(platform::FileLength(descriptor));
+std::vector<RestartPoint> RestartsOf(const ImageFile& image, const DecodedHeader& header) {
   try {
-    CheckIndexOffset(header, name, length);
-    return CheckIndex(descriptor, name, header.indexOffset, length).restarts;
+    CheckIndexOffset(header, image);
+    return CheckIndex(image, header.indexOffset).restarts;
   } catch (const Error&) {
     return {};
   }
@@ -44,21 +40,20 @@ std::vector<RestartPoint> RestartsOf(int descriptor, const std::string& name,
 
 class VerifyRun {
  public:
-  VerifyRun(int descriptor, std::string name, const DecodedHeader& header,
+  VerifyRun(const ImageFile& image, const DecodedHeader& header,
             const std::function<void(const Fault&)>& take)
-      : m_nDescriptor(descriptor),
-        m_strName(std::move(name)),
+      : m_image(image),
         m_bCompressed(header.compressed),
         m_Take(take),
-        m_Window(descriptor, m_strName),
-        m_Index(m_Window, static_cast<uint64_t>(platform::FileLength(descriptor)),
+        m_Window(image),
+        m_Index(m_Window, image.Size(),
                 [this](uint64_t offset, const std::string& path, std::string reason) {
                   Tell(offset, path, reason);
                 }),
-        m_Restarts(RestartsOf(descriptor, m_strName, header)) {}
+        m_Restarts(RestartsOf(image, header)) {}
 
   VerifyReport Verify() {
-    MapImage(m_nDescriptor, m_strName, [this](const MapItem& item) { Take(item); });
+    MapImage(m_image, [this](const MapItem& item) { Take(item); });
     CloseFile();
     TellUnnamed();
     CompareWithOpening();
@@ -117,12 +112,11 @@ class VerifyRun {
     m_File.isOpen = false;
     ++m_Report.files;
     RecordSource source;
-    source.descriptor = m_nDescriptor;
+    source.image = m_image;
     source.imageIsCompressed = m_bCompressed;
     source.begin = m_File.begin;
     source.limit = m_File.end;
     source.size = m_File.size;
-    source.imagePath = m_strName;
     source.entryPath = m_File.path;
     try {
       if (source.size == 0) return;
@@ -174,7 +168,7 @@ class VerifyRun {
   // What the index leaves out, readers never see. Only then is the image walked again.
   void TellUnnamed() {
     if (m_Index.NamesAll()) return;
-    MapImage(m_nDescriptor, m_strName, [&](const MapItem& item) {
+    MapImage(m_image, [&](const MapItem& item) {
       if (item.beginsEntry && !m_Index.Names(item.offset)) {
         Tell(item.offset, item.path, "the index does not name what begins here");
       }
@@ -185,7 +179,7 @@ class VerifyRun {
   // that this one calls sound. Files of NTFS partitions are read through the tree that it gives.
   void CompareWithOpening() {
     try {
-      const Image image(m_strName, Opening::Salvage);
+      const Image image(m_image.Source(), m_image.Name(), Opening::Salvage);
       for (const ImageProblem& problem : image.Problems()) {
         if (!problem.offset || !m_Told.contains(*problem.offset)) {
           Tell(problem.offset.value_or(0), problem.path, problem.reason);
@@ -218,12 +212,7 @@ class VerifyRun {
     ++m_Report.files;
     try {
       FileReader reader = image.OpenFile(entry);
-      std::vector<unsigned char> bytes(FileWindow::kSize);
-      for (uint64_t at = 0; at < entry.Size();) {
-        const size_t got = reader.Read(at, bytes);
-        if (got == 0) break;
-        at += got;
-      }
+      reader.CopyTo(0, entry.Size(), [](std::span<const unsigned char>) {});
       m_Report.bytes += entry.Size();
     } catch (const Error& error) {
       TellError(error, entry.Path(), entry.Offset());
@@ -236,8 +225,7 @@ class VerifyRun {
     m_Take({offset, path, reason});
   }
 
-  int m_nDescriptor;
-  std::string m_strName;
+  ImageFile m_image;
   bool m_bCompressed;
   const std::function<void(const Fault&)>& m_Take;
   FileWindow m_Window;
@@ -254,17 +242,18 @@ class VerifyRun {
 
 }  // namespace
 
+Verifier::Verifier(const std::filesystem::path& image)
+    : Verifier(FileSource(image), image.string()) {}
+
+Verifier::Verifier(std::shared_ptr<const ByteSource> source, std::string name)
+    : m_source(std::move(source)), m_name(std::move(name)) {}
+
 VerifyReport Verifier::Run(const std::function<void(const Fault&)>& take) const {
-  const std::string name = m_Path.string();
-  const ScopedDescriptor file(platform::OpenForReading(m_Path.c_str()));
-  if (!file) throw Error(name, "cannot open: " + SystemReason(errno));
-  if (platform::FileLength(file.Get()) < 0) {
-    throw Error(name, "cannot tell its length: " + SystemReason(errno));
-  }
-  FileWindow window(file.Get(), name);
+  const ImageFile image(m_source, m_name);
+  FileWindow window(image);
   const MappedHeader header = DecodeStoredHeader(window.At(0, kHeaderSize));
-  if (!header.decoded) throw Error(name, header.problem);
-  return VerifyRun(file.Get(), name, *header.decoded, take).Verify();
+  if (!header.decoded) throw Error(m_name, header.problem);
+  return VerifyRun(image, *header.decoded, take).Verify();
 }
 
 }  // namespace capsule::host

@@ -21,10 +21,11 @@
 #include <cstdint>
 #include <filesystem>
 #include <functional>
+#include <memory>
 #include <string>
-#include <utility>
 
 #include "capsule/export.h"
+#include "capsule/host/byte_source.h"
 
 namespace capsule::host {
 
@@ -44,13 +45,17 @@ struct VerifyReport {
 
 class CAPSULE_API Verifier {
  public:
-  explicit Verifier(std::filesystem::path image) : m_Path(std::move(image)) {}
+  explicit Verifier(const std::filesystem::path& image);
+
+  // The image whose bytes `source` has; `name`: what errors call it.
+  Verifier(std::shared_ptr<const ByteSource> source, std::string name);
 
   // Throws host::Error when the file cannot be read or is not an image at all.
   VerifyReport Run(const std::function<void(const Fault&)>& take) const;
 
  private:
-  std::filesystem::path m_Path;
+  std::shared_ptr<const ByteSource> m_source;
+  std::string m_name;
 };
 
 }  // namespace capsule::host

@@ -10,7 +10,6 @@
 #include "capsule/host/error.h"
 #include "capsule/host/file/reason.h"
 #include "capsule/partition/record_format.h"
-#include "capsule/platform/file.h"
 
 namespace capsule::host {
 namespace {
@@ -27,11 +26,8 @@ std::string Numbers(uint64_t has, const char* middle, uint64_t other, const char
 
 }  // namespace
 
-SectionScanner::SectionScanner(int descriptor, std::string name)
-    : m_strName(std::move(name)), m_Window(descriptor, m_strName) {
-  const int64_t length = platform::FileLength(descriptor);
-  if (length < 0) throw Error(m_strName, "length is not known");
-  m_nFileLength = static_cast<uint64_t>(length);
+SectionScanner::SectionScanner(const ImageFile& image)
+    : m_strName(image.Name()), m_Window(image), m_nFileLength(image.Size()) {
   if (m_nFileLength > static_cast<uint64_t>(kMaxImageSize)) {
     throw Error(m_strName, "not an image: " + Numbers(m_nFileLength, " bytes, at most ",
                                                       kMaxImageSize, " are possible"));

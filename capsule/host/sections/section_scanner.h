@@ -1,7 +1,7 @@
 // SectionScanner finds everything in an image without an index: it steps through the sections
 // record by record, 8 + length bytes each, and tells what it passes in file order.
 //
-//   SectionScanner scanner(descriptor, "photos.cap");
+//   SectionScanner scanner(image);
 //   SectionItem item;
 //   while (scanner.Next(&item)) Use(item);
 //
@@ -13,7 +13,7 @@
 // looked at.
 //
 // Memory is bounded by the depth of the tree. Damage throws Error with the offset and the numbers.
-// One thread uses a scanner; the descriptor stays the caller's and its position is not used.
+// One thread uses a scanner.
 #pragma once
 
 #include <cstdint>
@@ -69,8 +69,8 @@ inline constexpr size_t kMaxScannedPath = 4096;
 
 class SectionScanner {
  public:
-  // Reads the header. `name`: what errors call the image. Throws when the header cannot be used.
-  SectionScanner(int descriptor, std::string name);
+  // Reads the header. Throws when it cannot be used.
+  explicit SectionScanner(const ImageFile& image);
 
   // The next item; false behind the last section.
   bool Next(SectionItem* item);

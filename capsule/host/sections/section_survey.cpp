@@ -35,11 +35,10 @@ SurveyItem Plain(Kind kind, uint64_t offset) {
 
 class SearchingSurvey {
  public:
-  SearchingSurvey(int descriptor, const std::string& path, const SearchHints& hints,
-                  const SurveyVisitor& visitor)
-      : m_nDescriptor(descriptor),
-        m_Scanner(descriptor, path),
-        m_Window(descriptor, path),
+  SearchingSurvey(const ImageFile& image, const SearchHints& hints, const SurveyVisitor& visitor)
+      : m_image(image),
+        m_Scanner(image),
+        m_Window(image),
         m_Hints(hints),
         m_nWork(kLeastWork + kWorkPerByte * hints.limit),
         m_nWayBack(kLeastWayBack + kWorkPerByte * hints.limit),
@@ -109,7 +108,7 @@ class SearchingSurvey {
     const bool endsThere = known->end == end;
     const bool isOfKind = item.isNtfs || !known->kind || *known->kind == item.kind;
     if (endsThere && isOfKind) return;
-    const SoundItem sound(m_Window, m_nDescriptor, m_Scanner.Header().compressed);
+    const SoundItem sound(m_Window, m_image, m_Scanner.Header().compressed);
     // Data of NTFS files may be padded: a damaged length can go unnoticed.
     const bool hasData = item.kind == Kind::File && item.entry.FileSize != 0 && !item.isNtfs;
     if (endsThere && sound.IsRatherThan(item, *known->kind)) return;
@@ -357,7 +356,7 @@ class SearchingSurvey {
     return range;
   }
 
-  int m_nDescriptor;
+  ImageFile m_image;
   SectionScanner m_Scanner;
   FileWindow m_Window;
   SearchHints m_Hints;
@@ -396,12 +395,8 @@ bool Agrees(const SectionItem& item, const IndexRecord& record) {
 // Goes from record to record of a checked index.
 class IndexedSurvey {
  public:
-  IndexedSurvey(int descriptor, const std::string& path, const IndexContents& index,
-                const SurveyVisitor& visitor)
-      : m_Scanner(descriptor, path),
-        m_Window(descriptor, path),
-        m_Index(index),
-        m_Visitor(visitor) {}
+  IndexedSurvey(const ImageFile& image, const IndexContents& index, const SurveyVisitor& visitor)
+      : m_Scanner(image), m_Window(image), m_Index(index), m_Visitor(visitor) {}
 
   void Run() {
     for (m_nAt = 0; m_nAt < m_Index.records.size(); ++m_nAt) {
@@ -510,14 +505,14 @@ class IndexedSurvey {
 
 }  // namespace
 
-void SurveyByIndex(int descriptor, const std::string& path, const IndexContents& index,
+void SurveyByIndex(const ImageFile& image, const IndexContents& index,
                    const SurveyVisitor& visitor) {
-  IndexedSurvey(descriptor, path, index, visitor).Run();
+  IndexedSurvey(image, index, visitor).Run();
 }
 
-void SurveyBySearch(int descriptor, const std::string& path, const SearchHints& hints,
+void SurveyBySearch(const ImageFile& image, const SearchHints& hints,
                     const SurveyVisitor& visitor) {
-  SearchingSurvey(descriptor, path, hints, visitor).Run();
+  SearchingSurvey(image, hints, visitor).Run();
 }
 
 }  // namespace capsule::host

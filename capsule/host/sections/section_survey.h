@@ -33,7 +33,7 @@ struct SurveyVisitor {
 };
 
 // Goes by the records of a checked index, which say what lies where. `index` kept its records.
-void SurveyByIndex(int descriptor, const std::string& path, const IndexContents& index,
+void SurveyByIndex(const ImageFile& image, const IndexContents& index,
                    const SurveyVisitor& visitor);
 
 // How to search without a checked index.
@@ -46,7 +46,6 @@ struct SearchHints {
 
 // Without a checked index: goes on at the next place that looks like a record group. Memory: the
 // items of one section.
-void SurveyBySearch(int descriptor, const std::string& path, const SearchHints& hints,
-                    const SurveyVisitor& visitor);
+void SurveyBySearch(const ImageFile& image, const SearchHints& hints, const SurveyVisitor& visitor);
 
 }  // namespace capsule::host

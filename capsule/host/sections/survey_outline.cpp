@@ -85,7 +85,7 @@ bool SoundItem::Is(const SectionItem& item) const {
   if (item.kind == Kind::Directory) return true;
   if (item.isNtfs && item.dataOffset == item.offset + item.length) return true;  // not stored
   RecordSource source;
-  source.descriptor = m_nDescriptor;
+  source.image = m_image;
   source.imageIsCompressed = m_bCompressed;
   source.begin = item.dataOffset;
   source.limit = item.offset + item.length;

@@ -5,6 +5,7 @@
 #include <cstdint>
 #include <optional>
 #include <string_view>
+#include <utility>
 #include <vector>
 
 #include "capsule/host/file/file_window.h"
@@ -38,8 +39,8 @@ class SurveyOutline {
 // Judges items by their own records.
 class SoundItem {
  public:
-  SoundItem(FileWindow& window, int descriptor, bool compressed)
-      : m_Window(window), m_nDescriptor(descriptor), m_bCompressed(compressed) {}
+  SoundItem(FileWindow& window, ImageFile image, bool compressed)
+      : m_Window(window), m_image(std::move(image)), m_bCompressed(compressed) {}
 
   // Whether they bear out that it is one, and ends where it seems to: names and their checksums
   // hold, a zero entry is zero, the data of a file reads completely.
@@ -50,7 +51,7 @@ class SoundItem {
 
  private:
   FileWindow& m_Window;
-  int m_nDescriptor;
+  ImageFile m_image;
   bool m_bCompressed;
 };
 

@@ -74,9 +74,9 @@ std::string LongNameOf(const Group& group) {
 
 class FatTreeReader {
  public:
-  FatTreeReader(int descriptor, const std::string& path, const IndexContents& index,
+  FatTreeReader(const ImageFile& image, const IndexContents& index,
                 std::vector<ImageProblem>* problems)
-      : m_path(path), m_index(index), m_problems(problems), m_window(descriptor, path) {}
+      : m_path(image.Name()), m_index(index), m_problems(problems), m_window(image) {}
 
   std::unique_ptr<Catalog> Read(size_t sections) {
     for (size_t i = 0; i < sections; ++i) ReadSection(i);
@@ -233,10 +233,10 @@ class FatTreeReader {
 
 }  // namespace
 
-std::unique_ptr<Catalog> ReadFatTree(int descriptor, const std::string& path,
-                                     const DecodedHeader& header, const IndexContents& index,
+std::unique_ptr<Catalog> ReadFatTree(const ImageFile& image, const DecodedHeader& header,
+                                     const IndexContents& index,
                                      std::vector<ImageProblem>* problems) {
-  return FatTreeReader(descriptor, path, index, problems).Read(header.partitions.size());
+  return FatTreeReader(image, index, problems).Read(header.partitions.size());
 }
 
 }  // namespace capsule::host

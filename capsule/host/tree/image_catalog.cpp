@@ -95,14 +95,11 @@ struct OpenedFile {
 // Reads the image in a library state of its own, so that images open side by side.
 class ClassReader {
  public:
-  ClassReader(int descriptor, const std::string& path) : m_Scope(m_State), m_Opened(path) {
+  explicit ClassReader(const std::string& path) : m_Scope(m_State), m_Opened(path) {
     if (m_Opened.file.GetImageFileHandle() <= 0) {
       const int reason = m_Opened.file.GetLastError();
       ThrowIfShort(path, "cannot open", reason);
       throw Error(path, "cannot open: " + SystemReason(reason));
-    }
-    if (platform::Identify(descriptor) != platform::Identify(m_Opened.file.GetImageFileHandle())) {
-      throw Error(path, "was replaced while it was opened");
     }
     Read(path);
   }
@@ -138,9 +135,9 @@ class ClassReader {
 
 class CatalogBuilder {
  public:
-  CatalogBuilder(int descriptor, const std::string& path, const IndexContents& index,
+  CatalogBuilder(const ImageFile& image, const IndexContents& index,
                  std::vector<ImageProblem>* problems)
-      : m_nDescriptor(descriptor), m_strPath(path), m_Index(index), m_pProblems(problems) {}
+      : m_image(image), m_strPath(image.Name()), m_Index(index), m_pProblems(problems) {}
 
   std::unique_ptr<Catalog> Build(CpsList& partitions) {
     const int count = partitions.GetCount();
@@ -265,9 +262,7 @@ class CatalogBuilder {
   // What is wrong with the long-name records of a group, or nothing.
   std::string JudgeChain(const BlockNode& node, const _ShortDirEntry& record) const {
     std::vector<unsigned char> group(node.dataOffset - node.offset);
-    const int64_t got = platform::ReadAt(m_nDescriptor, group.data(), group.size(), node.offset);
-    if (got < 0) throw Error(m_strPath, "cannot be read: " + SystemReason(errno), node.offset);
-    return JudgeLongName(std::span(group).first(static_cast<size_t>(got)), record);
+    return JudgeLongName(std::span(group).first(m_image.ReadAt(node.offset, group)), record);
   }
 
   void CheckThatAllAreThere() const {
@@ -362,9 +357,7 @@ class CatalogBuilder {
 
   bool IsNtfsEntryAt(uint32_t offset) const {
     std::array<unsigned char, kNtfsHeaderSize> bytes{};
-    if (platform::ReadAt(m_nDescriptor, bytes.data(), bytes.size(), offset) < 0) {
-      throw Error(m_strPath, "cannot be read: " + SystemReason(errno), offset);
-    }
+    m_image.ReadAt(offset, bytes);
     const uint32_t type = DecodeNtfsHeader(bytes).RecordType;
     return BeginsNtfsEntry(type) && type != kNtfsEnd;
   }
@@ -373,7 +366,7 @@ class CatalogBuilder {
     throw Error(m_strPath, "directory record at " + Hex(offset) + ": " + what, offset);
   }
 
-  int m_nDescriptor;
+  ImageFile m_image;
   const std::string& m_strPath;
   const IndexContents& m_Index;
   std::vector<ImageProblem>* m_pProblems;
@@ -387,14 +380,14 @@ class CatalogBuilder {
 
 }  // namespace
 
-std::unique_ptr<Catalog> ReadCatalog(int descriptor, const std::string& path,
-                                     const DecodedHeader& header, const IndexContents& index,
+std::unique_ptr<Catalog> ReadCatalog(const ImageFile& image, const DecodedHeader& header,
+                                     const IndexContents& index,
                                      std::vector<ImageProblem>* problems) {
   const bool hasNtfs = std::any_of(header.partitions.begin(), header.partitions.end(),
                                    [](const _Partition& p) { return p.SystemId == kSystemIdNtfs; });
-  if (!hasNtfs && index.isInOrder) return ReadFatTree(descriptor, path, header, index, problems);
-  ClassReader reader(descriptor, path);
-  return CatalogBuilder(descriptor, path, index, problems).Build(reader.Partitions());
+  if (!hasNtfs && index.isInOrder) return ReadFatTree(image, header, index, problems);
+  ClassReader reader(image.Name());
+  return CatalogBuilder(image, index, problems).Build(reader.Partitions());
 }
 
 }  // namespace capsule::host

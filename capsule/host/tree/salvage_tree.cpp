@@ -72,11 +72,10 @@ std::string AddNamed(FileWindow& window, const SurveyItem& found, TreeCollector*
 
 }  // namespace
 
-std::unique_ptr<Catalog> SalvageCatalog(int descriptor, const std::string& path,
-                                        const IndexContents& index, uint64_t limit,
-                                        std::vector<ImageProblem>* problems) {
+std::unique_ptr<Catalog> SalvageCatalog(const ImageFile& image, const IndexContents& index,
+                                        uint64_t limit, std::vector<ImageProblem>* problems) {
   TreeCollector collector;
-  FileWindow window(descriptor, path);
+  FileWindow window(image);
   SurveyVisitor visitor;
   visitor.onItem = [&](const SurveyItem& found) {
     const std::string wrong = AddNamed(window, found, &collector);
@@ -93,10 +92,10 @@ std::unique_ptr<Catalog> SalvageCatalog(int descriptor, const std::string& path,
   };
   try {
     if (index.isChecked && !index.records.empty()) {
-      SurveyByIndex(descriptor, path, index, visitor);
+      SurveyByIndex(image, index, visitor);
     } else {
       const SurveyOutline outline(index, limit);
-      SurveyBySearch(descriptor, path, {limit, index.sections, true, &outline}, visitor);
+      SurveyBySearch(image, {limit, index.sections, true, &outline}, visitor);
     }
   } catch (const ShortageError&) {
     throw;
@@ -106,21 +105,21 @@ std::unique_ptr<Catalog> SalvageCatalog(int descriptor, const std::string& path,
   return collector.Build();
 }
 
-void CheckSections(int descriptor, const std::string& path, const IndexContents& index,
-                   const Catalog& indexed, uint64_t limit) {
+void CheckSections(const ImageFile& image, const IndexContents& index, const Catalog& indexed,
+                   uint64_t limit) {
   SurveyVisitor visitor;
   TreeCollector collector;
-  FileWindow window(descriptor, path);
+  FileWindow window(image);
   visitor.onItem = [&](const SurveyItem& found) { AddNamed(window, found, &collector); };
   visitor.onFileDamage = [](uint64_t, const std::string&) {};  // told when the file is read
   visitor.onStray = [](uint64_t) {};  // readers leave such entries out, and say so
   visitor.onDamage = [&](uint64_t offset, const std::string& reason) {
-    throw Error(path, "item at " + Hex(offset) + ": " + reason, offset);
+    throw Error(image.Name(), "item at " + Hex(offset) + ": " + reason, offset);
   };
   const SurveyOutline outline(index, limit);
-  SurveyBySearch(descriptor, path, {limit, {}, false, &outline}, visitor);
+  SurveyBySearch(image, {limit, {}, false, &outline}, visitor);
   const std::string difference = CompareTrees(indexed, *collector.Build());
-  if (!difference.empty()) throw Error(path, difference);
+  if (!difference.empty()) throw Error(image.Name(), difference);
 }
 
 }  // namespace capsule::host

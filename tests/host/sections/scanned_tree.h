@@ -29,7 +29,7 @@ inline std::string StoredContent(const std::string& image, const host::SectionIt
 inline Tree ScannedTree(const std::string& path) {
   const std::string image = ReadFile(path);
   const host::ScopedDescriptor descriptor(platform::OpenForReading(path.c_str()));
-  host::SectionScanner scanner(descriptor.Get(), path);
+  host::SectionScanner scanner(host::ImageFile(descriptor.Get(), path));
   Tree tree;
   for (host::SectionItem item; scanner.Next(&item);) {
     const std::string key = std::to_string(item.section) + ":" + item.path;

@@ -20,7 +20,7 @@ using Kind = SectionItem::Kind;
 std::vector<SectionItem> Scan(const std::string& path) {
   const ScopedDescriptor descriptor(platform::OpenForReading(path.c_str()));
   EXPECT_TRUE(descriptor) << path;
-  SectionScanner scanner(descriptor.Get(), "x.cap");
+  SectionScanner scanner(ImageFile(descriptor.Get(), "x.cap"));
   std::vector<SectionItem> items;
   for (SectionItem item; scanner.Next(&item);) items.push_back(item);
   return items;
