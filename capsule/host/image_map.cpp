@@ -144,21 +144,19 @@ const char* MapKindName(MapItem::Kind kind) {
 MapSummary MapImage(const std::filesystem::path& path,
                     const std::function<void(const MapItem&)>& take) {
   const ScopedDescriptor file(platform::OpenForReading(path.c_str()));
-  if (!file) throw Error(path.string(), "cannot open: " + SystemReason(errno));
+  if (!file) ThrowSystemError(path.string(), "cannot open", errno);
   return MapImage(file.Get(), path.string(), take);
 }
 
 MapSummary MapImage(int descriptor, const std::string& name,
                     const std::function<void(const MapItem&)>& take, bool hasIndex) {
   const int64_t length = platform::FileLength(descriptor);
-  if (length < 0) throw Error(name, "cannot tell its length: " + SystemReason(errno));
+  if (length < 0) ThrowSystemError(name, "cannot tell its length", errno);
   MapSink sink(static_cast<uint64_t>(length), take);
   try {
     ImageMapper(descriptor, name, sink).Map(hasIndex);
   } catch (int) {
-    const int reason = errno;
-    ThrowIfShort(name, "index cannot be read", reason);
-    throw Error(name, "index cannot be read: " + SystemReason(reason));
+    ThrowSystemError(name, "index cannot be read", errno);
   }
   return sink.Summary();
 }

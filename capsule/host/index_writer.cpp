@@ -103,11 +103,13 @@ std::vector<unsigned char> CompleteHeader(const SectionScanner& scanner, uint64_
   const bool countMatches = scanner.Header().partitions.size() == scanner.SectionCount();
   if (!countMatches) {
     if (scanner.IsScrambled()) {
-      throw Error(name, "partition count cannot be corrected: header is scrambled");
+      throw Error(ErrorKind::Unsupported, name,
+                  "partition count cannot be corrected: header is scrambled");
     }
     if (scanner.Header().layout != HeaderLayout::Fixed ||
         !ComeFirst(scanner.Header(), scanner.SectionCount())) {
-      throw Error(name, "partition count cannot be corrected: records do not follow each other");
+      throw Error(ErrorKind::Unsupported, name,
+                  "partition count cannot be corrected: records do not follow each other");
     }
     header[kPartitionCountOffset] = static_cast<unsigned char>(scanner.SectionCount());
   }
@@ -120,7 +122,7 @@ IndexWriter::IndexWriter(const std::filesystem::path& image)
     : m_nDescriptor(platform::OpenForUpdate(image.c_str())),
       m_bOwned(true),
       m_strName(image.string()) {
-  if (m_nDescriptor < 0) throw Error(m_strName, SystemReason(errno));
+  if (m_nDescriptor < 0) ThrowSystemError(m_strName, "", errno);
 }
 
 IndexWriter::IndexWriter(int descriptor, std::string name)
@@ -155,7 +157,8 @@ IndexReport IndexWriter::Write(DamagedSections damaged) {
   }
   const bool force = damaged == DamagedSections::NoteDamage;
   if (damaged != DamagedSections::Refuse) {
-    if (!m_bOwned) throw Error(m_strName, "only an image with a path can be judged");
+    if (!m_bOwned)
+      throw Error(ErrorKind::Misuse, m_strName, "only an image with a path can be judged");
     const Image image(m_strName, Opening::Salvage);
     return image.Info().checked ? AnnotateIndex(m_nDescriptor, image, force)
                                 : WriteSections(image, force);
@@ -190,12 +193,12 @@ IndexReport IndexWriter::WriteSections(const Image& image, bool force) {
   const uint64_t end = trial.Length();
   if (!platform::CanGrow(m_nDescriptor, static_cast<int64_t>(begin),
                          static_cast<int64_t>(end - begin))) {
-    throw Error(m_strName, "no room for the index: " + SystemReason(errno));
+    ThrowSystemError(m_strName, "no room for the index", errno);
   }
   Complete(plan, [&] {
     const bool isDone = platform::Truncate(m_nDescriptor, static_cast<int64_t>(begin)) &&
                         CopyBytes(trial.Descriptor(), m_nDescriptor, begin, end);
-    if (!isDone) throw Error(m_strName, "write of the index: " + SystemReason(errno));
+    if (!isDone) ThrowSystemError(m_strName, "write of the index", errno);
   });
   return plan.report;
 }
@@ -249,9 +252,9 @@ IndexWriter::Plan IndexWriter::Measure(SectionTrust trust, std::vector<DamageNot
                                std::to_string(plan.report.sections));
   }
   if (plan.report.imageBytes > static_cast<uint64_t>(kMaxImageSize)) {
-    throw Error(m_strName, "image with its index would be " +
-                               std::to_string(plan.report.imageBytes) + " bytes, " +
-                               std::to_string(kMaxImageSize) + " are possible");
+    throw Error(ErrorKind::Unsupported, m_strName,
+                "image with its index would be " + std::to_string(plan.report.imageBytes) +
+                    " bytes, " + std::to_string(kMaxImageSize) + " are possible");
   }
   RefuseToCutSection(m_nDescriptor, m_strName, scanner, plan.report.indexOffset);
   plan.isCompressed = scanner.Header().compressed;
@@ -296,7 +299,7 @@ void IndexWriter::Count(Plan* plan) {
 uint64_t IndexWriter::Append(const Plan& plan, int output, TrialImage* trial) {
   const uint64_t start = plan.report.indexOffset;
   if (!platform::Truncate(output, static_cast<int64_t>(start))) {
-    throw Error(m_strName, "truncate: " + SystemReason(errno));
+    ThrowSystemError(m_strName, "truncate", errno);
   }
   RecordSource files;
   files.descriptor = m_nDescriptor;
@@ -318,7 +321,7 @@ uint64_t IndexWriter::Append(const Plan& plan, int output, TrialImage* trial) {
   VisitItems(m_nDescriptor, m_strName, isKnown ? SectionTrust::Written : plan.trust, visitor);
   const uint64_t end = writer.Finish();
   if (end - writer.RestartBytes() != plan.report.imageBytes) {
-    throw Error(m_strName, "changed meanwhile");
+    throw Error(ErrorKind::System, m_strName, "changed meanwhile");
   }
   return end;
 }
@@ -326,16 +329,16 @@ uint64_t IndexWriter::Append(const Plan& plan, int output, TrialImage* trial) {
 void IndexWriter::PatchHeader(std::span<const unsigned char> header, size_t offset, size_t count) {
   const auto bytes = header.subspan(offset, count);
   if (!platform::WriteAt(m_nDescriptor, bytes.data(), count, static_cast<int64_t>(offset))) {
-    throw Error(m_strName, "write of the header: " + SystemReason(errno), offset);
+    ThrowSystemError(m_strName, "write of the header", errno, offset);
   }
 }
 
 void IndexWriter::SyncFile() {
-  if (!platform::Sync(m_nDescriptor)) throw Error(m_strName, "sync: " + SystemReason(errno));
+  if (!platform::Sync(m_nDescriptor)) ThrowSystemError(m_strName, "sync", errno);
 }
 
 void IndexWriter::ThrowIfCancelled() const {
-  if (m_pCancel != nullptr && *m_pCancel) throw Error(m_strName, "cancelled");
+  if (m_pCancel != nullptr && *m_pCancel) throw Error(ErrorKind::Cancelled, m_strName, "cancelled");
 }
 
 }  // namespace capsule::host

@@ -257,13 +257,14 @@ class VerifyRun {
 VerifyReport Verifier::Run(const std::function<void(const Fault&)>& take) const {
   const std::string name = m_Path.string();
   const ScopedDescriptor file(platform::OpenForReading(m_Path.c_str()));
-  if (!file) throw Error(name, "cannot open: " + SystemReason(errno));
+  if (!file) ThrowSystemError(name, "cannot open", errno);
   if (platform::FileLength(file.Get()) < 0) {
-    throw Error(name, "cannot tell its length: " + SystemReason(errno));
+    ThrowSystemError(name, "cannot tell its length", errno);
   }
   FileWindow window(file.Get(), name);
-  const MappedHeader header = DecodeStoredHeader(window.At(0, kHeaderSize));
-  if (!header.decoded) throw Error(name, header.problem);
+  const auto stored = window.At(0, kHeaderSize);
+  const MappedHeader header = DecodeStoredHeader(stored);
+  if (!header.decoded) throw Error(KindOfBadHeader(stored), name, header.problem);
   return VerifyRun(file.Get(), name, *header.decoded, take).Verify();
 }
 

@@ -69,10 +69,10 @@ ImageDraft::ImageDraft(std::string target, std::string name, int level, const st
                        const std::atomic<bool>* cancel)
     : m_strTarget(std::move(target)), m_strName(std::move(name)) {
   if (const auto old = platform::Status(m_strTarget)) {
-    if (old->kind != platform::FileKind::Regular) Fail("is not a regular file");
+    if (old->kind != platform::FileKind::Regular) Fail(ErrorKind::Exists, "is not a regular file");
     m_Old = old->identity;
   }
-  if (!m_Temporary.Create(m_strTarget)) Fail("cannot be created: " + SystemReason(errno));
+  if (!m_Temporary.Create(m_strTarget)) FailAs("cannot be created", errno);
   m_Own = platform::Identify(m_Temporary.Descriptor());
 
   m_State.cancel = cancel;
@@ -83,14 +83,14 @@ ImageDraft::ImageDraft(std::string target, std::string name, int level, const st
   };
   const ScopedLibraryState scope(m_State);
   if (m_Image.CreateCapsuleFile(m_Temporary.Path().c_str()) != 0) {
-    Fail("cannot be created: " + SystemReason(m_Image.GetLastError()));
+    FailAs("cannot be created", m_Image.GetLastError());
   }
   m_bOpen = true;
   m_Image.SetCompressionLevel(level);
   if (m_Image.WriteImageFileHeader(version.c_str()) != 0) {
     const int error = m_Image.GetLastError();
     CloseImage();
-    Fail("write of the header: " + SystemReason(error));
+    FailAs("write of the header", error);
   }
 }
 
@@ -103,7 +103,7 @@ void ImageDraft::BeginPartition() {
   const ScopedLibraryState scope(m_State);
   errno = 0;
   if (m_Image.BeginPartition(m_nPartition) == 0) return;
-  Fail("write: " + SystemReason(errno != 0 ? errno : EFBIG));
+  FailAs("write", errno != 0 ? errno : EFBIG);
 }
 
 std::optional<std::string> ImageDraft::Insert(const SourceItem& item) {
@@ -123,7 +123,7 @@ std::optional<std::string> ImageDraft::Insert(const SourceItem& item) {
   m_State.dirLevelsToClose = levelsToClose;
   ThrowIfCancelled();
   ThrowIfShort(item.path, "cannot be inserted", error);
-  if (IsWriteFailure(error)) Fail("write: " + SystemReason(error));
+  if (IsWriteFailure(error)) FailAs("write", error);
   std::string problem = SourceProblem(item);
   if (!problem.empty()) return problem;
   ThrowIfFull(error, item.status.size);
@@ -144,13 +144,14 @@ int ImageDraft::InsertOpened(const SourceItem& item) {
 void ImageDraft::ThrowIfFull(int error, uint64_t size) {
   const auto end = static_cast<uint64_t>(m_Image.GetWriteOffset());
   if (MostBytes(size) + kPartitionTrailerSize > static_cast<uint64_t>(kMaxImageSize) - end) {
-    Fail("image would be larger than " + std::to_string(kMaxImageSize) + " bytes");
+    Fail(ErrorKind::Unsupported,
+         "image would be larger than " + std::to_string(kMaxImageSize) + " bytes");
   }
   if (!platform::CanGrow(m_Temporary.Descriptor(), static_cast<int64_t>(end),
                          static_cast<int64_t>(MostBytes(size)))) {
-    Fail("write: " + SystemReason(errno));
+    FailAs("write", errno);
   }
-  if (error == EIO) Fail("write: " + SystemReason(error));
+  if (error == EIO) FailAs("write", error);
 }
 
 bool ImageDraft::IsOwnFile(const platform::FileIdentity& identity) const {
@@ -161,15 +162,14 @@ uint64_t ImageDraft::Complete(int* syncProblem) {
   {
     const ScopedLibraryState scope(m_State);
     errno = 0;
-    if (m_Image.CloseImageFile() != 0) Fail("write: " + SystemReason(errno != 0 ? errno : EIO));
+    if (m_Image.CloseImageFile() != 0) FailAs("write", errno != 0 ? errno : EIO);
     m_bOpen = false;
   }
   IndexWriter index(m_Temporary.Descriptor(), m_strName);
   index.SetCancelFlag(m_State.cancel);
   index.SetKnownRestarts(&m_Restarts);
   const IndexReport report = index.Write();
-  if (const char* step = m_Temporary.Publish(syncProblem))
-    Fail(std::string(step) + ": " + SystemReason(errno));
+  if (const char* step = m_Temporary.Publish(syncProblem)) FailAs(step, errno);
   return report.imageBytes;
 }
 
@@ -178,9 +178,15 @@ void ImageDraft::CloseImage() {
 }
 
 void ImageDraft::ThrowIfCancelled() const {
-  if (*m_State.cancel) Fail("cancelled");
+  if (*m_State.cancel) Fail(ErrorKind::Cancelled, "cancelled");
 }
 
-void ImageDraft::Fail(const std::string& reason) const { throw Error(m_strName, reason); }
+void ImageDraft::Fail(ErrorKind kind, const std::string& reason) const {
+  throw Error(kind, m_strName, reason);
+}
+
+void ImageDraft::FailAs(const char* step, int error) const {
+  ThrowSystemError(m_strName, step, error);
+}
 
 }  // namespace capsule::host

@@ -13,6 +13,7 @@
 
 #include "capsule/container/capsule_file.h"
 #include "capsule/host/build/source_walk.h"
+#include "capsule/host/error.h"
 #include "capsule/host/indexing/restart_collector.h"
 #include "capsule/platform/file.h"
 #include "capsule/platform/temporary_file.h"
@@ -51,7 +52,8 @@ class ImageDraft {
 
  private:
   int InsertOpened(const SourceItem& item);
-  [[noreturn]] void Fail(const std::string& reason) const;
+  [[noreturn]] void Fail(ErrorKind kind, const std::string& reason) const;
+  [[noreturn]] void FailAs(const char* step, int error) const;
   void ThrowIfFull(int error, uint64_t size);
   void CloseImage();
   void ThrowIfCancelled() const;

@@ -79,7 +79,7 @@ SourceWalk::SourceWalk(std::string root, Filter filter)
     : m_strRoot(std::move(root)), m_Filter(std::move(filter)) {
   ScopedDescriptor folder(platform::OpenFolderBehind(m_strRoot.c_str()));
   const auto status = folder ? platform::StatusOf(folder.Get()) : std::nullopt;
-  if (!status || !Push(std::move(folder), *status)) throw Error(m_strRoot, SystemReason(errno));
+  if (!status || !Push(std::move(folder), *status)) ThrowSystemError(m_strRoot, "", errno);
 }
 
 bool SourceWalk::Next(SourceItem* item) {

@@ -32,7 +32,7 @@ void FileWindow::Fill(uint64_t offset, size_t count) {
   m_nStart = offset;
   m_nFilled = got < 0 ? 0 : static_cast<size_t>(got);
   if (got < 0) {
-    throw Error(m_strName, "read at " + Hex(offset) + ": " + SystemReason(errno), offset);
+    ThrowSystemError(m_strName, "read at " + Hex(offset), errno, offset);
   }
 }
 

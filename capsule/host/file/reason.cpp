@@ -9,7 +9,14 @@ namespace capsule::host {
 bool IsShortage(int error) { return error == ENOMEM || error == EMFILE || error == ENFILE; }
 
 void ThrowIfShort(const std::string& path, const std::string& what, int error) {
-  if (IsShortage(error)) throw ShortageError(path, what + ": " + SystemReason(error));
+  if (IsShortage(error)) ThrowSystemError(path, what, error);
+}
+
+void ThrowSystemError(const std::string& path, const std::string& what, int error,
+                      std::optional<uint64_t> offset) {
+  const std::error_code code(error, std::generic_category());
+  if (IsShortage(error)) throw ShortageError(path, what, code, offset);
+  throw Error(path, what, code, offset);
 }
 
 std::string WithoutPath(const std::string& reason, const std::string& path) {

@@ -1,6 +1,8 @@
 // Words for messages.
 #pragma once
 
+#include <cstdint>
+#include <optional>
 #include <string>
 
 #include "capsule/host/message_text.h"
@@ -12,6 +14,10 @@ bool IsShortage(int error);
 
 // Throws ShortageError when `error` is such a one. `what` could not be done.
 void ThrowIfShort(const std::string& path, const std::string& what, int error);
+
+// Throws Error that `what` could not be done, ShortageError where memory or descriptors ran out.
+[[noreturn]] void ThrowSystemError(const std::string& path, const std::string& what, int error,
+                                   std::optional<uint64_t> offset = std::nullopt);
 
 // `reason` without the "path: " that it may begin with.
 std::string WithoutPath(const std::string& reason, const std::string& path);

@@ -94,7 +94,7 @@ class IndexWalk {
 
   void ReadFully(unsigned char* to, size_t count, uint64_t at) const {
     const int64_t got = platform::ReadAt(m_nDescriptor, to, count, static_cast<int64_t>(at));
-    if (got < 0) throw Error(m_strPath, "cannot read the index: " + SystemReason(errno));
+    if (got < 0) ThrowSystemError(m_strPath, "cannot read the index", errno);
     if (static_cast<uint64_t>(got) != count) Throw("index is cut short");
   }
 

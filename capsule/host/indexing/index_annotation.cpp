@@ -94,11 +94,11 @@ void Replace(int descriptor, const ImageInfo& info, const std::string& name,
   if (!write(old, bytes.size() - old)) {
     const int reason = errno;
     platform::Truncate(descriptor, static_cast<int64_t>(info.imageBytes));
-    throw Error(name, "write of the index: " + SystemReason(reason));
+    ThrowSystemError(name, "write of the index", reason);
   }
   const auto end = static_cast<int64_t>(info.indexOffset + bytes.size());
   if (!write(0, old) || !platform::Truncate(descriptor, end)) {
-    throw Error(name, "write of the index: " + SystemReason(errno));
+    ThrowSystemError(name, "write of the index", errno);
   }
 }
 
@@ -106,7 +106,8 @@ void RefuseWhatIsNotLedTo(const std::string& name) {
   try {
     const Image strict(name);
   } catch (const Error& error) {
-    throw Error(name, error.Reason() + "; the index tells what stood there, and stays as it is");
+    throw Error(error.Kind(), name,
+                error.Reason() + "; the index tells what stood there, and stays as it is");
   }
 }
 
@@ -137,7 +138,9 @@ IndexReport AnnotateIndex(int descriptor, const Image& image, bool force) {
   const auto bytes = NotedIndex(descriptor, info.indexOffset, std::move(notes));
   report.imageBytes = info.indexOffset + bytes.size();
   if (bytes.empty() || report.imageBytes > static_cast<uint64_t>(kMaxImageSize)) {
-    throw Error(name, bytes.empty() ? "changed meanwhile" : "has no room for a longer index");
+    const bool hasChanged = bytes.empty();
+    throw Error(hasChanged ? ErrorKind::System : ErrorKind::Unsupported, name,
+                hasChanged ? "changed meanwhile" : "has no room for a longer index");
   }
   Replace(descriptor, info, name, bytes);
   return report;

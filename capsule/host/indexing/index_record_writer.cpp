@@ -155,7 +155,8 @@ void IndexRecordWriter::AppendRestartPoints() {
                          : m_pKnown->Of(m_Source.begin, m_Source.limit, m_Source.size);
   for (IndexRecord point : known) {
     const auto header = m_Window.At(point.offset, kMiniHeaderSize);
-    if (header.size() < kMiniHeaderSize) throw Error(m_Source.imagePath, "changed meanwhile");
+    if (header.size() < kMiniHeaderSize)
+      throw Error(ErrorKind::System, m_Source.imagePath, "changed meanwhile");
     point.length = kMiniHeaderSize + DecodeMiniHeader(header.first<kMiniHeaderSize>()).Length;
     append(point);
   }

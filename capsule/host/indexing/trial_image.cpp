@@ -51,7 +51,7 @@ void TrialImage::Open(bool isWhole) const {
 }
 
 void TrialImage::Fail(const char* step) const {
-  throw Error(m_strName, std::string(step) + ": " + SystemReason(errno));
+  ThrowSystemError(m_strName, std::string(step), errno);
 }
 
 bool CopyBytes(int from, int to, uint64_t begin, uint64_t end) {

@@ -102,7 +102,7 @@ void RecordStream::StartAt(const RestartPoint& point) {
   const int64_t got =
       platform::ReadAt(m_Source.descriptor, history.data(), history.size(), point.history);
   if (got < 0) {
-    throw Error(m_Source.imagePath, "cannot be read: " + SystemReason(errno), point.history);
+    ThrowSystemError(m_Source.imagePath, "cannot be read", errno, point.history);
   }
   if (static_cast<size_t>(got) != history.size()) return;  // the image was cut short meanwhile
   m_Decoder.Restore(history);

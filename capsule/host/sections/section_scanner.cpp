@@ -9,6 +9,7 @@
 
 #include "capsule/host/error.h"
 #include "capsule/host/file/reason.h"
+#include "capsule/host/index/image_header.h"
 #include "capsule/partition/record_format.h"
 #include "capsule/platform/file.h"
 
@@ -30,11 +31,12 @@ std::string Numbers(uint64_t has, const char* middle, uint64_t other, const char
 SectionScanner::SectionScanner(int descriptor, std::string name)
     : m_strName(std::move(name)), m_Window(descriptor, m_strName) {
   const int64_t length = platform::FileLength(descriptor);
-  if (length < 0) throw Error(m_strName, "length is not known");
+  if (length < 0) throw Error(ErrorKind::System, m_strName, "length is not known");
   m_nFileLength = static_cast<uint64_t>(length);
   if (m_nFileLength > static_cast<uint64_t>(kMaxImageSize)) {
-    throw Error(m_strName, "not an image: " + Numbers(m_nFileLength, " bytes, at most ",
-                                                      kMaxImageSize, " are possible"));
+    throw Error(ErrorKind::NotAnImage, m_strName,
+                "not an image: " +
+                    Numbers(m_nFileLength, " bytes, at most ", kMaxImageSize, " are possible"));
   }
   ReadHeader();
 }
@@ -42,7 +44,7 @@ SectionScanner::SectionScanner(int descriptor, std::string name)
 void SectionScanner::ReadHeader() {
   const auto bytes = m_Window.At(0, kHeaderSize);
   if (bytes.size() < kHeaderSize) {
-    throw Error(m_strName,
+    throw Error(ErrorKind::NotAnImage, m_strName,
                 "not an image: " + Numbers(bytes.size(), " bytes, a header has ", kHeaderSize, ""));
   }
   m_RawHeader.assign(bytes.begin(), bytes.end());
@@ -51,7 +53,7 @@ void SectionScanner::ReadHeader() {
   std::string problem;
   std::optional<DecodedHeader> header;
   if (RestoreScrambledRegion(restored, &problem)) header = DecodeHeader(restored, &problem);
-  if (!header) throw Error(m_strName, "header: " + problem, 0);
+  if (!header) throw Error(KindOfBadHeader(m_RawHeader), m_strName, "header: " + problem, 0);
   m_Header = std::move(*header);
   for (const _Partition& record : m_Header.partitions) {
     if (IsInUse(record)) m_SystemIds.push_back(record.SystemId);

@@ -97,12 +97,10 @@ class ClassReader {
  public:
   ClassReader(int descriptor, const std::string& path) : m_Scope(m_State), m_Opened(path) {
     if (m_Opened.file.GetImageFileHandle() <= 0) {
-      const int reason = m_Opened.file.GetLastError();
-      ThrowIfShort(path, "cannot open", reason);
-      throw Error(path, "cannot open: " + SystemReason(reason));
+      ThrowSystemError(path, "cannot open", m_Opened.file.GetLastError());
     }
     if (platform::Identify(descriptor) != platform::Identify(m_Opened.file.GetImageFileHandle())) {
-      throw Error(path, "was replaced while it was opened");
+      throw Error(ErrorKind::System, path, "was replaced while it was opened");
     }
     Read(path);
   }
@@ -126,9 +124,9 @@ class ClassReader {
   // The classes do not tell what they found damaged from what the system could not do.
   [[noreturn]] static void Fail(const std::string& path, const std::string& what, int error,
                                 const std::string& damage) {
-    ThrowIfShort(path, what, error);
     const bool isDamage = error == 0 || error == EINVAL;  // the latter for an offset of no file
-    throw Error(path, what + ": " + (isDamage ? damage : SystemReason(error)));
+    if (!isDamage) ThrowSystemError(path, what, error);
+    throw Error(path, what + ": " + damage);
   }
 
   LibraryState m_State;
@@ -266,7 +264,7 @@ class CatalogBuilder {
   std::string JudgeChain(const BlockNode& node, const _ShortDirEntry& record) const {
     std::vector<unsigned char> group(node.dataOffset - node.offset);
     const int64_t got = platform::ReadAt(m_nDescriptor, group.data(), group.size(), node.offset);
-    if (got < 0) throw Error(m_strPath, "cannot be read: " + SystemReason(errno), node.offset);
+    if (got < 0) ThrowSystemError(m_strPath, "cannot be read", errno, node.offset);
     return JudgeLongName(std::span(group).first(static_cast<size_t>(got)), record);
   }
 
@@ -363,7 +361,7 @@ class CatalogBuilder {
   bool IsNtfsEntryAt(uint32_t offset) const {
     std::array<unsigned char, kNtfsHeaderSize> bytes{};
     if (platform::ReadAt(m_nDescriptor, bytes.data(), bytes.size(), offset) < 0) {
-      throw Error(m_strPath, "cannot be read: " + SystemReason(errno), offset);
+      ThrowSystemError(m_strPath, "cannot be read", errno, offset);
     }
     const uint32_t type = DecodeNtfsHeader(bytes).RecordType;
     return BeginsNtfsEntry(type) && type != kNtfsEnd;
