@@ -70,15 +70,15 @@ void Extractor::Impl::OpenTarget() {
   current = ScopedDescriptor(platform::OpenFolder(target.c_str()));
   if (current) return platform::RemoveLeftOvers(current.Get());
   const int reason = errno;
-  ThrowIfShort(target.string(), "cannot open", reason);
   const bool isLink = reason == ELOOP || (reason == ENOTDIR && std::filesystem::is_symlink(target));
-  throw Error(target.string(), isLink ? "is a link; name the folder it leads to, or end it with '/'"
-                                      : "cannot open: " + SystemReason(reason));
+  if (!isLink) ThrowSystemError(target.string(), "cannot open", reason);
+  throw Error(ErrorKind::Unsupported, target.string(),
+              "is a link; name the folder it leads to, or end it with '/'");
 }
 
 platform::FileIdentity Extractor::Impl::IdentityOf(const ScopedDescriptor& folder) const {
   const auto identity = platform::Identify(folder.Get());
-  if (!identity) throw Error(target.string(), "cannot look at a folder: " + SystemReason(errno));
+  if (!identity) ThrowSystemError(target.string(), "cannot look at a folder", errno);
   return *identity;
 }
 
@@ -127,9 +127,9 @@ void Extractor::Impl::Leave() {
   levels.pop_back();
   // The way up is opened first: a folder that loses its permissions may not be asked any more.
   ScopedDescriptor above(platform::OpenFolderIn(current.Get(), ".."));
-  if (!above) throw Error(target.string(), "cannot go back up: " + SystemReason(errno));
+  if (!above) ThrowSystemError(target.string(), "cannot go back up", errno);
   if (IdentityOf(above) != levels.back().identity) {
-    throw Error(target.string(), "a folder in it was moved while extracting");
+    throw Error(ErrorKind::System, target.string(), "a folder in it was moved while extracting");
   }
   if ((level.isNew || options.force) && !level.folder.IsRoot()) {
     const auto time = level.folder.ModifiedTime();
@@ -206,6 +206,8 @@ Extractor::Extractor(const Image& image, std::filesystem::path target, ExtractOp
 }
 
 Extractor::~Extractor() = default;
+Extractor::Extractor(Extractor&&) noexcept = default;
+Extractor& Extractor::operator=(Extractor&&) noexcept = default;
 
 void Extractor::Add(const Entry& entry) {
   m_pImpl->chosen[entry.m_nId] = true;

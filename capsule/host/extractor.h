@@ -22,13 +22,13 @@
 
 #include <cstdint>
 #include <filesystem>
-#include <memory>
 #include <string>
 #include <vector>
 
 #include "capsule/export.h"
 #include "capsule/host/extract_options.h"
 #include "capsule/host/image.h"
+#include "capsule/host/impl_pointer.h"
 
 namespace capsule::host {
 
@@ -52,8 +52,8 @@ class CAPSULE_API Extractor {
   // The image must outlive the extractor. Throws Error when the target cannot be opened.
   Extractor(const Image& image, std::filesystem::path target, ExtractOptions options = {});
   ~Extractor();
-  Extractor(const Extractor&) = delete;
-  Extractor& operator=(const Extractor&) = delete;
+  Extractor(Extractor&&) noexcept;
+  Extractor& operator=(Extractor&&) noexcept;
 
   // Chooses an entry, with all below it. Without any, Run extracts everything.
   void Add(const Entry& entry);
@@ -64,7 +64,7 @@ class CAPSULE_API Extractor {
 
  private:
   struct Impl;
-  std::unique_ptr<Impl> m_pImpl;
+  ImplPointer<Impl> m_pImpl;
 };
 
 }  // namespace capsule::host

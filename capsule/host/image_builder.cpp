@@ -40,27 +40,29 @@ std::string VersionText(const fs::path& image, const std::string& label) {
     version = std::string(kSignature) + (label.empty() ? "" : " ") + label;
   }
   if (version.size() >= kVersionSize) {
-    throw Error(image.string(), "label is " + std::to_string(version.size()) + " bytes, " +
-                                    std::to_string(kVersionSize - 1) + " are possible");
+    throw Error(ErrorKind::Misuse, image.string(),
+                "label is " + std::to_string(version.size()) + " bytes, " +
+                    std::to_string(kVersionSize - 1) + " are possible");
   }
   if (version.find('\0') != std::string::npos) {
-    throw Error(image.string(), "label has a zero byte");
+    throw Error(ErrorKind::Misuse, image.string(), "label has a zero byte");
   }
   return version;
 }
 
 int CheckedLevel(const fs::path& image, int level) {
   if (level >= 0 && level <= 9) return level;
-  throw Error(image.string(), "level is " + std::to_string(level) + ", 0 to 9 are possible");
+  throw Error(ErrorKind::Misuse, image.string(),
+              "level is " + std::to_string(level) + ", 0 to 9 are possible");
 }
 
 // Where a link leads, so that the link stays, also when nothing is there yet.
 fs::path BehindLinks(const fs::path& image, fs::path target) {
   std::error_code error;
   for (int links = 0; fs::is_symlink(fs::symlink_status(target, error)); ++links) {
-    if (links == kMaxLinks) throw Error(image.string(), SystemReason(ELOOP));
+    if (links == kMaxLinks) ThrowSystemError(image.string(), "", ELOOP);
     const fs::path next = fs::read_symlink(target, error);
-    if (error) throw Error(image.string(), SystemReason(error.value()));
+    if (error) ThrowSystemError(image.string(), "", error.value());
     target = target.parent_path() / next;
   }
   return target;
@@ -71,11 +73,11 @@ void CheckReplaceable(const std::string& target, const std::string& name) {
   const auto old = platform::Status(target);
   if (!old || old->kind != platform::FileKind::Regular || old->size == 0) return;
   const ScopedDescriptor file(platform::OpenForReading(target.c_str()));
-  if (!file) throw Error(name, "cannot be read: " + SystemReason(errno));
+  if (!file) ThrowSystemError(name, "cannot be read", errno);
   try {
     ReadImageHeader(file.Get(), name, old->size);
   } catch (const Error& error) {
-    throw Error(name, error.Reason() + "; only --force replaces it");
+    throw Error(ErrorKind::Exists, name, error.Reason() + "; only --force replaces it");
   }
 }
 
@@ -83,7 +85,7 @@ void CheckReplaceable(const std::string& target, const std::string& name) {
 std::string Target(const fs::path& image, bool force) {
   std::error_code error;
   const fs::path absolute = fs::absolute(image, error);
-  if (error) throw Error(image.string(), SystemReason(error.value()));
+  if (error) ThrowSystemError(image.string(), "", error.value());
   const std::string target = BehindLinks(image, absolute).string();
   if (!force) CheckReplaceable(target, image.string());
   return target;
@@ -97,7 +99,8 @@ std::optional<int64_t> LatestTime() {
   int64_t seconds = 0;
   const auto [end, error] = std::from_chars(digits.begin(), digits.end(), seconds);
   if (error != std::errc() || end != digits.end()) {
-    throw Error(kTimeVariable, "'" + std::string(digits) + "' is not a number of seconds");
+    throw Error(ErrorKind::Misuse, kTimeVariable,
+                "'" + std::string(digits) + "' is not a number of seconds");
   }
   return seconds;
 }
@@ -214,20 +217,22 @@ void ImageBuilder::Impl::Complete() {
 }
 
 void ImageBuilder::Impl::ThrowIfUnusable() const {
-  if (isCancelled) throw Error(name, "cancelled");
-  if (isBroken) throw Error(name, "the build has failed before");
-  if (isFinished) throw Error(name, "the build is finished");
+  if (isCancelled) throw Error(ErrorKind::Cancelled, name, "cancelled");
+  if (isBroken) throw Error(ErrorKind::Misuse, name, "the build has failed before");
+  if (isFinished) throw Error(ErrorKind::Misuse, name, "the build is finished");
 }
 
 ImageBuilder::ImageBuilder(fs::path image, BuildOptions options)
     : m_pImpl(std::make_unique<Impl>(image, std::move(options))) {}
 
 ImageBuilder::~ImageBuilder() = default;
+ImageBuilder::ImageBuilder(ImageBuilder&&) noexcept = default;
+ImageBuilder& ImageBuilder::operator=(ImageBuilder&&) noexcept = default;
 
 void ImageBuilder::AddDirectory(const fs::path& directory) {
   m_pImpl->ThrowIfUnusable();
   if (m_pImpl->partitions == kMaxPartitions) {
-    throw Error(directory.string(),
+    throw Error(ErrorKind::Misuse, directory.string(),
                 "an image holds " + std::to_string(kMaxPartitions) + " folders at most");
   }
   SourceWalk walk(directory.string(), [this](const std::string& name, const std::string& relative) {
@@ -237,7 +242,7 @@ void ImageBuilder::AddDirectory(const fs::path& directory) {
   m_pImpl->draft.BeginPartition();
   ++m_pImpl->partitions;
   for (SourceItem item; walk.Next(&item);) {
-    if (m_pImpl->isCancelled) throw Error(m_pImpl->name, "cancelled");
+    if (m_pImpl->isCancelled) throw Error(ErrorKind::Cancelled, m_pImpl->name, "cancelled");
     m_pImpl->Take(&walk, item);
   }
   m_pImpl->isBroken = false;
@@ -246,15 +251,17 @@ void ImageBuilder::AddDirectory(const fs::path& directory) {
 void ImageBuilder::AddDirectories(const std::vector<fs::path>& directories) {
   const size_t count = static_cast<size_t>(m_pImpl->partitions) + directories.size();
   if (count > static_cast<size_t>(kMaxPartitions)) {
-    throw Error(m_pImpl->name, "an image holds " + std::to_string(kMaxPartitions) +
-                                   " folders at most, these are " + std::to_string(count));
+    throw Error(ErrorKind::Misuse, m_pImpl->name,
+                "an image holds " + std::to_string(kMaxPartitions) +
+                    " folders at most, these are " + std::to_string(count));
   }
   for (const fs::path& directory : directories) AddDirectory(directory);
 }
 
 BuildReport ImageBuilder::Finish() {
   m_pImpl->ThrowIfUnusable();
-  if (m_pImpl->partitions == 0) throw Error(m_pImpl->name, "no folder was added");
+  if (m_pImpl->partitions == 0)
+    throw Error(ErrorKind::Misuse, m_pImpl->name, "no folder was added");
   m_pImpl->isBroken = true;
   m_pImpl->Complete();
   m_pImpl->isBroken = false;

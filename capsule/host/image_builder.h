@@ -19,12 +19,12 @@
 #include <cstdint>
 #include <filesystem>
 #include <functional>
-#include <memory>
 #include <string>
 #include <vector>
 
 #include "capsule/export.h"
 #include "capsule/host/error.h"
+#include "capsule/host/impl_pointer.h"
 
 namespace capsule::host {
 
@@ -79,8 +79,8 @@ class CAPSULE_API ImageBuilder {
 
   // Without Finish the temporary file is removed and the old image left.
   ~ImageBuilder();
-  ImageBuilder(const ImageBuilder&) = delete;
-  ImageBuilder& operator=(const ImageBuilder&) = delete;
+  ImageBuilder(ImageBuilder&&) noexcept;
+  ImageBuilder& operator=(ImageBuilder&&) noexcept;
 
   // Inserts everything below `directory` as the next partition. Throws when it cannot be opened
   // or is the eleventh.
@@ -101,7 +101,7 @@ class CAPSULE_API ImageBuilder {
 
  private:
   struct Impl;
-  std::unique_ptr<Impl> m_pImpl;
+  ImplPointer<Impl> m_pImpl;
 };
 
 }  // namespace capsule::host

@@ -328,7 +328,8 @@ TEST_F(IndexWriterTest, AnIndexThatTheHeaderLostVouchesForItsFiles) {
   Put(TwoSections().Bytes());
   Write();
   const std::string whole = Saved();
-  const size_t data = Image(m_Path).Find("1:/G.TXT")->Offset() + kDirRecordSize + kMiniHeaderSize;
+  const Image image(m_Path);
+  const size_t data = image.Find("1:/G.TXT")->Offset() + kDirRecordSize + kMiniHeaderSize;
   std::string lost = whole;
   lost.replace(kIndexOffsetOffset, 4, 4, '\0');
   Put(lost);

@@ -33,7 +33,10 @@ class StrictReading : public testing::Test {
     m_Whole = test::ReadFile(m_Path);
   }
 
-  uint32_t OffsetOf(const char* path) const { return Image(m_Path).Find(path)->Offset(); }
+  uint32_t OffsetOf(const char* path) const {
+    const Image image(m_Path);
+    return image.Find(path)->Offset();
+  }
 
   // Flips bits of one byte.
   void Damage(size_t offset, int change = 0x40) const {

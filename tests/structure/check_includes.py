@@ -22,7 +22,7 @@ ORDER = [
     ['capsule/blocks/', 'capsule/partition/', 'capsule/container/', 'capsule/capsule'],
     ['capsule/host/error', 'capsule/host/message_text', 'capsule/host/clean_ending',
      'capsule/host/entry', 'capsule/host/image_problem', 'capsule/host/damaged_file',
-     'capsule/host/map_item', 'capsule/host/extract_options'],
+     'capsule/host/map_item', 'capsule/host/extract_options', 'capsule/host/impl_pointer'],
     ['capsule/host/file/'],
     ['capsule/host/records/'],
     ['capsule/host/index/'],

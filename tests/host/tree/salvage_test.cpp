@@ -158,7 +158,8 @@ TEST(SalvagedKind, AFolderIsNoFile) {
   bytes[folder + 11] = 0;
   test::WriteFile(seed / "x.cap", bytes);
   EXPECT_THROW(Image(seed / "x.cap"), Error);
-  EXPECT_TRUE(Image(seed / "x.cap", Opening::Salvage).Find("D1")->IsDirectory());
+  const Image image(seed / "x.cap", Opening::Salvage);
+  EXPECT_TRUE(image.Find("D1")->IsDirectory());
 }
 
 // Through host::Image, folders with a '/' behind.
