@@ -58,9 +58,9 @@ class CAPSULE_API Extractor {
   // Chooses an entry, with all below it. Without any, Run extracts everything.
   void Add(const Entry& entry);
 
-  // Throws Error when the target folder is taken away or moved meanwhile, and ShortageError when
-  // memory or descriptors run out: what is complete by then stays.
-  ExtractReport Run();
+  // Throws Error when it is cancelled, or the target folder is taken away or moved meanwhile, and
+  // ShortageError when memory or descriptors run out: what is complete by then stays.
+  [[nodiscard]] ExtractReport Run();
 
  private:
   struct Impl;

@@ -1,7 +1,6 @@
 #include "capsule/host/image_builder.h"
 
 #include <algorithm>
-#include <atomic>
 #include <cerrno>
 #include <charconv>
 #include <cstdlib>
@@ -17,6 +16,7 @@
 #include "capsule/host/build/source_walk.h"
 #include "capsule/host/file/reason.h"
 #include "capsule/host/file/scoped_descriptor.h"
+#include "capsule/host/file/watch.h"
 #include "capsule/host/index/image_header.h"
 #include "capsule/platform/ascii.h"
 #include "capsule/platform/dos_time.h"
@@ -133,7 +133,10 @@ struct ImageBuilder::Impl {
       : name(path.string()),
         options(std::move(given)),
         draft(Target(path, options.force), name, CheckedLevel(path, options.level),
-              VersionText(path, options.label), &isCancelled) {
+              VersionText(path, options.label), canceller.get_token()),
+        watch(name, options.onProgress, canceller.get_token()),
+        onStop(options.stop, Canceller{canceller}) {
+    draft.SetWatch([this](uint64_t bytes) { TellWithin(bytes); });
     if (const auto set = LatestTime()) draft.CapTimes(latest = *set);
   }
 
@@ -142,14 +145,26 @@ struct ImageBuilder::Impl {
   void CountWhatIsNotKept(const SourceItem& item);
   void Complete();
   void ThrowIfUnusable() const;
+  void Count(const fs::path& directory);
+  void TellWithin(uint64_t bytes);
+  SourceWalk Walk(const fs::path& directory) const;
+
+  struct Canceller {
+    std::stop_source source;
+    void operator()() { source.request_stop(); }
+  };
 
   std::string name;
   BuildOptions options;
-  std::atomic<bool> isCancelled = false;
+  std::stop_source canceller;
   ImageDraft draft;
+  Watch watch;
+  std::stop_callback<Canceller> onStop;
   BuildReport report;
+  std::string inserted;  // path in the image of the item at hand
   int64_t latest = std::numeric_limits<int64_t>::max();
   int partitions = 0;
+  int counted = 0;        // partitions that are in the total before they are added
   bool isBroken = false;  // thrown in the middle of something
   bool isFinished = false;
 };
@@ -182,6 +197,7 @@ void ImageBuilder::Impl::Take(SourceWalk* walk, const SourceItem& item) {
 
 void ImageBuilder::Impl::Insert(SourceWalk* walk, const SourceItem& item) {
   const bool isFolder = item.kind == SourceItem::Kind::Folder;
+  inserted = std::to_string(partitions - 1) + ":/" + item.relative;
   if (const auto problem = draft.Insert(item)) {
     report.problems.push_back({item.path, *problem});
     if (isFolder) walk->SkipFolder();
@@ -190,9 +206,30 @@ void ImageBuilder::Impl::Insert(SourceWalk* walk, const SourceItem& item) {
   ++(isFolder ? report.directories : report.files);
   report.sourceBytes += item.status.size;
   CountWhatIsNotKept(item);
-  if (!options.onProgress) return;
-  options.onProgress({std::to_string(partitions - 1) + ":/" + item.relative, report.files,
-                      report.directories, report.sourceBytes});
+  watch.Now().files = report.files;
+  watch.Now().directories = report.directories;
+  watch.Tell(report.sourceBytes, inserted);
+}
+
+void ImageBuilder::Impl::TellWithin(uint64_t bytes) {
+  watch.TellWithin(report.sourceBytes + bytes, inserted);
+}
+
+SourceWalk ImageBuilder::Impl::Walk(const fs::path& directory) const {
+  return {directory.string(), [this](const std::string& item, const std::string& relative) {
+            return IsExcluded(options.excludes, item, relative);
+          }};
+}
+
+// What AddDirectory will find.
+void ImageBuilder::Impl::Count(const fs::path& directory) {
+  SourceWalk walk = Walk(directory);
+  for (SourceItem item; walk.Next(&item);) {
+    watch.Check();
+    if (item.kind == SourceItem::Kind::File && !draft.IsOwnFile(item.status.identity)) {
+      watch.Now().bytesTotal += item.status.size;
+    }
+  }
 }
 
 void ImageBuilder::Impl::CountWhatIsNotKept(const SourceItem& item) {
@@ -217,7 +254,7 @@ void ImageBuilder::Impl::Complete() {
 }
 
 void ImageBuilder::Impl::ThrowIfUnusable() const {
-  if (isCancelled) throw Error(ErrorKind::Cancelled, name, "cancelled");
+  watch.Check();
   if (isBroken) throw Error(ErrorKind::Misuse, name, "the build has failed before");
   if (isFinished) throw Error(ErrorKind::Misuse, name, "the build is finished");
 }
@@ -235,14 +272,15 @@ void ImageBuilder::AddDirectory(const fs::path& directory) {
     throw Error(ErrorKind::Misuse, directory.string(),
                 "an image holds " + std::to_string(kMaxPartitions) + " folders at most");
   }
-  SourceWalk walk(directory.string(), [this](const std::string& name, const std::string& relative) {
-    return IsExcluded(m_pImpl->options.excludes, name, relative);
-  });
+  if (m_pImpl->options.countFirst && m_pImpl->partitions >= m_pImpl->counted) {
+    m_pImpl->Count(directory);
+  }
+  SourceWalk walk = m_pImpl->Walk(directory);
   m_pImpl->isBroken = true;
   m_pImpl->draft.BeginPartition();
   ++m_pImpl->partitions;
   for (SourceItem item; walk.Next(&item);) {
-    if (m_pImpl->isCancelled) throw Error(ErrorKind::Cancelled, m_pImpl->name, "cancelled");
+    m_pImpl->watch.Check();
     m_pImpl->Take(&walk, item);
   }
   m_pImpl->isBroken = false;
@@ -254,6 +292,10 @@ void ImageBuilder::AddDirectories(const std::vector<fs::path>& directories) {
     throw Error(ErrorKind::Misuse, m_pImpl->name,
                 "an image holds " + std::to_string(kMaxPartitions) +
                     " folders at most, these are " + std::to_string(count));
+  }
+  if (m_pImpl->options.countFirst) {
+    for (const fs::path& directory : directories) m_pImpl->Count(directory);
+    m_pImpl->counted = static_cast<int>(count);
   }
   for (const fs::path& directory : directories) AddDirectory(directory);
 }
@@ -271,6 +313,6 @@ BuildReport ImageBuilder::Finish() {
 
 const std::vector<BuildProblem>& ImageBuilder::Problems() const { return m_pImpl->report.problems; }
 
-void ImageBuilder::Cancel() { m_pImpl->isCancelled = true; }
+void ImageBuilder::Cancel() { m_pImpl->canceller.request_stop(); }
 
 }  // namespace capsule::host

@@ -18,23 +18,16 @@
 
 #include <cstdint>
 #include <filesystem>
-#include <functional>
+#include <stop_token>
 #include <string>
 #include <vector>
 
 #include "capsule/export.h"
 #include "capsule/host/error.h"
 #include "capsule/host/impl_pointer.h"
+#include "capsule/host/progress.h"
 
 namespace capsule::host {
-
-// How far a build has come. `path` is the item just inserted, "N:/dir/file".
-struct BuildProgress {
-  std::string path;
-  uint64_t files = 0;
-  uint64_t directories = 0;
-  uint64_t sourceBytes = 0;
-};
 
 struct BuildOptions {
   // 0 stored, 1-3 fast, 4-6 medium, 7-9 maximum. Files that are compressed by themselves, as their
@@ -44,7 +37,12 @@ struct BuildOptions {
   std::vector<std::string> excludes{};  // globs: matched against an item's name, or with a '/' in
                                         // them against its path below its DIR
   bool force = false;  // replace an existing file that is not an image, which is refused otherwise
-  std::function<void(const BuildProgress&)> onProgress{};
+
+  // Told behind every item, and within long files. The folders are walked once more before they are
+  // read, to know the total, with `countFirst` alone.
+  OnProgress onProgress{};
+  bool countFirst = false;
+  std::stop_token stop{};  // ends the build as Cancel does
 };
 
 struct BuildProblem {
@@ -91,12 +89,12 @@ class CAPSULE_API ImageBuilder {
 
   // Completes the image and puts it under its name. When it throws, the old image is as it was.
   // That the image may not be on disk under its name, though it has it, is a problem in the report.
-  BuildReport Finish();
+  [[nodiscard]] BuildReport Finish();
 
   // What is to be told of the folders so far, for when a later step fails. Empty after Finish.
   const std::vector<BuildProblem>& Problems() const;
 
-  // Makes AddDirectory or Finish throw soon.
+  // Makes AddDirectory or Finish throw soon, with ErrorKind::Cancelled. The old image stays.
   void Cancel();
 
  private:

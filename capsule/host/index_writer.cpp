@@ -18,6 +18,7 @@
 #include "capsule/host/file/checksum.h"
 #include "capsule/host/file/file_window.h"
 #include "capsule/host/file/reason.h"
+#include "capsule/host/file/watch.h"
 #include "capsule/host/index/image_header.h"
 #include "capsule/host/indexing/index_annotation.h"
 #include "capsule/host/indexing/index_record_writer.h"
@@ -150,7 +151,10 @@ struct IndexWriter::Plan {
   }
 };
 
-IndexReport IndexWriter::Write(DamagedSections damaged) {
+IndexReport IndexWriter::Write(const IndexOptions& options) {
+  const DamagedSections damaged = options.damaged;
+  m_watch = std::make_unique<Watch>(m_strName, options.onProgress, options.stop);
+  m_watch->Check();
   if (IsWithoutPartitions()) {
     if (damaged != DamagedSections::Refuse) RefuseUnlessEmpty();
     return {};
@@ -160,12 +164,19 @@ IndexReport IndexWriter::Write(DamagedSections damaged) {
     if (!m_bOwned)
       throw Error(ErrorKind::Misuse, m_strName, "only an image with a path can be judged");
     const Image image(m_strName, Opening::Salvage);
-    return image.Info().checked ? AnnotateIndex(m_nDescriptor, image, force)
-                                : WriteSections(image, force);
+    return image.Info().checked
+               ? AnnotateIndex(m_nDescriptor, image, force, {options.onProgress, options.stop})
+               : WriteSections(image, force);
   }
   RefuseToForget(m_nDescriptor, m_strName);
   Plan plan = Measure(SectionTrust::Written, {});
-  Complete(plan, [&] { plan.report.imageBytes = Append(plan, m_nDescriptor, nullptr); });
+  if (m_bOwned) {
+    TrialImage trial(m_nDescriptor, m_strName);
+    plan.report.imageBytes = Append(plan, trial.Descriptor(), nullptr);
+    PutInPlace(plan, trial);
+  } else {
+    Complete(plan, [&] { plan.report.imageBytes = Append(plan, m_nDescriptor, nullptr); });
+  }
   return plan.report;
 }
 
@@ -189,6 +200,13 @@ IndexReport IndexWriter::WriteSections(const Image& image, bool force) {
   trial.Put(plan.header);
   plan.report.imageBytes = Append(plan, trial.Descriptor(), &trial);
   trial.Open(plan.notes.empty() && plan.damages.empty());
+  PutInPlace(plan, trial);
+  return plan.report;
+}
+
+// From here on nothing is cancelled: the header says that there is no index until all of it is
+// there.
+void IndexWriter::PutInPlace(const Plan& plan, const TrialImage& trial) {
   const uint64_t begin = plan.report.indexOffset;
   const uint64_t end = trial.Length();
   if (!platform::CanGrow(m_nDescriptor, static_cast<int64_t>(begin),
@@ -200,7 +218,14 @@ IndexReport IndexWriter::WriteSections(const Image& image, bool force) {
                         CopyBytes(trial.Descriptor(), m_nDescriptor, begin, end);
     if (!isDone) ThrowSystemError(m_strName, "write of the index", errno);
   });
-  return plan.report;
+}
+
+// An item comes up. Each of the two walks over the sections counts for half. `before`: what earlier
+// ones counted.
+void IndexWriter::Walked(const SectionItem& item, uint64_t before) {
+  m_watch->TellWithin(before + item.offset, m_watch->IsHeard() && !item.path.empty()
+                                                ? std::to_string(item.section) + ":/" + item.path
+                                                : "");
 }
 
 // Puts the index in its place by `append`, and lets the header tell of it.
@@ -267,9 +292,12 @@ IndexWriter::Plan IndexWriter::Measure(SectionTrust trust, std::vector<DamageNot
 void IndexWriter::Count(Plan* plan) {
   IndexRecordCounter records;
   IndexReport& report = plan->report;
+  const auto length =
+      static_cast<uint64_t>(std::max<int64_t>(platform::FileLength(m_nDescriptor), 0));
+  m_watch->Now().bytesTotal = 2 * length;
   ItemVisitor visitor;
   visitor.onItem = [&](const SectionItem& item, const std::string& damage) {
-    ThrowIfCancelled();
+    Walked(item, 0);
     const bool isSection = item.kind == SectionItem::Kind::Section;
     records.Add(item, damage);
     report.files += item.kind == SectionItem::Kind::File ? 1 : 0;
@@ -307,10 +335,12 @@ uint64_t IndexWriter::Append(const Plan& plan, int output, TrialImage* trial) {
   files.imagePath = m_strName;
   IndexRecordWriter writer(files, output, start, plan.header, plan.hasRestartPoints);
   writer.SetKnownRestarts(m_pKnownRestarts);
+  const uint64_t half = m_watch->Now().bytesTotal / 2;
+  writer.SetOnBytes([&](uint64_t at) { m_watch->TellWithin(half + at, m_watch->Now().path); });
   for (const DamageNote& note : plan.notes) writer.Add(note);
   ItemVisitor visitor;
   visitor.onItem = [&](const SectionItem& item, const std::string&) {
-    ThrowIfCancelled();
+    Walked(item, half);
     writer.Add(item, plan.DamageOf(item));
     const bool hasData = item.kind == SectionItem::Kind::File && item.dataOffset != 0;
     const uint64_t end = item.offset + item.length;
@@ -323,6 +353,7 @@ uint64_t IndexWriter::Append(const Plan& plan, int output, TrialImage* trial) {
   if (end - writer.RestartBytes() != plan.report.imageBytes) {
     throw Error(ErrorKind::System, m_strName, "changed meanwhile");
   }
+  m_watch->Tell(m_watch->Now().bytesTotal, "");
   return end;
 }
 
@@ -335,10 +366,6 @@ void IndexWriter::PatchHeader(std::span<const unsigned char> header, size_t offs
 
 void IndexWriter::SyncFile() {
   if (!platform::Sync(m_nDescriptor)) ThrowSystemError(m_strName, "sync", errno);
-}
-
-void IndexWriter::ThrowIfCancelled() const {
-  if (m_pCancel != nullptr && *m_pCancel) throw Error(ErrorKind::Cancelled, m_strName, "cancelled");
 }
 
 }  // namespace capsule::host

@@ -9,6 +9,7 @@
 #include "capsule/host/error.h"
 #include "capsule/host/file/reason.h"
 #include "capsule/host/file/scoped_descriptor.h"
+#include "capsule/host/file/watch.h"
 #include "capsule/host/image.h"
 #include "capsule/host/image_map.h"
 #include "capsule/host/index/image_header.h"
@@ -45,11 +46,12 @@ std::vector<RestartPoint> RestartsOf(int descriptor, const std::string& name,
 class VerifyRun {
  public:
   VerifyRun(int descriptor, std::string name, const DecodedHeader& header,
-            const std::function<void(const Fault&)>& take)
+            const std::function<void(const Fault&)>& take, const VerifyOptions& options)
       : m_nDescriptor(descriptor),
         m_strName(std::move(name)),
         m_bCompressed(header.compressed),
         m_Take(take),
+        m_watch(m_strName, options.onProgress, options.stop),
         m_Window(descriptor, m_strName),
         m_Index(m_Window, static_cast<uint64_t>(platform::FileLength(descriptor)),
                 [this](uint64_t offset, const std::string& path, std::string reason) {
@@ -58,11 +60,13 @@ class VerifyRun {
         m_Restarts(RestartsOf(descriptor, m_strName, header)) {}
 
   VerifyReport Verify() {
+    m_watch.Now().bytesTotal = static_cast<uint64_t>(platform::FileLength(m_nDescriptor));
     MapImage(m_nDescriptor, m_strName, [this](const MapItem& item) { Take(item); });
     CloseFile();
     TellUnnamed();
     CompareWithOpening();
     m_Report.checkValues = m_Index.CheckValues();
+    m_watch.Tell(m_watch.Now().bytesTotal, "");
     return m_Report;
   }
 
@@ -70,6 +74,7 @@ class VerifyRun {
   void Take(const MapItem& item) {
     const bool ofFile = item.kind == MapItem::Kind::DataBlock && item.problem.empty();
     if (m_File.isOpen && ofFile) {
+      m_watch.Check();
       m_File.end = item.offset + item.length;
       return;
     }
@@ -80,6 +85,7 @@ class VerifyRun {
       ++m_Report.files;
     }
     CloseFile();
+    m_watch.TellWithin(item.offset, item.path);
     if (!item.problem.empty()) Tell(item.offset, item.path, KindOf(item) + item.problem);
     m_Report.hasIndex = m_Report.hasIndex || item.kind == MapItem::Kind::IndexStart;
     if (item.kind == MapItem::Kind::NtfsRecord) TakeNtfs(item);
@@ -115,7 +121,7 @@ class VerifyRun {
   void CloseFile() {
     if (!m_File.isOpen) return;
     m_File.isOpen = false;
-    ++m_Report.files;
+    m_watch.Now().files = ++m_Report.files;
     RecordSource source;
     source.descriptor = m_nDescriptor;
     source.imageIsCompressed = m_bCompressed;
@@ -129,11 +135,13 @@ class VerifyRun {
       RecordStream stream(source);
       while (stream.ChunkEnd() < source.size) {
         CompareRestarts(stream);
+        m_watch.TellWithin(stream.Position(), m_File.path);
         stream.Advance(source.size);
       }
       TellRestartsBefore(m_File.end);
       m_Report.bytes += source.size;
     } catch (const Error& error) {
+      if (error.Kind() == ErrorKind::Cancelled) throw;
       TellError(error, m_File.path, m_File.begin);
     }
   }
@@ -194,12 +202,15 @@ class VerifyRun {
       if (!image.IsWhole() && m_Report.faults == 0) Tell(0, "", image.Info().scanReason);
       if (!m_bNtfs) return;
       for (int n = 0; n < image.Partitions(); ++n) {
-        if (image.Info().partitions[static_cast<size_t>(n)].systemId != kSystemIdNtfs) continue;
+        const PartitionInfo& partition = image.Info().partitions[static_cast<size_t>(n)];
+        if (partition.systemId != kSystemIdNtfs) continue;
+        m_watch.Now().bytesTotal += partition.bytes;
         ReadBelow(image, image.Root(n));
       }
     } catch (const ShortageError&) {
       throw;
     } catch (const Error& error) {
+      if (error.Kind() == ErrorKind::Cancelled) throw;
       if (m_Report.faults == 0) Tell(error.Offset().value_or(0), "", error.Reason());
     }
   }
@@ -215,7 +226,9 @@ class VerifyRun {
   }
 
   void ReadFile(const Image& image, const Entry& entry) {
-    ++m_Report.files;
+    m_watch.Now().files = ++m_Report.files;
+    const uint64_t before = m_watch.Now().bytesDone;
+    const std::string path = m_watch.IsHeard() ? entry.Path() : "";
     try {
       FileReader reader = image.OpenFile(entry);
       std::vector<unsigned char> bytes(FileWindow::kSize);
@@ -223,9 +236,11 @@ class VerifyRun {
         const size_t got = reader.Read(at, bytes);
         if (got == 0) break;
         at += got;
+        m_watch.TellWithin(before + at, path);
       }
       m_Report.bytes += entry.Size();
     } catch (const Error& error) {
+      if (error.Kind() == ErrorKind::Cancelled) throw;
       TellError(error, entry.Path(), entry.Offset());
     }
   }
@@ -240,6 +255,7 @@ class VerifyRun {
   std::string m_strName;
   bool m_bCompressed;
   const std::function<void(const Fault&)>& m_Take;
+  Watch m_watch;
   FileWindow m_Window;
   IndexVerifier m_Index;
   VerifyReport m_Report;
@@ -254,7 +270,8 @@ class VerifyRun {
 
 }  // namespace
 
-VerifyReport Verifier::Run(const std::function<void(const Fault&)>& take) const {
+VerifyReport Verifier::Run(const std::function<void(const Fault&)>& take,
+                           const VerifyOptions& options) const {
   const std::string name = m_Path.string();
   const ScopedDescriptor file(platform::OpenForReading(m_Path.c_str()));
   if (!file) ThrowSystemError(name, "cannot open", errno);
@@ -265,7 +282,7 @@ VerifyReport Verifier::Run(const std::function<void(const Fault&)>& take) const 
   const auto stored = window.At(0, kHeaderSize);
   const MappedHeader header = DecodeStoredHeader(stored);
   if (!header.decoded) throw Error(KindOfBadHeader(stored), name, header.problem);
-  return VerifyRun(file.Get(), name, *header.decoded, take).Verify();
+  return VerifyRun(file.Get(), name, *header.decoded, take, options).Verify();
 }
 
 }  // namespace capsule::host

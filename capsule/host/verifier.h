@@ -21,10 +21,12 @@
 #include <cstdint>
 #include <filesystem>
 #include <functional>
+#include <stop_token>
 #include <string>
 #include <utility>
 
 #include "capsule/export.h"
+#include "capsule/host/progress.h"
 
 namespace capsule::host {
 
@@ -42,12 +44,18 @@ struct VerifyReport {
   bool hasIndex = false;
 };
 
+struct VerifyOptions {
+  OnProgress onProgress{};  // its bytes are those of the image
+  std::stop_token stop{};
+};
+
 class CAPSULE_API Verifier {
  public:
   explicit Verifier(std::filesystem::path image) : m_Path(std::move(image)) {}
 
-  // Throws host::Error when the file cannot be read or is not an image at all.
-  VerifyReport Run(const std::function<void(const Fault&)>& take) const;
+  // Throws host::Error when the file cannot be read, is not an image at all, or it is cancelled.
+  [[nodiscard]] VerifyReport Run(const std::function<void(const Fault&)>& take,
+                                 const VerifyOptions& options = {}) const;
 
  private:
   std::filesystem::path m_Path;

@@ -61,7 +61,7 @@ class ErrorTest : public testing::Test {
   static void Build(const std::string& image, const std::string& source) {
     ImageBuilder builder(image);
     builder.AddDirectory(source);
-    builder.Finish();
+    static_cast<void>(builder.Finish());
   }
 
   // While the process may not do what only root may.
@@ -95,7 +95,7 @@ TEST_F(ErrorTest, EveryFailureHasItsKind) {
       {"map nothing", ErrorKind::NotFound, ENOENT,
        [&] { MapImage(m_dir / "none", [](const MapItem&) {}); }},
       {"verify nothing", ErrorKind::NotFound, ENOENT,
-       [&] { Verifier(m_dir / "none").Run([](const Fault&) {}); }},
+       [&] { return Verifier(m_dir / "none").Run([](const Fault&) {}); }},
       {"index nothing", ErrorKind::NotFound, ENOENT, [&] { IndexWriter x(m_dir / "none"); }},
       {"build of nothing", ErrorKind::NotFound, ENOENT, build("new", "none")},
       {"build nowhere", ErrorKind::NotFound, ENOENT, build("none/new", "source")},
@@ -106,8 +106,9 @@ TEST_F(ErrorTest, EveryFailureHasItsKind) {
       {"build of a closed folder", ErrorKind::NoPermission, EACCES, build("new", "closed")},
       {"open a text", ErrorKind::NotAnImage, 0, open("text")},
       {"verify a text", ErrorKind::NotAnImage, 0,
-       [&] { Verifier(m_dir / "text").Run([](const Fault&) {}); }},
-      {"index a text", ErrorKind::NotAnImage, 0, [&] { IndexWriter(m_dir / "text").Write(); }},
+       [&] { return Verifier(m_dir / "text").Run([](const Fault&) {}); }},
+      {"index a text", ErrorKind::NotAnImage, 0,
+       [&] { return IndexWriter(m_dir / "text").Write(); }},
       {"open a short file", ErrorKind::NotAnImage, 0, open("short")},
       {"open a cut image", ErrorKind::Damaged, 0, open("cut")},
       {"extract to a link", ErrorKind::Unsupported, 0,
@@ -129,7 +130,8 @@ TEST_F(ErrorTest, EveryFailureHasItsKind) {
       {"build over a text", ErrorKind::Exists, 0, build("text", "source")},
       {"build over a folder", ErrorKind::Exists, 0, build("source", "source")},
       {"level 10", ErrorKind::Misuse, 0, [&] { ImageBuilder x(m_dir / "new", {.level = 10}); }},
-      {"nothing to finish", ErrorKind::Misuse, 0, [&] { ImageBuilder(m_dir / "new").Finish(); }},
+      {"nothing to finish", ErrorKind::Misuse, 0,
+       [&] { return ImageBuilder(m_dir / "new").Finish(); }},
       {"read a folder", ErrorKind::Misuse, 0, [&] { whole.OpenFile(whole.Root(0)); }},
       {"no entry", ErrorKind::Misuse, 0, [&] { Entry().Name(); }},
       {"open a folder", ErrorKind::System, EISDIR, open("source")},
@@ -188,13 +190,13 @@ TEST_F(ErrorTest, WhatWasMovedFromSaysSo) {
   const Work misuses[] = {
       [&] { reader.Size(); },
       [&] { reader.Read(0, bytes); },
-      [&] { builder.Finish(); },
+      [&] { return builder.Finish(); },
       [&] { builder.AddDirectory(m_dir / "source"); },
       [&] { builder.Problems(); },
       [&] { builder.Cancel(); },
       [&] { extractor.Add(entry); },
-      [&] { extractor.Run(); },
-      [&] { verifier.Run([](const Fault&) {}); },
+      [&] { return extractor.Run(); },
+      [&] { return verifier.Run([](const Fault&) {}); },
   };
   for (const Work& work : misuses) EXPECT_THROW(work(), Error) << &work - misuses;
 
@@ -210,7 +212,7 @@ TEST_F(ErrorTest, WhatWasMovedFromSaysSo) {
       [&] { image.OpenFile(entry); },
       [&] { image.Read(entry, 0, bytes); },
       [&] { image.ReadDamaged(entry, 0, 9, [](const FilePiece&) {}); },
-      [&] { movedExtractor.Run(); },
+      [&] { return movedExtractor.Run(); },
   };
   for (const Work& work : ofImage) EXPECT_THROW(work(), Error) << &work - ofImage;
   EXPECT_EQ(entry.Children().size(), 1u);

@@ -172,7 +172,7 @@ TEST(ImageBuilder, TooManyFoldersAreRefusedBeforeTheFirst) {
   fs::create_directories(folder / "s");
   test::WriteFile(folder / "s/f", "x");
   int inserted = 0;
-  ImageBuilder builder(folder / "x.cap", {.onProgress = [&](const BuildProgress&) { ++inserted; }});
+  ImageBuilder builder(folder / "x.cap", {.onProgress = [&](const Progress&) { ++inserted; }});
   std::vector<fs::path> folders(11, folder / "s");
   EXPECT_EQ(test::ErrorOf([&] { builder.AddDirectories(folders); }),
             folder / "x.cap: an image holds 10 folders at most, these are 11");
@@ -245,10 +245,9 @@ TEST(ImageBuilder, ReportsProgress) {
   fs::create_directories(folder / "d");
   test::WriteFile(folder / "s/d/f", "12345");
   std::vector<std::string> seen;
-  Build(folder / "x.cap", {folder / "d", folder / "s"},
-        {.onProgress = [&](const BuildProgress& at) {
+  Build(folder / "x.cap", {folder / "d", folder / "s"}, {.onProgress = [&](const Progress& at) {
           seen.push_back(at.path + " " + std::to_string(at.files) + std::to_string(at.directories) +
-                         std::to_string(at.sourceBytes));
+                         std::to_string(at.bytesDone));
         }});
   EXPECT_EQ(seen, (std::vector<std::string>{"1:/d 010", "1:/d/f 115"}));
 }

@@ -88,7 +88,7 @@ inline SmallImage TwoFiles() {
 // Writes the image with its index; returns its bytes.
 inline std::string WriteIndexed(const std::string& path, SmallImage image) {
   WriteFile(path, image.Bytes());
-  host::IndexWriter(path).Write();
+  static_cast<void>(host::IndexWriter(path).Write());
   return ReadFile(path);
 }
 

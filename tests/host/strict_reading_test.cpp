@@ -29,7 +29,7 @@ class StrictReading : public testing::Test {
     test::WriteFile(m_Dir / "in/folder/below/deep", "text");
     ImageBuilder builder(m_Path, {});
     builder.AddDirectory(m_Dir / "in");
-    builder.Finish();
+    static_cast<void>(builder.Finish());
     m_Whole = test::ReadFile(m_Path);
   }
 
@@ -111,7 +111,7 @@ TEST(StrictNtfs, FilesAreComparedWithTheirCheckValues) {
   const test::TempDir folder;
   const std::string path = folder / "n.img";
   fs::copy_file(CAPSULE_TEST_DATA "/images/n_flat_old.img", path);
-  IndexWriter(path).Write();
+  static_cast<void>(IndexWriter(path).Write());
   const test::DamageSeed seed(path);
   for (const SectionItem& item : seed.Items()) {
     const std::string name = "0:/" + item.path;

@@ -66,8 +66,8 @@ std::string SourceProblem(const SourceItem& item) {
 }  // namespace
 
 ImageDraft::ImageDraft(std::string target, std::string name, int level, const std::string& version,
-                       const std::atomic<bool>* cancel)
-    : m_strTarget(std::move(target)), m_strName(std::move(name)) {
+                       std::stop_token stop)
+    : m_strTarget(std::move(target)), m_strName(std::move(name)), m_stop(std::move(stop)) {
   if (const auto old = platform::Status(m_strTarget)) {
     if (old->kind != platform::FileKind::Regular) Fail(ErrorKind::Exists, "is not a regular file");
     m_Old = old->identity;
@@ -75,11 +75,12 @@ ImageDraft::ImageDraft(std::string target, std::string name, int level, const st
   if (!m_Temporary.Create(m_strTarget)) FailAs("cannot be created", errno);
   m_Own = platform::Identify(m_Temporary.Descriptor());
 
-  m_State.cancel = cancel;
+  m_State.cancel = &m_isCancelled;
   m_State.hostView.SetTimePolicy(platform::TimePolicy::ModificationOnly);
   m_State.onChunk = [this](int64_t record, uint32_t fileOffset,
                            std::span<const unsigned char> before, bool isCompressed) {
     m_Restarts.Take(record, fileOffset, before, isCompressed);
+    if (m_onBytes) m_onBytes(fileOffset);
   };
   const ScopedLibraryState scope(m_State);
   if (m_Image.CreateCapsuleFile(m_Temporary.Path().c_str()) != 0) {
@@ -166,9 +167,8 @@ uint64_t ImageDraft::Complete(int* syncProblem) {
     m_bOpen = false;
   }
   IndexWriter index(m_Temporary.Descriptor(), m_strName);
-  index.SetCancelFlag(m_State.cancel);
   index.SetKnownRestarts(&m_Restarts);
-  const IndexReport report = index.Write();
+  const IndexReport report = index.Write({.stop = m_stop});
   if (const char* step = m_Temporary.Publish(syncProblem)) FailAs(step, errno);
   return report.imageBytes;
 }
@@ -178,7 +178,7 @@ void ImageDraft::CloseImage() {
 }
 
 void ImageDraft::ThrowIfCancelled() const {
-  if (*m_State.cancel) Fail(ErrorKind::Cancelled, "cancelled");
+  if (m_stop.stop_requested()) Fail(ErrorKind::Cancelled, "cancelled");
 }
 
 void ImageDraft::Fail(ErrorKind kind, const std::string& reason) const {

@@ -8,8 +8,11 @@
 
 #include <atomic>
 #include <cstdint>
+#include <functional>
 #include <optional>
+#include <stop_token>
 #include <string>
+#include <utility>
 
 #include "capsule/container/capsule_file.h"
 #include "capsule/host/build/source_walk.h"
@@ -24,12 +27,15 @@ namespace capsule::host {
 class ImageDraft {
  public:
   // `target`: absolute. `name`: what errors call it. `level`: 0 to 9. `version`: up to 255 bytes.
-  // Once `*cancel` is true, Insert and Complete throw soon; the flag must outlive the draft.
+  // Once `stop` is requested, Insert and Complete throw soon.
   ImageDraft(std::string target, std::string name, int level, const std::string& version,
-             const std::atomic<bool>* cancel);
+             std::stop_token stop);
   ~ImageDraft();
   ImageDraft(const ImageDraft&) = delete;
   ImageDraft& operator=(const ImageDraft&) = delete;
+
+  // `onBytes` learns how many bytes of a file are inserted, in front of every chunk but the first.
+  void SetWatch(std::function<void(uint64_t bytes)> onBytes) { m_onBytes = std::move(onBytes); }
 
   // No time is written that is later than this many seconds after 1970.
   void CapTimes(int64_t unixSeconds);
@@ -63,6 +69,15 @@ class ImageDraft {
   platform::TemporaryFile m_Temporary;
   std::optional<platform::FileIdentity> m_Own;
   std::optional<platform::FileIdentity> m_Old;
+  struct SetFlag {
+    std::atomic<bool>* flag;
+    void operator()() const { *flag = true; }
+  };
+
+  std::stop_token m_stop;
+  std::atomic<bool> m_isCancelled = false;
+  std::stop_callback<SetFlag> m_onStop{m_stop, SetFlag{&m_isCancelled}};
+  std::function<void(uint64_t)> m_onBytes;
   LibraryState m_State;
   CapsuleFile m_Image;
   RestartCollector m_Restarts;

@@ -74,7 +74,8 @@ void RefuseExisting(const Entry& file, int folder, bool force) {
 }
 
 ExtractedFile ExtractLeft(const Image& image, const Entry& file, int folder,
-                          const ExtractOptions& options) {
+                          const ExtractOptions& options,
+                          const std::function<void(uint64_t bytes)>& onBytes) {
   TemporaryFile out(folder, file);
   ExtractedFile done;
   image.ReadDamaged(file, 0, file.Size(), [&](const FilePiece& piece) {
@@ -87,6 +88,7 @@ ExtractedFile ExtractLeft(const Image& image, const Entry& file, int folder,
     } else if (piece.kind == FilePiece::Kind::Lost) {
       out.AppendZeros(piece.length);
     }
+    onBytes(piece.offset + piece.length);
   });
   out.Publish(options.force);
   done.bytes = out.Size();
@@ -96,9 +98,12 @@ ExtractedFile ExtractLeft(const Image& image, const Entry& file, int folder,
 }  // namespace
 
 ExtractedFile ExtractFile(const Image& image, const Entry& file, int folder,
-                          const ExtractOptions& options) {
+                          const ExtractOptions& options,
+                          const std::function<void(uint64_t bytes)>& onBytes) {
   RefuseExisting(file, folder, options.force);
-  if (options.onDamage != OnDamage::Stop) return ExtractLeft(image, file, folder, options);
+  if (options.onDamage != OnDamage::Stop) {
+    return ExtractLeft(image, file, folder, options, onBytes);
+  }
   FileReader reader = image.OpenFile(file);
   std::vector<unsigned char> piece(std::min<size_t>(kPiece, file.Size()));
   TemporaryFile out(folder, file);
@@ -107,6 +112,7 @@ ExtractedFile ExtractFile(const Image& image, const Entry& file, int folder,
     const size_t count = reader.Read(at, piece);
     out.Append(std::span(piece).first(count));
     at += count;
+    onBytes(at);
   } while (at < file.Size());
   out.Publish(options.force);
   return {file.Size(), false};

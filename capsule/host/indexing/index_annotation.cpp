@@ -113,7 +113,8 @@ void RefuseWhatIsNotLedTo(const std::string& name) {
 
 }  // namespace
 
-IndexReport AnnotateIndex(int descriptor, const Image& image, bool force) {
+IndexReport AnnotateIndex(int descriptor, const Image& image, bool force,
+                          const VerifyOptions& options) {
   const ImageInfo& info = image.Info();
   const std::string& name = image.Path();
   const IndexContents index = CheckIndex(descriptor, name, info.indexOffset, info.imageBytes, true);
@@ -124,11 +125,12 @@ IndexReport AnnotateIndex(int descriptor, const Image& image, bool force) {
   }
   IndexReport report = ReportOn(info);
   Notes notes;
-  Verifier(name).Run([&](const Fault& fault) {
+  const auto take = [&](const Fault& fault) {
     report.problems.push_back({fault.path.empty() ? Hex(fault.offset) : fault.path, fault.reason});
     const DamageNote note = NoteAt(index, fault.offset, fault.reason);
     if (!known.contains(note.offset)) notes.emplace(note.offset, note);
-  });
+  };
+  static_cast<void>(Verifier(name).Run(take, options));
   if (notes.empty()) return report;
   if (!force) {
     throw Error(name, report.problems.front().path + ": " + report.problems.front().reason +

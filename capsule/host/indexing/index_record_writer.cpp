@@ -184,6 +184,7 @@ void IndexRecordWriter::Take(uint64_t at, uint64_t end, RunningChecksum* file) {
     m_Section.Update(bytes);
     if (file != nullptr) file->Update(bytes);
     at += bytes.size();
+    if (m_onBytes) m_onBytes(at);
   }
 }
 

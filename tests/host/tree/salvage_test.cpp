@@ -62,7 +62,7 @@ class Seed : public test::TempDir, public test::DamageSeed {
   std::string Put(const std::string& name, bool isChecked) const {
     const std::string path = *this / "x.cap";
     test::WriteFile(path, test::ReadFile(CAPSULE_TEST_DATA "/images/" + name));
-    if (isChecked) IndexWriter(path).Write();
+    if (isChecked) static_cast<void>(IndexWriter(path).Write());
     return path;
   }
 };
@@ -227,7 +227,7 @@ TEST(BareDots, OpenNoLevel) {
       ASSERT_EQ(image.CloseImageFile(), 0);
     }
     const std::string bare = test::ReadFile(path);
-    IndexWriter(path).Write();
+    static_cast<void>(IndexWriter(path).Write());
     EXPECT_EQ(PathsOf(Image(path)), paths);
     EXPECT_EQ(ClassPathsOf(path), paths);
     std::string unchecked = test::ReadFile(path);
