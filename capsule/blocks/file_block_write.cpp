@@ -9,9 +9,9 @@
 #include "capsule/blocks/file_block.h"
 #include "capsule/compression/stream_compressor.h"
 #include "capsule/partition/record_format.h"
-#include "capsule/platform/descriptor_owner.h"
 #include "capsule/platform/file.h"
 #include "capsule/platform/out_of_memory.h"
+#include "capsule/platform/scoped_descriptor.h"
 #include "capsule/state/library_state.h"
 
 namespace capsule {
@@ -173,8 +173,7 @@ int CapsuleFileBlock::StreamFile(const char* path, int fd, int offset, int* pTot
 }
 
 int CapsuleFileBlock::StreamRecords(const char* path, int fd, int offset, int* pTotal, int level) {
-  const platform::DescriptorOwner source(
-      platform::OpenHostFile(CurrentLibraryState().hostView, path));
+  const platform::ScopedDescriptor source = CurrentLibraryState().hostView.OpenFile(path);
   const uint32_t size = m_DirectoryEntry.EntryFor(m_DirectoryType).FileSize;
   const auto before = platform::Stamp(source.Get());
   if (!before || before->length != int64_t{size}) return -1;

@@ -12,9 +12,9 @@
 #include "capsule/partition/partition.h"
 #include "capsule/partition/record_format.h"
 #include "capsule/platform/ascii.h"
-#include "capsule/platform/descriptor_owner.h"
 #include "capsule/platform/file.h"
 #include "capsule/platform/out_of_memory.h"
+#include "capsule/platform/scoped_descriptor.h"
 #include "capsule/platform/trace_file.h"
 #include "capsule/runtime/list_node.h"
 #include "capsule/state/library_state.h"
@@ -43,7 +43,7 @@ void TraceInsertion(const LibraryState& state, const char* path) {
 
 // The length of the file at `path`; none when it cannot be opened or has 2 GiB or more.
 std::optional<uint32_t> SourceLength(const platform::HostView& view, const CString& path) {
-  const platform::DescriptorOwner file(platform::OpenHostFile(view, path.c_str()));
+  const platform::ScopedDescriptor file = view.OpenFile(path.c_str());
   const int64_t length = file ? platform::FileLength(file.Get()) : -1;
   if (length < 0 || length > kMaxImageSize) return std::nullopt;
   return static_cast<uint32_t>(length);

@@ -6,7 +6,6 @@
 #include "capsule/host/file/checksum.h"
 #include "capsule/host/file/file_window.h"
 #include "capsule/host/file/reason.h"
-#include "capsule/host/file/scoped_descriptor.h"
 #include "capsule/host/index/image_header.h"
 #include "capsule/host/records/record_judge.h"
 #include "capsule/host/records/record_source.h"
@@ -17,12 +16,13 @@
 #include "capsule/host/tree/salvage_tree.h"
 #include "capsule/partition/record_format.h"
 #include "capsule/platform/file.h"
+#include "capsule/platform/scoped_descriptor.h"
 
 namespace capsule::host {
 
 struct Image::Impl {
   std::string path;
-  ScopedDescriptor file;
+  platform::ScopedDescriptor file;
   ImageInfo info;
   std::unique_ptr<Catalog> catalog;
   std::vector<ImageProblem> problems;
@@ -32,13 +32,13 @@ struct Image::Impl {
 
 namespace {
 
-ScopedDescriptor Open(const std::string& path) {
-  ScopedDescriptor file(platform::OpenForReading(path.c_str()));
+platform::ScopedDescriptor Open(const std::string& path) {
+  platform::ScopedDescriptor file(platform::OpenForReading(path.c_str()));
   if (!file) throw Error(path, "cannot open: " + SystemReason(errno));
   return file;
 }
 
-uint64_t LengthOf(const ScopedDescriptor& file, const std::string& path) {
+uint64_t LengthOf(const platform::ScopedDescriptor& file, const std::string& path) {
   const int64_t length = platform::FileLength(file.Get());
   if (length < 0) throw Error(path, "cannot tell its length: " + SystemReason(errno));
   return static_cast<uint64_t>(length);

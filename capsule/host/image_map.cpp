@@ -6,13 +6,13 @@
 
 #include "capsule/host/error.h"
 #include "capsule/host/file/reason.h"
-#include "capsule/host/file/scoped_descriptor.h"
 #include "capsule/host/map/header_map.h"
 #include "capsule/host/map/index_map.h"
 #include "capsule/host/map/map_sink.h"
 #include "capsule/host/map/section_map.h"
 #include "capsule/host/sections/uncounted_section.h"
 #include "capsule/partition/record_format.h"
+#include "capsule/platform/scoped_descriptor.h"
 
 namespace capsule::host {
 namespace {
@@ -143,7 +143,7 @@ const char* MapKindName(MapItem::Kind kind) {
 
 MapSummary MapImage(const std::filesystem::path& path,
                     const std::function<void(const MapItem&)>& take) {
-  const ScopedDescriptor file(platform::OpenForReading(path.c_str()));
+  const platform::ScopedDescriptor file(platform::OpenForReading(path.c_str()));
   if (!file) throw Error(path.string(), "cannot open: " + SystemReason(errno));
   return MapImage(file.Get(), path.string(), take);
 }

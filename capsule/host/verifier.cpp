@@ -8,7 +8,6 @@
 #include "capsule/container/header_format.h"
 #include "capsule/host/error.h"
 #include "capsule/host/file/reason.h"
-#include "capsule/host/file/scoped_descriptor.h"
 #include "capsule/host/image.h"
 #include "capsule/host/image_map.h"
 #include "capsule/host/index/image_header.h"
@@ -17,6 +16,7 @@
 #include "capsule/host/records/record_stream.h"
 #include "capsule/partition/ntfs_format.h"
 #include "capsule/partition/record_format.h"
+#include "capsule/platform/scoped_descriptor.h"
 
 namespace capsule::host {
 namespace {
@@ -256,7 +256,7 @@ class VerifyRun {
 
 VerifyReport Verifier::Run(const std::function<void(const Fault&)>& take) const {
   const std::string name = m_Path.string();
-  const ScopedDescriptor file(platform::OpenForReading(m_Path.c_str()));
+  const platform::ScopedDescriptor file(platform::OpenForReading(m_Path.c_str()));
   if (!file) throw Error(name, "cannot open: " + SystemReason(errno));
   if (platform::FileLength(file.Get()) < 0) {
     throw Error(name, "cannot tell its length: " + SystemReason(errno));

@@ -5,9 +5,9 @@
 #include <map>
 #include <string>
 
-#include "capsule/host/file/scoped_descriptor.h"
 #include "capsule/host/sections/section_scanner.h"
 #include "capsule/partition/record_format.h"
+#include "capsule/platform/scoped_descriptor.h"
 #include "tests/support/bytes.h"
 #include "tests/support/temp_dir.h"
 
@@ -28,7 +28,7 @@ inline std::string StoredContent(const std::string& image, const host::SectionIt
 
 inline Tree ScannedTree(const std::string& path) {
   const std::string image = ReadFile(path);
-  const host::ScopedDescriptor descriptor(platform::OpenForReading(path.c_str()));
+  const platform::ScopedDescriptor descriptor(platform::OpenForReading(path.c_str()));
   host::SectionScanner scanner(descriptor.Get(), path);
   Tree tree;
   for (host::SectionItem item; scanner.Next(&item);) {
