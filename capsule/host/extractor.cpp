@@ -14,8 +14,8 @@
 
 #include "capsule/host/extract/file_extraction.h"
 #include "capsule/host/file/reason.h"
-#include "capsule/host/file/scoped_descriptor.h"
 #include "capsule/platform/folder.h"
+#include "capsule/platform/scoped_descriptor.h"
 #include "capsule/platform/unfinished_file.h"
 
 namespace capsule::host {
@@ -53,7 +53,7 @@ struct Extractor::Impl {
   void Leave();
   void ExtractFile(const Entry& file);
   bool OpenOrMake(const std::string& name, const Entry& folder, bool* isNew);
-  platform::FileIdentity IdentityOf(const ScopedDescriptor& folder) const;
+  platform::FileIdentity IdentityOf(const platform::ScopedDescriptor& folder) const;
   void Problem(const Entry& entry, std::string reason);
   void Tell(const Entry& entry);
 
@@ -61,13 +61,13 @@ struct Extractor::Impl {
   std::filesystem::path target;
   ExtractOptions options;
   std::unordered_map<uint32_t, bool> chosen;  // by node: true: wanted; false: leads to a wanted one
-  ScopedDescriptor current;
+  platform::ScopedDescriptor current;
   std::vector<Level> levels;
   ExtractReport report;
 };
 
 void Extractor::Impl::OpenTarget() {
-  current = ScopedDescriptor(platform::OpenFolder(target.c_str()));
+  current = platform::ScopedDescriptor(platform::OpenFolder(target.c_str()));
   if (current) return platform::RemoveLeftOvers(current.Get());
   const int reason = errno;
   ThrowIfShort(target.string(), "cannot open", reason);
@@ -76,7 +76,7 @@ void Extractor::Impl::OpenTarget() {
                                       : "cannot open: " + SystemReason(reason));
 }
 
-platform::FileIdentity Extractor::Impl::IdentityOf(const ScopedDescriptor& folder) const {
+platform::FileIdentity Extractor::Impl::IdentityOf(const platform::ScopedDescriptor& folder) const {
   const auto identity = platform::Identify(folder.Get());
   if (!identity) throw Error(target.string(), "cannot look at a folder: " + SystemReason(errno));
   return *identity;
@@ -99,7 +99,7 @@ bool Extractor::Impl::OpenOrMake(const std::string& name, const Entry& folder, b
     Problem(folder, "cannot make the folder: " + SystemReason(errno));
     return false;
   }
-  ScopedDescriptor opened(platform::OpenFolderIn(current.Get(), name.c_str()));
+  platform::ScopedDescriptor opened(platform::OpenFolderIn(current.Get(), name.c_str()));
   if (!opened) {
     const int reason = errno;
     ThrowIfShort(folder.Path(), "cannot enter the folder", reason);
@@ -126,7 +126,7 @@ void Extractor::Impl::Leave() {
   const Level level = levels.back();
   levels.pop_back();
   // The way up is opened first: a folder that loses its permissions may not be asked any more.
-  ScopedDescriptor above(platform::OpenFolderIn(current.Get(), ".."));
+  platform::ScopedDescriptor above(platform::OpenFolderIn(current.Get(), ".."));
   if (!above) throw Error(target.string(), "cannot go back up: " + SystemReason(errno));
   if (IdentityOf(above) != levels.back().identity) {
     throw Error(target.string(), "a folder in it was moved while extracting");

@@ -67,7 +67,7 @@ std::string SourceProblem(const SourceItem& item) {
 
 ImageDraft::ImageDraft(std::string target, std::string name, int level, const std::string& version,
                        const std::atomic<bool>* cancel)
-    : m_strTarget(std::move(target)), m_strName(std::move(name)) {
+    : m_strTarget(std::move(target)), m_strName(std::move(name)), m_observer(cancel) {
   if (const auto old = platform::Status(m_strTarget)) {
     if (old->kind != platform::FileKind::Regular) Fail("is not a regular file");
     m_Old = old->identity;
@@ -75,12 +75,7 @@ ImageDraft::ImageDraft(std::string target, std::string name, int level, const st
   if (!m_Temporary.Create(m_strTarget)) Fail("cannot be created: " + SystemReason(errno));
   m_Own = platform::Identify(m_Temporary.Descriptor());
 
-  m_State.cancel = cancel;
   m_State.hostView.SetTimePolicy(platform::TimePolicy::ModificationOnly);
-  m_State.onChunk = [this](int64_t record, uint32_t fileOffset,
-                           std::span<const unsigned char> before, bool isCompressed) {
-    m_Restarts.Take(record, fileOffset, before, isCompressed);
-  };
   const ScopedLibraryState scope(m_State);
   if (m_Image.CreateCapsuleFile(m_Temporary.Path().c_str()) != 0) {
     Fail("cannot be created: " + SystemReason(m_Image.GetLastError()));
@@ -95,6 +90,12 @@ ImageDraft::ImageDraft(std::string target, std::string name, int level, const st
 }
 
 ImageDraft::~ImageDraft() { CloseImage(); }
+
+bool ImageDraft::Observer::OnChunk(const Chunk& next) {
+  if (*isCancelled) return false;
+  restarts.Take(next);
+  return true;
+}
 
 void ImageDraft::CapTimes(int64_t unixSeconds) { m_State.hostView.CapTimes(unixSeconds); }
 
@@ -117,7 +118,7 @@ std::optional<std::string> ImageDraft::Insert(const SourceItem& item) {
   errno = 0;
   if (InsertOpened(item) == 0) return std::nullopt;
   const int error = errno;
-  m_Restarts.Forget(m_Image.GetWriteOffset());
+  m_observer.restarts.Forget(m_Image.GetWriteOffset());
   // What comes next lies where it would have without this item.
   m_State.previousInsertDir = previousDir;
   m_State.dirLevelsToClose = levelsToClose;
@@ -135,7 +136,7 @@ int ImageDraft::InsertOpened(const SourceItem& item) {
   const platform::OpenedItem opened{ItemPath(m_nPartition, item.relative), item.file.Get(),
                                     item.status, item.folder, item.alias};
   m_State.hostView.SetOpenedItem(&opened);
-  const int result = m_Image.InsertFile(opened.path.c_str(), m_nPartition);
+  const int result = m_Image.InsertFile(opened.path.c_str(), m_nPartition, &m_observer);
   m_State.hostView.SetOpenedItem(nullptr);
   return result;
 }
@@ -165,8 +166,8 @@ uint64_t ImageDraft::Complete(int* syncProblem) {
     m_bOpen = false;
   }
   IndexWriter index(m_Temporary.Descriptor(), m_strName);
-  index.SetCancelFlag(m_State.cancel);
-  index.SetKnownRestarts(&m_Restarts);
+  index.SetCancelFlag(m_observer.isCancelled);
+  index.SetKnownRestarts(&m_observer.restarts);
   const IndexReport report = index.Write();
   if (const char* step = m_Temporary.Publish(syncProblem))
     Fail(std::string(step) + ": " + SystemReason(errno));
@@ -178,7 +179,7 @@ void ImageDraft::CloseImage() {
 }
 
 void ImageDraft::ThrowIfCancelled() const {
-  if (*m_State.cancel) Fail("cancelled");
+  if (*m_observer.isCancelled) Fail("cancelled");
 }
 
 void ImageDraft::Fail(const std::string& reason) const { throw Error(m_strName, reason); }

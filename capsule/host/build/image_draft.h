@@ -11,6 +11,7 @@
 #include <optional>
 #include <string>
 
+#include "capsule/blocks/insert_observer.h"
 #include "capsule/container/capsule_file.h"
 #include "capsule/host/build/source_walk.h"
 #include "capsule/host/indexing/restart_collector.h"
@@ -50,6 +51,15 @@ class ImageDraft {
   uint64_t Complete(int* syncProblem);
 
  private:
+  // Notes restart points, and ends an insertion that is cancelled.
+  struct Observer : InsertObserver {
+    explicit Observer(const std::atomic<bool>* cancel) : isCancelled(cancel) {}
+    bool OnChunk(const Chunk& next) override;
+
+    const std::atomic<bool>* isCancelled;
+    RestartCollector restarts;
+  };
+
   int InsertOpened(const SourceItem& item);
   [[noreturn]] void Fail(const std::string& reason) const;
   void ThrowIfFull(int error, uint64_t size);
@@ -63,7 +73,7 @@ class ImageDraft {
   std::optional<platform::FileIdentity> m_Old;
   LibraryState m_State;
   CapsuleFile m_Image;
-  RestartCollector m_Restarts;
+  Observer m_observer;
   bool m_bOpen = false;  // m_Image has the file open
   int m_nPartition = -1;
 };
