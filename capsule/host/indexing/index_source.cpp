@@ -10,7 +10,7 @@
 #include "capsule/host/image_map.h"
 #include "capsule/host/index/image_header.h"
 #include "capsule/host/records/record_stream.h"
-#include "capsule/host/sections/section_survey.h"
+#include "capsule/host/sections/searching_survey.h"
 #include "capsule/host/sections/sound_item.h"
 #include "capsule/platform/file.h"
 
