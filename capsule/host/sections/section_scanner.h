@@ -26,7 +26,7 @@
 #include "capsule/host/records/ntfs_entry.h"
 #include "capsule/host/sections/ntfs_folders.h"
 #include "capsule/host/sections/open_folders.h"
-#include "capsule/partition/directory_records.h"
+#include "capsule/partition/entry_group.h"
 #include "capsule/partition/record_format.h"
 
 namespace capsule::host {
@@ -113,7 +113,7 @@ class SectionScanner {
   void BeginSection(SectionItem* item);
   void ScanTrailer(SectionItem* item);
   void ScanGroup(SectionItem* item);
-  void ScanEntry(SectionItem* item, std::u16string_view longName);
+  void ScanEntry(SectionItem* item, const EntryGroup& group);
   void ScanData(SectionItem* item);
   std::string PathOf(const std::string& name) const;
   void ScanNtfs(SectionItem* item);
