@@ -54,8 +54,7 @@ class ItemJudge {
 
   // What is wrong with its long name, or nothing.
   std::string JudgeName(const SectionItem& item) {
-    const bool isEntry = item.kind == Kind::Directory || item.kind == Kind::File;
-    const std::string wrong = isEntry && !item.isNtfs ? JudgeLongName(m_Window, item) : "";
+    const std::string wrong = item.IsEntry() && !item.isNtfs ? JudgeLongName(m_Window, item) : "";
     return wrong.empty() ? wrong : "long name: " + wrong;
   }
 

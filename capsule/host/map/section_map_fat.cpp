@@ -117,9 +117,7 @@ void SectionMap::MapShortEntry(const _MiniHeader& header) {
   item.problem = JudgeDirectoryHeader(header);
   item.attributes = entry.Attribute;
   item.fileSize = role == EntryRole::File ? entry.FileSize : 0;
-  if (role == EntryRole::Folder || (role == EntryRole::Dot && m_Group.HasLongName())) {
-    m_Folders.Enter(name);
-  }
+  if (role == EntryRole::Folder) m_Folders.Enter(name);
   m_bTakesData = role == EntryRole::File && entry.FileSize != 0;
   m_bLastSeen = false;
   m_nFileBytes = 0;

@@ -23,7 +23,7 @@ size_t DepthOf(const std::string& path) {
 }
 
 bool Agrees(const SectionItem& item, const IndexRecord& record) {
-  const bool isEntry = item.kind == Kind::File || item.kind == Kind::Directory;
+  const bool isEntry = item.IsEntry();
   if (isEntry && !record.name.empty() && item.name != LastSegment(record.name)) return false;
   if (item.isNtfs) return record.type == kIndexFile;
   if (item.kind == Kind::ZeroEntry && !IsMostlyZero(item.entry)) return false;
@@ -34,8 +34,7 @@ bool Agrees(const SectionItem& item, const IndexRecord& record) {
     case kIndexFile:
       return item.kind == Kind::File;
     default:
-      if (isLong) return item.kind == Kind::Directory;
-      return item.kind != Kind::File && (item.kind == Kind::Directory) == !record.name.empty();
+      return item.kind != Kind::File && (isLong || isEntry == !record.name.empty());
   }
 }
 

@@ -169,14 +169,14 @@ void SectionScanner::ScanEntry(SectionItem* item, const EntryGroup& group) {
     m_Folders.Leave();
     return;
   }
+  if (group.IsListed()) {
+    item->shortName = group.ShortName();
+    item->name = group.Name();
+    item->path = PathOf(item->name);
+  }
   if (role == EntryRole::Dot) {
     item->kind = SectionItem::Kind::DotEntry;
-    return;
-  }
-  item->shortName = group.ShortName();
-  item->name = group.Name();
-  item->path = PathOf(item->name);
-  if (role == EntryRole::Folder) {
+  } else if (role == EntryRole::Folder) {
     item->kind = SectionItem::Kind::Directory;
     m_Folders.Enter(item->name);
   } else {

@@ -20,12 +20,11 @@ std::string JudgeLongName(FileWindow& window, const SectionItem& item) {
 }
 
 bool SoundItem::Is(const SectionItem& item) const {
-  const bool isEntry = item.kind == Kind::File || item.kind == Kind::Directory;
   if (!item.problem.empty() || item.isStray) return false;
   if (item.kind == Kind::ZeroEntry) return IsAllZero(item.entry);
-  if (!isEntry) return true;
+  if (!item.IsEntry()) return true;
   if (!item.isNtfs && (HasBadName(item) || !JudgeLongName(m_Window, item).empty())) return false;
-  if (item.kind == Kind::Directory) return true;
+  if (item.kind != Kind::File) return true;
   if (item.isNtfs && item.dataOffset == item.offset + item.length) return true;  // not stored
   RecordSource source;
   source.descriptor = m_nDescriptor;
