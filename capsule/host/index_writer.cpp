@@ -269,7 +269,8 @@ void IndexWriter::Count(Plan* plan) {
     const bool isSection = item.kind == SectionItem::Kind::Section;
     records.Add(item, damage);
     report.files += item.kind == SectionItem::Kind::File ? 1 : 0;
-    report.directories += item.kind == SectionItem::Kind::Directory && !item.isRoot ? 1 : 0;
+    report.directories +=
+        item.IsEntry() && item.kind != SectionItem::Kind::File && !item.isRoot ? 1 : 0;
     report.sections += isSection ? 1 : 0;
     plan->endsEmpty = isSection;
     plan->isNtfs = plan->isNtfs || item.isNtfs;

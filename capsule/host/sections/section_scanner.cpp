@@ -132,8 +132,8 @@ void SectionScanner::ScanTrailer(SectionItem* item) {
 // A group is a chain of long-name records, last piece first, and a short entry.
 void SectionScanner::ScanGroup(SectionItem* item) {
   item->section = m_nNextSection - 1;
-  std::vector<unsigned char> pieces;
-  for (int count = 0;; ++count) {
+  EntryGroup group;
+  for (auto taken = EntryGroup::Taken::Piece; taken == EntryGroup::Taken::Piece;) {
     const uint64_t at = m_nPosition;
     const Record record = TakeRecord("directory record");
     if (record.header.Type != kRecordDirectory) {
@@ -145,41 +145,38 @@ void SectionScanner::ScanGroup(SectionItem* item) {
       Fail("directory record", at,
            "payload is " + Numbers(record.header.Length, " bytes, not ", kDirEntrySize, ""));
     }
-    const auto bytes = record.payload.first<kDirEntrySize>();
-    item->entry = DecodeShortEntry(bytes);
-    const bool empty = item->entry.Name[0] == 0;
-    if (item->entry.Attribute != kLongNameAttribute || (empty && pieces.empty())) {
-      if (empty && !pieces.empty()) Fail("directory record", at, "long name without an entry");
-      break;
+    taken = group.Take(record.payload.first<kDirEntrySize>());
+    if (taken == EntryGroup::Taken::NoEntry) {
+      Fail("directory record", at, "long name without an entry");
     }
-    if (count == kMaxLongNamePieces) {
+    if (taken == EntryGroup::Taken::TooManyPieces) {
       Fail("directory record", at,
            "long name has more than " + std::to_string(kMaxLongNamePieces) + " pieces");
     }
-    const auto units = LongNameUnits(bytes);
-    pieces.insert(pieces.end(), units.begin(), units.end());
   }
-  ScanEntry(item, DecodeLongName(pieces));
+  ScanEntry(item, group);
 }
 
-void SectionScanner::ScanEntry(SectionItem* item, std::u16string_view longName) {
-  if (item->entry.Name[0] == 0) {
+void SectionScanner::ScanEntry(SectionItem* item, const EntryGroup& group) {
+  item->entry = group.Entry();
+  const EntryRole role = group.Role();
+  if (role == EntryRole::Closing) {
     item->kind = SectionItem::Kind::ZeroEntry;
     m_Folders.Leave();
     return;
   }
-  const bool folder = (item->entry.Attribute & kDirectoryAttribute) != 0;
-  if (folder && IsDotName(item->entry)) {
-    item->kind = SectionItem::Kind::DotEntry;
-    return;
+  if (group.IsListed()) {
+    item->shortName = group.ShortName();
+    item->name = group.Name();
+    item->path = PathOf(item->name);
   }
-  item->shortName = ShortNameToBytes(item->entry);
-  item->name = longName.empty() ? item->shortName : LongNameToBytes(longName);
-  item->path = PathOf(item->name);
-  item->kind = folder ? SectionItem::Kind::Directory : SectionItem::Kind::File;
-  if (folder) {
+  if (role == EntryRole::Dot) {
+    item->kind = SectionItem::Kind::DotEntry;
+  } else if (role == EntryRole::Folder) {
+    item->kind = SectionItem::Kind::Directory;
     m_Folders.Enter(item->name);
   } else {
+    item->kind = SectionItem::Kind::File;
     ScanData(item);
   }
 }
