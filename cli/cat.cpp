@@ -30,30 +30,6 @@ void WriteZeros(uint64_t count, Output& output) {
   }
 }
 
-// What is left of the file; the exit code.
-int CatDamaged(const host::Image& image, const host::Entry& entry, const CatArguments& arguments,
-               Talk& talk) {
-  const host::OnDamage choice = DamageChoice(arguments.onDamage);
-  Output output;
-  int result = kDone;
-  image.ReadDamaged(entry, arguments.offset, arguments.length, [&](const host::FilePiece& piece) {
-    if (const auto lost = host::LostIn(piece)) {
-      result = kProblems;
-      if (arguments.json) {
-        talk.WriteLine(LostJson(entry.Path(), *lost));
-      } else {
-        talk.Complain(image.Path(), LostText(entry.Path(), *lost));
-      }
-    }
-    if (choice == host::OnDamage::Skip || piece.kind == host::FilePiece::Kind::Data) {
-      output.Write(piece.bytes);
-    } else if (piece.kind == host::FilePiece::Kind::Lost) {
-      WriteZeros(piece.length, output);
-    }
-  });
-  return result;
-}
-
 int Cat(const CatArguments& arguments, Talk& talk) {
   const host::Image image = OpenImage(arguments.image);
   const host::Entry entry = FindOrFail(image, arguments.path);
@@ -62,22 +38,21 @@ int Cat(const CatArguments& arguments, Talk& talk) {
                       entry.Path() + ": offset is " + std::to_string(arguments.offset) +
                           ", the file has " + std::to_string(entry.Size()) + " bytes");
   }
-  const int result = ComplainAboutProblems(image, talk);
-  if (DamageChoice(arguments.onDamage) != host::OnDamage::Stop) {
-    return std::max(result, CatDamaged(image, entry, arguments, talk));
-  }
-  host::FileReader reader = image.OpenFile(entry);
+  int result = ComplainAboutProblems(image, talk);
   Output output;
-  std::vector<unsigned char> piece(kPiece);
-  uint64_t at = arguments.offset;
-  uint64_t left = std::min(arguments.length, reader.Size() - at);
-  do {  // once for an empty file as well: its records may have a check value
-    const auto wanted = static_cast<size_t>(std::min<uint64_t>(left, piece.size()));
-    const size_t count = reader.Read(at, std::span(piece).first(wanted));
-    output.Write(std::span<const unsigned char>(piece).first(count));
-    at += count;
-    left -= count;
-  } while (left != 0);
+  const auto write = [&](std::span<const unsigned char> bytes, uint64_t zeros) {
+    zeros == 0 ? output.Write(bytes) : WriteZeros(zeros, output);
+  };
+  const auto tell = [&](const host::LostRange& lost) {
+    result = std::max<int>(result, kProblems);
+    if (arguments.json) {
+      talk.WriteLine(LostJson(entry.Path(), lost));
+    } else {
+      talk.Complain(image.Path(), LostText(entry.Path(), lost));
+    }
+  };
+  image.CopyLeft(entry, arguments.offset, arguments.length, DamageChoice(arguments.onDamage), write,
+                 tell);
   return result;
 }
 

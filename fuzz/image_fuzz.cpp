@@ -40,26 +40,27 @@ size_t ReadSome(const host::Image& image) {
 }  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
-  const fuzz::MemoryFile file({data, size});
+  const auto source = host::MemorySource({data, size});
   size_t strict = 0;
   bool isSound = false;
   try {
-    const host::Image image(file.Path());
+    const host::Image image(source, "fuzz");
     isSound = image.Problems().empty();
     strict = ReadSome(image);
   } catch (const host::Error&) {
   }
   try {
-    const host::Image image(file.Path(), host::Opening::Salvage);
+    const host::Image image(source, "fuzz", host::Opening::Salvage);
     const size_t salvaged = ReadSome(image);
     fuzz::Require(!isSound || salvaged == strict, "a sound image has the same files either way");
   } catch (const host::Error&) {
     fuzz::Require(!isSound, "a sound image can be opened either way");
   }
   try {
-    static_cast<void>(host::Verifier(file.Path()).Run([](const host::Fault&) {}));
+    static_cast<void>(host::Verifier(source, "fuzz").Run([](const host::Fault&) {}));
   } catch (const host::Error&) {
   }
+  const fuzz::MemoryFile file({data, size});
   try {
     CapsuleFile image(file.Path().c_str());
     image.ReadImage(0);

@@ -13,7 +13,7 @@
 #include "capsule/host/image.h"
 #include "capsule/host/index/restart_point.h"
 #include "capsule/platform/little_endian.h"
-#include "fuzz/memory_file.h"
+#include "fuzz/check.h"
 #include "fuzz/section_image.h"
 
 namespace {
@@ -118,9 +118,9 @@ void CompareWhatIsLeft(const host::Image& image, const host::Entry& entry,
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   if (size < kParameters || size > 1 << 16) return 0;
-  const fuzz::MemoryFile file(MakeImage(data, size));
+  const auto bytes = MakeImage(data, size);
   try {
-    const host::Image image(file.Path(), host::Opening::Salvage);
+    const host::Image image(host::MemorySource(bytes), "fuzz", host::Opening::Salvage);
     const auto entry = image.Find("0:/AAAAAAAA");
     if (!entry || entry->IsDirectory()) return 0;
     const auto whole = ReadFromFront(image, *entry);

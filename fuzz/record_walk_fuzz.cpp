@@ -3,9 +3,9 @@
 #include <cstdint>
 
 #include "capsule/host/error.h"
+#include "capsule/host/sections/searching_survey.h"
 #include "capsule/host/sections/section_scanner.h"
-#include "capsule/host/sections/section_survey.h"
-#include "fuzz/memory_file.h"
+#include "fuzz/check.h"
 #include "fuzz/section_image.h"
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
@@ -14,7 +14,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   if (size == 0) return 0;
   fuzz::Bytes image = fuzz::BeginImage((data[0] & 1) != 0 ? 7 : 11, (data[0] & 2) != 0);
   fuzz::Append({data + 1, size - 1}, &image);
-  const fuzz::MemoryFile file(image);
+  const host::ImageFile bytes(host::MemorySource(image), "fuzz");
 
   uint64_t end = 0;
   const auto judge = [&](const host::SectionItem& item) {
@@ -23,7 +23,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     end = item.offset + item.length;
   };
   try {
-    host::SectionScanner scanner(file.Descriptor(), "fuzz");
+    host::SectionScanner scanner(bytes);
     for (host::SectionItem item; scanner.Next(&item);) judge(item);
   } catch (const host::Error&) {
   }
@@ -35,6 +35,6 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   visitor.onItem = [&](const host::SurveyItem& found) {
     Require(found.item.offset + found.item.length <= image.size(), "what is left is in the file");
   };
-  host::SurveyBySearch(file.Descriptor(), "fuzz", {image.size()}, visitor);
+  host::SurveyBySearch(bytes, {image.size()}, visitor);
   return 0;
 }

@@ -58,4 +58,7 @@ inline std::optional<LostRange> LostIn(const FilePiece& piece) {
 
 using TakePiece = std::function<void(const FilePiece&)>;
 
+// The next bytes of a file that is written out: `bytes`, or as many zeros as `zeros` says.
+using TakeLeft = std::function<void(std::span<const unsigned char> bytes, uint64_t zeros)>;
+
 }  // namespace capsule::host

@@ -12,19 +12,23 @@ std::string Message(const std::string& path, const std::string& reason) {
   return OneLine(path.empty() ? reason : path + ": " + reason);
 }
 
-bool IsErrno(const std::error_code& code) {
-  return code.category() == std::generic_category() || code.category() == std::system_category();
+// What a code says in terms of errno, where it can be said so.
+std::optional<int> ErrnoOf(const std::error_code& code) {
+  const std::error_condition condition = code.default_error_condition();
+  if (condition.category() != std::generic_category()) return std::nullopt;
+  return condition.value();
 }
 
 std::string SystemMessage(const std::string& what, const std::error_code& code) {
-  const std::string reason = IsErrno(code) ? SystemReason(code.value()) : code.message();
+  const std::optional<int> number = ErrnoOf(code);
+  const std::string reason = number ? SystemReason(*number) : code.message();
   return what.empty() ? reason : what + ": " + reason;
 }
 
 }  // namespace
 
 ErrorKind KindOf(const std::error_code& code) {
-  switch (IsErrno(code) ? code.value() : 0) {
+  switch (ErrnoOf(code).value_or(0)) {
     case ENOENT:
       return ErrorKind::NotFound;
     case EACCES:

@@ -14,9 +14,9 @@
 
 #include "capsule/host/extract/file_extraction.h"
 #include "capsule/host/file/reason.h"
-#include "capsule/host/file/scoped_descriptor.h"
 #include "capsule/host/file/watch.h"
 #include "capsule/platform/folder.h"
+#include "capsule/platform/scoped_descriptor.h"
 #include "capsule/platform/unfinished_file.h"
 
 namespace capsule::host {
@@ -57,7 +57,7 @@ struct Extractor::Impl {
   void Leave();
   void ExtractFile(const Entry& file);
   bool OpenOrMake(const std::string& name, const Entry& folder, bool* isNew);
-  platform::FileIdentity IdentityOf(const ScopedDescriptor& folder) const;
+  platform::FileIdentity IdentityOf(const platform::ScopedDescriptor& folder) const;
   void Problem(const Entry& entry, std::string reason);
   void Tell(const Entry& entry);
   uint64_t BytesToExtract() const;
@@ -68,13 +68,13 @@ struct Extractor::Impl {
   Watch watch;
   uint64_t passed = 0;                        // bytes of files that are done, or left out
   std::unordered_map<uint32_t, bool> chosen;  // by node: true: wanted; false: leads to a wanted one
-  ScopedDescriptor current;
+  platform::ScopedDescriptor current;
   std::vector<Level> levels;
   ExtractReport report;
 };
 
 void Extractor::Impl::OpenTarget() {
-  current = ScopedDescriptor(platform::OpenFolder(target.c_str()));
+  current = platform::ScopedDescriptor(platform::OpenFolder(target.c_str()));
   if (current) return platform::RemoveLeftOvers(current.Get());
   const int reason = errno;
   const bool isLink = reason == ELOOP || (reason == ENOTDIR && std::filesystem::is_symlink(target));
@@ -83,7 +83,7 @@ void Extractor::Impl::OpenTarget() {
               "is a link; name the folder it leads to, or end it with '/'");
 }
 
-platform::FileIdentity Extractor::Impl::IdentityOf(const ScopedDescriptor& folder) const {
+platform::FileIdentity Extractor::Impl::IdentityOf(const platform::ScopedDescriptor& folder) const {
   const auto identity = platform::Identify(folder.Get());
   if (!identity) ThrowSystemError(target.string(), "cannot look at a folder", errno);
   return *identity;
@@ -124,7 +124,7 @@ bool Extractor::Impl::OpenOrMake(const std::string& name, const Entry& folder, b
     Problem(folder, "cannot make the folder: " + SystemReason(errno));
     return false;
   }
-  ScopedDescriptor opened(platform::OpenFolderIn(current.Get(), name.c_str()));
+  platform::ScopedDescriptor opened(platform::OpenFolderIn(current.Get(), name.c_str()));
   if (!opened) {
     const int reason = errno;
     ThrowIfShort(folder.Path(), "cannot enter the folder", reason);
@@ -151,7 +151,7 @@ void Extractor::Impl::Leave() {
   const Level level = levels.back();
   levels.pop_back();
   // The way up is opened first: a folder that loses its permissions may not be asked any more.
-  ScopedDescriptor above(platform::OpenFolderIn(current.Get(), ".."));
+  platform::ScopedDescriptor above(platform::OpenFolderIn(current.Get(), ".."));
   if (!above) ThrowSystemError(target.string(), "cannot go back up", errno);
   if (IdentityOf(above) != levels.back().identity) {
     throw Error(ErrorKind::System, target.string(), "a folder in it was moved while extracting");

@@ -2,10 +2,14 @@
 
 #include <algorithm>
 #include <utility>
+#include <vector>
 
 #include "capsule/host/records/record_stream.h"
 
 namespace capsule::host {
+namespace {
+constexpr size_t kPiece = 128 * 1024;
+}
 
 struct FileReader::Impl {
   RecordStream records;
@@ -41,6 +45,20 @@ size_t FileReader::Read(uint64_t offset, std::span<unsigned char> out) {
   }
   m_pImpl->hasFailed = false;
   return static_cast<size_t>(end - offset);
+}
+
+void FileReader::CopyTo(uint64_t offset, uint64_t length,
+                        const std::function<void(std::span<const unsigned char>)>& take) {
+  const uint64_t begin = std::min(offset, Size());
+  const uint64_t end = begin + std::min(length, Size() - begin);
+  std::vector<unsigned char> piece(static_cast<size_t>(std::min<uint64_t>(end - begin, kPiece)));
+  if (Size() == 0) Read(0, {});
+  for (uint64_t at = begin; at < end;) {
+    const auto wanted = static_cast<size_t>(std::min<uint64_t>(end - at, piece.size()));
+    const size_t count = Read(at, std::span(piece).first(wanted));
+    take(std::span(piece).first(count));
+    at += count;
+  }
 }
 
 }  // namespace capsule::host

@@ -11,11 +11,12 @@
 // outlive it.
 //
 //   host::FileReader reader = image.OpenFile(entry);
-//   while (size_t n = reader.Read(at, buffer)) { Use(buffer, n); at += n; }
+//   reader.CopyTo(0, reader.Size(), [&](std::span<const unsigned char> piece) { Use(piece); });
 #pragma once
 
 #include <cstddef>
 #include <cstdint>
+#include <functional>
 #include <span>
 
 #include "capsule/export.h"
@@ -39,6 +40,12 @@ class CAPSULE_API FileReader {
   // the end of the file. Throws host::Error when the records do not hold exactly what they state;
   // `out` may then be half filled.
   size_t Read(uint64_t offset, std::span<unsigned char> out);
+
+  // Hands out `length` bytes from `offset` on, fewer at the end of the file, in order and in pieces
+  // of at most 128 KiB; of an empty file none, but its check value is compared. Throws as Read
+  // does; what was handed out by then is right.
+  void CopyTo(uint64_t offset, uint64_t length,
+              const std::function<void(std::span<const unsigned char>)>& take);
 
  private:
   friend class Image;

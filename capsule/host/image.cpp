@@ -1,12 +1,10 @@
 #include "capsule/host/image.h"
 
 #include <algorithm>
-#include <cerrno>
 
 #include "capsule/host/file/checksum.h"
 #include "capsule/host/file/file_window.h"
 #include "capsule/host/file/reason.h"
-#include "capsule/host/file/scoped_descriptor.h"
 #include "capsule/host/index/image_header.h"
 #include "capsule/host/records/record_judge.h"
 #include "capsule/host/records/record_source.h"
@@ -16,13 +14,11 @@
 #include "capsule/host/tree/image_open.h"
 #include "capsule/host/tree/salvage_tree.h"
 #include "capsule/partition/record_format.h"
-#include "capsule/platform/file.h"
 
 namespace capsule::host {
 
 struct Image::Impl {
-  std::string path;
-  ScopedDescriptor file;
+  ImageFile file;
   ImageInfo info;
   std::unique_ptr<Catalog> catalog;
   std::vector<ImageProblem> problems;
@@ -31,18 +27,6 @@ struct Image::Impl {
 };
 
 namespace {
-
-ScopedDescriptor Open(const std::string& path) {
-  ScopedDescriptor file(platform::OpenForReading(path.c_str()));
-  if (!file) ThrowSystemError(path, "cannot open", errno);
-  return file;
-}
-
-uint64_t LengthOf(const ScopedDescriptor& file, const std::string& path) {
-  const int64_t length = platform::FileLength(file.Get());
-  if (length < 0) ThrowSystemError(path, "cannot tell its length", errno);
-  return static_cast<uint64_t>(length);
-}
 
 ImageInfo Summarize(const DecodedHeader& header, const IndexContents& index,
                     const Catalog& catalog) {
@@ -87,8 +71,6 @@ std::span<const RestartPoint> RestartsIn(const std::vector<RestartPoint>& points
   const auto first = std::lower_bound(points.begin(), points.end(), begin, isBefore);
   return {first, std::lower_bound(first, points.end(), limit, isBefore)};
 }
-
-constexpr size_t kPieceSize = size_t{64} << 10;
 
 // FILE records have no check values of their own, and those that cannot be decoded make the class
 // interface read what follows wrongly.
@@ -137,10 +119,9 @@ void RefuseLeftOut(const std::vector<ImageProblem>& problems, const std::string&
 }
 
 // What is wrong with the header, which a checked index vouches for; nothing when it does not.
-std::optional<ImageProblem> JudgeHeader(int descriptor, const std::string& path,
-                                        const IndexContents& index) {
+std::optional<ImageProblem> JudgeHeader(const ImageFile& image, const IndexContents& index) {
   if (!index.headerCheck) return std::nullopt;
-  FileWindow window(descriptor, path);
+  FileWindow window(image);
   RunningChecksum checksum;
   checksum.Update(window.At(0, kHeaderSize));
   if (checksum.Value() == *index.headerCheck) return std::nullopt;
@@ -151,11 +132,11 @@ std::optional<ImageProblem> JudgeHeader(int descriptor, const std::string& path,
 }
 
 // The same without a check value, which tells damage that does no harm from none.
-std::optional<ImageProblem> JudgeUncheckedHeader(int descriptor, const std::string& path,
+std::optional<ImageProblem> JudgeUncheckedHeader(const ImageFile& image,
                                                  const DecodedHeader& header,
                                                  const IndexContents& index) {
   if (index.headerCheck) return std::nullopt;
-  FileWindow window(descriptor, path);
+  FileWindow window(image);
   const auto stored = window.At(0, kHeaderSize);
   if (stored.size() < kHeaderSize) return std::nullopt;
   std::string wrong = JudgeSpareRecords(stored.first<kHeaderSize>(), header);
@@ -198,23 +179,25 @@ std::optional<uint32_t> TakePartition(std::string_view* path) {
 }  // namespace
 
 Image::Image(const std::filesystem::path& path, Opening opening)
+    : Image(FileSource(path), path.string(), opening) {}
+
+Image::Image(std::shared_ptr<const ByteSource> source, std::string name, Opening opening)
     : m_pImpl(std::make_unique<Impl>()) {
   Impl& impl = *m_pImpl;
-  impl.path = path.string();
-  impl.file = Open(impl.path);
-  const uint64_t length = LengthOf(impl.file, impl.path);
-  const DecodedHeader header = ReadImageHeader(impl.file.Get(), impl.path, length);
+  impl.file = ImageFile(std::move(source), std::move(name));
+  const ImageFile& file = impl.file;
+  const uint64_t length = file.Size();
+  const DecodedHeader header = ReadImageHeader(file);
   IndexContents index;
   std::string scanReason;
   const bool isEmpty = !HasPartitions(header);
   try {
-    CheckIndexOffset(header, impl.path, length);
-    index = CheckIndex(impl.file.Get(), impl.path, header.indexOffset, length,
-                       opening == Opening::Salvage);
-    impl.catalog = ReadCatalog(impl.file.Get(), impl.path, header, index, &impl.problems);
-    if (opening == Opening::Salvage) RefuseLeftOut(impl.problems, impl.path);
+    CheckIndexOffset(header, file);
+    index = CheckIndex(file, header.indexOffset, opening == Opening::Salvage);
+    impl.catalog = ReadCatalog(file, header, index, &impl.problems);
+    if (opening == Opening::Salvage) RefuseLeftOut(impl.problems, file.Name());
     if (!index.isChecked || HasNtfsPartition(header)) {
-      CheckSections(impl.file.Get(), impl.path, index, *impl.catalog, header.indexOffset);
+      CheckSections(file, index, *impl.catalog, header.indexOffset);
     }
   } catch (const ShortageError&) {
     throw;
@@ -223,24 +206,23 @@ Image::Image(const std::filesystem::path& path, Opening opening)
     if (opening == Opening::Strict && !isWithoutIndex) throw;
     if (!isWithoutIndex) scanReason = error.Reason();
     impl.problems.clear();
-    impl.catalog = SalvageCatalog(
-        impl.file.Get(), impl.path, index,
-        LimitOfSections(impl.file.Get(), impl.path, header, index, length), &impl.problems);
+    impl.catalog =
+        SalvageCatalog(file, index, LimitOfSections(file, header, index, length), &impl.problems);
     if (impl.catalog->Size() == 0 && !isEmpty) throw;
-    if (const auto at = FindUncountedSection(impl.file.Get(), impl.path)) {
+    if (const auto at = FindUncountedSection(file)) {
       const auto counted = static_cast<uint32_t>(impl.catalog->Roots());
       impl.problems.push_back({"item at " + Hex(*at), UncountedReason(counted), false, *at});
     }
   }
   impl.info = Summarize(header, index, *impl.catalog);
   JudgeSizes(*impl.catalog, impl.info, &impl.problems);
-  if (auto wrong = JudgeHeader(impl.file.Get(), impl.path, index)) {
+  if (auto wrong = JudgeHeader(file, index)) {
     impl.problems.push_back(*std::move(wrong));
     // Its flag may be damaged. Stored records say by themselves that they are; what is compressed
     // would pass for stored.
     impl.info.compressed = true;
   }
-  if (auto wrong = JudgeUncheckedHeader(impl.file.Get(), impl.path, header, index)) {
+  if (auto wrong = JudgeUncheckedHeader(file, header, index)) {
     impl.problems.push_back(*std::move(wrong));
   }
   AddKnownDamage(index, *impl.catalog, &impl.problems);
@@ -254,7 +236,7 @@ Image::~Image() = default;
 Image::Image(Image&&) noexcept = default;
 Image& Image::operator=(Image&&) noexcept = default;
 
-const std::string& Image::Path() const { return m_pImpl->path; }
+const std::string& Image::Path() const { return m_pImpl->file.Name(); }
 const ImageInfo& Image::Info() const { return m_pImpl->info; }
 const std::vector<ImageProblem>& Image::Problems() const { return m_pImpl->problems; }
 bool Image::IsWhole() const {
@@ -289,7 +271,7 @@ RecordSource Image::SourceOf(const Entry& entry) const {
   const CatalogNode& node = m_pImpl->catalog->Node(entry.m_nId);
   if (node.isDirectory) throw Error(ErrorKind::Misuse, Path(), entry.Path() + ": is a directory");
   RecordSource source;
-  source.descriptor = m_pImpl->file.Get();
+  source.image = m_pImpl->file;
   source.imageIsCompressed = m_pImpl->info.compressed;
   source.begin = node.dataOffset;
   source.limit = node.dataLimit;
@@ -298,7 +280,6 @@ RecordSource Image::SourceOf(const Entry& entry) const {
   source.fileRecord = node.offset;
   source.check = CheckOf(m_pImpl->checks, node.offset);
   if (!source.ntfs) source.restarts = RestartsIn(m_pImpl->restarts, source.begin, source.limit);
-  source.imagePath = Path();
   source.entryPath = entry.Path();
   return source;
 }
@@ -318,14 +299,30 @@ void Image::ReadDamaged(const Entry& entry, uint64_t offset, uint64_t length,
     return ReadWhatIsHeld(source, problem, begin, end, take);
   }
   FileReader reader(std::move(unchecked));
-  std::vector<unsigned char> bytes(kPieceSize);
-  for (uint64_t at = begin; at < end;) {
-    const auto wanted = static_cast<size_t>(std::min<uint64_t>(end - at, bytes.size()));
-    const size_t count = reader.Read(at, std::span(bytes).first(wanted));
-    take({FilePiece::Kind::Data, at, count, std::span(bytes).first(count), {}});
-    at += count;
-  }
+  uint64_t at = begin;
+  reader.CopyTo(begin, end - begin, [&](std::span<const unsigned char> bytes) {
+    take({FilePiece::Kind::Data, at, bytes.size(), bytes, {}});
+    at += bytes.size();
+  });
   if (onlyCheckFails) take({FilePiece::Kind::Uncertain, begin, end - begin, {}, problem});
+}
+
+void Image::CopyLeft(const Entry& entry, uint64_t offset, uint64_t length, OnDamage onDamage,
+                     const TakeLeft& take,
+                     const std::function<void(const LostRange&)>& onLost) const {
+  if (onDamage == OnDamage::Stop) {
+    OpenFile(entry).CopyTo(offset, length, [&](auto bytes) { take(bytes, 0); });
+    return;
+  }
+  ReadDamaged(entry, offset, length, [&](const FilePiece& piece) {
+    const auto lost = LostIn(piece);
+    if (lost && onLost) onLost(*lost);
+    if (onDamage == OnDamage::Skip || piece.kind == FilePiece::Kind::Data) {
+      if (!piece.bytes.empty()) take(piece.bytes, 0);
+    } else if (piece.kind == FilePiece::Kind::Lost) {
+      take({}, piece.length);
+    }
+  });
 }
 
 size_t Image::Read(const Entry& entry, uint64_t offset, std::span<unsigned char> out) const {

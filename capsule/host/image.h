@@ -19,6 +19,8 @@
 
 #include <cstdint>
 #include <filesystem>
+#include <functional>
+#include <memory>
 #include <optional>
 #include <span>
 #include <string>
@@ -26,6 +28,7 @@
 #include <vector>
 
 #include "capsule/export.h"
+#include "capsule/host/byte_source.h"
 #include "capsule/host/damaged_file.h"
 #include "capsule/host/entry.h"
 #include "capsule/host/error.h"
@@ -65,6 +68,12 @@ enum class Opening {
 class CAPSULE_API Image {
  public:
   explicit Image(const std::filesystem::path& path, Opening opening = Opening::Strict);
+
+  // The image whose bytes `source` has: an open file, memory, or whatever a host has
+  // (byte_source.h). `name`: what errors call it.
+  explicit Image(std::shared_ptr<const ByteSource> source, std::string name,
+                 Opening opening = Opening::Strict);
+
   ~Image();
   Image(Image&&) noexcept;
   Image& operator=(Image&&) noexcept;
@@ -107,6 +116,13 @@ class CAPSULE_API Image {
   // the records speaks for the rest.
   void ReadDamaged(const Entry& entry, uint64_t offset, uint64_t length,
                    const TakePiece& take) const;
+
+  // Writes out the part of a file that ReadDamaged tells of, as `onDamage` wants it: strictly, or
+  // what is left of it, with zeros for the rest or nothing. `onLost`, if there is one, gets every
+  // part that is not there as it was, before what follows it. Throws as FileReader::CopyTo does
+  // when `onDamage` is Stop, else as ReadDamaged.
+  void CopyLeft(const Entry& entry, uint64_t offset, uint64_t length, OnDamage onDamage,
+                const TakeLeft& take, const std::function<void(const LostRange&)>& onLost) const;
 
   // OpenFile and one Read, which decodes from the file's first record on: for many ranges of one
   // file keep a reader.

@@ -15,13 +15,13 @@
 #include "capsule/host/build/image_draft.h"
 #include "capsule/host/build/source_walk.h"
 #include "capsule/host/file/reason.h"
-#include "capsule/host/file/scoped_descriptor.h"
 #include "capsule/host/file/watch.h"
 #include "capsule/host/index/image_header.h"
 #include "capsule/platform/ascii.h"
 #include "capsule/platform/dos_time.h"
 #include "capsule/platform/glob.h"
 #include "capsule/platform/host_files.h"
+#include "capsule/platform/scoped_descriptor.h"
 
 namespace capsule::host {
 namespace {
@@ -72,10 +72,10 @@ fs::path BehindLinks(const fs::path& image, fs::path target) {
 void CheckReplaceable(const std::string& target, const std::string& name) {
   const auto old = platform::Status(target);
   if (!old || old->kind != platform::FileKind::Regular || old->size == 0) return;
-  const ScopedDescriptor file(platform::OpenForReading(target.c_str()));
+  const platform::ScopedDescriptor file(platform::OpenForReading(target.c_str()));
   if (!file) ThrowSystemError(name, "cannot be read", errno);
   try {
-    ReadImageHeader(file.Get(), name, old->size);
+    ReadImageHeader(ImageFile(file.Get(), name));
   } catch (const Error& error) {
     throw Error(ErrorKind::Exists, name, error.Reason() + "; only --force replaces it");
   }

@@ -17,9 +17,11 @@
 #include <cstdint>
 #include <filesystem>
 #include <functional>
+#include <memory>
 #include <string>
 
 #include "capsule/export.h"
+#include "capsule/host/byte_source.h"
 #include "capsule/host/map_item.h"
 
 namespace capsule::host {
@@ -28,10 +30,9 @@ namespace capsule::host {
 CAPSULE_API MapSummary MapImage(const std::filesystem::path& path,
                                 const std::function<void(const MapItem&)>& take);
 
-// The same with an open file, which stays the caller's. `name`: what errors call it. Of the library
-// itself: not exported. `hasIndex`: false when nothing that the header says of an index is
-// believed.
-MapSummary MapImage(int descriptor, const std::string& name,
-                    const std::function<void(const MapItem&)>& take, bool hasIndex = true);
+// The same of the bytes that `source` has; `name`: what errors call them.
+CAPSULE_API MapSummary MapImage(const std::shared_ptr<const ByteSource>& source,
+                                const std::string& name,
+                                const std::function<void(const MapItem&)>& take);
 
 }  // namespace capsule::host

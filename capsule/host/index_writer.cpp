@@ -34,41 +34,39 @@ namespace capsule::host {
 namespace {
 
 // What lies behind the last trailer is cut off, but not a section that a damaged header conceals.
-void RefuseToCutSection(int descriptor, const std::string& name, const SectionScanner& scanner,
-                        uint64_t end) {
-  if (!FindUncountedSection(descriptor, name, scanner, end)) return;
-  throw Error(name, Hex(end) + ": " + UncountedReason(scanner.SectionCount()), end);
+void RefuseToCutSection(const ImageFile& image, const SectionScanner& scanner, uint64_t end) {
+  if (!FindUncountedSection(image, scanner, end)) return;
+  throw Error(image.Name(), Hex(end) + ": " + UncountedReason(scanner.SectionCount()), end);
 }
 
 // An index that says what was damaged is not replaced by one that does not.
-void RefuseToForget(int descriptor, const std::string& name) {
-  const auto length = static_cast<uint64_t>(std::max<int64_t>(platform::FileLength(descriptor), 0));
-  const DecodedHeader header = ReadImageHeader(descriptor, name, length);
+void RefuseToForget(const ImageFile& image) {
+  const DecodedHeader header = ReadImageHeader(image);
   IndexContents index;
   try {
-    CheckIndexOffset(header, name, length);
-    index = CheckIndex(descriptor, name, header.indexOffset, length);
+    CheckIndexOffset(header, image);
+    index = CheckIndex(image, header.indexOffset);
   } catch (const Error&) {
     return;
   }
-  if (!index.damages.empty()) throw Error(name, "its index tells of damage, and is kept");
+  if (!index.damages.empty()) throw Error(image.Name(), "its index tells of damage, and is kept");
 }
 
 // Where a checked index stands that the header does not lead to any more, what it tells of files
 // must be so: it would be lost by a new one, and with it what shows that they are damaged.
-void RefuseToContradictLostIndex(int descriptor, const std::string& name, uint64_t offset) {
-  const auto length = static_cast<uint64_t>(std::max<int64_t>(platform::FileLength(descriptor), 0));
+void RefuseToContradictLostIndex(const ImageFile& image, uint64_t offset) {
+  const uint64_t length = image.Size();
   if (offset >= length) return;
   IndexContents index;
   try {
-    index = CheckIndex(descriptor, name, offset, length);
+    index = CheckIndex(image, offset);
   } catch (const ShortageError&) {
     throw;
   } catch (const Error&) {
     return;  // it is none
   }
   if (!index.isChecked) return;
-  FileWindow window(descriptor, name);
+  FileWindow window(image);
   uint64_t covered = 0;
   for (const FileCheck& check : index.checks) {
     RunningChecksum checksum;
@@ -81,7 +79,7 @@ void RefuseToContradictLostIndex(int descriptor, const std::string& name, uint64
       at += bytes.size();
     }
     if (covered <= length && checksum.Value() == check.value) continue;
-    throw Error(name,
+    throw Error(image.Name(),
                 "an index at " + Hex(offset) +
                     " that the header does not lead to vouches for other bytes at " +
                     Hex(check.offset) + ", and is kept",
@@ -161,17 +159,18 @@ IndexReport IndexWriter::Write(const IndexOptions& options) {
   }
   const bool force = damaged == DamagedSections::NoteDamage;
   if (damaged != DamagedSections::Refuse) {
-    if (!m_bOwned)
+    if (!m_bOwned) {
       throw Error(ErrorKind::Misuse, m_strName, "only an image with a path can be judged");
-    const Image image(m_strName, Opening::Salvage);
+    }
+    const Image image(Bytes().Source(), m_strName, Opening::Salvage);
     return image.Info().checked
                ? AnnotateIndex(m_nDescriptor, image, force, {options.onProgress, options.stop})
                : WriteSections(image, force);
   }
-  RefuseToForget(m_nDescriptor, m_strName);
+  RefuseToForget(Bytes());
   Plan plan = Measure(SectionTrust::Written, {});
   if (m_bOwned) {
-    TrialImage trial(m_nDescriptor, m_strName);
+    TrialImage trial(Bytes());
     plan.report.imageBytes = Append(plan, trial.Descriptor(), nullptr);
     PutInPlace(plan, trial);
   } else {
@@ -184,19 +183,19 @@ IndexReport IndexWriter::Write(const IndexOptions& options) {
 IndexReport IndexWriter::WriteSections(const Image& image, bool force) {
   const bool isWhole = image.IsWhole();
   const auto& problems = image.Problems();
-  const bool hasIndex = !isWhole && HasReadableIndex(m_nDescriptor, m_strName);
+  const bool hasIndex = !isWhole && HasReadableIndex(Bytes());
   const std::string damage =
       problems.empty() ? image.Info().scanReason : problems[0].path + ": " + problems[0].reason;
   if (hasIndex && !force) {
     throw Error(m_strName, damage + "; the index can be read, and is kept for what it tells");
   }
-  if (FindUncountedSection(m_nDescriptor, m_strName)) throw Error(m_strName, damage);
+  if (FindUncountedSection(Bytes())) throw Error(m_strName, damage);
   std::vector<DamageNote> notes;
   if (hasIndex && problems.empty()) notes.push_back({0, kHeaderSize, damage, false});
   Plan plan = Measure(problems.empty() ? SectionTrust::Sound : SectionTrust::Damaged, notes);
   if (!problems.empty() && plan.report.problems.empty()) throw Error(m_strName, damage);
-  RefuseToContradictLostIndex(m_nDescriptor, m_strName, plan.report.indexOffset);
-  TrialImage trial(m_nDescriptor, m_strName);
+  RefuseToContradictLostIndex(Bytes(), plan.report.indexOffset);
+  TrialImage trial(Bytes());
   trial.Put(plan.header);
   plan.report.imageBytes = Append(plan, trial.Descriptor(), &trial);
   trial.Open(plan.notes.empty() && plan.damages.empty());
@@ -214,8 +213,9 @@ void IndexWriter::PutInPlace(const Plan& plan, const TrialImage& trial) {
     ThrowSystemError(m_strName, "no room for the index", errno);
   }
   Complete(plan, [&] {
-    const bool isDone = platform::Truncate(m_nDescriptor, static_cast<int64_t>(begin)) &&
-                        CopyBytes(trial.Descriptor(), m_nDescriptor, begin, end);
+    const bool isDone =
+        platform::Truncate(m_nDescriptor, static_cast<int64_t>(begin)) &&
+        CopyBytes(ImageFile(trial.Descriptor(), m_strName), m_nDescriptor, begin, end);
     if (!isDone) ThrowSystemError(m_strName, "write of the index", errno);
   });
 }
@@ -250,15 +250,15 @@ void IndexWriter::Complete(const Plan& plan, const std::function<void()>& append
 
 // Then there is nothing to index.
 bool IndexWriter::IsWithoutPartitions() const {
-  const SectionScanner scanner(m_nDescriptor, m_strName);
+  const SectionScanner scanner(Bytes());
   if (scanner.SectionCount() != 0) return false;
-  RefuseToCutSection(m_nDescriptor, m_strName, scanner, kHeaderSize);
+  RefuseToCutSection(Bytes(), scanner, kHeaderSize);
   return true;
 }
 
 // An image without partitions may be one whose header lost them.
 void IndexWriter::RefuseUnlessEmpty() const {
-  const Image image(m_strName, Opening::Salvage);
+  const Image image(Bytes().Source(), m_strName, Opening::Salvage);
   if (image.IsWhole()) return;
   throw Error(m_strName, image.Problems().empty()
                              ? image.Info().scanReason
@@ -266,7 +266,7 @@ void IndexWriter::RefuseUnlessEmpty() const {
 }
 
 IndexWriter::Plan IndexWriter::Measure(SectionTrust trust, std::vector<DamageNote> notes) {
-  const SectionScanner scanner(m_nDescriptor, m_strName);
+  const SectionScanner scanner(Bytes());
   Plan plan;
   plan.trust = trust;
   plan.notes = std::move(notes);
@@ -281,7 +281,7 @@ IndexWriter::Plan IndexWriter::Measure(SectionTrust trust, std::vector<DamageNot
                 "image with its index would be " + std::to_string(plan.report.imageBytes) +
                     " bytes, " + std::to_string(kMaxImageSize) + " are possible");
   }
-  RefuseToCutSection(m_nDescriptor, m_strName, scanner, plan.report.indexOffset);
+  RefuseToCutSection(Bytes(), scanner, plan.report.indexOffset);
   plan.isCompressed = scanner.Header().compressed;
   plan.header = CompleteHeader(scanner, plan.report.indexOffset, m_strName);
   return plan;
@@ -301,7 +301,8 @@ void IndexWriter::Count(Plan* plan) {
     const bool isSection = item.kind == SectionItem::Kind::Section;
     records.Add(item, damage);
     report.files += item.kind == SectionItem::Kind::File ? 1 : 0;
-    report.directories += item.kind == SectionItem::Kind::Directory && !item.isRoot ? 1 : 0;
+    report.directories +=
+        item.IsEntry() && item.kind != SectionItem::Kind::File && !item.isRoot ? 1 : 0;
     report.sections += isSection ? 1 : 0;
     plan->endsEmpty = isSection;
     plan->isNtfs = plan->isNtfs || item.isNtfs;
@@ -313,7 +314,7 @@ void IndexWriter::Count(Plan* plan) {
          damage});
   };
   visitor.onImage = [&](const DamageNote& note) { plan->notes.push_back(note); };
-  report.indexOffset = VisitItems(m_nDescriptor, m_strName, plan->trust, visitor);
+  report.indexOffset = VisitItems(Bytes(), plan->trust, visitor);
   for (const DamageNote& note : plan->notes) {
     records.Add(note);
     report.problems.push_back({note.isCut ? "end of the image" : "image", note.reason});
@@ -330,9 +331,8 @@ uint64_t IndexWriter::Append(const Plan& plan, int output, TrialImage* trial) {
     ThrowSystemError(m_strName, "truncate", errno);
   }
   RecordSource files;
-  files.descriptor = m_nDescriptor;
+  files.image = Bytes();
   files.imageIsCompressed = plan.isCompressed;
-  files.imagePath = m_strName;
   IndexRecordWriter writer(files, output, start, plan.header, plan.hasRestartPoints);
   writer.SetKnownRestarts(m_pKnownRestarts);
   const uint64_t half = m_watch->Now().bytesTotal / 2;
@@ -348,7 +348,7 @@ uint64_t IndexWriter::Append(const Plan& plan, int output, TrialImage* trial) {
   };
   visitor.onImage = [](const DamageNote&) {};
   const bool isKnown = plan.trust == SectionTrust::Sound;  // what was decoded once
-  VisitItems(m_nDescriptor, m_strName, isKnown ? SectionTrust::Written : plan.trust, visitor);
+  VisitItems(Bytes(), isKnown ? SectionTrust::Written : plan.trust, visitor);
   const uint64_t end = writer.Finish();
   if (end - writer.RestartBytes() != plan.report.imageBytes) {
     throw Error(ErrorKind::System, m_strName, "changed meanwhile");
@@ -363,6 +363,8 @@ void IndexWriter::PatchHeader(std::span<const unsigned char> header, size_t offs
     ThrowSystemError(m_strName, "write of the header", errno, offset);
   }
 }
+
+ImageFile IndexWriter::Bytes() const { return ImageFile(m_nDescriptor, m_strName); }
 
 void IndexWriter::SyncFile() {
   if (!platform::Sync(m_nDescriptor)) ThrowSystemError(m_strName, "sync", errno);

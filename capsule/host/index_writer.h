@@ -44,6 +44,7 @@
 namespace capsule::host {
 
 class Image;
+class ImageFile;
 class RestartCollector;
 class TrialImage;
 class Watch;
@@ -118,6 +119,7 @@ class CAPSULE_API IndexWriter {
   void Complete(const Plan& plan, const std::function<void()>& append);
   void PatchHeader(std::span<const unsigned char> header, size_t offset, size_t count);
   void SyncFile();
+  ImageFile Bytes() const;
   void PutInPlace(const Plan& plan, const TrialImage& trial);
   void Walked(const SectionItem& item, uint64_t before);
 

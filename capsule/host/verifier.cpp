@@ -1,19 +1,17 @@
 #include "capsule/host/verifier.h"
 
 #include <algorithm>
-#include <cerrno>
 #include <set>
 #include <vector>
 
 #include "capsule/container/header_format.h"
 #include "capsule/host/error.h"
 #include "capsule/host/file/reason.h"
-#include "capsule/host/file/scoped_descriptor.h"
 #include "capsule/host/file/watch.h"
 #include "capsule/host/image.h"
-#include "capsule/host/image_map.h"
 #include "capsule/host/index/image_header.h"
 #include "capsule/host/map/header_map.h"
+#include "capsule/host/map/image_mapper.h"
 #include "capsule/host/map/index_verifier.h"
 #include "capsule/host/records/record_stream.h"
 #include "capsule/partition/ntfs_format.h"
@@ -32,12 +30,10 @@ struct OpenFile {
 };
 
 // Those of an index that can be read and has a check value.
-std::vector<RestartPoint> RestartsOf(int descriptor, const std::string& name,
-                                     const DecodedHeader& header) {
-  const auto length = static_cast<uint64_t>(platform::FileLength(descriptor));
+std::vector<RestartPoint> RestartsOf(const ImageFile& image, const DecodedHeader& header) {
   try {
-    CheckIndexOffset(header, name, length);
-    return CheckIndex(descriptor, name, header.indexOffset, length).restarts;
+    CheckIndexOffset(header, image);
+    return CheckIndex(image, header.indexOffset).restarts;
   } catch (const Error&) {
     return {};
   }
@@ -45,23 +41,22 @@ std::vector<RestartPoint> RestartsOf(int descriptor, const std::string& name,
 
 class VerifyRun {
  public:
-  VerifyRun(int descriptor, std::string name, const DecodedHeader& header,
+  VerifyRun(const ImageFile& image, const DecodedHeader& header,
             const std::function<void(const Fault&)>& take, const VerifyOptions& options)
-      : m_nDescriptor(descriptor),
-        m_strName(std::move(name)),
+      : m_image(image),
         m_bCompressed(header.compressed),
         m_Take(take),
-        m_watch(m_strName, options.onProgress, options.stop),
-        m_Window(descriptor, m_strName),
-        m_Index(m_Window, static_cast<uint64_t>(platform::FileLength(descriptor)),
+        m_watch(image.Name(), options.onProgress, options.stop),
+        m_Window(image),
+        m_Index(m_Window, image.Size(),
                 [this](uint64_t offset, const std::string& path, std::string reason) {
                   Tell(offset, path, reason);
                 }),
-        m_Restarts(RestartsOf(descriptor, m_strName, header)) {}
+        m_Restarts(RestartsOf(image, header)) {}
 
   VerifyReport Verify() {
-    m_watch.Now().bytesTotal = static_cast<uint64_t>(platform::FileLength(m_nDescriptor));
-    MapImage(m_nDescriptor, m_strName, [this](const MapItem& item) { Take(item); });
+    m_watch.Now().bytesTotal = m_image.Size();
+    MapImage(m_image, [this](const MapItem& item) { Take(item); });
     CloseFile();
     TellUnnamed();
     CompareWithOpening();
@@ -123,12 +118,11 @@ class VerifyRun {
     m_File.isOpen = false;
     m_watch.Now().files = ++m_Report.files;
     RecordSource source;
-    source.descriptor = m_nDescriptor;
+    source.image = m_image;
     source.imageIsCompressed = m_bCompressed;
     source.begin = m_File.begin;
     source.limit = m_File.end;
     source.size = m_File.size;
-    source.imagePath = m_strName;
     source.entryPath = m_File.path;
     try {
       if (source.size == 0) return;
@@ -182,7 +176,7 @@ class VerifyRun {
   // What the index leaves out, readers never see. Only then is the image walked again.
   void TellUnnamed() {
     if (m_Index.NamesAll()) return;
-    MapImage(m_nDescriptor, m_strName, [&](const MapItem& item) {
+    MapImage(m_image, [&](const MapItem& item) {
       if (item.beginsEntry && !m_Index.Names(item.offset)) {
         Tell(item.offset, item.path, "the index does not name what begins here");
       }
@@ -193,7 +187,7 @@ class VerifyRun {
   // that this one calls sound. Files of NTFS partitions are read through the tree that it gives.
   void CompareWithOpening() {
     try {
-      const Image image(m_strName, Opening::Salvage);
+      const Image image(m_image.Source(), m_image.Name(), Opening::Salvage);
       for (const ImageProblem& problem : image.Problems()) {
         if (!problem.offset || !m_Told.contains(*problem.offset)) {
           Tell(problem.offset.value_or(0), problem.path, problem.reason);
@@ -231,13 +225,10 @@ class VerifyRun {
     const std::string path = m_watch.IsHeard() ? entry.Path() : "";
     try {
       FileReader reader = image.OpenFile(entry);
-      std::vector<unsigned char> bytes(FileWindow::kSize);
-      for (uint64_t at = 0; at < entry.Size();) {
-        const size_t got = reader.Read(at, bytes);
-        if (got == 0) break;
-        at += got;
-        m_watch.TellWithin(before + at, path);
-      }
+      uint64_t at = before;
+      reader.CopyTo(0, entry.Size(), [&](std::span<const unsigned char> piece) {
+        m_watch.TellWithin(at += piece.size(), path);
+      });
       m_Report.bytes += entry.Size();
     } catch (const Error& error) {
       if (error.Kind() == ErrorKind::Cancelled) throw;
@@ -251,8 +242,7 @@ class VerifyRun {
     m_Take({offset, path, reason});
   }
 
-  int m_nDescriptor;
-  std::string m_strName;
+  ImageFile m_image;
   bool m_bCompressed;
   const std::function<void(const Fault&)>& m_Take;
   Watch m_watch;
@@ -270,19 +260,21 @@ class VerifyRun {
 
 }  // namespace
 
+Verifier::Verifier(const std::filesystem::path& image)
+    : Verifier(FileSource(image), image.string()) {}
+
+Verifier::Verifier(std::shared_ptr<const ByteSource> source, std::string name)
+    : m_source(std::move(source)), m_name(std::move(name)) {}
+
 VerifyReport Verifier::Run(const std::function<void(const Fault&)>& take,
                            const VerifyOptions& options) const {
-  const std::string name = m_Path.string();
-  const ScopedDescriptor file(platform::OpenForReading(m_Path.c_str()));
-  if (!file) ThrowSystemError(name, "cannot open", errno);
-  if (platform::FileLength(file.Get()) < 0) {
-    ThrowSystemError(name, "cannot tell its length", errno);
-  }
-  FileWindow window(file.Get(), name);
+  if (!m_source) throw Error(ErrorKind::Misuse, "", "the object was moved from");
+  const ImageFile image(m_source, m_name);
+  FileWindow window(image);
   const auto stored = window.At(0, kHeaderSize);
   const MappedHeader header = DecodeStoredHeader(stored);
-  if (!header.decoded) throw Error(KindOfBadHeader(stored), name, header.problem);
-  return VerifyRun(file.Get(), name, *header.decoded, take, options).Verify();
+  if (!header.decoded) throw Error(KindOfBadHeader(stored), m_name, header.problem);
+  return VerifyRun(image, *header.decoded, take, options).Verify();
 }
 
 }  // namespace capsule::host

@@ -21,11 +21,12 @@
 #include <cstdint>
 #include <filesystem>
 #include <functional>
+#include <memory>
 #include <stop_token>
 #include <string>
-#include <utility>
 
 #include "capsule/export.h"
+#include "capsule/host/byte_source.h"
 #include "capsule/host/progress.h"
 
 namespace capsule::host {
@@ -51,14 +52,18 @@ struct VerifyOptions {
 
 class CAPSULE_API Verifier {
  public:
-  explicit Verifier(std::filesystem::path image) : m_Path(std::move(image)) {}
+  explicit Verifier(const std::filesystem::path& image);
+
+  // The image whose bytes `source` has; `name`: what errors call it.
+  Verifier(std::shared_ptr<const ByteSource> source, std::string name);
 
   // Throws host::Error when the file cannot be read, is not an image at all, or it is cancelled.
   [[nodiscard]] VerifyReport Run(const std::function<void(const Fault&)>& take,
                                  const VerifyOptions& options = {}) const;
 
  private:
-  std::filesystem::path m_Path;
+  std::shared_ptr<const ByteSource> m_source;
+  std::string m_name;
 };
 
 }  // namespace capsule::host

@@ -9,6 +9,7 @@
 #include "capsule/platform/host_files.h"
 #include "capsule/platform/host_path.h"
 #include "capsule/platform/opened_item.h"
+#include "capsule/platform/scoped_descriptor.h"
 
 namespace capsule::platform {
 namespace {
@@ -65,10 +66,13 @@ void HostView::CapTimes(int64_t unixSeconds) { m_pImpl->latest = {unixSeconds, 0
 
 void HostView::SetOpenedItem(const OpenedItem* item) { m_pImpl->opened = item; }
 
-bool HostView::HasOpenedItem() const { return m_pImpl->opened != nullptr; }
-
-int HostView::OpenedFile(std::string_view path) const {
-  return HasOpenedItem() && path == m_pImpl->opened->path ? m_pImpl->opened->descriptor : -1;
+ScopedDescriptor HostView::OpenFile(const char* path) const {
+  if (path == nullptr) return ScopedDescriptor();
+  if (const OpenedItem* opened = m_pImpl->opened) {
+    return ScopedDescriptor::Borrow(path == opened->path ? opened->descriptor : -1);
+  }
+  const auto resolved = Resolve(path);
+  return ScopedDescriptor(resolved ? OpenForReading(resolved->c_str()) : -1);
 }
 
 std::optional<std::string> HostView::Resolve(std::string_view path) const {
@@ -82,7 +86,7 @@ std::optional<std::string> HostView::Resolve(std::string_view path) const {
 
 std::optional<FindData> HostView::Find(std::string_view path) const {
   std::optional<FileStatus> status;
-  if (HasOpenedItem()) {
+  if (m_pImpl->opened != nullptr) {
     status = m_pImpl->OpenedStatus(path);
   } else if (const std::optional<std::string> resolved = Resolve(path)) {
     status = Status(*resolved);
@@ -104,7 +108,7 @@ std::optional<std::string> HostView::ShortPath(std::string_view path) {
   if (IsDirectoryReference(parts.component)) {
     return Find(path) ? std::optional<std::string>(path) : std::nullopt;
   }
-  if (HasOpenedItem()) {
+  if (m_pImpl->opened != nullptr) {
     if (path != m_pImpl->opened->path) return std::nullopt;
     return std::string(parts.front) + m_pImpl->opened->alias;
   }

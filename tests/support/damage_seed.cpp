@@ -46,7 +46,7 @@ DamageSeed::DamageSeed(const std::string& path) : m_Bytes(ReadFile(path)) {
   m_bChecked = image.Info().checked;
   m_nIndexOffset = static_cast<size_t>(image.Info().indexOffset);
   const int descriptor = platform::OpenForReading(path.c_str());
-  host::SectionScanner scanner(descriptor, path);
+  host::SectionScanner scanner(host::ImageFile(descriptor, path));
   for (SectionItem item; scanner.Next(&item);) m_Items.push_back(item);
   platform::Close(descriptor);
 }

@@ -67,7 +67,7 @@ std::string SourceProblem(const SourceItem& item) {
 
 ImageDraft::ImageDraft(std::string target, std::string name, int level, const std::string& version,
                        std::stop_token stop)
-    : m_strTarget(std::move(target)), m_strName(std::move(name)), m_stop(std::move(stop)) {
+    : m_strTarget(std::move(target)), m_strName(std::move(name)), m_observer(std::move(stop)) {
   if (const auto old = platform::Status(m_strTarget)) {
     if (old->kind != platform::FileKind::Regular) Fail(ErrorKind::Exists, "is not a regular file");
     m_Old = old->identity;
@@ -75,13 +75,7 @@ ImageDraft::ImageDraft(std::string target, std::string name, int level, const st
   if (!m_Temporary.Create(m_strTarget)) FailAs("cannot be created", errno);
   m_Own = platform::Identify(m_Temporary.Descriptor());
 
-  m_State.cancel = &m_isCancelled;
   m_State.hostView.SetTimePolicy(platform::TimePolicy::ModificationOnly);
-  m_State.onChunk = [this](int64_t record, uint32_t fileOffset,
-                           std::span<const unsigned char> before, bool isCompressed) {
-    m_Restarts.Take(record, fileOffset, before, isCompressed);
-    if (m_onBytes) m_onBytes(fileOffset);
-  };
   const ScopedLibraryState scope(m_State);
   if (m_Image.CreateCapsuleFile(m_Temporary.Path().c_str()) != 0) {
     FailAs("cannot be created", m_Image.GetLastError());
@@ -96,6 +90,13 @@ ImageDraft::ImageDraft(std::string target, std::string name, int level, const st
 }
 
 ImageDraft::~ImageDraft() { CloseImage(); }
+
+bool ImageDraft::Observer::OnChunk(const Chunk& next) {
+  if (stop.stop_requested()) return false;
+  restarts.Take(next);
+  if (onBytes && next.fileOffset != 0) onBytes(next.fileOffset);
+  return true;
+}
 
 void ImageDraft::CapTimes(int64_t unixSeconds) { m_State.hostView.CapTimes(unixSeconds); }
 
@@ -118,7 +119,7 @@ std::optional<std::string> ImageDraft::Insert(const SourceItem& item) {
   errno = 0;
   if (InsertOpened(item) == 0) return std::nullopt;
   const int error = errno;
-  m_Restarts.Forget(m_Image.GetWriteOffset());
+  m_observer.restarts.Forget(m_Image.GetWriteOffset());
   // What comes next lies where it would have without this item.
   m_State.previousInsertDir = previousDir;
   m_State.dirLevelsToClose = levelsToClose;
@@ -136,7 +137,7 @@ int ImageDraft::InsertOpened(const SourceItem& item) {
   const platform::OpenedItem opened{ItemPath(m_nPartition, item.relative), item.file.Get(),
                                     item.status, item.folder, item.alias};
   m_State.hostView.SetOpenedItem(&opened);
-  const int result = m_Image.InsertFile(opened.path.c_str(), m_nPartition);
+  const int result = m_Image.InsertFile(opened.path.c_str(), m_nPartition, &m_observer);
   m_State.hostView.SetOpenedItem(nullptr);
   return result;
 }
@@ -167,8 +168,8 @@ uint64_t ImageDraft::Complete(int* syncProblem) {
     m_bOpen = false;
   }
   IndexWriter index(m_Temporary.Descriptor(), m_strName);
-  index.SetKnownRestarts(&m_Restarts);
-  const IndexReport report = index.Write({.stop = m_stop});
+  index.SetKnownRestarts(&m_observer.restarts);
+  const IndexReport report = index.Write({.stop = m_observer.stop});
   if (const char* step = m_Temporary.Publish(syncProblem)) FailAs(step, errno);
   return report.imageBytes;
 }
@@ -178,7 +179,7 @@ void ImageDraft::CloseImage() {
 }
 
 void ImageDraft::ThrowIfCancelled() const {
-  if (m_stop.stop_requested()) Fail(ErrorKind::Cancelled, "cancelled");
+  if (m_observer.stop.stop_requested()) Fail(ErrorKind::Cancelled, "cancelled");
 }
 
 void ImageDraft::Fail(ErrorKind kind, const std::string& reason) const {

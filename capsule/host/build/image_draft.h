@@ -6,7 +6,6 @@
 // thread uses a draft.
 #pragma once
 
-#include <atomic>
 #include <cstdint>
 #include <functional>
 #include <optional>
@@ -14,6 +13,7 @@
 #include <string>
 #include <utility>
 
+#include "capsule/blocks/insert_observer.h"
 #include "capsule/container/capsule_file.h"
 #include "capsule/host/build/source_walk.h"
 #include "capsule/host/error.h"
@@ -35,7 +35,9 @@ class ImageDraft {
   ImageDraft& operator=(const ImageDraft&) = delete;
 
   // `onBytes` learns how many bytes of a file are inserted, in front of every chunk but the first.
-  void SetWatch(std::function<void(uint64_t bytes)> onBytes) { m_onBytes = std::move(onBytes); }
+  void SetWatch(std::function<void(uint64_t bytes)> onBytes) {
+    m_observer.onBytes = std::move(onBytes);
+  }
 
   // No time is written that is later than this many seconds after 1970.
   void CapTimes(int64_t unixSeconds);
@@ -57,6 +59,16 @@ class ImageDraft {
   uint64_t Complete(int* syncProblem);
 
  private:
+  // Notes restart points, and ends an insertion that is cancelled.
+  struct Observer : InsertObserver {
+    explicit Observer(std::stop_token token) : stop(std::move(token)) {}
+    bool OnChunk(const Chunk& next) override;
+
+    std::stop_token stop;
+    std::function<void(uint64_t)> onBytes;
+    RestartCollector restarts;
+  };
+
   int InsertOpened(const SourceItem& item);
   [[noreturn]] void Fail(ErrorKind kind, const std::string& reason) const;
   [[noreturn]] void FailAs(const char* step, int error) const;
@@ -69,18 +81,9 @@ class ImageDraft {
   platform::TemporaryFile m_Temporary;
   std::optional<platform::FileIdentity> m_Own;
   std::optional<platform::FileIdentity> m_Old;
-  struct SetFlag {
-    std::atomic<bool>* flag;
-    void operator()() const { *flag = true; }
-  };
-
-  std::stop_token m_stop;
-  std::atomic<bool> m_isCancelled = false;
-  std::stop_callback<SetFlag> m_onStop{m_stop, SetFlag{&m_isCancelled}};
-  std::function<void(uint64_t)> m_onBytes;
   LibraryState m_State;
   CapsuleFile m_Image;
-  RestartCollector m_Restarts;
+  Observer m_observer;
   bool m_bOpen = false;  // m_Image has the file open
   int m_nPartition = -1;
 };

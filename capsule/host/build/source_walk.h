@@ -18,8 +18,8 @@
 #include <unordered_map>
 #include <vector>
 
-#include "capsule/host/file/scoped_descriptor.h"
 #include "capsule/platform/host_files.h"
+#include "capsule/platform/scoped_descriptor.h"
 
 namespace capsule::host {
 
@@ -37,9 +37,9 @@ struct SourceItem {
   std::string path;      // of the system
   std::string relative;  // to the walk's root, '/' between segments
   platform::FileStatus status;
-  platform::FileStatus folder;  // of the folder that it lies in
-  std::string alias;            // its 8.3 name
-  ScopedDescriptor file;        // open for reading, when it is one
+  platform::FileStatus folder;      // of the folder that it lies in
+  std::string alias;                // its 8.3 name
+  platform::ScopedDescriptor file;  // open for reading, when it is one
   std::string reason;
 };
 
@@ -64,7 +64,7 @@ class SourceWalk {
   struct Frame {
     // None in a folder that the walk is below of at great depth, and can go back to by "..", or
     // cannot any more.
-    ScopedDescriptor folder;
+    platform::ScopedDescriptor folder;
     platform::FileStatus status;
     std::vector<std::string> names;  // in byte order from the end on
     std::unordered_map<std::string, std::string> aliases;
@@ -74,10 +74,10 @@ class SourceWalk {
   void Examine(const std::string& name, SourceItem* item);
   void OpenFile(const std::string& name, SourceItem* item);
   void Enter(const std::string& name, SourceItem* item);
-  bool Push(ScopedDescriptor folder, const platform::FileStatus& status);
+  bool Push(platform::ScopedDescriptor folder, const platform::FileStatus& status);
   void CloseAbove();
   void Leave();
-  bool IsAbove(const ScopedDescriptor& above, const Frame& frame) const;
+  bool IsAbove(const platform::ScopedDescriptor& above, const Frame& frame) const;
 
   std::string m_strRoot;
   Filter m_Filter;

@@ -1,9 +1,7 @@
 #include "capsule/host/extract/file_extraction.h"
 
-#include <algorithm>
 #include <cerrno>
 #include <string>
-#include <vector>
 
 #include "capsule/host/error.h"
 #include "capsule/host/file/reason.h"
@@ -15,7 +13,6 @@ namespace capsule::host {
 namespace {
 
 constexpr char kExists[] = "exists in the target folder, kept";
-constexpr size_t kPiece = 128 * 1024;
 
 // A file that goes away again unless it is published.
 class TemporaryFile {
@@ -73,49 +70,25 @@ void RefuseExisting(const Entry& file, int folder, bool force) {
   }
 }
 
-ExtractedFile ExtractLeft(const Image& image, const Entry& file, int folder,
-                          const ExtractOptions& options,
-                          const std::function<void(uint64_t bytes)>& onBytes) {
-  TemporaryFile out(folder, file);
-  ExtractedFile done;
-  image.ReadDamaged(file, 0, file.Size(), [&](const FilePiece& piece) {
-    if (const auto lost = LostIn(piece)) {
-      done.isDamaged = true;
-      if (options.onLost) options.onLost(file.Path(), *lost);
-    }
-    if (options.onDamage == OnDamage::Skip || piece.kind == FilePiece::Kind::Data) {
-      out.Append(piece.bytes);
-    } else if (piece.kind == FilePiece::Kind::Lost) {
-      out.AppendZeros(piece.length);
-    }
-    onBytes(piece.offset + piece.length);
-  });
-  out.Publish(options.force);
-  done.bytes = out.Size();
-  return done;
-}
-
 }  // namespace
 
 ExtractedFile ExtractFile(const Image& image, const Entry& file, int folder,
                           const ExtractOptions& options,
                           const std::function<void(uint64_t bytes)>& onBytes) {
   RefuseExisting(file, folder, options.force);
-  if (options.onDamage != OnDamage::Stop) {
-    return ExtractLeft(image, file, folder, options, onBytes);
-  }
-  FileReader reader = image.OpenFile(file);
-  std::vector<unsigned char> piece(std::min<size_t>(kPiece, file.Size()));
   TemporaryFile out(folder, file);
-  uint64_t at = 0;
-  do {  // once for an empty file as well: its records have a check value
-    const size_t count = reader.Read(at, piece);
-    out.Append(std::span(piece).first(count));
-    at += count;
-    onBytes(at);
-  } while (at < file.Size());
+  ExtractedFile done;
+  const auto take = [&](std::span<const unsigned char> bytes, uint64_t zeros) {
+    zeros == 0 ? out.Append(bytes) : out.AppendZeros(zeros);
+    onBytes(out.Size());
+  };
+  image.CopyLeft(file, 0, file.Size(), options.onDamage, take, [&](const LostRange& lost) {
+    done.isDamaged = true;
+    if (options.onLost) options.onLost(file.Path(), lost);
+  });
   out.Publish(options.force);
-  return {file.Size(), false};
+  done.bytes = out.Size();
+  return done;
 }
 
 }  // namespace capsule::host

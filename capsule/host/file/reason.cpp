@@ -14,8 +14,14 @@ void ThrowIfShort(const std::string& path, const std::string& what, int error) {
 
 void ThrowSystemError(const std::string& path, const std::string& what, int error,
                       std::optional<uint64_t> offset) {
-  const std::error_code code(error, std::generic_category());
-  if (IsShortage(error)) throw ShortageError(path, what, code, offset);
+  ThrowSystemError(path, what, std::error_code(error, std::generic_category()), offset);
+}
+
+void ThrowSystemError(const std::string& path, const std::string& what, const std::error_code& code,
+                      std::optional<uint64_t> offset) {
+  const std::error_condition condition = code.default_error_condition();
+  if (condition.category() == std::generic_category() && IsShortage(condition.value()))
+    throw ShortageError(path, what, code, offset);
   throw Error(path, what, code, offset);
 }
 

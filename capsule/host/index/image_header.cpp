@@ -2,12 +2,10 @@
 #include "capsule/host/index/image_header.h"
 
 #include <algorithm>
-#include <cerrno>
 
 #include "capsule/host/error.h"
 #include "capsule/host/file/file_window.h"
 #include "capsule/host/file/reason.h"
-#include "capsule/platform/file.h"
 #include "capsule/platform/little_endian.h"
 
 namespace capsule::host {
@@ -41,7 +39,9 @@ std::string JudgeSpareRecords(HeaderBytes stored, const DecodedHeader& header) {
   return {};
 }
 
-void CheckIndexOffset(const DecodedHeader& header, const std::string& path, uint64_t fileSize) {
+void CheckIndexOffset(const DecodedHeader& header, const ImageFile& image) {
+  const std::string& path = image.Name();
+  const uint64_t fileSize = image.Size();
   if (header.indexOffset == 0) {
     throw Error(path, "image has no index; `capsule index` makes one");
   }
@@ -57,16 +57,16 @@ void CheckIndexOffset(const DecodedHeader& header, const std::string& path, uint
   }
 }
 
-DecodedHeader ReadImageHeader(int descriptor, const std::string& path, uint64_t fileSize) {
+DecodedHeader ReadImageHeader(const ImageFile& image) {
+  const std::string& path = image.Name();
+  const uint64_t fileSize = image.Size();
   if (fileSize < kHeaderSize) {
     throw Error(ErrorKind::NotAnImage, path,
                 "not an image: " + std::to_string(fileSize) + " bytes, a header alone has " +
                     std::to_string(kHeaderSize));
   }
   std::vector<unsigned char> bytes(kHeaderSize);
-  const int64_t got = platform::ReadAt(descriptor, bytes.data(), bytes.size(), 0);
-  if (got < 0) ThrowSystemError(path, "cannot read the header", errno);
-  if (static_cast<size_t>(got) != bytes.size()) throw Error(path, "image is cut short");
+  if (image.ReadAt(0, bytes) != bytes.size()) throw Error(path, "image is cut short");
   const std::span<unsigned char, kHeaderSize> header(bytes.data(), kHeaderSize);
   if (KindOfBadHeader(header) == ErrorKind::NotAnImage) {
     throw Error(ErrorKind::NotAnImage, path, "not an image: no image header at its start");
@@ -78,10 +78,10 @@ DecodedHeader ReadImageHeader(int descriptor, const std::string& path, uint64_t 
   return *decoded;
 }
 
-uint64_t LimitOfSections(int descriptor, const std::string& path, const DecodedHeader& header,
+uint64_t LimitOfSections(const ImageFile& image, const DecodedHeader& header,
                          const IndexContents& index, uint64_t length) {
   if (header.indexOffset < kHeaderSize || header.indexOffset >= length) return length;
-  FileWindow window(descriptor, path);
+  FileWindow window(image);
   const auto start = window.At(header.indexOffset, 3);
   const bool isMarked = std::equal(start.begin(), start.end(), "CI1");
   return isMarked || index.end != 0 ? header.indexOffset : length;

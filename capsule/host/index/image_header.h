@@ -13,7 +13,7 @@
 namespace capsule::host {
 
 // The header of the image at `path`, checked for being one that can be read.
-DecodedHeader ReadImageHeader(int descriptor, const std::string& path, uint64_t fileSize);
+DecodedHeader ReadImageHeader(const ImageFile& image);
 
 // Whether a header that cannot be read is one at all: Damaged then, else NotAnImage. `stored`: the
 // first bytes of the file.
@@ -24,11 +24,11 @@ ErrorKind KindOfBadHeader(std::span<const unsigned char> stored);
 std::string JudgeSpareRecords(HeaderBytes stored, const DecodedHeader& header);
 
 // Throws when the header tells of no index, or of one that does not lie in the image.
-void CheckIndexOffset(const DecodedHeader& header, const std::string& path, uint64_t fileSize);
+void CheckIndexOffset(const DecodedHeader& header, const ImageFile& image);
 
 // Where the sections end at the latest: an index that is not one says nothing about it. `index`:
 // what could be read of it.
-uint64_t LimitOfSections(int descriptor, const std::string& path, const DecodedHeader& header,
+uint64_t LimitOfSections(const ImageFile& image, const DecodedHeader& header,
                          const IndexContents& index, uint64_t fileSize);
 
 }  // namespace capsule::host

@@ -1,71 +1,56 @@
 #include "capsule/host/index/index_check.h"
 
 #include <algorithm>
-#include <cerrno>
 #include <span>
 
 #include "capsule/container/index_format.h"
 #include "capsule/host/error.h"
 #include "capsule/host/file/checksum.h"
 #include "capsule/host/file/reason.h"
+#include "capsule/host/index/index_reader.h"
 #include "capsule/host/index/path_hash.h"
 #include "capsule/host/index/restart_point.h"
-#include "capsule/partition/record_format.h"
+#include "capsule/partition/entry_group.h"
 #include "capsule/platform/byte_reader.h"
-#include "capsule/platform/file.h"
 #include "capsule/platform/little_endian.h"
 
 namespace capsule::host {
 namespace {
 
-constexpr size_t kWindow = 1 << 20;  // holds any record: 65535 bytes of name and 11 more
 constexpr uint32_t kMaxOffset = 0x7FFFFFFF;
 
-// Steps through the records of an index through a window that moves over it.
+// Steps through the records of an index and computes its check value on the way.
 class IndexWalk {
  public:
-  IndexWalk(int descriptor, const std::string& path, uint64_t indexOffset, uint64_t fileSize)
-      : m_nDescriptor(descriptor),
-        m_strPath(path),
-        m_nNext(indexOffset),
-        m_nFileSize(fileSize),
-        m_nIndexOffset(indexOffset) {
-    Refill();
-    if (m_Window.size() < kIndexPreamble) Fail("index is cut short");
-    m_bChecked = std::equal(m_Window.begin(), m_Window.begin() + 3, "CI1");
-    m_nStatedCheck = platform::LoadLe32(&m_Window[3]);
-    m_nUsed = kIndexPreamble;
-    if (m_bChecked) m_Checksum.Update(std::span(m_Window).subspan(kIndexPreamble));
+  IndexWalk(const ImageFile& image, uint64_t indexOffset)
+      : m_image(image), m_reader(image, indexOffset), m_indexOffset(indexOffset) {
+    const auto preamble = m_reader.Take(kIndexPreamble);
+    if (preamble.size() < kIndexPreamble) Throw("index is cut short");
+    m_isChecked = std::equal(preamble.begin(), preamble.begin() + 3, "CI1");
+    m_statedCheck = platform::LoadLe32(&preamble[3]);
   }
 
-  bool IsChecked() const { return m_bChecked; }
+  bool IsChecked() const { return m_isChecked; }
 
   // Where the record that comes next begins in the image.
-  uint64_t Position() const { return m_nNext - m_Window.size() + m_nUsed; }
+  uint64_t Position() const { return m_reader.Position(); }
 
   void Next(IndexRecord* record) {
-    for (int attempt = 0; attempt < 2; ++attempt) {
-      platform::ByteReader reader(std::span<const unsigned char>(m_Window).subspan(m_nUsed));
-      TakeIndexRecord(reader, record);
-      if (reader.Ok()) {
-        m_nUsed += reader.Position();
-        return;
-      }
-      Refill();
-    }
-    Fail("index is cut short");
+    if (!m_reader.TakeRecord(record)) Fail("index is cut short");
+    if (m_isChecked) m_checksum.Update(m_reader.RecordBytes());
   }
 
   // Throws when the check value of the index does not hold. What it says counts only then.
   void Verify() {
-    if (!m_bChecked) return;
-    while (m_nNext < m_nFileSize) {
-      m_nUsed = m_Window.size();
-      Refill();
+    if (!m_isChecked) return;
+    while (m_reader.Position() < m_reader.End()) {
+      const auto rest = m_reader.Take(FileWindow::kSize);
+      if (rest.empty()) Throw("index is cut short");
+      m_checksum.Update(rest);
     }
-    const uint32_t found = m_Checksum.Value();
-    if (found == m_nStatedCheck) return;
-    Throw("index is damaged or cut short: check value is " + Hex(m_nStatedCheck) +
+    const uint32_t found = m_checksum.Value();
+    if (found == m_statedCheck) return;
+    Throw("index is damaged or cut short: check value is " + Hex(m_statedCheck) +
           ", its bytes give " + Hex(found));
   }
 
@@ -76,38 +61,16 @@ class IndexWalk {
   }
 
  private:
-  // Drops what is used up and fills the rest of the window.
-  void Refill() {
-    m_Window.erase(m_Window.begin(), m_Window.begin() + static_cast<std::ptrdiff_t>(m_nUsed));
-    m_nUsed = 0;
-    const size_t held = m_Window.size();
-    const uint64_t wanted = std::min<uint64_t>(kWindow - held, m_nFileSize - m_nNext);
-    m_Window.resize(held + static_cast<size_t>(wanted));
-    ReadFully(m_Window.data() + held, static_cast<size_t>(wanted), m_nNext);
-    if (m_bChecked) m_Checksum.Update(std::span(m_Window).subspan(held));
-    m_nNext += wanted;
-  }
-
   [[noreturn]] void Throw(const std::string& what) const {
-    throw Error(m_strPath, what + "; `capsule index` rebuilds it", m_nIndexOffset);
+    throw Error(m_image.Name(), what + "; `capsule index` rebuilds it", m_indexOffset);
   }
 
-  void ReadFully(unsigned char* to, size_t count, uint64_t at) const {
-    const int64_t got = platform::ReadAt(m_nDescriptor, to, count, static_cast<int64_t>(at));
-    if (got < 0) ThrowSystemError(m_strPath, "cannot read the index", errno);
-    if (static_cast<uint64_t>(got) != count) Throw("index is cut short");
-  }
-
-  int m_nDescriptor;
-  const std::string& m_strPath;
-  uint64_t m_nNext;
-  uint64_t m_nFileSize;
-  uint64_t m_nIndexOffset;
-  std::vector<unsigned char> m_Window;
-  size_t m_nUsed = 0;
-  bool m_bChecked = false;
-  uint32_t m_nStatedCheck = 0;
-  IndexChecksum m_Checksum;  // of all that was read
+  const ImageFile& m_image;
+  IndexReader m_reader;
+  uint64_t m_indexOffset;
+  bool m_isChecked = false;
+  uint32_t m_statedCheck = 0;
+  IndexChecksum m_checksum;  // of all that was read
 };
 
 void Keep(const IndexRecord& record, IndexContents* contents) {
@@ -182,12 +145,11 @@ uint32_t IndexContents::LimitOf(uint32_t offset) const {
 bool IsReadAsNothing(FileWindow& window, uint64_t offset) {
   const auto bytes = window.At(offset, kDirRecordSize);
   return bytes.size() == kDirRecordSize &&
-         DecodeShortEntry(bytes.last<kDirEntrySize>()).Name[0] == 0;
+         RoleOf(DecodeShortEntry(bytes.last<kDirEntrySize>())) == EntryRole::Closing;
 }
 
-IndexContents CheckIndex(int descriptor, const std::string& path, uint64_t indexOffset,
-                         uint64_t fileSize, bool keepRecords) {
-  IndexWalk walk(descriptor, path, indexOffset, fileSize);
+IndexContents CheckIndex(const ImageFile& image, uint64_t indexOffset, bool keepRecords) {
+  IndexWalk walk(image, indexOffset);
   IndexContents contents;
   contents.isChecked = walk.IsChecked();
   IndexRecord record;
@@ -219,7 +181,7 @@ IndexContents CheckIndex(int descriptor, const std::string& path, uint64_t index
   walk.Verify();
   contents.end = static_cast<uint32_t>(indexOffset);
   SortAll(&contents);
-  FileWindow window(descriptor, path);
+  FileWindow window(image);
   if (const auto twice = FirstReadTwice(contents.items, window)) {
     walk.Fail("index names the item at " + Hex(*twice) + " twice");
   }

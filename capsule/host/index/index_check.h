@@ -55,11 +55,10 @@ struct IndexContents {
   uint32_t LimitOf(uint32_t offset) const;
 };
 
-// `descriptor`: the image at `path`, `fileSize` bytes long. Throws host::Error when the index ends
-// too early, its check value does not hold, or two of its records name the same item, unless it is
-// read as nothing.
-IndexContents CheckIndex(int descriptor, const std::string& path, uint64_t indexOffset,
-                         uint64_t fileSize, bool keepRecords = false);
+// The index that begins at `indexOffset` of the image. Throws host::Error when it ends too early,
+// its check value does not hold, or two of its records name the same item, unless it is read as
+// nothing.
+IndexContents CheckIndex(const ImageFile& image, uint64_t indexOffset, bool keepRecords = false);
 
 // Whether readers take the record at `offset` for nothing: a zero entry, or the end of NTFS
 // records. Writers name one for all partitions that are not in use.

@@ -7,11 +7,11 @@
 #include <vector>
 
 #include "capsule/container/header_format.h"
-#include "capsule/container/index_window.h"
 #include "capsule/host/error.h"
 #include "capsule/host/file/checksum.h"
 #include "capsule/host/file/reason.h"
 #include "capsule/host/index/index_check.h"
+#include "capsule/host/index/index_reader.h"
 #include "capsule/host/verifier.h"
 #include "capsule/partition/record_format.h"
 #include "capsule/platform/file.h"
@@ -49,7 +49,7 @@ DamageNote NoteAt(const IndexContents& index, uint64_t offset, const std::string
 
 // The index with the notes behind all that it tells of their items; the note on the last item comes
 // before it, since that ends the index.
-std::vector<unsigned char> NotedIndex(int descriptor, uint64_t indexOffset, Notes notes) {
+std::vector<unsigned char> NotedIndex(const ImageFile& image, uint64_t indexOffset, Notes notes) {
   std::vector<unsigned char> bytes(kIndexPreamble);
   std::vector<DamageNote> waiting;
   const auto await = [&](uint64_t offset) {
@@ -61,18 +61,18 @@ std::vector<unsigned char> NotedIndex(int descriptor, uint64_t indexOffset, Note
     waiting.clear();
   };
   await(0);
-  IndexWindow records(descriptor, static_cast<int64_t>(indexOffset + kIndexPreamble));
+  IndexReader records(image, indexOffset + kIndexPreamble);
+  IndexRecord record;
   for (bool isLast = false; !isLast;) {
-    const auto record = records.TakeRecord();
-    if (!record) return {};
-    const bool hasBody = HasIndexBody(record->type);
-    isLast = hasBody && uint64_t{record->offset} + record->length >= indexOffset;
-    if (record->type != kIndexNote) {
+    if (!records.TakeRecord(&record)) return {};
+    const bool hasBody = HasIndexBody(record.type);
+    isLast = hasBody && uint64_t{record.offset} + record.length >= indexOffset;
+    if (record.type != kIndexNote) {
       put();
-      if (hasBody) await(record->offset);
+      if (hasBody) await(record.offset);
       if (isLast) put();
     }
-    AppendIndexRecord(*record, &bytes);
+    AppendIndexRecord(record, &bytes);
   }
   std::copy_n("CI1", 3, bytes.begin());
   IndexChecksum checksum;
@@ -102,9 +102,10 @@ void Replace(int descriptor, const ImageInfo& info, const std::string& name,
   }
 }
 
-void RefuseWhatIsNotLedTo(const std::string& name) {
+void RefuseWhatIsNotLedTo(const ImageFile& image) {
+  const std::string& name = image.Name();
   try {
-    const Image strict(name);
+    const Image strict(image.Source(), name);
   } catch (const Error& error) {
     throw Error(error.Kind(), name,
                 error.Reason() + "; the index tells what stood there, and stays as it is");
@@ -117,7 +118,8 @@ IndexReport AnnotateIndex(int descriptor, const Image& image, bool force,
                           const VerifyOptions& options) {
   const ImageInfo& info = image.Info();
   const std::string& name = image.Path();
-  const IndexContents index = CheckIndex(descriptor, name, info.indexOffset, info.imageBytes, true);
+  const ImageFile file(descriptor, name);
+  const IndexContents index = CheckIndex(file, info.indexOffset, true);
   std::set<uint64_t> known;
   for (const DamageNote& note : index.damages) {
     known.insert(note.offset);
@@ -130,14 +132,14 @@ IndexReport AnnotateIndex(int descriptor, const Image& image, bool force,
     const DamageNote note = NoteAt(index, fault.offset, fault.reason);
     if (!known.contains(note.offset)) notes.emplace(note.offset, note);
   };
-  static_cast<void>(Verifier(name).Run(take, options));
+  static_cast<void>(Verifier(file.Source(), name).Run(take, options));
   if (notes.empty()) return report;
   if (!force) {
     throw Error(name, report.problems.front().path + ": " + report.problems.front().reason +
                           "; the index vouches for what it was made of, and stays as it is");
   }
-  RefuseWhatIsNotLedTo(name);
-  const auto bytes = NotedIndex(descriptor, info.indexOffset, std::move(notes));
+  RefuseWhatIsNotLedTo(file);
+  const auto bytes = NotedIndex(file, info.indexOffset, std::move(notes));
   report.imageBytes = info.indexOffset + bytes.size();
   if (bytes.empty() || report.imageBytes > static_cast<uint64_t>(kMaxImageSize)) {
     const bool hasChanged = bytes.empty();

@@ -97,8 +97,8 @@ IndexRecordWriter::IndexRecordWriter(const RecordSource& files, int output, uint
     : m_Source(files),
       m_bRestartPoints(hasRestartPoints),
       m_nIndexOffset(indexOffset),
-      m_Window(files.descriptor, files.imagePath),
-      m_Stream(output, files.imagePath, indexOffset) {
+      m_Window(files.image),
+      m_Stream(output, files.image.Name(), indexOffset) {
   RunningChecksum checksum;
   checksum.Update(header);
   m_Stream.Append(ChecksumRecord(checksum.Value(), 0, header.size()));
@@ -155,8 +155,9 @@ void IndexRecordWriter::AppendRestartPoints() {
                          : m_pKnown->Of(m_Source.begin, m_Source.limit, m_Source.size);
   for (IndexRecord point : known) {
     const auto header = m_Window.At(point.offset, kMiniHeaderSize);
-    if (header.size() < kMiniHeaderSize)
-      throw Error(ErrorKind::System, m_Source.imagePath, "changed meanwhile");
+    if (header.size() < kMiniHeaderSize) {
+      throw Error(ErrorKind::System, m_Source.image.Name(), "changed meanwhile");
+    }
     point.length = kMiniHeaderSize + DecodeMiniHeader(header.first<kMiniHeaderSize>()).Length;
     append(point);
   }
@@ -180,7 +181,7 @@ void IndexRecordWriter::Take(uint64_t at, uint64_t end, RunningChecksum* file) {
   while (at < end) {
     const auto bytes =
         m_Window.At(at, static_cast<size_t>(std::min<uint64_t>(end - at, FileWindow::kSize / 2)));
-    if (bytes.empty()) throw Error(m_Source.imagePath, "ends at " + Hex(at), at);
+    if (bytes.empty()) throw Error(m_Source.image.Name(), "ends at " + Hex(at), at);
     m_Section.Update(bytes);
     if (file != nullptr) file->Update(bytes);
     at += bytes.size();

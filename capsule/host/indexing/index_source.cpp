@@ -7,12 +7,11 @@
 
 #include "capsule/host/error.h"
 #include "capsule/host/file/reason.h"
-#include "capsule/host/image_map.h"
 #include "capsule/host/index/image_header.h"
+#include "capsule/host/map/image_mapper.h"
 #include "capsule/host/records/record_stream.h"
-#include "capsule/host/sections/section_survey.h"
+#include "capsule/host/sections/searching_survey.h"
 #include "capsule/host/sections/sound_item.h"
-#include "capsule/platform/file.h"
 
 namespace capsule::host {
 namespace {
@@ -21,22 +20,16 @@ using Kind = SectionItem::Kind;
 
 constexpr char kUnsure[] = "; the folders of what follows are not sure, so no index can be made";
 
-uint64_t LengthOf(int descriptor) {
-  return static_cast<uint64_t>(std::max<int64_t>(platform::FileLength(descriptor), 0));
-}
-
 // Judges items by their own records.
 class ItemJudge {
  public:
-  ItemJudge(int descriptor, const std::string& path, const DecodedHeader& header)
-      : m_Window(descriptor, path) {
-    m_Source.descriptor = descriptor;
+  ItemJudge(const ImageFile& image, const DecodedHeader& header) : m_Window(image) {
+    m_Source.image = image;
     m_Source.imageIsCompressed = header.compressed;
-    m_Source.imagePath = path;
     const auto take = [this](const MapItem& item) {
       if (!item.problem.empty()) m_Problems.emplace_back(item.offset, item.problem);
     };
-    MapImage(descriptor, path, take, false);
+    MapImage(image, take, false);
     std::stable_sort(m_Problems.begin(), m_Problems.end(),
                      [](const auto& a, const auto& b) { return a.first < b.first; });
   }
@@ -54,8 +47,7 @@ class ItemJudge {
 
   // What is wrong with its long name, or nothing.
   std::string JudgeName(const SectionItem& item) {
-    const bool isEntry = item.kind == Kind::Directory || item.kind == Kind::File;
-    const std::string wrong = isEntry && !item.isNtfs ? JudgeLongName(m_Window, item) : "";
+    const std::string wrong = item.IsEntry() && !item.isNtfs ? JudgeLongName(m_Window, item) : "";
     return wrong.empty() ? wrong : "long name: " + wrong;
   }
 
@@ -82,13 +74,13 @@ class ItemJudge {
   size_t m_nProblem = 0;                                     // the next
 };
 
-uint64_t VisitSoundItems(int descriptor, const std::string& path, bool readsData,
-                         const ItemVisitor& visitor) {
-  SectionScanner scanner(descriptor, path);
+uint64_t VisitSoundItems(const ImageFile& image, bool readsData, const ItemVisitor& visitor) {
+  SectionScanner scanner(image);
   std::optional<ItemJudge> judge;
-  if (readsData) judge.emplace(descriptor, path, scanner.Header());
+  if (readsData) judge.emplace(image, scanner.Header());
   for (SectionItem item; scanner.Next(&item);) {
-    if (!item.problem.empty()) throw Error(path, item.path + ": " + item.problem, item.offset);
+    if (!item.problem.empty())
+      throw Error(image.Name(), item.path + ": " + item.problem, item.offset);
     visitor.onItem(item, judge ? judge->Judge(item) : "");
   }
   return scanner.Position();
@@ -97,12 +89,11 @@ uint64_t VisitSoundItems(int descriptor, const std::string& path, bool readsData
 // Goes over the sections of a damaged image for VisitItems.
 class LeftVisit {
  public:
-  LeftVisit(int descriptor, const std::string& path, const ItemVisitor& visitor)
-      : m_nDescriptor(descriptor),
-        m_strPath(path),
-        m_nLength(LengthOf(descriptor)),
-        m_Header(ReadImageHeader(descriptor, path, m_nLength)),
-        m_Judge(descriptor, path, m_Header),
+  LeftVisit(const ImageFile& image, const ItemVisitor& visitor)
+      : m_image(image),
+        m_nLength(image.Size()),
+        m_Header(ReadImageHeader(image)),
+        m_Judge(image, m_Header),
         m_nFirst(m_nLength),
         m_Visitor(visitor) {}
 
@@ -112,9 +103,9 @@ class LeftVisit {
     survey.onDamage = [this](uint64_t offset, const std::string& reason) { Note(offset, reason); };
     survey.onFileDamage = [](uint64_t, const std::string&) {};  // comes with the file
     survey.onStray = [this](uint64_t offset) { Note(offset, "its folder is lost"); };
-    const uint64_t limit = LimitOfSections(m_nDescriptor, m_strPath, m_Header, {}, m_nLength);
-    SurveyBySearch(m_nDescriptor, m_strPath, {limit}, survey);
-    if (m_nFirst < m_nEnd) throw Error(m_strPath, m_strFirst + kUnsure, m_nFirst);
+    const uint64_t limit = LimitOfSections(m_image, m_Header, {}, m_nLength);
+    SurveyBySearch(m_image, {limit}, survey);
+    if (m_nFirst < m_nEnd) throw Error(m_image.Name(), m_strFirst + kUnsure, m_nFirst);
     if (m_Last != Kind::Trailer && m_Last != Kind::NtfsEnd) {
       m_Visitor.onImage({0, kHeaderSize, "the end is missing: " + EndText(), true});
     } else if (m_nFirst < m_nLength) {
@@ -155,8 +146,7 @@ class LeftVisit {
            "; what lay behind is lost";
   }
 
-  int m_nDescriptor;
-  const std::string& m_strPath;
+  ImageFile m_image;
   uint64_t m_nLength;
   DecodedHeader m_Header;
   ItemJudge m_Judge;
@@ -169,21 +159,19 @@ class LeftVisit {
 
 }  // namespace
 
-bool HasReadableIndex(int descriptor, const std::string& path) {
-  const uint64_t length = LengthOf(descriptor);
-  const DecodedHeader header = ReadImageHeader(descriptor, path, length);
+bool HasReadableIndex(const ImageFile& image) {
+  const DecodedHeader header = ReadImageHeader(image);
   try {
-    CheckIndexOffset(header, path, length);
-    return !CheckIndex(descriptor, path, header.indexOffset, length).items.empty();
+    CheckIndexOffset(header, image);
+    return !CheckIndex(image, header.indexOffset).items.empty();
   } catch (const Error&) {
     return false;
   }
 }
 
-uint64_t VisitItems(int descriptor, const std::string& path, SectionTrust trust,
-                    const ItemVisitor& visitor) {
-  if (trust == SectionTrust::Damaged) return LeftVisit(descriptor, path, visitor).Run();
-  return VisitSoundItems(descriptor, path, trust == SectionTrust::Sound, visitor);
+uint64_t VisitItems(const ImageFile& image, SectionTrust trust, const ItemVisitor& visitor) {
+  if (trust == SectionTrust::Damaged) return LeftVisit(image, visitor).Run();
+  return VisitSoundItems(image, trust == SectionTrust::Sound, visitor);
 }
 
 }  // namespace capsule::host

@@ -28,11 +28,10 @@ struct ItemVisitor {
 // Hands out the items of an image. Where they end. Throws host::Error with the first fault that
 // leaves the folders of what follows in doubt; unless the sections are known to be damaged, this is
 // any fault that is not in the data of a file.
-uint64_t VisitItems(int descriptor, const std::string& path, SectionTrust trust,
-                    const ItemVisitor& visitor);
+uint64_t VisitItems(const ImageFile& image, SectionTrust trust, const ItemVisitor& visitor);
 
 // Whether the image has an index, checked or not, that can be read: it may tell what damaged
 // sections do not tell any more.
-bool HasReadableIndex(int descriptor, const std::string& path);
+bool HasReadableIndex(const ImageFile& image);
 
 }  // namespace capsule::host

@@ -45,7 +45,7 @@ void IndexStream::Replace(uint64_t position, const IndexRecord& record) {
 uint64_t IndexStream::Finish() {
   Flush();
   IndexChecksum checksum;
-  FileWindow window(m_nDescriptor, m_strName);
+  FileWindow window(ImageFile(m_nDescriptor, m_strName));
   for (uint64_t at = m_nStart + kIndexPreamble; at < m_nFlushed;) {
     const uint64_t left = m_nFlushed - at;
     const auto bytes =

@@ -17,8 +17,8 @@ constexpr uint64_t kPiece = uint64_t{64} << 10;
 
 }  // namespace
 
-TrialImage::TrialImage(int descriptor, const std::string& name)
-    : m_nDescriptor(descriptor), m_strName(name) {
+TrialImage::TrialImage(const ImageFile& image) : m_image(image) {
+  const std::string& name = image.Name();
   if (m_File.Create(name)) return;
   std::error_code ignored;
   const auto folder = std::filesystem::temp_directory_path(ignored);
@@ -31,7 +31,7 @@ uint64_t TrialImage::Length() const {
 }
 
 void TrialImage::Copy(uint64_t begin, uint64_t end) {
-  if (!CopyBytes(m_nDescriptor, Descriptor(), begin, end)) Fail("copy");
+  if (!CopyBytes(m_image, Descriptor(), begin, end)) Fail("copy");
 }
 
 void TrialImage::Put(std::span<const unsigned char> header) {
@@ -41,27 +41,23 @@ void TrialImage::Put(std::span<const unsigned char> header) {
 void TrialImage::Open(bool isWhole) const {
   std::string problem;
   try {
-    const Image image(m_File.Path());
+    const Image image(DescriptorSource(Descriptor()), m_File.Path());
     if (!isWhole || image.IsWhole()) return;
     problem = image.Problems().front().path + ": " + image.Problems().front().reason;
   } catch (const Error& error) {
     problem = error.Reason();
   }
-  throw Error(m_strName, "no index leads to what is there: " + problem);
+  throw Error(m_image.Name(), "no index leads to what is there: " + problem);
 }
 
-void TrialImage::Fail(const char* step) const {
-  ThrowSystemError(m_strName, std::string(step), errno);
-}
+void TrialImage::Fail(const char* step) const { ThrowSystemError(m_image.Name(), step, errno); }
 
-bool CopyBytes(int from, int to, uint64_t begin, uint64_t end) {
+bool CopyBytes(const ImageFile& from, int to, uint64_t begin, uint64_t end) {
   std::vector<unsigned char> bytes(static_cast<size_t>(std::min(end - begin, kPiece)));
   for (uint64_t at = begin; at < end;) {
     const auto count = static_cast<size_t>(std::min<uint64_t>(end - at, bytes.size()));
-    const int64_t got = platform::ReadAt(from, bytes.data(), count, static_cast<int64_t>(at));
-    if (got == 0) errno = EIO;
-    if (got <= 0) return false;
-    const auto length = static_cast<size_t>(got);
+    const size_t length = from.ReadAt(at, std::span(bytes).first(count));
+    if (length == 0) throw Error(from.Name(), "ends at " + Hex(at), at);
     if (!platform::WriteAt(to, bytes.data(), length, static_cast<int64_t>(at))) return false;
     at += length;
   }

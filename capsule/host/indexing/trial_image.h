@@ -7,15 +7,15 @@
 #include <span>
 #include <string>
 
+#include "capsule/host/file/image_file.h"
 #include "capsule/platform/temporary_file.h"
 
 namespace capsule::host {
 
 class TrialImage {
  public:
-  // `descriptor`: the image called `name`, which must outlive it. Throws host::Error when no file
-  // can be made.
-  TrialImage(int descriptor, const std::string& name);
+  // Of `image`. Throws host::Error when no file can be made.
+  explicit TrialImage(const ImageFile& image);
 
   int Descriptor() const { return m_File.Descriptor(); }
   uint64_t Length() const;
@@ -32,12 +32,12 @@ class TrialImage {
  private:
   [[noreturn]] void Fail(const char* step) const;
 
-  int m_nDescriptor;
-  const std::string& m_strName;
+  ImageFile m_image;
   platform::TemporaryFile m_File;
 };
 
-// Copies bytes of one open file to the same place of another; false with errno.
-bool CopyBytes(int from, int to, uint64_t begin, uint64_t end);
+// Copies bytes of an image to the same place of an open file; false with errno when it cannot be
+// written. Throws Error.
+bool CopyBytes(const ImageFile& from, int to, uint64_t begin, uint64_t end);
 
 }  // namespace capsule::host

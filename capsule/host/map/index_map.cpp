@@ -3,8 +3,8 @@
 #include <algorithm>
 
 #include "capsule/container/header_format.h"
-#include "capsule/container/index_window.h"
 #include "capsule/host/file/reason.h"
+#include "capsule/host/index/index_reader.h"
 #include "capsule/host/index/restart_point.h"
 #include "capsule/platform/little_endian.h"
 
@@ -82,13 +82,13 @@ bool LooksLikeIndex(FileWindow& window, uint64_t offset, uint64_t fileBytes) {
   return type == kIndexGroupMark || HasIndexBody(type);
 }
 
-void MapIndex(int descriptor, FileWindow& window, uint64_t offset, MapSink& sink) {
+void MapIndex(const ImageFile& image, FileWindow& window, uint64_t offset, MapSink& sink) {
   MapStart(window, offset, sink);
-  IndexWindow records(descriptor, static_cast<int64_t>(offset + kIndexPreamble));
+  IndexReader records(image, offset + kIndexPreamble);
+  IndexRecord record;
   for (bool ended = false; !ended;) {
-    const auto start = static_cast<uint64_t>(records.Position());
-    const auto record = records.TakeRecord();
-    if (!record) {
+    const uint64_t start = records.Position();
+    if (!records.TakeRecord(&record)) {
       MapItem cut;
       cut.kind = MapItem::Kind::IndexRecord;
       cut.offset = std::min(start, sink.FileBytes());
@@ -97,11 +97,11 @@ void MapIndex(int descriptor, FileWindow& window, uint64_t offset, MapSink& sink
       sink.Add(cut);
       return;
     }
-    MapItem item = ItemOf(*record, offset, sink.FileBytes());
+    MapItem item = ItemOf(record, offset, sink.FileBytes());
     item.offset = start;
-    item.length = static_cast<uint64_t>(records.Position()) - start;
+    item.length = records.Position() - start;
     sink.Add(item);
-    ended = HasIndexBody(record->type) && item.target + item.targetLength >= offset;
+    ended = HasIndexBody(record.type) && item.target + item.targetLength >= offset;
   }
 }
 

@@ -12,6 +12,6 @@ namespace capsule::host {
 bool LooksLikeIndex(FileWindow& window, uint64_t offset, uint64_t fileBytes);
 
 // Passes the index on, up to the record that ends it or the end of the file.
-void MapIndex(int descriptor, FileWindow& window, uint64_t offset, MapSink& sink);
+void MapIndex(const ImageFile& image, FileWindow& window, uint64_t offset, MapSink& sink);
 
 }  // namespace capsule::host

@@ -6,12 +6,13 @@
 #include <span>
 #include <string>
 
+#include "capsule/host/file/image_file.h"
 #include "capsule/host/records/file_check.h"
 
 namespace capsule::host {
 
 struct RecordSource {
-  int descriptor = -1;
+  ImageFile image;
   bool imageIsCompressed = false;
   uint64_t begin = 0;
   uint64_t limit = 0;
@@ -21,7 +22,6 @@ struct RecordSource {
   uint64_t fileRecord = 0;  // NTFS: where the file's FILE record lies
   std::optional<FileCheck> check = {};
   std::span<const RestartPoint> restarts = {};  // by record
-  std::string imagePath;
   std::string entryPath;
 };
 

@@ -2,7 +2,6 @@
 
 #include <algorithm>
 #include <array>
-#include <cerrno>
 #include <iterator>
 
 #include "capsule/blocks/data_block_format.h"
@@ -11,7 +10,6 @@
 #include "capsule/host/records/record_judge.h"
 #include "capsule/partition/ntfs_format.h"
 #include "capsule/partition/record_format.h"
-#include "capsule/platform/file.h"
 
 namespace capsule::host {
 namespace {
@@ -99,12 +97,8 @@ void RecordStream::StartAt(const Mark& mark) {
 void RecordStream::StartAt(const RestartPoint& point) {
   std::array<unsigned char, kMaxHistory> bytes;
   const auto history = std::span(bytes).first(point.historyLength);
-  const int64_t got =
-      platform::ReadAt(m_Source.descriptor, history.data(), history.size(), point.history);
-  if (got < 0) {
-    ThrowSystemError(m_Source.imagePath, "cannot be read", errno, point.history);
-  }
-  if (static_cast<size_t>(got) != history.size()) return;  // the image was cut short meanwhile
+  const size_t got = m_Source.image.ReadAt(point.history, history);
+  if (got != history.size()) return;  // the image was cut short meanwhile
   m_Decoder.Restore(history);
   m_nRecord = point.record;
   m_nChunkBegin = m_nChunkEnd = point.fileOffset;
@@ -174,7 +168,7 @@ void RecordStream::CompareCheck() {
                                         Count(check.length) + " bytes, its records have " +
                                         Count(m_nRecord - check.offset);
   if (problem.empty()) return;
-  throw Error(m_Source.imagePath, m_Source.entryPath + ": " + problem, check.offset);
+  throw Error(m_Source.image.Name(), m_Source.entryPath + ": " + problem, check.offset);
 }
 
 void RecordStream::DecodeRecord(const _MiniHeader& header, uint32_t length) {
@@ -236,15 +230,7 @@ void RecordStream::CheckCoverage(const _MiniHeader& header, uint32_t length) con
 std::span<const unsigned char> RecordStream::Window(uint64_t offset, size_t count) {
   const uint64_t end = m_nWindowBegin + m_Window.size();
   if (offset < m_nWindowBegin || offset + count > end) {
-    const auto wanted =
-        static_cast<size_t>(std::min<uint64_t>(kWindowSize, m_Source.limit - offset));
-    m_Window.resize(wanted);
-    m_nWindowBegin = offset;
-    const int64_t got = platform::ReadAt(m_Source.descriptor, m_Window.data(), wanted,
-                                         static_cast<int64_t>(offset));
-    const int reason = errno;
-    m_Window.resize(got < 0 ? 0 : static_cast<size_t>(got));
-    if (got < 0) Fail("cannot be read: " + SystemReason(reason));
+    Fill(offset);
     if (m_Window.size() < count) {
       Fail("needs " + Count(count) + " bytes, the file has " + Count(m_Window.size()) + " more");
     }
@@ -252,8 +238,22 @@ std::span<const unsigned char> RecordStream::Window(uint64_t offset, size_t coun
   return std::span(m_Window).subspan(static_cast<size_t>(offset - m_nWindowBegin), count);
 }
 
+void RecordStream::Fill(uint64_t offset) {
+  m_Window.resize(static_cast<size_t>(std::min<uint64_t>(kWindowSize, m_Source.limit - offset)));
+  m_nWindowBegin = offset;
+  try {
+    m_Window.resize(m_Source.image.ReadAt(offset, m_Window));
+  } catch (const Error& error) {
+    m_Window.clear();
+    Fail("cannot be read: " + error.Reason());
+  } catch (...) {
+    m_Window.clear();
+    throw;
+  }
+}
+
 void RecordStream::Fail(const std::string& what) const {
-  throw Error(m_Source.imagePath,
+  throw Error(m_Source.image.Name(),
               m_Source.entryPath + ": data block at " + Hex(m_nRecord) + ": " + what, m_nRecord);
 }
 

@@ -82,6 +82,7 @@ class RecordStream {
   uint64_t CheckRoom(uint64_t needed) const;
   void CheckCoverage(const _MiniHeader& header, uint32_t length) const;
   std::span<const unsigned char> Window(uint64_t offset, size_t count);
+  void Fill(uint64_t offset);
   [[noreturn]] void Fail(const std::string& what) const;
 
   RecordSource m_Source;

@@ -27,7 +27,7 @@ DamagedReader::DamagedReader(RecordSource source, std::string problem, uint64_t 
       m_nBegin(begin),
       m_nEnd(std::min(end, m_Source.size)),
       m_Take(take),
-      m_Window(m_Source.descriptor, m_Source.imagePath, kWindowSize) {}
+      m_Window(m_Source.image, kWindowSize) {}
 
 void DamagedReader::Run() {
   RecordSource part = m_Source;

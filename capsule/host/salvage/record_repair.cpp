@@ -19,7 +19,7 @@ class Repair {
   Repair(const RecordSource& source, std::vector<RecordRun>& runs)
       : m_Source(source),
         m_Runs(runs),
-        m_Window(source.descriptor, source.imagePath, kWindowSize),
+        m_Window(source.image, kWindowSize),
         m_nHeaderSize(source.ntfs ? kNtfsHeaderSize : kMiniHeaderSize) {}
 
   void Run() {

@@ -8,7 +8,6 @@
 #include "capsule/host/records/record_judge.h"
 #include "capsule/partition/ntfs_format.h"
 #include "capsule/partition/record_format.h"
-#include "capsule/platform/file.h"
 
 namespace capsule::host {
 namespace {
@@ -21,11 +20,9 @@ class Survey {
  public:
   explicit Survey(const RecordSource& source)
       : m_Source(source),
-        m_Window(source.descriptor, source.imagePath, kWindowSize),
-        m_nEnd(source.limit),
+        m_Window(source.image, kWindowSize),
+        m_nEnd(std::min(source.limit, source.image.Size())),
         m_nHeaderSize(source.ntfs ? kNtfsHeaderSize : kMiniHeaderSize) {
-    const int64_t length = platform::FileLength(source.descriptor);
-    if (length >= 0) m_nEnd = std::min(m_nEnd, static_cast<uint64_t>(length));
     const uint64_t room = m_nEnd - std::min(m_nEnd, source.begin);
     m_nWorkLeft = kMaxWorkFactor * room + kWindowSize;
   }

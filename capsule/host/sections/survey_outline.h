@@ -4,10 +4,8 @@
 
 #include <cstdint>
 #include <optional>
-#include <string_view>
 #include <vector>
 
-#include "capsule/host/file/file_window.h"
 #include "capsule/host/index/index_check.h"
 #include "capsule/host/sections/section_scanner.h"
 
@@ -34,27 +32,5 @@ class SurveyOutline {
 
   std::vector<Item> m_Items;  // ascending
 };
-
-// Judges items by their own records.
-class SoundItem {
- public:
-  SoundItem(FileWindow& window, int descriptor, bool compressed)
-      : m_Window(window), m_nDescriptor(descriptor), m_bCompressed(compressed) {}
-
-  // Whether they bear out that it is one, and ends where it seems to: names and their checksums
-  // hold, a zero entry is zero, the data of a file reads completely.
-  bool Is(const SectionItem& item) const;
-
-  // Whether it is also more likely what it seems to be than damage to one of that kind.
-  bool IsRatherThan(const SectionItem& item, SectionItem::Kind kind) const;
-
- private:
-  FileWindow& m_Window;
-  int m_nDescriptor;
-  bool m_bCompressed;
-};
-
-// Whether an entry of that name, "." or "..", is there.
-bool IsDotAt(FileWindow& window, uint64_t offset, std::string_view name);
 
 }  // namespace capsule::host

@@ -22,10 +22,10 @@ bool IsHeaderUnsure(const SectionScanner& scanner) {
 
 }  // namespace
 
-std::optional<uint64_t> FindUncountedSection(int descriptor, const std::string& path,
-                                             const SectionScanner& scanner, uint64_t end) {
+std::optional<uint64_t> FindUncountedSection(const ImageFile& image, const SectionScanner& scanner,
+                                             uint64_t end) {
   if (!IsHeaderUnsure(scanner)) return std::nullopt;
-  FileWindow window(descriptor, path);
+  FileWindow window(image);
   uint64_t work = 0;
   const ResyncRange range{.limit = end + kPartitionHeaderSize, .work = &work};
   const auto next = FindResumePoint(window, end, range);
@@ -33,15 +33,15 @@ std::optional<uint64_t> FindUncountedSection(int descriptor, const std::string& 
   return end;
 }
 
-std::optional<uint64_t> FindUncountedSection(int descriptor, const std::string& path) {
-  SectionScanner scanner(descriptor, path);
+std::optional<uint64_t> FindUncountedSection(const ImageFile& image) {
+  SectionScanner scanner(image);
   if (!IsHeaderUnsure(scanner)) return std::nullopt;
   try {
     for (SectionItem item; scanner.Next(&item);) continue;
   } catch (const Error&) {
     return std::nullopt;
   }
-  return FindUncountedSection(descriptor, path, scanner, scanner.Position());
+  return FindUncountedSection(image, scanner, scanner.Position());
 }
 
 std::string UncountedReason(uint32_t sectionCount) {

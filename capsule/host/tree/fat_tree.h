@@ -16,8 +16,8 @@ namespace capsule::host {
 // None of the sections holds NTFS records. Entries whose names are damaged are added to `problems`
 // and go by their short names. Throws Error with the first record that cannot be read, that reaches
 // into the next item, or that contradicts a checked index.
-std::unique_ptr<Catalog> ReadFatTree(int descriptor, const std::string& path,
-                                     const DecodedHeader& header, const IndexContents& index,
+std::unique_ptr<Catalog> ReadFatTree(const ImageFile& image, const DecodedHeader& header,
+                                     const IndexContents& index,
                                      std::vector<ImageProblem>* problems);
 
 }  // namespace capsule::host

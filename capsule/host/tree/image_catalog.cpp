@@ -95,12 +95,9 @@ struct OpenedFile {
 // Reads the image in a library state of its own, so that images open side by side.
 class ClassReader {
  public:
-  ClassReader(int descriptor, const std::string& path) : m_Scope(m_State), m_Opened(path) {
+  explicit ClassReader(const std::string& path) : m_Scope(m_State), m_Opened(path) {
     if (m_Opened.file.GetImageFileHandle() <= 0) {
       ThrowSystemError(path, "cannot open", m_Opened.file.GetLastError());
-    }
-    if (platform::Identify(descriptor) != platform::Identify(m_Opened.file.GetImageFileHandle())) {
-      throw Error(ErrorKind::System, path, "was replaced while it was opened");
     }
     Read(path);
   }
@@ -136,9 +133,9 @@ class ClassReader {
 
 class CatalogBuilder {
  public:
-  CatalogBuilder(int descriptor, const std::string& path, const IndexContents& index,
+  CatalogBuilder(const ImageFile& image, const IndexContents& index,
                  std::vector<ImageProblem>* problems)
-      : m_nDescriptor(descriptor), m_strPath(path), m_Index(index), m_pProblems(problems) {}
+      : m_image(image), m_strPath(image.Name()), m_Index(index), m_pProblems(problems) {}
 
   std::unique_ptr<Catalog> Build(CpsList& partitions) {
     const int count = partitions.GetCount();
@@ -263,9 +260,7 @@ class CatalogBuilder {
   // What is wrong with the long-name records of a group, or nothing.
   std::string JudgeChain(const BlockNode& node, const _ShortDirEntry& record) const {
     std::vector<unsigned char> group(node.dataOffset - node.offset);
-    const int64_t got = platform::ReadAt(m_nDescriptor, group.data(), group.size(), node.offset);
-    if (got < 0) ThrowSystemError(m_strPath, "cannot be read", errno, node.offset);
-    return JudgeLongName(std::span(group).first(static_cast<size_t>(got)), record);
+    return JudgeLongName(std::span(group).first(m_image.ReadAt(node.offset, group)), record);
   }
 
   void CheckThatAllAreThere() const {
@@ -360,9 +355,7 @@ class CatalogBuilder {
 
   bool IsNtfsEntryAt(uint32_t offset) const {
     std::array<unsigned char, kNtfsHeaderSize> bytes{};
-    if (platform::ReadAt(m_nDescriptor, bytes.data(), bytes.size(), offset) < 0) {
-      ThrowSystemError(m_strPath, "cannot be read", errno, offset);
-    }
+    m_image.ReadAt(offset, bytes);
     const uint32_t type = DecodeNtfsHeader(bytes).RecordType;
     return BeginsNtfsEntry(type) && type != kNtfsEnd;
   }
@@ -371,7 +364,7 @@ class CatalogBuilder {
     throw Error(m_strPath, "directory record at " + Hex(offset) + ": " + what, offset);
   }
 
-  int m_nDescriptor;
+  ImageFile m_image;
   const std::string& m_strPath;
   const IndexContents& m_Index;
   std::vector<ImageProblem>* m_pProblems;
@@ -385,14 +378,14 @@ class CatalogBuilder {
 
 }  // namespace
 
-std::unique_ptr<Catalog> ReadCatalog(int descriptor, const std::string& path,
-                                     const DecodedHeader& header, const IndexContents& index,
+std::unique_ptr<Catalog> ReadCatalog(const ImageFile& image, const DecodedHeader& header,
+                                     const IndexContents& index,
                                      std::vector<ImageProblem>* problems) {
   const bool hasNtfs = std::any_of(header.partitions.begin(), header.partitions.end(),
                                    [](const _Partition& p) { return p.SystemId == kSystemIdNtfs; });
-  if (!hasNtfs && index.isInOrder) return ReadFatTree(descriptor, path, header, index, problems);
-  ClassReader reader(descriptor, path);
-  return CatalogBuilder(descriptor, path, index, problems).Build(reader.Partitions());
+  if (!hasNtfs && index.isInOrder) return ReadFatTree(image, header, index, problems);
+  ClassReader reader(image.Name());
+  return CatalogBuilder(image, index, problems).Build(reader.Partitions());
 }
 
 }  // namespace capsule::host

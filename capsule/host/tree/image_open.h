@@ -12,9 +12,9 @@
 namespace capsule::host {
 
 // The tree of an image: read through the exported classes where sections hold NTFS records.
-// `descriptor` is open on the same file. Throws host::Error.
-std::unique_ptr<Catalog> ReadCatalog(int descriptor, const std::string& path,
-                                     const DecodedHeader& header, const IndexContents& index,
+// Throws host::Error.
+std::unique_ptr<Catalog> ReadCatalog(const ImageFile& image, const DecodedHeader& header,
+                                     const IndexContents& index,
                                      std::vector<ImageProblem>* problems);
 
 }  // namespace capsule::host

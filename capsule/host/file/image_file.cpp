@@ -1,0 +1,34 @@
+#include "capsule/host/file/image_file.h"
+
+#include <algorithm>
+#include <system_error>
+#include <utility>
+
+#include "capsule/host/file/reason.h"
+
+namespace capsule::host {
+
+ImageFile::ImageFile(std::shared_ptr<const ByteSource> source, std::string name)
+    : m_state(std::make_shared<const State>(State{std::move(source), std::move(name)})) {}
+
+ImageFile::ImageFile(int descriptor, std::string name)
+    : ImageFile(DescriptorSource(descriptor), std::move(name)) {}
+
+uint64_t ImageFile::Size() const {
+  try {
+    return m_state->source->Size();
+  } catch (const std::system_error& error) {
+    ThrowSystemError(Name(), "cannot tell its length", error.code());
+  }
+}
+
+size_t ImageFile::ReadAt(uint64_t offset, std::span<unsigned char> out) const {
+  try {
+    // A source of the host may claim to have filled more than it was given.
+    return std::min(m_state->source->ReadAt(offset, out), out.size());
+  } catch (const std::system_error& error) {
+    ThrowSystemError(Name(), "read at " + Hex(offset), error.code(), offset);
+  }
+}
+
+}  // namespace capsule::host

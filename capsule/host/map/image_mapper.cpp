@@ -1,0 +1,115 @@
+#include "capsule/host/map/image_mapper.h"
+
+#include <algorithm>
+#include <vector>
+
+#include "capsule/host/map/header_map.h"
+#include "capsule/host/map/index_map.h"
+#include "capsule/host/map/map_sink.h"
+#include "capsule/host/map/section_map.h"
+#include "capsule/host/sections/uncounted_section.h"
+#include "capsule/partition/record_format.h"
+
+namespace capsule::host {
+namespace {
+
+// System ids of the sections that a header tells of: its records that are not all zero.
+std::vector<uint8_t> SectionsOf(const DecodedHeader& header) {
+  std::vector<uint8_t> ids;
+  for (const _Partition& record : header.partitions) {
+    if (IsInUse(record)) ids.push_back(record.SystemId);
+  }
+  return ids;
+}
+
+class ImageMapper {
+ public:
+  ImageMapper(const ImageFile& image, MapSink& sink)
+      : m_image(image), m_Window(image), m_Sink(sink) {}
+
+  void Map(bool mayHaveIndex) {
+    const auto stored = m_Window.At(0, kHeaderSize);
+    const MappedHeader header = DecodeStoredHeader(stored);
+    MapHeader(stored, m_Sink);
+    MapSummary& summary = m_Sink.Summary();
+    summary.headerProblem = header.problem;
+    if (!header.decoded) return MapRest();
+    summary.compressed = header.decoded->compressed;
+    summary.indexOffset = header.decoded->indexOffset;
+    const bool hasIndex =
+        mayHaveIndex && LooksLikeIndex(m_Window, summary.indexOffset, m_Sink.FileBytes());
+    MapSections(*header.decoded, hasIndex ? summary.indexOffset : m_Sink.FileBytes());
+    if (hasIndex) MapPlaceholder(summary.indexOffset);
+    if (hasIndex) MapIndex(m_image, m_Window, summary.indexOffset, m_Sink);
+    MapEnd(hasIndex);
+  }
+
+ private:
+  // Of a file whose header cannot be used: sections of FAT records are looked for all the same.
+  void MapRest() {
+    SectionMap sections(m_Window, m_Sink.FileBytes(), true, m_Sink);
+    constexpr uint8_t kFat = 0x0B;
+    for (int n = 0; sections.Map(n, kFat); ++n) ++m_Sink.Summary().sections;
+    MapEnd(false);
+  }
+
+  void MapSections(const DecodedHeader& header, uint64_t end) {
+    SectionMap sections(m_Window, end, header.compressed, m_Sink);
+    int number = 0;
+    for (const uint8_t systemId : SectionsOf(header)) {
+      if (sections.Map(number++, systemId)) {
+        ++m_Sink.Summary().sections;
+        continue;
+      }
+      MapItem missing;
+      missing.section = number - 1;
+      missing.offset = m_Sink.Position();
+      missing.problem = "section " + std::to_string(number - 1) + " is missing";
+      m_Sink.Add(missing);
+      return;
+    }
+  }
+
+  // Between the sections and the index there may be a zero entry for partitions not in use.
+  void MapPlaceholder(uint64_t indexOffset) {
+    const auto zero = EncodeZeroEntry();
+    const auto bytes = m_Window.At(m_Sink.Position(), zero.size());
+    const bool fits = m_Sink.Position() + zero.size() <= indexOffset;
+    if (!fits || !std::equal(zero.begin(), zero.end(), bytes.begin(), bytes.end())) return;
+    MapItem item;
+    item.kind = MapItem::Kind::ZeroEntry;
+    item.offset = m_Sink.Position();
+    item.length = zero.size();
+    item.text = "stands for partitions not in use";
+    m_Sink.Add(item);
+  }
+
+  // Without an index, what lies behind the last section is of an older, longer file, unless it is a
+  // section that the header should count.
+  void MapEnd(bool hasIndex) {
+    const MapSummary& summary = m_Sink.Summary();
+    const uint64_t left = m_Sink.FileBytes() - m_Sink.Position();
+    const bool isOld = !hasIndex && summary.indexOffset == 0 && summary.headerProblem.empty();
+    if (!isOld) return m_Sink.Gap(m_Sink.FileBytes(), "", "", NothingKnown(left));
+    if (left == 0) return;
+    const SectionScanner header(m_image);
+    const auto uncounted = FindUncountedSection(m_image, header, m_Sink.Position());
+    m_Sink.Gap(m_Sink.FileBytes(), "", "behind the last section",
+               uncounted ? UncountedReason(header.SectionCount()) : "");
+  }
+
+  ImageFile m_image;
+  FileWindow m_Window;
+  MapSink& m_Sink;
+};
+
+}  // namespace
+
+MapSummary MapImage(const ImageFile& image, const std::function<void(const MapItem&)>& take,
+                    bool hasIndex) {
+  MapSink sink(image.Size(), take);
+  ImageMapper(image, sink).Map(hasIndex);
+  return sink.Summary();
+}
+
+}  // namespace capsule::host

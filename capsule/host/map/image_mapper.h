@@ -1,0 +1,15 @@
+// Maps an image: image_map.h says how.
+#pragma once
+
+#include <functional>
+
+#include "capsule/host/file/image_file.h"
+#include "capsule/host/map_item.h"
+
+namespace capsule::host {
+
+// `hasIndex`: false when nothing that the header says of an index is believed.
+MapSummary MapImage(const ImageFile& image, const std::function<void(const MapItem&)>& take,
+                    bool hasIndex = true);
+
+}  // namespace capsule::host
