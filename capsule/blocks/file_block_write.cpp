@@ -10,6 +10,7 @@
 #include "capsule/compression/stream_compressor.h"
 #include "capsule/partition/record_format.h"
 #include "capsule/platform/file.h"
+#include "capsule/platform/opened_item.h"
 #include "capsule/platform/out_of_memory.h"
 #include "capsule/platform/scoped_descriptor.h"
 #include "capsule/state/library_state.h"
@@ -89,14 +90,17 @@ class RecordWriter {
   bool m_bCompress = false;
 };
 
-bool StreamChunks(int source, uint32_t size, RecordWriter& writer, InsertObserver* observer) {
+using ReadChunk = std::function<bool(uint64_t offset, std::span<unsigned char> out)>;
+
+bool StreamChunks(const ReadChunk& read, uint32_t size, RecordWriter& writer,
+                  InsertObserver* observer) {
   std::array<unsigned char, kChunkSize> chunk;
   std::span<const unsigned char> before;
   for (uint32_t position = 0; position < size;) {
     if (observer != nullptr && !observer->OnChunk(writer.Next(position, before))) return false;
     before = chunk;
     const uint32_t length = std::min(size - position, kChunkSize);
-    if (platform::ReadAt(source, chunk.data(), length, position) != int64_t{length}) return false;
+    if (!read(position, std::span(chunk).first(length))) return false;
     const uint32_t padded = PaddedChunkLength(length);
     std::fill_n(chunk.begin() + length, padded - length, static_cast<unsigned char>(0));
     position += length;
@@ -170,12 +174,22 @@ int CapsuleFileBlock::StreamFile(const char* path, int fd, int offset, int* pTot
 
 int CapsuleFileBlock::StreamRecords(const char* path, int fd, int offset, int* pTotal, int level,
                                     InsertObserver* observer) {
-  const platform::ScopedDescriptor source = CurrentLibraryState().hostView.OpenFile(path);
+  const platform::HostView& view = CurrentLibraryState().hostView;
   const uint32_t size = m_DirectoryEntry.EntryFor(m_DirectoryType).FileSize;
+  RecordWriter writer(fd, offset, level);
+  if (const auto* opened = path == nullptr ? nullptr : view.OpenedBytes(path)) {
+    if (!StreamChunks(opened->read, size, writer, observer)) return -1;
+    return Advance(pTotal, writer.Written()) ? 0 : -1;
+  }
+  const platform::ScopedDescriptor source = view.OpenFile(path);
   const auto before = platform::Stamp(source.Get());
   if (!before || before->length != int64_t{size}) return -1;
-  RecordWriter writer(fd, offset, level);
-  if (!StreamChunks(source.Get(), size, writer, observer)) return -1;
+  const auto read = [&](uint64_t at, std::span<unsigned char> out) {
+    const auto length = static_cast<int64_t>(out.size());
+    return platform::ReadAt(source.Get(), out.data(), out.size(), static_cast<int64_t>(at)) ==
+           length;
+  };
+  if (!StreamChunks(read, size, writer, observer)) return -1;
   // Written to meanwhile, the file may never have had the content that was read.
   if (platform::Stamp(source.Get()) != before) return -1;
   return Advance(pTotal, writer.Written()) ? 0 : -1;

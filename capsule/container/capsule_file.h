@@ -7,7 +7,8 @@
 //   made.InsertFile("C:\\a", 0);
 //   made.InsertFile("C:\\a\\b.txt", 0);
 //   made.CloseImageFile();
-//   const host::IndexReport report = host::IndexWriter("new.cap").Write();  // what is read is what an index names
+//   // What is read is what an index names.
+//   const host::IndexReport report = host::IndexWriter("new.cap").Write();
 //
 //   CapsuleFile read("new.cap");
 //   if (read.GetImageFileHandle() != 0 && read.ReadImage(0) == 0)

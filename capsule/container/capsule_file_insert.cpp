@@ -13,6 +13,7 @@
 #include "capsule/partition/record_format.h"
 #include "capsule/platform/ascii.h"
 #include "capsule/platform/file.h"
+#include "capsule/platform/opened_item.h"
 #include "capsule/platform/out_of_memory.h"
 #include "capsule/platform/scoped_descriptor.h"
 #include "capsule/platform/trace_file.h"
@@ -43,6 +44,8 @@ void TraceInsertion(const LibraryState& state, const char* path) {
 
 // The length of the file at `path`; none when it cannot be opened or has 2 GiB or more.
 std::optional<uint32_t> SourceLength(const platform::HostView& view, const CString& path) {
+  const platform::OpenedItem* bytes = view.OpenedBytes(path.c_str());
+  if (bytes != nullptr) return static_cast<uint32_t>(bytes->status.size);
   const platform::ScopedDescriptor file = view.OpenFile(path.c_str());
   const int64_t length = file ? platform::FileLength(file.Get()) : -1;
   if (length < 0 || length > kMaxImageSize) return std::nullopt;

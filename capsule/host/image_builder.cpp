@@ -13,6 +13,7 @@
 
 #include "capsule/container/header_format.h"
 #include "capsule/host/build/image_draft.h"
+#include "capsule/host/build/item_tree.h"
 #include "capsule/host/build/source_walk.h"
 #include "capsule/host/file/reason.h"
 #include "capsule/host/file/watch.h"
@@ -140,14 +141,16 @@ struct ImageBuilder::Impl {
     if (const auto set = LatestTime()) draft.CapTimes(latest = *set);
   }
 
-  void Take(SourceWalk* walk, const SourceItem& item);
-  void Insert(SourceWalk* walk, const SourceItem& item);
+  void Take(ItemWalk* walk, const SourceItem& item);
+  void Insert(ItemWalk* walk, const SourceItem& item);
+  void AddPartition(ItemWalk&& walk);
+  void RefuseEleventh(const std::string& source) const;
+  SourceWalk::Filter Filter() const;
   void CountWhatIsNotKept(const SourceItem& item);
   void Complete();
   void ThrowIfUnusable() const;
-  void Count(const fs::path& directory);
+  void Count(ItemWalk&& walk);
   void TellWithin(uint64_t bytes);
-  SourceWalk Walk(const fs::path& directory) const;
 
   struct Canceller {
     std::stop_source source;
@@ -169,7 +172,7 @@ struct ImageBuilder::Impl {
   bool isFinished = false;
 };
 
-void ImageBuilder::Impl::Take(SourceWalk* walk, const SourceItem& item) {
+void ImageBuilder::Impl::Take(ItemWalk* walk, const SourceItem& item) {
   switch (item.kind) {
     case SourceItem::Kind::Special:
       ++report.skipped;
@@ -195,7 +198,7 @@ void ImageBuilder::Impl::Take(SourceWalk* walk, const SourceItem& item) {
   }
 }
 
-void ImageBuilder::Impl::Insert(SourceWalk* walk, const SourceItem& item) {
+void ImageBuilder::Impl::Insert(ItemWalk* walk, const SourceItem& item) {
   const bool isFolder = item.kind == SourceItem::Kind::Folder;
   inserted = std::to_string(partitions - 1) + ":/" + item.relative;
   if (const auto problem = draft.Insert(item)) {
@@ -215,15 +218,15 @@ void ImageBuilder::Impl::TellWithin(uint64_t bytes) {
   watch.TellWithin(report.sourceBytes + bytes, inserted);
 }
 
-SourceWalk ImageBuilder::Impl::Walk(const fs::path& directory) const {
-  return {directory.string(), [this](const std::string& item, const std::string& relative) {
-            return IsExcluded(options.excludes, item, relative);
-          }};
+SourceWalk::Filter ImageBuilder::Impl::Filter() const {
+  return [this](const std::string& item, const std::string& relative) {
+    return IsExcluded(options.excludes, item, relative) ||
+           (options.leavesOut && options.leavesOut(relative));
+  };
 }
 
-// What AddDirectory will find.
-void ImageBuilder::Impl::Count(const fs::path& directory) {
-  SourceWalk walk = Walk(directory);
+// What AddPartition will find.
+void ImageBuilder::Impl::Count(ItemWalk&& walk) {
   for (SourceItem item; walk.Next(&item);) {
     watch.Check();
     if (item.kind == SourceItem::Kind::File && !draft.IsOwnFile(item.status.identity)) {
@@ -266,24 +269,38 @@ ImageBuilder::~ImageBuilder() = default;
 ImageBuilder::ImageBuilder(ImageBuilder&&) noexcept = default;
 ImageBuilder& ImageBuilder::operator=(ImageBuilder&&) noexcept = default;
 
-void ImageBuilder::AddDirectory(const fs::path& directory) {
-  m_pImpl->ThrowIfUnusable();
-  if (m_pImpl->partitions == kMaxPartitions) {
-    throw Error(ErrorKind::Misuse, directory.string(),
-                "an image holds " + std::to_string(kMaxPartitions) + " folders at most");
-  }
-  if (m_pImpl->options.countFirst && m_pImpl->partitions >= m_pImpl->counted) {
-    m_pImpl->Count(directory);
-  }
-  SourceWalk walk = m_pImpl->Walk(directory);
-  m_pImpl->isBroken = true;
-  m_pImpl->draft.BeginPartition();
-  ++m_pImpl->partitions;
+void ImageBuilder::Impl::RefuseEleventh(const std::string& source) const {
+  ThrowIfUnusable();
+  if (partitions < kMaxPartitions) return;
+  throw Error(ErrorKind::Misuse, source,
+              "an image holds " + std::to_string(kMaxPartitions) + " folders at most");
+}
+
+void ImageBuilder::Impl::AddPartition(ItemWalk&& walk) {
+  isBroken = true;
+  draft.BeginPartition();
+  ++partitions;
   for (SourceItem item; walk.Next(&item);) {
-    m_pImpl->watch.Check();
-    m_pImpl->Take(&walk, item);
+    watch.Check();
+    Take(&walk, item);
   }
-  m_pImpl->isBroken = false;
+  isBroken = false;
+}
+
+void ImageBuilder::AddDirectory(const fs::path& directory) {
+  Impl& impl = *m_pImpl;
+  impl.RefuseEleventh(directory.string());
+  if (impl.options.countFirst && impl.partitions >= impl.counted) {
+    impl.Count(SourceWalk(directory.string(), impl.Filter()));
+  }
+  impl.AddPartition(SourceWalk(directory.string(), impl.Filter()));
+}
+
+void ImageBuilder::AddItems(const std::vector<BuildItem>& items) {
+  m_pImpl->RefuseEleventh(m_pImpl->name);
+  const auto walk = [&] { return ItemTree(m_pImpl->name, items, m_pImpl->Filter()); };
+  if (m_pImpl->options.countFirst) m_pImpl->Count(walk());
+  m_pImpl->AddPartition(walk());
 }
 
 void ImageBuilder::AddDirectories(const std::vector<fs::path>& directories) {
@@ -294,7 +311,9 @@ void ImageBuilder::AddDirectories(const std::vector<fs::path>& directories) {
                     " folders at most, these are " + std::to_string(count));
   }
   if (m_pImpl->options.countFirst) {
-    for (const fs::path& directory : directories) m_pImpl->Count(directory);
+    for (const fs::path& directory : directories) {
+      m_pImpl->Count(SourceWalk(directory.string(), m_pImpl->Filter()));
+    }
     m_pImpl->counted = static_cast<int>(count);
   }
   for (const fs::path& directory : directories) AddDirectory(directory);

@@ -4,6 +4,8 @@
 //   builder.AddDirectory("photos");
 //   host::BuildReport report = builder.Finish();
 //
+// Instead of a folder, a partition may be put together of single items (build_item.h).
+//
 // The image is written under a temporary name beside its own (mode 0600 until done), completed by
 // its index, synced and renamed: an existing file stays as it was until then. The same folders give
 // the same bytes wherever they lie. Links and special files are skipped and counted. What cannot
@@ -18,11 +20,13 @@
 
 #include <cstdint>
 #include <filesystem>
+#include <functional>
 #include <stop_token>
 #include <string>
 #include <vector>
 
 #include "capsule/export.h"
+#include "capsule/host/build_item.h"
 #include "capsule/host/error.h"
 #include "capsule/host/impl_pointer.h"
 #include "capsule/host/progress.h"
@@ -36,6 +40,9 @@ struct BuildOptions {
   std::string label{};                  // version text; "Capsulate" is put in front unless there
   std::vector<std::string> excludes{};  // globs: matched against an item's name, or with a '/' in
                                         // them against its path below its DIR
+  // Asked for every item of a folder, with its path below DIR: whether to leave it out.
+  std::function<bool(const std::string& path)> leavesOut{};
+
   bool force = false;  // replace an existing file that is not an image, which is refused otherwise
 
   // Told behind every item, and within long files. The folders are walked once more before they are
@@ -83,6 +90,11 @@ class CAPSULE_API ImageBuilder {
   // Inserts everything below `directory` as the next partition. Throws when it cannot be opened
   // or is the eleventh.
   void AddDirectory(const std::filesystem::path& directory);
+
+  // Makes the next partition of single items. Throws when they do not fit together, when a source
+  // cannot be opened, or when it is the eleventh partition. Bytes that cannot be read are a problem
+  // of the report.
+  void AddItems(const std::vector<BuildItem>& items);
 
   // AddDirectory for each. Throws before the first when there are more than an image holds.
   void AddDirectories(const std::vector<std::filesystem::path>& directories);

@@ -66,6 +66,11 @@ void HostView::CapTimes(int64_t unixSeconds) { m_pImpl->latest = {unixSeconds, 0
 
 void HostView::SetOpenedItem(const OpenedItem* item) { m_pImpl->opened = item; }
 
+const OpenedItem* HostView::OpenedBytes(std::string_view path) const {
+  const OpenedItem* opened = m_pImpl->opened;
+  return opened != nullptr && opened->read && path == opened->path ? opened : nullptr;
+}
+
 ScopedDescriptor HostView::OpenFile(const char* path) const {
   if (path == nullptr) return ScopedDescriptor();
   if (const OpenedItem* opened = m_pImpl->opened) {
@@ -95,6 +100,10 @@ std::optional<FindData> HostView::Find(std::string_view path) const {
 
   FindData found;
   found.attributes = Attributes(*status, path);
+  if (const OpenedItem* opened = m_pImpl->opened; opened != nullptr && !path.ends_with("\\..")) {
+    const uint32_t kind = found.attributes & kAttributeDirectory;
+    found.attributes = opened->attributes ? kind | *opened->attributes : found.attributes;
+  }
   found.size = status->size;
   found.lastWriteTime = m_pImpl->Report(status->modification);
   const bool modificationOnly = m_pImpl->timePolicy == TimePolicy::ModificationOnly;

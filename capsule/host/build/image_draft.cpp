@@ -7,6 +7,7 @@
 
 #include "capsule/blocks/data_block_format.h"
 #include "capsule/host/error.h"
+#include "capsule/host/file/image_file.h"
 #include "capsule/host/file/reason.h"
 #include "capsule/host/index_writer.h"
 #include "capsule/partition/record_format.h"
@@ -126,7 +127,7 @@ std::optional<std::string> ImageDraft::Insert(const SourceItem& item) {
   ThrowIfCancelled();
   ThrowIfShort(item.path, "cannot be inserted", error);
   if (IsWriteFailure(error)) FailAs("write", error);
-  std::string problem = SourceProblem(item);
+  std::string problem = item.bytes ? m_sourceProblem : SourceProblem(item);
   if (!problem.empty()) return problem;
   ThrowIfFull(error, item.status.size);
   return error != 0 ? SystemReason(error) : "cannot be read";
@@ -134,12 +135,37 @@ std::optional<std::string> ImageDraft::Insert(const SourceItem& item) {
 
 // With the item in the place of everything that paths could lead to.
 int ImageDraft::InsertOpened(const SourceItem& item) {
-  const platform::OpenedItem opened{ItemPath(m_nPartition, item.relative), item.file.Get(),
-                                    item.status, item.folder, item.alias};
+  platform::OpenedItem opened{ItemPath(m_nPartition, item.relative),
+                              item.file.Get(),
+                              item.status,
+                              item.folder,
+                              item.alias,
+                              item.attributes,
+                              {}};
+  m_sourceProblem.clear();
+  if (item.bytes) {
+    opened.read = [&](uint64_t offset, std::span<unsigned char> out) {
+      return ReadSource(item, offset, out);
+    };
+  }
   m_State.hostView.SetOpenedItem(&opened);
   const int result = m_Image.InsertFile(opened.path.c_str(), m_nPartition, &m_observer);
   m_State.hostView.SetOpenedItem(nullptr);
   return result;
+}
+
+// What goes wrong with bytes of the host is a problem of the item, like that with a file.
+bool ImageDraft::ReadSource(const SourceItem& item, uint64_t offset, std::span<unsigned char> out) {
+  try {
+    const ImageFile bytes(item.bytes, item.path);
+    if (bytes.ReadAt(offset, out) == out.size()) return true;
+    m_sourceProblem = kChanged;
+  } catch (const ShortageError&) {
+    throw;
+  } catch (const Error& error) {
+    m_sourceProblem = error.Reason();
+  }
+  return false;
 }
 
 // The source being as it was, the image may be what could not take it.

@@ -9,6 +9,7 @@
 #include <cstdint>
 #include <functional>
 #include <optional>
+#include <span>
 #include <stop_token>
 #include <string>
 #include <utility>
@@ -70,6 +71,7 @@ class ImageDraft {
   };
 
   int InsertOpened(const SourceItem& item);
+  bool ReadSource(const SourceItem& item, uint64_t offset, std::span<unsigned char> out);
   [[noreturn]] void Fail(ErrorKind kind, const std::string& reason) const;
   [[noreturn]] void FailAs(const char* step, int error) const;
   void ThrowIfFull(int error, uint64_t size);
@@ -86,6 +88,7 @@ class ImageDraft {
   Observer m_observer;
   bool m_bOpen = false;  // m_Image has the file open
   int m_nPartition = -1;
+  std::string m_sourceProblem;  // of bytes of the host
 };
 
 }  // namespace capsule::host
