@@ -34,9 +34,9 @@ int Cat(const CatArguments& arguments, Talk& talk) {
   const host::Image image = OpenImage(arguments.image);
   const host::Entry entry = FindOrFail(image, arguments.path);
   if (arguments.offset > entry.Size()) {
-    throw host::Error(image.Path(), entry.Path() + ": offset is " +
-                                        std::to_string(arguments.offset) + ", the file has " +
-                                        std::to_string(entry.Size()) + " bytes");
+    throw host::Error(host::ErrorKind::Misuse, image.Path(),
+                      entry.Path() + ": offset is " + std::to_string(arguments.offset) +
+                          ", the file has " + std::to_string(entry.Size()) + " bytes");
   }
   int result = ComplainAboutProblems(image, talk);
   Output output;

@@ -44,9 +44,7 @@ int Extract(const ExtractArguments& arguments, Talk& talk) {
     talk.Complain(image.Path(), LostText(path, lost));
     if (arguments.json) output.Write(LostJson(path, lost));
   };
-  options.onProgress = [&talk](const host::ExtractProgress& progress) {
-    talk.Progress(progress.files, progress.bytes, progress.path);
-  };
+  options.onProgress = [&talk](const host::Progress& at) { talk.Progress(at); };
   host::Extractor extractor(image, arguments.target, options);
   const size_t missing = AddPaths(image, arguments.paths, extractor, talk);
   if (missing != 0 && missing == arguments.paths.size()) return kFailed;

@@ -14,8 +14,11 @@ struct IndexArguments {
 
 int Index(const IndexArguments& arguments, Talk& talk) {
   const std::string& image = arguments.image;
-  const host::IndexReport report = host::IndexWriter(image).Write(
-      arguments.force ? host::DamagedSections::NoteDamage : host::DamagedSections::IndexWhatIsLeft);
+  host::IndexOptions options;
+  options.damaged =
+      arguments.force ? host::DamagedSections::NoteDamage : host::DamagedSections::IndexWhatIsLeft;
+  options.onProgress = [&talk](const host::Progress& at) { talk.Progress(at); };
+  const host::IndexReport report = host::IndexWriter(image).Write(options);
   for (const host::ImageProblem& problem : report.problems) {
     talk.Complain(image, problem.path + ": " + problem.reason);
   }

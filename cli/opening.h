@@ -30,7 +30,8 @@ inline int ComplainAboutProblems(const host::Image& image, Talk& talk) {
 // Throws host::Error when there is no such entry.
 inline host::Entry FindOrFail(const host::Image& image, const std::string& path) {
   const auto entry = image.Find(path);
-  if (!entry) throw host::Error(image.Path(), path + ": not in the image");
+  if (!entry)
+    throw host::Error(host::ErrorKind::NotFound, image.Path(), path + ": not in the image");
   return *entry;
 }
 

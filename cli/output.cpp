@@ -4,16 +4,17 @@
 
 #include <cerrno>
 #include <cstdio>
+#include <system_error>
 
 #include "capsule/host/error.h"
-#include "capsule/host/message_text.h"
 #include "cli/text.h"
 
 namespace capsule::cli {
 namespace {
 
 [[noreturn]] void Fail() {
-  throw host::Error("standard output", "cannot write: " + host::SystemReason(errno));
+  throw host::Error("standard output", "cannot write",
+                    std::error_code(errno, std::generic_category()));
 }
 
 }  // namespace

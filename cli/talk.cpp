@@ -50,14 +50,17 @@ void Talk::Summarize(const std::string& text) {
   if (!m_bQuiet) Complain(text);
 }
 
-void Talk::Progress(uint64_t files, uint64_t bytes, const std::string& path) {
+void Talk::Progress(const host::Progress& progress) {
   if (m_bQuiet || !m_bTerminal) return;
   const auto now = std::chrono::steady_clock::now();
   if (m_bProgressShown && now - m_LastProgress < kProgressInterval) return;
   m_LastProgress = now;
   m_bProgressShown = true;
-  Write("\r\033[K" + Shortened(Counted(files, "file", "files") + ", " +
-                               std::to_string(bytes / 1000000) + " MB  " + ForTerminal(path)));
+  const auto megabytes = [](uint64_t bytes) { return std::to_string(bytes / 1000000); };
+  const std::string total = progress.bytesTotal == 0 ? "" : " of " + megabytes(progress.bytesTotal);
+  Write("\r\033[K" +
+        Shortened(Counted(progress.files, "file", "files") + ", " + megabytes(progress.bytesDone) +
+                  total + " MB  " + ForTerminal(progress.path)));
 }
 
 void Talk::ClearProgress() {

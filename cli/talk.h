@@ -5,6 +5,8 @@
 #include <cstdint>
 #include <string>
 
+#include "capsule/host/progress.h"
+
 namespace capsule::cli {
 
 class Talk {
@@ -31,7 +33,7 @@ class Talk {
   void Summarize(const std::string& text);
 
   // On a terminal only, a few times a second: one line that is overwritten.
-  void Progress(uint64_t files, uint64_t bytes, const std::string& path);
+  void Progress(const host::Progress& progress);
 
  private:
   void ClearProgress();

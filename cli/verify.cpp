@@ -40,10 +40,12 @@ std::string TextLine(const host::Fault& fault) {
 
 int Verify(const VerifyArguments& arguments, Talk& talk) {
   Output output;
-  const host::VerifyReport report =
-      host::Verifier(arguments.image).Run([&](const host::Fault& fault) {
-        output.Write(arguments.json ? JsonLine(fault) : TextLine(fault));
-      });
+  const auto take = [&](const host::Fault& fault) {
+    output.Write(arguments.json ? JsonLine(fault) : TextLine(fault));
+  };
+  host::VerifyOptions options;
+  options.onProgress = [&talk](const host::Progress& at) { talk.Progress(at); };
+  const host::VerifyReport report = host::Verifier(arguments.image).Run(take, options);
   if (arguments.json) output.Write(JsonSummary(report));
   talk.Summarize(arguments.image + ": " + Counted(report.files, "file", "files") + " read, " +
                  Counted(report.checkValues, "check value", "check values") + " compared" +

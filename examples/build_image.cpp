@@ -11,8 +11,8 @@ namespace {
 int Build(int count, char** arguments) {
   capsule::host::BuildOptions options;
   options.level = 9;
-  options.onProgress = [](const capsule::host::BuildProgress& progress) {
-    std::fprintf(stderr, "%9ju bytes  %s\n", static_cast<uintmax_t>(progress.sourceBytes),
+  options.onProgress = [](const capsule::host::Progress& progress) {
+    std::fprintf(stderr, "%9ju bytes  %s\n", static_cast<uintmax_t>(progress.bytesDone),
                  progress.path.c_str());
   };
 

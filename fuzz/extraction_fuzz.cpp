@@ -73,7 +73,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     const host::Image image(file.Path(), host::Opening::Salvage);
     if (!IsSmall(image)) return 0;
     const Sandbox sandbox;
-    host::Extractor(image, sandbox.Target()).Run();
+    static_cast<void>(host::Extractor(image, sandbox.Target()).Run());
     sandbox.Check();
   } catch (const host::Error&) {
   }

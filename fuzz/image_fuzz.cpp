@@ -57,7 +57,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     fuzz::Require(!isSound, "a sound image can be opened either way");
   }
   try {
-    host::Verifier(source, "fuzz").Run([](const host::Fault&) {});
+    static_cast<void>(host::Verifier(source, "fuzz").Run([](const host::Fault&) {}));
   } catch (const host::Error&) {
   }
   const fuzz::MemoryFile file({data, size});

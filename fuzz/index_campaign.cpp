@@ -74,7 +74,7 @@ class Campaign {
     const test::Contents before = ContentsOf(m_strPath);
     const auto time = fs::last_write_time(m_strPath);
     try {
-      host::IndexWriter(m_strPath).Write(mode);
+      static_cast<void>(host::IndexWriter(m_strPath).Write(mode));
       JudgeWritten(before);
       JudgeAgain(mode);
     } catch (const host::Error&) {
@@ -114,7 +114,7 @@ class Campaign {
   void JudgeAgain(DamagedSections mode) {
     const bool wasSound = IsCalledSound(m_strPath);
     try {
-      host::IndexWriter(m_strPath).Write(mode);
+      static_cast<void>(host::IndexWriter(m_strPath).Write(mode));
     } catch (const host::Error&) {
     }
     if (IsCalledSound(m_strPath) != wasSound) Find("indexed again, it is judged otherwise");
@@ -145,7 +145,7 @@ std::string Build(const test::TempDir& folder, int level) {
   options.level = level;
   host::ImageBuilder builder(image, options);
   builder.AddDirectory(root);
-  builder.Finish();
+  static_cast<void>(builder.Finish());
   return image;
 }
 

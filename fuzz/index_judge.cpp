@@ -24,10 +24,10 @@ struct Told {
 
 void Verify(const std::string& path, Told* told) {
   try {
-    host::Verifier(path).Run([&](const host::Fault& fault) {
+    static_cast<void>(host::Verifier(path).Run([&](const host::Fault& fault) {
       if (told->verify.empty()) told->verify = fault.path + ": " + fault.reason;
       told->paths.insert(fault.path);
-    });
+    }));
   } catch (const host::Error& error) {
     told->verify = error.Reason();
   }

@@ -247,7 +247,7 @@ class Campaign {
     build.level = level;
     host::ImageBuilder builder(path, build);
     builder.AddDirectory(tree.Path());
-    builder.Finish();
+    static_cast<void>(builder.Finish());
     const test::DamageSeed seed(path);
     const Judge judge(seed);
     if (!m_Options.keep.empty()) {

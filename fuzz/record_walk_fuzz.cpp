@@ -3,8 +3,8 @@
 #include <cstdint>
 
 #include "capsule/host/error.h"
+#include "capsule/host/sections/searching_survey.h"
 #include "capsule/host/sections/section_scanner.h"
-#include "capsule/host/sections/section_survey.h"
 #include "fuzz/check.h"
 #include "fuzz/section_image.h"
 

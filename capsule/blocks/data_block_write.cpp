@@ -7,9 +7,9 @@
 #include "capsule/blocks/data_block_format.h"
 #include "capsule/compression/stream_compressor.h"
 #include "capsule/partition/record_format.h"
-#include "capsule/platform/descriptor_owner.h"
 #include "capsule/platform/file.h"
 #include "capsule/platform/out_of_memory.h"
+#include "capsule/platform/scoped_descriptor.h"
 #include "capsule/state/library_state.h"
 
 namespace capsule {
@@ -24,7 +24,7 @@ int CapsuleFileDataBlock::TakeFileData(const char* path) {
   // Whatever fails below, the next file starts at its beginning.
   const int64_t position = std::exchange(state.chunkReadPosition, 0);
 
-  const platform::DescriptorOwner file(platform::OpenHostFile(state.hostView, path));
+  const platform::ScopedDescriptor file = state.hostView.OpenFile(path);
   const int64_t length = file ? platform::FileLength(file.Get()) : -1;
   if (length < 0 || length > kMaxImageSize) return -1;
   m_nFileSize = static_cast<int32_t>(length);

@@ -1,17 +1,18 @@
 // Writing one file: its record group, then one data block record a chunk.
 #include <algorithm>
 #include <array>
-#include <atomic>
 #include <span>
 
 #include "capsule/blocks/data_block.h"
 #include "capsule/blocks/data_block_format.h"
 #include "capsule/blocks/file_block.h"
+#include "capsule/blocks/insert_observer.h"
 #include "capsule/compression/stream_compressor.h"
 #include "capsule/partition/record_format.h"
-#include "capsule/platform/descriptor_owner.h"
 #include "capsule/platform/file.h"
+#include "capsule/platform/opened_item.h"
 #include "capsule/platform/out_of_memory.h"
+#include "capsule/platform/scoped_descriptor.h"
 #include "capsule/state/library_state.h"
 
 namespace capsule {
@@ -72,10 +73,9 @@ class RecordWriter {
     return true;
   }
 
-  // Says that the next record follows `before`, the chunk up to `position` of the file.
-  void Tell(uint32_t position, std::span<const unsigned char> before) const {
-    const auto& tell = CurrentLibraryState().onChunk;
-    if (tell) tell(m_nOffset, position, before, m_bCompress);
+  // What comes next: the chunk at `position` of the file, behind `before`.
+  InsertObserver::Chunk Next(uint32_t position, std::span<const unsigned char> before) const {
+    return {m_nOffset, position, before, m_bCompress};
   }
 
   int64_t Written() const { return m_nWritten; }
@@ -90,18 +90,17 @@ class RecordWriter {
   bool m_bCompress = false;
 };
 
-bool IsCancelled() {
-  const std::atomic<bool>* cancel = CurrentLibraryState().cancel;
-  return cancel != nullptr && *cancel;
-}
+using ReadChunk = std::function<bool(uint64_t offset, std::span<unsigned char> out)>;
 
-bool StreamChunks(int source, uint32_t size, RecordWriter& writer) {
+bool StreamChunks(const ReadChunk& read, uint32_t size, RecordWriter& writer,
+                  InsertObserver* observer) {
   std::array<unsigned char, kChunkSize> chunk;
+  std::span<const unsigned char> before;
   for (uint32_t position = 0; position < size;) {
-    if (IsCancelled()) return false;
-    if (position != 0) writer.Tell(position, chunk);
+    if (observer != nullptr && !observer->OnChunk(writer.Next(position, before))) return false;
+    before = chunk;
     const uint32_t length = std::min(size - position, kChunkSize);
-    if (platform::ReadAt(source, chunk.data(), length, position) != int64_t{length}) return false;
+    if (!read(position, std::span(chunk).first(length))) return false;
     const uint32_t padded = PaddedChunkLength(length);
     std::fill_n(chunk.begin() + length, padded - length, static_cast<unsigned char>(0));
     position += length;
@@ -166,20 +165,31 @@ int CapsuleFileBlock::WriteFile(int fd, int offset, int* pTotal, int level, char
   return Advance(pTotal, writer.Written()) ? 0 : -1;
 }
 
-int CapsuleFileBlock::StreamFile(const char* path, int fd, int offset, int* pTotal, int level) {
+int CapsuleFileBlock::StreamFile(const char* path, int fd, int offset, int* pTotal, int level,
+                                 InsertObserver* observer) {
   if (pTotal == nullptr) return -1;
-  return platform::OrOutOfMemory(-1,
-                                 [&] { return StreamRecords(path, fd, offset, pTotal, level); });
+  return platform::OrOutOfMemory(
+      -1, [&] { return StreamRecords(path, fd, offset, pTotal, level, observer); });
 }
 
-int CapsuleFileBlock::StreamRecords(const char* path, int fd, int offset, int* pTotal, int level) {
-  const platform::DescriptorOwner source(
-      platform::OpenHostFile(CurrentLibraryState().hostView, path));
+int CapsuleFileBlock::StreamRecords(const char* path, int fd, int offset, int* pTotal, int level,
+                                    InsertObserver* observer) {
+  const platform::HostView& view = CurrentLibraryState().hostView;
   const uint32_t size = m_DirectoryEntry.EntryFor(m_DirectoryType).FileSize;
+  RecordWriter writer(fd, offset, level);
+  if (const auto* opened = path == nullptr ? nullptr : view.OpenedBytes(path)) {
+    if (!StreamChunks(opened->read, size, writer, observer)) return -1;
+    return Advance(pTotal, writer.Written()) ? 0 : -1;
+  }
+  const platform::ScopedDescriptor source = view.OpenFile(path);
   const auto before = platform::Stamp(source.Get());
   if (!before || before->length != int64_t{size}) return -1;
-  RecordWriter writer(fd, offset, level);
-  if (!StreamChunks(source.Get(), size, writer)) return -1;
+  const auto read = [&](uint64_t at, std::span<unsigned char> out) {
+    const auto length = static_cast<int64_t>(out.size());
+    return platform::ReadAt(source.Get(), out.data(), out.size(), static_cast<int64_t>(at)) ==
+           length;
+  };
+  if (!StreamChunks(read, size, writer, observer)) return -1;
   // Written to meanwhile, the file may never have had the content that was read.
   if (platform::Stamp(source.Get()) != before) return -1;
   return Advance(pTotal, writer.Written()) ? 0 : -1;

@@ -58,10 +58,10 @@ CapsuleFile::CapsuleFile(const char* path) {
 
 CapsuleFile::~CapsuleFile() {
   DestroyPartitions(m_Partitions);
-  _ReleaseImageHeader();
+  ReleaseImageHeader();
 }
 
-void CapsuleFile::_ReleaseImageHeader() {
+void CapsuleFile::ReleaseImageHeader() {
   if (m_pImageHeader != nullptr) ReleasePartitionChain(m_pImageHeader.get());
   m_pImageHeader = nullptr;
 }
@@ -76,7 +76,7 @@ int CapsuleFile::CreateCapsuleFile(const char* path) {
   m_nCurrentPartition = -1;
   m_pRawHeader = nullptr;
   m_pszImagePath = nullptr;
-  _ReleaseImageHeader();
+  ReleaseImageHeader();
 
   std::unique_ptr<unsigned char[]> header(new (std::nothrow) unsigned char[kHeaderSize]());
   const int descriptor = header ? platform::OpenForWriting(path) : -1;

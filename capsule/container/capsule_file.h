@@ -1,17 +1,20 @@
 // CapsuleFile is a host's handle on one image file.
 //
-// Writing:
-//   CapsuleFile image;
-//   image.CreateCapsuleFile("disk.cap");
-//   image.SetCompressionLevel(5);
-//   image.WriteImageFileHeader("Capsulate 1");
-//   image.InsertFile("C:\\a", 0);  image.InsertFile("C:\\a\\b.txt", 0);
-//   image.CloseImageFile();
-// Reading:
-//   CapsuleFile image("disk.cap");
-//   if (image.GetImageFileHandle() != 0 && image.ReadImage(0) == 0)
-//     for (_DirectoryEntry* e = image.GetDirectory("0:\\"); e; e = e->Next) Show(*e);
-//   image.CloseImageFileHandle();
+//   CapsuleFile made;
+//   made.CreateCapsuleFile("new.cap");
+//   made.SetCompressionLevel(5);
+//   made.WriteImageFileHeader("Capsulate 1");
+//   made.InsertFile("C:\\a", 0);
+//   made.InsertFile("C:\\a\\b.txt", 0);
+//   made.CloseImageFile();
+//   // What is read is what an index names.
+//   const host::IndexReport report = host::IndexWriter("new.cap").Write();
+//
+//   CapsuleFile read("new.cap");
+//   if (read.GetImageFileHandle() != 0 && read.ReadImage(0) == 0)
+//     for (auto* e = read.GetDirectory("0:\\A       .   "); e; e = e->Next) Show(*e);
+//   read.CloseImageFileHandle();
+//
 // The partition records of the header:
 //   const _NewImageHeader* header = file.GetImageFileHeader();
 //   for (auto* node = header->Partitions; node; node = node->Next) Show(node->Record.SystemId);
@@ -35,6 +38,7 @@
 namespace capsule {
 
 class CapsulePartition;
+class InsertObserver;
 struct _ListNode;
 
 class CAPSULE_API CapsuleFile {
@@ -66,7 +70,7 @@ class CAPSULE_API CapsuleFile {
   // Adds the file or directory at `path` to partition `partition` (0 to 9, never lower than in the
   // call before). A path that ends in '?' is skipped. A failed insertion leaves the write offset,
   // all bytes before it, and the current partition as they were.
-  int InsertFile(const char* path, int partition);
+  int InsertFile(const char* path, int partition, InsertObserver* observer = nullptr);
 
   // Makes `partition` the current one: closes the section before and begins a new one. InsertFile
   // does so by itself; this is for a partition that may stay empty. Same rules and failures.
@@ -130,7 +134,7 @@ class CAPSULE_API CapsuleFile {
   int GetWriteOffset() const { return m_nWriteOffset; }
 
  private:
-  void _ReleaseImageHeader();
+  void ReleaseImageHeader();
   int Complete();
   int ReadParts(bool withPartitions);
   int ReadPartition(const _Partition& record);
@@ -146,14 +150,14 @@ class CAPSULE_API CapsuleFile {
     int partition;
     CapsulePartition* current;
   };
-  int _Insert(const CString& path, const CString& trimmed, int partition);
-  int _SwitchPartition(int partition);
-  int _CountLevelsToClose(const CString& directory);
-  int _WriteItem(const CString& path, bool directory);
+  int Insert(const CString& path, const CString& trimmed, int partition, InsertObserver* observer);
+  int SwitchPartition(int partition);
+  int CountLevelsToClose(const CString& directory);
+  int WriteItem(const CString& path, bool directory, InsertObserver* observer);
   // Runs `step`; when it does not give 0, takes back what it wrote.
   template <typename Step>
-  int _AllOrNothing(Step step);
-  void _RollBack(const InsertionStart& start);
+  int AllOrNothing(Step step);
+  void RollBack(const InsertionStart& start);
 
   uint32_t m_nSectorCount = 0;
   int m_hImageFile = 0;

@@ -12,9 +12,10 @@
 #include "capsule/partition/partition.h"
 #include "capsule/partition/record_format.h"
 #include "capsule/platform/ascii.h"
-#include "capsule/platform/descriptor_owner.h"
 #include "capsule/platform/file.h"
+#include "capsule/platform/opened_item.h"
 #include "capsule/platform/out_of_memory.h"
+#include "capsule/platform/scoped_descriptor.h"
 #include "capsule/platform/trace_file.h"
 #include "capsule/runtime/list_node.h"
 #include "capsule/state/library_state.h"
@@ -43,7 +44,9 @@ void TraceInsertion(const LibraryState& state, const char* path) {
 
 // The length of the file at `path`; none when it cannot be opened or has 2 GiB or more.
 std::optional<uint32_t> SourceLength(const platform::HostView& view, const CString& path) {
-  const platform::DescriptorOwner file(platform::OpenHostFile(view, path.c_str()));
+  const platform::OpenedItem* bytes = view.OpenedBytes(path.c_str());
+  if (bytes != nullptr) return static_cast<uint32_t>(bytes->status.size);
+  const platform::ScopedDescriptor file = view.OpenFile(path.c_str());
   const int64_t length = file ? platform::FileLength(file.Get()) : -1;
   if (length < 0 || length > kMaxImageSize) return std::nullopt;
   return static_cast<uint32_t>(length);
@@ -64,22 +67,22 @@ struct SegmentList {
 
 }  // namespace
 
-int CapsuleFile::InsertFile(const char* path, int partition) {
+int CapsuleFile::InsertFile(const char* path, int partition, InsertObserver* observer) {
   if (path == nullptr) return -1;
   return platform::OrOutOfMemory(-1, [&] {
     TraceInsertion(CurrentLibraryState(), path);
     const CString trimmed(platform::TrimRight(path));
     if (!trimmed.empty() && trimmed.back() == kSkipMark) return 0;
-    return _AllOrNothing([&] { return _Insert(path, trimmed, partition); });
+    return AllOrNothing([&] { return Insert(path, trimmed, partition, observer); });
   });
 }
 
 int CapsuleFile::BeginPartition(int partition) {
-  return _AllOrNothing([&] { return _SwitchPartition(partition); });
+  return AllOrNothing([&] { return SwitchPartition(partition); });
 }
 
 template <typename Step>
-int CapsuleFile::_AllOrNothing(Step step) {
+int CapsuleFile::AllOrNothing(Step step) {
   const InsertionStart start{platform::FileLength(m_hImageFile), m_nWriteOffset,
                              m_nCurrentPartition, m_pCurrentPartition};
   try {
@@ -88,12 +91,13 @@ int CapsuleFile::_AllOrNothing(Step step) {
     errno = ENOMEM;
   }
   const int reason = errno;
-  _RollBack(start);
+  RollBack(start);
   errno = reason;
   return -1;
 }
 
-int CapsuleFile::_Insert(const CString& path, const CString& trimmed, int partition) {
+int CapsuleFile::Insert(const CString& path, const CString& trimmed, int partition,
+                        InsertObserver* observer) {
   LibraryState& state = CurrentLibraryState();
   auto found = state.hostView.Find(path);
   const bool isDirectory = found && IsDirectory(*found);
@@ -102,7 +106,7 @@ int CapsuleFile::_Insert(const CString& path, const CString& trimmed, int partit
     if (!length) return -1;
     m_nSectorCount += *length / kSectorSize + 1;
   }
-  if (_SwitchPartition(partition) != 0) return -1;
+  if (SwitchPartition(partition) != 0) return -1;
   state.compressor->ResetCompressionHistory();
   if (m_pCurrentPartition->InitializeCompressionHistory() != 0) return -1;
 
@@ -112,14 +116,14 @@ int CapsuleFile::_Insert(const CString& path, const CString& trimmed, int partit
     if (separator == CString::npos) return -1;
     directory.resize(separator);
   }
-  if (_CountLevelsToClose(directory) != 0) return -1;
+  if (CountLevelsToClose(directory) != 0) return -1;
 
   if (trimmed != path) found = state.hostView.Find(trimmed);
   if (!found) return -1;
-  return _WriteItem(trimmed, IsDirectory(*found));
+  return WriteItem(trimmed, IsDirectory(*found), observer);
 }
 
-int CapsuleFile::_SwitchPartition(int partition) {
+int CapsuleFile::SwitchPartition(int partition) {
   if (partition < m_nCurrentPartition || partition < 0 || partition >= kMaxPartitions) return -1;
   if (partition == m_nCurrentPartition) return 0;
   if (m_nWriteOffset < static_cast<int>(kHeaderSize)) return -1;
@@ -138,7 +142,7 @@ int CapsuleFile::_SwitchPartition(int partition) {
   return Advance(&m_nWriteOffset, kPartitionHeaderSize) ? 0 : -1;
 }
 
-int CapsuleFile::_CountLevelsToClose(const CString& directory) {
+int CapsuleFile::CountLevelsToClose(const CString& directory) {
   LibraryState& state = CurrentLibraryState();
   SegmentList previous;
   SegmentList current;
@@ -151,7 +155,7 @@ int CapsuleFile::_CountLevelsToClose(const CString& directory) {
   return 0;
 }
 
-int CapsuleFile::_WriteItem(const CString& path, bool directory) {
+int CapsuleFile::WriteItem(const CString& path, bool directory, InsertObserver* observer) {
   int written = 0;
   int levels = m_pCurrentPartition->GetHierarchyLevel();
   if (directory) {
@@ -165,8 +169,8 @@ int CapsuleFile::_WriteItem(const CString& path, bool directory) {
       CString extension = path.substr(path.size() - kExtensionLength);
       if (_IsKnownCompressed(extension) != 0) level = 0;
     }
-    const int result =
-        m_pCurrentPartition->WriteFile(m_hImageFile, path.c_str(), m_nWriteOffset, &written, level);
+    const int result = m_pCurrentPartition->WriteFile(m_hImageFile, path.c_str(), m_nWriteOffset,
+                                                      &written, level, observer);
     if (result != 0) return -1;
   }
   // What closes the levels must fit, too, or the image could never be closed.
@@ -177,7 +181,7 @@ int CapsuleFile::_WriteItem(const CString& path, bool directory) {
 
 // Takes back a partition that the failed insertion opened, and the bytes that it added to a file
 // that ended at the write offset. In a longer file the next insertion overwrites them.
-void CapsuleFile::_RollBack(const InsertionStart& start) {
+void CapsuleFile::RollBack(const InsertionStart& start) {
   if (m_pCurrentPartition != start.current) {
     m_Partitions.RemoveAt(m_Partitions.GetCount() - 1);
     delete m_pCurrentPartition;

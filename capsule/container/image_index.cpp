@@ -102,14 +102,14 @@ void ImageIndex::_FillOffsetVects() {
     if (record->type == kIndexGroupMark) {
       ++walks;  // the rest is a walk within this one; each ends both lists once
     } else {
-      _TakeRecord(*record);
+      TakeRecord(*record);
     }
   }
   _file_offsets.insert(_file_offsets.end(), walks, kEndMark);
   _partition_offsets.insert(_partition_offsets.end(), walks, kEndMark);
 }
 
-void ImageIndex::_TakeRecord(const IndexRecord& record) {
+void ImageIndex::TakeRecord(const IndexRecord& record) {
   const auto traced = static_cast<int>(record.offset);
   switch (record.type) {
     case kIndexFile:

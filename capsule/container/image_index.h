@@ -53,7 +53,7 @@ class CAPSULE_API ImageIndex {
 
   void _SetOffsetToImageIndex();
   void _FillOffsetVects();
-  void _TakeRecord(const IndexRecord& record);
+  void TakeRecord(const IndexRecord& record);
   uint32_t _OffsetToIndex() const;
 
   uint64_t _walk_end = 0;  // offset + length of the last record with a body

@@ -8,14 +8,13 @@
 #include <system_error>
 #include <utility>
 
-#include "capsule/host/error.h"
-#include "capsule/host/message_text.h"
+#include "capsule/host/file/reason.h"
 #include "capsule/platform/file.h"
 
 namespace capsule::host {
 namespace {
 
-[[noreturn]] void ThrowSystemError() { throw std::system_error(errno, std::generic_category()); }
+[[noreturn]] void ThrowErrno() { throw std::system_error(errno, std::generic_category()); }
 
 class OpenFile : public ByteSource {
  public:
@@ -24,7 +23,7 @@ class OpenFile : public ByteSource {
 
   uint64_t Size() const override {
     const int64_t length = platform::FileLength(m_descriptor);
-    if (length < 0) ThrowSystemError();
+    if (length < 0) ThrowErrno();
     return static_cast<uint64_t>(length);
   }
 
@@ -32,7 +31,7 @@ class OpenFile : public ByteSource {
     if (offset > static_cast<uint64_t>(std::numeric_limits<int64_t>::max())) return 0;
     const int64_t got =
         platform::ReadAt(m_descriptor, out.data(), out.size(), static_cast<int64_t>(offset));
-    if (got < 0) ThrowSystemError();
+    if (got < 0) ThrowErrno();
     return static_cast<size_t>(got);
   }
 
@@ -44,7 +43,7 @@ class OwnedFile : public OpenFile {
  public:
   explicit OwnedFile(const std::filesystem::path& path)
       : OpenFile(platform::OpenForReading(path.c_str())) {
-    if (Descriptor() < 0) throw Error(path.string(), "cannot open: " + SystemReason(errno));
+    if (Descriptor() < 0) ThrowSystemError(path.string(), "cannot open", errno);
   }
   ~OwnedFile() override { platform::Close(Descriptor()); }
 };

@@ -14,8 +14,9 @@
 
 #include "capsule/host/extract/file_extraction.h"
 #include "capsule/host/file/reason.h"
-#include "capsule/host/file/scoped_descriptor.h"
+#include "capsule/host/file/watch.h"
 #include "capsule/platform/folder.h"
+#include "capsule/platform/scoped_descriptor.h"
 #include "capsule/platform/unfinished_file.h"
 
 namespace capsule::host {
@@ -44,7 +45,10 @@ struct Extractor::Impl {
   };
 
   Impl(const Image& source, std::filesystem::path path, ExtractOptions settings)
-      : image(source), target(std::move(path)), options(std::move(settings)) {}
+      : image(source),
+        target(std::move(path)),
+        options(std::move(settings)),
+        watch(target.string(), options.onProgress, options.stop) {}
 
   void OpenTarget();
   void Walk(const Entry& root);
@@ -53,32 +57,35 @@ struct Extractor::Impl {
   void Leave();
   void ExtractFile(const Entry& file);
   bool OpenOrMake(const std::string& name, const Entry& folder, bool* isNew);
-  platform::FileIdentity IdentityOf(const ScopedDescriptor& folder) const;
+  platform::FileIdentity IdentityOf(const platform::ScopedDescriptor& folder) const;
   void Problem(const Entry& entry, std::string reason);
   void Tell(const Entry& entry);
+  uint64_t BytesToExtract() const;
 
   const Image& image;
   std::filesystem::path target;
   ExtractOptions options;
+  Watch watch;
+  uint64_t passed = 0;                        // bytes of files that are done, or left out
   std::unordered_map<uint32_t, bool> chosen;  // by node: true: wanted; false: leads to a wanted one
-  ScopedDescriptor current;
+  platform::ScopedDescriptor current;
   std::vector<Level> levels;
   ExtractReport report;
 };
 
 void Extractor::Impl::OpenTarget() {
-  current = ScopedDescriptor(platform::OpenFolder(target.c_str()));
+  current = platform::ScopedDescriptor(platform::OpenFolder(target.c_str()));
   if (current) return platform::RemoveLeftOvers(current.Get());
   const int reason = errno;
-  ThrowIfShort(target.string(), "cannot open", reason);
   const bool isLink = reason == ELOOP || (reason == ENOTDIR && std::filesystem::is_symlink(target));
-  throw Error(target.string(), isLink ? "is a link; name the folder it leads to, or end it with '/'"
-                                      : "cannot open: " + SystemReason(reason));
+  if (!isLink) ThrowSystemError(target.string(), "cannot open", reason);
+  throw Error(ErrorKind::Unsupported, target.string(),
+              "is a link; name the folder it leads to, or end it with '/'");
 }
 
-platform::FileIdentity Extractor::Impl::IdentityOf(const ScopedDescriptor& folder) const {
+platform::FileIdentity Extractor::Impl::IdentityOf(const platform::ScopedDescriptor& folder) const {
   const auto identity = platform::Identify(folder.Get());
-  if (!identity) throw Error(target.string(), "cannot look at a folder: " + SystemReason(errno));
+  if (!identity) ThrowSystemError(target.string(), "cannot look at a folder", errno);
   return *identity;
 }
 
@@ -87,8 +94,26 @@ void Extractor::Impl::Problem(const Entry& entry, std::string reason) {
 }
 
 void Extractor::Impl::Tell(const Entry& entry) {
-  if (!options.onProgress) return;
-  options.onProgress({entry.Path(), report.files, report.directories, report.bytes});
+  watch.Now().files = report.files;
+  watch.Now().directories = report.directories;
+  watch.Tell(passed, watch.IsHeard() ? entry.Path() : "");
+}
+
+// The sizes of the files that are wanted.
+uint64_t Extractor::Impl::BytesToExtract() const {
+  uint64_t bytes = 0;
+  std::vector<std::pair<Entry, bool>> left;
+  for (int n = 0; n < image.Partitions(); ++n) left.emplace_back(image.Root(n), chosen.empty());
+  while (!left.empty()) {
+    const auto [entry, isBelowWanted] = left.back();
+    left.pop_back();
+    const auto mark = chosen.find(entry.m_nId);
+    const bool isWanted = isBelowWanted || (mark != chosen.end() && mark->second);
+    if (!isWanted && mark == chosen.end()) continue;
+    bytes += entry.Size();
+    for (const Entry& child : entry.Children()) left.emplace_back(child, isWanted);
+  }
+  return bytes;
 }
 
 // Opens the folder `name` of the current one, made if there is none; it becomes the current one.
@@ -99,7 +124,7 @@ bool Extractor::Impl::OpenOrMake(const std::string& name, const Entry& folder, b
     Problem(folder, "cannot make the folder: " + SystemReason(errno));
     return false;
   }
-  ScopedDescriptor opened(platform::OpenFolderIn(current.Get(), name.c_str()));
+  platform::ScopedDescriptor opened(platform::OpenFolderIn(current.Get(), name.c_str()));
   if (!opened) {
     const int reason = errno;
     ThrowIfShort(folder.Path(), "cannot enter the folder", reason);
@@ -126,10 +151,10 @@ void Extractor::Impl::Leave() {
   const Level level = levels.back();
   levels.pop_back();
   // The way up is opened first: a folder that loses its permissions may not be asked any more.
-  ScopedDescriptor above(platform::OpenFolderIn(current.Get(), ".."));
-  if (!above) throw Error(target.string(), "cannot go back up: " + SystemReason(errno));
+  platform::ScopedDescriptor above(platform::OpenFolderIn(current.Get(), ".."));
+  if (!above) ThrowSystemError(target.string(), "cannot go back up", errno);
   if (IdentityOf(above) != levels.back().identity) {
-    throw Error(target.string(), "a folder in it was moved while extracting");
+    throw Error(ErrorKind::System, target.string(), "a folder in it was moved while extracting");
   }
   if ((level.isNew || options.force) && !level.folder.IsRoot()) {
     const auto time = level.folder.ModifiedTime();
@@ -142,14 +167,19 @@ void Extractor::Impl::Leave() {
 
 void Extractor::Impl::ExtractFile(const Entry& file) {
   try {
-    const ExtractedFile done = host::ExtractFile(image, file, current.Get(), options);
+    const std::string path = watch.IsHeard() ? file.Path() : "";
+    const auto onBytes = [&](uint64_t bytes) { watch.TellWithin(passed + bytes, path); };
+    const ExtractedFile done = host::ExtractFile(image, file, current.Get(), options, onBytes);
     report.bytes += done.bytes;
     if (done.isDamaged) ++report.damagedFiles;
     ++report.files;
+    passed += file.Size();
     Tell(file);
   } catch (const ShortageError&) {
     throw;
   } catch (const Error& error) {
+    if (error.Kind() == ErrorKind::Cancelled) throw;
+    passed += file.Size();
     // The reader names the entry, and so does the report.
     Problem(file, WithoutPath(error.Reason(), file.Path()));
   }
@@ -206,6 +236,8 @@ Extractor::Extractor(const Image& image, std::filesystem::path target, ExtractOp
 }
 
 Extractor::~Extractor() = default;
+Extractor::Extractor(Extractor&&) noexcept = default;
+Extractor& Extractor::operator=(Extractor&&) noexcept = default;
 
 void Extractor::Add(const Entry& entry) {
   m_pImpl->chosen[entry.m_nId] = true;
@@ -217,6 +249,8 @@ void Extractor::Add(const Entry& entry) {
 
 ExtractReport Extractor::Run() {
   m_pImpl->report = {};
+  m_pImpl->passed = 0;
+  if (m_pImpl->watch.IsHeard()) m_pImpl->watch.Now() = {.bytesTotal = m_pImpl->BytesToExtract()};
   for (int n = 0; n < m_pImpl->image.Partitions(); ++n) m_pImpl->Walk(m_pImpl->image.Root(n));
   return std::move(m_pImpl->report);
 }

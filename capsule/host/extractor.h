@@ -22,13 +22,13 @@
 
 #include <cstdint>
 #include <filesystem>
-#include <memory>
 #include <string>
 #include <vector>
 
 #include "capsule/export.h"
 #include "capsule/host/extract_options.h"
 #include "capsule/host/image.h"
+#include "capsule/host/impl_pointer.h"
 
 namespace capsule::host {
 
@@ -52,19 +52,19 @@ class CAPSULE_API Extractor {
   // The image must outlive the extractor. Throws Error when the target cannot be opened.
   Extractor(const Image& image, std::filesystem::path target, ExtractOptions options = {});
   ~Extractor();
-  Extractor(const Extractor&) = delete;
-  Extractor& operator=(const Extractor&) = delete;
+  Extractor(Extractor&&) noexcept;
+  Extractor& operator=(Extractor&&) noexcept;
 
   // Chooses an entry, with all below it. Without any, Run extracts everything.
   void Add(const Entry& entry);
 
-  // Throws Error when the target folder is taken away or moved meanwhile, and ShortageError when
-  // memory or descriptors run out: what is complete by then stays.
-  ExtractReport Run();
+  // Throws Error when it is cancelled, or the target folder is taken away or moved meanwhile, and
+  // ShortageError when memory or descriptors run out: what is complete by then stays.
+  [[nodiscard]] ExtractReport Run();
 
  private:
   struct Impl;
-  std::unique_ptr<Impl> m_pImpl;
+  ImplPointer<Impl> m_pImpl;
 };
 
 }  // namespace capsule::host

@@ -17,7 +17,7 @@ struct FileReader::Impl {
 };
 
 FileReader::FileReader(RecordSource source)
-    : m_pImpl(new Impl{RecordStream(std::move(source)), false}) {}
+    : m_pImpl(std::unique_ptr<Impl>(new Impl{RecordStream(std::move(source)), false})) {}
 FileReader::FileReader(FileReader&&) noexcept = default;
 FileReader& FileReader::operator=(FileReader&&) noexcept = default;
 FileReader::~FileReader() = default;

@@ -17,12 +17,12 @@
 #include <cstddef>
 #include <cstdint>
 #include <functional>
-#include <memory>
 #include <span>
 
 #include "capsule/export.h"
 #include "capsule/host/entry.h"
 #include "capsule/host/error.h"
+#include "capsule/host/impl_pointer.h"
 
 namespace capsule::host {
 
@@ -52,7 +52,7 @@ class CAPSULE_API FileReader {
   struct Impl;
   explicit FileReader(RecordSource source);
 
-  std::unique_ptr<Impl> m_pImpl;
+  ImplPointer<Impl> m_pImpl;
 };
 
 }  // namespace capsule::host

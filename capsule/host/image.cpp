@@ -245,12 +245,13 @@ bool Image::IsWhole() const {
 }
 int Image::Partitions() const { return static_cast<int>(m_pImpl->catalog->Roots()); }
 
-Entry Image::Root(int n) const {
-  if (n < 0 || n >= Partitions()) throw Error(Path(), "has no partition " + std::to_string(n));
+Entry Image::Root(int n) const& {
+  if (n < 0 || n >= Partitions())
+    throw Error(ErrorKind::NotFound, Path(), "has no partition " + std::to_string(n));
   return m_pImpl->catalog->At(m_pImpl->catalog->Root(static_cast<uint32_t>(n)));
 }
 
-std::optional<Entry> Image::Find(std::string_view path) const {
+std::optional<Entry> Image::Find(std::string_view path) const& {
   const Catalog& catalog = *m_pImpl->catalog;
   const std::optional<uint32_t> partition = TakePartition(&path);
   if (!partition || *partition >= catalog.Roots()) return std::nullopt;
@@ -265,9 +266,10 @@ std::optional<Entry> Image::Find(std::string_view path) const {
 }
 
 RecordSource Image::SourceOf(const Entry& entry) const {
-  if (entry.m_pCatalog != m_pImpl->catalog.get()) throw Error(Path(), "entry of another image");
+  if (entry.m_pCatalog != m_pImpl->catalog.get())
+    throw Error(ErrorKind::Misuse, Path(), "entry of another image");
   const CatalogNode& node = m_pImpl->catalog->Node(entry.m_nId);
-  if (node.isDirectory) throw Error(Path(), entry.Path() + ": is a directory");
+  if (node.isDirectory) throw Error(ErrorKind::Misuse, Path(), entry.Path() + ": is a directory");
   RecordSource source;
   source.image = m_pImpl->file;
   source.imageIsCompressed = m_pImpl->info.compressed;
@@ -282,7 +284,7 @@ RecordSource Image::SourceOf(const Entry& entry) const {
   return source;
 }
 
-FileReader Image::OpenFile(const Entry& entry) const { return FileReader(SourceOf(entry)); }
+FileReader Image::OpenFile(const Entry& entry) const& { return FileReader(SourceOf(entry)); }
 
 void Image::ReadDamaged(const Entry& entry, uint64_t offset, uint64_t length,
                         const TakePiece& take) const {

@@ -11,7 +11,10 @@
 // left). Contents are read when they are asked for,
 // strictly: a record that does not decode to exactly what it states is an error, never a guess.
 //
-// Const operations may be used from many threads. Entries and readers must not outlive the Image.
+// Const operations may be used from many threads. Entries and readers must not outlive the Image,
+// so none come from one that is about to end: Image("photos.cap").Root(0) does not compile. They
+// stay valid when it is moved; the one that it was moved from throws host::Error
+// (ErrorKind::Misuse).
 #pragma once
 
 #include <cstdint>
@@ -31,6 +34,7 @@
 #include "capsule/host/error.h"
 #include "capsule/host/file_reader.h"
 #include "capsule/host/image_problem.h"
+#include "capsule/host/impl_pointer.h"
 
 namespace capsule::host {
 
@@ -90,15 +94,18 @@ class CAPSULE_API Image {
 
   // The root of partition `n`; its children are the top level of the tree. Throws when there is no
   // such partition.
-  Entry Root(int n) const;
+  Entry Root(int n) const&;
+  Entry Root(int n) const&& = delete;
 
   // Looks up "N:/folder/file". Partition 0 when "N:" is left out; `/` and `\` both separate, empty
   // segments count for nothing. A segment is a long or a short name: an exact match comes first,
   // then one that ignores the case of ASCII letters.
-  std::optional<Entry> Find(std::string_view path) const;
+  std::optional<Entry> Find(std::string_view path) const&;
+  std::optional<Entry> Find(std::string_view path) const&& = delete;
 
   // Throws for a directory, and for an entry of another image.
-  FileReader OpenFile(const Entry& entry) const;
+  FileReader OpenFile(const Entry& entry) const&;
+  FileReader OpenFile(const Entry& entry) const&& = delete;
 
   // What is left of a file whose records may be damaged: the pieces of `length` bytes from `offset`
   // on, in order; fewer at the end of the file. A file without damage is a single stretch of data;
@@ -125,7 +132,7 @@ class CAPSULE_API Image {
   RecordSource SourceOf(const Entry& entry) const;
 
   struct Impl;
-  std::unique_ptr<Impl> m_pImpl;
+  ImplPointer<Impl> m_pImpl;
 };
 
 }  // namespace capsule::host

@@ -1,7 +1,6 @@
 #include "capsule/host/image_builder.h"
 
 #include <algorithm>
-#include <atomic>
 #include <cerrno>
 #include <charconv>
 #include <cstdlib>
@@ -14,14 +13,16 @@
 
 #include "capsule/container/header_format.h"
 #include "capsule/host/build/image_draft.h"
+#include "capsule/host/build/item_tree.h"
 #include "capsule/host/build/source_walk.h"
 #include "capsule/host/file/reason.h"
-#include "capsule/host/file/scoped_descriptor.h"
+#include "capsule/host/file/watch.h"
 #include "capsule/host/index/image_header.h"
 #include "capsule/platform/ascii.h"
 #include "capsule/platform/dos_time.h"
 #include "capsule/platform/glob.h"
 #include "capsule/platform/host_files.h"
+#include "capsule/platform/scoped_descriptor.h"
 
 namespace capsule::host {
 namespace {
@@ -40,27 +41,29 @@ std::string VersionText(const fs::path& image, const std::string& label) {
     version = std::string(kSignature) + (label.empty() ? "" : " ") + label;
   }
   if (version.size() >= kVersionSize) {
-    throw Error(image.string(), "label is " + std::to_string(version.size()) + " bytes, " +
-                                    std::to_string(kVersionSize - 1) + " are possible");
+    throw Error(ErrorKind::Misuse, image.string(),
+                "label is " + std::to_string(version.size()) + " bytes, " +
+                    std::to_string(kVersionSize - 1) + " are possible");
   }
   if (version.find('\0') != std::string::npos) {
-    throw Error(image.string(), "label has a zero byte");
+    throw Error(ErrorKind::Misuse, image.string(), "label has a zero byte");
   }
   return version;
 }
 
 int CheckedLevel(const fs::path& image, int level) {
   if (level >= 0 && level <= 9) return level;
-  throw Error(image.string(), "level is " + std::to_string(level) + ", 0 to 9 are possible");
+  throw Error(ErrorKind::Misuse, image.string(),
+              "level is " + std::to_string(level) + ", 0 to 9 are possible");
 }
 
 // Where a link leads, so that the link stays, also when nothing is there yet.
 fs::path BehindLinks(const fs::path& image, fs::path target) {
   std::error_code error;
   for (int links = 0; fs::is_symlink(fs::symlink_status(target, error)); ++links) {
-    if (links == kMaxLinks) throw Error(image.string(), SystemReason(ELOOP));
+    if (links == kMaxLinks) ThrowSystemError(image.string(), "", ELOOP);
     const fs::path next = fs::read_symlink(target, error);
-    if (error) throw Error(image.string(), SystemReason(error.value()));
+    if (error) ThrowSystemError(image.string(), "", error.value());
     target = target.parent_path() / next;
   }
   return target;
@@ -70,12 +73,12 @@ fs::path BehindLinks(const fs::path& image, fs::path target) {
 void CheckReplaceable(const std::string& target, const std::string& name) {
   const auto old = platform::Status(target);
   if (!old || old->kind != platform::FileKind::Regular || old->size == 0) return;
-  const ScopedDescriptor file(platform::OpenForReading(target.c_str()));
-  if (!file) throw Error(name, "cannot be read: " + SystemReason(errno));
+  const platform::ScopedDescriptor file(platform::OpenForReading(target.c_str()));
+  if (!file) ThrowSystemError(name, "cannot be read", errno);
   try {
     ReadImageHeader(ImageFile(file.Get(), name));
   } catch (const Error& error) {
-    throw Error(name, error.Reason() + "; only --force replaces it");
+    throw Error(ErrorKind::Exists, name, error.Reason() + "; only --force replaces it");
   }
 }
 
@@ -83,7 +86,7 @@ void CheckReplaceable(const std::string& target, const std::string& name) {
 std::string Target(const fs::path& image, bool force) {
   std::error_code error;
   const fs::path absolute = fs::absolute(image, error);
-  if (error) throw Error(image.string(), SystemReason(error.value()));
+  if (error) ThrowSystemError(image.string(), "", error.value());
   const std::string target = BehindLinks(image, absolute).string();
   if (!force) CheckReplaceable(target, image.string());
   return target;
@@ -97,7 +100,8 @@ std::optional<int64_t> LatestTime() {
   int64_t seconds = 0;
   const auto [end, error] = std::from_chars(digits.begin(), digits.end(), seconds);
   if (error != std::errc() || end != digits.end()) {
-    throw Error(kTimeVariable, "'" + std::string(digits) + "' is not a number of seconds");
+    throw Error(ErrorKind::Misuse, kTimeVariable,
+                "'" + std::string(digits) + "' is not a number of seconds");
   }
   return seconds;
 }
@@ -130,28 +134,45 @@ struct ImageBuilder::Impl {
       : name(path.string()),
         options(std::move(given)),
         draft(Target(path, options.force), name, CheckedLevel(path, options.level),
-              VersionText(path, options.label), &isCancelled) {
+              VersionText(path, options.label), canceller.get_token()),
+        watch(name, options.onProgress, canceller.get_token()),
+        onStop(options.stop, Canceller{canceller}) {
+    draft.SetWatch([this](uint64_t bytes) { TellWithin(bytes); });
     if (const auto set = LatestTime()) draft.CapTimes(latest = *set);
   }
 
-  void Take(SourceWalk* walk, const SourceItem& item);
-  void Insert(SourceWalk* walk, const SourceItem& item);
+  void Take(ItemWalk* walk, const SourceItem& item);
+  void Insert(ItemWalk* walk, const SourceItem& item);
+  void AddPartition(ItemWalk&& walk);
+  void RefuseEleventh(const std::string& source) const;
+  SourceWalk::Filter Filter() const;
   void CountWhatIsNotKept(const SourceItem& item);
   void Complete();
   void ThrowIfUnusable() const;
+  void Count(ItemWalk&& walk);
+  void TellWithin(uint64_t bytes);
+
+  struct Canceller {
+    std::stop_source source;
+    void operator()() { source.request_stop(); }
+  };
 
   std::string name;
   BuildOptions options;
-  std::atomic<bool> isCancelled = false;
+  std::stop_source canceller;
   ImageDraft draft;
+  Watch watch;
+  std::stop_callback<Canceller> onStop;
   BuildReport report;
+  std::string inserted;  // path in the image of the item at hand
   int64_t latest = std::numeric_limits<int64_t>::max();
   int partitions = 0;
+  int counted = 0;        // partitions that are in the total before they are added
   bool isBroken = false;  // thrown in the middle of something
   bool isFinished = false;
 };
 
-void ImageBuilder::Impl::Take(SourceWalk* walk, const SourceItem& item) {
+void ImageBuilder::Impl::Take(ItemWalk* walk, const SourceItem& item) {
   switch (item.kind) {
     case SourceItem::Kind::Special:
       ++report.skipped;
@@ -177,8 +198,9 @@ void ImageBuilder::Impl::Take(SourceWalk* walk, const SourceItem& item) {
   }
 }
 
-void ImageBuilder::Impl::Insert(SourceWalk* walk, const SourceItem& item) {
+void ImageBuilder::Impl::Insert(ItemWalk* walk, const SourceItem& item) {
   const bool isFolder = item.kind == SourceItem::Kind::Folder;
+  inserted = std::to_string(partitions - 1) + ":/" + item.relative;
   if (const auto problem = draft.Insert(item)) {
     report.problems.push_back({item.path, *problem});
     if (isFolder) walk->SkipFolder();
@@ -187,9 +209,30 @@ void ImageBuilder::Impl::Insert(SourceWalk* walk, const SourceItem& item) {
   ++(isFolder ? report.directories : report.files);
   report.sourceBytes += item.status.size;
   CountWhatIsNotKept(item);
-  if (!options.onProgress) return;
-  options.onProgress({std::to_string(partitions - 1) + ":/" + item.relative, report.files,
-                      report.directories, report.sourceBytes});
+  watch.Now().files = report.files;
+  watch.Now().directories = report.directories;
+  watch.Tell(report.sourceBytes, inserted);
+}
+
+void ImageBuilder::Impl::TellWithin(uint64_t bytes) {
+  watch.TellWithin(report.sourceBytes + bytes, inserted);
+}
+
+SourceWalk::Filter ImageBuilder::Impl::Filter() const {
+  return [this](const std::string& item, const std::string& relative) {
+    return IsExcluded(options.excludes, item, relative) ||
+           (options.leavesOut && options.leavesOut(relative));
+  };
+}
+
+// What AddPartition will find.
+void ImageBuilder::Impl::Count(ItemWalk&& walk) {
+  for (SourceItem item; walk.Next(&item);) {
+    watch.Check();
+    if (item.kind == SourceItem::Kind::File && !draft.IsOwnFile(item.status.identity)) {
+      watch.Now().bytesTotal += item.status.size;
+    }
+  }
 }
 
 void ImageBuilder::Impl::CountWhatIsNotKept(const SourceItem& item) {
@@ -214,47 +257,72 @@ void ImageBuilder::Impl::Complete() {
 }
 
 void ImageBuilder::Impl::ThrowIfUnusable() const {
-  if (isCancelled) throw Error(name, "cancelled");
-  if (isBroken) throw Error(name, "the build has failed before");
-  if (isFinished) throw Error(name, "the build is finished");
+  watch.Check();
+  if (isBroken) throw Error(ErrorKind::Misuse, name, "the build has failed before");
+  if (isFinished) throw Error(ErrorKind::Misuse, name, "the build is finished");
 }
 
 ImageBuilder::ImageBuilder(fs::path image, BuildOptions options)
     : m_pImpl(std::make_unique<Impl>(image, std::move(options))) {}
 
 ImageBuilder::~ImageBuilder() = default;
+ImageBuilder::ImageBuilder(ImageBuilder&&) noexcept = default;
+ImageBuilder& ImageBuilder::operator=(ImageBuilder&&) noexcept = default;
+
+void ImageBuilder::Impl::RefuseEleventh(const std::string& source) const {
+  ThrowIfUnusable();
+  if (partitions < kMaxPartitions) return;
+  throw Error(ErrorKind::Misuse, source,
+              "an image holds " + std::to_string(kMaxPartitions) + " folders at most");
+}
+
+void ImageBuilder::Impl::AddPartition(ItemWalk&& walk) {
+  isBroken = true;
+  draft.BeginPartition();
+  ++partitions;
+  for (SourceItem item; walk.Next(&item);) {
+    watch.Check();
+    Take(&walk, item);
+  }
+  isBroken = false;
+}
 
 void ImageBuilder::AddDirectory(const fs::path& directory) {
-  m_pImpl->ThrowIfUnusable();
-  if (m_pImpl->partitions == kMaxPartitions) {
-    throw Error(directory.string(),
-                "an image holds " + std::to_string(kMaxPartitions) + " folders at most");
+  Impl& impl = *m_pImpl;
+  impl.RefuseEleventh(directory.string());
+  if (impl.options.countFirst && impl.partitions >= impl.counted) {
+    impl.Count(SourceWalk(directory.string(), impl.Filter()));
   }
-  SourceWalk walk(directory.string(), [this](const std::string& name, const std::string& relative) {
-    return IsExcluded(m_pImpl->options.excludes, name, relative);
-  });
-  m_pImpl->isBroken = true;
-  m_pImpl->draft.BeginPartition();
-  ++m_pImpl->partitions;
-  for (SourceItem item; walk.Next(&item);) {
-    if (m_pImpl->isCancelled) throw Error(m_pImpl->name, "cancelled");
-    m_pImpl->Take(&walk, item);
-  }
-  m_pImpl->isBroken = false;
+  impl.AddPartition(SourceWalk(directory.string(), impl.Filter()));
+}
+
+void ImageBuilder::AddItems(const std::vector<BuildItem>& items) {
+  m_pImpl->RefuseEleventh(m_pImpl->name);
+  const auto walk = [&] { return ItemTree(m_pImpl->name, items, m_pImpl->Filter()); };
+  if (m_pImpl->options.countFirst) m_pImpl->Count(walk());
+  m_pImpl->AddPartition(walk());
 }
 
 void ImageBuilder::AddDirectories(const std::vector<fs::path>& directories) {
   const size_t count = static_cast<size_t>(m_pImpl->partitions) + directories.size();
   if (count > static_cast<size_t>(kMaxPartitions)) {
-    throw Error(m_pImpl->name, "an image holds " + std::to_string(kMaxPartitions) +
-                                   " folders at most, these are " + std::to_string(count));
+    throw Error(ErrorKind::Misuse, m_pImpl->name,
+                "an image holds " + std::to_string(kMaxPartitions) +
+                    " folders at most, these are " + std::to_string(count));
+  }
+  if (m_pImpl->options.countFirst) {
+    for (const fs::path& directory : directories) {
+      m_pImpl->Count(SourceWalk(directory.string(), m_pImpl->Filter()));
+    }
+    m_pImpl->counted = static_cast<int>(count);
   }
   for (const fs::path& directory : directories) AddDirectory(directory);
 }
 
 BuildReport ImageBuilder::Finish() {
   m_pImpl->ThrowIfUnusable();
-  if (m_pImpl->partitions == 0) throw Error(m_pImpl->name, "no folder was added");
+  if (m_pImpl->partitions == 0)
+    throw Error(ErrorKind::Misuse, m_pImpl->name, "no folder was added");
   m_pImpl->isBroken = true;
   m_pImpl->Complete();
   m_pImpl->isBroken = false;
@@ -264,6 +332,6 @@ BuildReport ImageBuilder::Finish() {
 
 const std::vector<BuildProblem>& ImageBuilder::Problems() const { return m_pImpl->report.problems; }
 
-void ImageBuilder::Cancel() { m_pImpl->isCancelled = true; }
+void ImageBuilder::Cancel() { m_pImpl->canceller.request_stop(); }
 
 }  // namespace capsule::host

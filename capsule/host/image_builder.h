@@ -4,6 +4,8 @@
 //   builder.AddDirectory("photos");
 //   host::BuildReport report = builder.Finish();
 //
+// Instead of a folder, a partition may be put together of single items (build_item.h).
+//
 // The image is written under a temporary name beside its own (mode 0600 until done), completed by
 // its index, synced and renamed: an existing file stays as it was until then. The same folders give
 // the same bytes wherever they lie. Links and special files are skipped and counted. What cannot
@@ -19,22 +21,17 @@
 #include <cstdint>
 #include <filesystem>
 #include <functional>
-#include <memory>
+#include <stop_token>
 #include <string>
 #include <vector>
 
 #include "capsule/export.h"
+#include "capsule/host/build_item.h"
 #include "capsule/host/error.h"
+#include "capsule/host/impl_pointer.h"
+#include "capsule/host/progress.h"
 
 namespace capsule::host {
-
-// How far a build has come. `path` is the item just inserted, "N:/dir/file".
-struct BuildProgress {
-  std::string path;
-  uint64_t files = 0;
-  uint64_t directories = 0;
-  uint64_t sourceBytes = 0;
-};
 
 struct BuildOptions {
   // 0 stored, 1-3 fast, 4-6 medium, 7-9 maximum. Files that are compressed by themselves, as their
@@ -43,8 +40,16 @@ struct BuildOptions {
   std::string label{};                  // version text; "Capsulate" is put in front unless there
   std::vector<std::string> excludes{};  // globs: matched against an item's name, or with a '/' in
                                         // them against its path below its DIR
+  // Asked for every item of a folder, with its path below DIR: whether to leave it out.
+  std::function<bool(const std::string& path)> leavesOut{};
+
   bool force = false;  // replace an existing file that is not an image, which is refused otherwise
-  std::function<void(const BuildProgress&)> onProgress{};
+
+  // Told behind every item, and within long files. The folders are walked once more before they are
+  // read, to know the total, with `countFirst` alone.
+  OnProgress onProgress{};
+  bool countFirst = false;
+  std::stop_token stop{};  // ends the build as Cancel does
 };
 
 struct BuildProblem {
@@ -79,29 +84,34 @@ class CAPSULE_API ImageBuilder {
 
   // Without Finish the temporary file is removed and the old image left.
   ~ImageBuilder();
-  ImageBuilder(const ImageBuilder&) = delete;
-  ImageBuilder& operator=(const ImageBuilder&) = delete;
+  ImageBuilder(ImageBuilder&&) noexcept;
+  ImageBuilder& operator=(ImageBuilder&&) noexcept;
 
   // Inserts everything below `directory` as the next partition. Throws when it cannot be opened
   // or is the eleventh.
   void AddDirectory(const std::filesystem::path& directory);
+
+  // Makes the next partition of single items. Throws when they do not fit together, when a source
+  // cannot be opened, or when it is the eleventh partition. Bytes that cannot be read are a problem
+  // of the report.
+  void AddItems(const std::vector<BuildItem>& items);
 
   // AddDirectory for each. Throws before the first when there are more than an image holds.
   void AddDirectories(const std::vector<std::filesystem::path>& directories);
 
   // Completes the image and puts it under its name. When it throws, the old image is as it was.
   // That the image may not be on disk under its name, though it has it, is a problem in the report.
-  BuildReport Finish();
+  [[nodiscard]] BuildReport Finish();
 
   // What is to be told of the folders so far, for when a later step fails. Empty after Finish.
   const std::vector<BuildProblem>& Problems() const;
 
-  // Makes AddDirectory or Finish throw soon.
+  // Makes AddDirectory or Finish throw soon, with ErrorKind::Cancelled. The old image stays.
   void Cancel();
 
  private:
   struct Impl;
-  std::unique_ptr<Impl> m_pImpl;
+  ImplPointer<Impl> m_pImpl;
 };
 
 }  // namespace capsule::host

@@ -18,6 +18,7 @@
 #include "capsule/host/file/checksum.h"
 #include "capsule/host/file/file_window.h"
 #include "capsule/host/file/reason.h"
+#include "capsule/host/file/watch.h"
 #include "capsule/host/index/image_header.h"
 #include "capsule/host/indexing/index_annotation.h"
 #include "capsule/host/indexing/index_record_writer.h"
@@ -101,11 +102,13 @@ std::vector<unsigned char> CompleteHeader(const SectionScanner& scanner, uint64_
   const bool countMatches = scanner.Header().partitions.size() == scanner.SectionCount();
   if (!countMatches) {
     if (scanner.IsScrambled()) {
-      throw Error(name, "partition count cannot be corrected: header is scrambled");
+      throw Error(ErrorKind::Unsupported, name,
+                  "partition count cannot be corrected: header is scrambled");
     }
     if (scanner.Header().layout != HeaderLayout::Fixed ||
         !ComeFirst(scanner.Header(), scanner.SectionCount())) {
-      throw Error(name, "partition count cannot be corrected: records do not follow each other");
+      throw Error(ErrorKind::Unsupported, name,
+                  "partition count cannot be corrected: records do not follow each other");
     }
     header[kPartitionCountOffset] = static_cast<unsigned char>(scanner.SectionCount());
   }
@@ -118,7 +121,7 @@ IndexWriter::IndexWriter(const std::filesystem::path& image)
     : m_nDescriptor(platform::OpenForUpdate(image.c_str())),
       m_bOwned(true),
       m_strName(image.string()) {
-  if (m_nDescriptor < 0) throw Error(m_strName, SystemReason(errno));
+  if (m_nDescriptor < 0) ThrowSystemError(m_strName, "", errno);
 }
 
 IndexWriter::IndexWriter(int descriptor, std::string name)
@@ -146,21 +149,33 @@ struct IndexWriter::Plan {
   }
 };
 
-IndexReport IndexWriter::Write(DamagedSections damaged) {
+IndexReport IndexWriter::Write(const IndexOptions& options) {
+  const DamagedSections damaged = options.damaged;
+  m_watch = std::make_unique<Watch>(m_strName, options.onProgress, options.stop);
+  m_watch->Check();
   if (IsWithoutPartitions()) {
     if (damaged != DamagedSections::Refuse) RefuseUnlessEmpty();
     return {};
   }
   const bool force = damaged == DamagedSections::NoteDamage;
   if (damaged != DamagedSections::Refuse) {
-    if (!m_bOwned) throw Error(m_strName, "only an image with a path can be judged");
+    if (!m_bOwned) {
+      throw Error(ErrorKind::Misuse, m_strName, "only an image with a path can be judged");
+    }
     const Image image(Bytes().Source(), m_strName, Opening::Salvage);
-    return image.Info().checked ? AnnotateIndex(m_nDescriptor, image, force)
-                                : WriteSections(image, force);
+    return image.Info().checked
+               ? AnnotateIndex(m_nDescriptor, image, force, {options.onProgress, options.stop})
+               : WriteSections(image, force);
   }
   RefuseToForget(Bytes());
   Plan plan = Measure(SectionTrust::Written, {});
-  Complete(plan, [&] { plan.report.imageBytes = Append(plan, m_nDescriptor, nullptr); });
+  if (m_bOwned) {
+    TrialImage trial(Bytes());
+    plan.report.imageBytes = Append(plan, trial.Descriptor(), nullptr);
+    PutInPlace(plan, trial);
+  } else {
+    Complete(plan, [&] { plan.report.imageBytes = Append(plan, m_nDescriptor, nullptr); });
+  }
   return plan.report;
 }
 
@@ -184,19 +199,33 @@ IndexReport IndexWriter::WriteSections(const Image& image, bool force) {
   trial.Put(plan.header);
   plan.report.imageBytes = Append(plan, trial.Descriptor(), &trial);
   trial.Open(plan.notes.empty() && plan.damages.empty());
+  PutInPlace(plan, trial);
+  return plan.report;
+}
+
+// From here on nothing is cancelled: the header says that there is no index until all of it is
+// there.
+void IndexWriter::PutInPlace(const Plan& plan, const TrialImage& trial) {
   const uint64_t begin = plan.report.indexOffset;
   const uint64_t end = trial.Length();
   if (!platform::CanGrow(m_nDescriptor, static_cast<int64_t>(begin),
                          static_cast<int64_t>(end - begin))) {
-    throw Error(m_strName, "no room for the index: " + SystemReason(errno));
+    ThrowSystemError(m_strName, "no room for the index", errno);
   }
   Complete(plan, [&] {
     const bool isDone =
         platform::Truncate(m_nDescriptor, static_cast<int64_t>(begin)) &&
         CopyBytes(ImageFile(trial.Descriptor(), m_strName), m_nDescriptor, begin, end);
-    if (!isDone) throw Error(m_strName, "write of the index: " + SystemReason(errno));
+    if (!isDone) ThrowSystemError(m_strName, "write of the index", errno);
   });
-  return plan.report;
+}
+
+// An item comes up. Each of the two walks over the sections counts for half. `before`: what earlier
+// ones counted.
+void IndexWriter::Walked(const SectionItem& item, uint64_t before) {
+  m_watch->TellWithin(before + item.offset, m_watch->IsHeard() && !item.path.empty()
+                                                ? std::to_string(item.section) + ":/" + item.path
+                                                : "");
 }
 
 // Puts the index in its place by `append`, and lets the header tell of it.
@@ -248,9 +277,9 @@ IndexWriter::Plan IndexWriter::Measure(SectionTrust trust, std::vector<DamageNot
                                std::to_string(plan.report.sections));
   }
   if (plan.report.imageBytes > static_cast<uint64_t>(kMaxImageSize)) {
-    throw Error(m_strName, "image with its index would be " +
-                               std::to_string(plan.report.imageBytes) + " bytes, " +
-                               std::to_string(kMaxImageSize) + " are possible");
+    throw Error(ErrorKind::Unsupported, m_strName,
+                "image with its index would be " + std::to_string(plan.report.imageBytes) +
+                    " bytes, " + std::to_string(kMaxImageSize) + " are possible");
   }
   RefuseToCutSection(Bytes(), scanner, plan.report.indexOffset);
   plan.isCompressed = scanner.Header().compressed;
@@ -263,13 +292,17 @@ IndexWriter::Plan IndexWriter::Measure(SectionTrust trust, std::vector<DamageNot
 void IndexWriter::Count(Plan* plan) {
   IndexRecordCounter records;
   IndexReport& report = plan->report;
+  const auto length =
+      static_cast<uint64_t>(std::max<int64_t>(platform::FileLength(m_nDescriptor), 0));
+  m_watch->Now().bytesTotal = 2 * length;
   ItemVisitor visitor;
   visitor.onItem = [&](const SectionItem& item, const std::string& damage) {
-    ThrowIfCancelled();
+    Walked(item, 0);
     const bool isSection = item.kind == SectionItem::Kind::Section;
     records.Add(item, damage);
     report.files += item.kind == SectionItem::Kind::File ? 1 : 0;
-    report.directories += item.kind == SectionItem::Kind::Directory && !item.isRoot ? 1 : 0;
+    report.directories +=
+        item.IsEntry() && item.kind != SectionItem::Kind::File && !item.isRoot ? 1 : 0;
     report.sections += isSection ? 1 : 0;
     plan->endsEmpty = isSection;
     plan->isNtfs = plan->isNtfs || item.isNtfs;
@@ -295,17 +328,19 @@ void IndexWriter::Count(Plan* plan) {
 uint64_t IndexWriter::Append(const Plan& plan, int output, TrialImage* trial) {
   const uint64_t start = plan.report.indexOffset;
   if (!platform::Truncate(output, static_cast<int64_t>(start))) {
-    throw Error(m_strName, "truncate: " + SystemReason(errno));
+    ThrowSystemError(m_strName, "truncate", errno);
   }
   RecordSource files;
   files.image = Bytes();
   files.imageIsCompressed = plan.isCompressed;
   IndexRecordWriter writer(files, output, start, plan.header, plan.hasRestartPoints);
   writer.SetKnownRestarts(m_pKnownRestarts);
+  const uint64_t half = m_watch->Now().bytesTotal / 2;
+  writer.SetOnBytes([&](uint64_t at) { m_watch->TellWithin(half + at, m_watch->Now().path); });
   for (const DamageNote& note : plan.notes) writer.Add(note);
   ItemVisitor visitor;
   visitor.onItem = [&](const SectionItem& item, const std::string&) {
-    ThrowIfCancelled();
+    Walked(item, half);
     writer.Add(item, plan.DamageOf(item));
     const bool hasData = item.kind == SectionItem::Kind::File && item.dataOffset != 0;
     const uint64_t end = item.offset + item.length;
@@ -316,26 +351,23 @@ uint64_t IndexWriter::Append(const Plan& plan, int output, TrialImage* trial) {
   VisitItems(Bytes(), isKnown ? SectionTrust::Written : plan.trust, visitor);
   const uint64_t end = writer.Finish();
   if (end - writer.RestartBytes() != plan.report.imageBytes) {
-    throw Error(m_strName, "changed meanwhile");
+    throw Error(ErrorKind::System, m_strName, "changed meanwhile");
   }
+  m_watch->Tell(m_watch->Now().bytesTotal, "");
   return end;
 }
 
 void IndexWriter::PatchHeader(std::span<const unsigned char> header, size_t offset, size_t count) {
   const auto bytes = header.subspan(offset, count);
   if (!platform::WriteAt(m_nDescriptor, bytes.data(), count, static_cast<int64_t>(offset))) {
-    throw Error(m_strName, "write of the header: " + SystemReason(errno), offset);
+    ThrowSystemError(m_strName, "write of the header", errno, offset);
   }
 }
 
 ImageFile IndexWriter::Bytes() const { return ImageFile(m_nDescriptor, m_strName); }
 
 void IndexWriter::SyncFile() {
-  if (!platform::Sync(m_nDescriptor)) throw Error(m_strName, "sync: " + SystemReason(errno));
-}
-
-void IndexWriter::ThrowIfCancelled() const {
-  if (m_pCancel != nullptr && *m_pCancel) throw Error(m_strName, "cancelled");
+  if (!platform::Sync(m_nDescriptor)) ThrowSystemError(m_strName, "sync", errno);
 }
 
 }  // namespace capsule::host

@@ -1,7 +1,7 @@
 // IndexWriter completes an image: it finds the items by a SectionScanner, appends an index behind
 // the last trailer and stores the index's offset in the header.
 //
-//   host::IndexWriter("photos.cap").Write();
+//   const host::IndexReport report = host::IndexWriter("photos.cap").Write();
 //
 // An index that is there already is built anew; the same sections always get the same bytes.
 // Nothing is changed before the whole image has been scanned and is known to stay
@@ -28,16 +28,18 @@
 // Memory is bounded by the depth of the tree. One thread uses a writer.
 #pragma once
 
-#include <atomic>
 #include <cstdint>
 #include <filesystem>
 #include <functional>
+#include <memory>
 #include <span>
+#include <stop_token>
 #include <string>
 #include <vector>
 
 #include "capsule/export.h"
 #include "capsule/host/image_problem.h"
+#include "capsule/host/progress.h"
 
 namespace capsule::host {
 
@@ -45,8 +47,10 @@ class Image;
 class ImageFile;
 class RestartCollector;
 class TrialImage;
+class Watch;
 enum class SectionTrust;
 struct DamageNote;
+struct SectionItem;
 
 struct IndexReport {
   uint32_t sections = 0;
@@ -75,6 +79,12 @@ enum class DamagedSections {
   NoteDamage,
 };
 
+struct IndexOptions {
+  DamagedSections damaged = DamagedSections::Refuse;
+  OnProgress onProgress{};  // its bytes are those of the image, which is walked more than once
+  std::stop_token stop{};   // ends Write, which then has changed nothing
+};
+
 class CAPSULE_API IndexWriter {
  public:
   // Opens the image for reading and writing. Throws Error.
@@ -88,16 +98,14 @@ class CAPSULE_API IndexWriter {
   IndexWriter(const IndexWriter&) = delete;
   IndexWriter& operator=(const IndexWriter&) = delete;
 
-  // While `*flag` is true, Write throws soon. The flag must outlive the writer.
-  void SetCancelFlag(const std::atomic<bool>* flag) { m_pCancel = flag; }
-
   // Restart points that the writer of the sections has noted, so that they need not be looked for.
   // `known` must outlive the writer.
   void SetKnownRestarts(const RestartCollector* known) { m_pKnownRestarts = known; }
 
   // Throws Error when the image cannot be scanned, read or written, or when no index would lead to
   // what it holds; then nothing has been changed, unless writing itself failed.
-  IndexReport Write(DamagedSections damaged = DamagedSections::Refuse);
+  [[nodiscard]] IndexReport Write(const IndexOptions& options = {});
+  [[nodiscard]] IndexReport Write(DamagedSections damaged) { return Write(IndexOptions{damaged}); }
 
  private:
   bool IsWithoutPartitions() const;
@@ -112,13 +120,14 @@ class CAPSULE_API IndexWriter {
   void PatchHeader(std::span<const unsigned char> header, size_t offset, size_t count);
   void SyncFile();
   ImageFile Bytes() const;
-  void ThrowIfCancelled() const;
+  void PutInPlace(const Plan& plan, const TrialImage& trial);
+  void Walked(const SectionItem& item, uint64_t before);
 
   int m_nDescriptor;
   bool m_bOwned = false;
   std::string m_strName;
-  const std::atomic<bool>* m_pCancel = nullptr;
   const RestartCollector* m_pKnownRestarts = nullptr;
+  std::unique_ptr<Watch> m_watch;
 };
 
 }  // namespace capsule::host

@@ -7,6 +7,7 @@
 #include "capsule/container/header_format.h"
 #include "capsule/host/error.h"
 #include "capsule/host/file/reason.h"
+#include "capsule/host/file/watch.h"
 #include "capsule/host/image.h"
 #include "capsule/host/index/image_header.h"
 #include "capsule/host/map/header_map.h"
@@ -41,10 +42,11 @@ std::vector<RestartPoint> RestartsOf(const ImageFile& image, const DecodedHeader
 class VerifyRun {
  public:
   VerifyRun(const ImageFile& image, const DecodedHeader& header,
-            const std::function<void(const Fault&)>& take)
+            const std::function<void(const Fault&)>& take, const VerifyOptions& options)
       : m_image(image),
         m_bCompressed(header.compressed),
         m_Take(take),
+        m_watch(image.Name(), options.onProgress, options.stop),
         m_Window(image),
         m_Index(m_Window, image.Size(),
                 [this](uint64_t offset, const std::string& path, std::string reason) {
@@ -53,11 +55,13 @@ class VerifyRun {
         m_Restarts(RestartsOf(image, header)) {}
 
   VerifyReport Verify() {
+    m_watch.Now().bytesTotal = m_image.Size();
     MapImage(m_image, [this](const MapItem& item) { Take(item); });
     CloseFile();
     TellUnnamed();
     CompareWithOpening();
     m_Report.checkValues = m_Index.CheckValues();
+    m_watch.Tell(m_watch.Now().bytesTotal, "");
     return m_Report;
   }
 
@@ -65,6 +69,7 @@ class VerifyRun {
   void Take(const MapItem& item) {
     const bool ofFile = item.kind == MapItem::Kind::DataBlock && item.problem.empty();
     if (m_File.isOpen && ofFile) {
+      m_watch.Check();
       m_File.end = item.offset + item.length;
       return;
     }
@@ -75,6 +80,7 @@ class VerifyRun {
       ++m_Report.files;
     }
     CloseFile();
+    m_watch.TellWithin(item.offset, item.path);
     if (!item.problem.empty()) Tell(item.offset, item.path, KindOf(item) + item.problem);
     m_Report.hasIndex = m_Report.hasIndex || item.kind == MapItem::Kind::IndexStart;
     if (item.kind == MapItem::Kind::NtfsRecord) TakeNtfs(item);
@@ -110,7 +116,7 @@ class VerifyRun {
   void CloseFile() {
     if (!m_File.isOpen) return;
     m_File.isOpen = false;
-    ++m_Report.files;
+    m_watch.Now().files = ++m_Report.files;
     RecordSource source;
     source.image = m_image;
     source.imageIsCompressed = m_bCompressed;
@@ -123,11 +129,13 @@ class VerifyRun {
       RecordStream stream(source);
       while (stream.ChunkEnd() < source.size) {
         CompareRestarts(stream);
+        m_watch.TellWithin(stream.Position(), m_File.path);
         stream.Advance(source.size);
       }
       TellRestartsBefore(m_File.end);
       m_Report.bytes += source.size;
     } catch (const Error& error) {
+      if (error.Kind() == ErrorKind::Cancelled) throw;
       TellError(error, m_File.path, m_File.begin);
     }
   }
@@ -188,12 +196,15 @@ class VerifyRun {
       if (!image.IsWhole() && m_Report.faults == 0) Tell(0, "", image.Info().scanReason);
       if (!m_bNtfs) return;
       for (int n = 0; n < image.Partitions(); ++n) {
-        if (image.Info().partitions[static_cast<size_t>(n)].systemId != kSystemIdNtfs) continue;
+        const PartitionInfo& partition = image.Info().partitions[static_cast<size_t>(n)];
+        if (partition.systemId != kSystemIdNtfs) continue;
+        m_watch.Now().bytesTotal += partition.bytes;
         ReadBelow(image, image.Root(n));
       }
     } catch (const ShortageError&) {
       throw;
     } catch (const Error& error) {
+      if (error.Kind() == ErrorKind::Cancelled) throw;
       if (m_Report.faults == 0) Tell(error.Offset().value_or(0), "", error.Reason());
     }
   }
@@ -209,12 +220,18 @@ class VerifyRun {
   }
 
   void ReadFile(const Image& image, const Entry& entry) {
-    ++m_Report.files;
+    m_watch.Now().files = ++m_Report.files;
+    const uint64_t before = m_watch.Now().bytesDone;
+    const std::string path = m_watch.IsHeard() ? entry.Path() : "";
     try {
       FileReader reader = image.OpenFile(entry);
-      reader.CopyTo(0, entry.Size(), [](std::span<const unsigned char>) {});
+      uint64_t at = before;
+      reader.CopyTo(0, entry.Size(), [&](std::span<const unsigned char> piece) {
+        m_watch.TellWithin(at += piece.size(), path);
+      });
       m_Report.bytes += entry.Size();
     } catch (const Error& error) {
+      if (error.Kind() == ErrorKind::Cancelled) throw;
       TellError(error, entry.Path(), entry.Offset());
     }
   }
@@ -228,6 +245,7 @@ class VerifyRun {
   ImageFile m_image;
   bool m_bCompressed;
   const std::function<void(const Fault&)>& m_Take;
+  Watch m_watch;
   FileWindow m_Window;
   IndexVerifier m_Index;
   VerifyReport m_Report;
@@ -248,12 +266,15 @@ Verifier::Verifier(const std::filesystem::path& image)
 Verifier::Verifier(std::shared_ptr<const ByteSource> source, std::string name)
     : m_source(std::move(source)), m_name(std::move(name)) {}
 
-VerifyReport Verifier::Run(const std::function<void(const Fault&)>& take) const {
+VerifyReport Verifier::Run(const std::function<void(const Fault&)>& take,
+                           const VerifyOptions& options) const {
+  if (!m_source) throw Error(ErrorKind::Misuse, "", "the object was moved from");
   const ImageFile image(m_source, m_name);
   FileWindow window(image);
-  const MappedHeader header = DecodeStoredHeader(window.At(0, kHeaderSize));
-  if (!header.decoded) throw Error(m_name, header.problem);
-  return VerifyRun(image, *header.decoded, take).Verify();
+  const auto stored = window.At(0, kHeaderSize);
+  const MappedHeader header = DecodeStoredHeader(stored);
+  if (!header.decoded) throw Error(KindOfBadHeader(stored), m_name, header.problem);
+  return VerifyRun(image, *header.decoded, take, options).Verify();
 }
 
 }  // namespace capsule::host

@@ -22,10 +22,12 @@
 #include <filesystem>
 #include <functional>
 #include <memory>
+#include <stop_token>
 #include <string>
 
 #include "capsule/export.h"
 #include "capsule/host/byte_source.h"
+#include "capsule/host/progress.h"
 
 namespace capsule::host {
 
@@ -43,6 +45,11 @@ struct VerifyReport {
   bool hasIndex = false;
 };
 
+struct VerifyOptions {
+  OnProgress onProgress{};  // its bytes are those of the image
+  std::stop_token stop{};
+};
+
 class CAPSULE_API Verifier {
  public:
   explicit Verifier(const std::filesystem::path& image);
@@ -50,8 +57,9 @@ class CAPSULE_API Verifier {
   // The image whose bytes `source` has; `name`: what errors call it.
   Verifier(std::shared_ptr<const ByteSource> source, std::string name);
 
-  // Throws host::Error when the file cannot be read or is not an image at all.
-  VerifyReport Run(const std::function<void(const Fault&)>& take) const;
+  // Throws host::Error when the file cannot be read, is not an image at all, or it is cancelled.
+  [[nodiscard]] VerifyReport Run(const std::function<void(const Fault&)>& take,
+                                 const VerifyOptions& options = {}) const;
 
  private:
   std::shared_ptr<const ByteSource> m_source;

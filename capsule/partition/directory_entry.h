@@ -213,8 +213,8 @@ class CAPSULE_API CapsuleDirectoryEntry {
   int ReadGroup(DirectoryType t, int fd, int offset, int* count);
   int ReadNtfsHeader(int fd, int offset);
   void ForgetNtfsEntry();
-  void _PutName(const NtfsFileName& name, int index);
-  void _PutFileRecord(std::span<unsigned char, 1024> record, int* nameCount);
+  void PutName(const NtfsFileName& name, int index);
+  void PutFileRecord(std::span<unsigned char, 1024> record, int* nameCount);
 
   // What WriteDirectoryEntry stores: long-name records, each with the header of the record behind
   // it, and the short entry.

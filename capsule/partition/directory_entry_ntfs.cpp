@@ -131,10 +131,10 @@ void CapsuleDirectoryEntry::PutFileNameIntoDirEntry(const _FileName* fn, int ind
   NtfsFileName name{.nameSpace = fn->Namespace};
   const auto* bytes = static_cast<const unsigned char*>(static_cast<const void*>(fn));
   DecodeFileName({bytes, sizeof *fn + size_t{fn->NameLength} * 2}, &name);
-  _PutName(name, index);
+  PutName(name, index);
 }
 
-void CapsuleDirectoryEntry::_PutName(const NtfsFileName& name, int index) {
+void CapsuleDirectoryEntry::PutName(const NtfsFileName& name, int index) {
   if (NameRank(name.nameSpace) > m_nFullNameRank) {
     m_nFullNameRank = NameRank(name.nameSpace);
     m_FullName = name.units;
@@ -151,8 +151,8 @@ void CapsuleDirectoryEntry::_PutName(const NtfsFileName& name, int index) {
   FormatLongFileName(units.data(), static_cast<unsigned char>(units.size()));
 }
 
-void CapsuleDirectoryEntry::_PutFileRecord(std::span<unsigned char, kFileRecordSize> record,
-                                           int* nameCount) {
+void CapsuleDirectoryEntry::PutFileRecord(std::span<unsigned char, kFileRecordSize> record,
+                                          int* nameCount) {
   UndoFileRecordFixups(record);
   VisitAttributes(record, [&](const NtfsAttribute& attribute) {
     _StandardInformation info{};
@@ -166,7 +166,7 @@ void CapsuleDirectoryEntry::_PutFileRecord(std::span<unsigned char, kFileRecordS
         }
         break;
       case kFileNameType:
-        if (DecodeFileName(attribute.NamedOffsetValue(), &name)) _PutName(name, (*nameCount)++);
+        if (DecodeFileName(attribute.NamedOffsetValue(), &name)) PutName(name, (*nameCount)++);
         break;
       case kDataType:
         if (attribute.nameLength == 0 && attribute.BeginsStream()) {
@@ -194,7 +194,7 @@ void CapsuleDirectoryEntry::FileRecordtoDirectoryEntry(void* records, long size)
   std::span<unsigned char> rest(static_cast<unsigned char*>(records), static_cast<size_t>(size));
   int nameCount = 0;
   while (rest.size() >= kFileRecordSize) {
-    _PutFileRecord(rest.first<kFileRecordSize>(), &nameCount);
+    PutFileRecord(rest.first<kFileRecordSize>(), &nameCount);
     rest = rest.subspan(kFileRecordSize);
   }
   PopulateOtherStructure(DirTypeNtfs);

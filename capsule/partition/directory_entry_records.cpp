@@ -7,6 +7,7 @@
 #include <new>
 
 #include "capsule/partition/directory_entry.h"
+#include "capsule/partition/entry_group.h"
 #include "capsule/partition/record_format.h"
 #include "capsule/platform/file.h"
 #include "capsule/platform/little_endian.h"
@@ -92,7 +93,7 @@ int CapsuleDirectoryEntry::Read(DirectoryType t, int fd, int offset, int* count)
 }
 
 int CapsuleDirectoryEntry::ReadGroup(DirectoryType t, int fd, int offset, int* count) {
-  std::array<unsigned char, kDirRecordSize + kMaxChainBytes> group;
+  std::array<unsigned char, kLongestGroup> group;
   const int64_t got = platform::ReadAt(fd, group.data(), group.size(), offset);
   const std::span<const unsigned char> bytes(group.data(), got > 0 ? static_cast<size_t>(got) : 0);
   if (bytes.size() < kMiniHeaderSize) return -1;
@@ -107,12 +108,12 @@ int CapsuleDirectoryEntry::ReadGroup(DirectoryType t, int fd, int offset, int* c
   m_Record.Next = nullptr;
   m_LongFileName.Flush();
 
-  if (entry.Attribute == kLongNameAttribute && entry.Name[0] != 0) {
+  if (EntryGroup::IsPiece(first, true)) {
     std::array<unsigned char, kDirEntrySize> record;
     std::copy(first.begin(), first.end(), record.begin());
     if (!TakeLongNameChain(bytes.subspan(kDirRecordSize), record.data(), count)) return -1;
     entry = DecodeShortEntry(record);
-    if (entry.Name[0] == 0) return -1;
+    if (RoleOf(entry) == EntryRole::Closing) return -1;
   }
   PopulateOtherStructure(t);
   if (entry.Name[0] != 0) ShortName(t);
@@ -140,7 +141,7 @@ bool CapsuleDirectoryEntry::TakeLongNameChain(std::span<const unsigned char> rec
     const auto next = records.subspan(kMiniHeaderSize, kDirEntrySize);
     std::copy(next.begin(), next.end(), record.begin());
     m_nReadOffset += kDirRecordSize;
-    if (DecodeShortEntry(record).Attribute != kLongNameAttribute) {
+    if (!EntryGroup::IsPiece(record, false)) {
       FitLongName();
       return true;
     }

@@ -28,6 +28,7 @@ class CapsuleFile;
 class CapsuleFileBlock;
 class DirectorySupport;
 class ImageIndex;
+class InsertObserver;
 
 class CAPSULE_API CapsulePartition {
  public:
@@ -93,8 +94,9 @@ class CAPSULE_API CapsulePartition {
   int WriteDirectories(int fd, const char* path, int offset, int* written);
 
   // A file's record group and data block records at `offset`; adds their bytes to `*written`.
-  // `compress`: level 0 (stored), 1-3 fast, 4-6 medium, other maximum.
-  int WriteFile(int fd, const char* path, int offset, int* written, int compress);
+  // `compress`: level 0 (stored), 1-3 fast, 4-6 medium, other maximum. `observer`: null for none.
+  int WriteFile(int fd, const char* path, int offset, int* written, int compress,
+                InsertObserver* observer = nullptr);
 
   // --- Reading (partition_read.cpp) ---
 
@@ -123,11 +125,11 @@ class CAPSULE_API CapsulePartition {
 
  private:
   // Appends to m_FileBlocks, which owns the block from then on.
-  void _Append(std::unique_ptr<CapsuleFileBlock> block);
+  void Append(std::unique_ptr<CapsuleFileBlock> block);
 
   // Brings the sets of inserted names up to date when a host has changed the list.
-  void _RefreshInsertedNames();
-  void _RememberInserted(CapsuleFileBlock& block);
+  void RefreshInsertedNames();
+  void RememberInserted(CapsuleFileBlock& block);
 
   int WriteGroups(int fd, const char* path, int offset, int* written);
   int ReadFatSection(int fd);

@@ -3,7 +3,6 @@
 #include <algorithm>
 #include <memory>
 #include <new>
-#include <string_view>
 
 #include "capsule/blocks/data_block.h"
 #include "capsule/blocks/file_block.h"
@@ -12,26 +11,17 @@
 #include "capsule/container/image_index.h"
 #include "capsule/container/reader_lock.h"
 #include "capsule/partition/directory_support.h"
+#include "capsule/partition/entry_group.h"
 #include "capsule/partition/partition.h"
 #include "capsule/partition/record_format.h"
 
 namespace capsule {
 namespace {
 
-constexpr std::string_view kDotText = ".       .   ";
-constexpr std::string_view kDotDotText = "..      .   ";
 constexpr int kNoOffset = -1;
 
 CapsuleFileBlock* BlockAt(const CpsList& list, int index) {
   return static_cast<CapsuleFileBlock*>(list.GetAt(index));
-}
-
-// Whether what follows the block in the section belongs into it.
-bool OpensLevel(CapsuleFileBlock& block) {
-  CapsuleDirectoryEntry& entry = block.GetDirectoryEntry();
-  if (entry.IsDirectory() == 0) return false;
-  const CString& name = entry.ShortName();
-  return name != kDotText && name != kDotDotText;
 }
 
 // The first block of `list` whose short text is `name`, or null.
@@ -82,13 +72,14 @@ int CapsulePartition::ReadFatSection(int fd) {
 // Puts `block` below `directory` (null: at the top level); the directory that the next one is in.
 CapsuleFileBlock* CapsulePartition::PlaceBlock(std::unique_ptr<CapsuleFileBlock> block,
                                                CapsuleFileBlock* directory) {
-  if (block->GetDirectoryEntry().IsEmpty() != 0) {
+  const EntryRole role = RoleOf(block->GetDirectoryEntry().EntryInUse());
+  if (role == EntryRole::Closing) {
     return directory == nullptr ? nullptr : directory->ParentFileBlock();
   }
   CpsList& siblings = directory == nullptr ? m_FileBlocks : directory->FileList();
   siblings.Append(block.get());
   CapsuleFileBlock* placed = block.release();
-  return OpensLevel(*placed) ? placed : directory;
+  return role == EntryRole::Folder ? placed : directory;
 }
 
 void CapsulePartition::SetUpHistoryBuffer() { static_cast<void>(SetUpHistories()); }

@@ -27,17 +27,17 @@ int CapsulePartition::InitializeCompressionHistory() {
   return 0;
 }
 
-void CapsulePartition::_Append(std::unique_ptr<CapsuleFileBlock> block) {
+void CapsulePartition::Append(std::unique_ptr<CapsuleFileBlock> block) {
   m_FileBlocks.Append(block.get());
   static_cast<void>(block.release());
 }
 
-void CapsulePartition::_RememberInserted(CapsuleFileBlock& block) {
+void CapsulePartition::RememberInserted(CapsuleFileBlock& block) {
   m_InsertedPaths.insert(block.GetFilePath());
   m_InsertedShortNames.insert(block.GetDirectoryEntry().ShortName());
 }
 
-void CapsulePartition::_RefreshInsertedNames() {
+void CapsulePartition::RefreshInsertedNames() {
   const uint64_t changes = m_FileBlocks.Changes();
   if (changes == m_nKnownChanges) return;
   m_InsertedPaths.clear();
@@ -45,7 +45,7 @@ void CapsulePartition::_RefreshInsertedNames() {
   for (int i = 0; i < m_FileBlocks.GetCount(); ++i) {
     auto* block = static_cast<CapsuleFileBlock*>(m_FileBlocks.GetAt(i));
     if (block == nullptr) return;
-    _RememberInserted(*block);
+    RememberInserted(*block);
   }
   m_nKnownChanges = changes;
 }
@@ -57,7 +57,7 @@ int CapsulePartition::WriteDirectories(int fd, const char* path, int offset, int
 }
 
 int CapsulePartition::WriteGroups(int fd, const char* path, int offset, int* written) {
-  _RefreshInsertedNames();
+  RefreshInsertedNames();
   if (m_InsertedPaths.contains(path)) return -1;
 
   auto owned = std::make_unique<CapsuleFileBlock>(nullptr, *this);
@@ -65,7 +65,7 @@ int CapsulePartition::WriteGroups(int fd, const char* path, int offset, int* wri
   int total = 0;
   if (directory.WriteDirEntry(kWrittenType, path, fd, offset, &total) != 0) return -1;
   const uint64_t changesBefore = m_FileBlocks.Changes();
-  _Append(std::move(owned));
+  Append(std::move(owned));
 
   // The groups of "." and ".." go through the directory's own block; two empty blocks stand for
   // them in the list.
@@ -77,7 +77,7 @@ int CapsulePartition::WriteGroups(int fd, const char* path, int offset, int* wri
       return -1;
     }
     parent = block.get();
-    _Append(std::move(block));
+    Append(std::move(block));
   }
   directory.SetFilePath(path);
   if (!Advance(written, total)) return -1;
@@ -85,24 +85,26 @@ int CapsulePartition::WriteGroups(int fd, const char* path, int offset, int* wri
   // Another change of the list meanwhile, or a null element in it, makes the next look-up walk it.
   constexpr uint64_t kOwnChanges = 3;
   if (m_nKnownChanges == changesBefore && m_FileBlocks.Changes() == changesBefore + kOwnChanges) {
-    _RememberInserted(directory);
-    _RememberInserted(*parent);
+    RememberInserted(directory);
+    RememberInserted(*parent);
     m_nKnownChanges = m_FileBlocks.Changes();
   }
   return 0;
 }
 
-int CapsulePartition::WriteFile(int fd, const char* path, int offset, int* written, int compress) {
+int CapsulePartition::WriteFile(int fd, const char* path, int offset, int* written, int compress,
+                                InsertObserver* observer) {
   if (path == nullptr || written == nullptr) return -1;
   return platform::OrOutOfMemory(-1, [&] {
-    _RefreshInsertedNames();
+    RefreshInsertedNames();
     if (m_InsertedShortNames.contains(path)) return -1;
 
     CapsuleFileBlock file(nullptr, *this);
     int total = 0;
     if (file.WriteDirEntry(kWrittenType, path, fd, offset, &total) != 0) return -1;
     const bool hasData = file.GetDirectoryEntry().EntryFor(kWrittenType).FileSize != 0;
-    if (hasData && file.StreamFile(path, fd, offset + total, &total, compress) != 0) return -1;
+    if (hasData && file.StreamFile(path, fd, offset + total, &total, compress, observer) != 0)
+      return -1;
     return Advance(written, total) ? 0 : -1;
   });
 }

@@ -9,6 +9,7 @@
 #include "capsule/platform/host_files.h"
 #include "capsule/platform/host_path.h"
 #include "capsule/platform/opened_item.h"
+#include "capsule/platform/scoped_descriptor.h"
 
 namespace capsule::platform {
 namespace {
@@ -65,10 +66,18 @@ void HostView::CapTimes(int64_t unixSeconds) { m_pImpl->latest = {unixSeconds, 0
 
 void HostView::SetOpenedItem(const OpenedItem* item) { m_pImpl->opened = item; }
 
-bool HostView::HasOpenedItem() const { return m_pImpl->opened != nullptr; }
+const OpenedItem* HostView::OpenedBytes(std::string_view path) const {
+  const OpenedItem* opened = m_pImpl->opened;
+  return opened != nullptr && opened->read && path == opened->path ? opened : nullptr;
+}
 
-int HostView::OpenedFile(std::string_view path) const {
-  return HasOpenedItem() && path == m_pImpl->opened->path ? m_pImpl->opened->descriptor : -1;
+ScopedDescriptor HostView::OpenFile(const char* path) const {
+  if (path == nullptr) return ScopedDescriptor();
+  if (const OpenedItem* opened = m_pImpl->opened) {
+    return ScopedDescriptor::Borrow(path == opened->path ? opened->descriptor : -1);
+  }
+  const auto resolved = Resolve(path);
+  return ScopedDescriptor(resolved ? OpenForReading(resolved->c_str()) : -1);
 }
 
 std::optional<std::string> HostView::Resolve(std::string_view path) const {
@@ -82,7 +91,7 @@ std::optional<std::string> HostView::Resolve(std::string_view path) const {
 
 std::optional<FindData> HostView::Find(std::string_view path) const {
   std::optional<FileStatus> status;
-  if (HasOpenedItem()) {
+  if (m_pImpl->opened != nullptr) {
     status = m_pImpl->OpenedStatus(path);
   } else if (const std::optional<std::string> resolved = Resolve(path)) {
     status = Status(*resolved);
@@ -91,6 +100,10 @@ std::optional<FindData> HostView::Find(std::string_view path) const {
 
   FindData found;
   found.attributes = Attributes(*status, path);
+  if (const OpenedItem* opened = m_pImpl->opened; opened != nullptr && !path.ends_with("\\..")) {
+    const uint32_t kind = found.attributes & kAttributeDirectory;
+    found.attributes = opened->attributes ? kind | *opened->attributes : found.attributes;
+  }
   found.size = status->size;
   found.lastWriteTime = m_pImpl->Report(status->modification);
   const bool modificationOnly = m_pImpl->timePolicy == TimePolicy::ModificationOnly;
@@ -104,7 +117,7 @@ std::optional<std::string> HostView::ShortPath(std::string_view path) {
   if (IsDirectoryReference(parts.component)) {
     return Find(path) ? std::optional<std::string>(path) : std::nullopt;
   }
-  if (HasOpenedItem()) {
+  if (m_pImpl->opened != nullptr) {
     if (path != m_pImpl->opened->path) return std::nullopt;
     return std::string(parts.front) + m_pImpl->opened->alias;
   }

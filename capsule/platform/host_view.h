@@ -23,6 +23,7 @@
 
 namespace capsule::platform {
 
+class ScopedDescriptor;
 struct OpenedItem;
 
 // Count of 100 ns since 1601-01-01 00:00 UTC.
@@ -70,10 +71,13 @@ class HostView {
   // While there is an opened item, that one and its "." and ".." are all that is found, as it was
   // when it was opened, and no path is looked up. Borrowed; null goes back to the paths.
   void SetOpenedItem(const OpenedItem* item);
-  bool HasOpenedItem() const;
 
-  // The descriptor of the opened item when `path` names it, else -1.
-  int OpenedFile(std::string_view path) const;
+  // The opened item when it is at `path` and has bytes of its own, else null.
+  const OpenedItem* OpenedBytes(std::string_view path) const;
+
+  // The file at `path`, for reading: borrowed from the opened item, if there is one. Nothing for a
+  // null path and on failure.
+  ScopedDescriptor OpenFile(const char* path) const;
 
   // The system's path for `path`; none when its root is not registered or it holds a zero byte.
   std::optional<std::string> Resolve(std::string_view path) const;

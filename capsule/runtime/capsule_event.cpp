@@ -39,19 +39,19 @@ CapsuleEvent& CapsuleEvent::operator=(const CapsuleEvent& other) {
 }
 
 EventHandle CapsuleEvent::Init() {
-  _KeepUntilTheEnd();
+  KeepUntilTheEnd();
   m_hEvent = OpenEvent(m_pszName, m_nType != AutoReset);
   m_bValid = m_hEvent != 0 ? 1 : 0;
   return m_hEvent;
 }
 
-void CapsuleEvent::_KeepUntilTheEnd() {
+void CapsuleEvent::KeepUntilTheEnd() {
   if (m_hEvent != 0) m_Replaced.push_back(m_hEvent);
   m_hEvent = 0;
 }
 
 int CapsuleEvent::SetDefaults() {
-  _KeepUntilTheEnd();
+  KeepUntilTheEnd();
   m_pszName = kDefaultName;
   m_bValid = 0;
   m_nSecurity = SecurityDefault;

@@ -65,7 +65,7 @@ class CAPSULE_API CapsuleEvent {
   EventHandle Init();
 
  private:
-  void _KeepUntilTheEnd();
+  void KeepUntilTheEnd();
 
   CString m_pszName;
   EventHandle m_hEvent = 0;

@@ -82,13 +82,13 @@ CapsuleThread::~CapsuleThread() = default;
 
 ThreadHandle CapsuleThread::startThread() {
   startProtect();
-  const bool starts = !m_bRunning && _Start();
+  const bool starts = !m_bRunning && StartCounted();
   startUnProtect();
   return starts ? m_hThread.load() : 0;
 }
 
 // The stop event is made before the thread, so that a failure to make it leaves no thread without.
-bool CapsuleThread::_Start() {
+bool CapsuleThread::StartCounted() {
   const uint32_t id = ++g_lastThread;
   m_bStarted = 1;
   m_bRunning = true;

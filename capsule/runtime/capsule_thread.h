@@ -70,7 +70,7 @@ class CAPSULE_API CapsuleThread {
   void startUnProtect();
 
  private:
-  bool _Start();
+  bool StartCounted();
   std::shared_ptr<CapsuleEvent> StoppedEvent() const;
   void SetStoppedEvent(std::shared_ptr<CapsuleEvent> event);
 

@@ -6,11 +6,8 @@
 // a parameter.
 #pragma once
 
-#include <atomic>
 #include <cstdint>
-#include <functional>
 #include <memory>
-#include <span>
 #include <string>
 
 #include "capsule/platform/host_view.h"
@@ -43,17 +40,6 @@ struct LibraryState {
   // The current index, or null. Written by ImageIndex::Instance and DeleteCurrentInstance, which
   // also say how it is destroyed.
   std::unique_ptr<ImageIndex, void (*)(ImageIndex*)> index{nullptr, nullptr};
-
-  // When it is there and true, the insertion of a file fails soon. Set by host::ImageBuilder, made
-  // true on any thread; read between the chunks of a file.
-  const std::atomic<bool>* cancel = nullptr;
-
-  // Called, when it is there, in front of every chunk of a file but the first, while that is
-  // inserted: where its record will begin in the image, its offset in the file, the chunk before
-  // it, and whether both are compressed. Set by host::ImageBuilder.
-  std::function<void(int64_t record, uint32_t fileOffset, std::span<const unsigned char> before,
-                     bool isCompressed)>
-      onChunk;
 
   // How inserted paths are resolved and described.
   platform::HostView hostView;

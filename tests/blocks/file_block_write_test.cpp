@@ -14,7 +14,7 @@
 #include "capsule/compression/stream_compressor.h"
 #include "capsule/container/capsule_file.h"
 #include "capsule/partition/partition.h"
-#include "capsule/platform/descriptor_owner.h"
+#include "capsule/platform/scoped_descriptor.h"
 #include "tests/support/bytes.h"
 #include "tests/support/source_tree.h"
 
@@ -36,7 +36,7 @@ class FileBlockWrite : public testing::Test {
   std::optional<std::string> Records(Way way, int level) {
     const std::string target = m_Tree.Beside("records");
     std::filesystem::remove(target);
-    const platform::DescriptorOwner image(platform::OpenForWriting(target.c_str()));
+    const platform::ScopedDescriptor image(platform::OpenForWriting(target.c_str()));
     m_Tree.State().compressor->ResetCompressionHistory();
     CapsuleFileBlock block(nullptr, m_Partition);
     int total = 0;
@@ -185,7 +185,7 @@ TEST_F(FileBlockWrite, ASourceThatChangesAfterItsEntryIsAFailure) {
 TEST_F(FileBlockWrite, NoRecordPassesTheLargestImage) {
   Source("x");
   const std::string target = m_Tree.Beside("sparse");
-  const platform::DescriptorOwner image(platform::OpenForWriting(target.c_str()));
+  const platform::ScopedDescriptor image(platform::OpenForWriting(target.c_str()));
   constexpr int kEnd = 0x7FFFFFFF - 1544;
   CapsuleFileBlock block(nullptr, m_Partition);
   int total = 0;

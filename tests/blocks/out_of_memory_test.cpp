@@ -10,7 +10,7 @@
 #include <vector>
 
 #include "capsule/blocks/file_block.h"
-#include "capsule/platform/descriptor_owner.h"
+#include "capsule/platform/scoped_descriptor.h"
 #include "tests/blocks/made_image.h"
 #include "tests/support/failing_allocations.h"
 #include "tests/support/source_tree.h"
@@ -188,7 +188,7 @@ class OutOfMemoryWriting : public testing::Test {
   std::optional<std::string> Records(const Write& write) {
     const std::string target = m_Tree.Beside("records");
     std::filesystem::remove(target);
-    const platform::DescriptorOwner image(platform::OpenForWriting(target.c_str()));
+    const platform::ScopedDescriptor image(platform::OpenForWriting(target.c_str()));
     m_Tree.State().compressor->ResetCompressionHistory();
     CapsuleFileBlock block(nullptr, m_Partition);
     int total = 0;

@@ -36,7 +36,7 @@ const FaultSample kSamples[] = {
     {"n_size_ffffffff", 1, 1, 2, "its entry states 4294967295 bytes"},
     {"n_synthetic", 0, 0, 0},
     {"not_an_image", 2, 2, 2, "no image header"},
-    {"ordinal_1", 1, 1, 2, "inside the header"},
+    {"ordinal_1", 1, 1, 1, "1 where"},
     {"ordinal_2", 1, 1, 1, "4 where"},
     {"partition_count", 1, 1, 2, "not one of the 2 that the header tells of"},
     {"unit_without_end", 1, 1, 2, "record at 0x26d1"},

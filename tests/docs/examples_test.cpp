@@ -26,7 +26,7 @@ ExampleFolder::ExampleFolder() : m_strPrevious(fs::current_path()) {
   capsule::test::WriteFile("photos/a/b.txt", "b");
   capsule::host::ImageBuilder builder("photos.cap");
   builder.AddDirectory("photos");
-  builder.Finish();
+  static_cast<void>(builder.Finish());
   fs::copy_file("photos.cap", "disk.cap");
 }
 

@@ -58,7 +58,7 @@ TEST(FormatDocument, ShowsTheImageThatIsBuilt) {
   }
   host::ImageBuilder builder(tree.Beside("built.cap"));
   builder.AddDirectory(tree.Root());
-  builder.Finish();
+  static_cast<void>(builder.Finish());
   const std::string built = test::ReadFile(tree.Beside("built.cap"));
   const std::string documented = DocumentedImage();
   ASSERT_EQ(documented.size(), 11825U);

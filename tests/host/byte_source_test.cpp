@@ -8,7 +8,8 @@
 #include "capsule/host/image.h"
 #include "capsule/host/image_map.h"
 #include "capsule/host/verifier.h"
-#include "capsule/platform/descriptor_owner.h"
+#include "capsule/platform/file.h"
+#include "capsule/platform/scoped_descriptor.h"
 #include "tests/support/bytes.h"
 #include "tests/support/entries.h"
 #include "tests/support/sample_images.h"
@@ -50,7 +51,7 @@ TEST(ByteSourceTest, AnImageIsTheSameWhereverItsBytesComeFrom) {
     const std::string path = test::SamplePath(name);
     const std::string bytes = test::ReadFile(path);
     const std::string told = Everything(FileSource(path));
-    const platform::DescriptorOwner file(platform::OpenForReading(path.c_str()));
+    const platform::ScopedDescriptor file(platform::OpenForReading(path.c_str()));
     EXPECT_EQ(Everything(DescriptorSource(file.Get())), told) << name;
     EXPECT_EQ(Everything(MemorySource({test::Unsigned(bytes), bytes.size()})), told) << name;
     EXPECT_EQ(Everything(Handed(bytes)), told) << name;

@@ -75,11 +75,12 @@ TEST(ImageBuilderFailure, NothingIsLeftOfABuildThatIsNotFinished) {
       {[&] { add("/none"); }, place.source + "/none: no such file or directory"},
       {[&] { add("/f"); }, place.source + "/f: not a directory"},
       {[&] { add("", 11); }, place.source + ": an image holds 10 folders at most"},
-      {[&] { ImageBuilder(place.image).Finish(); }, place.image + ": no folder was added"},
+      {[&] { return ImageBuilder(place.image).Finish(); }, place.image + ": no folder was added"},
       {[&] { ImageBuilder x(place.target); }, place.target + ": is not a regular file"},
       {[&] { ImageBuilder x(nowhere); },
        nowhere + ": cannot be created: no such file or directory"},
-      {[&] { place.Build({.level = 10}); }, place.image + ": level is 10, 0 to 9 are possible"},
+      {[&] { return place.Build({.level = 10}); },
+       place.image + ": level is 10, 0 to 9 are possible"},
   };
   for (const auto& [work, error] : failures) EXPECT_EQ(test::ErrorOf(work), error);
   place.ExpectUntouched();
@@ -90,7 +91,7 @@ TEST(ImageBuilderFailure, CancelStopsTheBuild) {
   for (int i = 0; i < 100; ++i) place.Put(std::to_string(i));
   uint64_t files = 0;
   ImageBuilder* running = nullptr;
-  const auto onProgress = [&](const BuildProgress& at) {
+  const auto onProgress = [&](const Progress& at) {
     files = at.files;
     if (files == 10) running->Cancel();
   };
@@ -109,7 +110,7 @@ TEST(ImageBuilderFailure, ItemsThatVanishAreNamedAndLeftOut) {
   const Place place;
   for (const char* name : {"a", "m/inner", "z"}) fs::create_directories(place.source + "/" + name);
   for (const char* name : {"a/1", "b", "c", "m/2", "z/3"}) place.Put(name, name);
-  const auto onProgress = [&](const BuildProgress& at) {
+  const auto onProgress = [&](const Progress& at) {
     if (at.path == "0:/a/1") {
       fs::remove(place.source + "/c");
       fs::remove_all(place.source + "/m");
@@ -138,7 +139,7 @@ TEST(ImageBuilderFailure, NothingFromOutsideGoesIn) {
   test::WriteFile(outside + "/f", "secret");
   test::WriteFile(outside + "/z", "secret");
   const fs::path moved = fs::path(place.source + "/" + deep).parent_path().parent_path();
-  const auto onProgress = [&](const BuildProgress& at) {
+  const auto onProgress = [&](const Progress& at) {
     if (at.path == "0:/" + deep) fs::rename(moved, outside + "/deep");
     if (at.path != "0:/m") return;
     fs::rename(place.source + "/m", outside + "/m");
@@ -235,7 +236,7 @@ TEST(ImageBuilderFailure, AFullDiskLeavesTheOldImage) {
     rlimit low = old;
     low.rlim_cur = room;
     ASSERT_EQ(::setrlimit(RLIMIT_FSIZE, &low), 0);
-    const std::string error = test::ErrorOf([&] { place.Build(); });
+    const std::string error = test::ErrorOf([&] { return place.Build(); });
     ASSERT_EQ(::setrlimit(RLIMIT_FSIZE, &old), 0);
     EXPECT_NE(error.find("file too large"), std::string::npos) << room << ": " << error;
     place.ExpectUntouched();
@@ -249,7 +250,7 @@ TEST(ImageBuilderFailure, AKilledBuildLeavesTheOldImageAndIsCleanedUp) {
   const pid_t child = ::fork();
   ASSERT_GE(child, 0);
   if (child == 0) {
-    place.Build({.onProgress = [](const BuildProgress& at) {
+    place.Build({.onProgress = [](const Progress& at) {
       if (at.files == 20) ::raise(SIGKILL);
     }});
     ::_exit(1);
@@ -280,7 +281,7 @@ TEST(ImageBuilderFailure, AKilledBuildLeavesTheOldImageAndIsCleanedUp) {
   }
   EXPECT_EQ(Names(place.target)[0], other);
   live.AddDirectory(place.source);
-  live.Finish();
+  static_cast<void>(live.Finish());
   EXPECT_EQ(Names(place.target), (std::vector<std::string>{"another.cap", "x.cap"}));
 }
 

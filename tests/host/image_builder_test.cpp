@@ -1,5 +1,6 @@
 #include "capsule/host/image_builder.h"
 
+#include <fcntl.h>
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 
@@ -172,7 +173,7 @@ TEST(ImageBuilder, TooManyFoldersAreRefusedBeforeTheFirst) {
   fs::create_directories(folder / "s");
   test::WriteFile(folder / "s/f", "x");
   int inserted = 0;
-  ImageBuilder builder(folder / "x.cap", {.onProgress = [&](const BuildProgress&) { ++inserted; }});
+  ImageBuilder builder(folder / "x.cap", {.onProgress = [&](const Progress&) { ++inserted; }});
   std::vector<fs::path> folders(11, folder / "s");
   EXPECT_EQ(test::ErrorOf([&] { builder.AddDirectories(folders); }),
             folder / "x.cap: an image holds 10 folders at most, these are 11");
@@ -239,16 +240,103 @@ TEST(ImageBuilder, SourceDateEpochCapsTimes) {
   ::unsetenv("SOURCE_DATE_EPOCH");
 }
 
+// Single items give the image that a folder would give in which they lie.
+TEST(ImageBuilder, ItemsFromAnywhereComeOutLikeThoseOfAFolder) {
+  const TempDir folder;
+  const std::string bytes(50000, 'b');
+  const auto span = std::span(reinterpret_cast<const unsigned char*>(bytes.data()), bytes.size());
+  constexpr int64_t kTime = 1714564800;
+  constexpr int64_t kEarliest = 315532800;
+  const auto setTime = [](const fs::path& path, int64_t seconds) {
+    const timespec times[] = {{seconds, 0}, {seconds, 0}};
+    EXPECT_EQ(::utimensat(AT_FDCWD, path.c_str(), times, 0), 0);
+  };
+  for (const char* name : {"in/a b/c", "in/empty", "in/real/sub", "made"}) {
+    fs::create_directories(folder / name);
+  }
+  for (const char* name : {"in/a b/c/memory", "in/a b/function", "in/z"}) {
+    test::WriteFile(folder / name, bytes);
+  }
+  for (const char* name : {"in/real/1", "in/real/sub/2", "in/real/out"}) {
+    test::WriteFile(folder / name, name);
+  }
+  for (const auto& item : fs::recursive_directory_iterator(folder / "in")) {
+    setTime(item.path(), item.path().filename() == "c" ? kEarliest : kTime);
+  }
+  setTime(folder / "in", kEarliest);
+  const BuildOptions options{
+      .leavesOut = [](const std::string& path) { return path == "real/out"; }};
+  Build(folder / "folder.cap", {folder / "in"}, options);
+
+  const auto function =
+      FunctionSource(bytes.size(), [&](uint64_t at, std::span<unsigned char> out) {
+        std::copy_n(bytes.begin() + static_cast<std::ptrdiff_t>(at), out.size(), out.begin());
+        return out.size();
+      });
+  const std::vector<BuildItem> items{
+      {.path = "z", .source = folder / "in/z"},
+      {.path = "real", .source = folder / "in/real"},
+      {.path = "empty", .modified = kTime},
+      {.path = "a b/function", .bytes = function, .modified = kTime},
+      {.path = "a b", .modified = kTime},
+      {.path = "a b/c/memory", .bytes = MemorySource(span), .modified = kTime},
+  };
+  ImageBuilder builder(folder / "items.cap", options);
+  builder.AddItems(items);
+  EXPECT_EQ(builder.Finish().files, 5u);
+  EXPECT_TRUE(test::ReadFile(folder / "items.cap") == test::ReadFile(folder / "folder.cap"));
+
+  ImageBuilder other(folder / "other.cap", {.level = 0});
+  const auto broken = FunctionSource(9, [](uint64_t, std::span<unsigned char>) -> size_t {
+    throw std::system_error(EIO, std::generic_category());
+  });
+  other.AddItems({{.path = "f", .source = folder / "in/z", .modified = kTime, .attributes = 0x07},
+                  {.path = "g", .bytes = broken},
+                  {.path = "h", .bytes = MemorySource(span)}});
+  const BuildReport report = other.Finish();
+  ASSERT_EQ(report.problems.size(), 1u);
+  EXPECT_EQ(report.problems[0].path + ": " + report.problems[0].reason,
+            "g: read at 0x0: input/output error");
+  const Image image(folder / "other.cap");
+  EXPECT_TRUE(image.IsWhole());
+  EXPECT_EQ(image.Find("f")->Attributes(), 0x07);
+  EXPECT_EQ(image.Find("f")->ModifiedTime(), kTime);
+  EXPECT_EQ(test::ReadAll(image, *image.Find("h")), bytes);
+
+  const auto memory = MemorySource(span);
+  const std::pair<std::vector<BuildItem>, ErrorKind> refused[] = {
+      {{{.path = "a/../b"}}, ErrorKind::Misuse},
+      {{{.path = "/a"}}, ErrorKind::Misuse},
+      {{{.path = ""}}, ErrorKind::Misuse},
+      {{{.path = "a", .source = folder / "in/z", .bytes = memory}}, ErrorKind::Misuse},
+      {{{.path = "a", .attributes = 0x10}}, ErrorKind::Misuse},
+      {{{.path = "a."}}, ErrorKind::Unsupported},
+      {{{.path = "a", .source = "/dev/null"}}, ErrorKind::Unsupported},
+      {{{.path = "a", .source = folder / "none"}}, ErrorKind::NotFound},
+      {{{.path = "a"}, {.path = "a"}}, ErrorKind::Exists},
+      {{{.path = "a", .bytes = memory}, {.path = "a/b/c"}}, ErrorKind::Exists},
+      {{{.path = "a", .source = folder / "in"}, {.path = "a/b"}}, ErrorKind::Exists},
+  };
+  for (const auto& [wrong, kind] : refused) {
+    ImageBuilder refusing(folder / "refused.cap");
+    try {
+      refusing.AddItems(wrong);
+      ADD_FAILURE() << wrong[0].path;
+    } catch (const Error& error) {
+      EXPECT_EQ(error.Kind(), kind) << error.what();
+    }
+  }
+}
+
 TEST(ImageBuilder, ReportsProgress) {
   const TempDir folder;
   fs::create_directories(folder / "s/d");
   fs::create_directories(folder / "d");
   test::WriteFile(folder / "s/d/f", "12345");
   std::vector<std::string> seen;
-  Build(folder / "x.cap", {folder / "d", folder / "s"},
-        {.onProgress = [&](const BuildProgress& at) {
+  Build(folder / "x.cap", {folder / "d", folder / "s"}, {.onProgress = [&](const Progress& at) {
           seen.push_back(at.path + " " + std::to_string(at.files) + std::to_string(at.directories) +
-                         std::to_string(at.sourceBytes));
+                         std::to_string(at.bytesDone));
         }});
   EXPECT_EQ(seen, (std::vector<std::string>{"1:/d 010", "1:/d/f 115"}));
 }

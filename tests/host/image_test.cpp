@@ -123,7 +123,7 @@ TEST_F(ImageTest, BackwardRangesOfALongFileAgree) {
   test::WriteFile(m_Directory / "in/long.txt", text);
   ImageBuilder builder(m_Path);
   builder.AddDirectory(m_Directory / "in");
-  builder.Finish();
+  static_cast<void>(builder.Finish());
   const Image image(m_Path);
   FileReader reader = image.OpenFile(*image.Find("long.txt"));
   for (size_t at = text.size() - 1000; at > 100'000; at -= 99'991) {
@@ -256,7 +256,8 @@ TEST_F(ImageTest, RecordsMustHoldExactlyWhatTheyState) {
 
 TEST_F(ImageTest, CompressedRecordsMustDecodeToTheirLength) {
   const std::string whole = test::ReadFile(SamplePath("f_16384_lzs.img"));
-  const size_t data = Image(SamplePath("f_16384_lzs.img")).Find("0:/DATA/C.BIN")->Offset() + 40;
+  const Image sample(SamplePath("f_16384_lzs.img"));
+  const size_t data = sample.Find("0:/DATA/C.BIN")->Offset() + 40;
   const auto readingError = [&](size_t at, int flipped) {
     std::string bytes = whole;
     bytes[data + at] ^= static_cast<char>(flipped);

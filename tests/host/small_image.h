@@ -2,6 +2,7 @@
 #pragma once
 
 #include <algorithm>
+#include <array>
 #include <cstdint>
 #include <span>
 #include <string>
@@ -11,6 +12,7 @@
 #include "capsule/container/header_format.h"
 #include "capsule/host/index_writer.h"
 #include "capsule/partition/record_format.h"
+#include "capsule/platform/little_endian.h"
 #include "tests/support/temp_dir.h"
 
 namespace capsule::test {
@@ -46,6 +48,21 @@ class SmallImage {
     entry.FileSize = size;
     AddBytes(EncodeMiniHeader({kRecordDirectory, 1, 0, kDirEntrySize}));
     AddBytes(EncodeShortEntry(entry));
+  }
+  // A long name of up to 12 characters for the entry that follows, `name`.
+  void LongName(std::string_view longName, std::string_view name) {
+    constexpr int kPlaces[] = {1, 3, 5, 7, 9, 14, 16, 18, 20, 22, 24, 28, 30};
+    std::array<unsigned char, 32> piece{0x41};
+    piece[11] = kLongNameAttribute;
+    std::array<unsigned char, 11> bytes;
+    std::copy_n(name.begin(), bytes.size(), bytes.begin());
+    piece[13] = ShortNameChecksum(bytes);
+    for (size_t i = 0; i < std::size(kPlaces); ++i) {
+      const int unit = i < longName.size() ? longName[i] : i == longName.size() ? 0 : 0xFFFF;
+      platform::StoreLe16(&piece[kPlaces[i]], static_cast<uint16_t>(unit));
+    }
+    AddBytes(EncodeMiniHeader({kRecordDirectory, 1, 0, kDirEntrySize}));
+    AddBytes(piece);
   }
   void Folder(std::string_view name) {
     Entry(name, kDirectoryAttribute);
@@ -88,7 +105,7 @@ inline SmallImage TwoFiles() {
 // Writes the image with its index; returns its bytes.
 inline std::string WriteIndexed(const std::string& path, SmallImage image) {
   WriteFile(path, image.Bytes());
-  host::IndexWriter(path).Write();
+  static_cast<void>(host::IndexWriter(path).Write());
   return ReadFile(path);
 }
 

@@ -29,11 +29,14 @@ class StrictReading : public testing::Test {
     test::WriteFile(m_Dir / "in/folder/below/deep", "text");
     ImageBuilder builder(m_Path, {});
     builder.AddDirectory(m_Dir / "in");
-    builder.Finish();
+    static_cast<void>(builder.Finish());
     m_Whole = test::ReadFile(m_Path);
   }
 
-  uint32_t OffsetOf(const char* path) const { return Image(m_Path).Find(path)->Offset(); }
+  uint32_t OffsetOf(const char* path) const {
+    const Image image(m_Path);
+    return image.Find(path)->Offset();
+  }
 
   // Flips bits of one byte.
   void Damage(size_t offset, int change = 0x40) const {
@@ -108,7 +111,7 @@ TEST(StrictNtfs, FilesAreComparedWithTheirCheckValues) {
   const test::TempDir folder;
   const std::string path = folder / "n.img";
   fs::copy_file(CAPSULE_TEST_DATA "/images/n_flat_old.img", path);
-  IndexWriter(path).Write();
+  static_cast<void>(IndexWriter(path).Write());
   const test::DamageSeed seed(path);
   for (const SectionItem& item : seed.Items()) {
     const std::string name = "0:/" + item.path;

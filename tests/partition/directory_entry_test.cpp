@@ -6,7 +6,7 @@
 #include <tuple>
 
 #include "capsule/partition/record_format.h"
-#include "capsule/platform/descriptor_owner.h"
+#include "capsule/platform/scoped_descriptor.h"
 #include "tests/support/bytes.h"
 #include "tests/support/source_tree.h"
 
@@ -26,7 +26,7 @@ class DirectoryEntryTest : public testing::Test {
   std::string Written(const char* path, CapsuleDirectoryEntry::DirectoryType type = kFat32) {
     const std::string target = m_Tree.Beside("records");
     std::filesystem::remove(target);
-    const platform::DescriptorOwner image(platform::OpenForWriting(target.c_str()));
+    const platform::ScopedDescriptor image(platform::OpenForWriting(target.c_str()));
     CapsuleDirectoryEntry entry;
     int count = 0;
     EXPECT_EQ(entry.SetFileDirectory(type, path, image.Get(), 0, &count), 0) << path;
@@ -40,7 +40,7 @@ class DirectoryEntryTest : public testing::Test {
   int Read(CapsuleDirectoryEntry& entry, const std::string& bytes, int* count) {
     const std::string image = m_Tree.Beside("image");
     test::WriteFile(image, Zeros(100) + bytes);
-    const platform::DescriptorOwner file(platform::OpenForReading(image.c_str()));
+    const platform::ScopedDescriptor file(platform::OpenForReading(image.c_str()));
     return entry.Read(kFat32, file.Get(), 100, count);
   }
 
@@ -126,7 +126,7 @@ TEST_F(DirectoryEntryTest, PendingZeroEntriesComeFirst) {
   EXPECT_EQ(m_Tree.State().dirLevelsToClose, 0);
   EXPECT_EQ(Written("C:\\F"), bytes.substr(80));
 
-  const platform::DescriptorOwner full(platform::OpenForWriting("/dev/full"));
+  const platform::ScopedDescriptor full(platform::OpenForWriting("/dev/full"));
   CapsuleDirectoryEntry entry;
   int count = 0;
   EXPECT_EQ(entry.SetFileDirectory(kFat32, "C:\\missing", full.Get(), 0, &count), -1);

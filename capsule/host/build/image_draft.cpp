@@ -7,6 +7,7 @@
 
 #include "capsule/blocks/data_block_format.h"
 #include "capsule/host/error.h"
+#include "capsule/host/file/image_file.h"
 #include "capsule/host/file/reason.h"
 #include "capsule/host/index_writer.h"
 #include "capsule/partition/record_format.h"
@@ -66,35 +67,37 @@ std::string SourceProblem(const SourceItem& item) {
 }  // namespace
 
 ImageDraft::ImageDraft(std::string target, std::string name, int level, const std::string& version,
-                       const std::atomic<bool>* cancel)
-    : m_strTarget(std::move(target)), m_strName(std::move(name)) {
+                       std::stop_token stop)
+    : m_strTarget(std::move(target)), m_strName(std::move(name)), m_observer(std::move(stop)) {
   if (const auto old = platform::Status(m_strTarget)) {
-    if (old->kind != platform::FileKind::Regular) Fail("is not a regular file");
+    if (old->kind != platform::FileKind::Regular) Fail(ErrorKind::Exists, "is not a regular file");
     m_Old = old->identity;
   }
-  if (!m_Temporary.Create(m_strTarget)) Fail("cannot be created: " + SystemReason(errno));
+  if (!m_Temporary.Create(m_strTarget)) FailAs("cannot be created", errno);
   m_Own = platform::Identify(m_Temporary.Descriptor());
 
-  m_State.cancel = cancel;
   m_State.hostView.SetTimePolicy(platform::TimePolicy::ModificationOnly);
-  m_State.onChunk = [this](int64_t record, uint32_t fileOffset,
-                           std::span<const unsigned char> before, bool isCompressed) {
-    m_Restarts.Take(record, fileOffset, before, isCompressed);
-  };
   const ScopedLibraryState scope(m_State);
   if (m_Image.CreateCapsuleFile(m_Temporary.Path().c_str()) != 0) {
-    Fail("cannot be created: " + SystemReason(m_Image.GetLastError()));
+    FailAs("cannot be created", m_Image.GetLastError());
   }
   m_bOpen = true;
   m_Image.SetCompressionLevel(level);
   if (m_Image.WriteImageFileHeader(version.c_str()) != 0) {
     const int error = m_Image.GetLastError();
     CloseImage();
-    Fail("write of the header: " + SystemReason(error));
+    FailAs("write of the header", error);
   }
 }
 
 ImageDraft::~ImageDraft() { CloseImage(); }
+
+bool ImageDraft::Observer::OnChunk(const Chunk& next) {
+  if (stop.stop_requested()) return false;
+  restarts.Take(next);
+  if (onBytes && next.fileOffset != 0) onBytes(next.fileOffset);
+  return true;
+}
 
 void ImageDraft::CapTimes(int64_t unixSeconds) { m_State.hostView.CapTimes(unixSeconds); }
 
@@ -103,7 +106,7 @@ void ImageDraft::BeginPartition() {
   const ScopedLibraryState scope(m_State);
   errno = 0;
   if (m_Image.BeginPartition(m_nPartition) == 0) return;
-  Fail("write: " + SystemReason(errno != 0 ? errno : EFBIG));
+  FailAs("write", errno != 0 ? errno : EFBIG);
 }
 
 std::optional<std::string> ImageDraft::Insert(const SourceItem& item) {
@@ -117,14 +120,14 @@ std::optional<std::string> ImageDraft::Insert(const SourceItem& item) {
   errno = 0;
   if (InsertOpened(item) == 0) return std::nullopt;
   const int error = errno;
-  m_Restarts.Forget(m_Image.GetWriteOffset());
+  m_observer.restarts.Forget(m_Image.GetWriteOffset());
   // What comes next lies where it would have without this item.
   m_State.previousInsertDir = previousDir;
   m_State.dirLevelsToClose = levelsToClose;
   ThrowIfCancelled();
   ThrowIfShort(item.path, "cannot be inserted", error);
-  if (IsWriteFailure(error)) Fail("write: " + SystemReason(error));
-  std::string problem = SourceProblem(item);
+  if (IsWriteFailure(error)) FailAs("write", error);
+  std::string problem = item.bytes ? m_sourceProblem : SourceProblem(item);
   if (!problem.empty()) return problem;
   ThrowIfFull(error, item.status.size);
   return error != 0 ? SystemReason(error) : "cannot be read";
@@ -132,25 +135,51 @@ std::optional<std::string> ImageDraft::Insert(const SourceItem& item) {
 
 // With the item in the place of everything that paths could lead to.
 int ImageDraft::InsertOpened(const SourceItem& item) {
-  const platform::OpenedItem opened{ItemPath(m_nPartition, item.relative), item.file.Get(),
-                                    item.status, item.folder, item.alias};
+  platform::OpenedItem opened{ItemPath(m_nPartition, item.relative),
+                              item.file.Get(),
+                              item.status,
+                              item.folder,
+                              item.alias,
+                              item.attributes,
+                              {}};
+  m_sourceProblem.clear();
+  if (item.bytes) {
+    opened.read = [&](uint64_t offset, std::span<unsigned char> out) {
+      return ReadSource(item, offset, out);
+    };
+  }
   m_State.hostView.SetOpenedItem(&opened);
-  const int result = m_Image.InsertFile(opened.path.c_str(), m_nPartition);
+  const int result = m_Image.InsertFile(opened.path.c_str(), m_nPartition, &m_observer);
   m_State.hostView.SetOpenedItem(nullptr);
   return result;
+}
+
+// What goes wrong with bytes of the host is a problem of the item, like that with a file.
+bool ImageDraft::ReadSource(const SourceItem& item, uint64_t offset, std::span<unsigned char> out) {
+  try {
+    const ImageFile bytes(item.bytes, item.path);
+    if (bytes.ReadAt(offset, out) == out.size()) return true;
+    m_sourceProblem = kChanged;
+  } catch (const ShortageError&) {
+    throw;
+  } catch (const Error& error) {
+    m_sourceProblem = error.Reason();
+  }
+  return false;
 }
 
 // The source being as it was, the image may be what could not take it.
 void ImageDraft::ThrowIfFull(int error, uint64_t size) {
   const auto end = static_cast<uint64_t>(m_Image.GetWriteOffset());
   if (MostBytes(size) + kPartitionTrailerSize > static_cast<uint64_t>(kMaxImageSize) - end) {
-    Fail("image would be larger than " + std::to_string(kMaxImageSize) + " bytes");
+    Fail(ErrorKind::Unsupported,
+         "image would be larger than " + std::to_string(kMaxImageSize) + " bytes");
   }
   if (!platform::CanGrow(m_Temporary.Descriptor(), static_cast<int64_t>(end),
                          static_cast<int64_t>(MostBytes(size)))) {
-    Fail("write: " + SystemReason(errno));
+    FailAs("write", errno);
   }
-  if (error == EIO) Fail("write: " + SystemReason(error));
+  if (error == EIO) FailAs("write", error);
 }
 
 bool ImageDraft::IsOwnFile(const platform::FileIdentity& identity) const {
@@ -161,15 +190,13 @@ uint64_t ImageDraft::Complete(int* syncProblem) {
   {
     const ScopedLibraryState scope(m_State);
     errno = 0;
-    if (m_Image.CloseImageFile() != 0) Fail("write: " + SystemReason(errno != 0 ? errno : EIO));
+    if (m_Image.CloseImageFile() != 0) FailAs("write", errno != 0 ? errno : EIO);
     m_bOpen = false;
   }
   IndexWriter index(m_Temporary.Descriptor(), m_strName);
-  index.SetCancelFlag(m_State.cancel);
-  index.SetKnownRestarts(&m_Restarts);
-  const IndexReport report = index.Write();
-  if (const char* step = m_Temporary.Publish(syncProblem))
-    Fail(std::string(step) + ": " + SystemReason(errno));
+  index.SetKnownRestarts(&m_observer.restarts);
+  const IndexReport report = index.Write({.stop = m_observer.stop});
+  if (const char* step = m_Temporary.Publish(syncProblem)) FailAs(step, errno);
   return report.imageBytes;
 }
 
@@ -178,9 +205,15 @@ void ImageDraft::CloseImage() {
 }
 
 void ImageDraft::ThrowIfCancelled() const {
-  if (*m_State.cancel) Fail("cancelled");
+  if (m_observer.stop.stop_requested()) Fail(ErrorKind::Cancelled, "cancelled");
 }
 
-void ImageDraft::Fail(const std::string& reason) const { throw Error(m_strName, reason); }
+void ImageDraft::Fail(ErrorKind kind, const std::string& reason) const {
+  throw Error(kind, m_strName, reason);
+}
+
+void ImageDraft::FailAs(const char* step, int error) const {
+  ThrowSystemError(m_strName, step, error);
+}
 
 }  // namespace capsule::host

@@ -6,13 +6,18 @@
 // thread uses a draft.
 #pragma once
 
-#include <atomic>
 #include <cstdint>
+#include <functional>
 #include <optional>
+#include <span>
+#include <stop_token>
 #include <string>
+#include <utility>
 
+#include "capsule/blocks/insert_observer.h"
 #include "capsule/container/capsule_file.h"
 #include "capsule/host/build/source_walk.h"
+#include "capsule/host/error.h"
 #include "capsule/host/indexing/restart_collector.h"
 #include "capsule/platform/file.h"
 #include "capsule/platform/temporary_file.h"
@@ -23,12 +28,17 @@ namespace capsule::host {
 class ImageDraft {
  public:
   // `target`: absolute. `name`: what errors call it. `level`: 0 to 9. `version`: up to 255 bytes.
-  // Once `*cancel` is true, Insert and Complete throw soon; the flag must outlive the draft.
+  // Once `stop` is requested, Insert and Complete throw soon.
   ImageDraft(std::string target, std::string name, int level, const std::string& version,
-             const std::atomic<bool>* cancel);
+             std::stop_token stop);
   ~ImageDraft();
   ImageDraft(const ImageDraft&) = delete;
   ImageDraft& operator=(const ImageDraft&) = delete;
+
+  // `onBytes` learns how many bytes of a file are inserted, in front of every chunk but the first.
+  void SetWatch(std::function<void(uint64_t bytes)> onBytes) {
+    m_observer.onBytes = std::move(onBytes);
+  }
 
   // No time is written that is later than this many seconds after 1970.
   void CapTimes(int64_t unixSeconds);
@@ -50,8 +60,20 @@ class ImageDraft {
   uint64_t Complete(int* syncProblem);
 
  private:
+  // Notes restart points, and ends an insertion that is cancelled.
+  struct Observer : InsertObserver {
+    explicit Observer(std::stop_token token) : stop(std::move(token)) {}
+    bool OnChunk(const Chunk& next) override;
+
+    std::stop_token stop;
+    std::function<void(uint64_t)> onBytes;
+    RestartCollector restarts;
+  };
+
   int InsertOpened(const SourceItem& item);
-  [[noreturn]] void Fail(const std::string& reason) const;
+  bool ReadSource(const SourceItem& item, uint64_t offset, std::span<unsigned char> out);
+  [[noreturn]] void Fail(ErrorKind kind, const std::string& reason) const;
+  [[noreturn]] void FailAs(const char* step, int error) const;
   void ThrowIfFull(int error, uint64_t size);
   void CloseImage();
   void ThrowIfCancelled() const;
@@ -63,9 +85,10 @@ class ImageDraft {
   std::optional<platform::FileIdentity> m_Old;
   LibraryState m_State;
   CapsuleFile m_Image;
-  RestartCollector m_Restarts;
+  Observer m_observer;
   bool m_bOpen = false;  // m_Image has the file open
   int m_nPartition = -1;
+  std::string m_sourceProblem;  // of bytes of the host
 };
 
 }  // namespace capsule::host

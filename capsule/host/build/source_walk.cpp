@@ -49,7 +49,7 @@ void MarkFailed(SourceItem* item, int error) {
 }
 
 // Files that come and go decide no alias of others.
-std::vector<std::string> WithoutUnfinished(const ScopedDescriptor& folder,
+std::vector<std::string> WithoutUnfinished(const platform::ScopedDescriptor& folder,
                                            std::vector<std::string> names) {
   std::erase_if(names, [&](const std::string& name) {
     if (!platform::IsUnfinishedName(name)) return false;
@@ -77,9 +77,9 @@ const char* NameProblem(std::string_view name) {
 
 SourceWalk::SourceWalk(std::string root, Filter filter)
     : m_strRoot(std::move(root)), m_Filter(std::move(filter)) {
-  ScopedDescriptor folder(platform::OpenFolderBehind(m_strRoot.c_str()));
+  platform::ScopedDescriptor folder(platform::OpenFolderBehind(m_strRoot.c_str()));
   const auto status = folder ? platform::StatusOf(folder.Get()) : std::nullopt;
-  if (!status || !Push(std::move(folder), *status)) throw Error(m_strRoot, SystemReason(errno));
+  if (!status || !Push(std::move(folder), *status)) ThrowSystemError(m_strRoot, "", errno);
 }
 
 bool SourceWalk::Next(SourceItem* item) {
@@ -121,7 +121,8 @@ void SourceWalk::Examine(const std::string& name, SourceItem* item) {
 }
 
 void SourceWalk::OpenFile(const std::string& name, SourceItem* item) {
-  item->file = ScopedDescriptor(platform::OpenFileIn(m_Frames.back().folder.Get(), name.c_str()));
+  item->file =
+      platform::ScopedDescriptor(platform::OpenFileIn(m_Frames.back().folder.Get(), name.c_str()));
   const auto status = item->file ? platform::StatusOf(item->file.Get()) : std::nullopt;
   if (!status) return MarkFailed(item, errno);
   if (!IsSame(*status, item->status)) return MarkUnreadable(item, kChanged);
@@ -129,7 +130,8 @@ void SourceWalk::OpenFile(const std::string& name, SourceItem* item) {
 }
 
 void SourceWalk::Enter(const std::string& name, SourceItem* item) {
-  ScopedDescriptor folder(platform::OpenFolderIn(m_Frames.back().folder.Get(), name.c_str()));
+  platform::ScopedDescriptor folder(
+      platform::OpenFolderIn(m_Frames.back().folder.Get(), name.c_str()));
   const auto status = folder ? platform::StatusOf(folder.Get()) : std::nullopt;
   if (!status) return MarkFailed(item, errno);
   if (!IsSame(*status, item->status)) return MarkUnreadable(item, kChanged);
@@ -142,12 +144,12 @@ void SourceWalk::Enter(const std::string& name, SourceItem* item) {
 // Closes the folder above the current one, where there is a way back to it.
 void SourceWalk::CloseAbove() {
   Frame& above = m_Frames[m_Frames.size() - 2];
-  const ScopedDescriptor back(platform::OpenFolderIn(m_Frames.back().folder.Get(), ".."));
+  const platform::ScopedDescriptor back(platform::OpenFolderIn(m_Frames.back().folder.Get(), ".."));
   if (IsAbove(back, above)) above.folder.Close();
 }
 
 // Lists the folder, which becomes the current one; false with errno when it cannot.
-bool SourceWalk::Push(ScopedDescriptor folder, const platform::FileStatus& status) {
+bool SourceWalk::Push(platform::ScopedDescriptor folder, const platform::FileStatus& status) {
   auto names = platform::ListDirectory(folder.Get());
   if (!names) return false;
   auto aliases =
@@ -163,12 +165,12 @@ void SourceWalk::Leave() {
   m_Frames.pop_back();
   m_strRelative.resize(left.pathLength);
   if (m_Frames.empty() || m_Frames.back().folder) return;
-  ScopedDescriptor above(platform::OpenFolderIn(left.folder.Get(), ".."));
+  platform::ScopedDescriptor above(platform::OpenFolderIn(left.folder.Get(), ".."));
   if (!above) ThrowIfShort(m_strRoot, "cannot be read", errno);
   if (IsAbove(above, m_Frames.back())) m_Frames.back().folder = std::move(above);
 }
 
-bool SourceWalk::IsAbove(const ScopedDescriptor& above, const Frame& frame) const {
+bool SourceWalk::IsAbove(const platform::ScopedDescriptor& above, const Frame& frame) const {
   return above && platform::Identify(above.Get()) == frame.status.identity;
 }
 

@@ -13,13 +13,16 @@
 
 #include <cstdint>
 #include <functional>
+#include <memory>
+#include <optional>
 #include <string>
 #include <string_view>
 #include <unordered_map>
 #include <vector>
 
-#include "capsule/host/file/scoped_descriptor.h"
+#include "capsule/host/byte_source.h"
 #include "capsule/platform/host_files.h"
+#include "capsule/platform/scoped_descriptor.h"
 
 namespace capsule::host {
 
@@ -37,16 +40,30 @@ struct SourceItem {
   std::string path;      // of the system
   std::string relative;  // to the walk's root, '/' between segments
   platform::FileStatus status;
-  platform::FileStatus folder;  // of the folder that it lies in
-  std::string alias;            // its 8.3 name
-  ScopedDescriptor file;        // open for reading, when it is one
+  platform::FileStatus folder;              // of the folder that it lies in
+  std::string alias;                        // its 8.3 name
+  platform::ScopedDescriptor file;          // open for reading, when it is one of the system
+  std::shared_ptr<const ByteSource> bytes;  // of a file that is none
+  std::optional<uint8_t> attributes;        // instead of those that `status` gives
   std::string reason;
+};
+
+// What hands out items: a folder and then all that is in it.
+class ItemWalk {
+ public:
+  virtual ~ItemWalk() = default;
+
+  // The next item; false behind the last.
+  virtual bool Next(SourceItem* item) = 0;
+
+  // Leaves out what lies in the folder handed out last.
+  virtual void SkipFolder() = 0;
 };
 
 // Why an image cannot hold an item of this name; null when it can.
 const char* NameProblem(std::string_view name);
 
-class SourceWalk {
+class SourceWalk : public ItemWalk {
  public:
   // Whether an item is left out, by name and by path below the root.
   using Filter = std::function<bool(const std::string& name, const std::string& relative)>;
@@ -54,17 +71,14 @@ class SourceWalk {
   // Throws Error when `root` cannot be listed.
   SourceWalk(std::string root, Filter filter);
 
-  // The next item; false behind the last.
-  bool Next(SourceItem* item);
-
-  // Leaves out what lies in the folder handed out last.
-  void SkipFolder();
+  bool Next(SourceItem* item) override;
+  void SkipFolder() override;
 
  private:
   struct Frame {
     // None in a folder that the walk is below of at great depth, and can go back to by "..", or
     // cannot any more.
-    ScopedDescriptor folder;
+    platform::ScopedDescriptor folder;
     platform::FileStatus status;
     std::vector<std::string> names;  // in byte order from the end on
     std::unordered_map<std::string, std::string> aliases;
@@ -74,10 +88,10 @@ class SourceWalk {
   void Examine(const std::string& name, SourceItem* item);
   void OpenFile(const std::string& name, SourceItem* item);
   void Enter(const std::string& name, SourceItem* item);
-  bool Push(ScopedDescriptor folder, const platform::FileStatus& status);
+  bool Push(platform::ScopedDescriptor folder, const platform::FileStatus& status);
   void CloseAbove();
   void Leave();
-  bool IsAbove(const ScopedDescriptor& above, const Frame& frame) const;
+  bool IsAbove(const platform::ScopedDescriptor& above, const Frame& frame) const;
 
   std::string m_strRoot;
   Filter m_Filter;

@@ -47,9 +47,8 @@ class TemporaryFile {
 
  private:
   [[noreturn]] void Fail(const std::string& what) const {
-    if (errno == EEXIST) throw Error(m_Entry.Path(), kExists);
-    ThrowIfShort(m_Entry.Path(), what, errno);
-    throw Error(m_Entry.Path(), what + ": " + SystemReason(errno));
+    if (errno == EEXIST) throw Error(ErrorKind::Exists, m_Entry.Path(), kExists);
+    ThrowSystemError(m_Entry.Path(), what, errno);
   }
 
   Entry m_Entry;
@@ -61,10 +60,10 @@ class TemporaryFile {
 void RefuseExisting(const Entry& file, int folder, bool force) {
   switch (platform::LookIn(folder, std::string(file.Name()).c_str())) {
     case platform::Presence::Folder:
-      throw Error(file.Path(), "a folder is in the way in the target folder");
+      throw Error(ErrorKind::Exists, file.Path(), "a folder is in the way in the target folder");
     case platform::Presence::File:
     case platform::Presence::Other:
-      if (!force) throw Error(file.Path(), kExists);
+      if (!force) throw Error(ErrorKind::Exists, file.Path(), kExists);
       return;
     default:
       return;
@@ -74,12 +73,14 @@ void RefuseExisting(const Entry& file, int folder, bool force) {
 }  // namespace
 
 ExtractedFile ExtractFile(const Image& image, const Entry& file, int folder,
-                          const ExtractOptions& options) {
+                          const ExtractOptions& options,
+                          const std::function<void(uint64_t bytes)>& onBytes) {
   RefuseExisting(file, folder, options.force);
   TemporaryFile out(folder, file);
   ExtractedFile done;
   const auto take = [&](std::span<const unsigned char> bytes, uint64_t zeros) {
     zeros == 0 ? out.Append(bytes) : out.AppendZeros(zeros);
+    onBytes(out.Size());
   };
   image.CopyLeft(file, 0, file.Size(), options.onDamage, take, [&](const LostRange& lost) {
     done.isDamaged = true;

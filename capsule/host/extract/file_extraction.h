@@ -2,6 +2,7 @@
 #pragma once
 
 #include <cstdint>
+#include <functional>
 
 #include "capsule/host/extractor.h"
 #include "capsule/host/image.h"
@@ -15,8 +16,9 @@ struct ExtractedFile {
 
 // `folder` is a descriptor. The file appears under its name when it is complete, or when the
 // options take what is left of it, or not at all; an existing one is replaced only with `force`.
-// Throws Error.
+// `onBytes` learns how much of it is there; what it throws ends it. Throws Error.
 ExtractedFile ExtractFile(const Image& image, const Entry& file, int folder,
-                          const ExtractOptions& options);
+                          const ExtractOptions& options,
+                          const std::function<void(uint64_t bytes)>& onBytes);
 
 }  // namespace capsule::host

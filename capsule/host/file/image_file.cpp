@@ -4,8 +4,7 @@
 #include <system_error>
 #include <utility>
 
-#include "capsule/host/error.h"
-#include "capsule/host/message_text.h"
+#include "capsule/host/file/reason.h"
 
 namespace capsule::host {
 
@@ -19,7 +18,7 @@ uint64_t ImageFile::Size() const {
   try {
     return m_state->source->Size();
   } catch (const std::system_error& error) {
-    throw Error(Name(), "cannot tell its length: " + SystemReason(error.code().value()));
+    ThrowSystemError(Name(), "cannot tell its length", error.code());
   }
 }
 
@@ -28,8 +27,7 @@ size_t ImageFile::ReadAt(uint64_t offset, std::span<unsigned char> out) const {
     // A source of the host may claim to have filled more than it was given.
     return std::min(m_state->source->ReadAt(offset, out), out.size());
   } catch (const std::system_error& error) {
-    throw Error(Name(), "read at " + Hex(offset) + ": " + SystemReason(error.code().value()),
-                offset);
+    ThrowSystemError(Name(), "read at " + Hex(offset), error.code(), offset);
   }
 }
 

@@ -21,6 +21,12 @@ bool HasSectorMark(HeaderBytes header, HeaderLayout layout) {
 
 }  // namespace
 
+ErrorKind KindOfBadHeader(std::span<const unsigned char> stored) {
+  if (stored.size() < kHeaderSize) return ErrorKind::NotAnImage;
+  const HeaderBytes header(stored.data(), kHeaderSize);
+  return HasSectorMark(header, SelectLayout(header)) ? ErrorKind::Damaged : ErrorKind::NotAnImage;
+}
+
 std::string JudgeSpareRecords(HeaderBytes stored, const DecodedHeader& header) {
   if (header.layout != HeaderLayout::Fixed || stored[kScrambleFlagOffset] == 1) return {};
   for (size_t i = header.partitions.size(); i < kMaxPartitions; ++i) {
@@ -41,7 +47,8 @@ void CheckIndexOffset(const DecodedHeader& header, const ImageFile& image) {
   }
   if (header.indexOffset < kHeaderSize) {
     throw Error(
-        path, "not an image: its index would lie inside the header, at " + Hex(header.indexOffset));
+        ErrorKind::NotAnImage, path,
+        "not an image: its index would lie inside the header, at " + Hex(header.indexOffset));
   }
   if (header.indexOffset >= fileSize) {
     throw Error(path, "image is cut short: its index begins at " +
@@ -54,14 +61,15 @@ DecodedHeader ReadImageHeader(const ImageFile& image) {
   const std::string& path = image.Name();
   const uint64_t fileSize = image.Size();
   if (fileSize < kHeaderSize) {
-    throw Error(path, "not an image: " + std::to_string(fileSize) + " bytes, a header alone has " +
-                          std::to_string(kHeaderSize));
+    throw Error(ErrorKind::NotAnImage, path,
+                "not an image: " + std::to_string(fileSize) + " bytes, a header alone has " +
+                    std::to_string(kHeaderSize));
   }
   std::vector<unsigned char> bytes(kHeaderSize);
   if (image.ReadAt(0, bytes) != bytes.size()) throw Error(path, "image is cut short");
   const std::span<unsigned char, kHeaderSize> header(bytes.data(), kHeaderSize);
-  if (!HasSectorMark(header, SelectLayout(header))) {
-    throw Error(path, "not an image: no image header at its start");
+  if (KindOfBadHeader(header) == ErrorKind::NotAnImage) {
+    throw Error(ErrorKind::NotAnImage, path, "not an image: no image header at its start");
   }
   std::string problem;
   std::optional<DecodedHeader> decoded;

@@ -3,15 +3,21 @@
 #pragma once
 
 #include <cstdint>
+#include <span>
 #include <string>
 
 #include "capsule/container/header_format.h"
+#include "capsule/host/error.h"
 #include "capsule/host/index/index_check.h"
 
 namespace capsule::host {
 
 // The header of the image at `path`, checked for being one that can be read.
 DecodedHeader ReadImageHeader(const ImageFile& image);
+
+// Whether a header that cannot be read is one at all: Damaged then, else NotAnImage. `stored`: the
+// first bytes of the file.
+ErrorKind KindOfBadHeader(std::span<const unsigned char> stored);
 
 // What is wrong with the partition records behind those that the header counts, which are to be
 // empty; nothing where they cannot be told. `stored`: the bytes of the header as they are.

@@ -10,7 +10,7 @@
 #include "capsule/host/index/index_reader.h"
 #include "capsule/host/index/path_hash.h"
 #include "capsule/host/index/restart_point.h"
-#include "capsule/partition/record_format.h"
+#include "capsule/partition/entry_group.h"
 #include "capsule/platform/byte_reader.h"
 #include "capsule/platform/little_endian.h"
 
@@ -145,7 +145,7 @@ uint32_t IndexContents::LimitOf(uint32_t offset) const {
 bool IsReadAsNothing(FileWindow& window, uint64_t offset) {
   const auto bytes = window.At(offset, kDirRecordSize);
   return bytes.size() == kDirRecordSize &&
-         DecodeShortEntry(bytes.last<kDirEntrySize>()).Name[0] == 0;
+         RoleOf(DecodeShortEntry(bytes.last<kDirEntrySize>())) == EntryRole::Closing;
 }
 
 IndexContents CheckIndex(const ImageFile& image, uint64_t indexOffset, bool keepRecords) {

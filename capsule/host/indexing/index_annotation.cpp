@@ -94,11 +94,11 @@ void Replace(int descriptor, const ImageInfo& info, const std::string& name,
   if (!write(old, bytes.size() - old)) {
     const int reason = errno;
     platform::Truncate(descriptor, static_cast<int64_t>(info.imageBytes));
-    throw Error(name, "write of the index: " + SystemReason(reason));
+    ThrowSystemError(name, "write of the index", reason);
   }
   const auto end = static_cast<int64_t>(info.indexOffset + bytes.size());
   if (!write(0, old) || !platform::Truncate(descriptor, end)) {
-    throw Error(name, "write of the index: " + SystemReason(errno));
+    ThrowSystemError(name, "write of the index", errno);
   }
 }
 
@@ -107,13 +107,15 @@ void RefuseWhatIsNotLedTo(const ImageFile& image) {
   try {
     const Image strict(image.Source(), name);
   } catch (const Error& error) {
-    throw Error(name, error.Reason() + "; the index tells what stood there, and stays as it is");
+    throw Error(error.Kind(), name,
+                error.Reason() + "; the index tells what stood there, and stays as it is");
   }
 }
 
 }  // namespace
 
-IndexReport AnnotateIndex(int descriptor, const Image& image, bool force) {
+IndexReport AnnotateIndex(int descriptor, const Image& image, bool force,
+                          const VerifyOptions& options) {
   const ImageInfo& info = image.Info();
   const std::string& name = image.Path();
   const ImageFile file(descriptor, name);
@@ -125,11 +127,12 @@ IndexReport AnnotateIndex(int descriptor, const Image& image, bool force) {
   }
   IndexReport report = ReportOn(info);
   Notes notes;
-  Verifier(file.Source(), name).Run([&](const Fault& fault) {
+  const auto take = [&](const Fault& fault) {
     report.problems.push_back({fault.path.empty() ? Hex(fault.offset) : fault.path, fault.reason});
     const DamageNote note = NoteAt(index, fault.offset, fault.reason);
     if (!known.contains(note.offset)) notes.emplace(note.offset, note);
-  });
+  };
+  static_cast<void>(Verifier(file.Source(), name).Run(take, options));
   if (notes.empty()) return report;
   if (!force) {
     throw Error(name, report.problems.front().path + ": " + report.problems.front().reason +
@@ -139,7 +142,9 @@ IndexReport AnnotateIndex(int descriptor, const Image& image, bool force) {
   const auto bytes = NotedIndex(file, info.indexOffset, std::move(notes));
   report.imageBytes = info.indexOffset + bytes.size();
   if (bytes.empty() || report.imageBytes > static_cast<uint64_t>(kMaxImageSize)) {
-    throw Error(name, bytes.empty() ? "changed meanwhile" : "has no room for a longer index");
+    const bool hasChanged = bytes.empty();
+    throw Error(hasChanged ? ErrorKind::System : ErrorKind::Unsupported, name,
+                hasChanged ? "changed meanwhile" : "has no room for a longer index");
   }
   Replace(descriptor, info, name, bytes);
   return report;

@@ -155,7 +155,9 @@ void IndexRecordWriter::AppendRestartPoints() {
                          : m_pKnown->Of(m_Source.begin, m_Source.limit, m_Source.size);
   for (IndexRecord point : known) {
     const auto header = m_Window.At(point.offset, kMiniHeaderSize);
-    if (header.size() < kMiniHeaderSize) throw Error(m_Source.image.Name(), "changed meanwhile");
+    if (header.size() < kMiniHeaderSize) {
+      throw Error(ErrorKind::System, m_Source.image.Name(), "changed meanwhile");
+    }
     point.length = kMiniHeaderSize + DecodeMiniHeader(header.first<kMiniHeaderSize>()).Length;
     append(point);
   }
@@ -183,6 +185,7 @@ void IndexRecordWriter::Take(uint64_t at, uint64_t end, RunningChecksum* file) {
     m_Section.Update(bytes);
     if (file != nullptr) file->Update(bytes);
     at += bytes.size();
+    if (m_onBytes) m_onBytes(at);
   }
 }
 

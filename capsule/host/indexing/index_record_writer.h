@@ -3,9 +3,11 @@
 #pragma once
 
 #include <cstdint>
+#include <functional>
 #include <optional>
 #include <span>
 #include <string>
+#include <utility>
 
 #include "capsule/container/index_format.h"
 #include "capsule/host/file/checksum.h"
@@ -48,6 +50,9 @@ class IndexRecordWriter {
   // Restart points that need not be looked for; `known` must outlive the writer.
   void SetKnownRestarts(const RestartCollector* known) { m_pKnown = known; }
 
+  // `onBytes` learns where in the image check values are at; what it throws ends the work.
+  void SetOnBytes(std::function<void(uint64_t at)> onBytes) { m_onBytes = std::move(onBytes); }
+
   // What is said of the image as a whole, before the first item.
   void Add(const DamageNote& note);
 
@@ -72,6 +77,7 @@ class IndexRecordWriter {
   RecordSource m_Source;  // of the last item, if it is a file
   bool m_bRestartPoints;
   const RestartCollector* m_pKnown = nullptr;
+  std::function<void(uint64_t)> m_onBytes;
   uint64_t m_nIndexOffset;
   FileWindow m_Window;
   IndexStream m_Stream;

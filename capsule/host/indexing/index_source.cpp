@@ -10,7 +10,7 @@
 #include "capsule/host/index/image_header.h"
 #include "capsule/host/map/image_mapper.h"
 #include "capsule/host/records/record_stream.h"
-#include "capsule/host/sections/section_survey.h"
+#include "capsule/host/sections/searching_survey.h"
 #include "capsule/host/sections/sound_item.h"
 
 namespace capsule::host {
@@ -47,8 +47,7 @@ class ItemJudge {
 
   // What is wrong with its long name, or nothing.
   std::string JudgeName(const SectionItem& item) {
-    const bool isEntry = item.kind == Kind::Directory || item.kind == Kind::File;
-    const std::string wrong = isEntry && !item.isNtfs ? JudgeLongName(m_Window, item) : "";
+    const std::string wrong = item.IsEntry() && !item.isNtfs ? JudgeLongName(m_Window, item) : "";
     return wrong.empty() ? wrong : "long name: " + wrong;
   }
 

@@ -68,7 +68,7 @@ void IndexStream::Flush() {
 
 void IndexStream::WriteAt(uint64_t offset, std::span<const unsigned char> bytes) {
   if (!platform::WriteAt(m_nDescriptor, bytes.data(), bytes.size(), static_cast<int64_t>(offset))) {
-    throw Error(m_strName, "write at " + Hex(offset) + ": " + SystemReason(errno), offset);
+    ThrowSystemError(m_strName, "write at " + Hex(offset), errno, offset);
   }
 }
 

@@ -14,15 +14,14 @@ bool IsBefore(const IndexRecord& point, uint64_t offset) { return point.offset <
 
 }  // namespace
 
-void RestartCollector::Take(int64_t record, uint32_t fileOffset,
-                            std::span<const unsigned char> before, bool isCompressed) {
-  if (fileOffset <= m_nLast) m_nWanted = kRestartDistance;  // another file
-  m_nLast = fileOffset;
-  if (fileOffset < m_nWanted) return;
-  m_nWanted = fileOffset + kRestartDistance;
+void RestartCollector::Take(const InsertObserver::Chunk& next) {
+  if (next.fileOffset == 0) m_nWanted = kRestartDistance;
+  if (next.fileOffset < m_nWanted) return;
+  m_nWanted = next.fileOffset + kRestartDistance;
   if (m_Points.size() == kMostPoints) return;
-  const auto history = before.last(isCompressed ? std::min(before.size(), kMaxHistory) : 0);
-  m_Points.push_back(RestartRecord(static_cast<uint64_t>(record), fileOffset, history));
+  const auto history =
+      next.before.last(next.isCompressed ? std::min(next.before.size(), kMaxHistory) : 0);
+  m_Points.push_back(RestartRecord(static_cast<uint64_t>(next.record), next.fileOffset, history));
 }
 
 void RestartCollector::Forget(int64_t offset) {

@@ -7,16 +7,15 @@
 #include <span>
 #include <vector>
 
+#include "capsule/blocks/insert_observer.h"
 #include "capsule/container/index_format.h"
 
 namespace capsule::host {
 
 class RestartCollector {
  public:
-  // The data block record at `record` follows `before`, whole chunks of a file up to `fileOffset`,
-  // and is compressed or not, as they are.
-  void Take(int64_t record, uint32_t fileOffset, std::span<const unsigned char> before,
-            bool isCompressed);
+  // The chunks of a file, one after the other.
+  void Take(const InsertObserver::Chunk& next);
 
   // Of an insertion that was taken back: records from `offset` on are gone.
   void Forget(int64_t offset);
@@ -27,8 +26,7 @@ class RestartCollector {
 
  private:
   std::vector<IndexRecord> m_Points;
-  uint32_t m_nLast = UINT32_MAX;  // offset in the file that was told last
-  uint32_t m_nWanted = 0;
+  uint32_t m_nWanted = 0;  // offset in the file from which on the next point is due
 };
 
 }  // namespace capsule::host

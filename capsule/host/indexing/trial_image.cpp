@@ -50,9 +50,7 @@ void TrialImage::Open(bool isWhole) const {
   throw Error(m_image.Name(), "no index leads to what is there: " + problem);
 }
 
-void TrialImage::Fail(const char* step) const {
-  throw Error(m_image.Name(), std::string(step) + ": " + SystemReason(errno));
-}
+void TrialImage::Fail(const char* step) const { ThrowSystemError(m_image.Name(), step, errno); }
 
 bool CopyBytes(const ImageFile& from, int to, uint64_t begin, uint64_t end) {
   std::vector<unsigned char> bytes(static_cast<size_t>(std::min(end - begin, kPiece)));

@@ -9,14 +9,13 @@
 #pragma once
 
 #include <cstdint>
-#include <span>
 #include <string>
 #include <vector>
 
 #include "capsule/host/file/file_window.h"
 #include "capsule/host/map/map_sink.h"
 #include "capsule/host/sections/open_folders.h"
-#include "capsule/partition/directory_records.h"
+#include "capsule/partition/entry_group.h"
 #include "capsule/partition/ntfs_records.h"
 
 namespace capsule::host {
@@ -35,10 +34,12 @@ class SectionMap {
   bool MapSectionHeader();
   bool MapFatRecord();
   void MapDirectoryRecord(const _MiniHeader& header);
-  void MapLongName(const _MiniHeader& header, std::span<const unsigned char, 32> bytes);
-  void MapShortEntry(const _MiniHeader& header, std::span<const unsigned char, 32> bytes);
-  void FinishPieces(std::span<const unsigned char, 32> shortEntry);
+  void MapZeroEntry(const _MiniHeader& header);
+  void MapLongName(const _MiniHeader& header, EntryGroup::Payload bytes);
+  void MapShortEntry(const _MiniHeader& header);
+  void FinishPieces();
   void DropPieces(const std::string& problem);
+  void PassPieces();
   void MapData(const _MiniHeader& header);
   void MapTrailer();
   bool MapNtfsRecord();
@@ -67,9 +68,8 @@ class SectionMap {
   int m_nSection = 0;
   bool m_bNtfs = false;
   bool m_bEnded = false;
-  std::vector<MapItem> m_Pieces;             // of the long name being read
-  std::vector<unsigned char> m_PieceUnits;   // their name bytes
-  std::vector<unsigned char> m_PieceChecks;  // ordinal and checksum of each
+  EntryGroup m_Group;             // the one being read
+  std::vector<MapItem> m_Pieces;  // of its long name
   OpenFolders m_Folders;
   uint64_t m_nOthersEnd = 0;  // of records of unknown types that are told one by one
   std::string m_strFile;      // path of what data blocks belong to

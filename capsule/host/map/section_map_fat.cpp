@@ -4,7 +4,6 @@
 #include "capsule/blocks/data_block_format.h"
 #include "capsule/host/file/reason.h"
 #include "capsule/host/map/section_map.h"
-#include "capsule/host/records/long_name_check.h"
 #include "capsule/host/records/record_judge.h"
 #include "capsule/partition/record_format.h"
 #include "capsule/platform/dos_time.h"
@@ -12,7 +11,6 @@
 namespace capsule::host {
 namespace {
 
-constexpr uint8_t kLastPiece = 0x40;
 constexpr std::array<unsigned char, 8> kEntryHeader{kRecordDirectory, 1, 0, 0, 0, 0,
                                                     kDirEntrySize,    0};
 constexpr std::array<unsigned char, 8> kAreaHeader{kRecordPartition, 0, 0, 0, 0, 0, 0, 6};
@@ -25,10 +23,22 @@ std::string JudgeDirectoryHeader(const _MiniHeader& header) {
   return {};
 }
 
-bool IsDotName(const std::string& name) { return name == "." || name == ".."; }
+std::string DescribePiece(EntryGroup::Payload bytes) {
+  constexpr unsigned kLastPiece = 0x40;
+  return "piece " + Count(bytes[0] & ~kLastPiece) +
+         ((bytes[0] & kLastPiece) != 0 ? ", the last: \"" : ": \"") +
+         LongNameToBytes(LongNameUnits(bytes)) + "\"";
+}
+
+std::string DescribeFault(const EntryGroup::PieceFault& fault) {
+  if (fault.isChecksum) {
+    return "checksum is " + Hex(fault.has) + ", that of the short name " + Hex(fault.needs);
+  }
+  return "ordinal is " + Hex(fault.has) + " where " + Hex(fault.needs) + " belongs";
+}
 
 std::string DescribeEntry(const _ShortDirEntry& entry) {
-  const bool folder = (entry.Attribute & kDirectoryAttribute) != 0;
+  const bool folder = RoleOf(entry) != EntryRole::File;
   std::string text = (folder ? "folder \"" : "file \"") + ShortNameToBytes(entry) + "\"";
   if (!folder) text += ", " + Count(entry.FileSize) + " bytes";
   return text + ", attributes " + Hex(entry.Attribute) + ", date " + Hex(entry.WriteDate) +
@@ -61,99 +71,81 @@ void SectionMap::MapDirectoryRecord(const _MiniHeader& header) {
   std::array<unsigned char, kDirEntrySize> bytes{};
   const auto stored = m_Window.At(at + kMiniHeaderSize, kDirEntrySize);
   std::copy(stored.begin(), stored.end(), bytes.begin());
-  const bool isEmpty = bytes[0] == 0;
   m_bTakesData = false;
-  if (bytes[offsetof(_LongDirEntry, Attribute)] == kLongNameAttribute &&
-      !(isEmpty && m_Pieces.empty())) {
-    MapLongName(header, bytes);
-  } else if (isEmpty) {
-    DropPieces("long name without an entry");
-    MapItem item = ItemAt(MapItem::Kind::ZeroEntry, kDirRecordSize);
-    item.beginsEntry = true;
-    item.text = m_Folders.Depth() == 0
-                    ? "closes nothing"
-                    : "closes \"" + (HasLongPath() ? "…" : m_Folders.Path()) + "\"";
-    item.problem = JudgeDirectoryHeader(header);
-    m_Folders.Leave();
-    m_strFile.clear();
-    m_Sink.Add(item);
-  } else {
-    MapShortEntry(header, bytes);
+  auto taken = m_Group.Take(bytes);
+  if (taken == EntryGroup::Taken::TooManyPieces) {
+    DropPieces("long name has more than " + Count(kMaxLongNamePieces) + " pieces");
+    taken = m_Group.Take(bytes);
   }
+  if (taken == EntryGroup::Taken::Piece) return MapLongName(header, bytes);
+  if (taken == EntryGroup::Taken::NoEntry) DropPieces("long name without an entry");
+  m_Group.Role() == EntryRole::Closing ? MapZeroEntry(header) : MapShortEntry(header);
+  m_Group.Clear();
 }
 
-void SectionMap::MapLongName(const _MiniHeader& header, std::span<const unsigned char, 32> bytes) {
-  if (m_Pieces.size() == static_cast<size_t>(kMaxLongNamePieces)) {
-    DropPieces("long name has more than " + Count(kMaxLongNamePieces) + " pieces");
-  }
+void SectionMap::MapZeroEntry(const _MiniHeader& header) {
+  MapItem item = ItemAt(MapItem::Kind::ZeroEntry, kDirRecordSize);
+  item.beginsEntry = true;
+  item.text = m_Folders.Depth() == 0
+                  ? "closes nothing"
+                  : "closes \"" + (HasLongPath() ? "…" : m_Folders.Path()) + "\"";
+  item.problem = JudgeDirectoryHeader(header);
+  m_Folders.Leave();
+  m_strFile.clear();
+  m_Sink.Add(item);
+}
+
+void SectionMap::MapLongName(const _MiniHeader& header, EntryGroup::Payload bytes) {
   MapItem item = ItemAt(MapItem::Kind::LongName, kDirRecordSize);
   item.offset += m_Pieces.size() * kDirRecordSize;
   item.beginsEntry = m_Pieces.empty();
-  const auto units = LongNameUnits(bytes);
-  item.text = "piece " + Count(bytes[0] & ~unsigned{kLastPiece}) +
-              ((bytes[0] & kLastPiece) != 0 ? ", the last: \"" : ": \"") +
-              LongNameToBytes(DecodeLongName(units)) + "\"";
+  item.text = DescribePiece(bytes);
   item.problem = JudgeDirectoryHeader(header);
   m_Pieces.push_back(item);
-  m_PieceUnits.insert(m_PieceUnits.end(), units.begin(), units.end());
-  m_PieceChecks.push_back(bytes[0]);
-  m_PieceChecks.push_back(bytes[offsetof(_LongDirEntry, Checksum)]);
 }
 
-void SectionMap::MapShortEntry(const _MiniHeader& header,
-                               std::span<const unsigned char, 32> bytes) {
-  const _ShortDirEntry entry = DecodeShortEntry(bytes);
-  const bool isFolder = (entry.Attribute & kDirectoryAttribute) != 0;
-  const bool isDot = isFolder && m_Pieces.empty() && IsDotName(ShortNameToBytes(entry));
-  const std::string longName = LongNameToBytes(DecodeLongName(m_PieceUnits));
-  const std::string name = longName.empty() ? ShortNameToBytes(entry) : longName;
+void SectionMap::MapShortEntry(const _MiniHeader& header) {
+  const _ShortDirEntry& entry = m_Group.Entry();
+  const EntryRole role = m_Group.Role();
+  const std::string name = m_Group.Name();
   m_strFile = PathOf(name);
-  const bool alone = m_Pieces.empty();
-  FinishPieces(bytes);
+  FinishPieces();
   MapItem item = ItemAt(MapItem::Kind::ShortEntry, kDirRecordSize);
-  item.beginsEntry = alone;
+  item.beginsEntry = !m_Group.HasLongName();
   item.path = m_strFile;
   item.text = DescribeEntry(entry);
   item.problem = JudgeDirectoryHeader(header);
   item.attributes = entry.Attribute;
-  item.fileSize = isFolder ? 0 : entry.FileSize;
-  if (isFolder && !isDot) m_Folders.Enter(name);
-  m_bTakesData = !isFolder && entry.FileSize != 0;
+  item.fileSize = role == EntryRole::File ? entry.FileSize : 0;
+  if (role == EntryRole::Folder) m_Folders.Enter(name);
+  m_bTakesData = role == EntryRole::File && entry.FileSize != 0;
   m_bLastSeen = false;
   m_nFileBytes = 0;
   m_Sink.Add(item);
 }
 
 // The pieces of a name in front of their entry: in order, and made for it.
-void SectionMap::FinishPieces(std::span<const unsigned char, 32> shortEntry) {
-  const uint8_t checksum = ShortNameChecksum(shortEntry.first<11>());
-  const size_t count = m_Pieces.size();
-  for (size_t i = 0; i < count; ++i) {
-    MapItem& piece = m_Pieces[i];
-    const size_t ordinal = (count - i) | (i == 0 ? kLastPiece : 0);
-    piece.path = m_strFile;
-    if (m_PieceChecks[2 * i] != ordinal) {
-      piece.problem =
-          "ordinal is " + Hex(m_PieceChecks[2 * i]) + " where " + Hex(ordinal) + " belongs";
-    } else if (m_PieceChecks[2 * i + 1] != checksum) {
-      piece.problem = "checksum is " + Hex(m_PieceChecks[2 * i + 1]) + ", that of the short name " +
-                      Hex(checksum);
-    }
+void SectionMap::FinishPieces() {
+  for (size_t i = 0; i < m_Pieces.size(); ++i) {
+    m_Pieces[i].path = m_strFile;
+    if (const auto fault = m_Group.FaultOf(i)) m_Pieces[i].problem = DescribeFault(*fault);
   }
-  const std::string filling = JudgeFilling(m_PieceUnits);
-  if (count > 0 && m_Pieces.front().problem.empty()) m_Pieces.front().problem = filling;
-  DropPieces("");
+  if (!m_Pieces.empty() && m_Pieces.front().problem.empty()) {
+    m_Pieces.front().problem = m_Group.FaultOfFilling();
+  }
+  PassPieces();
 }
 
 // Passes the waiting pieces on; `problem`: what is wrong with the first.
 void SectionMap::DropPieces(const std::string& problem) {
-  for (MapItem& piece : m_Pieces) {
-    if (&piece == &m_Pieces.front() && !problem.empty()) piece.problem = problem;
-    m_Sink.Add(piece);
-  }
+  if (!m_Pieces.empty()) m_Pieces.front().problem = problem;
+  PassPieces();
+  m_Group.Clear();
+}
+
+void SectionMap::PassPieces() {
+  for (const MapItem& piece : m_Pieces) m_Sink.Add(piece);
   m_Pieces.clear();
-  m_PieceUnits.clear();
-  m_PieceChecks.clear();
 }
 
 void SectionMap::MapData(const _MiniHeader& header) {

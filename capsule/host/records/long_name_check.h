@@ -4,17 +4,14 @@
 #include <span>
 #include <string>
 
-#include "capsule/partition/directory_records.h"
+#include "capsule/partition/entry_group.h"
 
 namespace capsule::host {
 
-// `group`: all records of an entry whose short entry is `record`. What is wrong with its long-name
-// records, or nothing.
-std::string JudgeLongName(std::span<const unsigned char> group, const _ShortDirEntry& record);
+// What is wrong with the long name of a group that is whole, or nothing.
+std::string JudgeLongName(const EntryGroup& group);
 
-// The same as JudgeLongName for how the name is filled up: `piecesLastFirst` are the name bytes of
-// the pieces in on-disk order. Nothing but 0xFFFF follows the zero that ends a name, and only the
-// last piece ends it.
-std::string JudgeFilling(std::span<const unsigned char> piecesLastFirst);
+// The same of `records`, which are all those of an entry whose short entry is `entry`.
+std::string JudgeLongName(std::span<const unsigned char> records, const _ShortDirEntry& entry);
 
 }  // namespace capsule::host

@@ -9,6 +9,7 @@
 
 #include "capsule/host/error.h"
 #include "capsule/host/file/reason.h"
+#include "capsule/host/index/image_header.h"
 #include "capsule/partition/record_format.h"
 
 namespace capsule::host {
@@ -29,8 +30,9 @@ std::string Numbers(uint64_t has, const char* middle, uint64_t other, const char
 SectionScanner::SectionScanner(const ImageFile& image)
     : m_strName(image.Name()), m_Window(image), m_nFileLength(image.Size()) {
   if (m_nFileLength > static_cast<uint64_t>(kMaxImageSize)) {
-    throw Error(m_strName, "not an image: " + Numbers(m_nFileLength, " bytes, at most ",
-                                                      kMaxImageSize, " are possible"));
+    throw Error(ErrorKind::NotAnImage, m_strName,
+                "not an image: " +
+                    Numbers(m_nFileLength, " bytes, at most ", kMaxImageSize, " are possible"));
   }
   ReadHeader();
 }
@@ -38,7 +40,7 @@ SectionScanner::SectionScanner(const ImageFile& image)
 void SectionScanner::ReadHeader() {
   const auto bytes = m_Window.At(0, kHeaderSize);
   if (bytes.size() < kHeaderSize) {
-    throw Error(m_strName,
+    throw Error(ErrorKind::NotAnImage, m_strName,
                 "not an image: " + Numbers(bytes.size(), " bytes, a header has ", kHeaderSize, ""));
   }
   m_RawHeader.assign(bytes.begin(), bytes.end());
@@ -47,7 +49,7 @@ void SectionScanner::ReadHeader() {
   std::string problem;
   std::optional<DecodedHeader> header;
   if (RestoreScrambledRegion(restored, &problem)) header = DecodeHeader(restored, &problem);
-  if (!header) throw Error(m_strName, "header: " + problem, 0);
+  if (!header) throw Error(KindOfBadHeader(m_RawHeader), m_strName, "header: " + problem, 0);
   m_Header = std::move(*header);
   for (const _Partition& record : m_Header.partitions) {
     if (IsInUse(record)) m_SystemIds.push_back(record.SystemId);
@@ -132,8 +134,8 @@ void SectionScanner::ScanTrailer(SectionItem* item) {
 // A group is a chain of long-name records, last piece first, and a short entry.
 void SectionScanner::ScanGroup(SectionItem* item) {
   item->section = m_nNextSection - 1;
-  std::vector<unsigned char> pieces;
-  for (int count = 0;; ++count) {
+  EntryGroup group;
+  for (auto taken = EntryGroup::Taken::Piece; taken == EntryGroup::Taken::Piece;) {
     const uint64_t at = m_nPosition;
     const Record record = TakeRecord("directory record");
     if (record.header.Type != kRecordDirectory) {
@@ -145,41 +147,38 @@ void SectionScanner::ScanGroup(SectionItem* item) {
       Fail("directory record", at,
            "payload is " + Numbers(record.header.Length, " bytes, not ", kDirEntrySize, ""));
     }
-    const auto bytes = record.payload.first<kDirEntrySize>();
-    item->entry = DecodeShortEntry(bytes);
-    const bool empty = item->entry.Name[0] == 0;
-    if (item->entry.Attribute != kLongNameAttribute || (empty && pieces.empty())) {
-      if (empty && !pieces.empty()) Fail("directory record", at, "long name without an entry");
-      break;
+    taken = group.Take(record.payload.first<kDirEntrySize>());
+    if (taken == EntryGroup::Taken::NoEntry) {
+      Fail("directory record", at, "long name without an entry");
     }
-    if (count == kMaxLongNamePieces) {
+    if (taken == EntryGroup::Taken::TooManyPieces) {
       Fail("directory record", at,
            "long name has more than " + std::to_string(kMaxLongNamePieces) + " pieces");
     }
-    const auto units = LongNameUnits(bytes);
-    pieces.insert(pieces.end(), units.begin(), units.end());
   }
-  ScanEntry(item, DecodeLongName(pieces));
+  ScanEntry(item, group);
 }
 
-void SectionScanner::ScanEntry(SectionItem* item, std::u16string_view longName) {
-  if (item->entry.Name[0] == 0) {
+void SectionScanner::ScanEntry(SectionItem* item, const EntryGroup& group) {
+  item->entry = group.Entry();
+  const EntryRole role = group.Role();
+  if (role == EntryRole::Closing) {
     item->kind = SectionItem::Kind::ZeroEntry;
     m_Folders.Leave();
     return;
   }
-  const bool folder = (item->entry.Attribute & kDirectoryAttribute) != 0;
-  if (folder && IsDotName(item->entry)) {
-    item->kind = SectionItem::Kind::DotEntry;
-    return;
+  if (group.IsListed()) {
+    item->shortName = group.ShortName();
+    item->name = group.Name();
+    item->path = PathOf(item->name);
   }
-  item->shortName = ShortNameToBytes(item->entry);
-  item->name = longName.empty() ? item->shortName : LongNameToBytes(longName);
-  item->path = PathOf(item->name);
-  item->kind = folder ? SectionItem::Kind::Directory : SectionItem::Kind::File;
-  if (folder) {
+  if (role == EntryRole::Dot) {
+    item->kind = SectionItem::Kind::DotEntry;
+  } else if (role == EntryRole::Folder) {
+    item->kind = SectionItem::Kind::Directory;
     m_Folders.Enter(item->name);
   } else {
+    item->kind = SectionItem::Kind::File;
     ScanData(item);
   }
 }

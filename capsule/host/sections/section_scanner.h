@@ -26,7 +26,7 @@
 #include "capsule/host/records/ntfs_entry.h"
 #include "capsule/host/sections/ntfs_folders.h"
 #include "capsule/host/sections/open_folders.h"
-#include "capsule/partition/directory_records.h"
+#include "capsule/partition/entry_group.h"
 #include "capsule/partition/record_format.h"
 
 namespace capsule::host {
@@ -36,7 +36,7 @@ struct SectionItem {
   enum class Kind {
     Section,    // the header of a section, 2056 bytes
     Directory,  // the record group of a folder; what follows lies in it
-    DotEntry,   // the group of "." or ".."
+    DotEntry,   // the group of "." or "..", which opens nothing
     ZeroEntry,  // closes one level
     File,       // a record group and the data block records behind it
     Trailer,    // the end of a section, 1544 bytes
@@ -50,7 +50,7 @@ struct SectionItem {
   uint64_t dataOffset =
       0;  // File: where its data block records begin. NtfsEnd: where its record ends
   _ShortDirEntry entry{};  // Directory, DotEntry, File: the short entry
-  std::string name;        // Directory, File: name bytes, the long name if there is one
+  std::string name;        // of an entry: name bytes, the long name if there is one
   std::string shortName;   // the same of the short one
   std::string path;        // and with the folders above it, '/' between; empty when longer than
                            // kMaxScannedPath
@@ -61,6 +61,12 @@ struct SectionItem {
   bool isStray = false;  // no folder before it is the one that it belongs to
   size_t depth = 0;      // folders above it, the root left out
   std::string problem;   // what is wrong with a record behind its first
+
+  // Whether people are shown it. A DotEntry is one only when it has a long name.
+  bool IsEntry() const {
+    return kind == Kind::File || kind == Kind::Directory ||
+           (kind == Kind::DotEntry && !name.empty());
+  }
 };
 
 // Longer paths are not spelled out, so that nested folders cannot make work grow with the square
@@ -113,7 +119,7 @@ class SectionScanner {
   void BeginSection(SectionItem* item);
   void ScanTrailer(SectionItem* item);
   void ScanGroup(SectionItem* item);
-  void ScanEntry(SectionItem* item, std::u16string_view longName);
+  void ScanEntry(SectionItem* item, const EntryGroup& group);
   void ScanData(SectionItem* item);
   std::string PathOf(const std::string& name) const;
   void ScanNtfs(SectionItem* item);

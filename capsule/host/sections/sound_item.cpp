@@ -1,14 +1,64 @@
 #include "capsule/host/sections/sound_item.h"
 
 #include "capsule/host/records/long_name_check.h"
+#include "capsule/host/records/record_stream.h"
+#include "capsule/host/sections/survey_repair.h"
+#include "capsule/partition/record_format.h"
 
 namespace capsule::host {
+namespace {
+
+using Kind = SectionItem::Kind;
+
+}  // namespace
 
 std::string JudgeLongName(FileWindow& window, const SectionItem& item) {
   const bool hasData = item.kind == SectionItem::Kind::File;
   const uint64_t length = hasData ? item.dataOffset - item.offset : item.length;
   if (length == kDirRecordSize) return {};
   return JudgeLongName(window.At(item.offset, static_cast<size_t>(length)), item.entry);
+}
+
+bool SoundItem::Is(const SectionItem& item) const {
+  if (!item.problem.empty() || item.isStray) return false;
+  if (item.kind == Kind::ZeroEntry) return IsAllZero(item.entry);
+  if (!item.IsEntry()) return true;
+  if (!item.isNtfs && (HasBadName(item) || !JudgeLongName(m_Window, item).empty())) return false;
+  if (item.kind != Kind::File) return true;
+  if (item.isNtfs && item.dataOffset == item.offset + item.length) return true;  // not stored
+  RecordSource source;
+  source.image = m_image;
+  source.imageIsCompressed = m_bCompressed;
+  source.begin = item.dataOffset;
+  source.limit = item.offset + item.length;
+  source.size = item.entry.FileSize;
+  source.ntfs = item.isNtfs;
+  source.fileRecord = item.offset;
+  return ProblemOf(source).empty();
+}
+
+bool SoundItem::IsRatherThan(const SectionItem& item, Kind kind) const {
+  if (!Is(item)) return false;
+  switch (kind) {
+    case Kind::ZeroEntry:
+      return !IsMostlyZero(item.entry);
+    case Kind::DotEntry:
+      if (item.kind == Kind::File) return item.entry.FileSize != 0;
+      return item.kind != Kind::Directory || IsDotAt(m_Window, item.offset + item.length, ".");
+    case Kind::Directory:
+      if (item.kind == Kind::File) return item.entry.FileSize != 0;
+      return item.kind != Kind::DotEntry;
+    default:
+      return true;
+  }
+}
+
+bool IsDotAt(FileWindow& window, uint64_t offset, std::string_view name) {
+  const auto bytes = window.At(offset, kDirRecordSize);
+  if (bytes.size() < kDirRecordSize) return false;
+  const _ShortDirEntry entry = DecodeShortEntry(bytes.last<kDirEntrySize>());
+  return (entry.Attribute & kDirectoryAttribute) != 0 && entry.Attribute != kLongNameAttribute &&
+         ShortNameToBytes(entry) == name;
 }
 
 }  // namespace capsule::host

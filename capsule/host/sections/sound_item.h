@@ -2,6 +2,7 @@
 #pragma once
 
 #include <string>
+#include <string_view>
 
 #include "capsule/host/file/file_window.h"
 #include "capsule/host/sections/section_scanner.h"
@@ -10,5 +11,27 @@ namespace capsule::host {
 
 // What is wrong with the long name of an item of a FAT-style section; nothing when it has none.
 std::string JudgeLongName(FileWindow& window, const SectionItem& item);
+
+// Judges items by their own records.
+class SoundItem {
+ public:
+  SoundItem(FileWindow& window, ImageFile image, bool compressed)
+      : m_Window(window), m_image(std::move(image)), m_bCompressed(compressed) {}
+
+  // Whether they bear out that it is one, and ends where it seems to: names and their checksums
+  // hold, a zero entry is zero, the data of a file reads completely.
+  bool Is(const SectionItem& item) const;
+
+  // Whether it is also more likely what it seems to be than damage to one of that kind.
+  bool IsRatherThan(const SectionItem& item, SectionItem::Kind kind) const;
+
+ private:
+  FileWindow& m_Window;
+  ImageFile m_image;
+  bool m_bCompressed;
+};
+
+// Whether an entry of that name, "." or "..", is there.
+bool IsDotAt(FileWindow& window, uint64_t offset, std::string_view name);
 
 }  // namespace capsule::host

@@ -7,7 +7,7 @@
 #include <unordered_map>
 #include <vector>
 
-#include "capsule/host/sections/section_survey.h"
+#include "capsule/host/sections/survey.h"
 
 namespace capsule::host {
 

@@ -4,9 +4,6 @@
 #include <span>
 #include <string_view>
 
-#include "capsule/host/records/record_stream.h"
-#include "capsule/host/sections/sound_item.h"
-#include "capsule/host/sections/survey_repair.h"
 #include "capsule/partition/record_format.h"
 
 namespace capsule::host {
@@ -74,49 +71,6 @@ const SurveyOutline::Item* SurveyOutline::At(uint64_t offset) const {
       std::lower_bound(m_Items.begin(), m_Items.end(), offset,
                        [](const Item& known, uint64_t wanted) { return known.offset < wanted; });
   return item != m_Items.end() && item->offset == offset ? &*item : nullptr;
-}
-
-bool SoundItem::Is(const SectionItem& item) const {
-  const bool isEntry = item.kind == Kind::File || item.kind == Kind::Directory;
-  if (!item.problem.empty() || item.isStray) return false;
-  if (item.kind == Kind::ZeroEntry) return IsAllZero(item.entry);
-  if (!isEntry) return true;
-  if (!item.isNtfs && (HasBadName(item) || !JudgeLongName(m_Window, item).empty())) return false;
-  if (item.kind == Kind::Directory) return true;
-  if (item.isNtfs && item.dataOffset == item.offset + item.length) return true;  // not stored
-  RecordSource source;
-  source.image = m_image;
-  source.imageIsCompressed = m_bCompressed;
-  source.begin = item.dataOffset;
-  source.limit = item.offset + item.length;
-  source.size = item.entry.FileSize;
-  source.ntfs = item.isNtfs;
-  source.fileRecord = item.offset;
-  return ProblemOf(source).empty();
-}
-
-bool SoundItem::IsRatherThan(const SectionItem& item, Kind kind) const {
-  if (!Is(item)) return false;
-  switch (kind) {
-    case Kind::ZeroEntry:
-      return !IsMostlyZero(item.entry);
-    case Kind::DotEntry:
-      if (item.kind == Kind::File) return item.entry.FileSize != 0;
-      return item.kind != Kind::Directory || IsDotAt(m_Window, item.offset + item.length, ".");
-    case Kind::Directory:
-      if (item.kind == Kind::File) return item.entry.FileSize != 0;
-      return item.kind != Kind::DotEntry;
-    default:
-      return true;
-  }
-}
-
-bool IsDotAt(FileWindow& window, uint64_t offset, std::string_view name) {
-  const auto bytes = window.At(offset, kDirRecordSize);
-  if (bytes.size() < kDirRecordSize) return false;
-  const _ShortDirEntry entry = DecodeShortEntry(bytes.last<kDirEntrySize>());
-  return (entry.Attribute & kDirectoryAttribute) != 0 && entry.Attribute != kLongNameAttribute &&
-         ShortNameToBytes(entry) == name;
 }
 
 }  // namespace capsule::host

@@ -3,7 +3,7 @@
 
 #include <vector>
 
-#include "capsule/host/sections/section_survey.h"
+#include "capsule/host/sections/survey.h"
 
 namespace capsule::host {
 

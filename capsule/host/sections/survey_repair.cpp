@@ -56,9 +56,12 @@ class Repair {
   }
 
  private:
-  // Of a gap or beyond the end: that of a trailer, which is nothing here.
+  // Of a gap or beyond the end: that of a trailer, which is nothing here. A "." with a long name is
+  // none of a folder's own and, like a file, opens nothing.
   Kind KindAt(size_t i) const {
-    return i < m_Items.size() && !m_Items[i].isGap ? m_Items[i].item.kind : Kind::Trailer;
+    if (i >= m_Items.size() || m_Items[i].isGap) return Kind::Trailer;
+    const SectionItem& item = m_Items[i].item;
+    return item.kind == Kind::DotEntry && item.IsEntry() ? Kind::File : item.kind;
   }
 
   bool IsDot(size_t i, const char* name) const {
@@ -93,6 +96,7 @@ class Repair {
     if (item.kind == kind) return;
     m_Visitor.onDamage(item.offset, reason);
     item.kind = kind;
+    if (kind == Kind::DotEntry) item.name.clear();
     if (kind == Kind::File || kind == Kind::Directory) {
       if (item.name.empty() || HasBadName(item)) item.name = "damaged-" + Hex(item.offset);
       item.shortName = item.name;

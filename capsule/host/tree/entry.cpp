@@ -11,7 +11,7 @@ namespace {
 
 // What an entry looks into; an entry of no image has none.
 const Catalog& Of(const Catalog* catalog) {
-  if (catalog == nullptr) throw Error("entry", "belongs to no image");
+  if (catalog == nullptr) throw Error(ErrorKind::Misuse, "entry", "belongs to no image");
   return *catalog;
 }
 

@@ -9,9 +9,6 @@
 // 3. A section ends with the group that reaches the next one.
 #include "capsule/host/tree/fat_tree.h"
 
-#include <algorithm>
-#include <array>
-#include <optional>
 #include <span>
 
 #include "capsule/host/error.h"
@@ -21,55 +18,30 @@
 #include "capsule/host/records/long_name_check.h"
 #include "capsule/host/sections/section_scanner.h"
 #include "capsule/host/tree/tree_builder.h"
-#include "capsule/partition/record_format.h"
+#include "capsule/partition/entry_group.h"
 
 namespace capsule::host {
 namespace {
 
-constexpr size_t kLongestGroup = (kMaxLongNamePieces + 1) * size_t{kDirRecordSize};
-
 // The records of one entry, as they lie in the image.
 struct Group {
-  std::span<const unsigned char> bytes;
+  EntryGroup records;
   _MiniHeader header;  // of the short entry
-  _ShortDirEntry entry;
-
-  bool IsZero() const { return entry.Name[0] == 0; }
-  bool HasLongName() const { return bytes.size() > kDirRecordSize; }
+  size_t size;         // bytes
 };
 
-std::span<const unsigned char, kDirEntrySize> EntryIn(std::span<const unsigned char> record) {
-  return record.subspan<kMiniHeaderSize, kDirEntrySize>();
-}
-
-// The group at the front of `bytes`; none when they end before it does, or its chain of long-name
-// records is none.
-std::optional<Group> TakeGroup(std::span<const unsigned char> bytes) {
-  Group group;
-  for (size_t size = kDirRecordSize; size <= std::min(bytes.size(), kLongestGroup);
-       size += kDirRecordSize) {
-    const auto record = bytes.first(size).last<kDirRecordSize>();
-    const bool isFirst = size == kDirRecordSize;
-    group.bytes = bytes.first(size);
-    group.header = DecodeMiniHeader(record.first<kMiniHeaderSize>());
-    group.entry = DecodeShortEntry(EntryIn(record));
-    if (!isFirst && group.header.Type != kRecordDirectory) return std::nullopt;
-    if (group.entry.Attribute != kLongNameAttribute || (isFirst && group.IsZero())) {
-      return isFirst || !group.IsZero() ? std::optional(group) : std::nullopt;
-    }
+// Reads the group at the front of `bytes`. False when they end before it does, or its chain of
+// long-name records is none.
+bool TakeGroup(std::span<const unsigned char> bytes, Group* group) {
+  group->records.Clear();
+  for (group->size = kDirRecordSize; group->size <= bytes.size(); group->size += kDirRecordSize) {
+    const auto record = bytes.first(group->size).last<kDirRecordSize>();
+    group->header = DecodeMiniHeader(record.first<kMiniHeaderSize>());
+    if (group->records.HasLongName() && group->header.Type != kRecordDirectory) return false;
+    const auto taken = group->records.Take(record.last<kDirEntrySize>());
+    if (taken != EntryGroup::Taken::Piece) return taken == EntryGroup::Taken::Entry;
   }
-  return std::nullopt;
-}
-
-// The name that the long-name records of the group spell; empty without one.
-std::string LongNameOf(const Group& group) {
-  std::array<unsigned char, kMaxLongNamePieces * kPieceNameBytes> units;
-  auto end = units.begin();
-  for (size_t at = 0; at + kDirRecordSize < group.bytes.size(); at += kDirRecordSize) {
-    const auto piece = LongNameUnits(EntryIn(group.bytes.subspan(at, kDirRecordSize)));
-    end = std::copy(piece.begin(), piece.end(), end);
-  }
-  return LongNameToBytes(std::span<const unsigned char>(units.begin(), end));
+  return false;
 }
 
 class FatTreeReader {
@@ -115,49 +87,47 @@ class FatTreeReader {
 
   // Where its group ends.
   uint64_t ReadItem(uint32_t offset) {
-    const auto group = TakeGroup(m_window.At(offset, kLongestGroup));
-    if (!group) Fail(offset, "its group cannot be read");
-    const bool isFolder = (group->entry.Attribute & kDirectoryAttribute) != 0;
-    const bool isDot = isFolder && !group->HasLongName() && IsDotName(group->entry);
-    const auto* stated = EntryAt(offset);
-    if (group->IsZero() || isDot) {
-      if (stated != nullptr) FailToRead(offset);
-      if (group->IsZero()) Leave();
-      return offset + group->bytes.size();
+    if (!TakeGroup(m_window.At(offset, kLongestGroup), &m_group)) {
+      Fail(offset, "its group cannot be read");
     }
-    AddEntry(offset, *group, stated);
-    return offset + group->bytes.size();
+    const auto* stated = EntryAt(offset);
+    if (m_group.records.IsListed()) {
+      AddEntry(offset, m_group, stated);
+    } else {
+      if (stated != nullptr) FailToRead(offset);
+      if (m_group.records.Role() == EntryRole::Closing) Leave();
+    }
+    return offset + m_group.size;
   }
 
   void AddEntry(uint32_t offset, const Group& group, const IndexContents::ItemPath* stated) {
+    const _ShortDirEntry& entry = group.records.Entry();
     CatalogNode node;
-    node.isDirectory = (group.entry.Attribute & kDirectoryAttribute) != 0;
-    node.attributes = group.entry.Attribute;
-    node.size = node.isDirectory ? 0 : group.entry.FileSize;
-    node.modified = {group.entry.WriteDate, group.entry.WriteTime};
+    node.isDirectory = group.records.Role() != EntryRole::File;
+    node.attributes = entry.Attribute;
+    node.size = node.isDirectory ? 0 : entry.FileSize;
+    node.modified = {entry.WriteDate, entry.WriteTime};
     node.offset = offset;
-    node.dataOffset = static_cast<uint32_t>(offset + group.bytes.size());
+    node.dataOffset = static_cast<uint32_t>(offset + group.size);
     node.dataLimit = m_index.LimitOf(offset);
     CheckPlace(node, group.header);
-    const std::string shortName = ShortNameToBytes(group.entry);
+    const std::string shortName = group.records.ShortName();
     std::string name = shortName;
     std::string problem;
-    if (group.HasLongName()) problem = TakeLongName(group, &name);
+    if (group.records.HasLongName()) problem = TakeLongName(group.records, &name);
     const uint64_t hash = ComparePath(node, stated, problem.empty(), shortName, &name, &problem);
     const uint32_t id = m_tree.Add({name, shortName, node});
     if (!problem.empty()) {
       m_problems->push_back({m_tree.SoFar().NameForProblem(id), problem, false, offset});
     }
-    if (!node.isDirectory) return;
-    // Readers take the short name alone for that of the folder itself, and open nothing.
-    if (IsDotName(group.entry)) return m_tree.Leave();
-    m_open.push_back({hash, PathLength(name)});
+    if (group.records.Role() == EntryRole::Dot) m_tree.Leave();  // a folder that opens nothing
+    if (group.records.Role() == EntryRole::Folder) m_open.push_back({hash, PathLength(name)});
   }
 
   // What is wrong with the long name, which otherwise becomes `name`.
-  std::string TakeLongName(const Group& group, std::string* name) {
-    std::string problem = JudgeLongName(group.bytes, group.entry);
-    std::string longName = LongNameOf(group);
+  std::string TakeLongName(const EntryGroup& group, std::string* name) {
+    std::string problem = JudgeLongName(group);
+    std::string longName = group.LongName();
     if (problem.empty() && longName.empty()) problem = "empty";
     if (problem.empty()) {
       *name = std::move(longName);
@@ -225,6 +195,7 @@ class FatTreeReader {
   const IndexContents& m_index;
   std::vector<ImageProblem>* m_problems;
   FileWindow m_window;
+  Group m_group;  // the one that was read last
   TreeBuilder m_tree;
   std::vector<OpenFolder> m_open;
   size_t m_next = 0;   // of the items of the index

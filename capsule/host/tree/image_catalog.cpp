@@ -97,9 +97,7 @@ class ClassReader {
  public:
   explicit ClassReader(const std::string& path) : m_Scope(m_State), m_Opened(path) {
     if (m_Opened.file.GetImageFileHandle() <= 0) {
-      const int reason = m_Opened.file.GetLastError();
-      ThrowIfShort(path, "cannot open", reason);
-      throw Error(path, "cannot open: " + SystemReason(reason));
+      ThrowSystemError(path, "cannot open", m_Opened.file.GetLastError());
     }
     Read(path);
   }
@@ -123,9 +121,9 @@ class ClassReader {
   // The classes do not tell what they found damaged from what the system could not do.
   [[noreturn]] static void Fail(const std::string& path, const std::string& what, int error,
                                 const std::string& damage) {
-    ThrowIfShort(path, what, error);
     const bool isDamage = error == 0 || error == EINVAL;  // the latter for an offset of no file
-    throw Error(path, what + ": " + (isDamage ? damage : SystemReason(error)));
+    if (!isDamage) ThrowSystemError(path, what, error);
+    throw Error(path, what + ": " + damage);
   }
 
   LibraryState m_State;

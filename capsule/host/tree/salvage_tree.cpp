@@ -5,7 +5,8 @@
 #include "capsule/host/error.h"
 #include "capsule/host/file/file_window.h"
 #include "capsule/host/file/reason.h"
-#include "capsule/host/sections/section_survey.h"
+#include "capsule/host/sections/indexed_survey.h"
+#include "capsule/host/sections/searching_survey.h"
 #include "capsule/host/sections/sound_item.h"
 #include "capsule/host/sections/survey_outline.h"
 #include "capsule/host/tree/tree_builder.h"
@@ -31,8 +32,7 @@ class TreeCollector {
     if (item.isRoot) return;
     if (item.kind == Kind::ZeroEntry) m_tree.Leave();
     if (item.isNtfs) m_tree.LeaveTo(item.depth);
-    if (item.kind == Kind::Directory || item.kind == Kind::File)
-      AddEntry(item, found.isPlaceholder);
+    if (item.IsEntry()) AddEntry(item, found.isPlaceholder);
   }
 
   std::unique_ptr<Catalog> Build() { return m_tree.Build(); }
@@ -41,7 +41,7 @@ class TreeCollector {
   void AddEntry(const SectionItem& item, bool isPlaceholder) {
     CatalogNode node;
     node.isPlaceholder = isPlaceholder;
-    node.isDirectory = item.kind == Kind::Directory;
+    node.isDirectory = item.kind != Kind::File;
     node.attributes = item.entry.Attribute;
     node.size = node.isDirectory ? 0 : item.entry.FileSize;
     node.modified = {item.entry.WriteDate, item.entry.WriteTime};
@@ -49,6 +49,7 @@ class TreeCollector {
     node.dataLimit = static_cast<uint32_t>(item.offset + item.length);
     node.dataOffset = node.isDirectory ? node.dataLimit : static_cast<uint32_t>(item.dataOffset);
     m_tree.Add({item.name, item.shortName, node});
+    if (item.kind == Kind::DotEntry) m_tree.Leave();
   }
 
   TreeBuilder m_tree;
@@ -56,8 +57,7 @@ class TreeCollector {
 
 std::string ProblemOfName(FileWindow& window, const SurveyItem& found) {
   const SectionItem& item = found.item;
-  const bool isEntry = item.kind == Kind::Directory || item.kind == Kind::File;
-  if (!isEntry || found.isPlaceholder || item.isNtfs) return {};
+  if (!item.IsEntry() || found.isPlaceholder || item.isNtfs) return {};
   return JudgeLongName(window, item);
 }
 

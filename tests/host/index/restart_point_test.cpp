@@ -37,7 +37,7 @@ class RestartPoints : public testing::Test {
   void Build(int level) {
     ImageBuilder builder(m_Path, {.level = level});
     builder.AddDirectory(m_Folder / "in");
-    builder.Finish();
+    static_cast<void>(builder.Finish());
     m_Bytes = test::ReadFile(m_Path);
     m_Blocks.clear();
     m_Notes.clear();
@@ -87,7 +87,7 @@ TEST_F(RestartPoints, LetReadingBeginInTheMiddle) {
     ASSERT_EQ(m_Notes.size(), 7U);
     EXPECT_EQ(m_Notes[2].target, m_Blocks[3 * kMega / 8192]);
     EXPECT_LT(m_Notes[2].length, level == 0 ? 25U : 2068U);
-    IndexWriter(m_Path).Write();
+    static_cast<void>(IndexWriter(m_Path).Write());
     EXPECT_EQ(test::ReadFile(m_Path) == m_Bytes, true);
   }
   Damage(5 * kMega / 2);
@@ -133,7 +133,8 @@ TEST_F(RestartPoints, AreVerified) {
     bytes[note.offset + at] ^= 1;
     SaveWithNewCheckValue(bytes);
     std::string text;
-    Verifier(m_Path).Run([&](const Fault& fault) { text += fault.path + ": " + fault.reason; });
+    static_cast<void>(Verifier(m_Path).Run(
+        [&](const Fault& fault) { text += fault.path + ": " + fault.reason; }));
     return text;
   };
   constexpr size_t kName = 3;

@@ -109,7 +109,7 @@ class DamagedFile : public testing::Test {
     maker.File("OTHER      ", 0);
     maker.EndSection();
     test::WriteFile(m_Path, maker.Finish());
-    IndexWriter(m_Path).Write();
+    static_cast<void>(IndexWriter(m_Path).Write());
     m_Whole = test::ReadFile(m_Path);
   }
 

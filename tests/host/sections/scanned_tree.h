@@ -5,7 +5,6 @@
 #include <map>
 #include <string>
 
-#include "capsule/host/file/scoped_descriptor.h"
 #include "capsule/host/sections/section_scanner.h"
 #include "capsule/partition/record_format.h"
 #include "tests/support/bytes.h"
@@ -28,8 +27,7 @@ inline std::string StoredContent(const std::string& image, const host::SectionIt
 
 inline Tree ScannedTree(const std::string& path) {
   const std::string image = ReadFile(path);
-  const host::ScopedDescriptor descriptor(platform::OpenForReading(path.c_str()));
-  host::SectionScanner scanner(host::ImageFile(descriptor.Get(), path));
+  host::SectionScanner scanner(host::ImageFile(host::FileSource(path), path));
   Tree tree;
   for (host::SectionItem item; scanner.Next(&item);) {
     const std::string key = std::to_string(item.section) + ":" + item.path;

@@ -5,8 +5,8 @@
 #include <algorithm>
 
 #include "capsule/container/index_format.h"
-#include "capsule/host/file/scoped_descriptor.h"
 #include "capsule/host/image_map.h"
+#include "capsule/platform/scoped_descriptor.h"
 #include "tests/host/small_image.h"
 #include "tests/support/bytes.h"
 #include "tests/support/entries.h"
@@ -18,7 +18,7 @@ namespace {
 using Kind = SectionItem::Kind;
 
 std::vector<SectionItem> Scan(const std::string& path) {
-  const ScopedDescriptor descriptor(platform::OpenForReading(path.c_str()));
+  const platform::ScopedDescriptor descriptor(platform::OpenForReading(path.c_str()));
   EXPECT_TRUE(descriptor) << path;
   SectionScanner scanner(ImageFile(descriptor.Get(), "x.cap"));
   std::vector<SectionItem> items;

@@ -12,7 +12,9 @@
 #include "capsule/container/index_format.h"
 #include "capsule/host/file/checksum.h"
 #include "capsule/host/image.h"
+#include "capsule/host/image_map.h"
 #include "capsule/host/index_writer.h"
+#include "capsule/host/verifier.h"
 #include "capsule/platform/little_endian.h"
 #include "tests/host/small_image.h"
 #include "tests/support/bytes.h"
@@ -62,7 +64,7 @@ class Seed : public test::TempDir, public test::DamageSeed {
   std::string Put(const std::string& name, bool isChecked) const {
     const std::string path = *this / "x.cap";
     test::WriteFile(path, test::ReadFile(CAPSULE_TEST_DATA "/images/" + name));
-    if (isChecked) IndexWriter(path).Write();
+    if (isChecked) static_cast<void>(IndexWriter(path).Write());
     return path;
   }
 };
@@ -158,7 +160,8 @@ TEST(SalvagedKind, AFolderIsNoFile) {
   bytes[folder + 11] = 0;
   test::WriteFile(seed / "x.cap", bytes);
   EXPECT_THROW(Image(seed / "x.cap"), Error);
-  EXPECT_TRUE(Image(seed / "x.cap", Opening::Salvage).Find("D1")->IsDirectory());
+  const Image image(seed / "x.cap", Opening::Salvage);
+  EXPECT_TRUE(image.Find("D1")->IsDirectory());
 }
 
 // Through host::Image, folders with a '/' behind.
@@ -226,7 +229,7 @@ TEST(BareDots, OpenNoLevel) {
       ASSERT_EQ(image.CloseImageFile(), 0);
     }
     const std::string bare = test::ReadFile(path);
-    IndexWriter(path).Write();
+    static_cast<void>(IndexWriter(path).Write());
     EXPECT_EQ(PathsOf(Image(path)), paths);
     EXPECT_EQ(ClassPathsOf(path), paths);
     std::string unchecked = test::ReadFile(path);
@@ -238,6 +241,45 @@ TEST(BareDots, OpenNoLevel) {
     const Image salvaged(path, Opening::Salvage);
     EXPECT_EQ(PathsOf(salvaged), paths);
     EXPECT_TRUE(salvaged.Problems().empty()) << salvaged.Problems().front().reason;
+  }
+}
+
+// With a long name they are shown, and open no level either: whatever goes over the records says
+// so.
+TEST(NamedDots, OpenNoLevelWhoeverReadsThem) {
+  test::SmallImage image;
+  image.BeginSection();
+  for (const auto& [longName, name] : {std::pair("top", "..         "), {"in A", ".          "}}) {
+    image.LongName(longName, name);
+    image.Entry(name, kDirectoryAttribute);
+    if (longName == std::string("top")) image.Folder("A          ");
+  }
+  image.SmallFile("F          ", 10);
+  image.Close();
+  image.SmallFile("G          ", 10);
+  image.EndSection();
+  const test::TempDir folder;
+  const std::string path = folder / "x.cap";
+  const std::string indexed = test::WriteIndexed(path, image);
+  std::string unchecked = indexed;
+  unchecked[image.Size()] = 'X';
+  std::string damaged = indexed;
+  damaged[indexed.find(".          ", indexed.find("A          "))] = '\x01';
+  const std::vector<std::string> paths{"A/", "A/F", "A/in A/", "G", "top/"};
+  for (const std::string& bytes : {indexed, unchecked, image.Bytes(), damaged}) {
+    test::WriteFile(path, bytes);
+    const Image salvaged(path, Opening::Salvage);
+    EXPECT_EQ(PathsOf(salvaged), paths);
+    EXPECT_EQ(salvaged.Problems().size(), bytes == damaged ? 1U : 0U);
+    if (bytes != indexed) continue;
+    EXPECT_EQ(PathsOf(Image(path)), paths);
+    EXPECT_EQ(ClassPathsOf(path), (std::vector<std::string>{"A/", "A/F", "G"}));
+    EXPECT_EQ(Verifier(path).Run([](const Fault&) {}).faults, 0U);
+    std::vector<std::string> mapped;
+    MapImage(path, [&](const MapItem& item) {
+      if (item.kind == MapItem::Kind::DataBlock) mapped.push_back(item.path);
+    });
+    EXPECT_EQ(mapped, (std::vector<std::string>{"0:/A/F", "0:/G"}));
   }
 }
 

@@ -1,15 +1,12 @@
 // A survey goes through the sections of a damaged image as SectionScanner does, over damage as
-// well: what is lost is told, what is left is handed out.
+// well: what is lost is told, what is left is handed out. This is what every survey finds.
 #pragma once
 
 #include <cstdint>
 #include <functional>
-#include <span>
 #include <string>
 
-#include "capsule/host/index/index_check.h"
 #include "capsule/host/sections/section_scanner.h"
-#include "capsule/host/sections/survey_outline.h"
 
 namespace capsule::host {
 
@@ -32,20 +29,12 @@ struct SurveyVisitor {
   std::function<void(uint64_t offset)> onStray;  // an NTFS entry whose folder is not there
 };
 
-// Goes by the records of a checked index, which say what lies where. `index` kept its records.
-void SurveyByIndex(const ImageFile& image, const IndexContents& index,
-                   const SurveyVisitor& visitor);
-
-// How to search without a checked index.
-struct SearchHints {
-  uint64_t limit = 0;                       // where the sections end at the latest
-  std::span<const uint32_t> sections = {};  // where an index says that they begin, ascending
-  bool readsData = true;  // looks into data that seems to hold records: a length may be damaged
-  const SurveyOutline* outline = nullptr;  // what an index says that lies between
-};
-
-// Without a checked index: goes on at the next place that looks like a record group. Memory: the
-// items of one section.
-void SurveyBySearch(const ImageFile& image, const SearchHints& hints, const SurveyVisitor& visitor);
+// One of `kind` of which nothing is known but where it begins.
+inline SurveyItem PlainItem(SectionItem::Kind kind, uint64_t offset) {
+  SurveyItem found;
+  found.item.kind = kind;
+  found.item.offset = offset;
+  return found;
+}
 
 }  // namespace capsule::host

@@ -1,0 +1,58 @@
+// Watch stands between a long operation and the host that waits for it: it hands on how far the
+// operation has come, and ends it when the host has had enough.
+#pragma once
+
+#include <algorithm>
+#include <cstdint>
+#include <stop_token>
+#include <string>
+#include <utility>
+
+#include "capsule/host/error.h"
+#include "capsule/host/progress.h"
+
+namespace capsule::host {
+
+class Watch {
+ public:
+  // `name`: what the operation is about, for the error that ends it.
+  Watch(std::string name, OnProgress onProgress, std::stop_token stop)
+      : m_name(std::move(name)), m_onProgress(std::move(onProgress)), m_stop(std::move(stop)) {}
+
+  // Whether anybody wants to know, so that what only they need can be spared.
+  bool IsHeard() const { return m_onProgress != nullptr; }
+
+  // To be kept up to date by the operation; bytesDone by Tell.
+  Progress& Now() { return m_now; }
+
+  // Throws Error (ErrorKind::Cancelled) when the host wants the operation to end.
+  void Check() const {
+    if (m_stop.stop_requested()) throw Error(ErrorKind::Cancelled, m_name, "cancelled");
+  }
+
+  // The operation has come to `bytesDone`, and is at `path`. Checks, too.
+  void Tell(uint64_t bytesDone, const std::string& path) {
+    Check();
+    if (!m_onProgress) return;
+    m_now.path = path;
+    m_now.bytesDone = std::max(m_now.bytesDone, bytesDone);
+    m_onProgress(m_now);
+    Check();
+  }
+
+  // The same within an item, where not every step is worth telling.
+  void TellWithin(uint64_t bytesDone, const std::string& path) {
+    Check();
+    if (bytesDone >= m_now.bytesDone + kStep || path != m_now.path) Tell(bytesDone, path);
+  }
+
+ private:
+  static constexpr uint64_t kStep = uint64_t{64} << 10;
+
+  std::string m_name;
+  OnProgress m_onProgress;
+  std::stop_token m_stop;
+  Progress m_now;
+};
+
+}  // namespace capsule::host

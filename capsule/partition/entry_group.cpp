@@ -1,0 +1,86 @@
+// A group has no length of its own: it goes on while records are pieces of a long name, and ends
+// with the first that is none. An entry of zeros is never a piece when it comes first, since then
+// it is one that closes a level; behind a piece its attribute decides.
+#include "capsule/partition/entry_group.h"
+
+#include <algorithm>
+
+#include "capsule/platform/little_endian.h"
+
+namespace capsule {
+namespace {
+
+constexpr uint8_t kLastPiece = 0x40;
+constexpr uint16_t kFilling = 0xFFFF;
+
+}  // namespace
+
+EntryRole RoleOf(const _ShortDirEntry& entry) {
+  if (entry.Name[0] == 0) return EntryRole::Closing;
+  if ((entry.Attribute & kDirectoryAttribute) == 0) return EntryRole::File;
+  return IsDotName(entry) ? EntryRole::Dot : EntryRole::Folder;
+}
+
+bool EntryGroup::IsPiece(Payload payload, bool isFirst) {
+  return payload[offsetof(_LongDirEntry, Attribute)] == kLongNameAttribute &&
+         !(isFirst && payload[0] == 0);
+}
+
+EntryGroup::Taken EntryGroup::Take(Payload payload) {
+  if (IsPiece(payload, m_pieces == 0)) {
+    if (m_pieces == kMaxLongNamePieces) return Taken::TooManyPieces;
+    AddPiece(payload);
+    return Taken::Piece;
+  }
+  SetEntry(DecodeShortEntry(payload));
+  return HasLongName() && Role() == EntryRole::Closing ? Taken::NoEntry : Taken::Entry;
+}
+
+void EntryGroup::AddPiece(Payload payload) {
+  const auto units = LongNameUnits(payload);
+  std::copy(units.begin(), units.end(),
+            m_units.begin() + static_cast<std::ptrdiff_t>(m_pieces * kPieceNameBytes));
+  m_marks[m_pieces++] = {payload[0], payload[offsetof(_LongDirEntry, Checksum)]};
+}
+
+void EntryGroup::SetEntry(const _ShortDirEntry& entry) {
+  m_entry = entry;
+  if (!HasLongName()) return;
+  const auto bytes = EncodeShortEntry(entry);
+  m_checksum = ShortNameChecksum(std::span(bytes).first<11>());
+}
+
+bool EntryGroup::IsListed() const {
+  const EntryRole role = Role();
+  return role != EntryRole::Closing && (role != EntryRole::Dot || HasLongName());
+}
+
+std::string EntryGroup::Name() const {
+  std::string name = LongName();
+  return name.empty() ? ShortName() : name;
+}
+
+std::optional<EntryGroup::PieceFault> EntryGroup::FaultOf(size_t piece) const {
+  const Mark& mark = m_marks[piece];
+  const auto ordinal = static_cast<uint8_t>((m_pieces - piece) | (piece == 0 ? kLastPiece : 0));
+  if (mark.ordinal != ordinal) return PieceFault{false, mark.ordinal, ordinal};
+  if (mark.checksum != m_checksum) return PieceFault{true, mark.checksum, m_checksum};
+  return std::nullopt;
+}
+
+std::string_view EntryGroup::FaultOfFilling() const {
+  const auto bytes = Units();
+  bool hasEnded = false;
+  for (size_t at = 0; at < bytes.size(); at += 2) {
+    const uint16_t unit = platform::LoadLe16(&bytes[at]);
+    if (at == kPieceNameBytes) hasEnded = false;
+    if (hasEnded && unit != kFilling) return "name goes on behind its end";
+    if (unit != 0 && (unit != kFilling || hasEnded)) continue;
+    if (at >= kPieceNameBytes) return "name ends before its last piece";
+    if (unit == kFilling) return "name is filled up without an end";
+    hasEnded = true;
+  }
+  return {};
+}
+
+}  // namespace capsule
