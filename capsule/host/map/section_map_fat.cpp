@@ -5,15 +5,12 @@
 #include "capsule/host/file/reason.h"
 #include "capsule/host/map/section_map.h"
 #include "capsule/host/records/record_judge.h"
+#include "capsule/host/sections/section_resync.h"
 #include "capsule/partition/record_format.h"
 #include "capsule/platform/dos_time.h"
 
 namespace capsule::host {
 namespace {
-
-constexpr std::array<unsigned char, 8> kEntryHeader{kRecordDirectory, 1, 0, 0, 0, 0,
-                                                    kDirEntrySize,    0};
-constexpr std::array<unsigned char, 8> kAreaHeader{kRecordPartition, 0, 0, 0, 0, 0, 0, 6};
 
 std::string Count(uint64_t n) { return std::to_string(n); }
 
@@ -185,18 +182,9 @@ bool SectionMap::IsFatRecordAt(uint64_t offset) {
 
 // The first place from `offset` on where a directory record or a trailer begins.
 uint64_t SectionMap::FindFatRecord(uint64_t offset) {
-  while (offset < m_nEnd) {
-    const auto bytes = m_Window.At(offset, FileWindow::kSize / 2);
-    if (bytes.size() < kEntryHeader.size()) break;
-    const auto entry =
-        std::search(bytes.begin(), bytes.end(), kEntryHeader.begin(), kEntryHeader.end());
-    const auto area = std::search(bytes.begin(), entry, kAreaHeader.begin(), kAreaHeader.end());
-    const auto found = area != entry ? area : entry;
-    const uint64_t at = offset + static_cast<uint64_t>(found - bytes.begin());
-    if (found != bytes.end() && IsFatRecordAt(at)) return at;
-    offset += bytes.size() - (kEntryHeader.size() - 1);
-  }
-  return m_nEnd;
+  uint64_t at = FindRecordMark(m_Window, offset, m_nEnd);
+  while (at < m_nEnd && !IsFatRecordAt(at)) at = FindRecordMark(m_Window, at + 1, m_nEnd);
+  return at;
 }
 
 }  // namespace capsule::host

@@ -9,6 +9,7 @@
 
 #include "capsule/host/error.h"
 #include "capsule/host/file/reason.h"
+#include "capsule/host/records/long_name_check.h"
 #include "capsule/partition/record_format.h"
 #include "capsule/platform/file.h"
 
@@ -172,6 +173,7 @@ void SectionScanner::ScanEntry(SectionItem* item, const EntryGroup& group) {
   if (group.IsListed()) {
     item->shortName = group.ShortName();
     item->name = group.Name();
+    item->nameProblem = JudgeLongName(group);
     item->path = PathOf(item->name);
   }
   if (role == EntryRole::Dot) {
