@@ -229,14 +229,6 @@ std::string LongNameToBytes(std::u16string_view units) {
   return bytes;
 }
 
-bool IsDotName(const _ShortDirEntry& entry) {
-  const auto isBlank = [](uint8_t byte) { return byte == ' '; };
-  const size_t dots = entry.Name[1] == '.' ? 2 : 1;
-  return entry.Name[0] == '.' &&
-         std::all_of(std::begin(entry.Name) + dots, std::end(entry.Name), isBlank) &&
-         std::all_of(std::begin(entry.Extension), std::end(entry.Extension), isBlank);
-}
-
 std::string ShortNameToBytes(const _ShortDirEntry& entry) {
   std::string name(std::begin(entry.Name), std::end(entry.Name));
   if (entry.Name[0] == kStandsForE5) name.front() = '\xE5';

@@ -94,9 +94,6 @@ std::string LongNameToBytes(std::span<const unsigned char> piecesLastFirst);
 // UTF-8 of UTF-16 units; surrogates that stand alone become U+FFFD.
 std::string Utf16ToUtf8(std::u16string_view units);
 
-// Whether the short name is that of "." or "..", as readers tell them: with its padding.
-bool IsDotName(const _ShortDirEntry& entry);
-
 // Short name as text for people: name, then '.' and extension when there is one; only trailing
 // blanks of each are trimmed. A first byte of 0x05 stands for 0xE5.
 std::string ShortNameToBytes(const _ShortDirEntry& entry);

@@ -36,7 +36,8 @@ bool SoundItem::IsRatherThan(const SectionItem& item, Kind kind) const {
       return !IsMostlyZero(item.entry);
     case Kind::DotEntry:
       if (item.kind == Kind::File) return item.entry.FileSize != 0;
-      return item.kind != Kind::Directory || IsDotAt(m_Window, item.offset + item.length, ".");
+      return item.kind != Kind::Directory ||
+             DotNameAt(m_Window, item.offset + item.length) == DotName::Itself;
     case Kind::Directory:
       if (item.kind == Kind::File) return item.entry.FileSize != 0;
       return item.kind != Kind::DotEntry;
@@ -45,12 +46,11 @@ bool SoundItem::IsRatherThan(const SectionItem& item, Kind kind) const {
   }
 }
 
-bool IsDotAt(FileWindow& window, uint64_t offset, std::string_view name) {
+DotName DotNameAt(FileWindow& window, uint64_t offset) {
   const auto bytes = window.At(offset, kDirRecordSize);
-  if (bytes.size() < kDirRecordSize) return false;
+  if (bytes.size() < kDirRecordSize) return DotName::None;
   const _ShortDirEntry entry = DecodeShortEntry(bytes.last<kDirEntrySize>());
-  return (entry.Attribute & kDirectoryAttribute) != 0 && entry.Attribute != kLongNameAttribute &&
-         ShortNameToBytes(entry) == name;
+  return RoleOf(entry) == EntryRole::Dot ? DotNameOf(entry) : DotName::None;
 }
 
 }  // namespace capsule::host
