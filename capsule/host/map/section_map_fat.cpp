@@ -77,6 +77,7 @@ void SectionMap::MapDirectoryRecord(const _MiniHeader& header) {
   if (taken == EntryGroup::Taken::Piece) return MapLongName(header, bytes);
   if (taken == EntryGroup::Taken::NoEntry) DropPieces("long name without an entry");
   m_Group.Role() == EntryRole::Closing ? MapZeroEntry(header) : MapShortEntry(header);
+  m_Folders.Pass(m_Group.Role(), m_Group.Name());
   m_Group.Clear();
 }
 
@@ -87,7 +88,6 @@ void SectionMap::MapZeroEntry(const _MiniHeader& header) {
                   ? "closes nothing"
                   : "closes \"" + (HasLongPath() ? "…" : m_Folders.Path()) + "\"";
   item.problem = JudgeDirectoryHeader(header);
-  m_Folders.Leave();
   m_strFile.clear();
   m_Sink.Add(item);
 }
@@ -104,8 +104,7 @@ void SectionMap::MapLongName(const _MiniHeader& header, EntryGroup::Payload byte
 void SectionMap::MapShortEntry(const _MiniHeader& header) {
   const _ShortDirEntry& entry = m_Group.Entry();
   const EntryRole role = m_Group.Role();
-  const std::string name = m_Group.Name();
-  m_strFile = PathOf(name);
+  m_strFile = PathOf(m_Group.Name());
   FinishPieces();
   MapItem item = ItemAt(MapItem::Kind::ShortEntry, kDirRecordSize);
   item.beginsEntry = !m_Group.HasLongName();
@@ -114,7 +113,6 @@ void SectionMap::MapShortEntry(const _MiniHeader& header) {
   item.problem = JudgeDirectoryHeader(header);
   item.attributes = entry.Attribute;
   item.fileSize = role == EntryRole::File ? entry.FileSize : 0;
-  if (role == EntryRole::Folder) m_Folders.Enter(name);
   m_bTakesData = role == EntryRole::File && entry.FileSize != 0;
   m_bLastSeen = false;
   m_nFileBytes = 0;

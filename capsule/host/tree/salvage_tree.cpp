@@ -47,8 +47,8 @@ class TreeCollector {
     node.dataLimit = static_cast<uint32_t>(item.offset + item.length);
     node.dataOffset = node.isDirectory ? node.dataLimit : static_cast<uint32_t>(item.dataOffset);
     // A long name that cannot be believed names nothing.
-    m_tree.Add({item.nameProblem.empty() ? item.name : item.shortName, item.shortName, node});
-    if (item.kind == Kind::DotEntry) m_tree.Leave();
+    const std::string& name = item.nameProblem.empty() ? item.name : item.shortName;
+    m_tree.Add({name, item.shortName, node, item.kind == Kind::DotEntry});
   }
 
   TreeBuilder m_tree;
