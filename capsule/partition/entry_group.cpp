@@ -18,7 +18,12 @@ constexpr uint16_t kFilling = 0xFFFF;
 EntryRole RoleOf(const _ShortDirEntry& entry) {
   if (entry.Name[0] == 0) return EntryRole::Closing;
   if ((entry.Attribute & kDirectoryAttribute) == 0) return EntryRole::File;
-  return IsDotName(entry) ? EntryRole::Dot : EntryRole::Folder;
+  return DotNameOf(entry) == DotName::None ? EntryRole::Folder : EntryRole::Dot;
+}
+
+DotName DotNameOf(const _ShortDirEntry& entry) {
+  const std::string name = ShortNameToBytes(entry);
+  return name == "." ? DotName::Itself : name == ".." ? DotName::Above : DotName::None;
 }
 
 bool EntryGroup::IsPiece(Payload payload, bool isFirst) {

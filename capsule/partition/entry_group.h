@@ -36,6 +36,12 @@ enum class EntryRole {
 
 EntryRole RoleOf(const _ShortDirEntry& entry);
 
+// What a short name is that every folder has of its own: "." for itself, ".." for the folder above.
+enum class DotName { None, Itself, Above };
+
+// By the short name alone, padding included.
+DotName DotNameOf(const _ShortDirEntry& entry);
+
 class EntryGroup {
  public:
   using Payload = std::span<const unsigned char, kDirEntrySize>;

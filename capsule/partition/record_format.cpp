@@ -11,8 +11,6 @@ namespace {
 
 constexpr char16_t kPaddingUnit = 0xFFFF;
 constexpr char16_t kReplacement = 0xFFFD;
-constexpr _MiniHeader kAreaHeader{kRecordPartition, 0, 0, kPartitionPayload};
-constexpr _MiniHeader kEntryHeader{kRecordDirectory, 1, 0, kDirEntrySize};
 
 // Copies `source` to `target` at `at`.
 template <typename Target, typename Source>
@@ -169,19 +167,19 @@ bool IsInUse(const _Partition& record) {
 
 std::array<unsigned char, kDirRecordSize> EncodeZeroEntry() {
   std::array<unsigned char, kDirRecordSize> bytes{};
-  Put(bytes, 0, EncodeMiniHeader(kEntryHeader));
+  Put(bytes, 0, kEntryHeader);
   return bytes;
 }
 
 std::array<unsigned char, kPartitionHeaderSize> EncodePartitionHeader() {
   std::array<unsigned char, kPartitionHeaderSize> bytes{0xAB, 0xCD, 2};
-  Put(bytes, kSectorAreaSize, EncodeMiniHeader(kAreaHeader));
+  Put(bytes, kSectorAreaSize, kAreaHeader);
   return bytes;
 }
 
 std::array<unsigned char, kPartitionTrailerSize> EncodePartitionTrailer() {
   std::array<unsigned char, kPartitionTrailerSize> bytes{};
-  Put(bytes, 0, EncodeMiniHeader(kAreaHeader));
+  Put(bytes, 0, kAreaHeader);
   return bytes;
 }
 
@@ -227,14 +225,6 @@ std::string LongNameToBytes(std::u16string_view units) {
   std::string bytes;
   for (const char16_t unit : units) bytes.push_back(static_cast<char>(unit));
   return bytes;
-}
-
-bool IsDotName(const _ShortDirEntry& entry) {
-  const auto isBlank = [](uint8_t byte) { return byte == ' '; };
-  const size_t dots = entry.Name[1] == '.' ? 2 : 1;
-  return entry.Name[0] == '.' &&
-         std::all_of(std::begin(entry.Name) + dots, std::end(entry.Name), isBlank) &&
-         std::all_of(std::begin(entry.Extension), std::end(entry.Extension), isBlank);
 }
 
 std::string ShortNameToBytes(const _ShortDirEntry& entry) {

@@ -29,6 +29,12 @@ inline constexpr uint16_t kPartitionPayload = 1536;
 inline constexpr uint32_t kPartitionHeaderSize = 2056;
 inline constexpr uint32_t kPartitionTrailerSize = 1544;
 
+// In front of every directory record, and of the records that begin and end a section.
+inline constexpr std::array<unsigned char, kMiniHeaderSize> kEntryHeader{
+    kRecordDirectory, 1, 0, 0, 0, 0, kDirEntrySize, 0};
+inline constexpr std::array<unsigned char, kMiniHeaderSize> kAreaHeader{
+    kRecordPartition, 0, 0, 0, 0, 0, 0, kPartitionPayload >> 8};
+
 // The largest image: offsets are signed 32-bit values.
 inline constexpr int64_t kMaxImageSize = 0x7FFFFFFF;
 
@@ -93,9 +99,6 @@ std::string LongNameToBytes(std::span<const unsigned char> piecesLastFirst);
 
 // UTF-8 of UTF-16 units; surrogates that stand alone become U+FFFD.
 std::string Utf16ToUtf8(std::u16string_view units);
-
-// Whether the short name is that of "." or "..", as readers tell them: with its padding.
-bool IsDotName(const _ShortDirEntry& entry);
 
 // Short name as text for people: name, then '.' and extension when there is one; only trailing
 // blanks of each are trimmed. A first byte of 0x05 stands for 0xE5.

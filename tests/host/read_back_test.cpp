@@ -75,7 +75,7 @@ void AddPlaces(CpsList& blocks, const std::string& above, Places* places) {
     const bool isFolder = entry.IsDirectory() != 0;
     const std::string path = above + '/' + NameOf(*block);
     const bool isLong = block->GetLongFileNameLength() != 0;
-    if (isFolder && !isLong && IsDotName(entry.EntryInUse())) continue;
+    if (isFolder && !isLong && RoleOf(entry.EntryInUse()) == EntryRole::Dot) continue;
     places->insert(Place(path, isFolder, entry.FileSize(),
                          static_cast<uint32_t>(block->GetFileBlockStartOffset())));
     if (isFolder) AddPlaces(block->FileList(), path, places);

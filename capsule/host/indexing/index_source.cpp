@@ -11,7 +11,6 @@
 #include "capsule/host/map/image_mapper.h"
 #include "capsule/host/records/record_stream.h"
 #include "capsule/host/sections/searching_survey.h"
-#include "capsule/host/sections/sound_item.h"
 
 namespace capsule::host {
 namespace {
@@ -23,7 +22,7 @@ constexpr char kUnsure[] = "; the folders of what follows are not sure, so no in
 // Judges items by their own records.
 class ItemJudge {
  public:
-  ItemJudge(const ImageFile& image, const DecodedHeader& header) : m_Window(image) {
+  ItemJudge(const ImageFile& image, const DecodedHeader& header) {
     m_Source.image = image;
     m_Source.imageIsCompressed = header.compressed;
     const auto take = [this](const MapItem& item) {
@@ -45,12 +44,6 @@ class ItemJudge {
     return wrong.empty() && isHit ? m_Problems[m_nProblem].second : wrong;
   }
 
-  // What is wrong with its long name, or nothing.
-  std::string JudgeName(const SectionItem& item) {
-    const std::string wrong = item.IsEntry() && !item.isNtfs ? JudgeLongName(m_Window, item) : "";
-    return wrong.empty() ? wrong : "long name: " + wrong;
-  }
-
  private:
   std::string JudgeData(const SectionItem& item) {
     if (item.kind != Kind::File || IsLeftOut(item)) return {};
@@ -68,7 +61,6 @@ class ItemJudge {
            item.dataOffset == item.offset + item.length;
   }
 
-  FileWindow m_Window;
   RecordSource m_Source;
   std::vector<std::pair<uint64_t, std::string>> m_Problems;  // by offset
   size_t m_nProblem = 0;                                     // the next
@@ -120,14 +112,13 @@ class LeftVisit {
     m_nEnd = item.offset + item.length;
     m_Last = item.kind;
     if (found.isPlaceholder) Note(item.offset, "its folder is lost");
-    const std::string name = found.isPlaceholder ? "" : m_Judge.JudgeName(item);
-    if (!name.empty()) {
+    if (!item.nameProblem.empty()) {
       item.path.resize(item.path.size() - std::min(item.path.size(), item.name.size()));
       item.path += item.shortName;
       item.name = item.shortName;
     }
     std::string damage = found.damage.empty() ? m_Judge.Judge(item) : found.damage;
-    if (damage.empty()) damage = name;
+    if (damage.empty() && !item.nameProblem.empty()) damage = "long name: " + item.nameProblem;
     m_Visitor.onItem(item, damage);
   }
 

@@ -1,16 +1,12 @@
 #include "capsule/host/map/section_map.h"
 
 #include <algorithm>
-#include <array>
 
 #include "capsule/host/file/reason.h"
 #include "capsule/partition/record_format.h"
 
 namespace capsule::host {
 namespace {
-
-constexpr uint8_t kSystemIdNtfs = 7;
-constexpr std::array<unsigned char, 8> kAreaHeader{kRecordPartition, 0, 0, 0, 0, 0, 0, 6};
 
 std::string Count(uint64_t n) { return std::to_string(n); }
 

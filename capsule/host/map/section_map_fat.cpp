@@ -5,15 +5,12 @@
 #include "capsule/host/file/reason.h"
 #include "capsule/host/map/section_map.h"
 #include "capsule/host/records/record_judge.h"
+#include "capsule/host/sections/section_resync.h"
 #include "capsule/partition/record_format.h"
 #include "capsule/platform/dos_time.h"
 
 namespace capsule::host {
 namespace {
-
-constexpr std::array<unsigned char, 8> kEntryHeader{kRecordDirectory, 1, 0, 0, 0, 0,
-                                                    kDirEntrySize,    0};
-constexpr std::array<unsigned char, 8> kAreaHeader{kRecordPartition, 0, 0, 0, 0, 0, 0, 6};
 
 std::string Count(uint64_t n) { return std::to_string(n); }
 
@@ -80,6 +77,7 @@ void SectionMap::MapDirectoryRecord(const _MiniHeader& header) {
   if (taken == EntryGroup::Taken::Piece) return MapLongName(header, bytes);
   if (taken == EntryGroup::Taken::NoEntry) DropPieces("long name without an entry");
   m_Group.Role() == EntryRole::Closing ? MapZeroEntry(header) : MapShortEntry(header);
+  m_Folders.Pass(m_Group.Role(), m_Group.Name());
   m_Group.Clear();
 }
 
@@ -90,7 +88,6 @@ void SectionMap::MapZeroEntry(const _MiniHeader& header) {
                   ? "closes nothing"
                   : "closes \"" + (HasLongPath() ? "…" : m_Folders.Path()) + "\"";
   item.problem = JudgeDirectoryHeader(header);
-  m_Folders.Leave();
   m_strFile.clear();
   m_Sink.Add(item);
 }
@@ -107,8 +104,7 @@ void SectionMap::MapLongName(const _MiniHeader& header, EntryGroup::Payload byte
 void SectionMap::MapShortEntry(const _MiniHeader& header) {
   const _ShortDirEntry& entry = m_Group.Entry();
   const EntryRole role = m_Group.Role();
-  const std::string name = m_Group.Name();
-  m_strFile = PathOf(name);
+  m_strFile = PathOf(m_Group.Name());
   FinishPieces();
   MapItem item = ItemAt(MapItem::Kind::ShortEntry, kDirRecordSize);
   item.beginsEntry = !m_Group.HasLongName();
@@ -117,7 +113,6 @@ void SectionMap::MapShortEntry(const _MiniHeader& header) {
   item.problem = JudgeDirectoryHeader(header);
   item.attributes = entry.Attribute;
   item.fileSize = role == EntryRole::File ? entry.FileSize : 0;
-  if (role == EntryRole::Folder) m_Folders.Enter(name);
   m_bTakesData = role == EntryRole::File && entry.FileSize != 0;
   m_bLastSeen = false;
   m_nFileBytes = 0;
@@ -185,18 +180,9 @@ bool SectionMap::IsFatRecordAt(uint64_t offset) {
 
 // The first place from `offset` on where a directory record or a trailer begins.
 uint64_t SectionMap::FindFatRecord(uint64_t offset) {
-  while (offset < m_nEnd) {
-    const auto bytes = m_Window.At(offset, FileWindow::kSize / 2);
-    if (bytes.size() < kEntryHeader.size()) break;
-    const auto entry =
-        std::search(bytes.begin(), bytes.end(), kEntryHeader.begin(), kEntryHeader.end());
-    const auto area = std::search(bytes.begin(), entry, kAreaHeader.begin(), kAreaHeader.end());
-    const auto found = area != entry ? area : entry;
-    const uint64_t at = offset + static_cast<uint64_t>(found - bytes.begin());
-    if (found != bytes.end() && IsFatRecordAt(at)) return at;
-    offset += bytes.size() - (kEntryHeader.size() - 1);
-  }
-  return m_nEnd;
+  uint64_t at = FindRecordMark(m_Window, offset, m_nEnd);
+  while (at < m_nEnd && !IsFatRecordAt(at)) at = FindRecordMark(m_Window, at + 1, m_nEnd);
+  return at;
 }
 
 }  // namespace capsule::host

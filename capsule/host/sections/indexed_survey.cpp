@@ -7,6 +7,7 @@
 #include <string>
 
 #include "capsule/host/error.h"
+#include "capsule/host/sections/dot_row.h"
 #include "capsule/host/sections/sound_item.h"
 #include "capsule/host/sections/survey_repair.h"
 #include "capsule/partition/record_format.h"
@@ -85,8 +86,8 @@ class IndexedSurvey {
   // Whether a damaged record that ends at `end`, of a folder's own or a zero entry, is of a dot
   // entry.
   bool IsDotBefore(uint64_t end) {
-    return m_nDotsLeft > 0 ||
-           (IsDotAt(m_Window, end, ".") && IsDotAt(m_Window, end + kDirRecordSize, ".."));
+    const auto dotAt = [&](size_t i) { return DotNameAt(m_Window, end + i * kDirRecordSize); };
+    return m_nDotsLeft > 0 || AreOfFolder(dotAt, 0);
   }
 
   // What is wrong with the item, or nothing.

@@ -5,6 +5,8 @@
 #include <string>
 #include <vector>
 
+#include "capsule/partition/entry_group.h"
+
 namespace capsule::host {
 
 class OpenFolders {
@@ -18,6 +20,12 @@ class OpenFolders {
     m_Starts.push_back(m_strPath.size());
     if (!m_strPath.empty()) m_strPath += '/';
     m_strPath += name;
+  }
+
+  // Goes on behind an entry of that name.
+  void Pass(EntryRole role, const std::string& name) {
+    if (role == EntryRole::Closing) Leave();
+    if (role == EntryRole::Folder) Enter(name);
   }
 
   // Leaves the innermost folder, if there is one.

@@ -3,7 +3,6 @@
 #include "capsule/host/sections/section_resync.h"
 
 #include <algorithm>
-#include <array>
 #include <span>
 #include <vector>
 
@@ -17,11 +16,6 @@ namespace capsule::host {
 namespace {
 
 using View = std::span<const unsigned char>;
-
-constexpr std::array<unsigned char, kMiniHeaderSize> kEntryHeader{kRecordDirectory, 1, 0, 0, 0, 0,
-                                                                  kDirEntrySize,    0};
-constexpr std::array<unsigned char, kMiniHeaderSize> kAreaHeader{
-    kRecordPartition, 0, 0, 0, 0, 0, 0, 6};
 
 constexpr uint64_t kDecodedAtMost = 65536;
 constexpr size_t kLookAhead = kPartitionHeaderSize;  // the longest thing recognised by its bytes

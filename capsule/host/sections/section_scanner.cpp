@@ -10,6 +10,7 @@
 #include "capsule/host/error.h"
 #include "capsule/host/file/reason.h"
 #include "capsule/host/index/image_header.h"
+#include "capsule/host/records/long_name_check.h"
 #include "capsule/partition/record_format.h"
 
 namespace capsule::host {
@@ -160,27 +161,19 @@ void SectionScanner::ScanGroup(SectionItem* item) {
 }
 
 void SectionScanner::ScanEntry(SectionItem* item, const EntryGroup& group) {
-  item->entry = group.Entry();
+  constexpr SectionItem::Kind kKinds[] = {SectionItem::Kind::ZeroEntry, SectionItem::Kind::DotEntry,
+                                          SectionItem::Kind::Directory, SectionItem::Kind::File};
   const EntryRole role = group.Role();
-  if (role == EntryRole::Closing) {
-    item->kind = SectionItem::Kind::ZeroEntry;
-    m_Folders.Leave();
-    return;
-  }
+  item->kind = kKinds[static_cast<size_t>(role)];
+  item->entry = group.Entry();
   if (group.IsListed()) {
     item->shortName = group.ShortName();
     item->name = group.Name();
+    item->nameProblem = JudgeLongName(group);
     item->path = PathOf(item->name);
   }
-  if (role == EntryRole::Dot) {
-    item->kind = SectionItem::Kind::DotEntry;
-  } else if (role == EntryRole::Folder) {
-    item->kind = SectionItem::Kind::Directory;
-    m_Folders.Enter(item->name);
-  } else {
-    item->kind = SectionItem::Kind::File;
-    ScanData(item);
-  }
+  m_Folders.Pass(role, item->name);
+  if (role == EntryRole::File) ScanData(item);
 }
 
 // The data block records of a file, up to and including the one marked as its last.

@@ -49,11 +49,12 @@ struct SectionItem {
   uint64_t length = 0;
   uint64_t dataOffset =
       0;  // File: where its data block records begin. NtfsEnd: where its record ends
-  _ShortDirEntry entry{};  // Directory, DotEntry, File: the short entry
-  std::string name;        // of an entry: name bytes, the long name if there is one
-  std::string shortName;   // the same of the short one
-  std::string path;        // and with the folders above it, '/' between; empty when longer than
-                           // kMaxScannedPath
+  _ShortDirEntry entry{};   // Directory, DotEntry, File: the short entry
+  std::string name;         // of an entry: name bytes, the long name if there is one
+  std::string shortName;    // the same of the short one
+  std::string nameProblem;  // what is wrong with the long name
+  std::string path;         // and with the folders above it, '/' between; empty when longer than
+                            // kMaxScannedPath
 
   // In sections of NTFS records:
   bool isNtfs = false;

@@ -1,6 +1,5 @@
 #include "capsule/host/sections/sound_item.h"
 
-#include "capsule/host/records/long_name_check.h"
 #include "capsule/host/records/record_stream.h"
 #include "capsule/host/sections/survey_repair.h"
 #include "capsule/partition/record_format.h"
@@ -12,18 +11,11 @@ using Kind = SectionItem::Kind;
 
 }  // namespace
 
-std::string JudgeLongName(FileWindow& window, const SectionItem& item) {
-  const bool hasData = item.kind == SectionItem::Kind::File;
-  const uint64_t length = hasData ? item.dataOffset - item.offset : item.length;
-  if (length == kDirRecordSize) return {};
-  return JudgeLongName(window.At(item.offset, static_cast<size_t>(length)), item.entry);
-}
-
 bool SoundItem::Is(const SectionItem& item) const {
   if (!item.problem.empty() || item.isStray) return false;
   if (item.kind == Kind::ZeroEntry) return IsAllZero(item.entry);
   if (!item.IsEntry()) return true;
-  if (!item.isNtfs && (HasBadName(item) || !JudgeLongName(m_Window, item).empty())) return false;
+  if (!item.isNtfs && (HasBadName(item) || !item.nameProblem.empty())) return false;
   if (item.kind != Kind::File) return true;
   if (item.isNtfs && item.dataOffset == item.offset + item.length) return true;  // not stored
   RecordSource source;
@@ -44,7 +36,8 @@ bool SoundItem::IsRatherThan(const SectionItem& item, Kind kind) const {
       return !IsMostlyZero(item.entry);
     case Kind::DotEntry:
       if (item.kind == Kind::File) return item.entry.FileSize != 0;
-      return item.kind != Kind::Directory || IsDotAt(m_Window, item.offset + item.length, ".");
+      return item.kind != Kind::Directory ||
+             DotNameAt(m_Window, item.offset + item.length) == DotName::Itself;
     case Kind::Directory:
       if (item.kind == Kind::File) return item.entry.FileSize != 0;
       return item.kind != Kind::DotEntry;
@@ -53,12 +46,11 @@ bool SoundItem::IsRatherThan(const SectionItem& item, Kind kind) const {
   }
 }
 
-bool IsDotAt(FileWindow& window, uint64_t offset, std::string_view name) {
+DotName DotNameAt(FileWindow& window, uint64_t offset) {
   const auto bytes = window.At(offset, kDirRecordSize);
-  if (bytes.size() < kDirRecordSize) return false;
+  if (bytes.size() < kDirRecordSize) return DotName::None;
   const _ShortDirEntry entry = DecodeShortEntry(bytes.last<kDirEntrySize>());
-  return (entry.Attribute & kDirectoryAttribute) != 0 && entry.Attribute != kLongNameAttribute &&
-         ShortNameToBytes(entry) == name;
+  return RoleOf(entry) == EntryRole::Dot ? DotNameOf(entry) : DotName::None;
 }
 
 }  // namespace capsule::host

@@ -1,16 +1,10 @@
 // Tells whether an item that was found in a section can be believed.
 #pragma once
 
-#include <string>
-#include <string_view>
-
 #include "capsule/host/file/file_window.h"
 #include "capsule/host/sections/section_scanner.h"
 
 namespace capsule::host {
-
-// What is wrong with the long name of an item of a FAT-style section; nothing when it has none.
-std::string JudgeLongName(FileWindow& window, const SectionItem& item);
 
 // Judges items by their own records.
 class SoundItem {
@@ -31,7 +25,7 @@ class SoundItem {
   bool m_bCompressed;
 };
 
-// Whether an entry of that name, "." or "..", is there.
-bool IsDotAt(FileWindow& window, uint64_t offset, std::string_view name);
+// That of the folder at that place, if one is there.
+DotName DotNameAt(FileWindow& window, uint64_t offset);
 
 }  // namespace capsule::host

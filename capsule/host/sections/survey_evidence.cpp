@@ -75,17 +75,17 @@ SurveyEvidence::SurveyEvidence(const std::vector<SurveyItem>& items)
 }
 
 void SurveyEvidence::ReadKeys() {
-  const auto nameOfDot = [&](size_t i) {
+  const auto dotAt = [&](size_t i) {
     const bool isDot =
         i < m_Items.size() && !m_Items[i].isGap && m_Items[i].item.kind == Kind::DotEntry;
-    return isDot ? ShortNameToBytes(m_Items[i].item.entry) : std::string();
+    return isDot ? DotNameOf(m_Items[i].item.entry) : DotName::None;
   };
   for (size_t i = 0; i < m_Items.size(); ++i) {
     const SurveyItem& found = m_Items[i];
     if (found.isGap || found.item.kind != Kind::Directory) continue;
     size_t next = i + 1;
-    if (nameOfDot(next) == ".") m_Own[i] = KeyOfEntry(m_Items[next++].item.entry);
-    if (nameOfDot(next) == "..") m_Above[i] = KeyOfEntry(m_Items[next].item.entry);
+    if (dotAt(next) == DotName::Itself) m_Own[i] = KeyOfEntry(m_Items[next++].item.entry);
+    if (dotAt(next) == DotName::Above) m_Above[i] = KeyOfEntry(m_Items[next].item.entry);
     if (m_Own[i] == 0 && !found.isPlaceholder) m_Own[i] = KeyOfEntry(found.item.entry);
     if (m_Own[i] != 0) ++m_Keys[m_Own[i]];
     ++m_nFolders;

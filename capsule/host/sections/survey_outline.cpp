@@ -4,6 +4,7 @@
 #include <span>
 #include <string_view>
 
+#include "capsule/host/sections/dot_row.h"
 #include "capsule/partition/record_format.h"
 
 namespace capsule::host {
@@ -12,27 +13,29 @@ namespace {
 using Kind = SectionItem::Kind;
 
 // As readers spell short names: with or without the '.' before the extension, padded or not.
-bool IsDots(std::string_view name) {
-  return name.starts_with('.') && name.find_first_not_of(". ") == name.npos;
+DotName DotNameIn(std::string_view name) {
+  if (!name.starts_with('.') || name.find_first_not_of(". ") != name.npos) return DotName::None;
+  return name.starts_with("..") ? DotName::Above : DotName::Itself;
 }
 
-bool IsDot(std::string_view name) { return IsDots(name) && !name.starts_with(".."); }
-bool IsDotDot(std::string_view name) { return IsDots(name) && name.starts_with(".."); }
-
-// Of the first of `records`. A folder has "." and ".." behind it; ".", "." and ".." belong to none.
-// A "." or ".." alone says nothing: it may be that another is damaged.
+// The kind of the first of `records`. A "." or ".." alone says nothing: it may be that another is
+// damaged.
 std::optional<Kind> KindOf(std::span<const IndexRecord> records, bool isBehindDot) {
-  const auto name = [&](size_t i) { return i < records.size() ? records[i].name : ""; };
-  if (name(0).empty()) return Kind::ZeroEntry;
-  if (IsDots(name(0))) {
-    const bool isPair = IsDot(name(0)) ? IsDotDot(name(1)) : isBehindDot;
-    const bool isOne = isPair || (IsDot(name(0)) && IsDot(name(1)) && IsDotDot(name(2)));
+  const auto dotAt = [&](size_t i) {
+    return i < records.size() ? DotNameIn(records[i].name) : DotName::None;
+  };
+  if (records[0].name.empty()) return Kind::ZeroEntry;
+  if (dotAt(0) != DotName::None) {
+    const bool isPair = dotAt(0) == DotName::Itself ? AreOfFolder(dotAt, 0) : isBehindDot;
+    const bool isOne = isPair || AreOfNoFolder(dotAt, 0);
     return isOne ? std::optional(Kind::DotEntry) : std::nullopt;
   }
-  if (IsDot(name(1)) && IsDotDot(name(2))) return Kind::Directory;
-  const bool isAlone = !IsDots(name(1)) || (IsDot(name(1)) && IsDot(name(2)) && IsDotDot(name(3)));
+  if (AreOfFolder(dotAt, 1)) return Kind::Directory;
+  const bool isAlone = dotAt(1) == DotName::None || AreOfNoFolder(dotAt, 1);
   return isAlone ? std::optional(Kind::File) : std::nullopt;
 }
+
+bool IsItself(const IndexRecord& record) { return DotNameIn(record.name) == DotName::Itself; }
 
 }  // namespace
 
@@ -56,13 +59,11 @@ SurveyOutline::SurveyOutline(const IndexContents& index, uint64_t limit) {
 }
 
 void SurveyOutline::TellKinds(const std::vector<IndexRecord>& records) {
-  const bool namesDots = std::any_of(records.begin(), records.end(),
-                                     [](const IndexRecord& record) { return IsDot(record.name); });
-  if (!namesDots) return;
+  if (std::none_of(records.begin(), records.end(), IsItself)) return;
   auto item = m_Items.begin();
   for (size_t i = 0; i < records.size() && item != m_Items.end(); ++i) {
     if (records[i].offset != item->offset) continue;
-    (item++)->kind = KindOf(std::span(records).subspan(i), i > 0 && IsDot(records[i - 1].name));
+    (item++)->kind = KindOf(std::span(records).subspan(i), i > 0 && IsItself(records[i - 1]));
   }
 }
 

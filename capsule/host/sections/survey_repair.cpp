@@ -7,6 +7,7 @@
 #include <utility>
 
 #include "capsule/host/file/reason.h"
+#include "capsule/host/sections/dot_row.h"
 #include "capsule/partition/record_format.h"
 
 namespace capsule::host {
@@ -15,12 +16,6 @@ namespace {
 using Kind = SectionItem::Kind;
 
 constexpr std::ptrdiff_t kMostlyZero = 24;  // of the 32 bytes of an entry
-
-bool IsDotNamed(const SectionItem& item, const char* name) {
-  const bool isEntry =
-      item.kind == Kind::DotEntry || item.kind == Kind::File || item.kind == Kind::Directory;
-  return isEntry && ShortNameToBytes(item.entry) == name && item.length == kDirRecordSize;
-}
 
 class Repair {
  public:
@@ -64,26 +59,32 @@ class Repair {
     return item.kind == Kind::DotEntry && item.IsEntry() ? Kind::File : item.kind;
   }
 
-  bool IsDot(size_t i, const char* name) const {
-    return i < m_Items.size() && !m_Items[i].isGap && m_Items[i].item.kind == Kind::DotEntry &&
-           IsDotNamed(m_Items[i].item, name);
+  // What the short name says, whether the entry is one of a folder or not. One with a long name is
+  // not called so.
+  DotName NameAt(size_t i) const {
+    const SectionItem& item = m_Items[i].item;
+    const bool isEntry = item.kind == Kind::DotEntry || item.IsEntry();
+    return isEntry && item.length == kDirRecordSize ? DotNameOf(item.entry) : DotName::None;
   }
 
-  // A drive's root, and a folder with a separator behind it, are stored as ".", "." and "..", of
-  // which none opens a level.
+  DotName DotAt(size_t i) const { return KindAt(i) == Kind::DotEntry ? NameAt(i) : DotName::None; }
+
+  bool IsItself(size_t i) const { return DotAt(i) == DotName::Itself; }
+  bool IsAbove(size_t i) const { return DotAt(i) == DotName::Above; }
+
   bool BeginsBareDots(size_t i) const {
-    return IsDot(i, ".") && IsDot(i + 1, ".") && IsDot(i + 2, "..");
+    return AreOfNoFolder([this](size_t n) { return DotAt(n); }, i);
   }
 
   // The first of the two behind a folder.
   bool IsFolderDot(size_t i) const {
-    return IsDot(i, ".") && !BeginsBareDots(i) && (i == 0 || !BeginsBareDots(i - 1));
+    return IsItself(i) && !BeginsBareDots(i) && (i == 0 || !BeginsBareDots(i - 1));
   }
 
   // Whether the folder that is to stand in front is not there. A "." behind that of a folder is a
   // damaged "..".
   bool LosesFolder(size_t i) const {
-    if (IsDot(i, "..")) return i > 0 && m_Items[i - 1].isGap && m_Items[i - 1].lost > 0;
+    if (IsAbove(i)) return i > 0 && m_Items[i - 1].isGap && m_Items[i - 1].lost > 0;
     if (!IsFolderDot(i) || (i > 0 && KindAt(i - 1) == Kind::Directory)) return false;
     return i < 2 || !IsFolderDot(i - 1) || KindAt(i - 2) != Kind::Directory;
   }
@@ -125,11 +126,11 @@ class Repair {
     if (IsTold(i)) return;
     const SectionItem& item = m_Items[i].item;
     if (item.length != kDirRecordSize) return;
-    const bool isFirst = i > 0 && KindAt(i - 1) == Kind::Directory && !IsDot(i, ".");
-    const bool isSecond = i > 1 && IsDot(i - 1, ".") && KindAt(i - 2) == Kind::Directory;
-    if (IsDotNamed(item, ".") || IsDotNamed(item, "..")) {
+    const bool isFirst = i > 0 && KindAt(i - 1) == Kind::Directory && !IsItself(i);
+    const bool isSecond = i > 1 && IsItself(i - 1) && KindAt(i - 2) == Kind::Directory;
+    if (NameAt(i) != DotName::None) {
       Change(i, Kind::DotEntry, "entry of the folder itself is not one of a folder");
-    } else if (isFirst && IsDot(i + 1, "..") && !IsDot(i + 1, ".")) {
+    } else if (isFirst && IsAbove(i + 1)) {
       Change(i, Kind::DotEntry, "entry of the folder itself is damaged");
     } else if (isSecond && item.kind == Kind::Directory && !IsFolderDot(i + 1)) {
       Change(i, Kind::DotEntry, "entry of the folder above is damaged");
@@ -161,7 +162,7 @@ class Repair {
   // A lost record between those of a folder is one of its own.
   void JudgeGap(size_t i) {
     if (i == 0 || m_Items[i].lost != kDirRecordSize) return;
-    const bool isFirst = KindAt(i - 1) == Kind::Directory && IsDot(i + 1, "..");
+    const bool isFirst = KindAt(i - 1) == Kind::Directory && IsAbove(i + 1);
     const bool isSecond = i > 1 && IsFolderDot(i - 1) && KindAt(i - 2) == Kind::Directory;
     if (isFirst || isSecond) m_Items[i].lost = 0;
   }

@@ -116,12 +116,12 @@ class FatTreeReader {
     std::string problem;
     if (group.records.HasLongName()) problem = TakeLongName(group.records, &name);
     const uint64_t hash = ComparePath(node, stated, problem.empty(), shortName, &name, &problem);
-    const uint32_t id = m_tree.Add({name, shortName, node});
+    const EntryRole role = group.records.Role();
+    const uint32_t id = m_tree.Add({name, shortName, node, role == EntryRole::Dot});
     if (!problem.empty()) {
       m_problems->push_back({m_tree.SoFar().NameForProblem(id), problem, false, offset});
     }
-    if (group.records.Role() == EntryRole::Dot) m_tree.Leave();  // a folder that opens nothing
-    if (group.records.Role() == EntryRole::Folder) m_open.push_back({hash, PathLength(name)});
+    if (role == EntryRole::Folder) m_open.push_back({hash, PathLength(name)});
   }
 
   // What is wrong with the long name, which otherwise becomes `name`.

@@ -3,11 +3,9 @@
 #include <algorithm>
 
 #include "capsule/host/error.h"
-#include "capsule/host/file/file_window.h"
 #include "capsule/host/file/reason.h"
 #include "capsule/host/sections/indexed_survey.h"
 #include "capsule/host/sections/searching_survey.h"
-#include "capsule/host/sections/sound_item.h"
 #include "capsule/host/sections/survey_outline.h"
 #include "capsule/host/tree/tree_builder.h"
 #include "capsule/host/tree/tree_comparison.h"
@@ -48,40 +46,25 @@ class TreeCollector {
     node.offset = static_cast<uint32_t>(item.offset);
     node.dataLimit = static_cast<uint32_t>(item.offset + item.length);
     node.dataOffset = node.isDirectory ? node.dataLimit : static_cast<uint32_t>(item.dataOffset);
-    m_tree.Add({item.name, item.shortName, node});
-    if (item.kind == Kind::DotEntry) m_tree.Leave();
+    // A long name that cannot be believed names nothing.
+    const std::string& name = item.nameProblem.empty() ? item.name : item.shortName;
+    m_tree.Add({name, item.shortName, node, item.kind == Kind::DotEntry});
   }
 
   TreeBuilder m_tree;
 };
-
-std::string ProblemOfName(FileWindow& window, const SurveyItem& found) {
-  const SectionItem& item = found.item;
-  if (!item.IsEntry() || found.isPlaceholder || item.isNtfs) return {};
-  return JudgeLongName(window, item);
-}
-
-// Adds an item by its long name when that can be believed. What is wrong with it, or nothing.
-std::string AddNamed(FileWindow& window, const SurveyItem& found, TreeCollector* collector) {
-  std::string wrong = ProblemOfName(window, found);
-  SurveyItem named = found;
-  if (!wrong.empty()) named.item.name = found.item.shortName;
-  collector->Add(named);
-  return wrong;
-}
 
 }  // namespace
 
 std::unique_ptr<Catalog> SalvageCatalog(const ImageFile& image, const IndexContents& index,
                                         uint64_t limit, std::vector<ImageProblem>* problems) {
   TreeCollector collector;
-  FileWindow window(image);
   SurveyVisitor visitor;
   visitor.onItem = [&](const SurveyItem& found) {
-    const std::string wrong = AddNamed(window, found, &collector);
-    if (wrong.empty()) return;
-    const uint64_t at = found.item.offset;
-    problems->push_back({"long name at " + Hex(at), wrong, false, at});
+    collector.Add(found);
+    const SectionItem& item = found.item;
+    if (item.nameProblem.empty()) return;
+    problems->push_back({"long name at " + Hex(item.offset), item.nameProblem, false, item.offset});
   };
   visitor.onDamage = [&](uint64_t offset, const std::string& reason) {
     problems->push_back({"item at " + Hex(offset), reason, false, offset});
@@ -109,8 +92,12 @@ void CheckSections(const ImageFile& image, const IndexContents& index, const Cat
                    uint64_t limit) {
   SurveyVisitor visitor;
   TreeCollector collector;
+<<<<<<< HEAD
   FileWindow window(image);
   visitor.onItem = [&](const SurveyItem& found) { AddNamed(window, found, &collector); };
+=======
+  visitor.onItem = [&](const SurveyItem& found) { collector.Add(found); };
+>>>>>>> help-rules
   visitor.onFileDamage = [](uint64_t, const std::string&) {};  // told when the file is read
   visitor.onStray = [](uint64_t) {};  // readers leave such entries out, and say so
   visitor.onDamage = [&](uint64_t offset, const std::string& reason) {

@@ -49,7 +49,7 @@ uint32_t TreeBuilder::Add(const Item& item) {
   (folder.lastChild == CatalogNode::kNone ? parent.firstChild
                                           : m_catalog->m_nodes[folder.lastChild].nextSibling) = id;
   folder.lastChild = id;
-  if (node.isDirectory) m_open.push_back({id, CatalogNode::kNone});
+  if (node.isDirectory && !item.opensNothing) m_open.push_back({id, CatalogNode::kNone});
   return id;
 }
 

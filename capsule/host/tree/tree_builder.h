@@ -24,6 +24,7 @@ class TreeBuilder {
     std::string_view name;
     std::string_view shortName;
     CatalogNode node;  // its links, partition and names are set by the builder
+    bool opensNothing = false;
   };
 
   TreeBuilder();
@@ -33,7 +34,7 @@ class TreeBuilder {
   void BeginPartition(uint32_t offset);
 
   // Adds an item to the innermost open folder of the partition that came last; a folder is open
-  // then. Its number in the catalog.
+  // then, unless it opens nothing. Its number in the catalog.
   uint32_t Add(const Item& item);
 
   // Closes the innermost folder; at the top level it does nothing.
