@@ -8,6 +8,7 @@
 #include "capsule/host/file/reason.h"
 #include "capsule/host/map/header_map.h"
 #include "capsule/host/map/index_map.h"
+#include "capsule/host/map/map_image.h"
 #include "capsule/host/map/map_sink.h"
 #include "capsule/host/map/section_map.h"
 #include "capsule/host/sections/uncounted_section.h"

@@ -28,10 +28,4 @@ namespace capsule::host {
 CAPSULE_API MapSummary MapImage(const std::filesystem::path& path,
                                 const std::function<void(const MapItem&)>& take);
 
-// The same with an open file, which stays the caller's. `name`: what errors call it. Of the library
-// itself: not exported. `hasIndex`: false when nothing that the header says of an index is
-// believed.
-MapSummary MapImage(int descriptor, const std::string& name,
-                    const std::function<void(const MapItem&)>& take, bool hasIndex = true);
-
 }  // namespace capsule::host

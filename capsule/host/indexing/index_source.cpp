@@ -7,8 +7,8 @@
 
 #include "capsule/host/error.h"
 #include "capsule/host/file/reason.h"
-#include "capsule/host/image_map.h"
 #include "capsule/host/index/image_header.h"
+#include "capsule/host/map/map_image.h"
 #include "capsule/host/records/record_stream.h"
 #include "capsule/host/sections/section_survey.h"
 #include "capsule/host/sections/sound_item.h"
