@@ -97,10 +97,6 @@ bool HasNtfsPartition(const DecodedHeader& header) {
                      [](const _Partition& record) { return record.SystemId == kSystemIdNtfs; });
 }
 
-bool HasPartitions(const DecodedHeader& header) {
-  return std::any_of(header.partitions.begin(), header.partitions.end(), IsInUse);
-}
-
 // Sizes that nothing in the image can stand for. NTFS keeps its own files in the root, and writers
 // leave their data out.
 void JudgeSizes(const Catalog& catalog, const ImageInfo& info,
@@ -206,7 +202,7 @@ Image::Image(const std::filesystem::path& path, Opening opening)
   const DecodedHeader header = ReadImageHeader(impl.file.Get(), impl.path, length);
   IndexContents index;
   std::string scanReason;
-  const bool isEmpty = !HasPartitions(header);
+  const bool isEmpty = SectionsOf(header).empty();
   try {
     CheckIndexOffset(header, impl.path, length);
     index = CheckIndex(impl.file.Get(), impl.path, header.indexOffset, length,

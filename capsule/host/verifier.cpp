@@ -5,7 +5,7 @@
 #include <set>
 #include <vector>
 
-#include "capsule/container/header_format.h"
+#include "capsule/container/stored_header.h"
 #include "capsule/host/error.h"
 #include "capsule/host/file/reason.h"
 #include "capsule/host/image.h"
@@ -262,8 +262,8 @@ VerifyReport Verifier::Run(const std::function<void(const Fault&)>& take) const 
     throw Error(name, "cannot tell its length: " + SystemReason(errno));
   }
   FileWindow window(file.Get(), name);
-  const MappedHeader header = DecodeStoredHeader(window.At(0, kHeaderSize));
-  if (!header.decoded) throw Error(name, header.problem);
+  const StoredHeader header(window.At(0, kHeaderSize));
+  if (const std::string why = header.WhyNotAnImage(); !why.empty()) throw Error(name, why);
   return VerifyRun(file.Get(), name, *header.decoded, take).Verify();
 }
 

@@ -5,17 +5,13 @@
 #include <cstdint>
 #include <string>
 
-#include "capsule/container/header_format.h"
+#include "capsule/container/stored_header.h"
 #include "capsule/host/index/index_check.h"
 
 namespace capsule::host {
 
 // The header of the image at `path`, checked for being one that can be read.
 DecodedHeader ReadImageHeader(int descriptor, const std::string& path, uint64_t fileSize);
-
-// What is wrong with the partition records behind those that the header counts, which are to be
-// empty; nothing where they cannot be told. `stored`: the bytes of the header as they are.
-std::string JudgeSpareRecords(HeaderBytes stored, const DecodedHeader& header);
 
 // Throws when the header tells of no index, or of one that does not lie in the image.
 void CheckIndexOffset(const DecodedHeader& header, const std::string& path, uint64_t fileSize);

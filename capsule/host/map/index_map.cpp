@@ -2,8 +2,8 @@
 
 #include <algorithm>
 
-#include "capsule/container/header_format.h"
 #include "capsule/container/index_window.h"
+#include "capsule/container/stored_header.h"
 #include "capsule/host/file/reason.h"
 #include "capsule/host/index/restart_point.h"
 #include "capsule/platform/little_endian.h"
@@ -75,7 +75,7 @@ MapItem ItemOf(const IndexRecord& record, uint64_t indexOffset, uint64_t fileByt
 }  // namespace
 
 bool LooksLikeIndex(FileWindow& window, uint64_t offset, uint64_t fileBytes) {
-  if (offset < kHeaderSize || offset >= fileBytes) return false;
+  if (PlaceOfIndex(offset, fileBytes) != IndexPlace::InFile) return false;
   const auto bytes = window.At(offset, kIndexPreamble + 1);
   if (bytes.size() <= kIndexPreamble || HasMark(bytes)) return true;
   const uint8_t type = bytes[kIndexPreamble];

@@ -21,7 +21,7 @@
 #include <string>
 #include <vector>
 
-#include "capsule/container/header_format.h"
+#include "capsule/container/stored_header.h"
 #include "capsule/host/file/file_window.h"
 #include "capsule/host/records/ntfs_entry.h"
 #include "capsule/host/sections/ntfs_folders.h"
