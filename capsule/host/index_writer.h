@@ -39,13 +39,16 @@
 #include "capsule/export.h"
 #include "capsule/host/image_problem.h"
 
+namespace capsule {
+struct DamageNote;
+}
+
 namespace capsule::host {
 
 class Image;
 class RestartCollector;
 class TrialImage;
 enum class SectionTrust;
-struct DamageNote;
 
 struct IndexReport {
   uint32_t sections = 0;

@@ -44,8 +44,7 @@ uint64_t LimitOfSections(int descriptor, const std::string& path, const DecodedH
                          const IndexContents& index, uint64_t length) {
   if (PlaceOfIndex(header.indexOffset, length) != IndexPlace::InFile) return length;
   FileWindow window(descriptor, path);
-  const auto start = window.At(header.indexOffset, 3);
-  const bool isMarked = std::equal(start.begin(), start.end(), "CI1");
+  const bool isMarked = DecodeIndexStart(window.At(header.indexOffset, kIndexPreamble)).isMarked;
   return isMarked || index.end != 0 ? header.indexOffset : length;
 }
 

@@ -13,7 +13,6 @@
 #include "capsule/partition/record_format.h"
 #include "capsule/platform/byte_reader.h"
 #include "capsule/platform/file.h"
-#include "capsule/platform/little_endian.h"
 
 namespace capsule::host {
 namespace {
@@ -32,13 +31,12 @@ class IndexWalk {
         m_nIndexOffset(indexOffset) {
     Refill();
     if (m_Window.size() < kIndexPreamble) Fail("index is cut short");
-    m_bChecked = std::equal(m_Window.begin(), m_Window.begin() + 3, "CI1");
-    m_nStatedCheck = platform::LoadLe32(&m_Window[3]);
+    m_statedCheck = DecodeIndexStart(m_Window).checkValue;
     m_nUsed = kIndexPreamble;
-    if (m_bChecked) m_Checksum.Update(std::span(m_Window).subspan(kIndexPreamble));
+    if (m_statedCheck) m_Checksum.Update(std::span(m_Window).subspan(kIndexPreamble));
   }
 
-  bool IsChecked() const { return m_bChecked; }
+  bool IsChecked() const { return m_statedCheck.has_value(); }
 
   // Where the record that comes next begins in the image.
   uint64_t Position() const { return m_nNext - m_Window.size() + m_nUsed; }
@@ -58,14 +56,14 @@ class IndexWalk {
 
   // Throws when the check value of the index does not hold. What it says counts only then.
   void Verify() {
-    if (!m_bChecked) return;
+    if (!m_statedCheck) return;
     while (m_nNext < m_nFileSize) {
       m_nUsed = m_Window.size();
       Refill();
     }
     const uint32_t found = m_Checksum.Value();
-    if (found == m_nStatedCheck) return;
-    Throw("index is damaged or cut short: check value is " + Hex(m_nStatedCheck) +
+    if (found == *m_statedCheck) return;
+    Throw("index is damaged or cut short: check value is " + Hex(*m_statedCheck) +
           ", its bytes give " + Hex(found));
   }
 
@@ -84,7 +82,7 @@ class IndexWalk {
     const uint64_t wanted = std::min<uint64_t>(kWindow - held, m_nFileSize - m_nNext);
     m_Window.resize(held + static_cast<size_t>(wanted));
     ReadFully(m_Window.data() + held, static_cast<size_t>(wanted), m_nNext);
-    if (m_bChecked) m_Checksum.Update(std::span(m_Window).subspan(held));
+    if (m_statedCheck) m_Checksum.Update(std::span(m_Window).subspan(held));
     m_nNext += wanted;
   }
 
@@ -105,8 +103,7 @@ class IndexWalk {
   uint64_t m_nIndexOffset;
   std::vector<unsigned char> m_Window;
   size_t m_nUsed = 0;
-  bool m_bChecked = false;
-  uint32_t m_nStatedCheck = 0;
+  std::optional<uint32_t> m_statedCheck;
   IndexChecksum m_Checksum;  // of all that was read
 };
 
