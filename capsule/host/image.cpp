@@ -284,14 +284,17 @@ RecordSource Image::SourceOf(const Entry& entry) const {
   if (node.isDirectory) throw Error(Path(), entry.Path() + ": is a directory");
   RecordSource source;
   source.descriptor = m_pImpl->file.Get();
-  source.imageIsCompressed = m_pImpl->info.compressed;
+  source.rules.imageIsCompressed = m_pImpl->info.compressed;
   source.begin = node.dataOffset;
   source.limit = node.dataLimit;
   source.size = node.size;
-  source.ntfs = m_pImpl->info.partitions[node.partition].systemId == kSystemIdNtfs;
+  source.rules.kind = m_pImpl->info.partitions[node.partition].systemId == kSystemIdNtfs
+                          ? RecordKind::Ntfs
+                          : RecordKind::Fat;
   source.fileRecord = node.offset;
   source.check = CheckOf(m_pImpl->checks, node.offset);
-  if (!source.ntfs) source.restarts = RestartsIn(m_pImpl->restarts, source.begin, source.limit);
+  if (!source.rules.IsNtfs())
+    source.restarts = RestartsIn(m_pImpl->restarts, source.begin, source.limit);
   source.imagePath = Path();
   source.entryPath = entry.Path();
   return source;

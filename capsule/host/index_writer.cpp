@@ -278,7 +278,7 @@ uint64_t IndexWriter::Append(const Plan& plan, int output, TrialImage* trial) {
   }
   RecordSource files;
   files.descriptor = m_nDescriptor;
-  files.imageIsCompressed = plan.isCompressed;
+  files.rules.imageIsCompressed = plan.isCompressed;
   files.imagePath = m_strName;
   IndexRecordWriter writer(files, output, start, plan.header, plan.hasRestartPoints);
   writer.SetKnownRestarts(m_pKnownRestarts);

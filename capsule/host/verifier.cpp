@@ -118,7 +118,7 @@ class VerifyRun {
     ++m_Report.files;
     RecordSource source;
     source.descriptor = m_nDescriptor;
-    source.imageIsCompressed = m_bCompressed;
+    source.rules.imageIsCompressed = m_bCompressed;
     source.begin = m_File.begin;
     source.limit = m_File.end;
     source.size = m_File.size;

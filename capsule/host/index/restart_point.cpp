@@ -42,7 +42,7 @@ IndexRecord RestartRecord(uint64_t record, uint64_t fileOffset,
 
 void FindRestartPoints(const RecordSource& source,
                        const std::function<void(const IndexRecord&)>& take) {
-  if (source.ntfs || source.size <= kRestartDistance) return;
+  if (source.rules.IsNtfs() || source.size <= kRestartDistance) return;
   std::optional<RecordStream> records = Open(source);
   if (!records) return;
   for (uint64_t wanted = kRestartDistance; records->ChunkEnd() < source.size;) {

@@ -31,7 +31,7 @@ class ItemJudge {
   ItemJudge(int descriptor, const std::string& path, const DecodedHeader& header)
       : m_Window(descriptor, path) {
     m_Source.descriptor = descriptor;
-    m_Source.imageIsCompressed = header.compressed;
+    m_Source.rules.imageIsCompressed = header.compressed;
     m_Source.imagePath = path;
     const auto take = [this](const MapItem& item) {
       if (!item.problem.empty()) m_Problems.emplace_back(item.offset, item.problem);
@@ -65,7 +65,7 @@ class ItemJudge {
     m_Source.begin = item.dataOffset;
     m_Source.limit = item.offset + item.length;
     m_Source.size = item.entry.FileSize;
-    m_Source.ntfs = item.isNtfs;
+    m_Source.rules.kind = item.Records();
     m_Source.fileRecord = item.offset;
     return ProblemOf(m_Source);
   }

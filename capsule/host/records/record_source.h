@@ -6,6 +6,8 @@
 #include <span>
 #include <string>
 
+#include "capsule/blocks/data_record.h"
+
 namespace capsule::host {
 
 // The check value of a file: XXH3 of its record group and its data records as they are stored.
@@ -25,12 +27,11 @@ struct RestartPoint {
 
 struct RecordSource {
   int descriptor = -1;
-  bool imageIsCompressed = false;
+  RecordRules rules;  // of its records
   uint64_t begin = 0;
   uint64_t limit = 0;
   uint64_t size = 0;
   bool goesOn = false;      // it is a part of a file, which goes on behind it with another record
-  bool ntfs = false;        // records are those of an NTFS partition
   uint64_t fileRecord = 0;  // NTFS: where the file's FILE record lies
   std::optional<FileCheck> check = {};
   std::span<const RestartPoint> restarts = {};  // by record

@@ -198,7 +198,7 @@ void SectionScanner::ScanData(SectionItem* item) {
            "type is " + std::to_string(record.header.Type) + " before the last data block of '" +
                item->path + "'");
     }
-    last = record.header.Flag == 1;
+    last = DataRecordOf(record.header, {}).IsLast();
   }
 }
 

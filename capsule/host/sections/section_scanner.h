@@ -21,6 +21,7 @@
 #include <string>
 #include <vector>
 
+#include "capsule/blocks/data_record.h"
 #include "capsule/container/stored_header.h"
 #include "capsule/host/file/file_window.h"
 #include "capsule/host/records/ntfs_entry.h"
@@ -61,6 +62,8 @@ struct SectionItem {
   bool isStray = false;  // no folder before it is the one that it belongs to
   size_t depth = 0;      // folders above it, the root left out
   std::string problem;   // what is wrong with a record behind its first
+
+  RecordKind Records() const { return isNtfs ? RecordKind::Ntfs : RecordKind::Fat; }
 };
 
 // Longer paths are not spelled out, so that nested folders cannot make work grow with the square
