@@ -19,7 +19,7 @@
 #include "capsule/container/capsule_file.h"
 #include "capsule/container/reader_lock.h"
 #include "capsule/partition/record_format.h"
-#include "capsule/platform/message_sink.h"
+#include "capsule/platform/show_message.h"
 #include "capsule/platform/out_of_memory.h"
 #include "capsule/runtime/debug_tracer.h"
 

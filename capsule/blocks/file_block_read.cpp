@@ -9,6 +9,7 @@
 
 #include "capsule/blocks/data_block.h"
 #include "capsule/blocks/data_block_format.h"
+#include "capsule/blocks/data_record.h"
 #include "capsule/blocks/file_block.h"
 #include "capsule/blocks/file_extraction.h"
 #include "capsule/container/capsule_file.h"
@@ -20,11 +21,6 @@
 
 namespace capsule {
 namespace {
-
-// Whether a record can be followed by another of the same file.
-bool MayGoOn(const _MiniHeader& header, uint32_t length) {
-  return header.Flag != 1 && length != 0 && length <= kMaxUncompressedLength;
-}
 
 CapsuleFileBlock* BlockAt(const CpsList& list, int index) {
   return static_cast<CapsuleFileBlock*>(list.GetAt(index));
@@ -116,13 +112,13 @@ void CapsuleFileBlock::PrepareFatDataBlocks(int fd) {
     if (reader.ReadAt(fd, bytes, sizeof bytes, at) != static_cast<int>(sizeof bytes)) break;
     const _MiniHeader header = DecodeMiniHeader(bytes);
     if (header.Type != kRecordDataBlock) break;
-    const uint32_t length = UncompressedLength(header, compressed);
+    const DataRecord record = DataRecordOf(header, {RecordKind::Fat, compressed});
     extraction.places.push_back({at, extraction.end});
-    extraction.end += length;
+    extraction.end += record.chunk;
     auto block = std::make_unique<CapsuleFileDataBlock>(m_DirectoryType, 0);
     m_DataBlocks.Append(block.get());
     block.release();
-    more = MayGoOn(header, length) && Advance(&at, int64_t{kMiniHeaderSize} + header.Length);
+    more = record.MayGoOn() && Advance(&at, record.Size());
   }
 }
 

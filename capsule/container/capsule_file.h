@@ -69,7 +69,17 @@ class CAPSULE_API CapsuleFile {
 
   // Adds the file or directory at `path` to partition `partition` (0 to 9, never lower than in the
   // call before). A path that ends in '?' is skipped. A failed insertion leaves the write offset,
-  // all bytes before it, and the current partition as they were.
+  // all bytes before it, and the current partition as they were. `observer`: null for none.
+  //
+  // Only the last component of a path is stored. A directory is inserted before what it holds, and
+  // all of that before anything else; the components that a path shares with the one before tell
+  // which directories end between them. They are compared byte by byte, `/` being `\`, so "C:\A" is
+  // not "C:\a". A directory on the way that was not inserted is not in the image: what lies in it
+  // goes to the innermost one that is open, and when it is left that one is closed in its place.
+  //
+  // A root like "C:\", or a directory with a separator behind it, is stored as three entries ".",
+  // "." and "..", and what follows lies beside them. A name that is its own 8.3 alias but for case
+  // is stored in capitals alone; any other keeps its spelling beside its alias.
   int InsertFile(const char* path, int partition, InsertObserver* observer = nullptr);
 
   // Makes `partition` the current one: closes the section before and begins a new one. InsertFile

@@ -4,9 +4,9 @@
 #include <new>
 
 #include "capsule/container/capsule_file.h"
-#include "capsule/container/header_format.h"
 #include "capsule/container/image_index.h"
 #include "capsule/container/reader_lock.h"
+#include "capsule/container/stored_header.h"
 #include "capsule/partition/directory_support.h"
 #include "capsule/partition/partition.h"
 #include "capsule/platform/file.h"
@@ -58,21 +58,19 @@ int CapsuleFile::ReadParts(bool withPartitions) {
     m_nLastError = got < 0 ? errno : EINVAL;
     return -1;
   }
-  const std::span<unsigned char, kHeaderSize> header(m_pRawHeader.get(), kHeaderSize);
   std::copy_n(m_pRawHeader.get(), kVersionSize - 1, m_szVersion);
   m_szVersion[kVersionSize - 1] = '\0';
-  std::string problem;
-  std::optional<DecodedHeader> decoded;
-  if (RestoreScrambledRegion(header, &problem)) decoded = DecodeHeader(header, &problem);
-  if (!decoded) {
+  const StoredHeader header(std::span(m_pRawHeader.get(), kHeaderSize));
+  std::copy(header.bytes.begin(), header.bytes.end(), m_pRawHeader.get());
+  if (!header.decoded) {
     m_nLastError = EINVAL;
     return -1;
   }
-  FillImageHeader(header, *decoded, m_pImageHeader.get());
+  FillImageHeader(header.Bytes(), *header.decoded, m_pImageHeader.get());
   LoadIndex(m_pRawHeader.get(), m_pszImagePath);
   MainTracer().Trace("(CpsFile 547) Index read\n");
   if (!withPartitions) return 0;
-  for (const _Partition& record : decoded->partitions) {
+  for (const _Partition& record : header.decoded->partitions) {
     const int result = ReadPartition(record);
     if (result != 0) return result;
   }

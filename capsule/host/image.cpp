@@ -79,10 +79,6 @@ bool HasNtfsPartition(const DecodedHeader& header) {
                      [](const _Partition& record) { return record.SystemId == kSystemIdNtfs; });
 }
 
-bool HasPartitions(const DecodedHeader& header) {
-  return std::any_of(header.partitions.begin(), header.partitions.end(), IsInUse);
-}
-
 // Sizes that nothing in the image can stand for. NTFS keeps its own files in the root, and writers
 // leave their data out.
 void JudgeSizes(const Catalog& catalog, const ImageInfo& info,
@@ -190,7 +186,7 @@ Image::Image(std::shared_ptr<const ByteSource> source, std::string name, Opening
   const DecodedHeader header = ReadImageHeader(file);
   IndexContents index;
   std::string scanReason;
-  const bool isEmpty = !HasPartitions(header);
+  const bool isEmpty = SectionsOf(header).empty();
   try {
     CheckIndexOffset(header, file);
     index = CheckIndex(file, header.indexOffset, opening == Opening::Salvage);
@@ -272,14 +268,17 @@ RecordSource Image::SourceOf(const Entry& entry) const {
   if (node.isDirectory) throw Error(ErrorKind::Misuse, Path(), entry.Path() + ": is a directory");
   RecordSource source;
   source.image = m_pImpl->file;
-  source.imageIsCompressed = m_pImpl->info.compressed;
+  source.rules.imageIsCompressed = m_pImpl->info.compressed;
   source.begin = node.dataOffset;
   source.limit = node.dataLimit;
   source.size = node.size;
-  source.ntfs = m_pImpl->info.partitions[node.partition].systemId == kSystemIdNtfs;
+  source.rules.kind = m_pImpl->info.partitions[node.partition].systemId == kSystemIdNtfs
+                          ? RecordKind::Ntfs
+                          : RecordKind::Fat;
   source.fileRecord = node.offset;
   source.check = CheckOf(m_pImpl->checks, node.offset);
-  if (!source.ntfs) source.restarts = RestartsIn(m_pImpl->restarts, source.begin, source.limit);
+  if (!source.rules.IsNtfs())
+    source.restarts = RestartsIn(m_pImpl->restarts, source.begin, source.limit);
   source.entryPath = entry.Path();
   return source;
 }

@@ -28,7 +28,6 @@
 #include "capsule/host/sections/uncounted_section.h"
 #include "capsule/partition/record_format.h"
 #include "capsule/platform/file.h"
-#include "capsule/platform/little_endian.h"
 
 namespace capsule::host {
 namespace {
@@ -85,34 +84,6 @@ void RefuseToContradictLostIndex(const ImageFile& image, uint64_t offset) {
                     Hex(check.offset) + ", and is kept",
                 offset);
   }
-}
-
-// Readers take the first records of the header for those of the sections.
-bool ComeFirst(const DecodedHeader& header, size_t sectionCount) {
-  const auto end = header.partitions.begin() + static_cast<std::ptrdiff_t>(sectionCount);
-  return std::all_of(header.partitions.begin(), end, IsInUse);
-}
-
-// The header as it will be stored.
-std::vector<unsigned char> CompleteHeader(const SectionScanner& scanner, uint64_t indexOffset,
-                                          const std::string& name) {
-  const auto raw = scanner.RawHeader();
-  std::vector<unsigned char> header(raw.begin(), raw.end());
-  platform::StoreLe32(&header[kIndexOffsetOffset], static_cast<uint32_t>(indexOffset));
-  const bool countMatches = scanner.Header().partitions.size() == scanner.SectionCount();
-  if (!countMatches) {
-    if (scanner.IsScrambled()) {
-      throw Error(ErrorKind::Unsupported, name,
-                  "partition count cannot be corrected: header is scrambled");
-    }
-    if (scanner.Header().layout != HeaderLayout::Fixed ||
-        !ComeFirst(scanner.Header(), scanner.SectionCount())) {
-      throw Error(ErrorKind::Unsupported, name,
-                  "partition count cannot be corrected: records do not follow each other");
-    }
-    header[kPartitionCountOffset] = static_cast<unsigned char>(scanner.SectionCount());
-  }
-  return header;
 }
 
 }  // namespace
@@ -283,7 +254,12 @@ IndexWriter::Plan IndexWriter::Measure(SectionTrust trust, std::vector<DamageNot
   }
   RefuseToCutSection(Bytes(), scanner, plan.report.indexOffset);
   plan.isCompressed = scanner.Header().compressed;
-  plan.header = CompleteHeader(scanner, plan.report.indexOffset, m_strName);
+  const auto stored = scanner.RawHeader();
+  plan.header.assign(stored.begin(), stored.end());
+  const std::span<unsigned char, kHeaderSize> header(plan.header.data(), kHeaderSize);
+  const std::string problem =
+      CompleteHeader(static_cast<uint32_t>(plan.report.indexOffset), header);
+  if (!problem.empty()) throw Error(m_strName, problem);
   return plan;
 }
 
@@ -332,7 +308,7 @@ uint64_t IndexWriter::Append(const Plan& plan, int output, TrialImage* trial) {
   }
   RecordSource files;
   files.image = Bytes();
-  files.imageIsCompressed = plan.isCompressed;
+  files.rules.imageIsCompressed = plan.isCompressed;
   IndexRecordWriter writer(files, output, start, plan.header, plan.hasRestartPoints);
   writer.SetKnownRestarts(m_pKnownRestarts);
   const uint64_t half = m_watch->Now().bytesTotal / 2;

@@ -41,6 +41,10 @@
 #include "capsule/host/image_problem.h"
 #include "capsule/host/progress.h"
 
+namespace capsule {
+struct DamageNote;
+}
+
 namespace capsule::host {
 
 class Image;
@@ -49,7 +53,6 @@ class RestartCollector;
 class TrialImage;
 class Watch;
 enum class SectionTrust;
-struct DamageNote;
 struct SectionItem;
 
 struct IndexReport {

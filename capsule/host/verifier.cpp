@@ -4,7 +4,7 @@
 #include <set>
 #include <vector>
 
-#include "capsule/container/header_format.h"
+#include "capsule/container/stored_header.h"
 #include "capsule/host/error.h"
 #include "capsule/host/file/reason.h"
 #include "capsule/host/file/watch.h"
@@ -119,7 +119,7 @@ class VerifyRun {
     m_watch.Now().files = ++m_Report.files;
     RecordSource source;
     source.image = m_image;
-    source.imageIsCompressed = m_bCompressed;
+    source.rules.imageIsCompressed = m_bCompressed;
     source.begin = m_File.begin;
     source.limit = m_File.end;
     source.size = m_File.size;
@@ -271,9 +271,9 @@ VerifyReport Verifier::Run(const std::function<void(const Fault&)>& take,
   if (!m_source) throw Error(ErrorKind::Misuse, "", "the object was moved from");
   const ImageFile image(m_source, m_name);
   FileWindow window(image);
-  const auto stored = window.At(0, kHeaderSize);
-  const MappedHeader header = DecodeStoredHeader(stored);
-  if (!header.decoded) throw Error(KindOfBadHeader(stored), m_name, header.problem);
+  const StoredHeader header(window.At(0, kHeaderSize));
+  const std::string why = header.WhyNotAnImage();
+  if (!why.empty()) throw Error(KindOfBadHeader(header), m_name, why);
   return VerifyRun(image, *header.decoded, take, options).Verify();
 }
 

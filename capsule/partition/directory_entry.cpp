@@ -2,7 +2,9 @@
 
 #include <cstdio>
 
+#include "capsule/partition/ntfs_format.h"
 #include "capsule/partition/record_format.h"
+#include "capsule/platform/host_view.h"
 
 namespace capsule {
 

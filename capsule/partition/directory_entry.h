@@ -15,6 +15,7 @@
 
 #include <array>
 #include <cstdint>
+#include <memory>
 #include <span>
 #include <string>
 #include <unordered_set>
@@ -23,14 +24,17 @@
 #include "capsule/blocks/buffer.h"
 #include "capsule/export.h"
 #include "capsule/partition/directory_records.h"
-#include "capsule/partition/ntfs_format.h"
 #include "capsule/partition/ntfs_records.h"
 #include "capsule/platform/cstring.h"
-#include "capsule/platform/host_view.h"
 
 namespace capsule {
 
 class CapsuleFileBlock;
+class NtfsIndexUse;
+struct NtfsFileName;
+namespace platform {
+struct FindData;
+}
 
 class CAPSULE_API CapsuleDirectoryEntry {
  public:
@@ -242,14 +246,14 @@ class CAPSULE_API CapsuleDirectoryEntry {
   int32_t m_nExtChars = 3;
   int32_t m_nDirectoryFlag = 0;
   int32_t m_bZeroEntry = 0;
-  platform::FindData m_FindData;
+  std::unique_ptr<platform::FindData> m_pFindData;  // null until the finder told something
   int32_t m_nLastDirectoryEntry = 0;
   CapsuleFileBlock* m_pParentFileBlock = nullptr;
   std::vector<uint32_t> m_FileReferences;
   int32_t m_nNumEntries = 0;
   int32_t m_nCurEntry = 0;
   std::unordered_set<uint32_t> m_KnownReferences;  // the same as m_FileReferences
-  NtfsIndexUse m_IndexUse;
+  std::unique_ptr<NtfsIndexUse> m_pIndexUse;       // null until FILE records were filled in
   bool m_bAttributeList = false;
   bool m_bNtfsShortName = false;
   std::u16string m_FullName;

@@ -1,6 +1,7 @@
 // NTFS FILE records become the same entry that FAT-style sections give.
 #include <algorithm>
 #include <array>
+#include <memory>
 #include <span>
 
 #include "capsule/partition/directory_entry.h"
@@ -90,7 +91,7 @@ void CapsuleDirectoryEntry::ForgetNtfsEntry() {
   m_KnownReferences.clear();
   m_nNumEntries = 0;
   m_nCurEntry = 0;
-  m_IndexUse = {};
+  m_pIndexUse = nullptr;
   m_bAttributeList = false;
   m_bNtfsShortName = false;
   m_FullName.clear();
@@ -154,10 +155,11 @@ void CapsuleDirectoryEntry::PutName(const NtfsFileName& name, int index) {
 void CapsuleDirectoryEntry::PutFileRecord(std::span<unsigned char, kFileRecordSize> record,
                                           int* nameCount) {
   UndoFileRecordFixups(record);
+  if (m_pIndexUse == nullptr) m_pIndexUse = std::make_unique<NtfsIndexUse>();
   VisitAttributes(record, [&](const NtfsAttribute& attribute) {
     _StandardInformation info{};
     NtfsFileName name;
-    m_IndexUse.Take(attribute);
+    m_pIndexUse->Take(attribute);
     if (attribute.type == kAttributeListType) m_bAttributeList = true;
     switch (attribute.type & 0xFFFF) {
       case kStandardInformationType:
@@ -185,7 +187,7 @@ void CapsuleDirectoryEntry::PutFileRecord(std::span<unsigned char, kFileRecordSi
 }
 
 void CapsuleDirectoryEntry::AddIndexBlocks(std::span<unsigned char> blocks) {
-  VisitIndexBlocks(blocks, m_IndexUse,
+  VisitIndexBlocks(blocks, m_pIndexUse ? *m_pIndexUse : NtfsIndexUse(),
                    [this](uint32_t reference) { NTFSAddEntry(static_cast<long>(reference)); });
 }
 

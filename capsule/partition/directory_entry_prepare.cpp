@@ -1,11 +1,13 @@
 // How the host's view of a file becomes a directory entry: attributes, times and size from the
 // finder, the 8.3 name from the platform, long-name records where the two names differ.
 #include <algorithm>
+#include <memory>
 
 #include "capsule/partition/directory_entry.h"
 #include "capsule/partition/record_format.h"
 #include "capsule/platform/ascii.h"
 #include "capsule/platform/dos_time.h"
+#include "capsule/platform/host_view.h"
 #include "capsule/platform/out_of_memory.h"
 #include "capsule/state/library_state.h"
 
@@ -55,8 +57,8 @@ int CapsuleDirectoryEntry::SetFileDirectory(DirectoryType t, const char* path, i
     if (m_strPath.size() < 2) return -1;
     const auto found = FindHostObject(CurrentLibraryState().hostView, m_strPath);
     if (!found || found->size > static_cast<uint64_t>(kMaxImageSize)) return -1;
-    m_FindData = *found;
-    if ((m_FindData.attributes & kDirectoryAttribute) != 0) m_nDirectoryFlag = kDirectoryAttribute;
+    m_pFindData = std::make_unique<platform::FindData>(*found);
+    if ((found->attributes & kDirectoryAttribute) != 0) m_nDirectoryFlag = kDirectoryAttribute;
     if (SetZeroDirEntry(fd, offset, count, m_nLastDirectoryEntry) != 0) return -1;
     SetMiniHeader();
     return SetDirEntry(t);
@@ -88,19 +90,20 @@ int CapsuleDirectoryEntry::SetCapFileTimeAttrib(DirectoryType t) {
   const bool fat16 = t == DirTypeFat16;
   const uint16_t cluster = fat16 ? 0 : kFirstCluster;
   _ShortDirEntry entry{};
+  const platform::FindData told = m_pFindData ? *m_pFindData : platform::FindData{};
   if (m_bZeroEntry == 0) {
-    const auto written = platform::ToDosDateTime(m_FindData.lastWriteTime);
+    const auto written = platform::ToDosDateTime(told.lastWriteTime);
     entry.WriteDate = written.date;
     entry.WriteTime = written.time;
-    entry.Attribute = static_cast<uint8_t>(m_FindData.attributes);
-    entry.FileSize = static_cast<uint32_t>(m_FindData.size);
+    entry.Attribute = static_cast<uint8_t>(told.attributes);
+    entry.FileSize = static_cast<uint32_t>(told.size);
   }
   if (m_bZeroEntry == 0 && !fat16) {
-    const auto created = platform::ToDosDateTime(m_FindData.creationTime);
+    const auto created = platform::ToDosDateTime(told.creationTime);
     entry.CreationDate = created.date;
     entry.CreationTime = created.time;
-    entry.CreationSeconds = platform::LocalSeconds(m_FindData.creationTime);
-    entry.LastAccessDate = platform::ToDosDateTime(m_FindData.lastAccessTime).date;
+    entry.CreationSeconds = platform::LocalSeconds(told.creationTime);
+    entry.LastAccessDate = platform::ToDosDateTime(told.lastAccessTime).date;
   }
   entry.FirstClusterHigh = cluster;
   entry.FirstClusterLow = cluster;

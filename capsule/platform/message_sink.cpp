@@ -3,6 +3,7 @@
 #include <mutex>
 #include <string>
 
+#include "capsule/platform/show_message.h"
 #include "capsule/platform/standard_error.h"
 
 namespace capsule::platform {

@@ -15,7 +15,4 @@ using MessageSink = void (*)(const char* message, void* context);
 // Replaces the sink; null brings back the default, which writes one line to standard error.
 CAPSULE_API void SetMessageSink(MessageSink sink, void* context);
 
-// Shows a message of the library itself; not exported.
-void ShowMessage(const char* message);
-
 }  // namespace capsule::platform

@@ -2,6 +2,8 @@
 
 #include <new>
 
+#include "capsule/runtime/event_table.h"
+
 namespace capsule {
 namespace {
 

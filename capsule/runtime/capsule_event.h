@@ -15,9 +15,11 @@
 #include "capsule/export.h"
 #include "capsule/platform/cstring.h"
 #include "capsule/runtime/cps_list.h"
-#include "capsule/runtime/event_table.h"
 
 namespace capsule {
+
+// A number above 0.
+using EventHandle = uint32_t;
 
 class CAPSULE_API CapsuleEvent {
  public:

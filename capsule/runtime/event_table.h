@@ -8,9 +8,9 @@
 #include <string>
 #include <vector>
 
-namespace capsule {
+#include "capsule/runtime/capsule_event.h"
 
-using EventHandle = uint32_t;
+namespace capsule {
 
 // A handle to the event called `name`, created (not signalled) unless it exists; its kind is then
 // what it was created as. 0 when memory runs out.

@@ -10,9 +10,9 @@
 #include "capsule/compression/lzs.h"
 #include "capsule/compression/stream_compressor.h"
 #include "capsule/container/header_scramble.h"
+#include "capsule/container/index_format.h"
 #include "capsule/host/image.h"
 #include "capsule/host/image_builder.h"
-#include "capsule/host/index/damage_note.h"
 #include "capsule/partition/record_format.h"
 #include "tests/support/bytes.h"
 #include "tests/support/source_tree.h"
@@ -87,11 +87,11 @@ std::string Compressed(const std::string& bytes) {
 }
 
 // The bytes of an index record that says so, and that is read as saying so.
-std::string Note(const host::DamageNote& note) {
+std::string Note(const DamageNote& note) {
   std::vector<unsigned char> bytes;
-  AppendIndexRecord(host::RecordOf(note), &bytes);
+  AppendIndexRecord(RecordOf(note), &bytes);
   platform::ByteReader reader(bytes);
-  const auto read = host::DamageNoteOf(TakeIndexRecord(reader));
+  const auto read = DamageNoteOf(TakeIndexRecord(reader));
   EXPECT_TRUE(read && read->offset == note.offset && read->length == note.length &&
               read->isCut == note.isCut && read->reason == note.reason);
   return {bytes.begin(), bytes.end()};

@@ -4,8 +4,9 @@
 Usage: exported_names.py [--write] MAP [LIBRARY] HEADER...
 
 What a header offers: the functions marked CAPSULE_API, and of the classes marked so the public and
-protected operations that are not defined in the header. The map must name exactly these, the
-library export exactly these. --write writes the map anew.
+protected operations and static members that are not defined in the header. The map must name exactly these, the
+library export exactly these. A header declares nothing else that is defined elsewhere: a host could
+not link it. --write writes the map anew.
 """
 import pathlib
 import re
@@ -14,6 +15,7 @@ import sys
 
 NAME_END = "[!_a-zA-Z0-9]*"
 OPERATION = re.compile(r"(operator\W+|operator char ?\*|~?\w+)\(")
+DATA = re.compile(r"static (?!constexpr)[^(=]* (\w+)$")
 
 
 def statements(text):
@@ -26,8 +28,8 @@ def statements(text):
 
 
 def offered(path):
-    """Qualified names that the header offers, and its exported classes."""
-    names, classes, scopes = set(), set(), []
+    """Qualified names that the header offers, its exported classes, and what a host cannot link."""
+    names, classes, unlinkable, scopes = set(), set(), set(), []
     for text, end in statements(path.read_text()):
         if end == ":" and text in ("public", "protected", "private"):
             scopes[-1]["open"] = text != "private"
@@ -40,18 +42,22 @@ def offered(path):
             kind, name = head.groups() if head else ("body", "")
             exported = kind == "class" and "CAPSULE_API" in text
             full = f"{scope['name']}::{name}".strip(":")
-            scopes.append({"name": full, "kind": kind, "open": False, "exported": exported})
+            scopes.append({"name": full, "kind": kind, "open": kind == "struct", "exported": exported})
             if exported:
                 classes.add(full)
         else:
-            function = OPERATION.search(re.sub(r"__attribute__\(\(.*\)\)", "", text))
+            plain = re.sub(r"__attribute__\(\(.*\)\)|std::function<.*>", "", text)
+            function = OPERATION.search(plain) or DATA.search(plain)
             deleted = re.search(r"= (0|default|delete)$", text)
-            friend = text.startswith(("friend", "using", "typedef"))
+            friend = text.startswith(("friend", "using", "typedef", "static_assert"))
             is_open = scope["exported"] and scope["open"] if scope["kind"] == "class" else (
                 scope["kind"] == "namespace" and "CAPSULE_API" in text)
             if function and is_open and not deleted and not friend:
                 names.add(f"{scope['name']}::{function.group(1)}".strip())
-    return names, classes
+            elif function and not deleted and not friend and "inline" not in text and (
+                    scope["kind"] == "namespace" or scope.get("open") and not scope["exported"]):
+                unlinkable.add(f"{path}: {scope['name']}::{function.group(1)} has no definition to link")
+    return names, classes, unlinkable
 
 
 def pattern(name):
@@ -95,7 +101,7 @@ def main():
     if write:
         map_path.write_text(map_text(names, classes))
         return
-    faults = []
+    faults = sorted(set().union(*(offer[2] for offer in offers)))
     if map_path.read_text() != map_text(names, classes):
         faults.append(f"{map_path} is not what the headers offer: build the target write_exports")
     for library in [path for path in rest if path.suffix != ".h"]:

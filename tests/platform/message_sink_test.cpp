@@ -7,6 +7,8 @@
 #include <string>
 #include <vector>
 
+#include "capsule/platform/show_message.h"
+
 namespace capsule::platform {
 namespace {
 

@@ -3,10 +3,7 @@
 
 #include <cstdint>
 #include <memory>
-#include <optional>
 #include <span>
-#include <string>
-#include <string_view>
 
 namespace capsule::host {
 
@@ -42,14 +39,5 @@ class IndexChecksum {
   struct State;
   std::unique_ptr<State> m_pState;
 };
-
-// 16 hex digits.
-std::string ChecksumDigits(uint64_t value);
-
-// The name of an index record that carries a region's check value: "xxh3=" and 16 hex digits.
-std::string ChecksumName(uint64_t value);
-
-// The value in such a name; none when it is another.
-std::optional<uint64_t> ChecksumOfName(std::string_view name);
 
 }  // namespace capsule::host

@@ -6,7 +6,7 @@
 #include <span>
 #include <string>
 
-#include "capsule/container/header_format.h"
+#include "capsule/container/stored_header.h"
 #include "capsule/host/error.h"
 #include "capsule/host/index/index_check.h"
 
@@ -17,11 +17,7 @@ DecodedHeader ReadImageHeader(const ImageFile& image);
 
 // Whether a header that cannot be read is one at all: Damaged then, else NotAnImage. `stored`: the
 // first bytes of the file.
-ErrorKind KindOfBadHeader(std::span<const unsigned char> stored);
-
-// What is wrong with the partition records behind those that the header counts, which are to be
-// empty; nothing where they cannot be told. `stored`: the bytes of the header as they are.
-std::string JudgeSpareRecords(HeaderBytes stored, const DecodedHeader& header);
+ErrorKind KindOfBadHeader(const StoredHeader& header);
 
 // Throws when the header tells of no index, or of one that does not lie in the image.
 void CheckIndexOffset(const DecodedHeader& header, const ImageFile& image);

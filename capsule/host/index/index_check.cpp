@@ -12,7 +12,6 @@
 #include "capsule/host/index/restart_point.h"
 #include "capsule/partition/entry_group.h"
 #include "capsule/platform/byte_reader.h"
-#include "capsule/platform/little_endian.h"
 
 namespace capsule::host {
 namespace {
@@ -26,31 +25,30 @@ class IndexWalk {
       : m_image(image), m_reader(image, indexOffset), m_indexOffset(indexOffset) {
     const auto preamble = m_reader.Take(kIndexPreamble);
     if (preamble.size() < kIndexPreamble) Throw("index is cut short");
-    m_isChecked = std::equal(preamble.begin(), preamble.begin() + 3, "CI1");
-    m_statedCheck = platform::LoadLe32(&preamble[3]);
+    m_statedCheck = DecodeIndexStart(preamble).checkValue;
   }
 
-  bool IsChecked() const { return m_isChecked; }
+  bool IsChecked() const { return m_statedCheck.has_value(); }
 
   // Where the record that comes next begins in the image.
   uint64_t Position() const { return m_reader.Position(); }
 
   void Next(IndexRecord* record) {
     if (!m_reader.TakeRecord(record)) Fail("index is cut short");
-    if (m_isChecked) m_checksum.Update(m_reader.RecordBytes());
+    if (m_statedCheck) m_checksum.Update(m_reader.RecordBytes());
   }
 
   // Throws when the check value of the index does not hold. What it says counts only then.
   void Verify() {
-    if (!m_isChecked) return;
+    if (!m_statedCheck) return;
     while (m_reader.Position() < m_reader.End()) {
       const auto rest = m_reader.Take(FileWindow::kSize);
       if (rest.empty()) Throw("index is cut short");
       m_checksum.Update(rest);
     }
     const uint32_t found = m_checksum.Value();
-    if (found == m_statedCheck) return;
-    Throw("index is damaged or cut short: check value is " + Hex(m_statedCheck) +
+    if (found == *m_statedCheck) return;
+    Throw("index is damaged or cut short: check value is " + Hex(*m_statedCheck) +
           ", its bytes give " + Hex(found));
   }
 
@@ -68,8 +66,7 @@ class IndexWalk {
   const ImageFile& m_image;
   IndexReader m_reader;
   uint64_t m_indexOffset;
-  bool m_isChecked = false;
-  uint32_t m_statedCheck = 0;
+  std::optional<uint32_t> m_statedCheck;
   IndexChecksum m_checksum;  // of all that was read
 };
 

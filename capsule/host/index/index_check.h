@@ -8,8 +8,7 @@
 
 #include "capsule/container/index_format.h"
 #include "capsule/host/file/file_window.h"
-#include "capsule/host/index/damage_note.h"
-#include "capsule/host/records/file_check.h"
+#include "capsule/host/records/record_source.h"
 
 namespace capsule::host {
 

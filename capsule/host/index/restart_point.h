@@ -1,11 +1,7 @@
 // Restart points: places in a long file where decoding may begin.
 //
-// An index has one about every mebibyte of a file, as a type-6 record with the offset and length of
-// the data block record that begins there (8 + its payload). Its name is
-//   seek=       5 bytes
-//   offset      4 bytes, little-endian: of the record's first byte within the file
-//   history     up to 2047 bytes: what the compressed records before it left, the latest last
-// Only an index with a check value is believed.
+// An index has a note on one about every mebibyte of a file, with the offset and length of the data
+// block record that begins there. Only an index with a check value is believed.
 #pragma once
 
 #include <cstddef>
@@ -13,7 +9,6 @@
 #include <functional>
 #include <optional>
 #include <span>
-#include <string_view>
 
 #include "capsule/container/index_format.h"
 #include "capsule/host/records/record_source.h"
@@ -22,8 +17,6 @@ namespace capsule::host {
 
 // Bytes of a file from one restart point to the next, at least. None lies before the first.
 inline constexpr uint32_t kRestartDistance = uint32_t{1} << 20;
-
-inline constexpr std::string_view kRestartName = "seek=";
 
 // What a type-6 record tells that begins at `place` in the image; none when it is no restart point.
 std::optional<RestartPoint> RestartPointOf(const IndexRecord& record, uint64_t place);

@@ -15,7 +15,6 @@
 #include "capsule/host/verifier.h"
 #include "capsule/partition/record_format.h"
 #include "capsule/platform/file.h"
-#include "capsule/platform/little_endian.h"
 
 namespace capsule::host {
 namespace {
@@ -74,10 +73,10 @@ std::vector<unsigned char> NotedIndex(const ImageFile& image, uint64_t indexOffs
     }
     AppendIndexRecord(record, &bytes);
   }
-  std::copy_n("CI1", 3, bytes.begin());
   IndexChecksum checksum;
   checksum.Update(std::span(bytes).subspan(kIndexPreamble));
-  platform::StoreLe32(&bytes[3], checksum.Value());
+  const auto start = EncodeIndexStart(checksum.Value());
+  std::copy(start.begin(), start.end(), bytes.begin());
   return bytes;
 }
 

@@ -125,7 +125,7 @@ void IndexRecordWriter::Add(const SectionItem& item, const std::string& damage) 
   m_Source.begin = item.dataOffset;
   m_Source.limit = item.offset + item.length;
   m_Source.size = item.entry.FileSize;
-  m_Source.ntfs = item.isNtfs;
+  m_Source.rules.kind = item.Records();
 }
 
 // The last item and what is said of it.

@@ -12,7 +12,6 @@
 #include "capsule/container/index_format.h"
 #include "capsule/host/file/checksum.h"
 #include "capsule/host/file/file_window.h"
-#include "capsule/host/index/damage_note.h"
 #include "capsule/host/indexing/index_stream.h"
 #include "capsule/host/records/record_source.h"
 #include "capsule/host/sections/section_scanner.h"

@@ -24,7 +24,7 @@ class ItemJudge {
  public:
   ItemJudge(const ImageFile& image, const DecodedHeader& header) {
     m_Source.image = image;
-    m_Source.imageIsCompressed = header.compressed;
+    m_Source.rules.imageIsCompressed = header.compressed;
     const auto take = [this](const MapItem& item) {
       if (!item.problem.empty()) m_Problems.emplace_back(item.offset, item.problem);
     };
@@ -50,7 +50,7 @@ class ItemJudge {
     m_Source.begin = item.dataOffset;
     m_Source.limit = item.offset + item.length;
     m_Source.size = item.entry.FileSize;
-    m_Source.ntfs = item.isNtfs;
+    m_Source.rules.kind = item.Records();
     m_Source.fileRecord = item.offset;
     return ProblemOf(m_Source);
   }

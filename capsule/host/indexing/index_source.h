@@ -5,7 +5,7 @@
 #include <functional>
 #include <string>
 
-#include "capsule/host/index/damage_note.h"
+#include "capsule/container/index_format.h"
 #include "capsule/host/sections/section_scanner.h"
 
 namespace capsule::host {

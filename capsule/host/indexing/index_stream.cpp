@@ -1,7 +1,6 @@
 #include "capsule/host/indexing/index_stream.h"
 
 #include <algorithm>
-#include <array>
 #include <cerrno>
 #include <utility>
 
@@ -10,7 +9,6 @@
 #include "capsule/host/file/file_window.h"
 #include "capsule/host/file/reason.h"
 #include "capsule/platform/file.h"
-#include "capsule/platform/little_endian.h"
 
 namespace capsule::host {
 namespace {
@@ -54,9 +52,7 @@ uint64_t IndexStream::Finish() {
     checksum.Update(bytes);
     at += bytes.size();
   }
-  std::array<unsigned char, kIndexPreamble> preamble{'C', 'I', '1'};
-  platform::StoreLe32(&preamble[3], checksum.Value());
-  WriteAt(m_nStart, preamble);
+  WriteAt(m_nStart, EncodeIndexStart(checksum.Value()));
   return m_nFlushed;
 }
 

@@ -18,34 +18,18 @@ std::string Text(std::span<const unsigned char> field) {
   return "\"" + std::string(field.begin(), std::find(field.begin(), field.end(), 0)) + "\"";
 }
 
-// The header with its scrambled region restored where that can be done; padded with zeros.
-std::vector<unsigned char> Restored(std::span<const unsigned char> stored, std::string* problem) {
-  std::vector<unsigned char> bytes(kHeaderSize);
-  std::copy_n(stored.begin(), std::min<size_t>(stored.size(), kHeaderSize), bytes.begin());
-  if (stored.size() >= kHeaderSize) {
-    RestoreScrambledRegion(std::span<unsigned char, kHeaderSize>(bytes.data(), kHeaderSize),
-                           problem);
-  }
-  return bytes;
-}
-
-HeaderBytes AsHeader(const std::vector<unsigned char>& bytes) {
-  return HeaderBytes(bytes.data(), kHeaderSize);
-}
-
 class HeaderMapper {
  public:
-  HeaderMapper(std::span<const unsigned char> stored, MapSink& sink)
-      : m_nStored(stored.size()), m_Sink(sink), m_Bytes(Restored(stored, &m_strProblem)) {}
+  HeaderMapper(const StoredHeader& header, size_t stored, MapSink& sink)
+      : m_nStored(stored), m_Sink(sink), m_header(header), m_Bytes(header.bytes) {}
 
   void Map() {
     MapFront();
-    std::string problem;
-    const auto tail = LocateTail(AsHeader(m_Bytes), &problem);
-    if (tail) {
-      MapTail(*tail);
+    if (m_header.tail) {
+      MapTail(*m_header.tail);
     } else {
-      Field(kBehindTailOffset, kHeaderSize - kBehindTailOffset, "rest of the header", problem);
+      Field(kBehindTailOffset, kHeaderSize - kBehindTailOffset, "rest of the header",
+            m_header.tailProblem);
     }
   }
 
@@ -54,27 +38,27 @@ class HeaderMapper {
     const auto field = [&](size_t at, size_t size) { return std::span(m_Bytes).subspan(at, size); };
     Field(0, kVersionSize, "version text " + Text(field(0, kVersionSize)));
     Field(kVersionSize, kScrambleFlagOffset - kVersionSize, "opaque");
-    const bool scrambled = m_Bytes[kScrambleFlagOffset] == 1;
     Field(kScrambleFlagOffset, 1,
-          scrambled ? "scrambled: fields below are restored"
-                    : Value("scramble flag", m_Bytes[kScrambleFlagOffset]),
-          m_strProblem);
+          m_header.isScrambled ? "scrambled: fields below are restored"
+                               : Value("scramble flag", m_Bytes[kScrambleFlagOffset]),
+          m_header.scrambleProblem);
     Field(kKeyOffset, kKeySize, "scramble key " + Text(field(kKeyOffset, kKeySize)));
     Field(kBehindKey, kIndexOffsetOffset - kBehindKey, "opaque");
     const uint32_t index = platform::LoadLe32(&m_Bytes[kIndexOffsetOffset]);
     Field(kIndexOffsetOffset, 4, "index offset " + Hex(index), JudgeIndex(index));
     Field(kCompressionMarkOffset, 1, Value("compression mark", m_Bytes[kCompressionMarkOffset]));
     Field(kConstant3Offset, 1, Value("constant", m_Bytes[kConstant3Offset]));
-    const bool compact = SelectLayout(AsHeader(m_Bytes)) == HeaderLayout::Compact;
+    const bool compact = SelectLayout(m_header.Bytes()) == HeaderLayout::Compact;
     Field(kTailOffsetOffset, 2,
           Value("tail offset", platform::LoadLe16(&m_Bytes[kTailOffsetOffset])) +
               (compact ? ": compact layout" : ": fixed layout"));
   }
 
   std::string JudgeIndex(uint32_t index) const {
-    if (index == 0 || (index >= kHeaderSize && index < m_Sink.FileBytes())) return {};
+    const IndexPlace place = PlaceOfIndex(index, m_Sink.FileBytes());
+    if (place == IndexPlace::None || place == IndexPlace::InFile) return {};
     return "index would begin at " + Hex(index) +
-           (index < kHeaderSize
+           (place == IndexPlace::InHeader
                 ? ", inside the header"
                 : "; the file has " + std::to_string(m_Sink.FileBytes()) + " bytes");
   }
@@ -82,9 +66,8 @@ class HeaderMapper {
   void MapTail(const HeaderTail& tail) {
     const size_t area = tail.sectorArea;
     Opaque(kBehindTailOffset, area);
-    const bool marked = m_Bytes[area] == 0xAB && m_Bytes[area + 1] == 0xCD;
     Field(area, kSectorAreaSize, "sector area; " + Value("sections", tail.sectionCount),
-          marked ? "" : "sector area does not begin with AB CD");
+          m_header.isMarked ? "" : "sector area does not begin with AB CD");
     const size_t count = tail.At(kPartitionCountOffset);
     const size_t flag = tail.At(kCompressionFlagOffset);
     Field(count - 1, 1, "opaque");
@@ -137,33 +120,14 @@ class HeaderMapper {
 
   size_t m_nStored;
   MapSink& m_Sink;
-  std::string m_strProblem;
-  std::vector<unsigned char> m_Bytes;
+  const StoredHeader& m_header;
+  const std::vector<unsigned char>& m_Bytes;
 };
 
 }  // namespace
 
-MappedHeader DecodeStoredHeader(std::span<const unsigned char> stored) {
-  MappedHeader header;
-  if (stored.size() < kHeaderSize) {
-    header.problem = "not an image: " + std::to_string(stored.size()) +
-                     " bytes, a header alone has " + std::to_string(kHeaderSize);
-    return header;
-  }
-  const std::vector<unsigned char> bytes = Restored(stored, &header.problem);
-  if (!header.problem.empty()) return header;
-  header.decoded = DecodeHeader(AsHeader(bytes), &header.problem);
-  if (!header.decoded) return header;
-  const size_t area = header.decoded->tail.sectorArea;
-  if (bytes[area] != 0xAB || bytes[area + 1] != 0xCD) {
-    header.decoded.reset();
-    header.problem = "not an image: no image header at its start";
-  }
-  return header;
-}
-
-void MapHeader(std::span<const unsigned char> stored, MapSink& sink) {
-  HeaderMapper(stored.first(std::min<size_t>(stored.size(), kHeaderSize)), sink).Map();
+void MapHeader(const StoredHeader& header, size_t stored, MapSink& sink) {
+  HeaderMapper(header, stored, sink).Map();
 }
 
 }  // namespace capsule::host

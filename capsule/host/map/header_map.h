@@ -1,25 +1,14 @@
 // The fields of an image header, whichever layout it has and however much of it there is.
 #pragma once
 
-#include <optional>
-#include <span>
-#include <string>
-#include <vector>
+#include <cstddef>
 
-#include "capsule/container/header_format.h"
+#include "capsule/container/stored_header.h"
 #include "capsule/host/map/map_sink.h"
 
 namespace capsule::host {
 
-struct MappedHeader {
-  std::optional<DecodedHeader> decoded;
-  std::string problem;  // why it could not be decoded, or what else is wrong
-};
-
-// Decodes `stored`, up to 7560 bytes from the start of a file.
-MappedHeader DecodeStoredHeader(std::span<const unsigned char> stored);
-
-// Passes every field on, up to the end of `stored`.
-void MapHeader(std::span<const unsigned char> stored, MapSink& sink);
+// Passes every field on, up to the end of the `stored` bytes that there are.
+void MapHeader(const StoredHeader& header, size_t stored, MapSink& sink);
 
 }  // namespace capsule::host

@@ -13,15 +13,6 @@
 namespace capsule::host {
 namespace {
 
-// System ids of the sections that a header tells of: its records that are not all zero.
-std::vector<uint8_t> SectionsOf(const DecodedHeader& header) {
-  std::vector<uint8_t> ids;
-  for (const _Partition& record : header.partitions) {
-    if (IsInUse(record)) ids.push_back(record.SystemId);
-  }
-  return ids;
-}
-
 class ImageMapper {
  public:
   ImageMapper(const ImageFile& image, MapSink& sink)
@@ -29,11 +20,11 @@ class ImageMapper {
 
   void Map(bool mayHaveIndex) {
     const auto stored = m_Window.At(0, kHeaderSize);
-    const MappedHeader header = DecodeStoredHeader(stored);
-    MapHeader(stored, m_Sink);
+    const StoredHeader header(stored);
+    MapHeader(header, stored.size(), m_Sink);
     MapSummary& summary = m_Sink.Summary();
-    summary.headerProblem = header.problem;
-    if (!header.decoded) return MapRest();
+    summary.headerProblem = header.WhyNotAnImage();
+    if (!summary.headerProblem.empty()) return MapRest();
     summary.compressed = header.decoded->compressed;
     summary.indexOffset = header.decoded->indexOffset;
     const bool hasIndex =

@@ -2,20 +2,12 @@
 
 #include <algorithm>
 
-#include "capsule/container/header_format.h"
+#include "capsule/container/stored_header.h"
 #include "capsule/host/file/reason.h"
 #include "capsule/host/index/index_reader.h"
-#include "capsule/host/index/restart_point.h"
-#include "capsule/platform/little_endian.h"
 
 namespace capsule::host {
 namespace {
-
-constexpr std::string_view kMark = "CI1";
-
-bool HasMark(std::span<const unsigned char> start) {
-  return start.size() >= kIndexPreamble && std::equal(kMark.begin(), kMark.end(), start.begin());
-}
 
 void MapStart(FileWindow& window, uint64_t offset, MapSink& sink) {
   const auto bytes = window.At(offset, kIndexPreamble);
@@ -23,8 +15,9 @@ void MapStart(FileWindow& window, uint64_t offset, MapSink& sink) {
   item.kind = MapItem::Kind::IndexStart;
   item.offset = offset;
   item.length = bytes.size();
-  item.type = HasMark(bytes) ? 1 : 0;
-  if (item.type == 1) item.target = platform::LoadLe32(&bytes[kMark.size()]);
+  const auto checkValue = DecodeIndexStart(bytes).checkValue;
+  item.type = checkValue ? 1 : 0;
+  item.target = checkValue.value_or(0);
   item.text = item.type == 1 ? "CI1, check value " + Hex(item.target) : "opaque, no check value";
   if (bytes.size() < kIndexPreamble) item.problem = "index is cut short";
   sink.Add(item);
@@ -57,7 +50,7 @@ MapItem ItemOf(const IndexRecord& record, uint64_t indexOffset, uint64_t fileByt
   item.targetLength = record.length;
   item.name = record.name;
   const uint64_t end = item.target + item.targetLength;
-  const auto restart = RestartPointOf(record, 0);
+  const auto restart = record.type == kIndexNote ? RestartOfName(record.name) : std::nullopt;
   if (restart) item.name = kRestartName;
   item.text += ": " + Hex(item.target) + " to " + Hex(end) +
                (item.name.empty() ? "" : ", \"" + item.name + "\"");
@@ -75,9 +68,9 @@ MapItem ItemOf(const IndexRecord& record, uint64_t indexOffset, uint64_t fileByt
 }  // namespace
 
 bool LooksLikeIndex(FileWindow& window, uint64_t offset, uint64_t fileBytes) {
-  if (offset < kHeaderSize || offset >= fileBytes) return false;
+  if (PlaceOfIndex(offset, fileBytes) != IndexPlace::InFile) return false;
   const auto bytes = window.At(offset, kIndexPreamble + 1);
-  if (bytes.size() <= kIndexPreamble || HasMark(bytes)) return true;
+  if (bytes.size() <= kIndexPreamble || DecodeIndexStart(bytes).isMarked) return true;
   const uint8_t type = bytes[kIndexPreamble];
   return type == kIndexGroupMark || HasIndexBody(type);
 }

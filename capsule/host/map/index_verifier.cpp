@@ -7,13 +7,10 @@
 #include "capsule/host/file/checksum.h"
 #include "capsule/host/file/reason.h"
 #include "capsule/host/index/index_check.h"
-#include "capsule/host/index/restart_point.h"
 #include "capsule/partition/record_format.h"
 
 namespace capsule::host {
 namespace {
-
-constexpr std::string_view kCheckName = "xxh3=";
 
 void Keep(uint64_t offset, std::vector<uint32_t>* places, std::vector<bool>* named) {
   places->push_back(static_cast<uint32_t>(offset));
@@ -77,7 +74,7 @@ void IndexVerifier::TakeRecord(const MapItem& item) {
       }
       break;
     case kIndexNote:
-      if (item.name.starts_with(kCheckName)) TakeNote(item);
+      if (SplitNoteName(item.name).kind == NoteKind::CheckValue) TakeNote(item);
       if (item.name == kRestartName) TakeRestart(item);
       break;
     default:
@@ -124,15 +121,15 @@ void IndexVerifier::TakeNote(const MapItem& item) {
   m_Budget -= item.targetLength;
   RunningChecksum checksum;
   const bool complete = Read(item.target, end, [&](auto bytes) { checksum.Update(bytes); });
-  const std::string found = ChecksumName(checksum.Value());
-  if (complete && found == item.name) return;
+  const std::string found = ChecksumDigits(checksum.Value());
+  const std::string stated(SplitNoteName(item.name).value);
+  if (complete && found == stated) return;
   const bool isSection = std::binary_search(m_Sections.begin(), m_Sections.end(), item.target);
   const bool isFile = !isSection && item.target == m_nLastTarget;
   const std::string what = item.target == 0 ? "the header" : isSection ? "the section" : "the item";
   m_Report(item.target, isFile ? m_strLastPath : "",
-           "check value of " + what + " is " + item.name.substr(kCheckName.size()) + ", its " +
-               std::to_string(item.targetLength) + " bytes give " +
-               found.substr(kCheckName.size()));
+           "check value of " + what + " is " + stated + ", its " +
+               std::to_string(item.targetLength) + " bytes give " + found);
 }
 
 // Where it leads is compared when its file is read.

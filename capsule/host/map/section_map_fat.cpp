@@ -1,10 +1,9 @@
 #include <algorithm>
 #include <array>
 
-#include "capsule/blocks/data_block_format.h"
+#include "capsule/blocks/data_record.h"
 #include "capsule/host/file/reason.h"
 #include "capsule/host/map/section_map.h"
-#include "capsule/host/records/record_judge.h"
 #include "capsule/host/sections/section_resync.h"
 #include "capsule/partition/record_format.h"
 #include "capsule/platform/dos_time.h"
@@ -146,16 +145,16 @@ void SectionMap::PassPieces() {
 void SectionMap::MapData(const _MiniHeader& header) {
   MapItem item = ItemAt(MapItem::Kind::DataBlock, kMiniHeaderSize + header.Length);
   const uint64_t end = item.offset + item.length;
-  const uint32_t length = UncompressedLength(header, m_bCompressed);
+  const DataRecord record = DataRecordOf(header, {RecordKind::Fat, m_bCompressed});
   item.path = m_strFile;
-  item.text = "bytes " + Count(m_nFileBytes) + " to " + Count(m_nFileBytes + length) + ", " +
-              (IsCompressedPayload(header, m_bCompressed) ? "compressed to " : "stored as ") +
-              Count(header.Length) + (header.Flag == 1 ? ", the last" : "");
-  item.problem = JudgeDataHeader(header, m_bCompressed);
+  item.text = "bytes " + Count(m_nFileBytes) + " to " + Count(m_nFileBytes + record.chunk) + ", " +
+              (record.isCompressed ? "compressed to " : "stored as ") + Count(header.Length) +
+              (record.IsLast() ? ", the last" : "");
+  item.problem = JudgeDataRecord(record);
   if (!m_bTakesData) item.problem = "data block belongs to no file";
   if (m_bTakesData && m_bLastSeen) item.problem = "data block behind the last one of its file";
-  m_bLastSeen = m_bLastSeen || header.Flag == 1;
-  m_nFileBytes += length;
+  m_bLastSeen = m_bLastSeen || record.IsLast();
+  m_nFileBytes += record.chunk;
   if (!IsFatRecordAt(end)) {
     const uint64_t found = FindFatRecord(item.offset + kMiniHeaderSize);
     if (found < end) {

@@ -2,6 +2,7 @@
 
 #include <algorithm>
 
+#include "capsule/container/index_format.h"
 #include "capsule/host/file/reason.h"
 
 namespace capsule::host {

@@ -10,7 +10,7 @@
 #include <string>
 
 #include "capsule/host/file/checksum.h"
-#include "capsule/host/records/file_check.h"
+#include "capsule/host/records/record_source.h"
 
 namespace capsule::host {
 

@@ -2,31 +2,12 @@
 #pragma once
 
 #include <cstdint>
-#include <optional>
 #include <span>
 #include <string>
 
-#include "capsule/partition/directory_records.h"
+#include "capsule/blocks/data_record.h"
 
 namespace capsule::host {
-
-// What is wrong with the flag, param or length of a data block record's header, or nothing.
-std::string JudgeDataHeader(const _MiniHeader& header, bool imageIsCompressed);
-
-// A data record as its header has it, in sections of FAT-style or of NTFS records.
-struct DataRecord {
-  uint32_t headerSize = 0;
-  uint32_t payload = 0;  // bytes behind the header
-  uint32_t chunk = 0;    // bytes of the file that they stand for
-  bool isCompressed = false;
-  bool isLast = false;  // it says so
-
-  uint32_t Size() const { return headerSize + payload; }
-};
-
-// The record whose header `bytes` begin with; none when that breaks a rule.
-std::optional<DataRecord> DecodeDataRecord(std::span<const unsigned char> bytes,
-                                           bool imageIsCompressed, bool ntfs);
 
 // Whether `bytes` begin with a data record that is whole: its header without fault, its payload
 // within `bytes`, and when that is compressed a unit of exactly the stated length, whatever its
@@ -36,8 +17,7 @@ std::optional<DataRecord> DecodeDataRecord(std::span<const unsigned char> bytes,
 // beside its header to tell it from table data that reads alike: judge what follows it as well.
 //
 // Cheap where there is no such header, else linear in the payload and the chunk.
-bool IsWholeDataRecord(std::span<const unsigned char> bytes, bool imageIsCompressed,
-                       bool ntfs = false);
+bool IsWholeDataRecord(std::span<const unsigned char> bytes, const RecordRules& rules);
 
 // What `room` bytes of records can stand for at most; no file is longer than an image can be.
 uint64_t MostBytesIn(uint64_t room);

@@ -4,7 +4,6 @@
 #include <array>
 #include <iterator>
 
-#include "capsule/blocks/data_block_format.h"
 #include "capsule/host/error.h"
 #include "capsule/host/file/reason.h"
 #include "capsule/host/records/record_judge.h"
@@ -24,12 +23,12 @@ std::string Count(uint64_t n) { return std::to_string(n); }
 
 RecordStream::RecordStream(RecordSource source)
     : m_Source(std::move(source)),
-      m_nHeaderSize(m_Source.ntfs ? kNtfsHeaderSize : kMiniHeaderSize),
+      m_nHeaderSize(m_Source.rules.HeaderSize()),
       m_nMarkDistance(kMarkDistance) {
   const uint64_t room = m_Source.limit - m_Source.begin;
   if (m_Source.check) m_Check.emplace(*m_Source.check);
   Restart();
-  if (m_Source.ntfs) TakeResidentData();
+  if (m_Source.rules.IsNtfs()) TakeResidentData();
   Restart();
   if (m_bResident) {
     CheckEmpty();
@@ -118,18 +117,17 @@ void RecordStream::KeepMark() {
 
 void RecordStream::Advance(uint64_t offset) {
   if (m_nChunkEnd == 0) CountGroup();
-  const _MiniHeader header = ReadHeader();
-  const uint32_t length = UncompressedLength(header, m_Source.imageIsCompressed);
-  CheckCoverage(header, length);
-  const bool isStored = !IsCompressedPayload(header, m_Source.imageIsCompressed);
+  const DataRecord record = ReadHeader();
+  const std::string problem = JudgeCoverage(record, m_nChunkEnd, m_Source.size, m_Source.rules);
+  if (!problem.empty()) Fail(problem);
   m_Chunk.clear();
-  if (!isStored || offset < m_nChunkEnd + length) {
-    DecodeRecord(header, length);
-    if (m_Check) m_Check->Take(m_nRecord, Window(m_nRecord, m_nHeaderSize + header.Length));
+  if (record.isCompressed || offset < m_nChunkEnd + record.chunk) {
+    DecodeRecord(record);
+    if (m_Check) m_Check->Take(m_nRecord, Window(m_nRecord, record.Size()));
   }
-  m_nRecord += m_nHeaderSize + header.Length;
+  m_nRecord += record.Size();
   m_nChunkBegin = m_nChunkEnd;
-  m_nChunkEnd += length;
+  m_nChunkEnd += record.chunk;
   KeepMark();
   if (m_nChunkEnd >= m_Source.size) CompareCheck();
 }
@@ -156,7 +154,7 @@ void RecordStream::CountUpTo(uint64_t offset) {
 // Further FILE records may follow the data of a file, and count.
 void RecordStream::CompareCheck() {
   if (!m_Check) return;
-  if (m_Source.ntfs && m_Check->Next() == m_nRecord) {
+  if (m_Source.rules.IsNtfs() && m_Check->Next() == m_nRecord) {
     CountUpTo(m_Check->End());
     m_nRecord = m_Check->Next();
   }
@@ -171,14 +169,13 @@ void RecordStream::CompareCheck() {
   throw Error(m_Source.image.Name(), m_Source.entryPath + ": " + problem, check.offset);
 }
 
-void RecordStream::DecodeRecord(const _MiniHeader& header, uint32_t length) {
-  const auto payload =
-      Window(m_nRecord, size_t{m_nHeaderSize} + header.Length).subspan(m_nHeaderSize);
-  if (!IsCompressedPayload(header, m_Source.imageIsCompressed)) {
+void RecordStream::DecodeRecord(const DataRecord& record) {
+  const auto payload = Window(m_nRecord, record.Size()).subspan(record.headerSize);
+  if (!record.isCompressed) {
     m_Chunk.assign(payload.begin(), payload.end());
     return;
   }
-  m_Chunk.resize(length);
+  m_Chunk.resize(record.chunk);
   const std::string problem = m_Decoder.Decode(payload, m_Chunk);
   if (!problem.empty()) Fail(problem);
 }
@@ -192,13 +189,14 @@ uint64_t RecordStream::CheckRoom(uint64_t needed) const {
   return room;
 }
 
-_MiniHeader RecordStream::ReadHeader() {
+DataRecord RecordStream::ReadHeader() {
   CheckRoom(m_nHeaderSize);
   const _MiniHeader header =
-      m_Source.ntfs ? ReadNtfsHeader()
-                    : DecodeMiniHeader(Window(m_nRecord, kMiniHeaderSize).first<kMiniHeaderSize>());
+      m_Source.rules.IsNtfs()
+          ? ReadNtfsHeader()
+          : DecodeMiniHeader(Window(m_nRecord, kMiniHeaderSize).first<kMiniHeaderSize>());
   const uint64_t room = CheckRoom(m_nHeaderSize) - m_nHeaderSize;
-  if (!m_Source.ntfs && header.Type != kRecordDataBlock) {
+  if (!m_Source.rules.IsNtfs() && header.Type != kRecordDataBlock) {
     Fail("record is of type " + Count(header.Type) + ", a data block is " +
          Count(kRecordDataBlock) + "; " + Count(m_nChunkEnd) + " of " + Count(m_Source.size) +
          " bytes were read");
@@ -206,25 +204,7 @@ _MiniHeader RecordStream::ReadHeader() {
   if (header.Length > room) {
     Fail("payload is " + Count(header.Length) + " bytes, " + Count(room) + " remain");
   }
-  return header;
-}
-
-void RecordStream::CheckCoverage(const _MiniHeader& header, uint32_t length) const {
-  if (length == 0 || length > kMaxUncompressedLength) {
-    Fail("chunk is " + Count(length) + " bytes, 1 to " + Count(kMaxUncompressedLength) +
-         " are possible");
-  }
-  const uint64_t end = m_nChunkEnd + length;
-  const bool reachesEnd = end >= m_Source.size;
-  if (m_Source.ntfs) return;
-  if (reachesEnd != (header.Flag == 1)) {
-    Fail((reachesEnd ? "not marked as the last" : "marked as the last") +
-         std::string(" record, but ends at ") + Count(end) + " of " + Count(m_Source.size) +
-         " bytes");
-  }
-  if (reachesEnd && end - m_Source.size >= kChunkAlignment) {
-    Fail("last record ends at " + Count(end) + ", the file at " + Count(m_Source.size));
-  }
+  return DataRecordOf(header, m_Source.rules);
 }
 
 std::span<const unsigned char> RecordStream::Window(uint64_t offset, size_t count) {

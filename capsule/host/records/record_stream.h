@@ -71,16 +71,15 @@ class RecordStream {
   void StartAt(const Mark& mark);
   void StartAt(const RestartPoint& point);
   void KeepMark();
-  _MiniHeader ReadHeader();
+  DataRecord ReadHeader();
   _MiniHeader ReadNtfsHeader();
   _MiniHeader NtfsHeaderAt(uint64_t offset, uint32_t* type);
   void TakeResidentData();
   void CountGroup();
   void CountUpTo(uint64_t offset);
   void CompareCheck();
-  void DecodeRecord(const _MiniHeader& header, uint32_t length);
+  void DecodeRecord(const DataRecord& record);
   uint64_t CheckRoom(uint64_t needed) const;
-  void CheckCoverage(const _MiniHeader& header, uint32_t length) const;
   std::span<const unsigned char> Window(uint64_t offset, size_t count);
   void Fill(uint64_t offset);
   [[noreturn]] void Fail(const std::string& what) const;

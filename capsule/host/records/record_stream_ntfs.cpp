@@ -2,7 +2,6 @@
 // records behind it; further FILE records of the same file may come in between.
 #include <algorithm>
 
-#include "capsule/blocks/data_block_format.h"
 #include "capsule/host/file/reason.h"
 #include "capsule/host/records/record_stream.h"
 #include "capsule/partition/ntfs_format.h"
@@ -42,7 +41,7 @@ void RecordStream::TakeResidentData() {
   uint32_t type = 0;
   const _MiniHeader header = NtfsHeaderAt(m_nRecord, &type);
   CheckRoom(kNtfsHeaderSize + header.Length);
-  DecodeRecord(header, UncompressedLength(header, m_Source.imageIsCompressed));
+  DecodeRecord(DataRecordOf(header, m_Source.rules));
   if (m_Chunk.size() < kFileRecordSize) {
     Fail("FILE record of " + std::to_string(m_Chunk.size()) + " bytes");
   }

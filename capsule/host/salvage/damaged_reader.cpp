@@ -84,18 +84,19 @@ void DamagedReader::ReadPart(const RecordSource& part) {
 void DamagedReader::ReadRun(const RecordRun& run) {
   uint64_t at = run.begin;
   if (run.isRepaired) {
-    const uint32_t headerSize = m_Source.ntfs ? kNtfsHeaderSize : kMiniHeaderSize;
+    const uint32_t headerSize = m_Source.rules.HeaderSize();
     const auto payload = static_cast<uint32_t>(run.end - run.begin) - headerSize;
-    const DataRecord record{headerSize, payload, run.chunk, run.isCompressed, run.isLast};
+    const DataRecord record{headerSize, payload, run.chunk, run.isCompressed,
+                            run.isLast ? uint8_t{1} : uint8_t{0}};
     const auto bytes = m_Window.At(at, record.Size());
     if (bytes.size() < record.Size()) return;
     return ReadRecord(record, bytes.subspan(headerSize), run, m_nPart + run.offset);
   }
   for (uint64_t i = 0; i < run.records;) {
-    const auto header = m_Window.At(at, m_Source.ntfs ? kNtfsHeaderSize : kMiniHeaderSize);
-    const auto record = DecodeDataRecord(header, m_Source.imageIsCompressed, m_Source.ntfs);
+    const auto header = m_Window.At(at, m_Source.rules.HeaderSize());
+    const auto record = DecodeDataRecord(header, m_Source.rules);
     if (!record) {  // a FILE record between data records
-      if (!m_Source.ntfs || at >= run.end || header.size() < kNtfsHeaderSize) return;
+      if (!m_Source.rules.IsNtfs() || at >= run.end || header.size() < kNtfsHeaderSize) return;
       at += kNtfsHeaderSize + DecodeNtfsHeader(header.first<kNtfsHeaderSize>()).Length;
       continue;
     }

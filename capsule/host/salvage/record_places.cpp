@@ -14,7 +14,10 @@ namespace {
 class Places {
  public:
   Places(const RecordSource& source, std::vector<RecordRun>& runs)
-      : m_Runs(runs), m_nSize(source.size), m_bNtfs(source.ntfs), m_bGoesOn(source.goesOn) {}
+      : m_Runs(runs),
+        m_nSize(source.size),
+        m_bNtfs(source.rules.IsNtfs()),
+        m_bGoesOn(source.goesOn) {}
 
   void Place() {
     if (m_Runs.empty() || Fits()) {

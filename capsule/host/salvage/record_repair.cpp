@@ -20,7 +20,7 @@ class Repair {
       : m_Source(source),
         m_Runs(runs),
         m_Window(source.image, kWindowSize),
-        m_nHeaderSize(source.ntfs ? kNtfsHeaderSize : kMiniHeaderSize) {}
+        m_nHeaderSize(source.rules.HeaderSize()) {}
 
   void Run() {
     const uint32_t usual = UsualChunk(m_Runs);
@@ -48,7 +48,7 @@ class Repair {
     const auto bytes = m_Window.At(run.begin, static_cast<size_t>(run.end - run.begin));
     if (chunk == 0 || bytes.size() != run.end - run.begin) return false;
     const auto payload = bytes.subspan(m_nHeaderSize);
-    const bool isUnit = m_Source.imageIsCompressed && IsUnit(payload, chunk);
+    const bool isUnit = m_Source.rules.imageIsCompressed && IsUnit(payload, chunk);
     if (!isUnit && !IsStoredChunk(bytes, chunk, isLast)) return false;
     run = RecordRun{.begin = run.begin, .end = run.end, .chunk = chunk, .records = 1};
     run.isRepaired = true;
@@ -67,7 +67,7 @@ class Repair {
   // Its header must have no more than one wrong field, so that another damage would be needed to
   // make it pass for what it was not.
   bool IsStoredChunk(std::span<const unsigned char> bytes, uint32_t chunk, bool isLast) const {
-    if (m_Source.ntfs || bytes.size() != m_nHeaderSize + uint64_t{chunk}) return false;
+    if (m_Source.rules.IsNtfs() || bytes.size() != m_nHeaderSize + uint64_t{chunk}) return false;
     const _MiniHeader header = DecodeMiniHeader(bytes.first<kMiniHeaderSize>());
     const std::array<bool, 4> right = {
         header.Type == kRecordDataBlock, header.Flag == (isLast ? 1 : 0),

@@ -22,7 +22,7 @@ class Survey {
       : m_Source(source),
         m_Window(source.image, kWindowSize),
         m_nEnd(std::min(source.limit, source.image.Size())),
-        m_nHeaderSize(source.ntfs ? kNtfsHeaderSize : kMiniHeaderSize) {
+        m_nHeaderSize(source.rules.HeaderSize()) {
     const uint64_t room = m_nEnd - std::min(m_nEnd, source.begin);
     m_nWorkLeft = kMaxWorkFactor * room + kWindowSize;
   }
@@ -48,14 +48,14 @@ class Survey {
     if (at >= m_nEnd) return std::nullopt;
     const auto bytes =
         m_Window.At(at, static_cast<size_t>(std::min<uint64_t>(m_nEnd - at, m_nHeaderSize)));
-    const auto record = DecodeDataRecord(bytes, m_Source.imageIsCompressed, m_Source.ntfs);
+    const auto record = DecodeDataRecord(bytes, m_Source.rules);
     if (record && record->Size() > m_nEnd - at) return std::nullopt;
     return record;
   }
 
   // In NTFS sections further FILE records of the file lie between its data.
   uint64_t SkipFileRecords(uint64_t at) {
-    while (m_Source.ntfs && at < m_nEnd && m_nEnd - at >= kNtfsHeaderSize) {
+    while (m_Source.rules.IsNtfs() && at < m_nEnd && m_nEnd - at >= kNtfsHeaderSize) {
       const auto bytes = m_Window.At(at, kNtfsHeaderSize);
       if (bytes.size() < kNtfsHeaderSize) break;
       const auto header = DecodeNtfsHeader(bytes.first<kNtfsHeaderSize>());
@@ -71,8 +71,7 @@ class Survey {
     const uint64_t work = record.Size() + record.chunk;
     if (work > m_nWorkLeft) return false;
     m_nWorkLeft -= work;
-    return IsWholeDataRecord(m_Window.At(at, record.Size()), m_Source.imageIsCompressed,
-                             m_Source.ntfs);
+    return IsWholeDataRecord(m_Window.At(at, record.Size()), m_Source.rules);
   }
 
   // A stored record right behind one of the same size needs no more proof.
@@ -85,7 +84,7 @@ class Survey {
   bool IsWhole(uint64_t at, const DataRecord& record) {
     if (record.isCompressed) return Decodes(at, record);
     const uint64_t next = SkipFileRecords(at + record.Size());
-    return next >= m_nEnd || RecordAt(next).has_value() || record.isLast;
+    return next >= m_nEnd || RecordAt(next).has_value() || record.IsLast();
   }
 
   bool IsWholeAt(uint64_t at) {
@@ -102,7 +101,7 @@ class Survey {
     }
     RecordRun& run = m_Runs.back();
     run.end = at + record.Size();
-    run.isLast = record.isLast;
+    run.isLast = record.IsLast();
     ++run.records;
   }
 
@@ -127,7 +126,7 @@ class Survey {
       if (damage->chunk != 0 && damage->chunk != record->chunk) return false;
       damage->chunk = record->chunk;
       ++damage->records;
-      damage->isLast = record->isLast;
+      damage->isLast = record->IsLast();
       at = SkipFileRecords(at + record->Size());
       damage->end = at;
       if (at >= m_nEnd || IsWholeAt(at)) return true;
@@ -155,15 +154,16 @@ class Survey {
   }
 
   bool IsHeader(std::span<const unsigned char> bytes) const {
-    return DecodeDataRecord(bytes, m_Source.imageIsCompressed, m_Source.ntfs).has_value();
+    return DecodeDataRecord(bytes, m_Source.rules).has_value();
   }
 
   // 0 when there is no header.
   uint64_t EndByLength(uint64_t at) {
     const auto bytes = m_Window.At(at, m_nHeaderSize);
     if (bytes.size() < m_nHeaderSize) return 0;
-    const uint32_t length = m_Source.ntfs ? DecodeNtfsHeader(bytes.first<kNtfsHeaderSize>()).Length
-                                          : DecodeMiniHeader(bytes.first<kMiniHeaderSize>()).Length;
+    const uint32_t length = m_Source.rules.IsNtfs()
+                                ? DecodeNtfsHeader(bytes.first<kNtfsHeaderSize>()).Length
+                                : DecodeMiniHeader(bytes.first<kMiniHeaderSize>()).Length;
     return at + m_nHeaderSize + length;
   }
 

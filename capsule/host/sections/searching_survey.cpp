@@ -122,7 +122,7 @@ class SearchingSurvey {
                            FindRecordMark(m_Window, item.dataOffset, end) < end;
     if (!isSuspect) return;
     const uint64_t whole =
-        EndOfWholeRecords(m_Window, item.dataOffset, end, m_Scanner.Header().compressed);
+        EndOfWholeRecords(m_Window, item.dataOffset, end, Rules(RecordKind::Fat));
     if (whole < end) throw Error("", "data block at " + Hex(whole) + " is damaged", end);
   }
 
@@ -158,8 +158,8 @@ class SearchingSurvey {
       return true;
     }
     range.sections = {};
-    for (const bool ntfs : {false, true}) {
-      range.ntfs = ntfs;
+    for (const RecordKind kind : {RecordKind::Fat, RecordKind::Ntfs}) {
+      range.rules.kind = kind;
       const auto here =
           FindResumePoint(m_Window, first, Until(range, first + kPartitionHeaderSize));
       if (!here || here->offset != first || here->startsSection) continue;
@@ -167,7 +167,7 @@ class SearchingSurvey {
       PassHeader();
       return true;
     }
-    range.ntfs = false;
+    range.rules.kind = RecordKind::Fat;
     range.sections = m_Hints.sections;
     uint64_t at = start + 1;
     for (auto next = FindResumePoint(m_Window, at, range); next;
@@ -234,7 +234,7 @@ class SearchingSurvey {
     std::vector<unsigned char> mended(record.begin(), record.end());
     const auto encoded = EncodeMiniHeader(header);
     std::copy(encoded.begin(), encoded.end(), mended.begin());
-    return IsWholeDataRecord(mended, m_Scanner.Header().compressed);
+    return IsWholeDataRecord(mended, Rules(RecordKind::Fat));
   }
 
   // An item that is damaged, where an index says where it ends. `found`: as far as it could be
@@ -334,16 +334,17 @@ class SearchingSurvey {
     if (!hasData || last.dataOffset == 0 || last.dataOffset >= end) return least;
     if (last.dataOffset != m_nJudgedData) {  // else the end that was found stays
       m_nJudgedData = last.dataOffset;
-      m_nWholeEnd = EndOfWholeRecords(m_Window, last.dataOffset, end, m_Scanner.Header().compressed,
-                                      last.isNtfs);
+      m_nWholeEnd = EndOfWholeRecords(m_Window, last.dataOffset, end, Rules(last.Records()));
     }
     return m_nWholeEnd < end ? m_nWholeEnd + 1 : least;
   }
 
   ResyncRange Range() {
-    return {m_Hints.limit, m_Scanner.Header().compressed, m_Scanner.InNtfsSection(),
-            m_Hints.sections, &m_nWork};
+    const RecordKind kind = m_Scanner.InNtfsSection() ? RecordKind::Ntfs : RecordKind::Fat;
+    return {m_Hints.limit, Rules(kind), m_Hints.sections, &m_nWork};
   }
+
+  RecordRules Rules(RecordKind kind) const { return {kind, m_Scanner.Header().compressed}; }
 
   static ResyncRange Until(ResyncRange range, uint64_t limit) {
     range.limit = std::min(range.limit, limit);

@@ -65,7 +65,7 @@ class Resync {
     while (at < m_Range.limit) {
       if (StartsSection(at)) return ResumePoint{at, true, m_nDataBytes};
       if (StartsItem(at)) return ResumePoint{at, false, m_nDataBytes};
-      const uint64_t next = m_Range.ntfs ? at : StepOver(at);
+      const uint64_t next = m_Range.rules.IsNtfs() ? at : StepOver(at);
       at = next > at ? next : Search(at + 1);
     }
     return std::nullopt;
@@ -84,7 +84,7 @@ class Resync {
   }
 
   bool StartsItem(uint64_t at) {
-    if (m_Range.ntfs) return StartsNtfsEntry(at);
+    if (m_Range.rules.IsNtfs()) return StartsNtfsEntry(at);
     const View first = At(at, 1);
     if (first.empty()) return false;
     if (first[0] == kRecordDirectory) return IsDirectoryRecord(At(at, kDirRecordSize));
@@ -96,7 +96,7 @@ class Resync {
     if (bytes.size() < kMiniHeaderSize || bytes[0] != kRecordDataBlock) return false;
     const _MiniHeader header = DecodeMiniHeader(bytes.first<kMiniHeaderSize>());
     return Afford(uint64_t{header.Length} + std::min<uint64_t>(header.Param, kDecodedAtMost)) &&
-           IsWholeDataRecord(At(at, FileWindow::kSize), m_Range.compressed);
+           IsWholeDataRecord(At(at, FileWindow::kSize), m_Range.rules);
   }
 
   bool Afford(uint64_t bytes) {
@@ -141,19 +141,17 @@ class Resync {
   // Cheap, and true for everything that IsFound may be true for.
   bool IsCandidate(View at) const {
     if (at[0] == 0xAB) return at.size() > 1 && at[1] == 0xCD;
-    if (m_Range.ntfs) return MayStartNtfsEntry(at);
+    if (m_Range.rules.IsNtfs()) return MayStartNtfsEntry(at);
     if (at.size() < kMiniHeaderSize) return false;
     if (at[0] == kRecordDirectory) return at[6] == kDirEntrySize && at[7] == 0;
     if (at[0] == kRecordPartition) return at[7] == kPartitionPayload >> 8;
-    return at[0] == kRecordDataBlock && at[1] <= 1 &&
-           JudgeDataHeader(DecodeMiniHeader(at.first<kMiniHeaderSize>()), m_Range.compressed)
-               .empty();
+    return DecodeDataRecord(at, m_Range.rules).has_value();
   }
 
   // A data block among bytes counts when a record follows it.
   bool IsFound(uint64_t at) {
     if (StartsSection(at) || StartsItem(at)) return true;
-    if (m_Range.ntfs || !IsWholeData(at)) return false;
+    if (m_Range.rules.IsNtfs() || !IsWholeData(at)) return false;
     const View header = At(at, kMiniHeaderSize);
     return IsRecord(at + kMiniHeaderSize +
                     DecodeMiniHeader(header.first<kMiniHeaderSize>()).Length);
@@ -175,7 +173,7 @@ class Resync {
     UnitDecoder decoder;
     std::vector<unsigned char> record;
     const View payload = m_Window.At(at + kNtfsHeaderSize, header->Length);
-    return DecodeNtfsPayload(*header, payload, m_Range.compressed, decoder, &record) &&
+    return DecodeNtfsPayload(*header, payload, m_Range.rules.imageIsCompressed, decoder, &record) &&
            record.size() >= kFileRecordSize &&
            std::equal(record.begin(), record.begin() + 4, "FILE");
   }
@@ -207,18 +205,18 @@ std::optional<ResumePoint> FindResumePoint(FileWindow& window, uint64_t offset,
   return Resync(window, range).Find(offset);
 }
 
-uint64_t EndOfWholeRecords(FileWindow& window, uint64_t begin, uint64_t end, bool compressed,
-                           bool ntfs) {
+uint64_t EndOfWholeRecords(FileWindow& window, uint64_t begin, uint64_t end,
+                           const RecordRules& rules) {
   uint64_t at = begin;
   while (at < end) {
-    const auto other = ntfs ? NtfsRecordAt(window, at, end) : std::nullopt;
+    const auto other = rules.IsNtfs() ? NtfsRecordAt(window, at, end) : std::nullopt;
     if (other && IsNtfsFileRecord(other->RecordType) && !BeginsNtfsEntry(other->RecordType)) {
       at += kNtfsHeaderSize + uint64_t{other->Length};
       continue;
     }
     const View record = window.At(at, FileWindow::kSize);
-    if (!IsWholeDataRecord(record, compressed, ntfs)) return at;
-    at += DecodeDataRecord(record, compressed, ntfs)->Size();
+    if (!IsWholeDataRecord(record, rules)) return at;
+    at += DecodeDataRecord(record, rules)->Size();
   }
   return std::min(at, end);
 }

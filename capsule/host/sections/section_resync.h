@@ -5,6 +5,7 @@
 #include <optional>
 #include <span>
 
+#include "capsule/blocks/data_record.h"
 #include "capsule/host/file/file_window.h"
 
 namespace capsule::host {
@@ -18,8 +19,7 @@ struct ResumePoint {
 // What is looked for, and where.
 struct ResyncRange {
   uint64_t limit = 0;  // where sections end at the latest
-  bool compressed = false;
-  bool ntfs = false;
+  RecordRules rules = {};
   std::span<const uint32_t> sections = {};  // where sections begin, whatever is there; ascending
   uint64_t* work = nullptr;  // bytes that may still be decoded to tell records; what goes beyond
                              // is taken for none
@@ -38,9 +38,9 @@ std::optional<ResumePoint> FindResumePoint(FileWindow& window, uint64_t offset,
 // trailer; `end` when there are none.
 uint64_t FindRecordMark(FileWindow& window, uint64_t begin, uint64_t end);
 
-// Where the whole data block records from `begin` on end, at `end` at the latest. `ntfs`: those of
-// an entry of NTFS records, with the further FILE records between them.
-uint64_t EndOfWholeRecords(FileWindow& window, uint64_t begin, uint64_t end, bool compressed,
-                           bool ntfs = false);
+// Where the whole data records from `begin` on end, at `end` at the latest; of an entry of NTFS
+// records, with the further FILE records between them.
+uint64_t EndOfWholeRecords(FileWindow& window, uint64_t begin, uint64_t end,
+                           const RecordRules& rules);
 
 }  // namespace capsule::host

@@ -45,16 +45,11 @@ void SectionScanner::ReadHeader() {
                 "not an image: " + Numbers(bytes.size(), " bytes, a header has ", kHeaderSize, ""));
   }
   m_RawHeader.assign(bytes.begin(), bytes.end());
-  std::vector<unsigned char> plain = m_RawHeader;
-  const std::span<unsigned char, kHeaderSize> restored(plain.data(), kHeaderSize);
-  std::string problem;
-  std::optional<DecodedHeader> header;
-  if (RestoreScrambledRegion(restored, &problem)) header = DecodeHeader(restored, &problem);
-  if (!header) throw Error(KindOfBadHeader(m_RawHeader), m_strName, "header: " + problem, 0);
-  m_Header = std::move(*header);
-  for (const _Partition& record : m_Header.partitions) {
-    if (IsInUse(record)) m_SystemIds.push_back(record.SystemId);
-  }
+  StoredHeader header(bytes);
+  if (!header.decoded)
+    throw Error(KindOfBadHeader(header), m_strName, "header: " + header.problem, 0);
+  m_Header = std::move(*header.decoded);
+  m_SystemIds = SectionsOf(m_Header);
   m_nSectionCount = static_cast<uint32_t>(m_SystemIds.size());
 }
 
@@ -192,7 +187,7 @@ void SectionScanner::ScanData(SectionItem* item) {
            "type is " + std::to_string(record.header.Type) + " before the last data block of '" +
                item->path + "'");
     }
-    last = record.header.Flag == 1;
+    last = DataRecordOf(record.header, {}).IsLast();
   }
 }
 

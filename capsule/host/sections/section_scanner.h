@@ -21,7 +21,8 @@
 #include <string>
 #include <vector>
 
-#include "capsule/container/header_format.h"
+#include "capsule/blocks/data_record.h"
+#include "capsule/container/stored_header.h"
 #include "capsule/host/file/file_window.h"
 #include "capsule/host/records/ntfs_entry.h"
 #include "capsule/host/sections/ntfs_folders.h"
@@ -68,6 +69,7 @@ struct SectionItem {
     return kind == Kind::File || kind == Kind::Directory ||
            (kind == Kind::DotEntry && !name.empty());
   }
+  RecordKind Records() const { return isNtfs ? RecordKind::Ntfs : RecordKind::Fat; }
 };
 
 // Longer paths are not spelled out, so that nested folders cannot make work grow with the square

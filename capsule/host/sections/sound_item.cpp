@@ -20,11 +20,11 @@ bool SoundItem::Is(const SectionItem& item) const {
   if (item.isNtfs && item.dataOffset == item.offset + item.length) return true;  // not stored
   RecordSource source;
   source.image = m_image;
-  source.imageIsCompressed = m_bCompressed;
+  source.rules.imageIsCompressed = m_bCompressed;
   source.begin = item.dataOffset;
   source.limit = item.offset + item.length;
   source.size = item.entry.FileSize;
-  source.ntfs = item.isNtfs;
+  source.rules.kind = item.Records();
   source.fileRecord = item.offset;
   return ProblemOf(source).empty();
 }

@@ -1,7 +1,5 @@
 #include "capsule/host/sections/uncounted_section.h"
 
-#include <algorithm>
-
 #include "capsule/host/error.h"
 #include "capsule/host/sections/section_resync.h"
 
@@ -14,10 +12,7 @@ bool IsHeaderUnsure(const SectionScanner& scanner) {
   const size_t count = scanner.SectionCount();
   if (count == 0 || scanner.Header().partitions.size() != count) return true;
   if (scanner.Header().layout != HeaderLayout::Fixed || scanner.IsScrambled()) return true;
-  const auto rest = scanner.RawHeader()
-                        .subspan(kPartitionRecordsOffset, kPartitionRecordSize * kMaxPartitions)
-                        .subspan(kPartitionRecordSize * count);
-  return std::any_of(rest.begin(), rest.end(), [](unsigned char b) { return b != 0; });
+  return !JudgeSpareRecords(scanner.RawHeader(), scanner.Header()).empty();
 }
 
 }  // namespace

@@ -92,12 +92,7 @@ void CheckSections(const ImageFile& image, const IndexContents& index, const Cat
                    uint64_t limit) {
   SurveyVisitor visitor;
   TreeCollector collector;
-<<<<<<< HEAD
-  FileWindow window(image);
-  visitor.onItem = [&](const SurveyItem& found) { AddNamed(window, found, &collector); };
-=======
   visitor.onItem = [&](const SurveyItem& found) { collector.Add(found); };
->>>>>>> help-rules
   visitor.onFileDamage = [](uint64_t, const std::string&) {};  // told when the file is read
   visitor.onStray = [](uint64_t) {};  // readers leave such entries out, and say so
   visitor.onDamage = [&](uint64_t offset, const std::string& reason) {

@@ -12,6 +12,8 @@ namespace {
 
 using test::Bytes;
 
+constexpr RecordRules kRules{RecordKind::Fat, true};
+
 Bytes Record(uint8_t flag, uint32_t param, const Bytes& payload) {
   const auto header =
       EncodeMiniHeader({kRecordDataBlock, flag, param, static_cast<uint16_t>(payload.size())});
@@ -36,14 +38,14 @@ TEST(RecordJudge, TellsWholeRecordsFromOtherBytesWhateverTheirHistory) {
   Bytes followed = second;
   followed.insert(followed.end(), 100, 'x');
   for (const Bytes& whole : {second, padded, stored, followed}) {
-    EXPECT_TRUE(IsWholeDataRecord(whole, true)) << whole.size();
+    EXPECT_TRUE(IsWholeDataRecord(whole, kRules)) << whole.size();
   }
-  EXPECT_TRUE(IsWholeDataRecord(stored, false));
-  EXPECT_FALSE(IsWholeDataRecord(std::span(second).first(second.size() - 1), true));
-  EXPECT_FALSE(IsWholeDataRecord(std::span(stored).first(519), true));
-  EXPECT_FALSE(IsWholeDataRecord(std::span(second).first(7), true));
+  EXPECT_TRUE(IsWholeDataRecord(stored, {}));
+  EXPECT_FALSE(IsWholeDataRecord(std::span(second).first(second.size() - 1), kRules));
+  EXPECT_FALSE(IsWholeDataRecord(std::span(stored).first(519), kRules));
+  EXPECT_FALSE(IsWholeDataRecord(std::span(second).first(7), kRules));
   for (size_t at = 1; at < followed.size(); ++at) {
-    EXPECT_FALSE(IsWholeDataRecord(std::span(followed).subspan(at), true)) << at;
+    EXPECT_FALSE(IsWholeDataRecord(std::span(followed).subspan(at), kRules)) << at;
   }
   ASSERT_NE((second.size() - kMiniHeaderSize) % 512, 0);  // else it could pass for a stored one
   // No byte of its header can be another, but for the flag: type, flag, param, length.
@@ -51,7 +53,7 @@ TEST(RecordJudge, TellsWholeRecordsFromOtherBytesWhateverTheirHistory) {
     for (unsigned change = 1; change < 256; ++change) {
       Bytes damaged = followed;
       damaged[at] ^= static_cast<unsigned char>(change);
-      EXPECT_EQ(IsWholeDataRecord(damaged, true), at == 1 && change == 1) << at << ' ' << change;
+      EXPECT_EQ(IsWholeDataRecord(damaged, kRules), at == 1 && change == 1) << at << ' ' << change;
     }
   }
 }

@@ -3,7 +3,7 @@
 
 #include <algorithm>
 
-#include "capsule/host/file/scoped_descriptor.h"
+#include "capsule/host/file/file_window.h"
 #include "capsule/host/sections/section_resync.h"
 #include "capsule/host/sections/survey_outline.h"
 #include "capsule/host/sections/survey_repair.h"
@@ -183,8 +183,7 @@ TEST(SurveyRules, ASearchStopsAtRecordsAndStepsOverData) {
   for (size_t i = 0; i < std::size(cases); ++i) {
     const std::string path = folder / std::to_string(i);
     test::WriteFile(path, cases[i].bytes);
-    const ScopedDescriptor file(platform::OpenForReading(path.c_str()));
-    FileWindow window(file.Get(), path);
+    FileWindow window(ImageFile(FileSource(path), path));
     uint64_t work = 1 << 20;
     const auto found =
         FindResumePoint(window, 0, {cases[i].bytes.size(), false, false, cases[i].known, &work});
