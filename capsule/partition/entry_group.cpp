@@ -76,6 +76,7 @@ std::optional<EntryGroup::PieceFault> EntryGroup::FaultOf(size_t piece) const {
 std::string_view EntryGroup::FaultOfFilling() const {
   const auto bytes = Units();
   bool hasEnded = false;
+  if (bytes.size() == kPieceNameBytes && platform::LoadLe16(bytes.data()) == 0) return "empty";
   for (size_t at = 0; at < bytes.size(); at += 2) {
     const uint16_t unit = platform::LoadLe16(&bytes[at]);
     if (at == kPieceNameBytes) hasEnded = false;

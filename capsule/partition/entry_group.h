@@ -91,8 +91,8 @@ class EntryGroup {
   // Of piece `piece` in the order of the records.
   std::optional<PieceFault> FaultOf(size_t piece) const;
 
-  // What is wrong with how the pieces are filled up, or nothing: only 0xFFFF follows the zero that
-  // ends a name, and only the last piece of the name ends it.
+  // What is wrong with how the pieces are filled up, or nothing: a name has characters, only 0xFFFF
+  // follows the zero that ends it, and only its last piece ends it.
   std::string_view FaultOfFilling() const;
 
  private:

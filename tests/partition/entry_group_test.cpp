@@ -89,7 +89,7 @@ TEST(EntryGroup, TellsWhatItsRecordsAre) {
       {{Piece(0x42, "n$~~~~~~~~~~~", kFile), Piece(1, full, kFile), kFile},
        "entry file abcdefghijklmn"},
       {{Piece(0x41, full, kFile), kFile}, "entry file abcdefghijklm"},
-      {{Piece(0x41, "$~~~~~~~~~~~~", kFile), kFile}, "entry file AB~1.TXT"},
+      {{Piece(0x41, "$~~~~~~~~~~~~", kFile), kFile}, "entry file AB~1.TXT, empty"},
       {{kLast, zeroPiece, kFile},
        "entry file a name, piece 0 ordinal 65 needs 66, piece 1 ordinal 0 needs 1, name ends "
        "before "

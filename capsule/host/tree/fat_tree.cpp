@@ -127,10 +127,8 @@ class FatTreeReader {
   // What is wrong with the long name, which otherwise becomes `name`.
   std::string TakeLongName(const EntryGroup& group, std::string* name) {
     std::string problem = JudgeLongName(group);
-    std::string longName = group.LongName();
-    if (problem.empty() && longName.empty()) problem = "empty";
     if (problem.empty()) {
-      *name = std::move(longName);
+      *name = group.LongName();
       return {};
     }
     return "long name at " + Hex(m_index.items[m_next - 1]) + ": " + problem;

@@ -283,6 +283,28 @@ TEST(NamedDots, OpenNoLevelWhoeverReadsThem) {
   }
 }
 
+// The short name stands for a long one of no characters, and everyone says so.
+TEST(EmptyLongName, IsToldByAll) {
+  test::SmallImage image;
+  image.BeginSection();
+  image.LongName("", "F          ");
+  image.SmallFile("F          ", 10);
+  image.EndSection();
+  const test::TempDir folder;
+  const std::string path = folder / "x.cap";
+  test::WriteFile(path, image.Bytes());
+  EXPECT_EQ(IndexWriter(path).Write(DamagedSections::IndexWhatIsLeft).problems.size(), 1U);
+  const std::string indexed = test::ReadFile(path);
+  for (const std::string& bytes : {indexed, image.Bytes()}) {
+    test::WriteFile(path, bytes);
+    const Image salvaged(path, Opening::Salvage);
+    EXPECT_TRUE(salvaged.Find("F"));
+    ASSERT_FALSE(salvaged.Problems().empty());
+    EXPECT_NE(salvaged.Problems()[0].reason.find("empty"), std::string::npos);
+    EXPECT_EQ(MapImage(path, [](const MapItem&) {}).problems, 1U);
+  }
+}
+
 // What is damaged among them leaves everything else where it was, or is told; so is a folder that
 // was made up for them.
 TEST(BareDots, AreToldFromThoseOfALostFolder) {
