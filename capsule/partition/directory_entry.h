@@ -15,15 +15,14 @@
 
 #include <array>
 #include <cstdint>
+#include <memory>
 #include <span>
 #include <string>
-#include <unordered_set>
 #include <vector>
 
 #include "capsule/blocks/buffer.h"
 #include "capsule/export.h"
 #include "capsule/partition/directory_records.h"
-#include "capsule/partition/ntfs_format.h"
 #include "capsule/partition/ntfs_records.h"
 #include "capsule/platform/cstring.h"
 #include "capsule/platform/host_view.h"
@@ -31,6 +30,8 @@
 namespace capsule {
 
 class CapsuleFileBlock;
+class NtfsFile;
+struct NtfsFileName;
 
 class CAPSULE_API CapsuleDirectoryEntry {
  public:
@@ -129,13 +130,13 @@ class CAPSULE_API CapsuleDirectoryEntry {
   void AddIndexBlocks(std::span<unsigned char> blocks);
 
   // Whether the FILE record refers to further ones for some of its attributes.
-  bool HasAttributeList() const { return m_bAttributeList; }
+  bool HasAttributeList() const;
 
   // The name that tells most among those of the FILE record; empty without one.
-  const std::u16string& NtfsFullName() const { return m_FullName; }
+  const std::u16string& NtfsFullName() const;
 
   // Whether the short text is a name of the file, not just made from a longer one.
-  bool HasNtfsShortName() const { return m_bNtfsShortName; }
+  bool HasNtfsShortName() const;
 
   // --- Names and queries (directory_entry.cpp) ---
 
@@ -213,8 +214,8 @@ class CAPSULE_API CapsuleDirectoryEntry {
   int ReadGroup(DirectoryType t, int fd, int offset, int* count);
   int ReadNtfsHeader(int fd, int offset);
   void ForgetNtfsEntry();
-  void _PutName(const NtfsFileName& name, int index);
-  void _PutFileRecord(std::span<unsigned char, 1024> record, int* nameCount);
+  NtfsFile& OwnNtfsFile();
+  void KeepName(const NtfsFileName& name, int index);
 
   // What WriteDirectoryEntry stores: long-name records, each with the header of the record behind
   // it, and the short entry.
@@ -245,16 +246,9 @@ class CAPSULE_API CapsuleDirectoryEntry {
   platform::FindData m_FindData;
   int32_t m_nLastDirectoryEntry = 0;
   CapsuleFileBlock* m_pParentFileBlock = nullptr;
-  std::vector<uint32_t> m_FileReferences;
-  int32_t m_nNumEntries = 0;
   int32_t m_nCurEntry = 0;
-  std::unordered_set<uint32_t> m_KnownReferences;  // the same as m_FileReferences
-  NtfsIndexUse m_IndexUse;
-  bool m_bAttributeList = false;
-  bool m_bNtfsShortName = false;
-  std::u16string m_FullName;
-  int m_nFullNameRank = 0;
-  int64_t m_nReadOffset = 0;  // where the next record of the group being read begins
+  std::unique_ptr<NtfsFile> m_pNtfsFile;  // none before there is something in it
+  int64_t m_nReadOffset = 0;              // where the next record of the group being read begins
 };
 
 }  // namespace capsule

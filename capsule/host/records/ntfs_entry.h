@@ -43,8 +43,8 @@ std::optional<_NTFSMiniHeader> NtfsRecordAt(FileWindow& window, uint64_t offset,
 uint64_t EndOfOtherNtfsRecords(FileWindow& window, uint64_t offset, uint64_t limit, bool compressed,
                                const UnitDecoder& decoder);
 
-// The fields that records of both kinds of sections have.
-_MiniHeader ToMiniHeader(const _NTFSMiniHeader& header);
+// Behind the further FILE records of an entry that begin at `offset`, if there are any.
+uint64_t SkipNtfsCompanions(FileWindow& window, uint64_t offset, uint64_t limit);
 
 // Decodes the payload of a record into `out`; false when it does not hold what its header states.
 bool DecodeNtfsPayload(const _NTFSMiniHeader& header, std::span<const unsigned char> payload,

@@ -217,11 +217,8 @@ uint64_t EndOfWholeRecords(FileWindow& window, uint64_t begin, uint64_t end, boo
                            bool ntfs) {
   uint64_t at = begin;
   while (at < end) {
-    const auto other = ntfs ? NtfsRecordAt(window, at, end) : std::nullopt;
-    if (other && IsNtfsFileRecord(other->RecordType) && !BeginsNtfsEntry(other->RecordType)) {
-      at += kNtfsHeaderSize + uint64_t{other->Length};
-      continue;
-    }
+    if (ntfs) at = SkipNtfsCompanions(window, at, end);
+    if (at >= end) break;
     const View record = window.At(at, FileWindow::kSize);
     if (!IsWholeDataRecord(record, compressed, ntfs)) return at;
     at += DecodeDataRecord(record, compressed, ntfs)->Size();
