@@ -13,7 +13,7 @@
 #include "capsule/host/records/record_stream.h"
 #include "capsule/host/salvage/damaged_reader.h"
 #include "capsule/host/sections/uncounted_section.h"
-#include "capsule/host/tree/image_open.h"
+#include "capsule/host/tree/indexed_tree.h"
 #include "capsule/host/tree/salvage_tree.h"
 #include "capsule/partition/record_format.h"
 #include "capsule/platform/file.h"
@@ -211,7 +211,7 @@ Image::Image(const std::filesystem::path& path, Opening opening)
     CheckIndexOffset(header, impl.path, length);
     index = CheckIndex(impl.file.Get(), impl.path, header.indexOffset, length,
                        opening == Opening::Salvage);
-    impl.catalog = ReadCatalog(impl.file.Get(), impl.path, header, index, &impl.problems);
+    impl.catalog = ReadIndexedTree(impl.file.Get(), impl.path, header, index, &impl.problems);
     if (opening == Opening::Salvage) RefuseLeftOut(impl.problems, impl.path);
     if (!index.isChecked || HasNtfsPartition(header)) {
       CheckSections(impl.file.Get(), impl.path, index, *impl.catalog, header.indexOffset);

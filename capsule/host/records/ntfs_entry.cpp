@@ -58,38 +58,50 @@ std::optional<_NTFSMiniHeader> OtherNtfsRecordAt(FileWindow& window, uint64_t of
 
 class NtfsEntryReader {
  public:
-  NtfsEntryReader(FileWindow& window, uint64_t limit, bool compressed, const std::string& image)
-      : m_Window(window), m_nLimit(limit), m_bCompressed(compressed), m_strImage(image) {}
+  NtfsEntryReader(FileWindow& window, uint64_t limit, bool compressed, bool frontOnly)
+      : m_Window(window), m_nLimit(limit), m_bCompressed(compressed), m_frontOnly(frontOnly) {}
 
+  // One that ends where it begins when its first record is damaged.
   NtfsEntry Read(uint64_t offset) {
-    uint64_t at = offset;
+    m_Found.end = offset;
+    const auto first = NtfsRecordAt(m_Window, offset, m_nLimit);
+    m_Found.isDirectory = first && first->RecordType == kNtfsDirectoryRecord;
+    const std::string problem = first ? TakeRecord(*first, offset) : "no record of an NTFS section";
+    NoteProblem(problem, offset);
+    if (problem.empty()) {
+      m_Found.dataOffset = offset + NtfsRecordSize(*first);
+      m_Found.end = TakeRecordsBehind(m_Found.dataOffset);
+    }
+    Finish();
+    return std::move(m_Found);
+  }
+
+ private:
+  // Where they end.
+  uint64_t TakeRecordsBehind(uint64_t at) {
     while (at < m_nLimit) {
       const auto header = NtfsRecordAt(m_Window, at, m_nLimit);
-      const bool isFirst = at == offset;
-      if (isFirst && !header) Fail(at, "no record of an NTFS section");
-      if (!isFirst && !header) {
+      const bool isCompanion = header && IsNtfsCompanion(header->RecordType);
+      if (m_frontOnly && !m_Found.isDirectory && !(isCompanion && m_File.HasAttributeList())) break;
+      if (!header) {
         const uint64_t next =
             EndOfOtherNtfsRecords(m_Window, at, m_nLimit, m_bCompressed, m_Decoder);
         if (next == at) break;
         at = next;
         continue;
       }
-      if (!isFirst && BeginsNtfsEntry(header->RecordType)) break;
-      if (isFirst) m_Found.isDirectory = header->RecordType == kNtfsDirectoryRecord;
-      const std::string problem = TakeRecord(*header, at);
-      if (isFirst && !problem.empty()) Fail(at, problem);
-      if (m_Found.problem.empty() && !problem.empty()) {
-        m_Found.problem = "record at " + Hex(at) + ": " + problem;
-      }
+      if (BeginsNtfsEntry(header->RecordType)) break;
+      NoteProblem(TakeRecord(*header, at), at);
       at += NtfsRecordSize(*header);
-      if (isFirst) m_Found.dataOffset = at;
     }
-    m_Found.end = at;
-    Finish();
-    return std::move(m_Found);
+    return at;
   }
 
- private:
+  void NoteProblem(const std::string& problem, uint64_t at) {
+    if (!m_Found.problem.empty() || problem.empty()) return;
+    m_Found.problem = "record at " + Hex(at) + ": " + problem;
+  }
+
   // What is wrong with the record, or nothing.
   std::string TakeRecord(const _NTFSMiniHeader& header, uint64_t at) {
     const bool isData = IsNtfsData(header.RecordType);
@@ -123,14 +135,10 @@ class NtfsEntryReader {
     m_Found.children = m_File.ChildCount();
   }
 
-  [[noreturn]] void Fail(uint64_t at, const std::string& what) const {
-    throw Error(m_strImage, "record at " + Hex(at) + ": " + what, at);
-  }
-
   FileWindow& m_Window;
   uint64_t m_nLimit;
   bool m_bCompressed;
-  const std::string& m_strImage;
+  bool m_frontOnly;
   UnitDecoder m_Decoder;
   NtfsFile m_File;
   NtfsEntry m_Found;
@@ -140,7 +148,13 @@ class NtfsEntryReader {
 
 NtfsEntry ReadNtfsEntry(FileWindow& window, uint64_t offset, uint64_t limit, bool compressed,
                         const std::string& image) {
-  return NtfsEntryReader(window, limit, compressed, image).Read(offset);
+  NtfsEntry entry = NtfsEntryReader(window, limit, compressed, false).Read(offset);
+  if (entry.end == offset) throw Error(image, entry.problem, offset);
+  return entry;
+}
+
+NtfsEntry ReadNtfsEntryFront(FileWindow& window, uint64_t offset, uint64_t limit, bool compressed) {
+  return NtfsEntryReader(window, limit, compressed, true).Read(offset);
 }
 
 std::optional<_NTFSMiniHeader> NtfsRecordAt(FileWindow& window, uint64_t offset, uint64_t limit) {
