@@ -30,11 +30,7 @@ int CapsuleFileDataBlock::ReadNtfsRecord(int fd, int offset, int* pOffset) {
 }
 
 void CapsuleFileDataBlock::NTFSMINIHEADERtoMINIHEADER(const _NTFSMiniHeader* header) {
-  if (header == nullptr) return;
-  m_MiniHeader.Type = static_cast<uint8_t>(header->RecordType);
-  m_MiniHeader.Flag = header->LastFlag;
-  m_MiniHeader.Param = header->UncompressedLength;
-  m_MiniHeader.Length = header->Length;
+  if (header != nullptr) m_MiniHeader = ToMiniHeader(*header);
 }
 
 void CapsuleFileDataBlock::ReadDirectoryBlock(CapsuleDirectoryEntry* entry) {

@@ -15,7 +15,7 @@
 #include "capsule/blocks/file_extraction.h"
 #include "capsule/container/capsule_file.h"
 #include "capsule/container/reader_lock.h"
-#include "capsule/partition/ntfs_format.h"
+#include "capsule/partition/ntfs_file.h"
 #include "capsule/partition/partition.h"
 #include "capsule/partition/record_format.h"
 #include "capsule/platform/file.h"
@@ -38,11 +38,8 @@ bool ReadNtfsHeader(int fd, int offset, _NTFSMiniHeader* header) {
 }
 
 bool Skip(int* offset, const _NTFSMiniHeader& header) {
-  return Advance(offset, int64_t{kNtfsHeaderSize} + header.Length);
+  return Advance(offset, NtfsRecordSize(header));
 }
-
-// Companions of a file's FILE record; types 102 and 104 begin the next entry.
-bool IsCompanion(uint32_t type) { return IsNtfsFileRecord(type) && !BeginsNtfsEntry(type); }
 
 }  // namespace
 
@@ -87,7 +84,7 @@ int CapsuleFileBlock::TakeCompanions(int fd, int offset, CapsuleFile& file, char
   m_bDataBlocksPending = true;
   if (!m_DirectoryEntry.HasAttributeList()) return 0;
   _NTFSMiniHeader header;
-  while (ReadNtfsHeader(fd, offset, &header) && IsCompanion(header.RecordType)) {
+  while (ReadNtfsHeader(fd, offset, &header) && IsNtfsCompanion(header.RecordType)) {
     if (TakeNtfsRecord(fd, &offset, file, history) != 0) return -1;
   }
   return 0;
@@ -140,7 +137,7 @@ bool CapsuleFileBlock::LocateNtfsData(CapsuleFile* file, int start) {
 // The next data record from `*offset` on; FILE records in between are companions of the file's own.
 bool CapsuleFileBlock::ReadNtfsData(int fd, CapsuleFileDataBlock* block, int* offset) {
   _NTFSMiniHeader header;
-  while (ReadNtfsHeader(fd, *offset, &header) && IsCompanion(header.RecordType)) {
+  while (ReadNtfsHeader(fd, *offset, &header) && IsNtfsCompanion(header.RecordType)) {
     if (!Skip(offset, header)) return false;
   }
   return IsNtfsData(header.RecordType) && block->Read(fd, *offset, offset) == 0;
@@ -169,16 +166,9 @@ bool CapsuleFileBlock::LocateResidentData(CapsuleFile* file) {
   if (record.DecompressOrThrow(file, area) != 0) return true;
   const std::span<unsigned char> bytes = record.Uncompressed();
   if (bytes.size() < kFileRecordSize) return true;
-  const auto fileRecord = bytes.first<kFileRecordSize>();
-  UndoFileRecordFixups(fileRecord);
-  bool resident = false;
-  VisitAttributes(fileRecord, [&](const NtfsAttribute& attribute) {
-    if (attribute.type != kDataType || attribute.nameLength != 0) return true;
-    resident = !attribute.nonResident;
-    if (resident) KeepResidentData(attribute.ResidentValue());
-    return false;
-  });
-  return resident;
+  const auto data = ResidentData(bytes.first<kFileRecordSize>());
+  if (data) KeepResidentData(*data);
+  return data.has_value();
 }
 
 void CapsuleFileBlock::KeepResidentData(std::span<const unsigned char> value) {

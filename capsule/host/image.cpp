@@ -11,7 +11,7 @@
 #include "capsule/host/records/record_stream.h"
 #include "capsule/host/salvage/damaged_reader.h"
 #include "capsule/host/sections/uncounted_section.h"
-#include "capsule/host/tree/image_open.h"
+#include "capsule/host/tree/indexed_tree.h"
 #include "capsule/host/tree/salvage_tree.h"
 #include "capsule/partition/record_format.h"
 
@@ -190,7 +190,7 @@ Image::Image(std::shared_ptr<const ByteSource> source, std::string name, Opening
   try {
     CheckIndexOffset(header, file);
     index = CheckIndex(file, header.indexOffset, opening == Opening::Salvage);
-    impl.catalog = ReadCatalog(file, header, index, &impl.problems);
+    impl.catalog = ReadIndexedTree(file, header, index, &impl.problems);
     if (opening == Opening::Salvage) RefuseLeftOut(impl.problems, file.Name());
     if (!index.isChecked || HasNtfsPartition(header)) {
       CheckSections(file, index, *impl.catalog, header.indexOffset);

@@ -2,7 +2,7 @@
 
 #include <cstdio>
 
-#include "capsule/partition/ntfs_format.h"
+#include "capsule/partition/ntfs_file.h"
 #include "capsule/partition/record_format.h"
 #include "capsule/platform/host_view.h"
 
@@ -78,8 +78,6 @@ CapsuleFileBlock* CapsuleDirectoryEntry::GetParentFileBlockPtr() const {
 }
 
 void CapsuleDirectoryEntry::SetLastDirectoryEntry(int value) { m_nLastDirectoryEntry = value; }
-
-int CapsuleDirectoryEntry::GetNumEntries() const { return m_nNumEntries; }
 
 int CapsuleDirectoryEntry::GetCurEntry() const { return m_nCurEntry; }
 

@@ -18,7 +18,6 @@
 #include <memory>
 #include <span>
 #include <string>
-#include <unordered_set>
 #include <vector>
 
 #include "capsule/blocks/buffer.h"
@@ -30,7 +29,7 @@
 namespace capsule {
 
 class CapsuleFileBlock;
-class NtfsIndexUse;
+class NtfsFile;
 struct NtfsFileName;
 namespace platform {
 struct FindData;
@@ -133,13 +132,13 @@ class CAPSULE_API CapsuleDirectoryEntry {
   void AddIndexBlocks(std::span<unsigned char> blocks);
 
   // Whether the FILE record refers to further ones for some of its attributes.
-  bool HasAttributeList() const { return m_bAttributeList; }
+  bool HasAttributeList() const;
 
   // The name that tells most among those of the FILE record; empty without one.
-  const std::u16string& NtfsFullName() const { return m_FullName; }
+  const std::u16string& NtfsFullName() const;
 
   // Whether the short text is a name of the file, not just made from a longer one.
-  bool HasNtfsShortName() const { return m_bNtfsShortName; }
+  bool HasNtfsShortName() const;
 
   // --- Names and queries (directory_entry.cpp) ---
 
@@ -217,8 +216,8 @@ class CAPSULE_API CapsuleDirectoryEntry {
   int ReadGroup(DirectoryType t, int fd, int offset, int* count);
   int ReadNtfsHeader(int fd, int offset);
   void ForgetNtfsEntry();
-  void PutName(const NtfsFileName& name, int index);
-  void PutFileRecord(std::span<unsigned char, 1024> record, int* nameCount);
+  NtfsFile& OwnNtfsFile();
+  void KeepName(const NtfsFileName& name, int index);
 
   // What WriteDirectoryEntry stores: long-name records, each with the header of the record behind
   // it, and the short entry.
@@ -249,16 +248,9 @@ class CAPSULE_API CapsuleDirectoryEntry {
   std::unique_ptr<platform::FindData> m_pFindData;  // null until the finder told something
   int32_t m_nLastDirectoryEntry = 0;
   CapsuleFileBlock* m_pParentFileBlock = nullptr;
-  std::vector<uint32_t> m_FileReferences;
-  int32_t m_nNumEntries = 0;
   int32_t m_nCurEntry = 0;
-  std::unordered_set<uint32_t> m_KnownReferences;  // the same as m_FileReferences
-  std::unique_ptr<NtfsIndexUse> m_pIndexUse;       // null until FILE records were filled in
-  bool m_bAttributeList = false;
-  bool m_bNtfsShortName = false;
-  std::u16string m_FullName;
-  int m_nFullNameRank = 0;
-  int64_t m_nReadOffset = 0;  // where the next record of the group being read begins
+  std::unique_ptr<NtfsFile> m_pNtfsFile;  // none before there is something in it
+  int64_t m_nReadOffset = 0;              // where the next record of the group being read begins
 };
 
 }  // namespace capsule

@@ -88,6 +88,11 @@ _NTFSMiniHeader DecodeNtfsHeader(std::span<const unsigned char, kNtfsHeaderSize>
   return header;
 }
 
+_MiniHeader ToMiniHeader(const _NTFSMiniHeader& header) {
+  return {static_cast<uint8_t>(header.RecordType), header.LastFlag, header.UncompressedLength,
+          header.Length};
+}
+
 std::span<const unsigned char> NtfsAttribute::NamedOffsetValue() const {
   const size_t nameOffset = LoadLe16(&bytes[10]);
   if (nameOffset >= kResidentHeader && nameOffset <= bytes.size()) return bytes.subspan(nameOffset);

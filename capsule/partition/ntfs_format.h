@@ -12,6 +12,7 @@
 #include <string>
 #include <vector>
 
+#include "capsule/partition/directory_records.h"
 #include "capsule/partition/ntfs_records.h"
 
 namespace capsule {
@@ -28,12 +29,24 @@ inline constexpr uint32_t kNtfsChunkSize = 16384;
 
 _NTFSMiniHeader DecodeNtfsHeader(std::span<const unsigned char, kNtfsHeaderSize> bytes);
 
+// The fields that records of both kinds of sections have.
+_MiniHeader ToMiniHeader(const _NTFSMiniHeader& header);
+
+// Bytes from one record to the next.
+inline uint32_t NtfsRecordSize(const _NTFSMiniHeader& header) {
+  return kNtfsHeaderSize + header.Length;
+}
+
 // Types that begin the next entry of a section.
 inline bool BeginsNtfsEntry(uint32_t type) {
   return type == kNtfsDirectoryRecord || type == kNtfsFileRecord || type == kNtfsEnd;
 }
 inline bool IsNtfsFileRecord(uint32_t type) {
   return type >= kNtfsDirectoryRecord && type <= kNtfsLastFileRecord;
+}
+// Further FILE records of an entry: they may lie between its data.
+inline bool IsNtfsCompanion(uint32_t type) {
+  return IsNtfsFileRecord(type) && !BeginsNtfsEntry(type);
 }
 // Records of other types are stepped over.
 inline bool IsNtfsType(uint32_t type) { return type >= kNtfsDirectoryRecord && type <= kNtfsEnd; }

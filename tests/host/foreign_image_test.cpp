@@ -6,6 +6,7 @@
 
 #include "capsule/container/header_format.h"
 #include "capsule/host/image.h"
+#include "capsule/host/image_map.h"
 #include "capsule/host/index_writer.h"
 #include "capsule/partition/record_format.h"
 #include "capsule/platform/little_endian.h"
@@ -205,6 +206,29 @@ TEST(ForeignImage, AFileOfSeveralFileRecords) {
   ASSERT_EQ(classes.Read(), 0);
   CapsuleFileBlock* block = test::BlockAt(classes.Partition(0)->GetFileBlocks(), 0);
   EXPECT_EQ(test::ExtractAll(classes.File(), *block), noise);
+}
+
+TEST(ForeignImage, InspectNamesFilesAsTheTreeDoes) {
+  test::ForeignImage foreign({});
+  foreign.BeginSection(7, 3);
+  const auto put = [&](uint32_t type, const Bytes& payload) {
+    const uint32_t start = foreign.Offset();
+    PutNtfsRecord(foreign, type, false, 0, payload);
+    foreign.Index(2, start, foreign.Offset() - start);
+  };
+  put(102, test::NtfsRecord().Name(3, u".").IndexRoot({{40, 5}}).Finish());
+  put(104, test::NtfsRecord().Name(1, u"caf\u00E9.txt").Name(0, u"a link").Finish());
+  put(108, {});
+  foreign.EndSection();
+  foreign.Index(2, foreign.Offset() - 40, 40);
+  const TempDir dir;
+  test::WriteFile(dir / "image", Text(foreign.Finish()));
+  std::string told;
+  MapImage(dir / "image", [&](const MapItem& item) { told += item.text + '\n'; });
+  const Image image(dir / "image");
+  const std::string name((*image.Root(0).Children().begin()).Name());
+  EXPECT_EQ(name, "caf\xC3\xA9.txt");
+  EXPECT_NE(told.find('"' + name + '"'), std::string::npos) << told;
 }
 
 // How much is told to be wrong with an image without an index.

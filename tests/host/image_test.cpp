@@ -185,7 +185,8 @@ TEST_F(ImageTest, SaysWhyItCannotBeOpened) {
   const auto patched = [&](size_t at, std::string_view bytes) {
     return std::string(whole).replace(at, bytes.size(), bytes);
   };
-  has(patched(kPartitionRecordsOffset + 2, "\x07"), "folders of partition 0 cannot be read");
+  has(patched(kPartitionRecordsOffset + 2, "\x07"),
+      "folders of partition 0 cannot be read: record at 0x2590: no record of an NTFS section");
   has(patched(kScrambleFlagOffset, "\x01"), "folders of partition 1 cannot be read");
   has(patched(kPartitionCountOffset, "\x0b"), "header is damaged");
   has(patched(kIndexOffsetOffset, std::string_view("\x01\0\0\0", 4)), "inside the header");

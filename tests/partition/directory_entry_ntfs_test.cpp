@@ -64,26 +64,6 @@ TEST(NtfsEntry, ChildrenAreCountedOnce) {
   }
 }
 
-TEST(NtfsEntry, SizeIsThatOfTheUnnamedStream) {
-  const auto sizeOf = [](const Bytes& records) {
-    CapsuleDirectoryEntry entry;
-    Fill(entry, records);
-    EXPECT_EQ(entry.GetRecord()->FirstEntry.FileSize, entry.GetRecord()->OtherEntry.FileSize);
-    return entry.GetRecord()->OtherEntry.FileSize;
-  };
-  EXPECT_EQ(sizeOf(Bytes(1023, 0xFF)), 0U);  // less than one record
-  EXPECT_EQ(sizeOf(NtfsRecord().NonResident(0x80, 0x112345678).Finish()), 0x12345678U);
-  EXPECT_EQ(
-      sizeOf(NtfsRecord().Resident(0x80, Bytes(100)).Resident(0x80, Bytes(7), u"stream").Finish()),
-      100U);
-
-  // A stream in several parts states its size in the first.
-  Bytes records = NtfsRecord().NonResident(0x80, 70000).Finish();
-  const Bytes second = NtfsRecord().NonResident(0x80, 0, 9).Finish();
-  records.insert(records.end(), second.begin(), second.end());
-  EXPECT_EQ(sizeOf(records), 70000U);
-}
-
 TEST(NtfsEntry, TimesAndAttributes) {
   constexpr uint64_t kDay = 864000000000;
   constexpr uint64_t kStart = 148731 * kDay;  // 2008-03-19

@@ -111,7 +111,13 @@ void SortBy(std::vector<Item>* items, Key key) {
   }
 }
 
+void KeepOrder(const std::vector<uint32_t>& offsets, std::vector<uint32_t>* asNamed) {
+  if (!std::is_sorted(offsets.begin(), offsets.end())) *asNamed = offsets;
+}
+
 void SortAll(IndexContents* contents) {
+  KeepOrder(contents->items, &contents->itemsAsNamed);
+  KeepOrder(contents->sections, &contents->sectionsAsNamed);
   const auto itself = [](uint32_t offset) { return offset; };
   const auto byOffset = [](const auto& item) { return item.offset; };
   SortBy(&contents->items, itself);
@@ -151,7 +157,6 @@ IndexContents CheckIndex(const ImageFile& image, uint64_t indexOffset, bool keep
   contents.isChecked = walk.IsChecked();
   IndexRecord record;
   IndexRecord item;  // without its name
-  uint32_t last = 0;
   for (uint64_t end = 0; end < indexOffset;) {
     const uint64_t place = walk.Position();
     walk.Next(&record);
@@ -160,10 +165,6 @@ IndexContents CheckIndex(const ImageFile& image, uint64_t indexOffset, bool keep
       walk.Fail("index names " + Hex(record.offset) + ", which is not in the image");
     }
     end = uint64_t{record.offset} + record.length;
-    if (record.type != kIndexNote) {
-      contents.isInOrder = contents.isInOrder && record.offset >= last;
-      last = record.offset;
-    }
     Keep(record, &contents);
     if ((keepRecords || !contents.isChecked) && record.type != kIndexNote)
       contents.records.push_back(record);

@@ -20,8 +20,10 @@ struct IndexContents {
   std::vector<uint32_t> items;
   std::vector<uint32_t> sections;
 
-  // Whether its records name them in this order, as all known writers do.
-  bool isInOrder = true;
+  // The same in the order of its records, in which readers take them, where that is another. All
+  // known writers name them in ascending order.
+  std::vector<uint32_t> itemsAsNamed;
+  std::vector<uint32_t> sectionsAsNamed;
 
   // Where the items end: where the index begins. 0 when it could not be read.
   uint32_t end = 0;

@@ -5,28 +5,20 @@
 #include "capsule/host/file/reason.h"
 #include "capsule/host/map/section_map.h"
 #include "capsule/host/records/ntfs_entry.h"
-#include "capsule/partition/ntfs_format.h"
+#include "capsule/partition/ntfs_file.h"
 #include "capsule/partition/record_format.h"
 
 namespace capsule::host {
 namespace {
 
-constexpr uint8_t kDosNamespace = 2;
-
 std::string Count(uint64_t n) { return std::to_string(n); }
 
-// The name that users see first: a DOS name only when there is no other.
-std::string NameIn(std::span<unsigned char, kFileRecordSize> record) {
-  UndoFileRecordFixups(record);
-  std::string name;
-  VisitAttributes(record, [&](const NtfsAttribute& attribute) {
-    NtfsFileName found;
-    if (attribute.type != kFileNameType) return true;
-    if (!DecodeFileName(attribute.NamedOffsetValue(), &found)) return true;
-    if (name.empty() || found.nameSpace != kDosNamespace) name = LongNameToBytes(found.units);
-    return true;
-  });
-  return name;
+// As the tree of the image has it.
+std::string NameIn(std::span<unsigned char> records) {
+  NtfsFile file;
+  _ShortDirEntry entry{};
+  file.TakeRecords(records, false, &entry);
+  return Utf16ToUtf8(file.Name());
 }
 
 std::string KindOf(uint32_t type) {
@@ -88,7 +80,7 @@ void SectionMap::DescribeFileRecord(const _NTFSMiniHeader& header, MapItem* item
     return;
   }
   if (!isBase) return;
-  const std::string name = NameIn(std::span(record).first<kFileRecordSize>());
+  const std::string name = NameIn(record);
   item->text += ", \"" + name + "\"";
   if (!name.empty()) m_strFile = Count(static_cast<uint64_t>(m_nSection)) + ":…/" + name;
 }

@@ -7,8 +7,7 @@
 #include "capsule/blocks/data_block_format.h"
 #include "capsule/host/error.h"
 #include "capsule/host/file/reason.h"
-#include "capsule/partition/directory_entry.h"
-#include "capsule/partition/ntfs_format.h"
+#include "capsule/partition/ntfs_file.h"
 #include "capsule/partition/record_format.h"
 
 namespace capsule::host {
@@ -51,7 +50,7 @@ std::optional<_NTFSMiniHeader> OtherNtfsRecordAt(FileWindow& window, uint64_t of
     return std::nullopt;
   }
   const _NTFSMiniHeader header = DecodeNtfsHeader(bytes.first<kNtfsHeaderSize>());
-  const bool fits = offset + kNtfsHeaderSize + header.Length <= limit;
+  const bool fits = offset + NtfsRecordSize(header) <= limit;
   const bool isSection = bytes[0] == 0xAB && bytes[1] == 0xCD;
   if (!fits || isSection || IsNtfsType(header.RecordType)) return std::nullopt;
   return header;
@@ -59,44 +58,56 @@ std::optional<_NTFSMiniHeader> OtherNtfsRecordAt(FileWindow& window, uint64_t of
 
 class NtfsEntryReader {
  public:
-  NtfsEntryReader(FileWindow& window, uint64_t limit, bool compressed, const std::string& image)
-      : m_Window(window), m_nLimit(limit), m_bCompressed(compressed), m_strImage(image) {}
+  NtfsEntryReader(FileWindow& window, uint64_t limit, bool compressed, bool frontOnly)
+      : m_Window(window), m_nLimit(limit), m_bCompressed(compressed), m_frontOnly(frontOnly) {}
 
+  // One that ends where it begins when its first record is damaged.
   NtfsEntry Read(uint64_t offset) {
-    uint64_t at = offset;
+    m_Found.end = offset;
+    const auto first = NtfsRecordAt(m_Window, offset, m_nLimit);
+    m_Found.isDirectory = first && first->RecordType == kNtfsDirectoryRecord;
+    const std::string problem = first ? TakeRecord(*first, offset) : "no record of an NTFS section";
+    NoteProblem(problem, offset);
+    if (problem.empty()) {
+      m_Found.dataOffset = offset + NtfsRecordSize(*first);
+      m_Found.end = TakeRecordsBehind(m_Found.dataOffset);
+    }
+    Finish();
+    return std::move(m_Found);
+  }
+
+ private:
+  // Where they end.
+  uint64_t TakeRecordsBehind(uint64_t at) {
     while (at < m_nLimit) {
       const auto header = NtfsRecordAt(m_Window, at, m_nLimit);
-      const bool isFirst = at == offset;
-      if (isFirst && !header) Fail(at, "no record of an NTFS section");
-      if (!isFirst && !header) {
+      const bool isCompanion = header && IsNtfsCompanion(header->RecordType);
+      if (m_frontOnly && !m_Found.isDirectory && !(isCompanion && m_File.HasAttributeList())) break;
+      if (!header) {
         const uint64_t next =
             EndOfOtherNtfsRecords(m_Window, at, m_nLimit, m_bCompressed, m_Decoder);
         if (next == at) break;
         at = next;
         continue;
       }
-      if (!isFirst && BeginsNtfsEntry(header->RecordType)) break;
-      if (isFirst) m_Found.isDirectory = header->RecordType == kNtfsDirectoryRecord;
-      const std::string problem = TakeRecord(*header, at);
-      if (isFirst && !problem.empty()) Fail(at, problem);
-      if (m_Found.problem.empty() && !problem.empty()) {
-        m_Found.problem = "record at " + Hex(at) + ": " + problem;
-      }
-      at += kNtfsHeaderSize + uint64_t{header->Length};
-      if (isFirst) m_Found.dataOffset = at;
+      if (BeginsNtfsEntry(header->RecordType)) break;
+      NoteProblem(TakeRecord(*header, at), at);
+      at += NtfsRecordSize(*header);
     }
-    m_Found.end = at;
-    Finish();
-    return std::move(m_Found);
+    return at;
   }
 
- private:
+  void NoteProblem(const std::string& problem, uint64_t at) {
+    if (!m_Found.problem.empty() || problem.empty()) return;
+    m_Found.problem = "record at " + Hex(at) + ": " + problem;
+  }
+
   // What is wrong with the record, or nothing.
   std::string TakeRecord(const _NTFSMiniHeader& header, uint64_t at) {
     const bool isData = IsNtfsData(header.RecordType);
     if (isData && !m_Found.isDirectory) return {};
     if (!BeginsNtfsEntry(header.RecordType) && !isData && !m_Found.isDirectory &&
-        !m_Entry.HasAttributeList()) {
+        !m_File.HasAttributeList()) {
       return {};
     }
     std::vector<unsigned char> bytes;
@@ -105,52 +116,31 @@ class NtfsEntryReader {
       return "does not decode to what its header states";
     }
     if (isData) {
-      m_Entry.AddIndexBlocks(bytes);
+      m_File.TakeIndexBlocks(bytes);
       return {};
     }
     if (!AreFileRecords(bytes)) {
       return "FILE records of " + std::to_string(bytes.size()) + " bytes, or what is none";
     }
-    if (BeginsNtfsEntry(header.RecordType)) m_Entry.FillDirHeader(header);
-    m_Entry.FileRecordtoDirectoryEntry(bytes.data(), static_cast<long>(bytes.size()));
-    NoteReferences(bytes);
+    m_File.TakeRecords(bytes, m_Found.isDirectory, &m_Found.entry);
     return {};
   }
 
-  // The update sequences are undone by now.
-  void NoteReferences(std::span<const unsigned char> records) {
-    if (!m_Found.number) m_Found.number = StatedRecordNumber(records.first<kFileRecordSize>());
-    while (records.size() >= kFileRecordSize) {
-      VisitAttributes(records.first<kFileRecordSize>(), [this](const NtfsAttribute& attribute) {
-        NtfsFileName name;
-        if (attribute.type == kFileNameType &&
-            DecodeFileName(attribute.NamedOffsetValue(), &name)) {
-          m_Found.parents.push_back(name.parent);
-        }
-        return true;
-      });
-      records = records.subspan(kFileRecordSize);
-    }
-  }
-
   void Finish() {
-    m_Found.entry = m_Entry.EntryInUse();
     if (m_Found.isDirectory) m_Found.entry.Attribute |= kDirectoryAttribute;
-    m_Found.name = Utf16ToUtf8(m_Entry.NtfsFullName());
-    m_Found.shortName = m_Entry.HasNtfsShortName() ? ShortNameToBytes(m_Found.entry) : m_Found.name;
-    m_Found.children = static_cast<uint64_t>(std::max(m_Entry.GetNumEntries(), 0));
-  }
-
-  [[noreturn]] void Fail(uint64_t at, const std::string& what) const {
-    throw Error(m_strImage, "record at " + Hex(at) + ": " + what, at);
+    m_Found.name = Utf16ToUtf8(m_File.Name());
+    m_Found.shortName = m_File.HasShortName() ? ShortNameToBytes(m_Found.entry) : m_Found.name;
+    m_Found.parents = m_File.Parents();
+    m_Found.number = m_File.Number();
+    m_Found.children = m_File.ChildCount();
   }
 
   FileWindow& m_Window;
   uint64_t m_nLimit;
   bool m_bCompressed;
-  const std::string& m_strImage;
+  bool m_frontOnly;
   UnitDecoder m_Decoder;
-  CapsuleDirectoryEntry m_Entry;
+  NtfsFile m_File;
   NtfsEntry m_Found;
 };
 
@@ -158,7 +148,13 @@ class NtfsEntryReader {
 
 NtfsEntry ReadNtfsEntry(FileWindow& window, uint64_t offset, uint64_t limit, bool compressed,
                         const std::string& image) {
-  return NtfsEntryReader(window, limit, compressed, image).Read(offset);
+  NtfsEntry entry = NtfsEntryReader(window, limit, compressed, false).Read(offset);
+  if (entry.end == offset) throw Error(image, entry.problem, offset);
+  return entry;
+}
+
+NtfsEntry ReadNtfsEntryFront(FileWindow& window, uint64_t offset, uint64_t limit, bool compressed) {
+  return NtfsEntryReader(window, limit, compressed, true).Read(offset);
 }
 
 std::optional<_NTFSMiniHeader> NtfsRecordAt(FileWindow& window, uint64_t offset, uint64_t limit) {
@@ -166,7 +162,7 @@ std::optional<_NTFSMiniHeader> NtfsRecordAt(FileWindow& window, uint64_t offset,
   const auto bytes = window.At(offset, kNtfsHeaderSize);
   if (bytes.size() < kNtfsHeaderSize) return std::nullopt;
   const _NTFSMiniHeader header = DecodeNtfsHeader(bytes.first<kNtfsHeaderSize>());
-  if (!IsNtfsType(header.RecordType) || offset + kNtfsHeaderSize + header.Length > limit)
+  if (!IsNtfsType(header.RecordType) || offset + NtfsRecordSize(header) > limit)
     return std::nullopt;
   return header;
 }
@@ -177,20 +173,24 @@ uint64_t EndOfOtherNtfsRecords(FileWindow& window, uint64_t offset, uint64_t lim
   for (int count = 0; count < kMostOthers; ++count) {
     const auto other = OtherNtfsRecordAt(window, end, limit);
     if (!other) break;
-    end += kNtfsHeaderSize + uint64_t{other->Length};
+    end += NtfsRecordSize(*other);
   }
   if (end != limit && !NtfsRecordAt(window, end, limit)) return offset;
   for (uint64_t at = offset; at < end;) {
     const auto other = OtherNtfsRecordAt(window, at, limit);
     if (!other || HoldsKnownBytes(window, at, *other, compressed, decoder)) return at;
-    at += kNtfsHeaderSize + uint64_t{other->Length};
+    at += NtfsRecordSize(*other);
   }
   return end;
 }
 
-_MiniHeader ToMiniHeader(const _NTFSMiniHeader& header) {
-  return {static_cast<uint8_t>(header.RecordType), header.LastFlag, header.UncompressedLength,
-          header.Length};
+uint64_t SkipNtfsCompanions(FileWindow& window, uint64_t offset, uint64_t limit) {
+  for (auto header = NtfsRecordAt(window, offset, limit);
+       header && IsNtfsCompanion(header->RecordType);
+       header = NtfsRecordAt(window, offset, limit)) {
+    offset += NtfsRecordSize(*header);
+  }
+  return offset;
 }
 
 bool DecodeNtfsPayload(const _NTFSMiniHeader& header, std::span<const unsigned char> payload,

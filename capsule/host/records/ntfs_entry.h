@@ -25,13 +25,17 @@ struct NtfsEntry {
   uint64_t children = 0;           // of a folder, as its index counts them
   uint64_t dataOffset = 0;         // behind its FILE record
   uint64_t end = 0;                // behind its last record
-  std::string problem;             // what is wrong with a record behind the first
+  std::string problem;             // what is wrong with one of its records
 };
 
 // The entry whose first record, of type 102 or 104, is at `offset`; nothing from `limit` on is
 // taken for its own. Throws host::Error when the first record is damaged.
 NtfsEntry ReadNtfsEntry(FileWindow& window, uint64_t offset, uint64_t limit, bool compressed,
                         const std::string& image);
+
+// The same as far as it tells what the entry is: of a file no record behind those that hold its
+// attributes. One whose first record is damaged has a problem, and ends at `offset`.
+NtfsEntry ReadNtfsEntryFront(FileWindow& window, uint64_t offset, uint64_t limit, bool compressed);
 
 // The header at `offset`, or none when no record that fits is there.
 std::optional<_NTFSMiniHeader> NtfsRecordAt(FileWindow& window, uint64_t offset, uint64_t limit);
@@ -43,8 +47,8 @@ std::optional<_NTFSMiniHeader> NtfsRecordAt(FileWindow& window, uint64_t offset,
 uint64_t EndOfOtherNtfsRecords(FileWindow& window, uint64_t offset, uint64_t limit, bool compressed,
                                const UnitDecoder& decoder);
 
-// The fields that records of both kinds of sections have.
-_MiniHeader ToMiniHeader(const _NTFSMiniHeader& header);
+// Behind the further FILE records of an entry that begin at `offset`, if there are any.
+uint64_t SkipNtfsCompanions(FileWindow& window, uint64_t offset, uint64_t limit);
 
 // Decodes the payload of a record into `out`; false when it does not hold what its header states.
 bool DecodeNtfsPayload(const _NTFSMiniHeader& header, std::span<const unsigned char> payload,

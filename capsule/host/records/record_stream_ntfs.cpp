@@ -4,7 +4,7 @@
 
 #include "capsule/host/file/reason.h"
 #include "capsule/host/records/record_stream.h"
-#include "capsule/partition/ntfs_format.h"
+#include "capsule/partition/ntfs_file.h"
 
 namespace capsule::host {
 
@@ -12,14 +12,13 @@ _MiniHeader RecordStream::NtfsHeaderAt(uint64_t offset, uint32_t* type) {
   const auto bytes = Window(offset, kNtfsHeaderSize);
   const _NTFSMiniHeader header = DecodeNtfsHeader(bytes.first<kNtfsHeaderSize>());
   *type = header.RecordType;
-  return {static_cast<uint8_t>(header.RecordType), header.LastFlag, header.UncompressedLength,
-          header.Length};
+  return ToMiniHeader(header);
 }
 
 _MiniHeader RecordStream::ReadNtfsHeader() {
   uint32_t type = 0;
   _MiniHeader header = NtfsHeaderAt(m_nRecord, &type);
-  while (IsNtfsFileRecord(type) && !BeginsNtfsEntry(type)) {
+  while (IsNtfsCompanion(type)) {
     const bool isCounted = m_Check && m_Check->Next() == m_nRecord;
     m_nRecord += kNtfsHeaderSize + header.Length;
     CheckRoom(kNtfsHeaderSize);
@@ -45,22 +44,14 @@ void RecordStream::TakeResidentData() {
   if (m_Chunk.size() < kFileRecordSize) {
     Fail("FILE record of " + std::to_string(m_Chunk.size()) + " bytes");
   }
-  const auto record = std::span(m_Chunk).first<kFileRecordSize>();
-  UndoFileRecordFixups(record);
-  std::vector<unsigned char> value;
-  VisitAttributes(record, [&](const NtfsAttribute& attribute) {
-    if (attribute.type != kDataType || attribute.nameLength != 0) return true;
-    m_bResident = !attribute.nonResident;
-    const auto bytes = attribute.ResidentValue();
-    if (m_bResident) value.assign(bytes.begin(), bytes.end());
-    return false;
-  });
+  const auto data = ResidentData(std::span(m_Chunk).first<kFileRecordSize>());
+  m_bResident = data.has_value();
+  if (data) m_Resident.assign(data->begin(), data->end());
   m_Chunk.clear();
-  if (m_bResident && value.size() != m_Source.size) {
-    Fail("FILE record holds " + std::to_string(value.size()) + " of " +
+  if (m_bResident && m_Resident.size() != m_Source.size) {
+    Fail("FILE record holds " + std::to_string(m_Resident.size()) + " of " +
          std::to_string(m_Source.size) + " bytes");
   }
-  m_Resident = std::move(value);
 }
 
 }  // namespace capsule::host

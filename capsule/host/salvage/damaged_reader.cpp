@@ -4,6 +4,7 @@
 #include <utility>
 
 #include "capsule/host/file/reason.h"
+#include "capsule/host/records/ntfs_entry.h"
 #include "capsule/partition/ntfs_format.h"
 #include "capsule/partition/record_format.h"
 
@@ -92,20 +93,16 @@ void DamagedReader::ReadRun(const RecordRun& run) {
     if (bytes.size() < record.Size()) return;
     return ReadRecord(record, bytes.subspan(headerSize), run, m_nPart + run.offset);
   }
-  for (uint64_t i = 0; i < run.records;) {
+  for (uint64_t i = 0; i < run.records; ++i) {
+    if (m_Source.rules.IsNtfs()) at = SkipNtfsCompanions(m_Window, at, run.end);
     const auto header = m_Window.At(at, m_Source.rules.HeaderSize());
     const auto record = DecodeDataRecord(header, m_Source.rules);
-    if (!record) {  // a FILE record between data records
-      if (!m_Source.rules.IsNtfs() || at >= run.end || header.size() < kNtfsHeaderSize) return;
-      at += kNtfsHeaderSize + DecodeNtfsHeader(header.first<kNtfsHeaderSize>()).Length;
-      continue;
-    }
+    if (!record) return;
     const auto bytes = m_Window.At(at, record->Size());
     if (bytes.size() < record->Size()) return;
     ReadRecord(*record, bytes.subspan(record->headerSize), run,
                m_nPart + run.offset + i * run.chunk);
     at += record->Size();
-    ++i;
   }
 }
 

@@ -5,6 +5,7 @@
 #include <utility>
 
 #include "capsule/host/file/file_window.h"
+#include "capsule/host/records/ntfs_entry.h"
 #include "capsule/host/records/record_judge.h"
 #include "capsule/partition/ntfs_format.h"
 #include "capsule/partition/record_format.h"
@@ -55,16 +56,7 @@ class Survey {
 
   // In NTFS sections further FILE records of the file lie between its data.
   uint64_t SkipFileRecords(uint64_t at) {
-    while (m_Source.rules.IsNtfs() && at < m_nEnd && m_nEnd - at >= kNtfsHeaderSize) {
-      const auto bytes = m_Window.At(at, kNtfsHeaderSize);
-      if (bytes.size() < kNtfsHeaderSize) break;
-      const auto header = DecodeNtfsHeader(bytes.first<kNtfsHeaderSize>());
-      const uint64_t size = kNtfsHeaderSize + uint64_t{header.Length};
-      const bool isOne = IsNtfsFileRecord(header.RecordType) && !BeginsNtfsEntry(header.RecordType);
-      if (!isOne || size > m_nEnd - at) break;
-      at += size;
-    }
-    return at;
+    return m_Source.rules.IsNtfs() ? SkipNtfsCompanions(m_Window, at, m_nEnd) : at;
   }
 
   bool Decodes(uint64_t at, const DataRecord& record) {

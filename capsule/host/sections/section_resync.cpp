@@ -209,11 +209,8 @@ uint64_t EndOfWholeRecords(FileWindow& window, uint64_t begin, uint64_t end,
                            const RecordRules& rules) {
   uint64_t at = begin;
   while (at < end) {
-    const auto other = rules.IsNtfs() ? NtfsRecordAt(window, at, end) : std::nullopt;
-    if (other && IsNtfsFileRecord(other->RecordType) && !BeginsNtfsEntry(other->RecordType)) {
-      at += kNtfsHeaderSize + uint64_t{other->Length};
-      continue;
-    }
+    if (rules.IsNtfs()) at = SkipNtfsCompanions(window, at, end);
+    if (at >= end) break;
     const View record = window.At(at, FileWindow::kSize);
     if (!IsWholeDataRecord(record, rules)) return at;
     at += DecodeDataRecord(record, rules)->Size();

@@ -186,7 +186,7 @@ TEST(SurveyRules, ASearchStopsAtRecordsAndStepsOverData) {
     FileWindow window(ImageFile(FileSource(path), path));
     uint64_t work = 1 << 20;
     const auto found =
-        FindResumePoint(window, 0, {cases[i].bytes.size(), false, false, cases[i].known, &work});
+        FindResumePoint(window, 0, {cases[i].bytes.size(), {}, cases[i].known, &work});
     ASSERT_EQ(found ? static_cast<int64_t>(found->offset) : -1, cases[i].offset) << i;
     if (!found) continue;
     EXPECT_EQ(found->startsSection, cases[i].startsSection) << i;
