@@ -64,6 +64,7 @@ host::BuildReport Build(const CreateArguments& arguments, host::ImageBuilder& bu
 }
 
 int Create(CreateArguments& arguments, Talk& talk) {
+  arguments.options.labelsFolders = true;
   arguments.options.onProgress = [&talk](const host::Progress& at) { talk.Progress(at); };
   host::ImageBuilder builder(arguments.image, arguments.options);
   const host::BuildReport report = Build(arguments, builder, talk);

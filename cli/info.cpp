@@ -18,8 +18,9 @@ std::string ToJson(const host::Image& image) {
   const host::ImageInfo& info = image.Info();
   std::vector<JsonObject> partitions;
   for (const host::PartitionInfo& partition : info.partitions) {
-    partitions.push_back(std::move(JsonObject()
-                                       .Number("offset", partition.offset)
+    JsonObject object;
+    if (!partition.label.empty()) object.Text("label", partition.label);
+    partitions.push_back(std::move(object.Number("offset", partition.offset)
                                        .Number("system_id", partition.systemId)
                                        .Number("sectors", partition.sectorCount)
                                        .Number("files", partition.files)
@@ -47,11 +48,13 @@ void WriteText(const host::Image& image, Output& output) {
                (info.checked ? ", check value holds\n" : ", without check value\n"));
   for (size_t n = 0; n < info.partitions.size(); ++n) {
     const host::PartitionInfo& partition = info.partitions[n];
-    output.Write(
-        "partition " + std::to_string(n) + ": " + Counted(partition.files, "file", "files") +
-        " and " + Counted(partition.directories, "folder", "folders") + ", " +
-        Counted(partition.bytes, "byte", "bytes") + ", system id " +
-        std::to_string(partition.systemId) + ", at " + std::to_string(partition.offset) + "\n");
+    output.Write("partition " + std::to_string(n) +
+                 (partition.label.empty() ? "" : " (" + ForTerminal(partition.label) + ")") + ": " +
+                 Counted(partition.files, "file", "files") + " and " +
+                 Counted(partition.directories, "folder", "folders") + ", " +
+                 Counted(partition.bytes, "byte", "bytes") + ", system id " +
+                 std::to_string(partition.systemId) + ", at " + std::to_string(partition.offset) +
+                 "\n");
   }
 }
 

@@ -33,7 +33,11 @@ std::string LongColumns(const host::Entry& entry) {
   return text.data();
 }
 
-std::string JsonLine(const host::Entry& entry, const std::string& path) {
+const std::string& LabelOf(const host::Image& image, const host::Entry& entry) {
+  return image.Info().partitions[static_cast<size_t>(entry.Partition())].label;
+}
+
+std::string JsonLine(const host::Entry& entry, const std::string& path, const std::string& label) {
   JsonObject json;
   json.Path(path).Text("type", entry.IsDirectory() ? "directory" : "file");
   json.Number("size", entry.Size());
@@ -43,13 +47,20 @@ std::string JsonLine(const host::Entry& entry, const std::string& path) {
     json.Null("modified");
   }
   json.Number("attributes", entry.Attributes()).Text("short_name", entry.ShortName());
+  if (!label.empty()) json.Text("partition", label);
   return json.Line();
 }
 
 class Lister {
  public:
-  Lister(const ListArguments& arguments, Output& output)
-      : m_Arguments(arguments), m_Output(output) {}
+  Lister(const host::Image& image, const ListArguments& arguments, Output& output)
+      : m_Image(image), m_Arguments(arguments), m_Output(output) {}
+
+  // The partition that what follows lies in, in front of it.
+  void Partition(const host::Entry& root, const std::string& label) {
+    if (label.empty() || !m_Arguments.isLong || m_Arguments.json) return;
+    m_Output.Write(LongColumns(root) + root.Path() + " (" + ForTerminal(label) + ")\n");
+  }
 
   // What lies in a folder, or one file.
   void List(const host::Entry& entry) {
@@ -85,11 +96,12 @@ class Lister {
   }
 
   void Line(const host::Entry& entry, const std::string& path) {
-    if (m_Arguments.json) return m_Output.Write(JsonLine(entry, path));
+    if (m_Arguments.json) return m_Output.Write(JsonLine(entry, path, LabelOf(m_Image, entry)));
     const std::string columns = m_Arguments.isLong ? LongColumns(entry) : "";
     m_Output.WritePathLine(columns, entry.IsDirectory() ? path + "/" : path);
   }
 
+  const host::Image& m_Image;
   const ListArguments& m_Arguments;
   Output& m_Output;
 };
@@ -97,11 +109,14 @@ class Lister {
 int List(const ListArguments& arguments, Talk& talk) {
   const host::Image image = OpenImage(arguments.image);
   Output output;
-  Lister lister(arguments, output);
+  Lister lister(image, arguments, output);
   if (!arguments.path.empty()) {
     lister.List(FindOrFail(image, arguments.path));
   } else {
-    for (int n = 0; n < image.Partitions(); ++n) lister.List(image.Root(n));
+    for (int n = 0; n < image.Partitions(); ++n) {
+      if (image.Partitions() > 1) lister.Partition(image.Root(n), LabelOf(image, image.Root(n)));
+      lister.List(image.Root(n));
+    }
   }
   return ComplainAboutProblems(image, talk);
 }

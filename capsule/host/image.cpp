@@ -42,6 +42,10 @@ ImageInfo Summarize(const DecodedHeader& header, const IndexContents& index,
                                     ? index.sections[i]
                                     : catalog.Node(catalog.Root(static_cast<uint32_t>(i))).offset;
   }
+  for (PartitionInfo& partition : info.partitions) {
+    const auto label = index.labels.find(partition.offset);
+    if (label != index.labels.end()) partition.label = label->second;
+  }
   for (size_t i = 0; i < known; ++i) {
     info.partitions[i].systemId = header.partitions[i].SystemId;
     info.partitions[i].sectorCount = header.partitions[i].SectorCount;

@@ -47,6 +47,7 @@ struct PartitionInfo {
   uint64_t files = 0;
   uint64_t directories = 0;
   uint64_t bytes = 0;  // sizes of the files, summed up
+  std::string label;   // that the index has for it, any bytes; may be empty
 };
 
 struct ImageInfo {

@@ -18,6 +18,7 @@
 #include "capsule/host/file/reason.h"
 #include "capsule/host/file/watch.h"
 #include "capsule/host/index/image_header.h"
+#include "capsule/host/index/partition_label.h"
 #include "capsule/platform/ascii.h"
 #include "capsule/platform/dos_time.h"
 #include "capsule/platform/glob.h"
@@ -114,6 +115,16 @@ bool IsExcluded(const std::vector<std::string>& globs, const std::string& name,
   });
 }
 
+// The name of a folder, "." and the like resolved; nothing where it cannot be a label.
+std::string LabelFor(const fs::path& folder) {
+  fs::path name = folder.has_filename() ? folder.filename() : folder.parent_path().filename();
+  if (name.empty() || name == "." || name == "..") {
+    std::error_code error;
+    name = fs::canonical(folder, error).filename();
+  }
+  return JudgeLabel(name.string()).empty() ? name.string() : "";
+}
+
 // Whether a time of modification comes out as it was, but for the second that is rounded off.
 bool IsTimeKept(int64_t seconds) {
   const auto stored = platform::ToDosDateTime(platform::FileTimeFromUnix(seconds, 0));
@@ -143,7 +154,8 @@ struct ImageBuilder::Impl {
 
   void Take(ItemWalk* walk, const SourceItem& item);
   void Insert(ItemWalk* walk, const SourceItem& item);
-  void AddPartition(ItemWalk&& walk);
+  void AddPartition(const std::string& label, ItemWalk&& walk);
+  void RequireLabel(const std::string& label) const;
   void RefuseEleventh(const std::string& source) const;
   SourceWalk::Filter Filter() const;
   void CountWhatIsNotKept(const SourceItem& item);
@@ -276,9 +288,14 @@ void ImageBuilder::Impl::RefuseEleventh(const std::string& source) const {
               "an image holds " + std::to_string(kMaxPartitions) + " folders at most");
 }
 
-void ImageBuilder::Impl::AddPartition(ItemWalk&& walk) {
+void ImageBuilder::Impl::RequireLabel(const std::string& label) const {
+  const std::string problem = JudgeLabel(label);
+  if (!problem.empty()) throw Error(ErrorKind::Misuse, name, problem);
+}
+
+void ImageBuilder::Impl::AddPartition(const std::string& label, ItemWalk&& walk) {
   isBroken = true;
-  draft.BeginPartition();
+  draft.BeginPartition(label);
   ++partitions;
   for (SourceItem item; walk.Next(&item);) {
     watch.Check();
@@ -287,20 +304,24 @@ void ImageBuilder::Impl::AddPartition(ItemWalk&& walk) {
   isBroken = false;
 }
 
-void ImageBuilder::AddDirectory(const fs::path& directory) {
+void ImageBuilder::AddDirectory(const fs::path& directory, const std::string& label) {
   Impl& impl = *m_pImpl;
   impl.RefuseEleventh(directory.string());
+  impl.RequireLabel(label);
   if (impl.options.countFirst && impl.partitions >= impl.counted) {
     impl.Count(SourceWalk(directory.string(), impl.Filter()));
   }
-  impl.AddPartition(SourceWalk(directory.string(), impl.Filter()));
+  const bool isNamed = label.empty() && impl.options.labelsFolders;
+  impl.AddPartition(isNamed ? LabelFor(directory) : label,
+                    SourceWalk(directory.string(), impl.Filter()));
 }
 
-void ImageBuilder::AddItems(const std::vector<BuildItem>& items) {
+void ImageBuilder::AddItems(const std::vector<BuildItem>& items, const std::string& label) {
   m_pImpl->RefuseEleventh(m_pImpl->name);
+  m_pImpl->RequireLabel(label);
   const auto walk = [&] { return ItemTree(m_pImpl->name, items, m_pImpl->Filter()); };
   if (m_pImpl->options.countFirst) m_pImpl->Count(walk());
-  m_pImpl->AddPartition(walk());
+  m_pImpl->AddPartition(label, walk());
 }
 
 void ImageBuilder::AddDirectories(const std::vector<fs::path>& directories) {

@@ -38,6 +38,7 @@ struct BuildOptions {
   // extension tells (.zip, .jpg and the like), are stored at any level.
   int level = 5;
   std::string label{};                  // version text; "Capsulate" is put in front unless there
+  bool labelsFolders = false;           // give each partition the name of its folder
   std::vector<std::string> excludes{};  // globs: matched against an item's name, or with a '/' in
                                         // them against its path below its DIR
   // Asked for every item of a folder, with its path below DIR: whether to leave it out.
@@ -88,13 +89,14 @@ class CAPSULE_API ImageBuilder {
   ImageBuilder& operator=(ImageBuilder&&) noexcept;
 
   // Inserts everything below `directory` as the next partition. Throws when it cannot be opened
-  // or is the eleventh.
-  void AddDirectory(const std::filesystem::path& directory);
+  // or is the eleventh, and when `label` is longer than 255 bytes, not UTF-8 or has control
+  // characters. An empty one is none.
+  void AddDirectory(const std::filesystem::path& directory, const std::string& label = {});
 
   // Makes the next partition of single items. Throws when they do not fit together, when a source
   // cannot be opened, or when it is the eleventh partition. Bytes that cannot be read are a problem
   // of the report.
-  void AddItems(const std::vector<BuildItem>& items);
+  void AddItems(const std::vector<BuildItem>& items, const std::string& label = {});
 
   // AddDirectory for each. Throws before the first when there are more than an image holds.
   void AddDirectories(const std::vector<std::filesystem::path>& directories);

@@ -124,6 +124,7 @@ IndexReport IndexWriter::Write(const IndexOptions& options) {
   const DamagedSections damaged = options.damaged;
   m_watch = std::make_unique<Watch>(m_strName, options.onProgress, options.stop);
   m_watch->Check();
+  KeepLabels();
   if (IsWithoutPartitions()) {
     if (damaged != DamagedSections::Refuse) RefuseUnlessEmpty();
     return {};
@@ -148,6 +149,28 @@ IndexReport IndexWriter::Write(const IndexOptions& options) {
     Complete(plan, [&] { plan.report.imageBytes = Append(plan, m_nDescriptor, nullptr); });
   }
   return plan.report;
+}
+
+void IndexWriter::KeepLabels() {
+  m_oldLabels.clear();
+  if (m_labels) return;
+  try {
+    const DecodedHeader header = ReadImageHeader(Bytes());
+    CheckIndexOffset(header, Bytes());
+    m_oldLabels = CheckIndex(Bytes(), header.indexOffset).labels;
+  } catch (const ShortageError&) {
+    throw;
+  } catch (const Error&) {
+    // Nothing says what they are called.
+  }
+}
+
+// Of a section, by its number or its offset.
+std::string IndexWriter::LabelOf(const SectionItem& item, size_t number) const {
+  if (item.kind != SectionItem::Kind::Section) return {};
+  if (m_labels) return number < m_labels->size() ? (*m_labels)[number] : std::string();
+  const auto label = m_oldLabels.find(static_cast<uint32_t>(item.offset));
+  return label == m_oldLabels.end() ? std::string() : label->second;
 }
 
 // Of an image without an index that vouches for its sections, which are judged as opening does.
@@ -275,7 +298,7 @@ void IndexWriter::Count(Plan* plan) {
   visitor.onItem = [&](const SectionItem& item, const std::string& damage) {
     Walked(item, 0);
     const bool isSection = item.kind == SectionItem::Kind::Section;
-    records.Add(item, damage);
+    records.Add(item, damage, LabelOf(item, report.sections));
     report.files += item.kind == SectionItem::Kind::File ? 1 : 0;
     report.directories +=
         item.IsEntry() && item.kind != SectionItem::Kind::File && !item.isRoot ? 1 : 0;
@@ -314,10 +337,12 @@ uint64_t IndexWriter::Append(const Plan& plan, int output, TrialImage* trial) {
   const uint64_t half = m_watch->Now().bytesTotal / 2;
   writer.SetOnBytes([&](uint64_t at) { m_watch->TellWithin(half + at, m_watch->Now().path); });
   for (const DamageNote& note : plan.notes) writer.Add(note);
+  size_t sections = 0;
   ItemVisitor visitor;
   visitor.onItem = [&](const SectionItem& item, const std::string&) {
     Walked(item, half);
-    writer.Add(item, plan.DamageOf(item));
+    writer.Add(item, plan.DamageOf(item), LabelOf(item, sections));
+    sections += item.kind == SectionItem::Kind::Section ? 1 : 0;
     const bool hasData = item.kind == SectionItem::Kind::File && item.dataOffset != 0;
     const uint64_t end = item.offset + item.length;
     if (trial != nullptr) trial->Copy(item.offset, hasData && !plan.isNtfs ? item.dataOffset : end);

@@ -12,6 +12,7 @@
 //   header         type 6: offset 0, length 7560, named by its check value as finally stored
 //   each section   type 5: offset, length 2056
 //                  type 6: offset, length up to its trailer, named by its check value
+//                  type 6: the section's offset and length, named "name=" and its label, if any
 //     its items    type 3: the group of a folder, named by its path; "." and ".." groups and zero
 //                  entries, without a name
 //                  type 2: a file with its data, named by its path; then
@@ -31,10 +32,13 @@
 #include <cstdint>
 #include <filesystem>
 #include <functional>
+#include <map>
 #include <memory>
+#include <optional>
 #include <span>
 #include <stop_token>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "capsule/export.h"
@@ -105,6 +109,9 @@ class CAPSULE_API IndexWriter {
   // `known` must outlive the writer.
   void SetKnownRestarts(const RestartCollector* known) { m_pKnownRestarts = known; }
 
+  // The labels of the partitions, in their order, instead of those of the index that is there.
+  void SetLabels(std::vector<std::string> labels) { m_labels = std::move(labels); }
+
   // Throws Error when the image cannot be scanned, read or written, or when no index would lead to
   // what it holds; then nothing has been changed, unless writing itself failed.
   [[nodiscard]] IndexReport Write(const IndexOptions& options = {});
@@ -123,6 +130,8 @@ class CAPSULE_API IndexWriter {
   void PatchHeader(std::span<const unsigned char> header, size_t offset, size_t count);
   void SyncFile();
   ImageFile Bytes() const;
+  void KeepLabels();
+  std::string LabelOf(const SectionItem& item, size_t number) const;
   void PutInPlace(const Plan& plan, const TrialImage& trial);
   void Walked(const SectionItem& item, uint64_t before);
 
@@ -130,6 +139,8 @@ class CAPSULE_API IndexWriter {
   bool m_bOwned = false;
   std::string m_strName;
   const RestartCollector* m_pKnownRestarts = nullptr;
+  std::optional<std::vector<std::string>> m_labels;
+  std::map<uint32_t, std::string> m_oldLabels;  // of the index that is there, by offset
   std::unique_ptr<Watch> m_watch;
 };
 

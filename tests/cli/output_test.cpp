@@ -48,6 +48,8 @@ TEST_F(OutputTest, JsonIsUtf8AndKeepsTheBytes) {
   const Json info = ParseJson(RunCapsule({"info", "--json", At("i")}).out);
   EXPECT_NE(info["label"].get<std::string>().find("my label"), std::string::npos);
   EXPECT_EQ(info["partitions"][0]["files"], 4);
+  EXPECT_EQ(info["partitions"][0]["label"], "in");
+  EXPECT_EQ(entries[3]["partition"], "in");
   EXPECT_EQ(info["partitions"][0]["directories"], 2);
   EXPECT_EQ(info["index_checked"], true);
   EXPECT_EQ(info["size"], fs::file_size(At("i")));

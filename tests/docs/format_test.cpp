@@ -13,6 +13,7 @@
 #include "capsule/container/index_format.h"
 #include "capsule/host/image.h"
 #include "capsule/host/image_builder.h"
+#include "capsule/host/index/partition_label.h"
 #include "capsule/partition/record_format.h"
 #include "tests/support/bytes.h"
 #include "tests/support/source_tree.h"
@@ -97,6 +98,14 @@ std::string Note(const DamageNote& note) {
   return {bytes.begin(), bytes.end()};
 }
 
+std::string Label(const IndexRecord& section, const std::string& label) {
+  std::vector<unsigned char> bytes;
+  AppendIndexRecord(host::LabelRecord(section, label), &bytes);
+  platform::ByteReader reader(bytes);
+  EXPECT_EQ(host::LabelOf(TakeIndexRecord(reader)), label);
+  return {bytes.begin(), bytes.end()};
+}
+
 TEST(FormatDocument, SaysRightWhatItSaysInSentences) {
   const auto zeroEntry = EncodeZeroEntry();
   const std::map<std::string, std::string> expected = {
@@ -107,6 +116,8 @@ TEST(FormatDocument, SaysRightWhatItSaysInSentences) {
       {"C0 00", Compressed("")},
       {"06 0B 00 64 61 6D 61 67 65 64 3D 62 61 64 58 26 00 00 70 00 00 00",
        Note({0x2658, 0x70, "bad", false})},
+      {"06 06 00 6E 61 6D 65 3D 61 88 1D 00 00 08 08 00 00",
+       Label({kIndexSection, "", 7560, 2056}, "a")},
       {"06 07 00 63 75 74 3D 65 6E 64 00 00 00 00 88 1D 00 00", Note({0, 7560, "end", true})},
   };
   const std::string document = Document();

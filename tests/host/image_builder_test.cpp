@@ -6,6 +6,8 @@
 
 #include <cstdlib>
 
+#include "capsule/host/index_writer.h"
+#include "capsule/host/verifier.h"
 #include "tests/host/sections/scanned_tree.h"
 #include "tests/support/bytes.h"
 #include "tests/support/entries.h"
@@ -326,6 +328,53 @@ TEST(ImageBuilder, ItemsFromAnywhereComeOutLikeThoseOfAFolder) {
       EXPECT_EQ(error.Kind(), kind) << error.what();
     }
   }
+}
+
+TEST(ImageBuilder, LabelsStayWithTheirPartitions) {
+  const TempDir folder;
+  fs::create_directories(folder / "named");
+  test::WriteFile(folder / "named/f", "1");
+  const auto labels = [&](const std::string& image) {
+    std::string all;
+    const Image opened(image);
+    for (const PartitionInfo& partition : opened.Info().partitions) all += partition.label + "|";
+    return all;
+  };
+  const std::string path = folder / "x.cap";
+  ImageBuilder builder(path, {.level = 0, .labelsFolders = true});
+  builder.AddDirectory(folder / "named/");
+  builder.AddDirectory(folder / "named/.", std::string(255, 'x'));
+  builder.AddDirectory(folder / "named/.");
+  builder.AddItems({});
+  builder.AddItems({{.path = "a"}},
+                   "Gr\xc3\xbc\xc3\x9f"
+                   "e");
+  for (const char* wrong : {"\x1b", "\n", "\xc2\x9b", "\xff"}) {
+    EXPECT_THROW(builder.AddDirectory(folder / "named", wrong), Error);
+  }
+  EXPECT_THROW(builder.AddItems({}, std::string(256, 'x')), Error);
+  static_cast<void>(builder.Finish());
+  const std::string given = "named|" + std::string(255, 'x') +
+                            "|named||Gr\xc3\xbc\xc3\x9f"
+                            "e|";
+  EXPECT_EQ(labels(path), given);
+  EXPECT_EQ(Verifier(path).Run([](const Fault&) {}).faults, 0u);
+  const std::string made = test::ReadFile(path);
+  for (const auto how : {DamagedSections::Refuse, DamagedSections::IndexWhatIsLeft}) {
+    EXPECT_TRUE(IndexWriter(path).Write(how).problems.empty());
+    EXPECT_EQ(test::ReadFile(path), made);
+  }
+  // A damaged file does not cost the labels, nor do unlabelled partitions get any.
+  std::string damaged = made;
+  damaged[Image(path).Info().partitions[0].offset + 2100] ^= 1;
+  test::WriteFile(path, damaged);
+  EXPECT_FALSE(IndexWriter(path).Write(DamagedSections::NoteDamage).problems.empty());
+  const Image noted(path, Opening::Salvage);
+  EXPECT_EQ(noted.Info().partitions[4].label,
+            "Gr\xc3\xbc\xc3\x9f"
+            "e");
+  Build(path, {folder / "named"});
+  EXPECT_EQ(labels(path), "|");
 }
 
 TEST(ImageBuilder, ReportsProgress) {

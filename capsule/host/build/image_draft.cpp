@@ -101,8 +101,9 @@ bool ImageDraft::Observer::OnChunk(const Chunk& next) {
 
 void ImageDraft::CapTimes(int64_t unixSeconds) { m_State.hostView.CapTimes(unixSeconds); }
 
-void ImageDraft::BeginPartition() {
+void ImageDraft::BeginPartition(const std::string& label) {
   ++m_nPartition;
+  m_labels.push_back(label);
   const ScopedLibraryState scope(m_State);
   errno = 0;
   if (m_Image.BeginPartition(m_nPartition) == 0) return;
@@ -195,6 +196,7 @@ uint64_t ImageDraft::Complete(int* syncProblem) {
   }
   IndexWriter index(m_Temporary.Descriptor(), m_strName);
   index.SetKnownRestarts(&m_observer.restarts);
+  index.SetLabels(m_labels);
   const IndexReport report = index.Write({.stop = m_observer.stop});
   if (const char* step = m_Temporary.Publish(syncProblem)) FailAs(step, errno);
   return report.imageBytes;

@@ -13,6 +13,7 @@
 #include <stop_token>
 #include <string>
 #include <utility>
+#include <vector>
 
 #include "capsule/blocks/insert_observer.h"
 #include "capsule/container/capsule_file.h"
@@ -43,8 +44,8 @@ class ImageDraft {
   // No time is written that is later than this many seconds after 1970.
   void CapTimes(int64_t unixSeconds);
 
-  // What is inserted from now on goes to the next partition.
-  void BeginPartition();
+  // What is inserted from now on goes to the next partition. `label`: as JudgeLabel wants it.
+  void BeginPartition(const std::string& label);
 
   // Adds a file or a folder as the walk has opened it. None when it is in the image, else why it
   // was left out: the image is as it was. Throws when the image cannot take it, or when memory or
@@ -88,7 +89,8 @@ class ImageDraft {
   Observer m_observer;
   bool m_bOpen = false;  // m_Image has the file open
   int m_nPartition = -1;
-  std::string m_sourceProblem;  // of bytes of the host
+  std::vector<std::string> m_labels;  // of partitions
+  std::string m_sourceProblem;        // of bytes of the host
 };
 
 }  // namespace capsule::host

@@ -8,6 +8,7 @@
 #include "capsule/host/file/checksum.h"
 #include "capsule/host/file/reason.h"
 #include "capsule/host/index/index_reader.h"
+#include "capsule/host/index/partition_label.h"
 #include "capsule/host/index/path_hash.h"
 #include "capsule/host/index/restart_point.h"
 #include "capsule/partition/entry_group.h"
@@ -88,10 +89,13 @@ void Keep(const IndexRecord& record, IndexContents* contents) {
 }
 
 // A note behind `item`, the latest record that is none: the check value of the header or of the
-// item, or a restart point of the item. `place`: where the note begins.
+// item, a restart point of the item, or the label of a section. `place`: where the note begins.
 void KeepNote(const IndexRecord& note, const IndexRecord& item, uint64_t place,
               IndexContents* contents) {
   if (auto damage = DamageNoteOf(note)) contents->damages.push_back(*std::move(damage));
+  if (item.type == kIndexSection && note.offset == item.offset) {
+    if (auto label = LabelOf(note)) contents->labels.emplace(note.offset, *std::move(label));
+  }
   if (note.offset == 0) contents->headerCheck = ChecksumOfName(note.name);
   if (item.type != kIndexFile || note.offset < item.offset) return;
   if (note.offset == item.offset) {

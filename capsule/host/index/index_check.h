@@ -2,6 +2,7 @@
 #pragma once
 
 #include <cstdint>
+#include <map>
 #include <optional>
 #include <string>
 #include <vector>
@@ -48,6 +49,9 @@ struct IndexContents {
   std::vector<FileCheck> checks;
   std::vector<RestartPoint> restarts;
   std::vector<ItemPath> entries;
+
+  // The labels that a checked index gives to sections, by their offsets.
+  std::map<uint32_t, std::string> labels;
 
   // What a checked index says was damaged when it was made, in its own order.
   std::vector<DamageNote> damages;

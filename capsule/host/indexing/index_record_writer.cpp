@@ -6,6 +6,7 @@
 
 #include "capsule/host/error.h"
 #include "capsule/host/file/reason.h"
+#include "capsule/host/index/partition_label.h"
 #include "capsule/host/index/restart_point.h"
 #include "capsule/host/indexing/restart_collector.h"
 #include "capsule/partition/record_format.h"
@@ -82,11 +83,13 @@ IndexRecordCounter::IndexRecordCounter()
 
 void IndexRecordCounter::Add(const DamageNote& note) { m_nBytes += RecordSize(RecordOf(note)); }
 
-void IndexRecordCounter::Add(const SectionItem& item, const std::string& damage) {
+void IndexRecordCounter::Add(const SectionItem& item, const std::string& damage,
+                             const std::string& label) {
   const uint64_t checksumSize = RecordSize(ChecksumRecord(0, 0, 0));
   const bool isSection = item.kind == SectionItem::Kind::Section;
   const bool isSound = IsSoundFile(item, damage);
   if (!damage.empty()) Add({0, 0, damage, false});
+  if (!label.empty()) m_nBytes += RecordSize(LabelRecord({}, label));
   m_nBytes += RecordSize(ItemRecord(item)) + m_nFileNote + (isSection ? checksumSize : 0);
   m_nFileNote = isSound ? checksumSize : 0;
   if (isSound && !item.isNtfs) m_nRestartBytes += host::MostRestartBytes(item.entry.FileSize);
@@ -106,7 +109,8 @@ IndexRecordWriter::IndexRecordWriter(const RecordSource& files, int output, uint
 
 void IndexRecordWriter::Add(const DamageNote& note) { m_Stream.Append(RecordOf(note)); }
 
-void IndexRecordWriter::Add(const SectionItem& item, const std::string& damage) {
+void IndexRecordWriter::Add(const SectionItem& item, const std::string& damage,
+                            const std::string& label) {
   if (m_bHasLast) AppendLast();
   const bool isSection = item.kind == SectionItem::Kind::Section;
   if (isSection) m_Section.Reset();
@@ -119,6 +123,7 @@ void IndexRecordWriter::Add(const SectionItem& item, const std::string& damage) 
   m_bHasLast = true;
   m_Last = ItemRecord(item);
   m_strDamage = damage;
+  m_label = label;
   m_FileNote.reset();
   if (!IsSoundFile(item, damage)) return;
   m_FileNote = ChecksumRecord(m_File.Value(), item.offset, item.length);
@@ -134,6 +139,7 @@ void IndexRecordWriter::AppendLast() {
   if (m_Last.type == kIndexSection) {
     m_nSectionStart = m_Last.offset;
     m_nSectionRecord = m_Stream.Append(ChecksumRecord(0, 0, 0));
+    if (!m_label.empty()) m_Stream.Append(LabelRecord(m_Last, m_label));
   }
   AppendDamage();
   if (!m_FileNote) return;

@@ -26,7 +26,7 @@ class IndexRecordCounter {
   IndexRecordCounter();
 
   // As IndexRecordWriter takes them.
-  void Add(const SectionItem& item, const std::string& damage);
+  void Add(const SectionItem& item, const std::string& damage, const std::string& label);
   void Add(const DamageNote& note);
 
   // Without restart points, and how many bytes those take at most.
@@ -56,8 +56,8 @@ class IndexRecordWriter {
   void Add(const DamageNote& note);
 
   // The next item. `damage`: what is wrong with it, or nothing; a damaged file has neither check
-  // value nor restart points.
-  void Add(const SectionItem& item, const std::string& damage);
+  // value nor restart points. `label`: of a section, or nothing.
+  void Add(const SectionItem& item, const std::string& damage, const std::string& label);
 
   // Makes the last record reach the index; where that ends. It is the record of an item, even when
   // the end of the last section is lost: then the section's check value is for what lies before the
@@ -91,6 +91,7 @@ class IndexRecordWriter {
   bool m_bHasLast = false;
   IndexRecord m_Last;
   std::string m_strDamage;  // of the last item
+  std::string m_label;      // the same
   std::optional<IndexRecord> m_FileNote;
   uint64_t m_nRestartBytes = 0;
 };
