@@ -3,7 +3,7 @@
 #include <algorithm>
 #include <utility>
 
-#include "capsule/blocks/data_block_format.h"
+#include "capsule/blocks/data_record.h"
 
 namespace capsule {
 

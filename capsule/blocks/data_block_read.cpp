@@ -14,13 +14,13 @@
 #include <utility>
 
 #include "capsule/blocks/data_block.h"
-#include "capsule/blocks/data_block_format.h"
+#include "capsule/blocks/data_record.h"
 #include "capsule/compression/lzs.h"
 #include "capsule/container/capsule_file.h"
 #include "capsule/container/reader_lock.h"
 #include "capsule/partition/record_format.h"
-#include "capsule/platform/show_message.h"
 #include "capsule/platform/out_of_memory.h"
+#include "capsule/platform/show_message.h"
 #include "capsule/runtime/debug_tracer.h"
 
 namespace capsule {

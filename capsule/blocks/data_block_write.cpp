@@ -4,7 +4,7 @@
 #include <utility>
 
 #include "capsule/blocks/data_block.h"
-#include "capsule/blocks/data_block_format.h"
+#include "capsule/blocks/data_record.h"
 #include "capsule/compression/stream_compressor.h"
 #include "capsule/partition/record_format.h"
 #include "capsule/platform/file.h"

@@ -1,6 +1,5 @@
 #include "capsule/blocks/data_record.h"
 
-#include "capsule/blocks/data_block_format.h"
 #include "capsule/partition/ntfs_format.h"
 #include "capsule/partition/record_format.h"
 

@@ -12,7 +12,7 @@
 #include <new>
 
 #include "capsule/blocks/data_block.h"
-#include "capsule/blocks/data_block_format.h"
+#include "capsule/blocks/data_record.h"
 #include "capsule/blocks/file_block.h"
 #include "capsule/blocks/file_extraction.h"
 #include "capsule/compression/lzs.h"

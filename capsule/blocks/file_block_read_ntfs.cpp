@@ -10,7 +10,7 @@
 #include <vector>
 
 #include "capsule/blocks/data_block.h"
-#include "capsule/blocks/data_block_format.h"
+#include "capsule/blocks/data_record.h"
 #include "capsule/blocks/file_block.h"
 #include "capsule/blocks/file_extraction.h"
 #include "capsule/container/capsule_file.h"

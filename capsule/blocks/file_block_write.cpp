@@ -4,7 +4,7 @@
 #include <span>
 
 #include "capsule/blocks/data_block.h"
-#include "capsule/blocks/data_block_format.h"
+#include "capsule/blocks/data_record.h"
 #include "capsule/blocks/file_block.h"
 #include "capsule/blocks/insert_observer.h"
 #include "capsule/compression/stream_compressor.h"

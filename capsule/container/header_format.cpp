@@ -4,7 +4,6 @@
 #include <memory>
 #include <string_view>
 
-#include "capsule/container/header_scramble.h"
 #include "capsule/partition/record_format.h"
 #include "capsule/platform/ascii.h"
 #include "capsule/platform/little_endian.h"
@@ -19,17 +18,7 @@ bool BeginsWithSignature(HeaderBytes header) {
   return platform::EqualIgnoringCase(beginning, kSignature);
 }
 
-std::string TerminatedText(std::span<const unsigned char> field) {
-  return {field.begin(), std::find(field.begin(), field.end(), 0)};
-}
-
-constexpr size_t kCompactRecordSize = 40;
 constexpr size_t kCompactExtra = 28;  // bytes of a record from here on are kept for the host
-constexpr size_t kSectionCountInTail = 6;
-constexpr size_t kScrambledInTail = 512;
-constexpr size_t kScrambledBeforeRecords = 1544;
-constexpr size_t kFixedScrambledLength = 1800;
-constexpr size_t kBehindRecordsSize = 5;
 constexpr unsigned char kSectorAreaMark[] = {0xAB, 0xCD};
 
 // Bytes that a record keeps behind the partition's own.
@@ -51,89 +40,12 @@ _PartitionNode* MakeChain(HeaderBytes header, const HeaderTail& tail) {
   return next;
 }
 
-std::string Number(size_t value) { return std::to_string(value); }
-
-std::optional<HeaderTail> LocateCompactTail(HeaderBytes header, std::string* problem) {
-  HeaderTail tail;
-  tail.sectorArea = platform::LoadLe16(&header[kTailOffsetOffset]);
-  tail.recordSize = kCompactRecordSize;
-  tail.records = tail.At(kPartitionRecordsOffset);
-  const bool fits = tail.records + kBehindRecordsSize <= header.size();
-  if (tail.sectorArea >= kScrambleFlagOffset && fits) {
-    tail.sectionCount = header[tail.sectorArea + kSectionCountInTail];
-    tail.recordCount = header[tail.At(kPartitionCountOffset)];
-    const size_t most = std::max(tail.sectionCount, tail.recordCount);
-    if (tail.records + kCompactRecordSize * most + kBehindRecordsSize <= header.size()) return tail;
-    *problem = "header claims " + Number(most) + " partitions behind " + Number(tail.sectorArea) +
-               ", it is " + Number(header.size()) + " bytes long";
-  } else {
-    *problem = "header's second part is said to begin at " + Number(tail.sectorArea);
-  }
-  return std::nullopt;
-}
-
-// The bytes that may be scrambled. The number of sections lies in front of them.
-std::optional<std::span<unsigned char>> ScrambledRegion(
-    std::span<unsigned char, kHeaderSize> header, std::string* problem) {
-  if (SelectLayout(header) == HeaderLayout::Fixed) {
-    return header.subspan(kHeaderSectorAreaOffset + kScrambledInTail, kFixedScrambledLength);
-  }
-  const size_t tail = platform::LoadLe16(&header[kTailOffsetOffset]);
-  const size_t start = tail + kScrambledInTail;
-  if (tail >= kScrambleFlagOffset && start + kScrambledBeforeRecords <= header.size()) {
-    const size_t length =
-        kScrambledBeforeRecords + kCompactRecordSize * header[tail + kSectionCountInTail];
-    if (start + length <= header.size()) return header.subspan(start, length);
-  }
-  *problem = "scrambled part of the header, from " + Number(start) + " on, leaves it";
-  return std::nullopt;
-}
-
 }  // namespace
 
 HeaderLayout SelectLayout(HeaderBytes header) {
   const uint16_t tailOffset = platform::LoadLe16(header.subspan<kTailOffsetOffset, 2>().data());
   if (tailOffset == 0 || BeginsWithSignature(header)) return HeaderLayout::Fixed;
   return HeaderLayout::Compact;
-}
-
-bool RestoreScrambledRegion(std::span<unsigned char, kHeaderSize> header, std::string* problem) {
-  constexpr unsigned char kScrambled = 1;
-  constexpr size_t kKeySize = 36;
-  constexpr int kRestore = 1;
-  if (header[kScrambleFlagOffset] != kScrambled) return true;
-  const auto region = ScrambledRegion(header, problem);
-  if (!region) return false;
-  const std::string key = TerminatedText(header.subspan(kScrambleFlagOffset + 1, kKeySize));
-  HeaderScramble(region->data(), key.c_str(), static_cast<int>(region->size()), kRestore);
-  return true;
-}
-
-std::optional<HeaderTail> LocateTail(HeaderBytes header, std::string* problem) {
-  if (SelectLayout(header) == HeaderLayout::Compact) return LocateCompactTail(header, problem);
-  HeaderTail tail;
-  tail.recordCount = header[kPartitionCountOffset];
-  tail.sectionCount = tail.recordCount;
-  if (tail.recordCount <= kMaxPartitions) return tail;
-  *problem = "header claims " + Number(tail.recordCount) + " partitions, room is for " +
-             Number(kMaxPartitions);
-  return std::nullopt;
-}
-
-std::optional<DecodedHeader> DecodeHeader(HeaderBytes header, std::string* problem) {
-  const std::optional<HeaderTail> tail = LocateTail(header, problem);
-  if (!tail) return std::nullopt;
-  DecodedHeader decoded;
-  decoded.tail = *tail;
-  decoded.layout = SelectLayout(header);
-  decoded.version = TerminatedText(header.first<kVersionSize>());
-  decoded.indexOffset = platform::LoadLe32(&header[kIndexOffsetOffset]);
-  decoded.compressed = header[tail->At(kCompressionFlagOffset)] != 0;
-  for (size_t i = 0; i < tail->sectionCount; ++i) {
-    const auto record = header.subspan(tail->records + i * tail->recordSize);
-    decoded.partitions.push_back(DecodePartition(record.first<kPartitionRecordSize>()));
-  }
-  return decoded;
 }
 
 // The decoded header is the stored one in the fixed layout, with a pointer in the place of the

@@ -2,7 +2,6 @@
 #pragma once
 
 #include <cstdint>
-#include <optional>
 #include <span>
 #include <string>
 #include <vector>
@@ -34,10 +33,6 @@ using HeaderBytes = std::span<const unsigned char, kHeaderSize>;
 
 HeaderLayout SelectLayout(HeaderBytes header);
 
-// Restores, in place, the scrambled region of a header that says it has one. False, with the reason
-// in `*problem`, when the region would leave the header.
-bool RestoreScrambledRegion(std::span<unsigned char, kHeaderSize> header, std::string* problem);
-
 // Where a header keeps what follows its middle: the fixed layout has it at 5000, the compact one
 // where the tail offset says.
 struct HeaderTail {
@@ -51,10 +46,6 @@ struct HeaderTail {
   size_t BehindRecords() const { return records + recordSize * recordCount; }
 };
 
-// None, with the reason, when something lies outside of the header or more partitions are claimed
-// than it has room for.
-std::optional<HeaderTail> LocateTail(HeaderBytes header, std::string* problem);
-
 // What readers need of a header, checked.
 struct DecodedHeader {
   std::string version;  // up to the terminator, at most 256 bytes
@@ -64,10 +55,6 @@ struct DecodedHeader {
   std::vector<_Partition> partitions;  // as many as there are sections to read
   HeaderTail tail;
 };
-
-// Decodes a header whose scrambled region has been restored. None, with the reason in `*problem`,
-// when a field lies outside of the header or more partitions are claimed than it has room for.
-std::optional<DecodedHeader> DecodeHeader(HeaderBytes header, std::string* problem);
 
 // Fills the header that hosts see. The chain of partition records that it had before is released.
 void FillImageHeader(HeaderBytes header, const DecodedHeader& decoded, _NewImageHeader* out);

@@ -6,7 +6,7 @@
 #include <vector>
 
 #include "capsule/blocks/data_block.h"
-#include "capsule/blocks/data_block_format.h"
+#include "capsule/blocks/data_record.h"
 #include "capsule/compression/lzs.h"
 #include "tests/support/bytes.h"
 #include "tests/support/image_maker.h"

@@ -8,7 +8,7 @@
 #include <vector>
 
 #include "capsule/blocks/data_block.h"
-#include "capsule/blocks/data_block_format.h"
+#include "capsule/blocks/data_record.h"
 #include "capsule/blocks/file_block.h"
 #include "capsule/compression/lzs.h"
 #include "capsule/compression/stream_compressor.h"

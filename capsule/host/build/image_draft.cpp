@@ -5,7 +5,7 @@
 #include <utility>
 #include <vector>
 
-#include "capsule/blocks/data_block_format.h"
+#include "capsule/blocks/data_record.h"
 #include "capsule/host/error.h"
 #include "capsule/host/file/image_file.h"
 #include "capsule/host/file/reason.h"

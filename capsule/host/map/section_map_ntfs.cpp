@@ -1,7 +1,7 @@
 #include <algorithm>
 #include <vector>
 
-#include "capsule/blocks/data_block_format.h"
+#include "capsule/blocks/data_record.h"
 #include "capsule/host/file/reason.h"
 #include "capsule/host/map/section_map.h"
 #include "capsule/host/records/ntfs_entry.h"

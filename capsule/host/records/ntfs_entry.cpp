@@ -4,7 +4,7 @@
 #include <algorithm>
 #include <array>
 
-#include "capsule/blocks/data_block_format.h"
+#include "capsule/blocks/data_record.h"
 #include "capsule/host/error.h"
 #include "capsule/host/file/reason.h"
 #include "capsule/partition/ntfs_file.h"

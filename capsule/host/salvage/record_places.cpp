@@ -4,7 +4,7 @@
 #include <map>
 #include <optional>
 
-#include "capsule/blocks/data_block_format.h"
+#include "capsule/blocks/data_record.h"
 #include "capsule/host/records/unit_decoder.h"
 #include "capsule/host/salvage/record_survey.h"
 

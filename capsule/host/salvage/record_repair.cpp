@@ -1,7 +1,7 @@
 #include <algorithm>
 #include <array>
 
-#include "capsule/blocks/data_block_format.h"
+#include "capsule/blocks/data_record.h"
 #include "capsule/host/file/file_window.h"
 #include "capsule/host/records/unit_decoder.h"
 #include "capsule/host/salvage/record_survey.h"
