@@ -98,7 +98,7 @@ class Lister {
   void Line(const host::Entry& entry, const std::string& path) {
     if (m_Arguments.json) return m_Output.Write(JsonLine(entry, path, LabelOf(m_Image, entry)));
     const std::string columns = m_Arguments.isLong ? LongColumns(entry) : "";
-    m_Output.WritePathLine(columns, entry.IsDirectory() ? path + "/" : path);
+    m_Output.WritePathLine(columns, path, entry.IsDirectory() ? "/\n" : "\n");
   }
 
   const host::Image& m_Image;

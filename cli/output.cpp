@@ -2,6 +2,7 @@
 
 #include <unistd.h>
 
+#include <array>
 #include <cerrno>
 #include <cstdio>
 #include <system_error>
@@ -12,6 +13,8 @@
 namespace capsule::cli {
 namespace {
 
+constexpr size_t kBufferSize = size_t{64} << 10;
+
 [[noreturn]] void Fail() {
   throw host::Error("standard output", "cannot write",
                     std::error_code(errno, std::generic_category()));
@@ -19,7 +22,12 @@ namespace {
 
 }  // namespace
 
-Output::Output() : m_bTerminal(isatty(STDOUT_FILENO) == 1) {}
+Output::Output() : m_bTerminal(isatty(STDOUT_FILENO) == 1) {
+  static std::array<char, kBufferSize> buffer;  // in use until the process ends
+  static const bool isSet =
+      !m_bTerminal && std::setvbuf(stdout, buffer.data(), _IOFBF, buffer.size()) == 0;
+  static_cast<void>(isSet);
+}
 
 void Output::Write(std::string_view text) {
   if (std::fwrite(text.data(), 1, text.size(), stdout) != text.size()) Fail();
@@ -29,14 +37,14 @@ void Output::Write(std::span<const unsigned char> bytes) {
   if (std::fwrite(bytes.data(), 1, bytes.size(), stdout) != bytes.size()) Fail();
 }
 
-void Output::WritePathLine(std::string_view before, std::string_view path) {
+void Output::WritePathLine(std::string_view before, std::string_view path, std::string_view after) {
   Write(before);
   if (m_bTerminal) {
     Write(ForTerminal(path));
   } else {
     Write(path);
   }
-  Write("\n");
+  Write(after);
 }
 
 void Output::Flush() {

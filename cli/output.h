@@ -15,7 +15,7 @@ class Output {
   void Write(std::span<const unsigned char> bytes);
 
   // A path as it is, or on a terminal as people can read it, between `before` and a line end.
-  void WritePathLine(std::string_view before, std::string_view path);
+  void WritePathLine(std::string_view before, std::string_view path, std::string_view after = "\n");
 
   // To be called at the end: data may be held back until then.
   void Flush();

@@ -64,7 +64,8 @@ void TakeIndexRecord(platform::ByteReader& reader, IndexRecord* record) {
   record->length = 0;
   if (!HasIndexBody(record->type)) return;
   const auto name = reader.Take(reader.U16());
-  record->name.assign(name.begin(), name.end());
+  record->name.resize(name.size());
+  std::copy(name.begin(), name.end(), record->name.begin());
   record->offset = reader.U32();
   record->length = reader.U32();
 }
@@ -103,13 +104,16 @@ std::string ChecksumName(uint64_t value) { return std::string(kCheckKey) + Check
 
 std::optional<uint64_t> ChecksumOfName(std::string_view name) {
   const auto [kind, digits] = SplitNoteName(name);
-  const bool areDigits = std::all_of(digits.begin(), digits.end(), [](char c) {
-    return (c >= '0' && c <= '9') || (c >= 'a' && c <= 'f');
-  });
-  if (kind != NoteKind::CheckValue || digits.size() != 16 || !areDigits) return std::nullopt;
+  if (kind != NoteKind::CheckValue || digits.size() != 16) return std::nullopt;
   uint64_t value = 0;
-  std::from_chars(digits.data(), digits.data() + digits.size(), value, 16);
-  return value;
+  bool areDigits = true;
+  for (const char c : digits) {
+    const bool isLetter = c >= 'a';
+    const int digit = isLetter ? c - 'a' + 10 : c - '0';
+    areDigits = areDigits && digit >= (isLetter ? 10 : 0) && digit < (isLetter ? 16 : 10);
+    value = value << 4 | (static_cast<uint64_t>(digit) & 0xF);
+  }
+  return areDigits ? std::optional(value) : std::nullopt;
 }
 
 std::string RestartName(uint32_t fileOffset, std::span<const unsigned char> history) {

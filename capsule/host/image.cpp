@@ -193,7 +193,7 @@ Image::Image(std::shared_ptr<const ByteSource> source, std::string name, Opening
   const bool isEmpty = SectionsOf(header).empty();
   try {
     CheckIndexOffset(header, file);
-    index = CheckIndex(file, header.indexOffset, opening == Opening::Salvage);
+    index = CheckIndex(file, header.indexOffset);
     impl.catalog = ReadIndexedTree(file, header, index, &impl.problems);
     if (opening == Opening::Salvage) RefuseLeftOut(impl.problems, file.Name());
     if (!index.isChecked || HasNtfsPartition(header)) {
@@ -206,6 +206,7 @@ Image::Image(std::shared_ptr<const ByteSource> source, std::string name, Opening
     if (opening == Opening::Strict && !isWithoutIndex) throw;
     if (!isWithoutIndex) scanReason = error.Reason();
     impl.problems.clear();
+    if (index.isChecked) index = CheckIndex(file, header.indexOffset, true);
     impl.catalog =
         SalvageCatalog(file, index, LimitOfSections(file, header, index, length), &impl.problems);
     if (impl.catalog->Size() == 0 && !isEmpty) throw;

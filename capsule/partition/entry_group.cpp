@@ -74,17 +74,19 @@ std::optional<EntryGroup::PieceFault> EntryGroup::FaultOf(size_t piece) const {
 }
 
 std::string_view EntryGroup::FaultOfFilling() const {
-  const auto bytes = Units();
-  bool hasEnded = false;
-  if (bytes.size() == kPieceNameBytes && platform::LoadLe16(bytes.data()) == 0) return "empty";
-  for (size_t at = 0; at < bytes.size(); at += 2) {
-    const uint16_t unit = platform::LoadLe16(&bytes[at]);
-    if (at == kPieceNameBytes) hasEnded = false;
-    if (hasEnded && unit != kFilling) return "name goes on behind its end";
-    if (unit != 0 && (unit != kFilling || hasEnded)) continue;
-    if (at >= kPieceNameBytes) return "name ends before its last piece";
-    if (unit == kFilling) return "name is filled up without an end";
-    hasEnded = true;
+  const auto unitAt = [bytes = Units()](size_t n) { return platform::LoadLe16(&bytes[2 * n]); };
+  constexpr size_t kUnits = kPieceNameBytes / 2;
+  const size_t count = m_pieces * kUnits;
+  if (m_pieces == 1 && unitAt(0) == 0) return "empty";
+  size_t end = 0;  // of the name, in its last piece, which is the first record
+  while (end < std::min(count, kUnits) && unitAt(end) != 0) {
+    if (unitAt(end++) == kFilling) return "name is filled up without an end";
+  }
+  for (size_t n = end + 1; n < std::min(count, kUnits); ++n) {
+    if (unitAt(n) != kFilling) return "name goes on behind its end";
+  }
+  for (size_t n = kUnits; n < count; ++n) {
+    if (unitAt(n) == 0 || unitAt(n) == kFilling) return "name ends before its last piece";
   }
   return {};
 }

@@ -1,6 +1,7 @@
 #include "capsule/partition/record_format.h"
 
 #include <algorithm>
+#include <array>
 
 #include "capsule/platform/byte_reader.h"
 #include "capsule/platform/little_endian.h"
@@ -23,11 +24,6 @@ template <size_t Count>
 void TakeBytes(platform::ByteReader& reader, uint8_t (&out)[Count]) {
   const auto bytes = reader.Take(Count);
   std::copy(bytes.begin(), bytes.end(), out);
-}
-
-std::string_view TrimBlanks(std::string_view text) {
-  const size_t last = text.find_last_not_of(' ');
-  return last == std::string_view::npos ? std::string_view() : text.substr(0, last + 1);
 }
 
 bool IsHighSurrogate(char16_t unit) { return unit >= 0xD800 && unit < 0xDC00; }
@@ -211,12 +207,15 @@ std::u16string DecodeLongName(std::span<const unsigned char> piecesLastFirst) {
 
 // Nearly all names have no unit above 255.
 std::string LongNameToBytes(std::span<const unsigned char> piecesLastFirst) {
-  std::string bytes;
+  std::array<char, size_t{kMaxLongNamePieces} * kPieceUnits> bytes;
+  size_t count = 0;
   const bool areBytes = ForEachUnit(piecesLastFirst, [&](char16_t unit) {
-    bytes.push_back(static_cast<char>(unit));
-    return unit < 256;
+    if (unit > 0xFF || count == bytes.size()) return false;
+    bytes[count++] = static_cast<char>(unit);
+    return true;
   });
-  return areBytes ? bytes : Utf16ToUtf8(DecodeLongName(piecesLastFirst));
+  if (!areBytes) return Utf16ToUtf8(DecodeLongName(piecesLastFirst));
+  return {bytes.data(), count};
 }
 
 std::string LongNameToBytes(std::u16string_view units) {
@@ -228,14 +227,15 @@ std::string LongNameToBytes(std::u16string_view units) {
 }
 
 std::string ShortNameToBytes(const _ShortDirEntry& entry) {
-  std::string name(std::begin(entry.Name), std::end(entry.Name));
-  if (entry.Name[0] == kStandsForE5) name.front() = '\xE5';
-  const std::string extension(std::begin(entry.Extension), std::end(entry.Extension));
-  std::string text(TrimBlanks(name));
-  if (const auto trimmed = TrimBlanks(extension); !trimmed.empty()) {
-    text.append(".").append(trimmed);
-  }
-  return text;
+  std::array<char, sizeof entry.Name + 1 + sizeof entry.Extension> text;
+  auto end = std::copy(std::begin(entry.Name), std::end(entry.Name), text.begin());
+  if (entry.Name[0] == kStandsForE5) text.front() = '\xE5';
+  while (end != text.begin() && end[-1] == ' ') --end;
+  const auto dot = end;
+  *end++ = '.';
+  end = std::copy(std::begin(entry.Extension), std::end(entry.Extension), end);
+  while (end[-1] == ' ') --end;
+  return {text.begin(), end - 1 == dot ? dot : end};
 }
 
 }  // namespace capsule

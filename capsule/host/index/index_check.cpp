@@ -27,6 +27,7 @@ class IndexWalk {
     const auto preamble = m_reader.Take(kIndexPreamble);
     if (preamble.size() < kIndexPreamble) Throw("index is cut short");
     m_statedCheck = DecodeIndexStart(preamble).checkValue;
+    if (m_statedCheck) m_reader.SumUp(&m_checksum);
   }
 
   bool IsChecked() const { return m_statedCheck.has_value(); }
@@ -36,17 +37,12 @@ class IndexWalk {
 
   void Next(IndexRecord* record) {
     if (!m_reader.TakeRecord(record)) Fail("index is cut short");
-    if (m_statedCheck) m_checksum.Update(m_reader.RecordBytes());
   }
 
   // Throws when the check value of the index does not hold. What it says counts only then.
   void Verify() {
     if (!m_statedCheck) return;
-    while (m_reader.Position() < m_reader.End()) {
-      const auto rest = m_reader.Take(FileWindow::kSize);
-      if (rest.empty()) Throw("index is cut short");
-      m_checksum.Update(rest);
-    }
+    m_reader.TakeRest();
     const uint32_t found = m_checksum.Value();
     if (found == *m_statedCheck) return;
     Throw("index is damaged or cut short: check value is " + Hex(*m_statedCheck) +
@@ -65,10 +61,10 @@ class IndexWalk {
   }
 
   const ImageFile& m_image;
+  IndexChecksum m_checksum;  // of all that was read behind the preamble
   IndexReader m_reader;
   uint64_t m_indexOffset;
   std::optional<uint32_t> m_statedCheck;
-  IndexChecksum m_checksum;  // of all that was read
 };
 
 void Keep(const IndexRecord& record, IndexContents* contents) {
@@ -80,29 +76,29 @@ void Keep(const IndexRecord& record, IndexContents* contents) {
       record.type == kIndexFile || (record.type == kIndexZeroEntry && !record.name.empty());
   if (!isEntry || !contents->isChecked) return;
   const bool isFile = record.type == kIndexFile;
-  const std::string_view path = record.name;
-  const size_t slash = path.rfind('/');
-  const std::string_view folder = slash == path.npos ? "" : path.substr(0, slash);
-  contents->entries.push_back({record.offset, isFile, !path.empty(),
-                               ExtendPathHash(kRootPathHash, path),
-                               ExtendPathHash(kRootPathHash, folder)});
+  const PathHashes hashes = HashesOfPath(record.name);
+  contents->entries.push_back(
+      {record.offset, isFile, !record.name.empty(), hashes.path, hashes.folder});
 }
 
 // A note behind `item`, the latest record that is none: the check value of the header or of the
 // item, a restart point of the item, or the label of a section. `place`: where the note begins.
 void KeepNote(const IndexRecord& note, const IndexRecord& item, uint64_t place,
               IndexContents* contents) {
-  if (auto damage = DamageNoteOf(note)) contents->damages.push_back(*std::move(damage));
+  const NoteKind kind = SplitNoteName(note.name).kind;
+  const bool isDamage = kind == NoteKind::Damaged || kind == NoteKind::Cut;
+  if (isDamage) contents->damages.push_back(*DamageNoteOf(note));
   if (item.type == kIndexSection && note.offset == item.offset) {
     if (auto label = LabelOf(note)) contents->labels.emplace(note.offset, *std::move(label));
   }
-  if (note.offset == 0) contents->headerCheck = ChecksumOfName(note.name);
+  const auto value = ChecksumOfName(note.name);
+  if (note.offset == 0) contents->headerCheck = value;
   if (item.type != kIndexFile || note.offset < item.offset) return;
-  if (note.offset == item.offset) {
-    if (const auto value = ChecksumOfName(note.name))
-      contents->checks.push_back({note.offset, note.length, *value});
+  if (value && note.offset == item.offset) {
+    contents->checks.push_back({note.offset, note.length, *value});
   }
   if (uint64_t{note.offset} + note.length > uint64_t{item.offset} + item.length) return;
+  if (kind != NoteKind::Restart) return;
   if (const auto point = RestartPointOf(note, place)) contents->restarts.push_back(*point);
 }
 

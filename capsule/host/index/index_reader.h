@@ -3,9 +3,11 @@
 
 #include <cstdint>
 #include <span>
+#include <vector>
 
 #include "capsule/container/index_format.h"
-#include "capsule/host/file/file_window.h"
+#include "capsule/host/file/checksum.h"
+#include "capsule/host/file/image_file.h"
 
 namespace capsule::host {
 
@@ -14,24 +16,32 @@ class IndexReader {
   // `position`: where the index, or a record of it, begins in the image.
   IndexReader(const ImageFile& image, uint64_t position);
 
-  // The next `count` bytes, fewer only at the end of the image. Valid until the next call.
+  // Counts all bytes from here on into `sum`, which must outlive the reader.
+  void SumUp(IndexChecksum* sum);
+
+  // The next `count` bytes, at most the size of a record, fewer only at the end of the image. Valid
+  // until the next call. Throws Error.
   std::span<const unsigned char> Take(size_t count);
 
   // The next record; false where the image ends before the record does. Throws Error.
   bool TakeRecord(IndexRecord* record);
 
-  // The bytes of the record that was taken; until the next call.
-  std::span<const unsigned char> RecordBytes() const { return m_record; }
+  // Reads on to the end of the image.
+  void TakeRest();
 
-  // Where the next record begins in the image, and where the image ends.
-  uint64_t Position() const { return m_position; }
-  uint64_t End() const { return m_end; }
+  // Where the next record begins in the image.
+  uint64_t Position() const { return m_read - (m_bytes.size() - m_used); }
 
  private:
-  FileWindow m_window;
-  uint64_t m_position;
+  std::span<const unsigned char> Peek(size_t count);
+  void Refill();
+
+  ImageFile m_image;
+  uint64_t m_read;  // up to where the image was read
   uint64_t m_end;
-  std::span<const unsigned char> m_record;
+  std::vector<unsigned char> m_bytes;
+  size_t m_used = 0;
+  IndexChecksum* m_sum = nullptr;
 };
 
 }  // namespace capsule::host

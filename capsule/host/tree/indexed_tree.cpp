@@ -59,8 +59,8 @@ const std::vector<uint32_t>& InOrder(const std::vector<uint32_t>& sorted,
 
 class IndexedTreeReader {
  public:
-  IndexedTreeReader(const ImageFile& image, const DecodedHeader& header,
-                    const IndexContents& index, std::vector<ImageProblem>* problems)
+  IndexedTreeReader(const ImageFile& image, const DecodedHeader& header, const IndexContents& index,
+                    std::vector<ImageProblem>* problems)
       : m_path(image.Name()),
         m_header(header),
         m_index(index),
@@ -143,17 +143,24 @@ class IndexedTreeReader {
                            true});
   }
 
-  // What a checked index says of the item, if it must be an entry.
-  const IndexContents::ItemPath* EntryAt(uint32_t offset) const {
+  // What a checked index says of the item, if it must be an entry. Most items are asked for in the
+  // order of their offsets.
+  const IndexContents::ItemPath* EntryAt(uint32_t offset) {
     const auto& entries = m_index.entries;
+    if (m_entry < entries.size() && entries[m_entry].offset == offset) return &entries[m_entry];
+    if (m_entry + 1 < entries.size() && entries[m_entry + 1].offset == offset) {
+      return &entries[++m_entry];
+    }
     const auto entry = std::lower_bound(
         entries.begin(), entries.end(), offset,
         [](const IndexContents::ItemPath& item, uint32_t at) { return item.offset < at; });
-    return entry != entries.end() && entry->offset == offset ? &*entry : nullptr;
+    if (entry == entries.end() || entry->offset != offset) return nullptr;
+    m_entry = static_cast<size_t>(entry - entries.begin());
+    return &*entry;
   }
 
   // An item that is no entry of the tree.
-  void PassNothing(uint32_t offset) const {
+  void PassNothing(uint32_t offset) {
     if (EntryAt(offset) == nullptr || LiesInNtfsSection(offset)) return;
     Fail(offset, "the index names an item here, but it cannot be read");
   }
@@ -186,6 +193,17 @@ class IndexedTreeReader {
     return offset + m_group.size;
   }
 
+  // As that of the index, but what follows an item in its order is found at once.
+  uint32_t LimitOf(uint32_t offset) const {
+    if (!m_index.itemsAsNamed.empty()) return m_index.LimitOf(offset);
+    size_t next = m_next;
+    while (next < m_items.size() && m_items[next] <= offset) ++next;
+    const auto& sections = m_index.sections;
+    const auto section = std::upper_bound(sections.begin(), sections.end(), offset);
+    return std::min(next == m_items.size() ? m_index.end : m_items[next],
+                    section == sections.end() ? m_index.end : *section);
+  }
+
   CatalogNode NodeOf(uint32_t offset, const _ShortDirEntry& entry, bool isDirectory) const {
     CatalogNode node;
     node.isDirectory = isDirectory;
@@ -193,7 +211,7 @@ class IndexedTreeReader {
     node.size = node.isDirectory ? 0 : entry.FileSize;
     node.modified = {entry.WriteDate, entry.WriteTime};
     node.offset = offset;
-    node.dataLimit = m_index.LimitOf(offset);
+    node.dataLimit = LimitOf(offset);
     return node;
   }
 
@@ -230,9 +248,9 @@ class IndexedTreeReader {
 
   // The hash of the entry's path. One whose name is damaged lies where the index says.
   uint64_t ComparePath(const CatalogNode& node, bool isNamed, const std::string& shortName,
-                       std::string* name, std::string* problem) const {
+                       std::string* name, std::string* problem) {
     const uint64_t folder = m_open.back().pathHash;
-    const uint64_t hash = ChildPathHash(folder, *name);
+    const uint64_t hash = HashesOfPath(*name, {folder, folder}).path;
     if (!m_index.isChecked) return hash;
     const auto* stated = EntryAt(node.offset);
     if (stated == nullptr || !stated->isNamed) {
@@ -297,14 +315,15 @@ class IndexedTreeReader {
   Group m_group;  // the one that was read last
   TreeBuilder m_tree;
   std::vector<OpenFolder> m_open;
-  size_t m_next = 0;  // of the items
+  size_t m_next = 0;   // of the items
+  size_t m_entry = 0;  // of the index, found last
   bool m_isNtfs = false;
 };
 
 }  // namespace
 
-std::unique_ptr<Catalog> ReadIndexedTree(const ImageFile& image,
-                                         const DecodedHeader& header, const IndexContents& index,
+std::unique_ptr<Catalog> ReadIndexedTree(const ImageFile& image, const DecodedHeader& header,
+                                         const IndexContents& index,
                                          std::vector<ImageProblem>* problems) {
   return IndexedTreeReader(image, header, index, problems).Read();
 }
