@@ -22,8 +22,12 @@ EntryRole RoleOf(const _ShortDirEntry& entry) {
 }
 
 DotName DotNameOf(const _ShortDirEntry& entry) {
-  const std::string name = ShortNameToBytes(entry);
-  return name == "." ? DotName::Itself : name == ".." ? DotName::Above : DotName::None;
+  const auto stored = EncodeShortEntry(entry);
+  const auto isNamed = [&](std::string_view name) {
+    return std::equal(name.begin(), name.end(), stored.begin());
+  };
+  if (isNamed(".          ")) return DotName::Itself;
+  return isNamed("..         ") ? DotName::Above : DotName::None;
 }
 
 bool EntryGroup::IsPiece(Payload payload, bool isFirst) {

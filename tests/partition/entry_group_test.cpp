@@ -81,6 +81,7 @@ TEST(EntryGroup, TellsWhatItsRecordsAre) {
       {{Short("...        ", 0x10)}, "entry folder ..."},
       {{Short(".A         ", 0x10)}, "entry folder .A"},
       {{Short(".       EXT", 0x10)}, "entry folder ..EXT"},
+      {{Short("        .  ", 0x10)}, "entry folder .."},
       {{Piece(0x41, "dots$~~~~~~~~", kDot), kDot}, "entry dot dots"},
       {{kLast, kFile}, "entry file a name"},
       {{kFile, kFile}, "ends early"},
