@@ -81,6 +81,32 @@ TEST(ByteSourceTest, WhatASourceThrowsNamesTheImageOrArrivesAsItIs) {
   EXPECT_THROW(Image(failing(std::logic_error("of the host")), "far.cap"), std::logic_error);
 }
 
+// A host can tell a source that fails from an image that is damaged.
+TEST(ByteSourceTest, ASourceThatFailsIsNoDamageOfItsFiles) {
+  const std::string bytes = test::ReadFile(test::SamplePath("f_16384_lzs.img"));
+  int code = 0;
+  const auto source = FunctionSource(bytes.size(), [&](uint64_t at, std::span<unsigned char> out) {
+    if (code != 0) throw std::system_error(code, std::generic_category());
+    return Handed(bytes)->ReadAt(at, out);
+  });
+  const Image image(source, "far.cap");
+  test::ForEachEntry(image, [&](const Entry& entry) {
+    if (entry.IsDirectory() || entry.Size() == 0) return;
+    code = EIO;
+    try {
+      test::ReadAll(image, entry);
+      ADD_FAILURE() << entry.Path();
+    } catch (const Error& error) {
+      EXPECT_EQ(static_cast<int>(error.Kind()), static_cast<int>(ErrorKind::System));
+      EXPECT_EQ(error.Code().value(), EIO) << error.what();
+    }
+    code = ENOMEM;
+    EXPECT_THROW(test::ReadAll(image, entry), ShortageError);
+    EXPECT_THROW(image.ReadDamaged(entry, 0, entry.Size(), [](const FilePiece&) {}), ShortageError);
+    code = 0;
+  });
+}
+
 TEST(ByteSourceTest, CopyToHandsOutExactlyTheRange) {
   const Image image(test::SamplePath("f_16384_lzs.img"));
   test::ForEachEntry(image, [&](const Entry& entry) {

@@ -225,7 +225,8 @@ void RecordStream::Fill(uint64_t offset) {
     m_Window.resize(m_Source.image.ReadAt(offset, m_Window));
   } catch (const Error& error) {
     m_Window.clear();
-    Fail("cannot be read: " + error.Reason());
+    if (!error.Code()) Fail("cannot be read: " + error.Reason());
+    ThrowSystemError(m_Source.image.Name(), Place() + "cannot be read", error.Code(), m_nRecord);
   } catch (...) {
     m_Window.clear();
     throw;
@@ -233,8 +234,11 @@ void RecordStream::Fill(uint64_t offset) {
 }
 
 void RecordStream::Fail(const std::string& what) const {
-  throw Error(m_Source.image.Name(),
-              m_Source.entryPath + ": data block at " + Hex(m_nRecord) + ": " + what, m_nRecord);
+  throw Error(m_Source.image.Name(), Place() + what, m_nRecord);
+}
+
+std::string RecordStream::Place() const {
+  return m_Source.entryPath + ": data block at " + Hex(m_nRecord) + ": ";
 }
 
 std::string ProblemOf(const RecordSource& source) {
@@ -243,6 +247,8 @@ std::string ProblemOf(const RecordSource& source) {
     if (source.size == 0) records.CheckEmpty();
     while (records.ChunkEnd() < source.size) records.Advance(records.ChunkEnd());
     return {};
+  } catch (const ShortageError&) {
+    throw;
   } catch (const Error& error) {
     return WithoutPath(error.Reason(), source.entryPath);
   }

@@ -83,6 +83,7 @@ class RecordStream {
   std::span<const unsigned char> Window(uint64_t offset, size_t count);
   void Fill(uint64_t offset);
   [[noreturn]] void Fail(const std::string& what) const;
+  std::string Place() const;  // of the current record, for messages
 
   RecordSource m_Source;
   uint32_t m_nHeaderSize;
@@ -100,7 +101,7 @@ class RecordStream {
   uint64_t m_nMarkDistance;   // bytes of the file from one to the next, at least
 };
 
-// Why the file that lies there cannot be read completely, or nothing.
+// Why the file that lies there cannot be read completely, or nothing. Throws ShortageError.
 std::string ProblemOf(const RecordSource& source);
 
 }  // namespace capsule::host
