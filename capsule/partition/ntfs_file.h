@@ -4,9 +4,9 @@
 
 #include <cstdint>
 #include <optional>
+#include <set>
 #include <span>
 #include <string>
-#include <unordered_set>
 #include <vector>
 
 #include "capsule/partition/directory_records.h"
@@ -65,7 +65,7 @@ class NtfsFile {
   bool m_hasAttributeList = false;
   std::optional<uint32_t> m_number;
   std::vector<uint32_t> m_parents;
-  std::unordered_set<uint32_t> m_children;
+  std::set<uint32_t> m_children;  // ordered, so that no choice of references makes it slow
   NtfsIndexUse m_indexUse;
 };
 
