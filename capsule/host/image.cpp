@@ -238,8 +238,8 @@ Image::Image(Image&&) noexcept = default;
 Image& Image::operator=(Image&&) noexcept = default;
 
 const std::string& Image::Path() const { return m_pImpl->file.Name(); }
-const ImageInfo& Image::Info() const { return m_pImpl->info; }
-const std::vector<ImageProblem>& Image::Problems() const { return m_pImpl->problems; }
+const ImageInfo& Image::Info() const& { return m_pImpl->info; }
+const std::vector<ImageProblem>& Image::Problems() const& { return m_pImpl->problems; }
 bool Image::IsWhole() const {
   const bool isByIndex = Info().scanReason.empty() || Info().indexOffset == 0;
   return isByIndex && Problems().empty();

@@ -80,12 +80,14 @@ class CAPSULE_API Image {
   Image& operator=(Image&&) noexcept;
 
   const std::string& Path() const;
-  const ImageInfo& Info() const;
+  const ImageInfo& Info() const&;
+  const ImageInfo& Info() const&& = delete;
 
   // Entries whose long name is damaged, which go by their short name, FILE records of NTFS
   // partitions that no folder has a place for, which are left out, and what else was found to be
   // damaged on opening.
-  const std::vector<ImageProblem>& Problems() const;
+  const std::vector<ImageProblem>& Problems() const&;
+  const std::vector<ImageProblem>& Problems() const&& = delete;
 
   // Whether opening found nothing wrong: there are no problems, and the index, if the header tells
   // of one, leads to everything. Contents of files are not looked at.

@@ -172,6 +172,8 @@ template <typename T>
 constexpr bool kHandsOut = requires(T image, Entry entry) {
   std::forward<T>(image).Root(0);
 }
+|| requires(T image) { std::forward<T>(image).Info(); }
+|| requires(T image) { std::forward<T>(image).Problems(); }
 || requires(T image) { std::forward<T>(image).Find("x"); }
 || requires(T image, Entry entry) { std::forward<T>(image).OpenFile(entry); };
 static_assert(kHandsOut<Image&> && kHandsOut<const Image&>);

@@ -366,7 +366,8 @@ TEST(ImageBuilder, LabelsStayWithTheirPartitions) {
   }
   // A damaged file does not cost the labels, nor do unlabelled partitions get any.
   std::string damaged = made;
-  damaged[Image(path).Info().partitions[0].offset + 2100] ^= 1;
+  const Image whole(path);
+  damaged[whole.Info().partitions[0].offset + 2100] ^= 1;
   test::WriteFile(path, damaged);
   EXPECT_FALSE(IndexWriter(path).Write(DamagedSections::NoteDamage).problems.empty());
   const Image noted(path, Opening::Salvage);

@@ -225,7 +225,8 @@ TEST_F(IndexWriterTest, IndexesWhatIsLeft) {
     EXPECT_GE(report.problems.size(), 1u);
     EXPECT_EQ(report.problems.back().path == "end of the image", isCut);
     EXPECT_FALSE(IsCalledSound());
-    EXPECT_GE(Image(m_Path).Problems().size(), report.problems.size());
+    const Image indexed(m_Path);
+    EXPECT_GE(indexed.Problems().size(), report.problems.size());
     EXPECT_EQ(Saved().substr(kHeaderSize, bytes.size() - kHeaderSize), bytes.substr(kHeaderSize));
     test::Contents found = test::ReadContents(Image(m_Path));
     for (const std::string& name :
@@ -270,7 +271,8 @@ TEST_F(IndexWriterTest, NotesDamageInAnIndexThatIsRight) {
   EXPECT_EQ(Saved(), bytes);
 
   // A note of a kind that nobody knows is kept.
-  const size_t start = Image(m_Path).Info().indexOffset;
+  const Image sound(m_Path);
+  const size_t start = sound.Info().indexOffset;
   const std::string unknown = Record(6, "what=ever", kHeaderSize, 9);
   bytes.insert(bytes.find("FOLDER/TWO.BIN", start) - 3, unknown);
   const std::string records = bytes.substr(start + 7);

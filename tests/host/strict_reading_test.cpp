@@ -90,7 +90,8 @@ TEST_F(StrictReading, ItemsThatMovedToAnotherPathAreReported) {
 
   // That of a folder: what lies in it is where it belongs.
   Damage(folder + 8 + 1);
-  EXPECT_EQ(Image(m_Path).Problems().size(), 1U);
+  const Image renamed(m_Path);
+  EXPECT_EQ(renamed.Problems().size(), 1U);
 
   // The "." becomes a 0, its group a zero entry: the folder ends before its contents.
   Damage(m_Whole.find(std::string(".          \x10"), folder), '.');

@@ -370,7 +370,8 @@ TEST(HostileChains, AreNotFollowedTimeAndAgain) {
   const test::TempDir folder;
   const auto problems = [&](const std::string& bytes) {
     test::WriteFile(folder / "x.cap", bytes);
-    return Image(folder / "x.cap", Opening::Salvage).Problems();
+    const Image salvaged(folder / "x.cap", Opening::Salvage);
+    return salvaged.Problems();
   };
   for (const std::string& bytes : {bare, unchecked}) {
     EXPECT_NE(problems(bytes).back().reason.find("what follows is left out"), std::string::npos);
