@@ -201,6 +201,8 @@ TEST_F(ErrorTest, WhatWasMovedFromSaysSo) {
       [&] { extractor.Add(entry); },
       [&] { return extractor.Run(); },
       [&] { return verifier.Run([](const Fault&) {}); },
+      [] { Image(std::shared_ptr<const ByteSource>(), "nothing"); },
+      [] { MapImage(std::shared_ptr<const ByteSource>(), "nothing", [](const MapItem&) {}); },
   };
   for (const Work& work : misuses) EXPECT_THROW(work(), Error) << &work - misuses;
 

@@ -4,12 +4,15 @@
 #include <system_error>
 #include <utility>
 
+#include "capsule/host/error.h"
 #include "capsule/host/file/reason.h"
 
 namespace capsule::host {
 
 ImageFile::ImageFile(std::shared_ptr<const ByteSource> source, std::string name)
-    : m_state(std::make_shared<const State>(State{std::move(source), std::move(name)})) {}
+    : m_state(std::make_shared<const State>(State{std::move(source), std::move(name)})) {
+  if (!m_state->source) throw Error(ErrorKind::Misuse, Name(), "there is no source");
+}
 
 ImageFile::ImageFile(int descriptor, std::string name)
     : ImageFile(DescriptorSource(descriptor), std::move(name)) {}
