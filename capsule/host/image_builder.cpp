@@ -128,8 +128,8 @@ std::string LabelFor(const fs::path& folder) {
 // Whether a time of modification comes out as it was, but for the second that is rounded off.
 bool IsTimeKept(int64_t seconds) {
   const auto stored = platform::ToDosDateTime(platform::FileTimeFromUnix(seconds, 0));
-  const int64_t lost = seconds - platform::ToUnixSeconds(stored);
-  return lost == 0 || lost == 1;
+  const int64_t kept = platform::ToUnixSeconds(stored);
+  return seconds == kept || seconds == kept + 1;
 }
 
 // Whether permissions are those that any new file or folder gets, or these without any to write.

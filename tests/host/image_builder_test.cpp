@@ -5,6 +5,7 @@
 #include <sys/stat.h>
 
 #include <cstdlib>
+#include <limits>
 
 #include "capsule/host/index_writer.h"
 #include "capsule/host/verifier.h"
@@ -294,8 +295,11 @@ TEST(ImageBuilder, ItemsFromAnywhereComeOutLikeThoseOfAFolder) {
   });
   other.AddItems({{.path = "f", .source = folder / "in/z", .modified = kTime, .attributes = 0x07},
                   {.path = "g", .bytes = broken},
-                  {.path = "h", .bytes = MemorySource(span)}});
+                  {.path = "h", .bytes = MemorySource(span)},
+                  {.path = "i", .modified = std::numeric_limits<int64_t>::min()},
+                  {.path = "j", .modified = std::numeric_limits<int64_t>::max()}});
   const BuildReport report = other.Finish();
+  EXPECT_EQ(report.timesChanged, 2u);
   ASSERT_EQ(report.problems.size(), 1u);
   EXPECT_EQ(report.problems[0].path + ": " + report.problems[0].reason,
             "g: read at 0x0: input/output error");
@@ -304,6 +308,7 @@ TEST(ImageBuilder, ItemsFromAnywhereComeOutLikeThoseOfAFolder) {
   EXPECT_EQ(image.Find("f")->Attributes(), 0x07);
   EXPECT_EQ(image.Find("f")->ModifiedTime(), kTime);
   EXPECT_EQ(test::ReadAll(image, *image.Find("h")), bytes);
+  EXPECT_EQ(image.Find("i")->ModifiedTime(), kEarliest);
 
   const auto memory = MemorySource(span);
   const std::pair<std::vector<BuildItem>, ErrorKind> refused[] = {
