@@ -152,13 +152,24 @@ TEST_F(ProgressTest, WhatIsCancelledAtAnyTimeLeavesNothingHalfDone) {
 }
 
 TEST_F(ProgressTest, WhatACallbackThrowsEndsTheBuildLikeCancelling) {
-  int calls = 0;
-  const auto tell = [&](const Progress& at) {
-    if (at.path == "0:/folder/long" && ++calls == 3) throw calls;
+  const auto throwing = [](auto what, uint64_t from) {
+    return [=](const Progress& at) {
+      if (at.path == "0:/folder/long" && at.bytesDone >= from) throw what;
+    };
   };
-  EXPECT_THROW(Build({.onProgress = tell}), int);
-  EXPECT_TRUE(test::ReadFile(m_dir / "x.cap") == m_image);
-  EXPECT_EQ(Names(".").size(), 7u);
+  for (const uint64_t from : {uint64_t{1}, kLong / 2, kLong}) {
+    EXPECT_THROW(Build({.onProgress = throwing(3, from)}), int);
+    EXPECT_THROW(Build({.onProgress = throwing(std::bad_alloc(), from)}), std::bad_alloc);
+    EXPECT_TRUE(test::ReadFile(m_dir / "x.cap") == m_image);
+    EXPECT_EQ(Names(".").size(), 7u);
+  }
+}
+
+TEST_F(ProgressTest, WhatASourceThrowsEndsTheBuild) {
+  const auto throwing = [](uint64_t, std::span<unsigned char>) -> size_t { throw std::bad_alloc(); };
+  ImageBuilder builder(m_dir / "x.cap");
+  EXPECT_THROW(builder.AddItems({{.path = "f", .bytes = FunctionSource(9, throwing)}}),
+               std::bad_alloc);
 }
 
 }  // namespace

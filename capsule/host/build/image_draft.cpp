@@ -92,10 +92,17 @@ ImageDraft::ImageDraft(std::string target, std::string name, int level, const st
 
 ImageDraft::~ImageDraft() { CloseImage(); }
 
+// What the host throws must not pass through the classes that insert: they take memory that cannot
+// be had for a fault of the item.
 bool ImageDraft::Observer::OnChunk(const Chunk& next) {
   if (stop.stop_requested()) return false;
-  restarts.Take(next);
-  if (onBytes && next.fileOffset != 0) onBytes(next.fileOffset);
+  try {
+    restarts.Take(next);
+    if (onBytes && next.fileOffset != 0) onBytes(next.fileOffset);
+  } catch (...) {
+    thrown = std::current_exception();
+    return false;
+  }
   return true;
 }
 
@@ -125,6 +132,7 @@ std::optional<std::string> ImageDraft::Insert(const SourceItem& item) {
   // What comes next lies where it would have without this item.
   m_State.previousInsertDir = previousDir;
   m_State.dirLevelsToClose = levelsToClose;
+  if (m_observer.thrown) std::rethrow_exception(std::exchange(m_observer.thrown, nullptr));
   ThrowIfCancelled();
   ThrowIfShort(item.path, "cannot be inserted", error);
   if (IsWriteFailure(error)) FailAs("write", error);
@@ -162,9 +170,11 @@ bool ImageDraft::ReadSource(const SourceItem& item, uint64_t offset, std::span<u
     if (bytes.ReadAt(offset, out) == out.size()) return true;
     m_sourceProblem = kChanged;
   } catch (const ShortageError&) {
-    throw;
+    m_observer.thrown = std::current_exception();
   } catch (const Error& error) {
     m_sourceProblem = error.Reason();
+  } catch (...) {
+    m_observer.thrown = std::current_exception();
   }
   return false;
 }

@@ -7,6 +7,7 @@
 #pragma once
 
 #include <cstdint>
+#include <exception>
 #include <functional>
 #include <optional>
 #include <span>
@@ -68,6 +69,7 @@ class ImageDraft {
 
     std::stop_token stop;
     std::function<void(uint64_t)> onBytes;
+    std::exception_ptr thrown;  // by the host, during the insertion
     RestartCollector restarts;
   };
 
