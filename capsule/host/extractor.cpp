@@ -178,7 +178,7 @@ void Extractor::Impl::ExtractFile(const Entry& file) {
   } catch (const ShortageError&) {
     throw;
   } catch (const Error& error) {
-    if (error.Kind() == ErrorKind::Cancelled) throw;
+    if (watch.IsEnd(error)) throw;
     passed += file.Size();
     // The reader names the entry, and so does the report.
     Problem(file, WithoutPath(error.Reason(), file.Path()));
@@ -250,7 +250,7 @@ void Extractor::Add(const Entry& entry) {
 ExtractReport Extractor::Run() {
   m_pImpl->report = {};
   m_pImpl->passed = 0;
-  if (m_pImpl->watch.IsHeard()) m_pImpl->watch.Now() = {.bytesTotal = m_pImpl->BytesToExtract()};
+  m_pImpl->watch.Restart(m_pImpl->watch.IsHeard() ? m_pImpl->BytesToExtract() : 0);
   for (int n = 0; n < m_pImpl->image.Partitions(); ++n) m_pImpl->Walk(m_pImpl->image.Root(n));
   return std::move(m_pImpl->report);
 }

@@ -135,7 +135,7 @@ class VerifyRun {
       TellRestartsBefore(m_File.end);
       m_Report.bytes += source.size;
     } catch (const Error& error) {
-      if (error.Kind() == ErrorKind::Cancelled) throw;
+      if (m_watch.IsEnd(error)) throw;
       TellError(error, m_File.path, m_File.begin);
     }
   }
@@ -204,7 +204,7 @@ class VerifyRun {
     } catch (const ShortageError&) {
       throw;
     } catch (const Error& error) {
-      if (error.Kind() == ErrorKind::Cancelled) throw;
+      if (m_watch.IsEnd(error)) throw;
       if (m_Report.faults == 0) Tell(error.Offset().value_or(0), "", error.Reason());
     }
   }
@@ -231,7 +231,7 @@ class VerifyRun {
       });
       m_Report.bytes += entry.Size();
     } catch (const Error& error) {
-      if (error.Kind() == ErrorKind::Cancelled) throw;
+      if (m_watch.IsEnd(error)) throw;
       TellError(error, entry.Path(), entry.Offset());
     }
   }

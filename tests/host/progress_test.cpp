@@ -165,6 +165,28 @@ TEST_F(ProgressTest, WhatACallbackThrowsEndsTheBuildLikeCancelling) {
   }
 }
 
+// An error of the host is none of a file.
+TEST_F(ProgressTest, AnErrorThatACallbackThrowsEndsTheOperation) {
+  for (const Operation& operation : Operations()) {
+    size_t calls = 0;
+    operation.run([&](const Progress&) { ++calls; }, {});
+    for (const size_t last : {size_t{1}, calls / 3, calls / 2, calls * 2 / 3, calls}) {
+      SCOPED_TRACE(operation.name + " " + std::to_string(last));
+      size_t call = 0;
+      const auto tell = [&](const Progress&) {
+        if (++call == last) throw Error(ErrorKind::NoSpace, "mine", "own");
+      };
+      try {
+        operation.run(tell, {});
+        ADD_FAILURE() << "went on";
+      } catch (const Error& error) {
+        EXPECT_STREQ(error.what(), "mine: own");
+      }
+      EXPECT_TRUE(test::ReadFile(m_dir / "x.cap") == m_image);
+    }
+  }
+}
+
 TEST_F(ProgressTest, WhatASourceThrowsEndsTheBuild) {
   const auto throwing = [](uint64_t, std::span<unsigned char>) -> size_t { throw std::bad_alloc(); };
   ImageBuilder builder(m_dir / "x.cap");

@@ -22,8 +22,19 @@ class Watch {
   // Whether anybody wants to know, so that what only they need can be spared.
   bool IsHeard() const { return m_onProgress != nullptr; }
 
+  // Whether `error` ends the operation: it is cancelled, or the host threw it.
+  bool IsEnd(const Error& error) const {
+    return m_hasThrown || error.Kind() == ErrorKind::Cancelled;
+  }
+
   // To be kept up to date by the operation; bytesDone by Tell.
   Progress& Now() { return m_now; }
+
+  // Nothing is done yet, of so many bytes.
+  void Restart(uint64_t bytesTotal) {
+    m_now = {.bytesTotal = bytesTotal};
+    m_hasThrown = false;
+  }
 
   // Throws Error (ErrorKind::Cancelled) when the host wants the operation to end.
   void Check() const {
@@ -36,7 +47,9 @@ class Watch {
     if (!m_onProgress) return;
     m_now.path = path;
     m_now.bytesDone = std::max(m_now.bytesDone, bytesDone);
+    m_hasThrown = true;
     m_onProgress(m_now);
+    m_hasThrown = false;
     Check();
   }
 
@@ -53,6 +66,7 @@ class Watch {
   OnProgress m_onProgress;
   std::stop_token m_stop;
   Progress m_now;
+  bool m_hasThrown = false;  // the host
 };
 
 }  // namespace capsule::host
