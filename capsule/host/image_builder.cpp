@@ -19,6 +19,7 @@
 #include "capsule/host/file/watch.h"
 #include "capsule/host/index/image_header.h"
 #include "capsule/host/index/partition_label.h"
+#include "capsule/partition/record_format.h"
 #include "capsule/platform/ascii.h"
 #include "capsule/platform/dos_time.h"
 #include "capsule/platform/glob.h"
@@ -241,9 +242,10 @@ SourceWalk::Filter ImageBuilder::Impl::Filter() const {
 void ImageBuilder::Impl::Count(ItemWalk&& walk) {
   for (SourceItem item; walk.Next(&item);) {
     watch.Check();
-    if (item.kind == SourceItem::Kind::File && !draft.IsOwnFile(item.status.identity)) {
-      watch.Now().bytesTotal += item.status.size;
-    }
+    const bool isInserted = item.kind == SourceItem::Kind::File &&
+                            !draft.IsOwnFile(item.status.identity) &&
+                            item.status.size <= static_cast<uint64_t>(kMaxImageSize);
+    if (isInserted) watch.Now().bytesTotal += item.status.size;
   }
 }
 

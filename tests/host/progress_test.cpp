@@ -187,8 +187,31 @@ TEST_F(ProgressTest, AnErrorThatACallbackThrowsEndsTheOperation) {
   }
 }
 
+// One file is larger than any image, the other grows when it has been counted.
+TEST_F(ProgressTest, NoMoreIsDoneThanThereIs) {
+  struct Growing : ByteSource {
+    uint64_t Size() const override { return size *= 10; }
+    size_t ReadAt(uint64_t, std::span<unsigned char> out) const override { return out.size(); }
+    mutable uint64_t size = 10000;
+  };
+  Progress last;
+  const auto tell = [&](const Progress& at) {
+    EXPECT_LE(at.bytesDone, at.bytesTotal);
+    last = at;
+  };
+  ImageBuilder builder(m_dir / "x.cap", {.onProgress = tell, .countFirst = true});
+  const auto huge = FunctionSource(~uint64_t{0}, [](uint64_t, auto) { return size_t{0}; });
+  builder.AddItems({{.path = "grows", .bytes = std::make_shared<Growing>()},
+                    {.path = "huge", .bytes = huge},
+                    {.path = "z"}});
+  EXPECT_EQ(last.bytesDone, 1000000u);
+  EXPECT_EQ(last.bytesTotal, last.bytesDone);
+}
+
 TEST_F(ProgressTest, WhatASourceThrowsEndsTheBuild) {
-  const auto throwing = [](uint64_t, std::span<unsigned char>) -> size_t { throw std::bad_alloc(); };
+  const auto throwing = [](uint64_t, std::span<unsigned char>) -> size_t {
+    throw std::bad_alloc();
+  };
   ImageBuilder builder(m_dir / "x.cap");
   EXPECT_THROW(builder.AddItems({{.path = "f", .bytes = FunctionSource(9, throwing)}}),
                std::bad_alloc);

@@ -47,6 +47,8 @@ class Watch {
     if (!m_onProgress) return;
     m_now.path = path;
     m_now.bytesDone = std::max(m_now.bytesDone, bytesDone);
+    // What is counted first may grow until it is read.
+    if (m_now.bytesTotal != 0) m_now.bytesTotal = std::max(m_now.bytesTotal, m_now.bytesDone);
     m_hasThrown = true;
     m_onProgress(m_now);
     m_hasThrown = false;
