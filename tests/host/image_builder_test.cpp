@@ -293,16 +293,22 @@ TEST(ImageBuilder, ItemsFromAnywhereComeOutLikeThoseOfAFolder) {
   const auto broken = FunctionSource(9, [](uint64_t, std::span<unsigned char>) -> size_t {
     throw std::system_error(EIO, std::generic_category());
   });
+  const auto full = FunctionSource(9, [](uint64_t, std::span<unsigned char>) -> size_t {
+    errno = ENOSPC;
+    return 0;
+  });
   other.AddItems({{.path = "f", .source = folder / "in/z", .modified = kTime, .attributes = 0x07},
                   {.path = "g", .bytes = broken},
+                  {.path = "g2", .bytes = full},
                   {.path = "h", .bytes = MemorySource(span)},
                   {.path = "i", .modified = std::numeric_limits<int64_t>::min()},
                   {.path = "j", .modified = std::numeric_limits<int64_t>::max()}});
   const BuildReport report = other.Finish();
   EXPECT_EQ(report.timesChanged, 2u);
-  ASSERT_EQ(report.problems.size(), 1u);
+  ASSERT_EQ(report.problems.size(), 2u);
   EXPECT_EQ(report.problems[0].path + ": " + report.problems[0].reason,
             "g: read at 0x0: input/output error");
+  EXPECT_EQ(report.problems[1].reason, "changed while it was read");
   const Image image(folder / "other.cap");
   EXPECT_TRUE(image.IsWhole());
   EXPECT_EQ(image.Find("f")->Attributes(), 0x07);

@@ -134,9 +134,11 @@ std::optional<std::string> ImageDraft::Insert(const SourceItem& item) {
   m_State.dirLevelsToClose = levelsToClose;
   if (m_observer.thrown) std::rethrow_exception(std::exchange(m_observer.thrown, nullptr));
   ThrowIfCancelled();
+  // Whatever errno is when a source gives up, it says nothing about the image.
+  if (!m_sourceProblem.empty()) return m_sourceProblem;
   ThrowIfShort(item.path, "cannot be inserted", error);
   if (IsWriteFailure(error)) FailAs("write", error);
-  std::string problem = item.bytes ? m_sourceProblem : SourceProblem(item);
+  std::string problem = item.bytes ? "" : SourceProblem(item);
   if (!problem.empty()) return problem;
   ThrowIfFull(error, item.status.size);
   return error != 0 ? SystemReason(error) : "cannot be read";
