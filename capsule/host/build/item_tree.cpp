@@ -1,10 +1,11 @@
-// Segments of paths, compared one by one, sort as a walk meets them: a folder, then all that is in
-// it, names in byte order. So the items lie in one map, and the walk is a pass over it, with a walk
-// of the system's folder behind each item that stands for one.
+// Paths whose segments end with a zero byte sort as a walk meets them: a folder, then all that is
+// in it, names in byte order. So the items lie in one map, and the walk is a pass over it, with a
+// walk of the system's folder behind each item that stands for one.
 #include "capsule/host/build/item_tree.h"
 
 #include <algorithm>
 #include <cerrno>
+#include <string_view>
 #include <utility>
 
 #include "capsule/host/error.h"
@@ -19,20 +20,19 @@ namespace {
 constexpr int64_t kEarliest = 315532800;  // 1980-01-01
 constexpr uint8_t kKnownAttributes = 0x27;
 
-std::vector<std::string> Segments(const std::string& path) {
-  std::vector<std::string> segments;
-  for (size_t begin = 0; begin <= path.size();) {
-    const size_t end = std::min(path.find('/', begin), path.size());
-    segments.push_back(path.substr(begin, end - begin));
-    begin = end + 1;
-  }
-  return segments;
+// Where the last segment of a path, which is not empty, begins.
+size_t NameBegin(const std::string& path) { return path.rfind('\0', path.size() - 2) + 1; }
+
+std::string Above(const std::string& path) { return path.substr(0, NameBegin(path)); }
+
+std::string NameOf(const std::string& path) {
+  return path.substr(NameBegin(path), path.size() - 1 - NameBegin(path));
 }
 
-std::string Joined(const std::vector<std::string>& path) {
-  std::string joined;
-  for (const std::string& segment : path) joined += (joined.empty() ? "" : "/") + segment;
-  return joined;
+std::string Joined(std::string path) {
+  if (!path.empty()) path.pop_back();
+  std::replace(path.begin(), path.end(), '\0', '/');
+  return path;
 }
 
 bool IsFolder(const BuildItem& item) { return item.source.empty() && !item.bytes; }
@@ -59,9 +59,9 @@ ItemTree::ItemTree(const std::string& image, const std::vector<BuildItem>& items
     : m_image(image), m_filter(std::move(filter)) {
   for (const BuildItem& item : items) Put(item);
   for (const auto& [path, item] : m_items) {
-    Path above(path.begin(), path.end() - 1);
+    Path above = Above(path);
     // Folders that nobody gave.
-    for (; !above.empty() && !m_items.contains(above); above.pop_back()) m_items[above] = {};
+    for (; !above.empty() && !m_items.contains(above); above = Above(above)) m_items[above] = {};
     if (above.empty() || IsFolder(m_items[above])) continue;
     throw Error(ErrorKind::Exists, m_image, Joined(path) + ": lies in what is given another way");
   }
@@ -73,12 +73,17 @@ void ItemTree::Put(const BuildItem& item) {
   const auto refuse = [&](ErrorKind kind, const std::string& reason) {
     throw Error(kind, m_image, item.path + ": " + reason);
   };
-  Path path = Segments(item.path);
-  for (const std::string& segment : path) {
-    const bool isName = !segment.empty() && segment != "." && segment != ".." &&
-                        segment.find('\0') == std::string::npos;
-    if (!isName) refuse(ErrorKind::Misuse, "is no path in an image");
+  Path path = item.path + '/';
+  if (path.find('\0') != path.npos) refuse(ErrorKind::Misuse, "is no path in an image");
+  for (size_t begin = 0; begin < path.size();) {
+    const size_t end = path.find('/', begin);
+    const auto segment = std::string_view(path).substr(begin, end - begin);
+    if (segment.empty() || segment == "." || segment == "..") {
+      refuse(ErrorKind::Misuse, "is no path in an image");
+    }
     if (const char* problem = NameProblem(segment)) refuse(ErrorKind::Unsupported, problem);
+    path[end] = '\0';
+    begin = end + 1;
   }
   if (!item.source.empty() && item.bytes) refuse(ErrorKind::Misuse, "has a source and bytes");
   if ((item.attributes.value_or(0) & ~kKnownAttributes) != 0) {
@@ -91,7 +96,7 @@ void ItemTree::Put(const BuildItem& item) {
 void ItemTree::NameAll() {
   std::map<Path, std::vector<std::string>> names;
   for (const auto& [path, item] : m_items) {
-    names[Path(path.begin(), path.end() - 1)].push_back(path.back());
+    names[Above(path)].push_back(NameOf(path));
   }
   for (auto& [path, list] : names) {
     Folder& folder = m_folders[path];
@@ -110,11 +115,11 @@ bool ItemTree::Next(SourceItem* item) {
   }
   if (m_next == m_items.end()) return false;
   const auto& [path, from] = *m_next++;
-  const Folder& folder = m_folders[Path(path.begin(), path.end() - 1)];
+  const Folder& folder = m_folders[Above(path)];
   *item = SourceItem();
   item->relative = item->path = Joined(path);
   item->folder = folder.status;
-  item->alias = folder.aliases.at(path.back());
+  item->alias = folder.aliases.at(NameOf(path));
   item->attributes = from.attributes;
   m_last = path;
   if (!from.source.empty()) {
@@ -160,10 +165,7 @@ void ItemTree::SkipFolder() {
     m_walk->SkipFolder();
     return;
   }
-  const auto isBelow = [&](const Path& path) {
-    return path.size() > m_last.size() && std::equal(m_last.begin(), m_last.end(), path.begin());
-  };
-  while (m_next != m_items.end() && isBelow(m_next->first)) ++m_next;
+  while (m_next != m_items.end() && m_next->first.starts_with(m_last)) ++m_next;
 }
 
 }  // namespace capsule::host

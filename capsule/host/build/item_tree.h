@@ -24,7 +24,7 @@ class ItemTree : public ItemWalk {
   void SkipFolder() override;
 
  private:
-  using Path = std::vector<std::string>;  // its segments
+  using Path = std::string;  // its segments, each with a zero byte behind it
   struct Folder {
     platform::FileStatus status;
     std::unordered_map<std::string, std::string> aliases;
