@@ -18,7 +18,8 @@ constexpr uint16_t kFilling = 0xFFFF;
 EntryRole RoleOf(const _ShortDirEntry& entry) {
   if (entry.Name[0] == 0) return EntryRole::Closing;
   if ((entry.Attribute & kDirectoryAttribute) == 0) return EntryRole::File;
-  return DotNameOf(entry) == DotName::None ? EntryRole::Folder : EntryRole::Dot;
+  const bool isDot = entry.Name[0] == '.' && DotNameOf(entry) != DotName::None;
+  return isDot ? EntryRole::Dot : EntryRole::Folder;
 }
 
 DotName DotNameOf(const _ShortDirEntry& entry) {

@@ -39,7 +39,8 @@ EntryRole RoleOf(const _ShortDirEntry& entry);
 // What a short name is that every folder has of its own: "." for itself, ".." for the folder above.
 enum class DotName { None, Itself, Above };
 
-// By the short name alone, padding included.
+// By the short name alone, as people read it. A blank name with "." for an extension reads like
+// "..", which only damage makes: its role is that of any other name.
 DotName DotNameOf(const _ShortDirEntry& entry);
 
 class EntryGroup {
