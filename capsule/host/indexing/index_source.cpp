@@ -108,15 +108,10 @@ class LeftVisit {
 
  private:
   void Take(const SurveyItem& found) {
-    SectionItem item = found.item;
+    const SectionItem& item = found.item;
     m_nEnd = item.offset + item.length;
     m_Last = item.kind;
     if (found.isPlaceholder) Note(item.offset, "its folder is lost");
-    if (!item.nameProblem.empty()) {
-      item.path.resize(item.path.size() - std::min(item.path.size(), item.name.size()));
-      item.path += item.shortName;
-      item.name = item.shortName;
-    }
     std::string damage = found.damage.empty() ? m_Judge.Judge(item) : found.damage;
     if (damage.empty() && !item.nameProblem.empty()) damage = "long name: " + item.nameProblem;
     m_Visitor.onItem(item, damage);

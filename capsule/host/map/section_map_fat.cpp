@@ -4,6 +4,7 @@
 #include "capsule/blocks/data_record.h"
 #include "capsule/host/file/reason.h"
 #include "capsule/host/map/section_map.h"
+#include "capsule/host/records/long_name_check.h"
 #include "capsule/host/sections/section_resync.h"
 #include "capsule/partition/record_format.h"
 #include "capsule/platform/dos_time.h"
@@ -76,7 +77,7 @@ void SectionMap::MapDirectoryRecord(const _MiniHeader& header) {
   if (taken == EntryGroup::Taken::Piece) return MapLongName(header, bytes);
   if (taken == EntryGroup::Taken::NoEntry) DropPieces("long name without an entry");
   m_Group.Role() == EntryRole::Closing ? MapZeroEntry(header) : MapShortEntry(header);
-  m_Folders.Pass(m_Group.Role(), m_Group.Name());
+  m_Folders.Pass(m_Group.Role(), NameOf(m_Group));
   m_Group.Clear();
 }
 
@@ -103,7 +104,7 @@ void SectionMap::MapLongName(const _MiniHeader& header, EntryGroup::Payload byte
 void SectionMap::MapShortEntry(const _MiniHeader& header) {
   const _ShortDirEntry& entry = m_Group.Entry();
   const EntryRole role = m_Group.Role();
-  m_strFile = PathOf(m_Group.Name());
+  m_strFile = PathOf(NameOf(m_Group));
   FinishPieces();
   MapItem item = ItemAt(MapItem::Kind::ShortEntry, kDirRecordSize);
   item.beginsEntry = !m_Group.HasLongName();

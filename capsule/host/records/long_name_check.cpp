@@ -13,21 +13,8 @@ std::string JudgeLongName(const EntryGroup& group) {
   return std::string(group.FaultOfFilling());
 }
 
-std::string JudgeLongName(std::span<const unsigned char> records, const _ShortDirEntry& entry) {
-  if (records.empty() || records.size() % kDirRecordSize != 0) {
-    return "records of other sizes between its own";
-  }
-  const size_t pieces = records.size() / kDirRecordSize - 1;
-  if (pieces > kMaxLongNamePieces) {
-    return "more than " + std::to_string(kMaxLongNamePieces) + " pieces";
-  }
-  EntryGroup group;
-  for (size_t i = 0; i < pieces; ++i) {
-    const auto record = records.subspan(i * kDirRecordSize, kDirRecordSize);
-    group.AddPiece(record.last<kDirEntrySize>());
-  }
-  group.SetEntry(entry);
-  return JudgeLongName(group);
+std::string NameOf(const EntryGroup& group) {
+  return JudgeLongName(group).empty() ? group.Name() : group.ShortName();
 }
 
 }  // namespace capsule::host

@@ -1,7 +1,6 @@
 // Tells whether the long name of a record group can be believed.
 #pragma once
 
-#include <span>
 #include <string>
 
 #include "capsule/partition/entry_group.h"
@@ -11,7 +10,7 @@ namespace capsule::host {
 // What is wrong with the long name of a group that is whole, or nothing.
 std::string JudgeLongName(const EntryGroup& group);
 
-// The same of `records`, which are all those of an entry whose short entry is `entry`.
-std::string JudgeLongName(std::span<const unsigned char> records, const _ShortDirEntry& entry);
+// What the entry is called: a long name that cannot be believed names nothing.
+std::string NameOf(const EntryGroup& group);
 
 }  // namespace capsule::host

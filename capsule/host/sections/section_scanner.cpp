@@ -165,9 +165,9 @@ void SectionScanner::ScanEntry(SectionItem* item, const EntryGroup& group) {
     item->shortName = group.ShortName();
     item->name = group.Name();
     item->nameProblem = JudgeLongName(group);
-    item->path = PathOf(item->name);
+    item->path = PathOf(item->Called());
   }
-  m_Folders.Pass(role, item->name);
+  m_Folders.Pass(role, item->Called());
   if (role == EntryRole::File) ScanData(item);
 }
 

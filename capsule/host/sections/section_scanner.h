@@ -54,8 +54,8 @@ struct SectionItem {
   std::string name;         // of an entry: name bytes, the long name if there is one
   std::string shortName;    // the same of the short one
   std::string nameProblem;  // what is wrong with the long name
-  std::string path;         // and with the folders above it, '/' between; empty when longer than
-                            // kMaxScannedPath
+  std::string path;         // what it is called with the folders above it, '/' between; empty when
+                            // longer than kMaxScannedPath
 
   // In sections of NTFS records:
   bool isNtfs = false;
@@ -69,6 +69,10 @@ struct SectionItem {
     return kind == Kind::File || kind == Kind::Directory ||
            (kind == Kind::DotEntry && !name.empty());
   }
+
+  // A long name that cannot be believed names nothing.
+  const std::string& Called() const { return nameProblem.empty() ? name : shortName; }
+
   RecordKind Records() const { return isNtfs ? RecordKind::Ntfs : RecordKind::Fat; }
 };
 

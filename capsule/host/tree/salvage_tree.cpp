@@ -46,9 +46,7 @@ class TreeCollector {
     node.offset = static_cast<uint32_t>(item.offset);
     node.dataLimit = static_cast<uint32_t>(item.offset + item.length);
     node.dataOffset = node.isDirectory ? node.dataLimit : static_cast<uint32_t>(item.dataOffset);
-    // A long name that cannot be believed names nothing.
-    const std::string& name = item.nameProblem.empty() ? item.name : item.shortName;
-    m_tree.Add({name, item.shortName, node, item.kind == Kind::DotEntry});
+    m_tree.Add({item.Called(), item.shortName, node, item.kind == Kind::DotEntry});
   }
 
   TreeBuilder m_tree;

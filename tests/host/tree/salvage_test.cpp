@@ -283,25 +283,36 @@ TEST(NamedDots, OpenNoLevelWhoeverReadsThem) {
   }
 }
 
-// The short name stands for a long one of no characters, and everyone says so.
-TEST(EmptyLongName, IsToldByAll) {
+// The short name stands for a long one that cannot be believed, also in the paths of what lies
+// below, and everyone says so.
+TEST(BadLongName, NamesNothingWhoeverReadsIt) {
   test::SmallImage image;
   image.BeginSection();
   image.LongName("", "F          ");
   image.SmallFile("F          ", 10);
+  image.LongName("of another", "B          ");
+  image.Folder("A          ");
+  image.SmallFile("G          ", 10);
+  image.Close();
   image.EndSection();
   const test::TempDir folder;
   const std::string path = folder / "x.cap";
   test::WriteFile(path, image.Bytes());
-  EXPECT_EQ(IndexWriter(path).Write(DamagedSections::IndexWhatIsLeft).problems.size(), 1U);
+  EXPECT_EQ(IndexWriter(path).Write(DamagedSections::IndexWhatIsLeft).problems.size(), 2U);
   const std::string indexed = test::ReadFile(path);
   for (const std::string& bytes : {indexed, image.Bytes()}) {
     test::WriteFile(path, bytes);
     const Image salvaged(path, Opening::Salvage);
-    EXPECT_TRUE(salvaged.Find("F"));
-    ASSERT_FALSE(salvaged.Problems().empty());
+    EXPECT_EQ(PathsOf(salvaged), (std::vector<std::string>{"A/", "A/G", "F"}));
+    ASSERT_GE(salvaged.Problems().size(), 2U);
     EXPECT_NE(salvaged.Problems()[0].reason.find("empty"), std::string::npos);
-    EXPECT_EQ(MapImage(path, [](const MapItem&) {}).problems, 1U);
+    EXPECT_NE(salvaged.Problems()[1].reason.find("another short name"), std::string::npos);
+    std::vector<std::string> mapped;
+    const auto take = [&](const MapItem& item) {
+      if (item.kind == MapItem::Kind::DataBlock) mapped.push_back(item.path);
+    };
+    EXPECT_EQ(MapImage(path, take).problems, 2U);
+    EXPECT_EQ(mapped, (std::vector<std::string>{"0:/F", "0:/A/G"}));
   }
 }
 
