@@ -8,6 +8,10 @@ namespace {
 
 bool IsPossibleChunk(uint32_t length) { return length != 0 && length <= kMaxUncompressedLength; }
 
+bool IsSound(const DataRecord& record) {
+  return record.flag <= 1 && IsPossibleChunk(record.chunk) && record.chunk % kChunkAlignment == 0;
+}
+
 // The header as one of a FAT-style section; none when it is not of data.
 std::optional<_MiniHeader> DataHeaderOf(std::span<const unsigned char> bytes, RecordKind kind) {
   if (kind == RecordKind::Ntfs) {
@@ -30,12 +34,8 @@ DataRecord DataRecordOf(const _MiniHeader& header, const RecordRules& rules) {
           IsCompressedPayload(header, rules.imageIsCompressed), header.Flag};
 }
 
-bool IsSoundDataRecord(const DataRecord& record) {
-  return record.flag <= 1 && IsPossibleChunk(record.chunk) && record.chunk % kChunkAlignment == 0;
-}
-
 std::string JudgeDataRecord(const DataRecord& record) {
-  if (IsSoundDataRecord(record)) return {};
+  if (IsSound(record)) return {};
   if (record.flag > 1) return "flag is " + std::to_string(record.flag) + ", not 0 or 1";
   return "chunk is " + std::to_string(record.chunk) +
          " bytes, multiples of 512 up to 65536 are possible";
@@ -47,7 +47,7 @@ std::optional<DataRecord> DecodeDataRecord(std::span<const unsigned char> bytes,
   const auto header = DataHeaderOf(bytes, rules.kind);
   if (!header) return std::nullopt;
   const DataRecord record = DataRecordOf(*header, rules);
-  return IsSoundDataRecord(record) ? std::optional(record) : std::nullopt;
+  return IsSound(record) ? std::optional(record) : std::nullopt;
 }
 
 std::string JudgeCoverage(const DataRecord& record, uint64_t begin, uint64_t size,

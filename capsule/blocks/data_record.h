@@ -75,7 +75,6 @@ DataRecord DataRecordOf(const _MiniHeader& header, const RecordRules& rules);
 
 // What is wrong with the flag or the length of a data record, or nothing.
 std::string JudgeDataRecord(const DataRecord& record);
-bool IsSoundDataRecord(const DataRecord& record);
 
 // The record whose header `bytes` begin with; none when they are too few, it is not of data, or it
 // breaks a rule.

@@ -21,11 +21,6 @@ inline void StoreBig64(unsigned char* p, uint64_t value) {
   std::memcpy(p, &value, sizeof value);
 }
 
-inline void StoreBig32(unsigned char* p, uint32_t value) {
-  if (kLittleEndianHost) value = __builtin_bswap32(value);
-  std::memcpy(p, &value, sizeof value);
-}
-
 // Little-endian, so that the first of two unequal bytes is the lowest of their difference.
 inline uint32_t LoadLittle32(const unsigned char* p) {
   uint32_t value;
@@ -37,11 +32,6 @@ inline uint64_t LoadLittle64(const unsigned char* p) {
   uint64_t value;
   std::memcpy(&value, p, sizeof value);
   return kLittleEndianHost ? value : __builtin_bswap64(value);
-}
-
-inline void StoreLittle64(unsigned char* p, uint64_t value) {
-  if (!kLittleEndianHost) value = __builtin_bswap64(value);
-  std::memcpy(p, &value, sizeof value);
 }
 
 }  // namespace capsule::lzs

@@ -137,9 +137,6 @@ class CAPSULE_API CapsuleDirectoryEntry {
   // The name that tells most among those of the FILE record; empty without one.
   const std::u16string& NtfsFullName() const;
 
-  // Whether the short text is a name of the file, not just made from a longer one.
-  bool HasNtfsShortName() const;
-
   // --- Names and queries (directory_entry.cpp) ---
 
   // The short text. Of an entry that was read: 8 name bytes, '.', 3 extension bytes, blanks kept;

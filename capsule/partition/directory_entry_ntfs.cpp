@@ -52,10 +52,6 @@ const std::u16string& CapsuleDirectoryEntry::NtfsFullName() const {
   return m_pNtfsFile ? m_pNtfsFile->Name() : none;
 }
 
-bool CapsuleDirectoryEntry::HasNtfsShortName() const {
-  return m_pNtfsFile && m_pNtfsFile->HasShortName();
-}
-
 int CapsuleDirectoryEntry::GetNumEntries() const {
   return m_pNtfsFile ? static_cast<int>(m_pNtfsFile->ChildCount()) : 0;
 }

@@ -218,14 +218,6 @@ std::string LongNameToBytes(std::span<const unsigned char> piecesLastFirst) {
   return {bytes.data(), count};
 }
 
-std::string LongNameToBytes(std::u16string_view units) {
-  const auto isByte = [](char16_t unit) { return unit < 256; };
-  if (!std::all_of(units.begin(), units.end(), isByte)) return Utf16ToUtf8(units);
-  std::string bytes;
-  for (const char16_t unit : units) bytes.push_back(static_cast<char>(unit));
-  return bytes;
-}
-
 std::string ShortNameToBytes(const _ShortDirEntry& entry) {
   std::array<char, sizeof entry.Name + 1 + sizeof entry.Extension> text;
   auto end = std::copy(std::begin(entry.Name), std::end(entry.Name), text.begin());

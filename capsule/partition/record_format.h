@@ -91,10 +91,7 @@ std::array<unsigned char, 26> LongNameUnits(std::span<const unsigned char, 32> r
 // first): every unit up to the terminator or padding, in name order.
 std::u16string DecodeLongName(std::span<const unsigned char> piecesLastFirst);
 
-// Name bytes of a decoded long name: one byte a unit when every unit is below 256, else UTF-8.
-std::string LongNameToBytes(std::u16string_view units);
-
-// The same from long-name units in on-disk piece order.
+// The name bytes of the same: one byte a unit when every unit is below 256, else UTF-8.
 std::string LongNameToBytes(std::span<const unsigned char> piecesLastFirst);
 
 // UTF-8 of UTF-16 units; surrogates that stand alone become U+FFFD.

@@ -27,7 +27,7 @@ std::string NameOf(CapsuleFileBlock& block) {
   const auto* units =
       static_cast<const unsigned char*>(static_cast<void*>(block.GetLongFileName()));
   const auto size = static_cast<size_t>(block.GetLongFileNameLength());
-  if (size != 0) return LongNameToBytes(DecodeLongName({units, size}));
+  if (size != 0) return LongNameToBytes({units, size});
   return ShortNameToBytes(block.GetDirectoryEntry().EntryInUse());
 }
 
