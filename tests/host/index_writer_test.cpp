@@ -306,6 +306,19 @@ TEST_F(IndexWriterTest, NotesDamageInAnIndexThatIsRight) {
   ExpectRefused(bytes, DamagedSections::NoteDamage);
 }
 
+// Without the flag compressed files would be read as stored ones, but for the header's check value.
+TEST_F(IndexWriterTest, NotesOnTheHeaderLeaveFilesReadable) {
+  Put(test::ReadFile(CAPSULE_TEST_DATA "/images/f_16384_lzs.img"));
+  Write();
+  const test::Contents whole = test::ReadContents(Image(m_Path));
+  std::string bytes = Saved();
+  bytes[kCompressionFlagOffset] = 0;
+  Put(bytes);
+  EXPECT_TRUE(test::ReadContents(Image(m_Path, Opening::Salvage)) == whole);
+  EXPECT_FALSE(Write(DamagedSections::NoteDamage).problems.empty());
+  EXPECT_TRUE(test::ReadContents(Image(m_Path, Opening::Salvage)) == whole);
+}
+
 // Whatever is written opens strictly; damage that was there is still called so.
 TEST_F(IndexWriterTest, NoIndexMakesDamageLookSound) {
   for (const auto& sample :

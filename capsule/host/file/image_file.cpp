@@ -8,22 +8,25 @@
 #include "capsule/host/file/reason.h"
 
 namespace capsule::host {
+namespace {
 
-ImageFile::ImageFile(std::shared_ptr<const ByteSource> source, std::string name)
-    : m_state(std::make_shared<const State>(State{std::move(source), std::move(name)})) {
-  if (!m_state->source) throw Error(ErrorKind::Misuse, Name(), "there is no source");
+uint64_t SizeOf(const ByteSource& source, const std::string& name) {
+  try {
+    return source.Size();
+  } catch (const std::system_error& error) {
+    ThrowSystemError(name, "cannot tell its length", error.code());
+  }
+}
+
+}  // namespace
+
+ImageFile::ImageFile(std::shared_ptr<const ByteSource> source, std::string name) {
+  const uint64_t size = SizeOf(*source, name);
+  m_state = std::make_shared<const State>(State{std::move(source), std::move(name), size});
 }
 
 ImageFile::ImageFile(int descriptor, std::string name)
     : ImageFile(DescriptorSource(descriptor), std::move(name)) {}
-
-uint64_t ImageFile::Size() const {
-  try {
-    return m_state->source->Size();
-  } catch (const std::system_error& error) {
-    ThrowSystemError(Name(), "cannot tell its length", error.code());
-  }
-}
 
 size_t ImageFile::ReadAt(uint64_t offset, std::span<unsigned char> out) const {
   try {

@@ -15,6 +15,8 @@ namespace capsule::host {
 class ImageFile {
  public:
   ImageFile() = default;
+
+  // Throws Error when the source cannot tell its length.
   ImageFile(std::shared_ptr<const ByteSource> source, std::string name);
 
   // An open file, which stays the caller's.
@@ -23,8 +25,9 @@ class ImageFile {
   const std::string& Name() const { return m_state->name; }
   const std::shared_ptr<const ByteSource>& Source() const { return m_state->source; }
 
-  // In bytes, as it is now. Throws Error.
-  uint64_t Size() const;
+  // In bytes, as it was when the object was made: what is read by it has one length, whatever the
+  // source says later.
+  uint64_t Size() const { return m_state->size; }
 
   // Fills `out` with the bytes from `offset` on: how many there were, fewer than asked for only at
   // the end. Throws Error.
@@ -34,6 +37,7 @@ class ImageFile {
   struct State {
     std::shared_ptr<const ByteSource> source;
     std::string name;
+    uint64_t size;
   };
   std::shared_ptr<const State> m_state;
 };

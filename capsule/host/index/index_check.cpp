@@ -92,7 +92,7 @@ void KeepNote(const IndexRecord& note, const IndexRecord& item, uint64_t place,
     if (auto label = LabelOf(note)) contents->labels.emplace(note.offset, *std::move(label));
   }
   const auto value = ChecksumOfName(note.name);
-  if (note.offset == 0) contents->headerCheck = value;
+  if (value && note.offset == 0) contents->headerCheck = value;
   if (item.type != kIndexFile || note.offset < item.offset) return;
   if (value && note.offset == item.offset) {
     contents->checks.push_back({note.offset, note.length, *value});
