@@ -1,3 +1,5 @@
+// Members are kept as text, not as a tree of values: a tree would allocate when it is destroyed,
+// and end the program when there is no memory.
 #include "cli/json_object.h"
 
 #include <nlohmann/json.hpp>

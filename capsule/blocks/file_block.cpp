@@ -1,3 +1,5 @@
+// A tree of blocks is taken apart without recursion: blocks that are to go are chained by their
+// pointers to the parent, so the depth of an image's tree costs neither stack nor memory.
 #include "capsule/blocks/file_block.h"
 
 #include "capsule/blocks/data_block.h"

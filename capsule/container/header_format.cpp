@@ -1,3 +1,6 @@
+// The header that hosts see is the stored one in the fixed layout, with a pointer where the
+// partition records were. It is filled by copying the stretches in front of and behind that place,
+// so that bytes without a known meaning are kept.
 #include "capsule/container/header_format.h"
 
 #include <algorithm>

@@ -1,3 +1,7 @@
+// An image is opened by its index; where sections hold NTFS records, or the index has no check
+// value, what it leads to is also compared with the sections. If any of this fails and salvage is
+// allowed, the tree comes from a survey of the sections, led by the index as far as that is right.
+// Header and sizes are judged in the end, so their problems are told either way.
 #include "capsule/host/image.h"
 
 #include <algorithm>

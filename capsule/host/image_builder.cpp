@@ -1,3 +1,5 @@
+// A step that throws in the middle leaves the build marked as broken, and every later step refuses:
+// an image that lacks something without saying so must not be finished.
 #include "capsule/host/image_builder.h"
 
 #include <algorithm>

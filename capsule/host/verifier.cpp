@@ -1,3 +1,6 @@
+// The map of the image is taken item by item: a file of a FAT-style section is decoded when the map
+// has passed its records, and the index is compared as it comes. Then the image is opened, so that
+// whatever opening finds wrong is a fault as well.
 #include "capsule/host/verifier.h"
 
 #include <algorithm>

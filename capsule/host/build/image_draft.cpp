@@ -1,3 +1,6 @@
+// An insertion that fails says little about the reason, so the reason is looked for afterwards: is
+// the source still what it was, can it be read to its end, can the image grow? What is wrong with
+// the source leaves out the item alone; what is wrong with the image ends the build.
 #include "capsule/host/build/image_draft.h"
 
 #include <algorithm>

@@ -1,3 +1,6 @@
+// Sound sections are stepped through by the scanner, damaged ones by a survey. Unless the sections
+// have just been written, each item is judged twice: by reading its data as a reader would, and by
+// the problems that a map of the image has in its bytes.
 #include "capsule/host/indexing/index_source.h"
 
 #include <algorithm>

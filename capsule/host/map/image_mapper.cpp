@@ -1,3 +1,5 @@
+// The header leads to the sections, and these are mapped up to the index when there seems to be
+// one. Whatever cannot be told in between is handed on as a gap, so every byte is in some item.
 #include "capsule/host/map/image_mapper.h"
 
 #include <algorithm>

@@ -1,3 +1,5 @@
+// Pieces of a long name are held back until their short entry comes, since only then the path and
+// the checksum that they need are known.
 #include <algorithm>
 #include <array>
 

@@ -1,3 +1,5 @@
+// FILE records are decoded for their names, each by itself. Where records of unknown types end is
+// looked up once for a row of them and kept, so that a long row is not walked again for each.
 #include <algorithm>
 #include <vector>
 

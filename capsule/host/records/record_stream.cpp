@@ -1,3 +1,6 @@
+// Records are read through one window and decoded one after the other. Some states are kept on the
+// way as marks, thinned out as the file grows, so that going back costs bounded memory and does not
+// begin at the first record.
 #include "capsule/host/records/record_stream.h"
 
 #include <algorithm>

@@ -1,3 +1,5 @@
+// A run of damage may be one record whose header alone is damaged. Its bytes are tried as a unit,
+// or as a stored chunk, of the size that the whole records around it have; nothing else is guessed.
 #include <algorithm>
 #include <array>
 

@@ -1,3 +1,6 @@
+// What holds between two losses is counted: how often names are in order, are of one kind, and
+// folders repeat the times of the one above. Each measure weighs such a share against chance, so
+// what an image does not keep to weighs little.
 #include "capsule/host/sections/survey_evidence.h"
 
 #include <algorithm>

@@ -1,3 +1,5 @@
+// The items are gone through from the last to the first, since each ends where the one behind it
+// begins, and the last of a section in front of the trailer.
 #include "capsule/host/sections/survey_outline.h"
 
 #include <algorithm>
