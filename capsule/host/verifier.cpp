@@ -32,7 +32,7 @@ struct OpenFile {
   uint64_t size = 0;
 };
 
-// Those of an index that can be read and has a check value.
+// The restart points of an index that can be read and has a check value.
 std::vector<RestartPoint> RestartsOf(const ImageFile& image, const DecodedHeader& header) {
   try {
     CheckIndexOffset(header, image);

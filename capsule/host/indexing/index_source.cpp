@@ -125,7 +125,7 @@ class LeftVisit {
     m_Visitor.onItem(item, damage);
   }
 
-  // Damage that is not to a file's data.
+  // Notes damage to something else than the data of a file.
   void Note(uint64_t offset, const std::string& reason) {
     if (offset < m_nFirst || m_strFirst.empty()) {
       m_strFirst = "item at " + Hex(offset) + ": " + reason;

@@ -38,7 +38,8 @@ class ImageMapper {
   }
 
  private:
-  // Of a file whose header cannot be used: sections of FAT records are looked for all the same.
+  // Maps what follows a header that cannot be used: sections of FAT records are looked for all the
+  // same.
   void MapRest() {
     SectionMap sections(m_Window, m_Sink.FileBytes(), true, m_Sink);
     constexpr uint8_t kFat = 0x0B;

@@ -15,7 +15,7 @@ namespace {
 
 std::string Count(uint64_t n) { return std::to_string(n); }
 
-// As the tree of the image has it.
+// The name of an entry as the tree of the image has it.
 std::string NameIn(std::span<unsigned char> records) {
   NtfsFile file;
   _ShortDirEntry entry{};

@@ -76,7 +76,7 @@ const RecordStream::Mark* RecordStream::NearestMark(uint64_t offset) const {
   return behind == m_Marks.begin() ? nullptr : &*std::prev(behind);
 }
 
-// One that cannot be true is as good as none.
+// A restart point that cannot be true counts as none.
 const RestartPoint* RecordStream::NearestRestart(uint64_t offset) const {
   const auto& points = m_Source.restarts;
   const auto behind = std::upper_bound(
