@@ -25,8 +25,6 @@ std::string WithoutControls(const std::string& json) {
 
 }  // namespace
 
-// The members as text: a tree of values would allocate when it goes, and end the program when it
-// cannot.
 struct JsonObject::Members {
   template <typename Value>
   void Add(const char* key, const Value& value) {

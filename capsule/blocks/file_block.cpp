@@ -27,8 +27,7 @@ CapsuleFileBlock::CapsuleFileBlock(CapsuleFileBlock* parent, CapsulePartition& p
 
 CapsuleFileBlock::~CapsuleFileBlock() { Close(); }
 
-// Blocks that are to go are chained by their pointer to the parent, which they need no longer: the
-// depth of a tree costs neither stack nor memory, and closing cannot fail.
+// Allocates nothing, so closing cannot fail.
 void CapsuleFileBlock::Close() {
   CapsuleFileBlock* first = nullptr;
   TakeChildren(&first);

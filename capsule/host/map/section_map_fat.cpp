@@ -45,7 +45,7 @@ std::string DescribeEntry(const _ShortDirEntry& entry) {
 
 }  // namespace
 
-// One record, or false when there is none at the position.
+// Maps one record; false when there is none at the position.
 bool SectionMap::MapFatRecord() {
   const uint64_t at = Here() + m_Pieces.size() * kDirRecordSize;
   if (!IsFatRecordAt(at)) return false;
@@ -120,7 +120,7 @@ void SectionMap::MapShortEntry(const _MiniHeader& header) {
   m_Sink.Add(item);
 }
 
-// The pieces of a name in front of their entry: in order, and made for it.
+// Judges the pieces of a long name, now that their entry is known, and passes them on.
 void SectionMap::FinishPieces() {
   for (size_t i = 0; i < m_Pieces.size(); ++i) {
     m_Pieces[i].path = m_strFile;

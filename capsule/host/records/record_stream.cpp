@@ -145,7 +145,7 @@ void RecordStream::CountGroup() {
   if (m_Check) CountUpTo(m_Source.begin);
 }
 
-// Takes what lies between data records, or in front or behind.
+// Counts the bytes up to `offset` that are no data records, but have the same check value.
 void RecordStream::CountUpTo(uint64_t offset) {
   const uint64_t end = std::min({offset, m_Source.limit, m_Check->End()});
   while (m_Check->Next() < end) {
