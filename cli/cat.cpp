@@ -1,3 +1,5 @@
+// Bytes go out as they are decoded. Zeros for what is lost are written in pieces, so their memory
+// does not depend on what an entry claims.
 #include <algorithm>
 #include <cstdint>
 #include <limits>

@@ -1,3 +1,5 @@
+// Members are kept as text, not as a tree of values: a tree would allocate when it is destroyed,
+// and end the program when there is no memory.
 #include "cli/json_object.h"
 
 #include <nlohmann/json.hpp>
@@ -23,8 +25,6 @@ std::string WithoutControls(const std::string& json) {
 
 }  // namespace
 
-// The members as text: a tree of values would allocate when it goes, and end the program when it
-// cannot.
 struct JsonObject::Members {
   template <typename Value>
   void Add(const char* key, const Value& value) {

@@ -1,3 +1,5 @@
+// The tree is walked with a stack of its own and one path that grows and shrinks, so deep folders
+// cost neither recursion nor more than their output.
 #include <algorithm>
 #include <array>
 #include <cstdio>

@@ -1,3 +1,5 @@
+// Closed descriptors are filled by opening /dev/null the wrong way round, so that using them still
+// fails as it would have before.
 #include "cli/standard_streams.h"
 
 #include <fcntl.h>

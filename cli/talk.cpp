@@ -1,3 +1,5 @@
+// A progress line is cleared before anything else is written, so messages never stand behind its
+// rest.
 #include "cli/talk.h"
 
 #include <unistd.h>

@@ -1,3 +1,6 @@
+// The position in the file is part of the shared state, not of a block: each block opens the file,
+// takes one chunk and leaves the position to the next block. The position is set back before
+// anything can fail, so a failure never shifts the file that follows.
 #include <algorithm>
 #include <limits>
 #include <span>

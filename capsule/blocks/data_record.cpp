@@ -1,3 +1,5 @@
+// Headers of NTFS sections are first turned into those of FAT-style sections, so every rule about
+// flag, chunk and coverage stands here once for both kinds.
 #include "capsule/blocks/data_record.h"
 
 #include "capsule/partition/ntfs_format.h"

@@ -1,3 +1,5 @@
+// A tree of blocks is taken apart without recursion: blocks that are to go are chained by their
+// pointers to the parent, so the depth of an image's tree costs neither stack nor memory.
 #include "capsule/blocks/file_block.h"
 
 #include "capsule/blocks/data_block.h"
@@ -25,8 +27,7 @@ CapsuleFileBlock::CapsuleFileBlock(CapsuleFileBlock* parent, CapsulePartition& p
 
 CapsuleFileBlock::~CapsuleFileBlock() { Close(); }
 
-// Blocks that are to go are chained by their pointer to the parent, which they need no longer: the
-// depth of a tree costs neither stack nor memory, and closing cannot fail.
+// Allocates nothing, so closing cannot fail.
 void CapsuleFileBlock::Close() {
   CapsuleFileBlock* first = nullptr;
   TakeChildren(&first);

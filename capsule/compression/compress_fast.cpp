@@ -1,3 +1,8 @@
+// Hashes are computed for a block of positions at once. Each block is then searched by the loop
+// that suits it: one that knows only the nearest candidate, one with all candidates, or one that
+// first asks a filter whether a pair of bytes can be in reach at all, behind a block that did not
+// shrink. Each loop keeps its writer in a local copy, so that the compiler can hold it in
+// registers.
 #include "capsule/compression/compress_fast.h"
 
 #include <algorithm>

@@ -1,3 +1,6 @@
+// The codec is called once for each piece of input and each full output area, until it has
+// completed the unit. The input is copied to an area of its own first, and what was produced is
+// copied on as far as the destination has room.
 #include "capsule/compression/stream_compressor.h"
 
 #include <algorithm>

@@ -1,3 +1,6 @@
+// A chain of two-byte hashes does not tell which positions were left out of it. So they are found
+// by walking all chains once, and the second index is then filled with the positions that were
+// entered, oldest first.
 #include "capsule/compression/triple_search.h"
 
 #include <cstring>

@@ -1,3 +1,5 @@
+// The header is written first with what is known then. The partition count and the partition
+// records are put into it when the image is closed, since only then all partitions are known.
 #include "capsule/container/capsule_file.h"
 
 #include <algorithm>

@@ -1,3 +1,5 @@
+// The index is made the current one of the process before any partition is read, since partitions
+// take their offsets and items from it.
 #include <algorithm>
 #include <cerrno>
 #include <memory>

@@ -1,3 +1,6 @@
+// The header that hosts see is the stored one in the fixed layout, with a pointer where the
+// partition records were. It is filled by copying the stretches in front of and behind that place,
+// so that bytes without a known meaning are kept.
 #include "capsule/container/header_format.h"
 
 #include <algorithm>
@@ -48,8 +51,7 @@ HeaderLayout SelectLayout(HeaderBytes header) {
   return HeaderLayout::Compact;
 }
 
-// The decoded header is the stored one in the fixed layout, with a pointer in the place of the
-// partition records. What a compact header does not have is zero.
+// What a compact header does not have is zero.
 void FillImageHeader(HeaderBytes header, const DecodedHeader& decoded, _NewImageHeader* out) {
   constexpr size_t kChain = offsetof(_NewImageHeader, Partitions);
   constexpr size_t kBehindChain = offsetof(_NewImageHeader, Opaque7296);

@@ -1,3 +1,5 @@
+// Names of notes are split in one place, by a table of keys. Everything that asks what a note says
+// goes through it, so that no two readers can take the same name for different things.
 #include "capsule/container/index_format.h"
 
 #include <algorithm>

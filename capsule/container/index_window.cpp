@@ -1,3 +1,5 @@
+// The window is refilled whenever it holds less than the longest record that is possible. A record
+// that still does not fit is then cut off by the end of the file.
 #include "capsule/container/index_window.h"
 
 #include <limits>

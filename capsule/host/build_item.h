@@ -23,7 +23,7 @@
 
 namespace capsule::host {
 
-// A folder unless it has a source or bytes.
+// An item is a folder unless it has a source or bytes.
 struct BuildItem {
   std::string
       path{};  // in the partition, '/' between segments; folders above it come by themselves

@@ -35,22 +35,22 @@ class CAPSULE_API ByteSource {
   ByteSource& operator=(const ByteSource&) = delete;
   virtual ~ByteSource();
 
-  // In bytes. It is asked for often.
+  // The number of bytes. It is asked for often.
   virtual uint64_t Size() const = 0;
 
-  // Fills `out` with the bytes from `offset` on: how many there were, fewer than asked for only at
-  // the end.
+  // Fills `out` with the bytes from `offset` on. Returns how many there were: fewer than asked for
+  // only at the end.
   virtual size_t ReadAt(uint64_t offset, std::span<unsigned char> out) const = 0;
 };
 
-// A regular file. Throws host::Error when it cannot be opened.
+// The bytes of a regular file. Throws host::Error when it cannot be opened.
 CAPSULE_API std::shared_ptr<const ByteSource> FileSource(const std::filesystem::path& path);
 
-// An open file. The descriptor stays the caller's, and open as long as the source is used; its
-// position is not.
+// The bytes of an open file. The descriptor stays the caller's, and open as long as the source is
+// used; its position is not.
 CAPSULE_API std::shared_ptr<const ByteSource> DescriptorSource(int descriptor);
 
-// Bytes in memory, which stay the caller's and must outlive the source.
+// Bytes in memory. They stay the caller's and must outlive the source.
 CAPSULE_API std::shared_ptr<const ByteSource> MemorySource(std::span<const unsigned char> bytes);
 
 // `size` bytes that `read` hands out as ByteSource::ReadAt does.

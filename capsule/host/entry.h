@@ -44,10 +44,11 @@ class CAPSULE_API Entry {
   // DOS attributes: 0x01 read-only, 0x02 hidden, 0x04 system, 0x10 directory, 0x20 archive.
   uint8_t Attributes() const;
 
-  // Bytes; 0 for directories.
+  // The size in bytes; 0 for directories.
   uint32_t Size() const;
 
-  // Seconds after 1970, even; none when the image has no date for it.
+  // The time of modification in seconds after 1970, always an even number; none when the image has
+  // no date for it.
   std::optional<int64_t> ModifiedTime() const;
 
   // Where its records begin in the image; 0 for a root.
@@ -60,7 +61,7 @@ class CAPSULE_API Entry {
   // The folder it lies in; a root is its own parent.
   Entry Parent() const;
 
-  // In image order; empty for a file.
+  // What lies in the folder, in image order; empty for a file.
   EntryRange Children() const;
 
   bool operator==(const Entry&) const = default;

@@ -1,3 +1,5 @@
+// Codes are compared as conditions of the generic category, so that what a host's own category maps
+// to errno is told apart like errors of the system.
 #include "capsule/host/error.h"
 
 #include <cerrno>

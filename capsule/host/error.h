@@ -32,7 +32,7 @@ enum class ErrorKind {
   System,        // all else that the system says, or that changed while it was at work
 };
 
-// The kind of what the system says; System unless there is a better one.
+// The kind of error that `code` stands for; ErrorKind::System unless there is a better one.
 CAPSULE_API ErrorKind KindOf(const std::error_code& code);
 
 // what() is the path and the reason in one line, lower-case, without a period: "photos.cap: data
@@ -54,7 +54,7 @@ class CAPSULE_API Error : public std::runtime_error {
 
   ErrorKind Kind() const { return m_kind; }
 
-  // What the system said; 0 when it was not the system.
+  // What the system said; 0 when the error did not come from the system.
   std::error_code Code() const { return m_code; }
 
   const std::string& Path() const { return m_strPath; }

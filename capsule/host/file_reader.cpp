@@ -1,3 +1,5 @@
+// A flag says that a read has begun and is taken back when it ends well. So whatever ends a read in
+// the middle of a record, exceptions of the host included, makes the next one start again.
 #include "capsule/host/file_reader.h"
 
 #include <algorithm>

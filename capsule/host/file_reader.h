@@ -36,9 +36,9 @@ class CAPSULE_API FileReader {
 
   uint64_t Size() const;
 
-  // Fills `out` with the bytes from `offset` on: how many there were, fewer than asked for only at
-  // the end of the file. Throws host::Error when the records do not hold exactly what they state;
-  // `out` may then be half filled.
+  // Fills `out` with the bytes from `offset` on. Returns how many there were: fewer than asked for
+  // only at the end of the file. Throws host::Error when the records do not hold exactly what they
+  // state; `out` may then be half filled.
   size_t Read(uint64_t offset, std::span<unsigned char> out);
 
   // Hands out `length` bytes from `offset` on, fewer at the end of the file, in order and in pieces

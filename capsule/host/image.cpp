@@ -1,3 +1,7 @@
+// An image is opened by its index; where sections hold NTFS records, or the index has no check
+// value, what it leads to is also compared with the sections. If any of this fails and salvage is
+// allowed, the tree comes from a survey of the sections, led by the index as far as that is right.
+// Header and sizes are judged in the end, so their problems are told either way.
 #include "capsule/host/image.h"
 
 #include <algorithm>
@@ -68,7 +72,7 @@ std::optional<FileCheck> CheckOf(const std::vector<FileCheck>& checks, uint32_t 
   return *check;
 }
 
-// Those of the file whose data records lie from `begin` to `limit`.
+// The restart points of the file whose data records lie from `begin` to `limit`.
 std::span<const RestartPoint> RestartsIn(const std::vector<RestartPoint>& points, uint64_t begin,
                                          uint64_t limit) {
   const auto isBefore = [](const RestartPoint& point, uint64_t at) { return point.record < at; };
@@ -131,7 +135,8 @@ std::optional<ImageProblem> JudgeHeader(const ImageFile& image, const IndexConte
                       false, 0};
 }
 
-// The same without a check value, which tells damage that does no harm from none.
+// What is wrong with a header that no check value vouches for. Only then its spare records are
+// judged, since a check value would show their damage as well.
 std::optional<ImageProblem> JudgeUncheckedHeader(const ImageFile& image,
                                                  const DecodedHeader& header,
                                                  const IndexContents& index) {

@@ -8,8 +8,8 @@
 //
 // Opening reads the header, the index and the tree, and throws host::Error when the file is not an
 // image, is cut short, or has no index or a damaged one (then Opening::Salvage looks for what is
-// left). Contents are read when they are asked for,
-// strictly: a record that does not decode to exactly what it states is an error, never a guess.
+// left). Contents are read when they are asked for, strictly: a record that does not decode to
+// exactly what it states is an error, never a guess.
 //
 // Const operations may be used from many threads. Entries and readers must not outlive the Image,
 // so none come from one that is about to end: Image("photos.cap").Root(0) does not compile. They
@@ -83,9 +83,8 @@ class CAPSULE_API Image {
   const ImageInfo& Info() const&;
   const ImageInfo& Info() const&& = delete;
 
-  // Entries whose long name is damaged, which go by their short name, FILE records of NTFS
-  // partitions that no folder has a place for, which are left out, and what else was found to be
-  // damaged on opening.
+  // What opening found to be damaged. An entry whose long name is damaged goes by its short name; a
+  // FILE record of an NTFS partition that no folder has a place for is left out.
   const std::vector<ImageProblem>& Problems() const&;
   const std::vector<ImageProblem>& Problems() const&& = delete;
 

@@ -1,3 +1,5 @@
+// A step that throws in the middle leaves the build marked as broken, and every later step refuses:
+// an image that lacks something without saying so must not be finished.
 #include "capsule/host/image_builder.h"
 
 #include <algorithm>
@@ -133,7 +135,8 @@ bool IsTimeKept(int64_t seconds) {
   return seconds == kept || seconds == kept + 1;
 }
 
-// Whether permissions are those that any new file or folder gets, or these without any to write.
+// Whether permissions are those that any new file or folder gets, with or without the right to
+// write.
 bool IsUsualMode(const SourceItem& item) {
   const uint32_t usual = item.kind == SourceItem::Kind::Folder ? 0755 : 0644;
   return item.status.mode == usual || item.status.mode == (usual & 0555);
@@ -238,7 +241,7 @@ SourceWalk::Filter ImageBuilder::Impl::Filter() const {
   };
 }
 
-// What AddPartition will find.
+// Adds the sizes of the files that AddPartition will find to the total.
 void ImageBuilder::Impl::Count(ItemWalk&& walk) {
   for (SourceItem item; walk.Next(&item);) {
     watch.Check();

@@ -46,8 +46,8 @@ struct BuildOptions {
 
   bool force = false;  // replace an existing file that is not an image, which is refused otherwise
 
-  // Told behind every item, and within long files. The folders are walked once more before they are
-  // read, to know the total, with `countFirst` alone.
+  // Told behind every item, and within long files. The total is known only with `countFirst`,
+  // which walks the folders once more before they are read.
   OnProgress onProgress{};
   bool countFirst = false;
   std::stop_token stop{};  // ends the build as Cancel does
@@ -98,7 +98,7 @@ class CAPSULE_API ImageBuilder {
   // of the report.
   void AddItems(const std::vector<BuildItem>& items, const std::string& label = {});
 
-  // AddDirectory for each. Throws before the first when there are more than an image holds.
+  // Calls AddDirectory for each. Throws before the first when there are more than an image holds.
   void AddDirectories(const std::vector<std::filesystem::path>& directories);
 
   // Completes the image and puts it under its name. When it throws, the old image is as it was.

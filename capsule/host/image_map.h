@@ -30,7 +30,7 @@ namespace capsule::host {
 CAPSULE_API MapSummary MapImage(const std::filesystem::path& path,
                                 const std::function<void(const MapItem&)>& take);
 
-// The same of the bytes that `source` has; `name`: what errors call them.
+// Maps the bytes that `source` has in the same way; `name`: what errors call them.
 CAPSULE_API MapSummary MapImage(const std::shared_ptr<const ByteSource>& source,
                                 const std::string& name,
                                 const std::function<void(const MapItem&)>& take);

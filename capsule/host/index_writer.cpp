@@ -165,7 +165,7 @@ void IndexWriter::KeepLabels() {
   }
 }
 
-// Of a section, by its number or its offset.
+// The label of a section, looked up by its number or by its offset.
 std::string IndexWriter::LabelOf(const SectionItem& item, size_t number) const {
   if (item.kind != SectionItem::Kind::Section) return {};
   if (m_labels) return number < m_labels->size() ? (*m_labels)[number] : std::string();
@@ -242,7 +242,7 @@ void IndexWriter::Complete(const Plan& plan, const std::function<void()>& append
   SyncFile();
 }
 
-// Then there is nothing to index.
+// Whether the image has no partitions: then there is nothing to index.
 bool IndexWriter::IsWithoutPartitions() const {
   const SectionScanner scanner(Bytes());
   if (scanner.SectionCount() != 0) return false;

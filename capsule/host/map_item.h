@@ -51,7 +51,7 @@ struct MapItem {
   std::string name;
 };
 
-// "header field", "data block", …
+// The name of a kind, such as "header field" or "data block".
 CAPSULE_API const char* MapKindName(MapItem::Kind kind);
 
 struct MapSummary {

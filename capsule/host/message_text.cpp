@@ -1,3 +1,5 @@
+// Text is taken one UTF-8 sequence at a time; a byte that begins none is judged by itself, since
+// terminals obey control characters in both forms.
 #include "capsule/host/message_text.h"
 
 #include <array>

@@ -1,4 +1,5 @@
-// Names come from anywhere: what makes text of them that can be shown.
+// Names may come from anywhere and hold any bytes; these functions make text of them that can be
+// shown.
 //
 //   Print(host::OneLine("a\nb"), host::Hex(8000), host::SystemReason(2));
 #pragma once
@@ -22,7 +23,7 @@ CAPSULE_API std::string OneLine(std::string_view text);
 // What the system says about `error`, a value of errno, in lower case.
 CAPSULE_API std::string SystemReason(int error);
 
-// 8000 is "0x1f40".
+// The value in hexadecimal: 8000 is "0x1f40".
 CAPSULE_API std::string Hex(uint64_t value);
 
 }  // namespace capsule::host

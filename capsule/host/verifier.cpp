@@ -1,3 +1,6 @@
+// The map of the image is taken item by item: a file of a FAT-style section is decoded when the map
+// has passed its records, and the index is compared as it comes. Then the image is opened, so that
+// whatever opening finds wrong is a fault as well.
 #include "capsule/host/verifier.h"
 
 #include <algorithm>
@@ -29,7 +32,7 @@ struct OpenFile {
   uint64_t size = 0;
 };
 
-// Those of an index that can be read and has a check value.
+// The restart points of an index that can be read and has a check value.
 std::vector<RestartPoint> RestartsOf(const ImageFile& image, const DecodedHeader& header) {
   try {
     CheckIndexOffset(header, image);

@@ -1,3 +1,5 @@
+// Every step of a walk is first taken on a copy of the reader. The walk itself goes on only when
+// the step fits, so a damaged length ends the walk instead of leading it elsewhere.
 #include "capsule/partition/ntfs_format.h"
 
 #include <algorithm>

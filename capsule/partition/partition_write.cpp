@@ -1,3 +1,6 @@
+// Whether a path was inserted before is looked up in sets, so that inserting costs no walk over the
+// list. Hosts may change the list themselves: the list counts its changes, and the sets are built
+// anew when that count is not the expected one.
 #include <cstring>
 #include <new>
 

@@ -1,3 +1,5 @@
+// Paths are resolved by their text alone, so what a path below a root means does not depend on
+// where the root lies, nor on links.
 #include "capsule/platform/host_path.h"
 
 #include <algorithm>

@@ -1,3 +1,5 @@
+// While an item is being inserted it has been opened already, and everything is answered from that:
+// no path is looked up a second time, so nothing can change in between.
 #include "capsule/platform/host_view.h"
 
 #include <algorithm>

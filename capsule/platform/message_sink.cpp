@@ -1,3 +1,5 @@
+// The sink is copied under the lock and called outside of it, so that a sink may itself show a
+// message or replace the sink.
 #include "capsule/platform/message_sink.h"
 
 #include <mutex>

@@ -1,3 +1,4 @@
+// A handle that is replaced is kept open until the object goes, since it may have been handed out.
 #include "capsule/runtime/capsule_event.h"
 
 #include <new>

@@ -1,3 +1,6 @@
+// An insertion that fails says little about the reason, so the reason is looked for afterwards: is
+// the source still what it was, can it be read to its end, can the image grow? What is wrong with
+// the source leaves out the item alone; what is wrong with the image ends the build.
 #include "capsule/host/build/image_draft.h"
 
 #include <algorithm>
@@ -144,7 +147,7 @@ std::optional<std::string> ImageDraft::Insert(const SourceItem& item) {
   return error != 0 ? SystemReason(error) : "cannot be read";
 }
 
-// With the item in the place of everything that paths could lead to.
+// While the item is inserted, it stands for everything that paths could lead to.
 int ImageDraft::InsertOpened(const SourceItem& item) {
   platform::OpenedItem opened{ItemPath(m_nPartition, item.relative),
                               item.file.Get(),
@@ -181,7 +184,7 @@ bool ImageDraft::ReadSource(const SourceItem& item, uint64_t offset, std::span<u
   return false;
 }
 
-// The source being as it was, the image may be what could not take it.
+// Called when the source is as it was: then the image may be what could not take the item.
 void ImageDraft::ThrowIfFull(int error, uint64_t size) {
   const auto end = static_cast<uint64_t>(m_Image.GetWriteOffset());
   if (MostBytes(size) + kPartitionTrailerSize > static_cast<uint64_t>(kMaxImageSize) - end) {

@@ -48,12 +48,13 @@ class ImageDraft {
   // What is inserted from now on goes to the next partition. `label`: as JudgeLabel wants it.
   void BeginPartition(const std::string& label);
 
-  // Adds a file or a folder as the walk has opened it. None when it is in the image, else why it
-  // was left out: the image is as it was. Throws when the image cannot take it, or when memory or
-  // descriptors run out.
+  // Adds a file or a folder as the walk has opened it. Returns nothing when it is in the image,
+  // else why it was left out: the image is as it was then. Throws when the image cannot take it, or
+  // when memory or descriptors run out.
   std::optional<std::string> Insert(const SourceItem& item);
 
-  // Whether this is the file in whose place the draft is to come; or that one or the draft itself.
+  // Whether this is the file in whose place the draft is to come. IsOwnFile: whether it is that
+  // file or the draft itself.
   bool IsOldImage(const platform::FileIdentity& identity) const { return identity == m_Old; }
   bool IsOwnFile(const platform::FileIdentity& identity) const;
 

@@ -1,3 +1,6 @@
+// The file is written under a temporary name and gets its own only when it is complete. Whether
+// something stands in the way is looked at first only to spare work: publishing decides, in one
+// step, so a file that appears meanwhile is not replaced either.
 #include "capsule/host/extract/file_extraction.h"
 
 #include <cerrno>

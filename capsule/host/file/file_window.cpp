@@ -1,3 +1,5 @@
+// The buffer is filled from the offset that is asked for. After a leap forward little is read,
+// since whoever leaves much out is looking at headers.
 #include "capsule/host/file/file_window.h"
 
 #include <algorithm>

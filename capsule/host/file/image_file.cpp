@@ -1,3 +1,5 @@
+// This is where failures of a byte source become errors that name the image; what a source claims
+// to have filled is never believed beyond the room that it was given.
 #include "capsule/host/file/image_file.h"
 
 #include <algorithm>

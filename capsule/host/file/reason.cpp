@@ -1,3 +1,5 @@
+// Running out of memory or descriptors says nothing about what was asked for, so it becomes an
+// error of another type, which nobody takes for damage.
 #include "capsule/host/file/reason.h"
 
 #include <cerrno>

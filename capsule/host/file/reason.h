@@ -13,7 +13,7 @@ namespace capsule::host {
 // Whether memory or descriptors ran out, which says nothing about what was asked for.
 bool IsShortage(int error);
 
-// Throws ShortageError when `error` is such a one. `what` could not be done.
+// Throws ShortageError when `error` is a shortage. `what` could not be done.
 void ThrowIfShort(const std::string& path, const std::string& what, int error);
 
 // Throws Error that `what` could not be done, ShortageError where memory or descriptors ran out.

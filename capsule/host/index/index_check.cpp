@@ -1,3 +1,6 @@
+// The index is read once, and its check value is computed on the way. Damage may lead that pass
+// astray first, so whatever it finds wrong is said only after the check value has been compared;
+// when that does not hold, it is the better reason.
 #include "capsule/host/index/index_check.h"
 
 #include <algorithm>

@@ -1,3 +1,5 @@
+// The window is refilled whenever it holds less than the longest record that is possible, as long
+// as the image goes on. What is used up is dropped then.
 #include "capsule/host/index/index_reader.h"
 
 #include <algorithm>

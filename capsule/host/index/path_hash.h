@@ -35,7 +35,8 @@ struct PathHashes {
   uint64_t path = kRootPathHash;
 };
 
-// Of names with '/' between them; a path of no names is that of the root.
+// The hashes of a path, a row of names with '/' between them; a path of no names is that of the
+// root.
 inline PathHashes HashesOfPath(std::string_view path, PathHashes hashes = {}) {
   while (!path.empty()) {
     const std::string_view name = path.substr(0, path.find('/'));

@@ -1,3 +1,6 @@
+// Restart points are found by decoding the file as any reader does, so the history that is noted is
+// the one that a reader has at that place. A file that is damaged just has no points behind the
+// damage.
 #include "capsule/host/index/restart_point.h"
 
 #include "capsule/host/error.h"

@@ -21,7 +21,7 @@ inline constexpr uint32_t kRestartDistance = uint32_t{1} << 20;
 // What a type-6 record tells that begins at `place` in the image; none when it is no restart point.
 std::optional<RestartPoint> RestartPointOf(const IndexRecord& record, uint64_t place);
 
-// The index record of one, but for its length.
+// The index record of a restart point, but for its length.
 IndexRecord RestartRecord(uint64_t record, uint64_t fileOffset,
                           std::span<const unsigned char> history);
 

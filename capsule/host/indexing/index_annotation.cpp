@@ -1,3 +1,6 @@
+// The old index is copied record by record, with notes put behind the items that they are about.
+// The part that reaches beyond the old index is written first: if there is no room for it, the
+// image is as it was.
 #include "capsule/host/indexing/index_annotation.h"
 
 #include <algorithm>

@@ -1,3 +1,6 @@
+// The record of an item waits until the next item comes, since readers end at the first record that
+// reaches the index: the last item must get a length that does, and nothing may follow it. A
+// section's check value is known only at its end, so its record is written with zeros and replaced.
 #include "capsule/host/indexing/index_record_writer.h"
 
 #include <algorithm>

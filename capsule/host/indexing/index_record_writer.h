@@ -25,7 +25,7 @@ class IndexRecordCounter {
  public:
   IndexRecordCounter();
 
-  // As IndexRecordWriter takes them.
+  // Counts the records that IndexRecordWriter writes for the same arguments.
   void Add(const SectionItem& item, const std::string& damage, const std::string& label);
   void Add(const DamageNote& note);
 
@@ -52,11 +52,11 @@ class IndexRecordWriter {
   // `onBytes` learns where in the image check values are at; what it throws ends the work.
   void SetOnBytes(std::function<void(uint64_t at)> onBytes) { m_onBytes = std::move(onBytes); }
 
-  // What is said of the image as a whole, before the first item.
+  // Appends a note on the image as a whole; to be called before the first item.
   void Add(const DamageNote& note);
 
-  // The next item. `damage`: what is wrong with it, or nothing; a damaged file has neither check
-  // value nor restart points. `label`: of a section, or nothing.
+  // Takes the next item. `damage`: what is wrong with it, or nothing; a damaged file has neither
+  // check value nor restart points. `label`: of a section, or nothing.
   void Add(const SectionItem& item, const std::string& damage, const std::string& label);
 
   // Makes the last record reach the index; where that ends. It is the record of an item, even when

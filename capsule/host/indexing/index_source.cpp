@@ -1,3 +1,6 @@
+// Sound sections are stepped through by the scanner, damaged ones by a survey. Unless the sections
+// have just been written, each item is judged twice: by reading its data as a reader would, and by
+// the problems that a map of the image has in its bytes.
 #include "capsule/host/indexing/index_source.h"
 
 #include <algorithm>
@@ -117,7 +120,7 @@ class LeftVisit {
     m_Visitor.onItem(item, damage);
   }
 
-  // Damage that is not to a file's data.
+  // Notes damage to something else than the data of a file.
   void Note(uint64_t offset, const std::string& reason) {
     if (offset < m_nFirst || m_strFirst.empty()) {
       m_strFirst = "item at " + Hex(offset) + ": " + reason;

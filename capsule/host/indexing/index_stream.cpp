@@ -1,3 +1,5 @@
+// Check values of sections are replaced after the buffer may have been written, so the check value
+// of the index is computed by reading the index back from the file in the end.
 #include "capsule/host/indexing/index_stream.h"
 
 #include <algorithm>

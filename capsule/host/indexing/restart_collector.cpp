@@ -1,3 +1,5 @@
+// The points of a file count only if their number is the one that a file of its size has; otherwise
+// some may have been left out, and the file is decoded to find them.
 #include "capsule/host/indexing/restart_collector.h"
 
 #include <algorithm>

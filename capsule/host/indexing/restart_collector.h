@@ -14,10 +14,10 @@ namespace capsule::host {
 
 class RestartCollector {
  public:
-  // The chunks of a file, one after the other.
+  // Takes the chunks of a file, one after the other.
   void Take(const InsertObserver::Chunk& next);
 
-  // Of an insertion that was taken back: records from `offset` on are gone.
+  // Drops what came of an insertion that was taken back: records from `offset` on are gone.
   void Forget(int64_t offset);
 
   // The points of the file whose records lie from `begin` to `limit`, as records of an index but

@@ -14,16 +14,16 @@ namespace capsule::host {
 
 class TrialImage {
  public:
-  // Of `image`. Throws host::Error when no file can be made.
+  // Makes an empty file to try `image` with. Throws host::Error when no file can be made.
   explicit TrialImage(const ImageFile& image);
 
   int Descriptor() const { return m_File.Descriptor(); }
   uint64_t Length() const;
 
-  // Bytes of the image.
+  // Copies the bytes of the image from `begin` to `end`.
   void Copy(uint64_t begin, uint64_t end);
 
-  // What stands at the start instead.
+  // Puts `header` at the start of the file.
   void Put(std::span<const unsigned char> header);
 
   // Throws host::Error unless it opens strictly, and, where `isWhole`, without a problem.

@@ -1,3 +1,6 @@
+// The fields in front are at fixed places; those behind are placed by what the decoder of headers
+// has found, so that map and decoder cannot differ. What the decoder could not place is one field
+// with the reason as its problem.
 #include "capsule/host/map/header_map.h"
 
 #include <algorithm>

@@ -8,7 +8,8 @@
 
 namespace capsule::host {
 
-// Passes every field on, up to the end of the `stored` bytes that there are.
+// Passes every field of the header on to `sink`, up to the end of the `stored` bytes that there
+// are.
 void MapHeader(const StoredHeader& header, size_t stored, MapSink& sink);
 
 }  // namespace capsule::host

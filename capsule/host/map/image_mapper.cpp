@@ -1,3 +1,5 @@
+// The header leads to the sections, and these are mapped up to the index when there seems to be
+// one. Whatever cannot be told in between is handed on as a gap, so every byte is in some item.
 #include "capsule/host/map/image_mapper.h"
 
 #include <algorithm>
@@ -36,7 +38,8 @@ class ImageMapper {
   }
 
  private:
-  // Of a file whose header cannot be used: sections of FAT records are looked for all the same.
+  // Maps what follows a header that cannot be used: sections of FAT records are looked for all the
+  // same.
   void MapRest() {
     SectionMap sections(m_Window, m_Sink.FileBytes(), true, m_Sink);
     constexpr uint8_t kFat = 0x0B;

@@ -1,3 +1,5 @@
+// Records are passed one by one up to the one that reaches the index, where readers stop, too.
+// Without its mark an index is taken for one only when its first record, if any, has a known type.
 #include "capsule/host/map/index_map.h"
 
 #include <algorithm>

@@ -1,3 +1,6 @@
+// The places of sections, entries and trailers are collected while the map passes them, in
+// ascending order. The index comes last in a map, so each of its records is then looked up by
+// binary search.
 #include "capsule/host/map/index_verifier.h"
 
 #include <algorithm>

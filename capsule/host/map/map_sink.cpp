@@ -1,3 +1,5 @@
+// The position only grows. An item in front of it is passed on all the same, and what it covers a
+// second time becomes an overlap, so no byte is counted twice.
 #include "capsule/host/map/map_sink.h"
 
 #include <algorithm>

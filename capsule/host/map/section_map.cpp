@@ -1,3 +1,6 @@
+// Where no record begins, the bytes are passed over up to the next place that looks like one. The
+// kinds of records differ; how a section begins and ends, and how damage is told, is the same for
+// both and stands here.
 #include "capsule/host/map/section_map.h"
 
 #include <algorithm>

@@ -1,3 +1,5 @@
+// Pieces of a long name are held back until their short entry comes, since only then the path and
+// the checksum that they need are known.
 #include <algorithm>
 #include <array>
 
@@ -44,7 +46,7 @@ std::string DescribeEntry(const _ShortDirEntry& entry) {
 
 }  // namespace
 
-// One record, or false when there is none at the position.
+// Maps one record; false when there is none at the position.
 bool SectionMap::MapFatRecord() {
   const uint64_t at = Here() + m_Pieces.size() * kDirRecordSize;
   if (!IsFatRecordAt(at)) return false;
@@ -119,7 +121,7 @@ void SectionMap::MapShortEntry(const _MiniHeader& header) {
   m_Sink.Add(item);
 }
 
-// The pieces of a name in front of their entry: in order, and made for it.
+// Judges the pieces of a long name, now that their entry is known, and passes them on.
 void SectionMap::FinishPieces() {
   for (size_t i = 0; i < m_Pieces.size(); ++i) {
     m_Pieces[i].path = m_strFile;

@@ -1,3 +1,5 @@
+// FILE records are decoded for their names, each by itself. Where records of unknown types end is
+// looked up once for a row of them and kept, so that a long row is not walked again for each.
 #include <algorithm>
 #include <vector>
 
@@ -13,7 +15,7 @@ namespace {
 
 std::string Count(uint64_t n) { return std::to_string(n); }
 
-// As the tree of the image has it.
+// The name of an entry as the tree of the image has it.
 std::string NameIn(std::span<unsigned char> records) {
   NtfsFile file;
   _ShortDirEntry entry{};

@@ -1,3 +1,5 @@
+// The bytes are summed up as they pass. Bytes from any other place than the next one wanted are
+// ignored, so after a leap the sum stays incomplete and is never compared.
 #include "capsule/host/records/content_check.h"
 
 #include <algorithm>

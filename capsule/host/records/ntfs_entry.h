@@ -33,8 +33,8 @@ struct NtfsEntry {
 NtfsEntry ReadNtfsEntry(FileWindow& window, uint64_t offset, uint64_t limit, bool compressed,
                         const std::string& image);
 
-// The same as far as it tells what the entry is: of a file no record behind those that hold its
-// attributes. One whose first record is damaged has a problem, and ends at `offset`.
+// Reads the entry as far as needed to tell what it is: of a file, no record behind those that hold
+// its attributes. An entry whose first record is damaged has a problem, and ends at `offset`.
 NtfsEntry ReadNtfsEntryFront(FileWindow& window, uint64_t offset, uint64_t limit, bool compressed);
 
 // The header at `offset`, or none when no record that fits is there.
@@ -47,7 +47,7 @@ std::optional<_NTFSMiniHeader> NtfsRecordAt(FileWindow& window, uint64_t offset,
 uint64_t EndOfOtherNtfsRecords(FileWindow& window, uint64_t offset, uint64_t limit, bool compressed,
                                const UnitDecoder& decoder);
 
-// Behind the further FILE records of an entry that begin at `offset`, if there are any.
+// Where the further FILE records of an entry that begin at `offset` end; `offset` without any.
 uint64_t SkipNtfsCompanions(FileWindow& window, uint64_t offset, uint64_t limit);
 
 // Decodes the payload of a record into `out`; false when it does not hold what its header states.

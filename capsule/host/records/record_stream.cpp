@@ -1,3 +1,6 @@
+// Records are read through one window and decoded one after the other. Some states are kept on the
+// way as marks, thinned out as the file grows, so that going back costs bounded memory and does not
+// begin at the first record.
 #include "capsule/host/records/record_stream.h"
 
 #include <algorithm>
@@ -73,7 +76,7 @@ const RecordStream::Mark* RecordStream::NearestMark(uint64_t offset) const {
   return behind == m_Marks.begin() ? nullptr : &*std::prev(behind);
 }
 
-// One that cannot be true is as good as none.
+// A restart point that cannot be true counts as none.
 const RestartPoint* RecordStream::NearestRestart(uint64_t offset) const {
   const auto& points = m_Source.restarts;
   const auto behind = std::upper_bound(
@@ -142,7 +145,7 @@ void RecordStream::CountGroup() {
   if (m_Check) CountUpTo(m_Source.begin);
 }
 
-// Takes what lies between data records, or in front or behind.
+// Counts the bytes up to `offset` that are no data records, but have the same check value.
 void RecordStream::CountUpTo(uint64_t offset) {
   const uint64_t end = std::min({offset, m_Source.limit, m_Check->End()});
   while (m_Check->Next() < end) {

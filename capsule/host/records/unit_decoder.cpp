@@ -1,3 +1,6 @@
+// A history is put into the decoder by giving it the bytes as a stored block, so the decoder's area
+// needs no second way in. After a unit that is wrong the area is wiped, since the decoder may have
+// kept pointers into buffers of the call.
 #include "capsule/host/records/unit_decoder.h"
 
 #include <algorithm>

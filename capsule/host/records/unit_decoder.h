@@ -19,18 +19,18 @@ class UnitDecoder {
  public:
   UnitDecoder();
 
-  // As before the first unit of a file.
+  // Prepares the history as it is before the first unit of a file.
   void Reset();
 
   // What the next unit may refer back to, the latest byte last: up to kMaxHistory bytes. Valid
   // until the decoder is used again.
   std::span<const unsigned char> History() const;
 
-  // As behind units that ended in `history`, up to kMaxHistory bytes.
+  // Prepares the history as it is behind units that ended in `history`, up to kMaxHistory bytes.
   void Restore(std::span<const unsigned char> history);
 
-  // As behind units that ended in bytes of this one value: what a unit takes from before itself is
-  // then this value, and every reference back is one that can be followed.
+  // Prepares the history as if all bytes before had this one value: what a unit takes from before
+  // itself is then this value, and every reference back is one that can be followed.
   void Pretend(unsigned char value);
 
   // Decodes one unit, which must fill `out` exactly and be followed by nothing but zeros. What is

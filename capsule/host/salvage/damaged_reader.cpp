@@ -1,3 +1,5 @@
+// Runs of records are surveyed and placed part by part, then read in order. Lost stretches are held
+// open until good bytes come, so that several losses in a row are told as one.
 #include "capsule/host/salvage/damaged_reader.h"
 
 #include <algorithm>

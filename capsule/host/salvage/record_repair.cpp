@@ -1,3 +1,5 @@
+// A run of damage may be one record whose header alone is damaged. Its bytes are tried as a unit,
+// or as a stored chunk, of the size that the whole records around it have; nothing else is guessed.
 #include <algorithm>
 #include <array>
 
@@ -64,8 +66,8 @@ class Repair {
     return decoder.Decode(payload, out).empty();
   }
 
-  // Its header must have no more than one wrong field, so that another damage would be needed to
-  // make it pass for what it was not.
+  // Whether the bytes are a stored chunk. No more than one field of the header may be wrong, so
+  // that other bytes do not pass for a chunk.
   bool IsStoredChunk(std::span<const unsigned char> bytes, uint32_t chunk, bool isLast) const {
     if (m_Source.rules.IsNtfs() || bytes.size() != m_nHeaderSize + uint64_t{chunk}) return false;
     const _MiniHeader header = DecodeMiniHeader(bytes.first<kMiniHeaderSize>());

@@ -1,3 +1,6 @@
+// Records are followed by their headers; behind damage the next one is searched for. All decoding
+// and searching is paid for from a budget that grows with the room, so that bytes made to look like
+// headers cannot make the survey slow.
 #include "capsule/host/salvage/record_survey.h"
 
 #include <algorithm>

@@ -20,7 +20,7 @@ struct RecordRun {
 
   // A single record whose header is damaged, and whose payload shows what it was.
   bool isRepaired = false;
-  bool isCompressed = false;  // of a repaired one
+  bool isCompressed = false;  // of a repaired record: its payload is a compressed unit
 
   bool isPlaced = false;
   uint64_t offset = 0;  // of the first byte in the file, when it is placed

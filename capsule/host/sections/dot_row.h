@@ -15,7 +15,7 @@ bool AreOfFolder(const DotAt& dotAt, size_t i) {
   return dotAt(i) == DotName::Itself && dotAt(i + 1) == DotName::Above;
 }
 
-// Whether those of no folder do.
+// Whether the entries ".", "." and ".." that are of no folder begin at item `i`.
 template <typename DotAt>
 bool AreOfNoFolder(const DotAt& dotAt, size_t i) {
   return dotAt(i) == DotName::Itself && AreOfFolder(dotAt, i + 1);

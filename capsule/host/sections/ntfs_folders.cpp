@@ -1,3 +1,6 @@
+// A folder whose number is not stated is bound to the reference of the first entry behind it. When
+// two open folders have the same reference, the inner one covers the outer, and closing it uncovers
+// that again.
 #include "capsule/host/sections/ntfs_folders.h"
 
 #include <algorithm>

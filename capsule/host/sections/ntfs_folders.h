@@ -29,10 +29,10 @@ class NtfsFolders {
   // Opens `folder` below the innermost.
   void Open(const NtfsEntry& folder);
 
-  // Opens one that is lost, but for the reference that `child` has to it, if it has one.
+  // Opens a lost folder, of which only the reference that `child` has to it is known, if any.
   void OpenLost(const NtfsEntry& child);
 
-  // The same when the first entry behind it is its child.
+  // Opens a lost folder of which nothing is known but that the first entry behind it is its child.
   void OpenLost();
 
   // Closes all folders but the first `depth`.

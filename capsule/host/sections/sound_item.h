@@ -12,8 +12,8 @@ class SoundItem {
   SoundItem(FileWindow& window, ImageFile image, bool compressed)
       : m_Window(window), m_image(std::move(image)), m_bCompressed(compressed) {}
 
-  // Whether they bear out that it is one, and ends where it seems to: names and their checksums
-  // hold, a zero entry is zero, the data of a file reads completely.
+  // Whether the records of `item` bear out that it is one and ends where it seems to: names and
+  // their checksums hold, a zero entry is zero, the data of a file reads completely.
   bool Is(const SectionItem& item) const;
 
   // Whether it is also more likely what it seems to be than damage to one of that kind.

@@ -1,3 +1,6 @@
+// What holds between two losses is counted: how often names are in order, are of one kind, and
+// folders repeat the times of the one above. Each measure weighs such a share against chance, so
+// what an image does not keep to weighs little.
 #include "capsule/host/sections/survey_evidence.h"
 
 #include <algorithm>
@@ -17,7 +20,7 @@ constexpr double kAnotherClosed = 0.4;  // that one more does
 constexpr double kAnotherOpened = 0.3;
 constexpr size_t kAttributeAt = 11;  // of a short entry; times and size are behind it
 
-// Never 0.
+// A hash of the bytes that is never 0, since 0 stands for what is not known.
 uint64_t HashOf(std::span<const unsigned char> bytes) {
   uint64_t hash = 0xCBF29CE484222325;
   for (const unsigned char byte : bytes) hash = (hash ^ byte) * 0x100000001B3;
@@ -33,7 +36,8 @@ uint64_t KeyOfEntry(const _ShortDirEntry& entry) {
 bool IsDigit(char c) { return c >= '0' && c <= '9'; }
 bool IsLetter(char c) { return (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z'); }
 
-// Of a name: a row of digits is as good as another, so is one of letters, but for the extension.
+// A hash of what kind of name this is: in front of the extension one row of digits is as good as
+// another, and so is one row of letters.
 uint64_t KindOfName(const std::string& name) {
   const size_t extension = std::min(name.rfind('.'), name.size());
   std::vector<unsigned char> kind;
@@ -52,7 +56,7 @@ double Measure(bool fits, double share, double chance) {
   return std::log(fits ? share / chance : (1 - share) / (1 - chance));
 }
 
-// Of one in `all`, of which `counts` tells how many have it.
+// How likely one of `all` items has this key by chance; `counts` tells how many have which key.
 double ChanceOf(uint64_t key, const std::unordered_map<uint64_t, uint32_t>& counts, uint32_t all) {
   const auto known = counts.find(key);
   return ((known == counts.end() ? 0 : known->second) + 1.0) / (all + 2.0);
@@ -106,7 +110,7 @@ void SurveyEvidence::ReadKinds() {
   }
 }
 
-// From what stands between two losses: there every folder is known.
+// Learns from the items that stand between two losses, where every folder is known.
 void SurveyEvidence::Learn() {
   struct Open {
     uint32_t folder = kNone;

@@ -22,10 +22,10 @@ class SurveyEvidence {
   // All measures are natural logarithms of how much likelier something is than by chance. Items are
   // told by their number.
 
-  // That `after` comes next behind `before` in one folder.
+  // Measures that `after` comes next behind `before` in one folder.
   double Order(uint32_t before, uint32_t after) const;
 
-  // The same of two files, by their kind of name: a folder often holds many of one kind.
+  // Measures the same for two files by their kind of name: a folder often holds many of one kind.
   double Likeness(uint32_t before, uint32_t after) const;
 
   // That `folder`, an item or kRoot or one of which nothing is known, is what `child`, a folder,

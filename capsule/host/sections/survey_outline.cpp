@@ -1,3 +1,5 @@
+// The items are gone through from the last to the first, since each ends where the one behind it
+// begins, and the last of a section in front of the trailer.
 #include "capsule/host/sections/survey_outline.h"
 
 #include <algorithm>
@@ -18,8 +20,8 @@ DotName DotNameIn(std::string_view name) {
   return name.starts_with("..") ? DotName::Above : DotName::Itself;
 }
 
-// The kind of the first of `records`. A "." or ".." alone says nothing: it may be that another is
-// damaged.
+// The kind of the item that the first of `records` names, or nothing where the names do not tell.
+// A single "." or ".." does not tell: the record beside it may be damaged.
 std::optional<Kind> KindOf(std::span<const IndexRecord> records, bool isBehindDot) {
   const auto dotAt = [&](size_t i) {
     return i < records.size() ? DotNameIn(records[i].name) : DotName::None;

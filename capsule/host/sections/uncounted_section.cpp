@@ -1,3 +1,5 @@
+// A section behind the last one is looked for only when the header gives reason to doubt its count;
+// otherwise what lies there may be the rest of an older, longer file.
 #include "capsule/host/sections/uncounted_section.h"
 
 #include "capsule/host/error.h"

@@ -1,3 +1,5 @@
+// The names of a folder are sorted on the first look-up in it, outside of the lock, so that threads
+// wait for each other only to find or keep a sorted folder.
 #include "capsule/host/tree/catalog.h"
 
 #include <algorithm>

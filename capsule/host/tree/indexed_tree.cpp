@@ -4,11 +4,9 @@
 // counting.
 //
 // 1. A record group lies between its own offset and the next item of the index, so that no two
-// items
-//    share a byte.
+//    items share a byte.
 // 2. What a checked index names is an entry, of the kind and at the path that it tells. Only
-// entries
-//    of NTFS sections may be missing: they are told to be left out.
+//    entries of NTFS sections may be missing: they are told to be left out.
 // 3. A FAT-style section ends with the group that reaches the next one.
 #include "capsule/host/tree/indexed_tree.h"
 
@@ -179,7 +177,7 @@ class IndexedTreeReader {
     return offset < (next == sorted.end() ? m_index.end : *next);
   }
 
-  // Where its group ends.
+  // Reads the record group at `offset`. Returns where the group ends.
   uint64_t ReadItem(uint32_t offset) {
     if (!TakeGroup(m_window.At(offset, kLongestGroup), &m_group)) {
       Fail(offset, "its group cannot be read");
@@ -193,7 +191,7 @@ class IndexedTreeReader {
     return offset + m_group.size;
   }
 
-  // As that of the index, but what follows an item in its order is found at once.
+  // Gives what IndexContents::LimitOf gives, but without a search where the items are in order.
   uint32_t LimitOf(uint32_t offset) const {
     if (!m_index.itemsAsNamed.empty()) return m_index.LimitOf(offset);
     size_t next = m_next;
@@ -246,7 +244,8 @@ class IndexedTreeReader {
     return {};
   }
 
-  // The hash of the entry's path. One whose name is damaged lies where the index says.
+  // Returns the hash of the entry's path. An entry whose name is damaged is taken to lie where the
+  // index says.
   uint64_t ComparePath(const CatalogNode& node, bool isNamed, const std::string& shortName,
                        std::string* name, std::string* problem) {
     const uint64_t folder = m_open.back().pathHash;

@@ -1,3 +1,5 @@
+// A name never lies across two blocks, and a block never moves, so a name that was handed out stays
+// where it is while others are added.
 #include "capsule/host/tree/name_store.h"
 
 #include <algorithm>

@@ -1,3 +1,5 @@
+// The same collector makes a tree of whatever a survey hands out. So checking an index without a
+// check value is a survey that ends at the first damage, and a comparison of two trees.
 #include "capsule/host/tree/salvage_tree.h"
 
 #include <algorithm>

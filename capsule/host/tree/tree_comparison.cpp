@@ -1,3 +1,5 @@
+// Both trees are brought into the order of their records' offsets and then compared side by side.
+// Whatever lies in a made-up folder is left out, since the index cannot know that folder.
 #include "capsule/host/tree/tree_comparison.h"
 
 #include <algorithm>

@@ -1,3 +1,5 @@
+// A descriptor below 3 is moved up at once: 0 means "not open" in this library, and 1 and 2 could
+// be streams that the host has closed.
 #include "capsule/platform/posix/descriptor.h"
 
 #include <fcntl.h>

@@ -1,3 +1,5 @@
+// The handler takes no lock: within a scope it only notes the signal, and the last scope to end
+// does the work. Outside of scopes nothing changes the list, so the handler may walk it.
 #include "capsule/platform/posix/ending_list.h"
 
 #include <unistd.h>

@@ -1,3 +1,5 @@
+// Transfers go on over EINTR and over partial results, so callers see all bytes, the end of the
+// file, or a failure.
 #include "capsule/platform/file.h"
 
 #include <fcntl.h>

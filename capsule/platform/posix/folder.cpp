@@ -1,3 +1,5 @@
+// Everything but a target itself is reached from the descriptor of its folder and without following
+// links, so what becomes of a path meanwhile leads nowhere else.
 #include "capsule/platform/folder.h"
 
 #include <fcntl.h>

@@ -1,3 +1,5 @@
+// Patterns are matched in the C locale, byte by byte, so that which items are left out does not
+// depend on the environment.
 #include "capsule/platform/glob.h"
 
 #include <fnmatch.h>

@@ -1,3 +1,5 @@
+// A pipe that is ready takes one short write without blocking, so a line is written in one step,
+// and only when the stream is ready.
 #include "capsule/platform/standard_error.h"
 
 #include <poll.h>

@@ -1,3 +1,6 @@
+// The file is locked and private while it is made. In the end it gets its permissions, is synced,
+// renamed, and the folder synced, in this order, so that no incomplete file ever has the target's
+// name.
 #include "capsule/platform/temporary_file.h"
 
 #include <fcntl.h>

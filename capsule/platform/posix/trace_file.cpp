@@ -1,3 +1,5 @@
+// The file is opened without being emptied, judged by its descriptor, and emptied only then: a file
+// that is not the library's to write loses nothing.
 #include "capsule/platform/trace_file.h"
 
 #include <fcntl.h>
