@@ -23,6 +23,7 @@ uint64_t SizeOf(const ByteSource& source, const std::string& name) {
 }  // namespace
 
 ImageFile::ImageFile(std::shared_ptr<const ByteSource> source, std::string name) {
+  if (!source) throw Error(ErrorKind::Misuse, name, "there is no source");
   const uint64_t size = SizeOf(*source, name);
   m_state = std::make_shared<const State>(State{std::move(source), std::move(name), size});
 }
