@@ -46,43 +46,43 @@ uint64_t NumberIn(const char* option, const std::string& text) {
 }  // namespace
 
 void Arguments::Required(const char* name, std::string& value, const char* meaning) {
-  m_Command.add_option(name, value, meaning)->required();
+  m_command.add_option(name, value, meaning)->required();
 }
 
 void Arguments::Required(const char* name, std::vector<std::string>& values, const char* meaning) {
-  m_Command.add_option(name, values, meaning)->required();
+  m_command.add_option(name, values, meaning)->required();
 }
 
 void Arguments::Optional(const char* name, std::string& value, const char* meaning) {
-  m_Command.add_option(name, value, meaning);
+  m_command.add_option(name, value, meaning);
 }
 
 void Arguments::Optional(const char* name, std::vector<std::string>& values, const char* meaning) {
-  m_Command.add_option(name, values, meaning);
+  m_command.add_option(name, values, meaning);
 }
 
 void Arguments::Flag(const char* names, bool& value, const char* meaning) {
-  m_Command.add_flag(names, value, meaning);
+  m_command.add_flag(names, value, meaning);
 }
 
 void Arguments::Text(const char* names, std::string& value, const char* type, const char* meaning) {
-  CLI::Option* option = m_Command.add_option(names, value, meaning)->type_name(type);
+  CLI::Option* option = m_command.add_option(names, value, meaning)->type_name(type);
   if (!value.empty()) option->capture_default_str();
 }
 
 void Arguments::Texts(const char* names, std::vector<std::string>& values, const char* type,
                       const char* meaning) {
-  m_Command.add_option(names, values, meaning)->type_name(type)->allow_extra_args(false);
+  m_command.add_option(names, values, meaning)->type_name(type)->allow_extra_args(false);
 }
 
 void Arguments::Number(const char* names, uint64_t& value, const char* meaning) {
   const auto take = [&value, names](const std::string& text) { value = NumberIn(names, text); };
-  m_Command.add_option_function<std::string>(names, take, meaning)->type_name("N");
+  m_command.add_option_function<std::string>(names, take, meaning)->type_name("N");
 }
 
 void Arguments::Word(const char* names, std::string& value, const std::vector<std::string>& words,
                      const char* meaning) {
-  m_Command.add_option(names, value, meaning)
+  m_command.add_option(names, value, meaning)
       ->type_name(CLI::detail::join(words, "|"))
       ->check(CLI::IsMember(words).description(""))
       ->capture_default_str();
@@ -97,35 +97,35 @@ void Arguments::OneOf(const std::vector<Choice>& choices, const std::function<vo
       *given = name;
       take(static_cast<int>(place));
     };
-    CLI::Option* flag = m_Command.add_flag_callback(choice.name, choose, choice.meaning);
+    CLI::Option* flag = m_command.add_flag_callback(choice.name, choose, choice.meaning);
     if (choice.meaning.empty()) flag->group("");
   }
 }
 
 CommandLine::CommandLine(bool& isQuiet)
-    : m_pApp(std::make_unique<CLI::App>(kDescription, "capsule")) {
-  m_pApp->require_subcommand(1);
-  m_pApp->fallthrough();
-  m_pApp->set_version_flag("--version", "capsule " CAPSULE_VERSION, "Print the version and exit");
-  m_pApp->add_flag("-q,--quiet", isQuiet, "Say only what went wrong");
+    : m_app(std::make_unique<CLI::App>(kDescription, "capsule")) {
+  m_app->require_subcommand(1);
+  m_app->fallthrough();
+  m_app->set_version_flag("--version", "capsule " CAPSULE_VERSION, "Print the version and exit");
+  m_app->add_flag("-q,--quiet", isQuiet, "Say only what went wrong");
 }
 
 CommandLine::~CommandLine() = default;
 
 Arguments CommandLine::Add(const char* name, const char* meaning, std::function<int(Talk&)> run) {
-  CLI::App* command = m_pApp->add_subcommand(name, meaning);
-  command->callback([this, run = std::move(run)] { m_Chosen = run; });
+  CLI::App* command = m_app->add_subcommand(name, meaning);
+  command->callback([this, run = std::move(run)] { m_chosen = run; });
   return Arguments(*command);
 }
 
 std::function<int(Talk&)> CommandLine::Parse(int count, char** words) {
   try {
-    m_pApp->parse(count, words);
-    return m_Chosen;
+    m_app->parse(count, words);
+    return m_chosen;
   } catch (const CLI::ParseError& error) {
-    if (error.get_exit_code() != 0) throw std::runtime_error(ArgumentMessage(*m_pApp, error));
+    if (error.get_exit_code() != 0) throw std::runtime_error(ArgumentMessage(*m_app, error));
     std::ostringstream text;  // the help or the version
-    static_cast<void>(m_pApp->exit(error, text, text));
+    static_cast<void>(m_app->exit(error, text, text));
     return [said = text.str()](Talk&) {
       Output().Write(said);
       return 0;

@@ -20,7 +20,7 @@ namespace capsule::cli {
 // are not given stay as they are.
 class Arguments {
  public:
-  explicit Arguments(CLI::App& command) : m_Command(command) {}
+  explicit Arguments(CLI::App& command) : m_command(command) {}
 
   // By position, in the order of declaration. A list takes what is left.
   void Required(const char* name, std::string& value, const char* meaning);
@@ -47,7 +47,7 @@ class Arguments {
   void OneOf(const std::vector<Choice>& choices, const std::function<void(int)>& take);
 
  private:
-  CLI::App& m_Command;
+  CLI::App& m_command;
 };
 
 class CommandLine {
@@ -66,8 +66,8 @@ class CommandLine {
   std::function<int(Talk&)> Parse(int count, char** words);
 
  private:
-  std::unique_ptr<CLI::App> m_pApp;
-  std::function<int(Talk&)> m_Chosen;
+  std::unique_ptr<CLI::App> m_app;
+  std::function<int(Talk&)> m_chosen;
 };
 
 }  // namespace capsule::cli

@@ -38,51 +38,51 @@ struct JsonObject::Members {
   std::string text;
 };
 
-JsonObject::JsonObject() : m_pMembers(std::make_unique<Members>()) {}
+JsonObject::JsonObject() : m_members(std::make_unique<Members>()) {}
 JsonObject::~JsonObject() = default;
 JsonObject::JsonObject(JsonObject&& other) noexcept = default;
 JsonObject& JsonObject::operator=(JsonObject&& other) noexcept = default;
 
 JsonObject& JsonObject::Text(const char* key, std::string_view text) {
-  m_pMembers->Add(key, ToUtf8(text));
+  m_members->Add(key, ToUtf8(text));
   return *this;
 }
 
 JsonObject& JsonObject::Path(std::string_view path) {
   Text("path", path);
-  if (!IsUtf8(path)) m_pMembers->Add("path_hex", ToHex(path));
+  if (!IsUtf8(path)) m_members->Add("path_hex", ToHex(path));
   return *this;
 }
 
 JsonObject& JsonObject::Number(const char* key, uint64_t number) {
-  m_pMembers->Add(key, number);
+  m_members->Add(key, number);
   return *this;
 }
 
 JsonObject& JsonObject::Fraction(const char* key, double number) {
-  m_pMembers->Add(key, number);
+  m_members->Add(key, number);
   return *this;
 }
 
 JsonObject& JsonObject::Truth(const char* key, bool isTrue) {
-  m_pMembers->Add(key, isTrue);
+  m_members->Add(key, isTrue);
   return *this;
 }
 
 JsonObject& JsonObject::Null(const char* key) {
-  m_pMembers->Add(key, nullptr);
+  m_members->Add(key, nullptr);
   return *this;
 }
 
 JsonObject& JsonObject::List(const char* key, const std::vector<JsonObject>& objects) {
   std::string list;
   for (const JsonObject& object : objects) {
-    list += (list.empty() ? "{" : ",{") + object.m_pMembers->text + "}";
+    list += (list.empty() ? "{" : ",{") + object.m_members->text + "}";
   }
-  m_pMembers->AddText(key, "[" + list + "]");
+  m_members->AddText(key, "[" + list + "]");
   return *this;
 }
 
-std::string JsonObject::Line() const { return WithoutControls("{" + m_pMembers->text + "}\n"); }
+std::string JsonObject::Line() const { return WithoutControls("{" + m_members->text + "}\n"); }
 
 }  // namespace capsule::cli

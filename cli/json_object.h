@@ -33,7 +33,7 @@ class JsonObject {
 
  private:
   struct Members;
-  std::unique_ptr<Members> m_pMembers;
+  std::unique_ptr<Members> m_members;
 };
 
 }  // namespace capsule::cli

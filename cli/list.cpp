@@ -56,12 +56,12 @@ std::string JsonLine(const host::Entry& entry, const std::string& path, const st
 class Lister {
  public:
   Lister(const host::Image& image, const ListArguments& arguments, Output& output)
-      : m_Image(image), m_Arguments(arguments), m_Output(output) {}
+      : m_image(image), m_arguments(arguments), m_output(output) {}
 
   // The partition that what follows lies in, in front of it.
   void Partition(const host::Entry& root, const std::string& label) {
-    if (label.empty() || !m_Arguments.isLong || m_Arguments.json) return;
-    m_Output.Write(LongColumns(root) + root.Path() + " (" + ForTerminal(label) + ")\n");
+    if (label.empty() || !m_arguments.isLong || m_arguments.json) return;
+    m_output.Write(LongColumns(root) + root.Path() + " (" + ForTerminal(label) + ")\n");
   }
 
   // What lies in a folder, or one file.
@@ -92,20 +92,20 @@ class Lister {
       const host::Entry entry = *level.next++;
       path.append("/").append(entry.Name());
       Line(entry, path);
-      if (!m_Arguments.recursive || entry.Children().empty()) continue;
+      if (!m_arguments.recursive || entry.Children().empty()) continue;
       levels.push_back({entry.Children().begin(), entry.Children().end(), path.size()});
     }
   }
 
   void Line(const host::Entry& entry, const std::string& path) {
-    if (m_Arguments.json) return m_Output.Write(JsonLine(entry, path, LabelOf(m_Image, entry)));
-    const std::string columns = m_Arguments.isLong ? LongColumns(entry) : "";
-    m_Output.WritePathLine(columns, path, entry.IsDirectory() ? "/\n" : "\n");
+    if (m_arguments.json) return m_output.Write(JsonLine(entry, path, LabelOf(m_image, entry)));
+    const std::string columns = m_arguments.isLong ? LongColumns(entry) : "";
+    m_output.WritePathLine(columns, path, entry.IsDirectory() ? "/\n" : "\n");
   }
 
-  const host::Image& m_Image;
-  const ListArguments& m_Arguments;
-  Output& m_Output;
+  const host::Image& m_image;
+  const ListArguments& m_arguments;
+  Output& m_output;
 };
 
 int List(const ListArguments& arguments, Talk& talk) {

@@ -22,10 +22,10 @@ constexpr size_t kBufferSize = size_t{64} << 10;
 
 }  // namespace
 
-Output::Output() : m_bTerminal(isatty(STDOUT_FILENO) == 1) {
+Output::Output() : m_terminal(isatty(STDOUT_FILENO) == 1) {
   static std::array<char, kBufferSize> buffer;  // in use until the process ends
   static const bool isSet =
-      !m_bTerminal && std::setvbuf(stdout, buffer.data(), _IOFBF, buffer.size()) == 0;
+      !m_terminal && std::setvbuf(stdout, buffer.data(), _IOFBF, buffer.size()) == 0;
   static_cast<void>(isSet);
 }
 
@@ -39,7 +39,7 @@ void Output::Write(std::span<const unsigned char> bytes) {
 
 void Output::WritePathLine(std::string_view before, std::string_view path, std::string_view after) {
   Write(before);
-  if (m_bTerminal) {
+  if (m_terminal) {
     Write(ForTerminal(path));
   } else {
     Write(path);

@@ -21,7 +21,7 @@ class Output {
   void Flush();
 
  private:
-  bool m_bTerminal;
+  bool m_terminal;
 };
 
 }  // namespace capsule::cli

@@ -31,7 +31,7 @@ void Write(const std::string& text) {
 
 }  // namespace
 
-Talk::Talk() : m_bTerminal(isatty(STDERR_FILENO) == 1) {}
+Talk::Talk() : m_terminal(isatty(STDERR_FILENO) == 1) {}
 Talk::~Talk() { ClearProgress(); }
 
 void Talk::Complain(const std::string& path, const std::string& reason) {
@@ -40,7 +40,7 @@ void Talk::Complain(const std::string& path, const std::string& reason) {
 
 void Talk::Complain(const std::string& message) {
   ClearProgress();
-  Write("capsule: " + host::OneLine(m_bTerminal ? ToUtf8(message) : message) + "\n");
+  Write("capsule: " + host::OneLine(m_terminal ? ToUtf8(message) : message) + "\n");
 }
 
 void Talk::WriteLine(const std::string& line) {
@@ -49,15 +49,15 @@ void Talk::WriteLine(const std::string& line) {
 }
 
 void Talk::Summarize(const std::string& text) {
-  if (!m_bQuiet) Complain(text);
+  if (!m_quiet) Complain(text);
 }
 
 void Talk::Progress(const host::Progress& progress) {
-  if (m_bQuiet || !m_bTerminal) return;
+  if (m_quiet || !m_terminal) return;
   const auto now = std::chrono::steady_clock::now();
-  if (m_bProgressShown && now - m_LastProgress < kProgressInterval) return;
-  m_LastProgress = now;
-  m_bProgressShown = true;
+  if (m_progressShown && now - m_lastProgress < kProgressInterval) return;
+  m_lastProgress = now;
+  m_progressShown = true;
   const auto megabytes = [](uint64_t bytes) { return std::to_string(bytes / 1000000); };
   const std::string total = progress.bytesTotal == 0 ? "" : " of " + megabytes(progress.bytesTotal);
   Write("\r\033[K" +
@@ -66,8 +66,8 @@ void Talk::Progress(const host::Progress& progress) {
 }
 
 void Talk::ClearProgress() {
-  if (m_bProgressShown) Write("\r\033[K");
-  m_bProgressShown = false;
+  if (m_progressShown) Write("\r\033[K");
+  m_progressShown = false;
 }
 
 }  // namespace capsule::cli

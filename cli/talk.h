@@ -17,8 +17,8 @@ class Talk {
   Talk& operator=(const Talk&) = delete;
 
   // No summaries, no progress; what went wrong is said all the same.
-  void SetQuiet(bool quiet) { m_bQuiet = quiet; }
-  bool& QuietFlag() { return m_bQuiet; }
+  void SetQuiet(bool quiet) { m_quiet = quiet; }
+  bool& QuietFlag() { return m_quiet; }
 
   // "capsule: path: reason" in one line.
   void Complain(const std::string& path, const std::string& reason);
@@ -38,10 +38,10 @@ class Talk {
  private:
   void ClearProgress();
 
-  bool m_bQuiet = false;
-  bool m_bTerminal;
-  bool m_bProgressShown = false;
-  std::chrono::steady_clock::time_point m_LastProgress;
+  bool m_quiet = false;
+  bool m_terminal;
+  bool m_progressShown = false;
+  std::chrono::steady_clock::time_point m_lastProgress;
 };
 
 }  // namespace capsule::cli

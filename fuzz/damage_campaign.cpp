@@ -61,90 +61,90 @@ struct Figures {
 
 class Campaign {
  public:
-  explicit Campaign(const Options& options) : m_Options(options) {}
+  explicit Campaign(const Options& options) : m_options(options) {}
 
   void Run(const std::string& name, const std::string& path) {
-    if (!m_Options.only.empty() && m_Options.only != name) return;
+    if (!m_options.only.empty() && m_options.only != name) return;
     const test::DamageSeed seed(path);
-    m_pSeed = &seed;
-    m_strName = name;
+    m_seed = &seed;
+    m_name = name;
     Stage("truncations",
           [&](const TakeDamage& take) { VisitTruncations(seed, kTruncations, take); });
     Stage("bytes", [&](const TakeDamage& take) { VisitBytes(seed, take); });
     Stage("random",
-          [&](const TakeDamage& take) { VisitRandom(seed, Share(m_Options.random), 1, take); });
-    m_bIndexes = true;
+          [&](const TakeDamage& take) { VisitRandom(seed, Share(m_options.random), 1, take); });
+    m_indexes = true;
     Stage("index",
-          [&](const TakeDamage& take) { VisitMutants(seed, Share(m_Options.index), 2, take); });
-    m_bIndexes = false;
+          [&](const TakeDamage& take) { VisitMutants(seed, Share(m_options.index), 2, take); });
+    m_indexes = false;
   }
 
   bool Finish() {
     rusage usage{};
     getrusage(RUSAGE_SELF, &usage);
-    std::printf("%zu runs, %zu findings, slowest %.3f s, at most %ld KiB\n", m_nRuns, m_nFindings,
-                m_Slowest, usage.ru_maxrss);
+    std::printf("%zu runs, %zu findings, slowest %.3f s, at most %ld KiB\n", m_runs, m_findings,
+                m_slowest, usage.ru_maxrss);
 #if !defined(__SANITIZE_ADDRESS__)
-    if (usage.ru_maxrss > kMostKilobytes) ++m_nFindings;
+    if (usage.ru_maxrss > kMostKilobytes) ++m_findings;
 #endif
-    return m_nFindings == 0;
+    return m_findings == 0;
   }
 
  private:
   // Of `count` damages, those of one image.
-  size_t Share(size_t count) const { return m_Options.only.empty() ? count / kImages : count; }
+  size_t Share(size_t count) const { return m_options.only.empty() ? count / kImages : count; }
 
   template <typename Visit>
   void Stage(const char* kind, const Visit& visit) {
-    if (!m_Options.stage.empty() && m_Options.stage != kind) return;
-    m_Figures = {};
+    if (!m_options.stage.empty() && m_options.stage != kind) return;
+    m_figures = {};
     visit([this](const DamageCase& damage) {
-      const size_t number = m_nCase++;
-      if (number % m_Options.every == 0 &&
-          number / m_Options.every % m_Options.parts == m_Options.part) {
+      const size_t number = m_case++;
+      if (number % m_options.every == 0 &&
+          number / m_options.every % m_options.parts == m_options.part) {
         Judge(damage);
       }
     });
     std::printf("%-24s %-12s %8zu runs, %8zu opened, %zu findings, %zu unnoticed, slowest %.3f s\n",
-                m_strName.c_str(), kind, m_Figures.runs, m_Figures.opened, m_Figures.findings,
-                m_Figures.unnoticed, m_Figures.slowest);
+                m_name.c_str(), kind, m_figures.runs, m_figures.opened, m_figures.findings,
+                m_figures.unnoticed, m_figures.slowest);
     std::fflush(stdout);
-    m_nRuns += m_Figures.runs;
-    m_nFindings += m_Figures.findings;
-    m_Slowest = std::max(m_Slowest, m_Figures.slowest);
+    m_runs += m_figures.runs;
+    m_findings += m_figures.findings;
+    m_slowest = std::max(m_slowest, m_figures.slowest);
   }
 
   void Judge(const DamageCase& damage) {
-    const std::string path = m_Folder / "damaged.cap";
+    const std::string path = m_folder / "damaged.cap";
     test::WriteFile(path, damage.bytes);
     const std::clock_t start = std::clock();
-    if (m_bIndexes) {
+    if (m_indexes) {
       JudgeIndex(damage, path);
     } else {
       JudgeReading(damage, path);
     }
     const double seconds = static_cast<double>(std::clock() - start) / CLOCKS_PER_SEC;
-    m_Figures.slowest = std::max(m_Figures.slowest, seconds);
+    m_figures.slowest = std::max(m_figures.slowest, seconds);
     if (seconds > kMostSeconds) Find(damage, "takes " + std::to_string(seconds) + " s");
-    ++m_Figures.runs;
+    ++m_figures.runs;
   }
 
   void JudgeReading(const DamageCase& damage, const std::string& path) {
     try {
       const host::Image image(path, host::Opening::Salvage);
-      ++m_Figures.opened;
+      ++m_figures.opened;
       Compare(damage, image);
     } catch (const host::Error& error) {
-      if (!damage.isHeader && !m_pSeed->Untouched(damage.from, damage.to).empty()) {
+      if (!damage.isHeader && !m_seed->Untouched(damage.from, damage.to).empty()) {
         Find(damage, std::string("cannot be opened: ") + error.what());
       }
     }
-    if (m_Figures.runs % kVerifyEach == 0) Verify(path);
+    if (m_figures.runs % kVerifyEach == 0) Verify(path);
   }
 
   void JudgeIndex(const DamageCase& damage, const std::string& path) {
-    const IndexJudgement judgement = JudgeIndexing(*m_pSeed, path);
-    if (judgement.isWritten) ++m_Figures.opened;
+    const IndexJudgement judgement = JudgeIndexing(*m_seed, path);
+    if (judgement.isWritten) ++m_figures.opened;
     if (!judgement.finding.empty()) Find(damage, judgement.finding);
   }
 
@@ -157,9 +157,9 @@ class Campaign {
 
   void Compare(const DamageCase& damage, const host::Image& image) {
     const test::Contents found = test::ReadContents(image);
-    const test::Contents& whole = m_pSeed->Whole();
+    const test::Contents& whole = m_seed->Whole();
     if (!damage.isHeader) {
-      for (const std::string& path : m_pSeed->Untouched(damage.from, damage.to)) {
+      for (const std::string& path : m_seed->Untouched(damage.from, damage.to)) {
         const auto at = found.find(path);
         if (at == found.end() || at->second != whole.at(path)) {
           return Find(damage, path + (at == found.end() ? " is missing" : " is not the same"));
@@ -172,29 +172,29 @@ class Campaign {
       const bool isSame = at != whole.end() && at->second == contents;
       if (isSame || contents == test::kUnread || (at == whole.end() && complains)) continue;
       if (image.Info().checked) return Find(damage, path + " is read as something else");
-      ++m_Figures.unnoticed;
+      ++m_figures.unnoticed;
     }
   }
 
   void Find(const DamageCase& damage, const std::string& what) {
-    ++m_Figures.findings;
-    std::printf("FINDING %s, %zu to %zu of %zu bytes: %s\n", m_strName.c_str(), damage.from,
-                damage.to, damage.bytes.size(), what.c_str());
-    if (m_Options.keep.empty()) return;
-    test::WriteFile(m_Options.keep + "/" + m_strName + "-" + std::to_string(m_nCase) + ".cap",
+    ++m_figures.findings;
+    std::printf("FINDING %s, %zu to %zu of %zu bytes: %s\n", m_name.c_str(), damage.from, damage.to,
+                damage.bytes.size(), what.c_str());
+    if (m_options.keep.empty()) return;
+    test::WriteFile(m_options.keep + "/" + m_name + "-" + std::to_string(m_case) + ".cap",
                     damage.bytes);
   }
 
-  Options m_Options;
-  test::TempDir m_Folder;
-  const test::DamageSeed* m_pSeed = nullptr;
-  std::string m_strName;
-  bool m_bIndexes = false;  // what `index` makes of the damage is judged
-  Figures m_Figures;
-  size_t m_nCase = 0;
-  size_t m_nRuns = 0;
-  size_t m_nFindings = 0;
-  double m_Slowest = 0;
+  Options m_options;
+  test::TempDir m_folder;
+  const test::DamageSeed* m_seed = nullptr;
+  std::string m_name;
+  bool m_indexes = false;  // what `index` makes of the damage is judged
+  Figures m_figures;
+  size_t m_case = 0;
+  size_t m_runs = 0;
+  size_t m_findings = 0;
+  double m_slowest = 0;
 };
 
 // Two folders as partitions, of files short, long, compressible and not.

@@ -21,24 +21,24 @@ constexpr char kSentinel[] = "left alone";
 // A folder with the target in it, and a file beside the target.
 class Sandbox {
  public:
-  Sandbox() : m_Path(Make()) {
+  Sandbox() : m_path(Make()) {
     fs::create_directories(Target());
-    std::ofstream(m_Path / "beside") << kSentinel;
+    std::ofstream(m_path / "beside") << kSentinel;
   }
   ~Sandbox() {
     fs::permissions(Target(), fs::perms::owner_all, fs::perm_options::add);
-    fs::remove_all(m_Path);
+    fs::remove_all(m_path);
   }
   Sandbox(const Sandbox&) = delete;
   Sandbox& operator=(const Sandbox&) = delete;
 
-  fs::path Target() const { return m_Path / "a" / "target"; }
+  fs::path Target() const { return m_path / "a" / "target"; }
 
   void Check() const {
-    std::ifstream file(m_Path / "beside");
+    std::ifstream file(m_path / "beside");
     const std::string text{std::istreambuf_iterator<char>(file), {}};
     fuzz::Require(text == kSentinel, "the file beside the target is as it was");
-    fuzz::Require(Count(m_Path) == 2 && Count(m_Path / "a") == 1, "nothing is new beside it");
+    fuzz::Require(Count(m_path) == 2 && Count(m_path / "a") == 1, "nothing is new beside it");
   }
 
  private:
@@ -52,7 +52,7 @@ class Sandbox {
     return std::distance(fs::directory_iterator(folder), {});
   }
 
-  fs::path m_Path;
+  fs::path m_path;
 };
 
 bool IsSmall(const host::Image& image) {

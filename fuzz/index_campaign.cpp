@@ -62,49 +62,49 @@ class Campaign {
  public:
   // `whole`: what the files held; none when the image has no check values.
   Campaign(std::string path, const test::Contents* whole)
-      : m_strPath(std::move(path)), m_pWhole(whole) {}
+      : m_path(std::move(path)), m_whole(whole) {}
 
   // `place`: what the messages call this damage.
   void Judge(const std::string& bytes, const std::string& place, DamagedSections mode,
              Figures* figures) {
-    m_strPlace = place + (mode == DamagedSections::NoteDamage ? ", forced" : "");
-    m_pFigures = figures;
-    test::WriteFile(m_strPath, bytes);
-    if (!IsCalledSound(m_strPath)) ++figures->named;
-    const test::Contents before = ContentsOf(m_strPath);
-    const auto time = fs::last_write_time(m_strPath);
+    m_place = place + (mode == DamagedSections::NoteDamage ? ", forced" : "");
+    m_figures = figures;
+    test::WriteFile(m_path, bytes);
+    if (!IsCalledSound(m_path)) ++figures->named;
+    const test::Contents before = ContentsOf(m_path);
+    const auto time = fs::last_write_time(m_path);
     try {
-      static_cast<void>(host::IndexWriter(m_strPath).Write(mode));
+      static_cast<void>(host::IndexWriter(m_path).Write(mode));
       JudgeWritten(before);
       JudgeAgain(mode);
     } catch (const host::Error&) {
       ++figures->refused;
-      const bool isSame = test::ReadFile(m_strPath) == bytes;
-      if (!isSame || fs::last_write_time(m_strPath) != time) Find("refused, but changed");
+      const bool isSame = test::ReadFile(m_path) == bytes;
+      if (!isSame || fs::last_write_time(m_path) != time) Find("refused, but changed");
     }
   }
 
  private:
   void JudgeWritten(const test::Contents& before) {
-    const bool isSound = IsCalledSound(m_strPath);
-    ++(isSound ? m_pFigures->sound : m_pFigures->noted);
+    const bool isSound = IsCalledSound(m_path);
+    ++(isSound ? m_figures->sound : m_figures->noted);
     try {
-      if (host::Image(m_strPath).IsWhole() != isSound) Find("verifying and opening disagree");
+      if (host::Image(m_path).IsWhole() != isSound) Find("verifying and opening disagree");
     } catch (const host::Error& error) {
       Find(error.what());
     }
-    const test::Contents after = ContentsOf(m_strPath);
+    const test::Contents after = ContentsOf(m_path);
     for (const auto& [path, contents] : before) {
       const auto now = after.find(path);
       const bool isThere = now != after.end() && now->second == contents;
       if (!isThere && contents != test::kUnread) Find(path + " gets lost");
     }
-    if (m_pWhole == nullptr) return;
-    if (isSound && after != *m_pWhole) Find("called sound, but is not what it was");
+    if (m_whole == nullptr) return;
+    if (isSound && after != *m_whole) Find("called sound, but is not what it was");
     for (const auto& [path, contents] : after) {
-      const auto was = m_pWhole->find(path);
-      const bool isSame = was != m_pWhole->end() && was->second == contents;
-      if (!isSame && was != m_pWhole->end() && contents != test::kUnread) {
+      const auto was = m_whole->find(path);
+      const bool isSame = was != m_whole->end() && was->second == contents;
+      if (!isSame && was != m_whole->end() && contents != test::kUnread) {
         Find(path + " is read as something else");
       }
     }
@@ -112,23 +112,23 @@ class Campaign {
 
   // What an index says of damage stays when it is made once more, if that is not refused.
   void JudgeAgain(DamagedSections mode) {
-    const bool wasSound = IsCalledSound(m_strPath);
+    const bool wasSound = IsCalledSound(m_path);
     try {
-      static_cast<void>(host::IndexWriter(m_strPath).Write(mode));
+      static_cast<void>(host::IndexWriter(m_path).Write(mode));
     } catch (const host::Error&) {
     }
-    if (IsCalledSound(m_strPath) != wasSound) Find("indexed again, it is judged otherwise");
+    if (IsCalledSound(m_path) != wasSound) Find("indexed again, it is judged otherwise");
   }
 
   void Find(const std::string& what) {
-    ++m_pFigures->findings;
-    std::printf("FINDING %s: %s\n", m_strPlace.c_str(), what.c_str());
+    ++m_figures->findings;
+    std::printf("FINDING %s: %s\n", m_place.c_str(), what.c_str());
   }
 
-  std::string m_strPath;
-  const test::Contents* m_pWhole;
-  std::string m_strPlace;
-  Figures* m_pFigures = nullptr;
+  std::string m_path;
+  const test::Contents* m_whole;
+  std::string m_place;
+  Figures* m_figures = nullptr;
 };
 
 std::string Build(const test::TempDir& folder, int level) {
@@ -152,33 +152,33 @@ std::string Build(const test::TempDir& folder, int level) {
 // One kind of damage, and what came of it.
 class Stage {
  public:
-  explicit Stage(const char* name) : m_pName(name) {}
+  explicit Stage(const char* name) : m_name(name) {}
 
   void Judge(Campaign& campaign, const std::string& bytes, const std::string& place) {
-    ++m_nCount;
-    campaign.Judge(bytes, place, DamagedSections::IndexWhatIsLeft, &m_Plain);
-    campaign.Judge(bytes, place, DamagedSections::NoteDamage, &m_Forced);
+    ++m_count;
+    campaign.Judge(bytes, place, DamagedSections::IndexWhatIsLeft, &m_plain);
+    campaign.Judge(bytes, place, DamagedSections::NoteDamage, &m_forced);
   }
 
   // Whether there was no finding.
   bool Finish() const {
-    Print("plain", m_Plain);
-    Print("forced", m_Forced);
-    return m_Plain.findings + m_Forced.findings == 0;
+    Print("plain", m_plain);
+    Print("forced", m_forced);
+    return m_plain.findings + m_forced.findings == 0;
   }
 
  private:
   void Print(const char* mode, const Figures& figures) const {
     std::printf(
         "%-8s %-8s %zu: %zu named before, %zu refused, %zu noted, %zu sound, %zu findings\n",
-        m_pName, mode, m_nCount, figures.named, figures.refused, figures.noted, figures.sound,
+        m_name, mode, m_count, figures.named, figures.refused, figures.noted, figures.sound,
         figures.findings);
   }
 
-  const char* m_pName;
-  size_t m_nCount = 0;
-  Figures m_Plain;
-  Figures m_Forced;
+  const char* m_name;
+  size_t m_count = 0;
+  Figures m_plain;
+  Figures m_forced;
 };
 
 bool RunBuilt(const test::TempDir& folder, size_t count) {

@@ -14,20 +14,20 @@ namespace capsule::fuzz {
 
 class MemoryFile {
  public:
-  explicit MemoryFile(std::span<const uint8_t> bytes) : m_nDescriptor(memfd_create("fuzz", 0)) {
-    Require(m_nDescriptor > 0, "a file in memory can be made");
-    const ssize_t put = write(m_nDescriptor, bytes.data(), bytes.size());
+  explicit MemoryFile(std::span<const uint8_t> bytes) : m_descriptor(memfd_create("fuzz", 0)) {
+    Require(m_descriptor > 0, "a file in memory can be made");
+    const ssize_t put = write(m_descriptor, bytes.data(), bytes.size());
     Require(put == static_cast<ssize_t>(bytes.size()), "a file in memory can be written");
   }
-  ~MemoryFile() { close(m_nDescriptor); }
+  ~MemoryFile() { close(m_descriptor); }
   MemoryFile(const MemoryFile&) = delete;
   MemoryFile& operator=(const MemoryFile&) = delete;
 
-  int Descriptor() const { return m_nDescriptor; }
-  std::string Path() const { return "/proc/self/fd/" + std::to_string(m_nDescriptor); }
+  int Descriptor() const { return m_descriptor; }
+  std::string Path() const { return "/proc/self/fd/" + std::to_string(m_descriptor); }
 
  private:
-  int m_nDescriptor;
+  int m_descriptor;
 };
 
 }  // namespace capsule::fuzz

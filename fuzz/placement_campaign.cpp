@@ -50,64 +50,64 @@ struct Options {
 // A source tree: names of several habits, folders up to six levels deep.
 class Tree {
  public:
-  Tree(uint32_t seed, bool equalTimes, size_t scale) : m_Random(seed) {
-    std::vector<std::filesystem::path> folders{m_Folder.Path()};
+  Tree(uint32_t seed, bool equalTimes, size_t scale) : m_random(seed) {
+    std::vector<std::filesystem::path> folders{m_folder.Path()};
     std::vector<size_t> depths{0};
     std::vector<uint_fast32_t> habits{0};
     while (folders.size() <= kFolders) {
-      const size_t parent = m_Random() % 4 == 0 ? 0 : m_Random() % folders.size();
+      const size_t parent = m_random() % 4 == 0 ? 0 : m_random() % folders.size();
       if (depths[parent] == 6) continue;
       const auto path = folders[parent] / FolderName();
       if (!std::filesystem::create_directory(path)) continue;
       folders.push_back(path);
       depths.push_back(depths[parent] + 1);
-      habits.push_back(m_Random());
+      habits.push_back(m_random());
     }
     std::string noise;
     while (noise.size() < 4 * kMeanFile) {
       const bool isText = noise.size() / 300 % 2 == 0;
-      noise += static_cast<char>(isText ? 'a' + m_Random() % 4 : m_Random() % 256);
+      noise += static_cast<char>(isText ? 'a' + m_random() % 4 : m_random() % 256);
     }
     std::vector<std::filesystem::path> all = folders;
     for (size_t i = 0; i < kFiles;) {
-      const size_t folder = m_Random() % folders.size();
+      const size_t folder = m_random() % folders.size();
       const auto path = folders[folder] / FileName(habits[folder]);
       if (std::filesystem::exists(path)) continue;
-      const size_t size = m_Random() % 20 == 0 ? 0 : m_Random() % (2 * kMeanFile / scale);
-      test::WriteFile(path.string(), std::string_view(noise).substr(m_Random() % kMeanFile, size));
+      const size_t size = m_random() % 20 == 0 ? 0 : m_random() % (2 * kMeanFile / scale);
+      test::WriteFile(path.string(), std::string_view(noise).substr(m_random() % kMeanFile, size));
       all.push_back(path);
       ++i;
     }
     for (const auto& path : all) {
       const int64_t at = equalTimes
                              ? 1'000'000'000
-                             : 1'000'000'000 + static_cast<int64_t>(m_Random() % 400'000'000);
+                             : 1'000'000'000 + static_cast<int64_t>(m_random() % 400'000'000);
       const timespec times[] = {{at, 0}, {at, 0}};
       ::utimensat(AT_FDCWD, path.c_str(), times, 0);
     }
   }
 
-  const std::filesystem::path& Path() const { return m_Folder.Path(); }
+  const std::filesystem::path& Path() const { return m_folder.Path(); }
 
  private:
   std::string Word() {
     static const std::array<const char*, 16> kWords = {
         "annual",  "backup",  "cables",  "drafts",  "engine", "family", "garden", "holiday",
         "invoice", "journal", "kitchen", "letters", "music",  "notes",  "photos", "zebra"};
-    return kWords[m_Random() % kWords.size()];
+    return kWords[m_random() % kWords.size()];
   }
   std::string Number(size_t most, size_t width) {
-    std::string digits = std::to_string(m_Random() % most);
+    std::string digits = std::to_string(m_random() % most);
     return std::string(width - std::min(width, digits.size()), '0') + digits;
   }
   std::string FolderName() {
-    switch (m_Random() % 3) {
+    switch (m_random() % 3) {
       case 0:
         return Word();
       case 1:
         return "Folder " + Number(40, 2);
       default:
-        return std::to_string(1990 + m_Random() % 30);
+        return std::to_string(1990 + m_random() % 30);
     }
   }
   std::string FileName(uint_fast32_t habit) {
@@ -123,8 +123,8 @@ class Tree {
     }
   }
 
-  test::TempDir m_Folder;
-  std::mt19937 m_Random;
+  test::TempDir m_folder;
+  std::mt19937 m_random;
 };
 
 // What came out of one damaged image.
@@ -148,7 +148,7 @@ class Judge {
       using Kind = host::SectionItem::Kind;
       if (item.kind == Kind::ZeroEntry && open.size() > 1) open.pop_back();
       if (item.kind != Kind::Directory && item.kind != Kind::File) continue;
-      m_Items[item.offset] = {open.back(), item.offset + item.length, item.kind == Kind::File};
+      m_items[item.offset] = {open.back(), item.offset + item.length, item.kind == Kind::File};
       if (item.kind == Kind::Directory) open.push_back(item.offset);
     }
   }
@@ -158,8 +158,8 @@ class Judge {
     Places places;
     std::map<uint64_t, bool> files;  // by place: whether it is in the right one
     test::ForEachEntry(image, [&](const host::Entry& entry) {
-      const auto known = m_Items.find(entry.Offset());
-      if (entry.IsRoot() || known == m_Items.end() || !known->second.isFile) return;
+      const auto known = m_items.find(entry.Offset());
+      if (entry.IsRoot() || known == m_items.end() || !known->second.isFile) return;
       if (!entry.IsDirectory()) files[entry.Offset()] = IsRight(entry, &places);
     });
     std::vector<uint64_t> told;
@@ -172,7 +172,7 @@ class Judge {
     bool isCovered = false;
     bool wasWrong = false;
     uint64_t before = 0;  // the last file that came out
-    for (const auto& [offset, item] : m_Items) {
+    for (const auto& [offset, item] : m_items) {
       if (!item.isFile) continue;
       const auto file = files.find(offset);
       if (file == files.end()) {
@@ -214,8 +214,8 @@ class Judge {
     host::Entry at = folder;
     while (!at.IsRoot()) {
       if (wanted == 0) return false;
-      const auto known = m_Items.find(at.Offset());
-      const bool isOwn = known != m_Items.end() && !at.Name().starts_with("damaged-");
+      const auto known = m_items.find(at.Offset());
+      const bool isOwn = known != m_items.end() && !at.Name().starts_with("damaged-");
       if (isOwn && at.Offset() != wanted) return false;
       if (!isOwn) {
         const auto [stands, isNew] = places->standsFor.try_emplace(at.Offset(), wanted);
@@ -224,25 +224,25 @@ class Judge {
           return false;
         }
       }
-      wanted = m_Items.at(wanted).folder;
+      wanted = m_items.at(wanted).folder;
       at = at.Parent();
     }
     return wanted == 0;
   }
 
   bool IsRight(const host::Entry& entry, Places* places) const {
-    return IsRightBelow(entry.Parent(), m_Items.at(entry.Offset()).folder, places);
+    return IsRightBelow(entry.Parent(), m_items.at(entry.Offset()).folder, places);
   }
 
-  std::map<uint64_t, Item> m_Items;  // by place
+  std::map<uint64_t, Item> m_items;  // by place
 };
 
 class Campaign {
  public:
-  explicit Campaign(const Options& options) : m_Options(options) {}
+  explicit Campaign(const Options& options) : m_options(options) {}
 
   void Run(const char* name, const Tree& tree, int level) {
-    const std::string path = m_Folder / "x.cap";
+    const std::string path = m_folder / "x.cap";
     host::BuildOptions build;
     build.level = level;
     host::ImageBuilder builder(path, build);
@@ -250,13 +250,13 @@ class Campaign {
     static_cast<void>(builder.Finish());
     const test::DamageSeed seed(path);
     const Judge judge(seed);
-    if (!m_Options.keep.empty()) {
-      test::WriteFile(m_Options.keep + "/" + name + "-whole.cap", seed.Bytes());
+    if (!m_options.keep.empty()) {
+      test::WriteFile(m_options.keep + "/" + name + "-whole.cap", seed.Bytes());
     }
     Outcome sum;
     size_t worst = 0;
-    for (uint32_t i = 0; i < m_Options.seeds; ++i) {
-      const uint32_t number = m_Options.first + i;
+    for (uint32_t i = 0; i < m_options.seeds; ++i) {
+      const uint32_t number = m_options.first + i;
       std::vector<Range> damage;
       test::WriteFile(path, Damage(seed, number, &damage));
       const host::Image image(path, host::Opening::Salvage);
@@ -265,9 +265,9 @@ class Campaign {
         std::printf("%s, seed %u: %zu in a wrong place, %zu without a word, %zu places told\n",
                     name, number, one.wrong, one.silent, one.told);
       }
-      if (one.wrong > 0 && !m_Options.keep.empty()) {
+      if (one.wrong > 0 && !m_options.keep.empty()) {
         std::filesystem::copy_file(path,
-                                   std::filesystem::path(m_Options.keep) /
+                                   std::filesystem::path(m_options.keep) /
                                        (std::string(name) + std::to_string(number) + ".cap"),
                                    std::filesystem::copy_options::overwrite_existing);
       }
@@ -277,22 +277,22 @@ class Campaign {
       sum.told += one.told;
       worst = std::max(worst, one.wrong);
     }
-    const double runs = std::max<uint32_t>(1, m_Options.seeds);
+    const double runs = std::max<uint32_t>(1, m_options.seeds);
     const double percent = 100.0 * static_cast<double>(sum.wrong) / runs / kFiles;
     std::printf(
         "%-12s %u runs over %zu bytes: %.1f files lost, %.2f in a wrong place (%.3f %%, at most "
         "%zu), %zu without a word, %.1f of %zu places told\n",
-        name, m_Options.seeds, seed.Bytes().size(), static_cast<double>(sum.lost) / runs,
+        name, m_options.seeds, seed.Bytes().size(), static_cast<double>(sum.lost) / runs,
         static_cast<double>(sum.wrong) / runs, percent, worst, sum.silent,
         static_cast<double>(sum.told) / runs, kPlaces);
     std::fflush(stdout);
-    m_Percents.push_back(percent);
-    m_nSilent += sum.silent;
+    m_percents.push_back(percent);
+    m_silent += sum.silent;
   }
 
   bool IsGood() const {
-    const double sum = std::accumulate(m_Percents.begin(), m_Percents.end(), 0.0);
-    return sum <= m_Options.most * static_cast<double>(m_Percents.size()) && m_nSilent == 0;
+    const double sum = std::accumulate(m_percents.begin(), m_percents.end(), 0.0);
+    return sum <= m_options.most * static_cast<double>(m_percents.size()) && m_silent == 0;
   }
 
  private:
@@ -301,7 +301,7 @@ class Campaign {
     constexpr size_t kHeaders = kHeaderSize + kPartitionHeaderSize;
     std::mt19937 random(number);
     std::string bytes = seed.Bytes();
-    const size_t size = kPlaceSize / m_Options.scale;
+    const size_t size = kPlaceSize / m_options.scale;
     for (size_t i = 0; i < kPlaces; ++i) {
       const size_t at = kHeaders + random() % (seed.IndexOffset() - kHeaders - size);
       for (size_t n = 0; n < size; ++n) bytes[at + n] = static_cast<char>(random());
@@ -311,10 +311,10 @@ class Campaign {
     return bytes;
   }
 
-  Options m_Options;
-  test::TempDir m_Folder;
-  std::vector<double> m_Percents;  // by tree
-  size_t m_nSilent = 0;
+  Options m_options;
+  test::TempDir m_folder;
+  std::vector<double> m_percents;  // by tree
+  size_t m_silent = 0;
 };
 
 int Main(int argc, char** argv) {

@@ -60,7 +60,7 @@ constexpr uint32_t kBeforeTriples = 16;  // source bytes searched without it
 class CompressCall {
  public:
   CompressCall(CompressionArea& area, uint16_t flags, uint32_t effort)
-      : m_area(area), m_nFlags(flags), m_nEffort(effort) {
+      : m_area(area), m_flags(flags), m_effort(effort) {
     std::memcpy(&m_state, area.state, sizeof m_state);
   }
 
@@ -93,9 +93,9 @@ class CompressCall {
   void StartFresh();
   void MakeRoomForInput();
 
-  bool MayChooseTriples() const { return Has(LzsIndexMatchBodies) && m_nEffort >= kTripleEffort; }
-  bool Has(uint16_t flag) const { return (m_nFlags & flag) != 0; }
-  uint32_t Room() const { return static_cast<uint32_t>(m_pOutEnd - m_pOut); }
+  bool MayChooseTriples() const { return Has(LzsIndexMatchBodies) && m_effort >= kTripleEffort; }
+  bool Has(uint16_t flag) const { return (m_flags & flag) != 0; }
+  uint32_t Room() const { return static_cast<uint32_t>(m_outEnd - m_out); }
   // Whether the unit is closed, and not paused, when the destination fills. In new room for an open
   // unit that is too small for closing it pauses all the same.
   bool IsClosing() const {
@@ -110,19 +110,19 @@ class CompressCall {
 
   CompressionArea& m_area;
   CompressionState m_state;
-  uint16_t m_nFlags;
-  uint32_t m_nEffort;
-  const unsigned char* m_pSource = nullptr;
-  uint32_t m_nSourceCount = 0;
-  uint32_t m_nConsumed = 0;  // of the source, when the side is finished
-  unsigned char* m_pOut = nullptr;
-  unsigned char* m_pOutEnd = nullptr;
-  bool m_bHasTriples = false;  // the second index stands at the cursor
+  uint16_t m_flags;
+  uint32_t m_effort;
+  const unsigned char* m_source = nullptr;
+  uint32_t m_sourceCount = 0;
+  uint32_t m_consumed = 0;  // of the source, when the side is finished
+  unsigned char* m_out = nullptr;
+  unsigned char* m_outEnd = nullptr;
+  bool m_hasTriples = false;  // the second index stands at the cursor
   TripleIndex m_triples;
 };
 
 bool CompressCall::IsRefused(uint32_t destinationCount) const {
-  const auto changed = static_cast<uint16_t>(m_nFlags ^ m_state.flags);
+  const auto changed = static_cast<uint16_t>(m_flags ^ m_state.flags);
   switch (m_state.saved) {
     case SavedSide::Source:
       if ((changed & LzsEndOfInput) != 0) return true;
@@ -141,30 +141,30 @@ uint16_t CompressCall::Run(const unsigned char** source, unsigned char** destina
                            uint32_t* sourceCount, uint32_t* destinationCount) {
   const bool isSourceSaved = m_state.saved == SavedSide::Source;
   const bool isDestinationSaved = m_state.saved == SavedSide::Destination;
-  m_pSource = isSourceSaved ? m_state.savedSource : *source;
-  m_nSourceCount = isSourceSaved ? m_state.savedSourceCount : *sourceCount;
-  m_pOut = isDestinationSaved ? m_state.savedDestination : *destination;
-  m_pOutEnd = m_pOut + (isDestinationSaved ? m_state.savedDestinationCount : *destinationCount);
+  m_source = isSourceSaved ? m_state.savedSource : *source;
+  m_sourceCount = isSourceSaved ? m_state.savedSourceCount : *sourceCount;
+  m_out = isDestinationSaved ? m_state.savedDestination : *destination;
+  m_outEnd = m_out + (isDestinationSaved ? m_state.savedDestinationCount : *destinationCount);
 
   Begin();
   const uint16_t result = WriteUnit();
 
   m_state.saved = SavedSide::None;
-  m_state.flags = m_nFlags;
+  m_state.flags = m_flags;
   if ((result & (LzsInputUsedUp | LzsUnitComplete)) != 0) {
-    *source = m_pSource + m_nConsumed;
-    *sourceCount = m_nSourceCount - m_nConsumed;
+    *source = m_source + m_consumed;
+    *sourceCount = m_sourceCount - m_consumed;
   } else {
     m_state.saved = SavedSide::Source;
-    m_state.savedSource = m_pSource;
-    m_state.savedSourceCount = m_nSourceCount;
+    m_state.savedSource = m_source;
+    m_state.savedSourceCount = m_sourceCount;
   }
   if ((result & (LzsOutputFull | LzsUnitComplete)) != 0) {
-    *destination = m_pOut;
+    *destination = m_out;
     *destinationCount = Room();
   } else {
     m_state.saved = SavedSide::Destination;
-    m_state.savedDestination = m_pOut;
+    m_state.savedDestination = m_out;
     m_state.savedDestinationCount = Room();
   }
   std::memcpy(m_area.state, &m_state, sizeof m_state);
@@ -191,13 +191,13 @@ void CompressCall::Begin() {
 // Puts the first source bytes behind the history, where there is one.
 void CompressCall::MakeRoomForInput() {
   if (m_state.historyCount == 0) return;
-  const uint32_t wanted = std::min(m_nSourceCount, kInputBufferSize - kMaxOffset);
+  const uint32_t wanted = std::min(m_sourceCount, kInputBufferSize - kMaxOffset);
   if (m_state.historyCount + wanted > kInputBufferSize) {
     std::memmove(m_area.buffer, m_area.buffer + m_state.historyCount - kMaxOffset, kMaxOffset);
     m_state.historyCount = kMaxOffset;
   }
-  const uint32_t fits = std::min(m_nSourceCount, kInputBufferSize - m_state.historyCount);
-  if (fits != 0) std::memcpy(m_area.buffer + m_state.historyCount, m_pSource, fits);
+  const uint32_t fits = std::min(m_sourceCount, kInputBufferSize - m_state.historyCount);
+  if (fits != 0) std::memcpy(m_area.buffer + m_state.historyCount, m_source, fits);
 }
 
 uint16_t CompressCall::WriteUnit() {
@@ -206,7 +206,7 @@ uint16_t CompressCall::WriteUnit() {
     bool fits = true;
     switch (m_state.phase) {
       case WritePhase::Search:
-        if (m_state.next < m_nSourceCount) {
+        if (m_state.next < m_sourceCount) {
           ChooseNext();
           break;
         }
@@ -240,21 +240,21 @@ void CompressCall::ChooseNext() {
 
 void CompressCall::Rebase() {
   m_state.position = RebasePositions(m_area, m_state.position);
-  m_bHasTriples = false;
+  m_hasTriples = false;
 }
 
 SearchWindow CompressCall::Window() const {
   const uint32_t history = m_state.historyCount;
   if (history == 0 || m_state.next >= kMaxOffset)
-    return {m_pSource, m_pSource, m_nSourceCount, m_nSourceCount};
-  return {m_pSource, m_area.buffer + history, std::min(m_nSourceCount, kInputBufferSize - history),
-          m_nSourceCount};
+    return {m_source, m_source, m_sourceCount, m_sourceCount};
+  return {m_source, m_area.buffer + history, std::min(m_sourceCount, kInputBufferSize - history),
+          m_sourceCount};
 }
 
 // Where the search ends, or goes on in another window.
 uint32_t CompressCall::SearchEnd(const SearchWindow& window) const {
   if (window.copied < window.size) return kMaxOffset;
-  const uint32_t end = m_nSourceCount > kSearchTail ? m_nSourceCount - kSearchTail : 0;
+  const uint32_t end = m_sourceCount > kSearchTail ? m_sourceCount - kSearchTail : 0;
   return m_state.next < end ? m_state.next + std::min(kSearchSlice, end - m_state.next) : end;
 }
 
@@ -262,15 +262,15 @@ uint32_t CompressCall::SearchEnd(const SearchWindow& window) const {
 // source are searched without it, since their match may leave little to search.
 bool CompressCall::ChooseIndex(const SearchWindow& window) {
   m_state.isMarked = m_state.isMarked && Has(LzsIndexMatchBodies);
-  if (m_bHasTriples) return true;
-  const uint32_t left = m_nSourceCount - m_state.next;
+  if (m_hasTriples) return true;
+  const uint32_t left = m_sourceCount - m_state.next;
   if (!MayChooseTriples() || m_state.next < kBeforeTriples || left < kTripleSource ||
       WordRoom() < kTripleSource)
     return false;
   const uint32_t before = m_state.historyCount + m_state.next;
   m_triples.Build(m_area, window, m_state.next, m_state.position, std::min(before, kMaxOffset),
                   m_state.isMarked);
-  m_state.isMarked = m_bHasTriples = true;
+  m_state.isMarked = m_hasTriples = true;
   return true;
 }
 
@@ -284,19 +284,19 @@ bool CompressCall::SearchFast() {
   run.stop = SearchEnd(window);
   run.position = m_state.position;
   run.history = m_state.historyCount;
-  run.out = m_pOut;
-  run.outLimit = m_pOut + WordRoom();
+  run.out = m_out;
+  run.outLimit = m_out + WordRoom();
   run.bits = m_state.bits;
   run.bitCount = m_state.bitCount;
   if (run.next >= run.stop) return false;
   run.triples = ChooseIndex(window) ? &m_triples : nullptr;
   if (MayChooseTriples() && run.next < kBeforeTriples)
     run.stop = std::min(run.stop, kBeforeTriples);
-  CompressFast(m_area, run, m_nFlags, m_nEffort);
+  CompressFast(m_area, run, m_flags, m_effort);
   const bool hasMoved = run.next != m_state.next;
   m_state.next = run.next;
   m_state.position = run.position;
-  m_pOut = run.out;
+  m_out = run.out;
   m_state.bits = run.bits;
   m_state.bitCount = static_cast<uint8_t>(run.bitCount);
   if (run.unwritten.length != 0) {
@@ -314,11 +314,11 @@ void CompressCall::SearchRun() {
     const SearchWindow window = Window();
     const uint32_t end = SearchEnd(window);
     if (m_state.next >= end) break;
-    m_bHasTriples = false;
+    m_hasTriples = false;
     m_state.isMarked = m_state.isMarked && Has(LzsIndexMatchBodies);
     for (; m_state.next < end; ++m_state.next, ++m_state.position, ++m_state.literals) {
-      const Match match = FindMatch(m_area, window, PlainHashes{m_pSource}, m_state.next,
-                                    m_state.position, m_nEffort);
+      const Match match = FindMatch(m_area, window, PlainHashes{m_source}, m_state.next,
+                                    m_state.position, m_effort);
       if (match.length == 0) continue;
       m_state.position = EnterFound(window, match);
       m_state.next += match.length;
@@ -328,17 +328,17 @@ void CompressCall::SearchRun() {
     }
     if (m_state.position >= kPositionCeiling) Rebase();
   }
-  const uint32_t tail = m_nSourceCount - m_state.next;
+  const uint32_t tail = m_sourceCount - m_state.next;
   MarkNotEntered(m_area, m_state.position, tail);
   m_state.literals += tail;
   m_state.position += tail;
-  m_state.next = m_nSourceCount;
+  m_state.next = m_sourceCount;
 }
 
 uint32_t CompressCall::EnterFound(const SearchWindow& window, Match match) {
   const uint32_t next = m_state.next;
   const uint32_t position = m_state.position;
-  const PlainHashes hashes{m_pSource};
+  const PlainHashes hashes{m_source};
   if (Has(LzsIndexMatchBodies))
     return EnterMatch<IndexMode::Bodies>(m_area, window, hashes, next, position, match);
   if (Has(LzsIndexMatchEnds))
@@ -352,7 +352,7 @@ bool CompressCall::WriteLiterals() {
     m_state.phase = m_state.matchRest != 0 ? WritePhase::Header : WritePhase::Search;
     return true;
   }
-  const unsigned char* first = m_pSource + (m_state.next - m_state.matchRest - pending);
+  const unsigned char* first = m_source + (m_state.next - m_state.matchRest - pending);
   const bool isOdd = pending % 2 != 0;
   m_state.literals -= isOdd ? 1 : 2;
   if (isOdd) return Put(first[0], kLiteralBits);
@@ -408,8 +408,8 @@ bool CompressCall::Put(uint32_t value, unsigned width) {
 
 // Writes as many owed bytes as fit; true if that were all.
 bool CompressCall::DeliverOwed() {
-  while (m_state.owedCount != 0 && m_pOut != m_pOutEnd) {
-    *m_pOut++ = static_cast<unsigned char>(m_state.owed >> 24);
+  while (m_state.owedCount != 0 && m_out != m_outEnd) {
+    *m_out++ = static_cast<unsigned char>(m_state.owed >> 24);
     m_state.owed <<= 8;
     --m_state.owedCount;
   }
@@ -422,7 +422,7 @@ uint16_t CompressCall::Stop() {
   DeliverOwed();
   m_state.unit = UnitState::Paused;
   if (m_state.phase < WritePhase::Padding) return LzsOutputFull;
-  m_nConsumed = m_state.next;
+  m_consumed = m_state.next;
   KeepInput();
   m_state.next = 0;
   return LzsOutputFull | LzsInputUsedUp;
@@ -432,7 +432,7 @@ uint16_t CompressCall::Stop() {
 // written piece stands for.
 uint16_t CompressCall::Close() {
   const bool isInLength = m_state.phase == WritePhase::Groups;
-  m_nConsumed = m_state.next - m_state.matchRest - m_state.literals;
+  m_consumed = m_state.next - m_state.matchRest - m_state.literals;
   m_state.phase = WritePhase::Padding;
   DeliverOwed();
   if (isInLength) Put(0, kGroupBits);
@@ -444,8 +444,8 @@ uint16_t CompressCall::Close() {
 
 // The source of the call is used up, and with LzsEndOfInput the unit is written.
 uint16_t CompressCall::Complete() {
-  m_nConsumed = m_state.next;
-  const bool isAllUsed = m_nConsumed == m_nSourceCount;
+  m_consumed = m_state.next;
+  const bool isAllUsed = m_consumed == m_sourceCount;
   const bool isUnitEnd = m_state.phase == WritePhase::Finished;
   uint16_t result = isAllUsed ? LzsInputUsedUp : 0;
   if (isUnitEnd) result |= LzsUnitComplete;
@@ -461,14 +461,14 @@ uint16_t CompressCall::Complete() {
 
 // Lets the buffer end with the last bytes of the source.
 void CompressCall::KeepInput() {
-  if (m_nConsumed >= kMaxOffset) {
-    std::memcpy(m_area.buffer, m_pSource + m_nConsumed - kMaxOffset, kMaxOffset);
+  if (m_consumed >= kMaxOffset) {
+    std::memcpy(m_area.buffer, m_source + m_consumed - kMaxOffset, kMaxOffset);
     m_state.historyCount = kMaxOffset;
     return;
   }
-  if (m_state.historyCount == 0 && m_nConsumed != 0)
-    std::memcpy(m_area.buffer, m_pSource, m_nConsumed);
-  m_state.historyCount = static_cast<uint16_t>(m_state.historyCount + m_nConsumed);
+  if (m_state.historyCount == 0 && m_consumed != 0)
+    std::memcpy(m_area.buffer, m_source, m_consumed);
+  m_state.historyCount = static_cast<uint16_t>(m_state.historyCount + m_consumed);
 }
 
 void CompressCall::StartFresh() {

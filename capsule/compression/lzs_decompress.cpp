@@ -37,7 +37,7 @@ enum class StepResult { Go, NeedInput, OutputFull, UnitEnd, Corrupt };
 
 class DecompressCall {
  public:
-  DecompressCall(DecompressionArea& area, uint16_t flags) : m_area(area), m_nFlags(flags) {}
+  DecompressCall(DecompressionArea& area, uint16_t flags) : m_area(area), m_flags(flags) {}
 
   bool IsDamaged() const;
   uint16_t Run(const unsigned char** source, unsigned char** destination, uint32_t* sourceCount,
@@ -65,18 +65,18 @@ class DecompressCall {
   void Remember(const unsigned char* bytes, uint32_t count);
   uint32_t PeekBits(uint64_t available) const;
 
-  uint32_t SourceLeft() const { return static_cast<uint32_t>(m_pSourceEnd - m_pSource); }
-  uint32_t DestinationLeft() const { return static_cast<uint32_t>(m_pDestEnd - m_pDest); }
+  uint32_t SourceLeft() const { return static_cast<uint32_t>(m_sourceEnd - m_source); }
+  uint32_t DestinationLeft() const { return static_cast<uint32_t>(m_destEnd - m_dest); }
 
   DecompressionArea& m_area;
-  uint16_t m_nFlags;
+  uint16_t m_flags;
   DecodeState m_state{};
-  const unsigned char* m_pSource = nullptr;
-  const unsigned char* m_pSourceEnd = nullptr;
-  unsigned char* m_pDest = nullptr;  // delivered up to here
-  unsigned char* m_pDestStart = nullptr;
-  unsigned char* m_pDestEnd = nullptr;
-  bool m_bStaged = false;
+  const unsigned char* m_source = nullptr;
+  const unsigned char* m_sourceEnd = nullptr;
+  unsigned char* m_dest = nullptr;  // delivered up to here
+  unsigned char* m_destStart = nullptr;
+  unsigned char* m_destEnd = nullptr;
+  bool m_staged = false;
 };
 
 // Whether the area holds what no call leaves behind.
@@ -106,11 +106,11 @@ void DecompressCall::TakeHandles(const unsigned char* source, unsigned char* des
     destination = static_cast<unsigned char*>(saved);
     destinationCount = m_area.savedCount;
   }
-  m_pSource = source;
-  m_pSourceEnd = source + sourceCount;
-  m_pDest = destination;
-  m_pDestStart = destination;
-  m_pDestEnd = destination + destinationCount;
+  m_source = source;
+  m_sourceEnd = source + sourceCount;
+  m_dest = destination;
+  m_destStart = destination;
+  m_destEnd = destination + destinationCount;
 }
 
 // Nothing kept, nothing carried, nothing begun.
@@ -125,11 +125,11 @@ bool DecompressCall::CopyStored(const unsigned char** source, unsigned char** de
   const uint32_t count = SourceLeft();
   if (count != DestinationLeft() || m_area.status != DecodeStatus::Between || m_area.carried != 0)
     return false;
-  if (count != 0) std::memcpy(m_pDest, m_pSource, count);
-  Remember(m_pDest, count);
+  if (count != 0) std::memcpy(m_dest, m_source, count);
+  Remember(m_dest, count);
   m_area.saved = PendingSide::None;
-  *source = m_pSourceEnd;
-  *destination = m_pDestEnd;
+  *source = m_sourceEnd;
+  *destination = m_destEnd;
   *sourceCount = 0;
   *destinationCount = 0;
   return true;
@@ -147,7 +147,7 @@ uint16_t DecompressCall::Run(const unsigned char** source, unsigned char** desti
   }
   EndOutput();
   const bool isUnitEnd = end == StepResult::UnitEnd;
-  if (isUnitEnd && (m_nFlags & LzsKeepHistory) == 0) m_area.historyCount = 0;
+  if (isUnitEnd && (m_flags & LzsKeepHistory) == 0) m_area.historyCount = 0;
 
   uint16_t result = SourceLeft() == 0 ? LzsInputUsedUp : 0;
   if (DestinationLeft() == 0) result |= LzsOutputFull;
@@ -155,19 +155,19 @@ uint16_t DecompressCall::Run(const unsigned char** source, unsigned char** desti
   const void* saved = nullptr;
   m_area.saved = PendingSide::None;
   if ((result & (LzsInputUsedUp | LzsUnitComplete)) != 0) {
-    *source = m_pSource;
+    *source = m_source;
     *sourceCount = SourceLeft();
   } else {
     m_area.saved = PendingSide::Source;
-    saved = m_pSource;
+    saved = m_source;
     m_area.savedCount = SourceLeft();
   }
   if ((result & (LzsOutputFull | LzsUnitComplete)) != 0) {
-    *destination = m_pDest;
+    *destination = m_dest;
     *destinationCount = DestinationLeft();
   } else {
     m_area.saved = PendingSide::Destination;
-    saved = m_pDest;
+    saved = m_dest;
     m_area.savedCount = DestinationLeft();
   }
   uint64_t pointer = 0;
@@ -181,10 +181,10 @@ void DecompressCall::BeginOutput() {
   m_state.matchRest = m_area.matchRest;
   m_state.matchOffset = m_area.matchOffset;
   m_state.status = m_area.status;
-  m_bStaged = m_area.historyCount != 0;
-  if (!m_bStaged) {
-    m_state.outBase = m_state.out = m_pDest;
-    m_state.outEnd = m_pDestEnd;
+  m_staged = m_area.historyCount != 0;
+  if (!m_staged) {
+    m_state.outBase = m_state.out = m_dest;
+    m_state.outEnd = m_destEnd;
     return;
   }
   const uint32_t wanted = std::min(DestinationLeft(), kStageSize);
@@ -200,24 +200,24 @@ void DecompressCall::BeginOutput() {
 // Delivers what was staged. True if there is more room, in which decoding then goes on directly.
 bool DecompressCall::LeaveStage() {
   const auto count = static_cast<uint32_t>(m_state.out - m_area.history) - m_area.historyCount;
-  if (count != 0) std::memcpy(m_pDest, m_area.history + m_area.historyCount, count);
-  m_pDest += count;
-  if (count < kMaxOffset || m_pDest == m_pDestEnd) return false;
-  m_bStaged = false;
-  m_state.outBase = m_pDestStart;
-  m_state.out = m_pDest;
-  m_state.outEnd = m_pDestEnd;
+  if (count != 0) std::memcpy(m_dest, m_area.history + m_area.historyCount, count);
+  m_dest += count;
+  if (count < kMaxOffset || m_dest == m_destEnd) return false;
+  m_staged = false;
+  m_state.outBase = m_destStart;
+  m_state.out = m_dest;
+  m_state.outEnd = m_destEnd;
   return true;
 }
 
 // Delivers the output and lets the buffer end with the last of it, as far as it is still wanted.
 void DecompressCall::EndOutput() {
-  if (m_bStaged) {
+  if (m_staged) {
     const auto end = static_cast<uint32_t>(m_state.out - m_area.history);
     m_area.historyCount = static_cast<uint16_t>(end);
   } else {
-    m_pDest = m_state.out;
-    Remember(m_pDestStart, static_cast<uint32_t>(m_pDest - m_pDestStart));
+    m_dest = m_state.out;
+    Remember(m_destStart, static_cast<uint32_t>(m_dest - m_destStart));
   }
   m_area.bitOffset = static_cast<uint8_t>(m_state.bitOffset);
   m_area.matchRest = m_state.matchRest;
@@ -246,7 +246,7 @@ StepResult DecompressCall::DecodeAll() {
     result = m_area.carried != 0 ? DecodeCarried() : DecodeSource();
     if (result == StepResult::Corrupt) break;
     const bool isFull = result == StepResult::OutputFull;
-    if (m_bStaged && (result != StepResult::Go)) {
+    if (m_staged && (result != StepResult::Go)) {
       if (LeaveStage() && isFull) result = StepResult::Go;
     }
   }
@@ -259,25 +259,25 @@ StepResult DecompressCall::DecodeCarried() {
   const uint32_t carried = m_area.carried;
   const uint32_t taken = std::min(SourceLeft(), kJoined);
   std::memcpy(joined, m_area.carry, carried);
-  if (taken != 0) std::memcpy(joined + carried, m_pSource, taken);
+  if (taken != 0) std::memcpy(joined + carried, m_source, taken);
   m_state.in = joined;
   m_state.inEnd = joined + carried + taken;
   StepResult result = StepResult::Go;
   while (result == StepResult::Go && m_state.in < joined + carried) result = Step();
   if (result == StepResult::NeedInput) {
     // All of the source is in the carry buffer now.
-    m_pSource += taken;
+    m_source += taken;
     Carry();
   } else if (m_state.in >= joined + carried) {
-    m_pSource += (m_state.in - joined) - carried;
+    m_source += (m_state.in - joined) - carried;
     m_area.carried = 0;
   }
   return result;
 }
 
 StepResult DecompressCall::DecodeSource() {
-  m_state.in = m_pSource;
-  m_state.inEnd = m_pSourceEnd;
+  m_state.in = m_source;
+  m_state.inEnd = m_sourceEnd;
   StepResult result = StepResult::Go;
   while (result == StepResult::Go) {
     if (m_state.status == DecodeStatus::Token && m_state.matchRest == 0 &&
@@ -285,9 +285,9 @@ StepResult DecompressCall::DecodeSource() {
       DecodeFast(m_state);
     result = Step();
   }
-  m_pSource = m_state.in;
+  m_source = m_state.in;
   if (result == StepResult::NeedInput) {
-    m_pSource = m_pSourceEnd;
+    m_source = m_sourceEnd;
     Carry();
   }
   return result;

@@ -20,91 +20,91 @@ constexpr uint16_t kIndexFlags = LzsIndexMatchEnds | LzsIndexMatchBodies;
 }  // namespace
 
 StreamCompressor::StreamCompressor(uint32_t pieceSize, uint16_t flags, uint16_t effort)
-    : m_pInput(kInputSize),
-      m_pOutput(kOutputSize),
-      m_nPieceSize(std::clamp<uint32_t>(pieceSize, 1, kInputSize)),
-      m_pHistory(LzsSizeOfCompressionHistory()),
-      m_nCallFlags(flags),
-      m_nFlags(flags),
-      m_nEffort(effort),
-      m_pResult(kResultCapacity) {}
+    : m_input(kInputSize),
+      m_output(kOutputSize),
+      m_pieceSize(std::clamp<uint32_t>(pieceSize, 1, kInputSize)),
+      m_history(LzsSizeOfCompressionHistory()),
+      m_callFlags(flags),
+      m_flags(flags),
+      m_effort(effort),
+      m_result(kResultCapacity) {}
 
 StreamCompressor::~StreamCompressor() = default;
 
 int StreamCompressor::CompressBuffer(const unsigned char* source, uint32_t length,
                                      unsigned char* destination, uint32_t capacity) {
   const bool isOwn = destination == nullptr || capacity == 0;
-  m_pDestNext = isOwn ? m_pResult.data() : destination;
-  m_nDestLeft = isOwn ? kResultCapacity : capacity;
-  m_pCallerNext = source;
-  m_nCallerLeft = length;
-  m_nTotalOut = 0;
+  m_destNext = isOwn ? m_result.data() : destination;
+  m_destLeft = isOwn ? kResultCapacity : capacity;
+  m_callerNext = source;
+  m_callerLeft = length;
+  m_totalOut = 0;
   if (source == nullptr && length > 0) return 0;
-  m_nCallFlags = m_nFlags;
-  m_nResult = LzsInputUsedUp | LzsOutputFull;
-  while ((m_nResult & LzsUnitComplete) == 0 && Pass()) {
+  m_callFlags = m_flags;
+  m_resultFlags = LzsInputUsedUp | LzsOutputFull;
+  while ((m_resultFlags & LzsUnitComplete) == 0 && Pass()) {
   }
   return 0;
 }
 
 // One call of the codec; false if it refused.
 bool StreamCompressor::Pass() {
-  if ((m_nResult & LzsInputUsedUp) != 0) {
-    m_nSourceCount = std::min(m_nPieceSize, m_nCallerLeft);
-    if (m_nSourceCount != 0) {
-      std::memcpy(m_pInput.data(), m_pCallerNext, m_nSourceCount);
-      m_pCallerNext += m_nSourceCount;
-      m_nCallerLeft -= m_nSourceCount;
+  if ((m_resultFlags & LzsInputUsedUp) != 0) {
+    m_sourceCount = std::min(m_pieceSize, m_callerLeft);
+    if (m_sourceCount != 0) {
+      std::memcpy(m_input.data(), m_callerNext, m_sourceCount);
+      m_callerNext += m_sourceCount;
+      m_callerLeft -= m_sourceCount;
     }
-    m_pSource = m_pInput.data();
+    m_source = m_input.data();
   }
-  if ((m_nResult & LzsOutputFull) != 0) {
-    m_pOut = m_pOutput.data();
-    m_nOutCount = kOutputOffered;
+  if ((m_resultFlags & LzsOutputFull) != 0) {
+    m_out = m_output.data();
+    m_outCount = kOutputOffered;
   }
-  if (m_nCallerLeft == 0) m_nCallFlags |= LzsEndOfInput;
+  if (m_callerLeft == 0) m_callFlags |= LzsEndOfInput;
 
-  m_nResult = LzsCompress(&m_pSource, &m_pOut, &m_nSourceCount, &m_nOutCount, m_pHistory.data(),
-                          m_nCallFlags, m_nEffort);
-  if (m_nResult == 0) {
-    m_nTotalOut = 0;
+  m_resultFlags = LzsCompress(&m_source, &m_out, &m_sourceCount, &m_outCount, m_history.data(),
+                              m_callFlags, m_effort);
+  if (m_resultFlags == 0) {
+    m_totalOut = 0;
     return false;
   }
-  if ((m_nResult & (LzsOutputFull | LzsUnitComplete)) != 0) {
-    const uint32_t produced = kOutputOffered - m_nOutCount;
-    const uint32_t stored = std::min(produced, m_nDestLeft);
-    std::memcpy(m_pDestNext, m_pOutput.data(), stored);
-    m_nTotalOut += produced;
-    m_pDestNext += stored;
-    m_nDestLeft -= stored;
+  if ((m_resultFlags & (LzsOutputFull | LzsUnitComplete)) != 0) {
+    const uint32_t produced = kOutputOffered - m_outCount;
+    const uint32_t stored = std::min(produced, m_destLeft);
+    std::memcpy(m_destNext, m_output.data(), stored);
+    m_totalOut += produced;
+    m_destNext += stored;
+    m_destLeft -= stored;
   }
   return true;
 }
 
-uint32_t StreamCompressor::GetCompressedSize() const { return m_nTotalOut; }
+uint32_t StreamCompressor::GetCompressedSize() const { return m_totalOut; }
 
-const unsigned char* StreamCompressor::GetResult() const { return m_pResult.data(); }
+const unsigned char* StreamCompressor::GetResult() const { return m_result.data(); }
 
 void* StreamCompressor::ResetCompressionHistory() {
-  LzsInitCompressionHistory(m_pHistory.data());
-  return m_pHistory.data();
+  LzsInitCompressionHistory(m_history.data());
+  return m_history.data();
 }
 
 int StreamCompressor::SetFastCompression() {
-  m_nFlags &= static_cast<uint16_t>(~kIndexFlags);
-  m_nEffort = 0;
+  m_flags &= static_cast<uint16_t>(~kIndexFlags);
+  m_effort = 0;
   return 0;
 }
 
 int StreamCompressor::SetMediumCompression() {
-  m_nFlags = static_cast<uint16_t>((m_nFlags & ~kIndexFlags) | LzsIndexMatchEnds);
-  m_nEffort = 7;
+  m_flags = static_cast<uint16_t>((m_flags & ~kIndexFlags) | LzsIndexMatchEnds);
+  m_effort = 7;
   return 0;
 }
 
 int StreamCompressor::SetMaximumCompression() {
-  m_nFlags = static_cast<uint16_t>((m_nFlags & ~kIndexFlags) | LzsIndexMatchBodies);
-  m_nEffort = 255;
+  m_flags = static_cast<uint16_t>((m_flags & ~kIndexFlags) | LzsIndexMatchBodies);
+  m_effort = 255;
   return 0;
 }
 

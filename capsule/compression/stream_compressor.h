@@ -49,24 +49,24 @@ class CAPSULE_API StreamCompressor {
  private:
   bool Pass();
 
-  std::vector<unsigned char> m_pInput;
-  std::vector<unsigned char> m_pOutput;
-  uint32_t m_nPieceSize;
-  std::vector<unsigned char> m_pHistory;
-  const unsigned char* m_pSource = nullptr;
-  uint32_t m_nSourceCount = 0;
-  const unsigned char* m_pCallerNext = nullptr;
-  uint32_t m_nCallerLeft = 0;
-  unsigned char* m_pDestNext = nullptr;
-  uint32_t m_nDestLeft = 0;
-  unsigned char* m_pOut = nullptr;
-  uint32_t m_nTotalOut = 0;
-  uint32_t m_nOutCount = 0;
-  uint16_t m_nResult = 0;
-  uint16_t m_nCallFlags;
-  uint16_t m_nFlags;
-  uint16_t m_nEffort;
-  std::vector<unsigned char> m_pResult;
+  std::vector<unsigned char> m_input;
+  std::vector<unsigned char> m_output;
+  uint32_t m_pieceSize;
+  std::vector<unsigned char> m_history;
+  const unsigned char* m_source = nullptr;
+  uint32_t m_sourceCount = 0;
+  const unsigned char* m_callerNext = nullptr;
+  uint32_t m_callerLeft = 0;
+  unsigned char* m_destNext = nullptr;
+  uint32_t m_destLeft = 0;
+  unsigned char* m_out = nullptr;
+  uint32_t m_totalOut = 0;
+  uint32_t m_outCount = 0;
+  uint16_t m_resultFlags = 0;
+  uint16_t m_callFlags;
+  uint16_t m_flags;
+  uint16_t m_effort;
+  std::vector<unsigned char> m_result;
 };
 
 }  // namespace capsule

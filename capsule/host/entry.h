@@ -71,10 +71,10 @@ class CAPSULE_API Entry {
   friend class EntryRange;
   friend class Extractor;
   friend class Image;
-  Entry(const Catalog* catalog, uint32_t id) : m_pCatalog(catalog), m_nId(id) {}
+  Entry(const Catalog* catalog, uint32_t id) : m_catalog(catalog), m_id(id) {}
 
-  const Catalog* m_pCatalog = nullptr;
-  uint32_t m_nId = 0;
+  const Catalog* m_catalog = nullptr;
+  uint32_t m_id = 0;
 };
 
 class CAPSULE_API EntryRange {
@@ -88,10 +88,10 @@ class CAPSULE_API EntryRange {
     using reference = Entry;
 
     Iterator() = default;
-    Iterator(const Catalog* catalog, uint32_t id) : m_pCatalog(catalog), m_nId(id) {}
-    Entry operator*() const { return Entry(m_pCatalog, m_nId); }
+    Iterator(const Catalog* catalog, uint32_t id) : m_catalog(catalog), m_id(id) {}
+    Entry operator*() const { return Entry(m_catalog, m_id); }
     Iterator& operator++() {
-      m_nId = After(*m_pCatalog, m_nId);
+      m_id = After(*m_catalog, m_id);
       return *this;
     }
     Iterator operator++(int) {
@@ -102,16 +102,16 @@ class CAPSULE_API EntryRange {
     bool operator==(const Iterator&) const = default;
 
    private:
-    const Catalog* m_pCatalog = nullptr;
-    uint32_t m_nId = 0;
+    const Catalog* m_catalog = nullptr;
+    uint32_t m_id = 0;
   };
 
   EntryRange(const Catalog* catalog, uint32_t first, uint32_t count)
-      : m_pCatalog(catalog), m_nFirst(first), m_nCount(count) {}
-  Iterator begin() const { return {m_pCatalog, m_nFirst}; }
-  Iterator end() const { return {m_pCatalog, kNone}; }
-  size_t size() const { return m_nCount; }
-  bool empty() const { return m_nCount == 0; }
+      : m_catalog(catalog), m_first(first), m_count(count) {}
+  Iterator begin() const { return {m_catalog, m_first}; }
+  Iterator end() const { return {m_catalog, kNone}; }
+  size_t size() const { return m_count; }
+  bool empty() const { return m_count == 0; }
 
   // For iterators: the number of the entry behind number `id` of `catalog`.
   static uint32_t After(const Catalog& catalog, uint32_t id);
@@ -119,9 +119,9 @@ class CAPSULE_API EntryRange {
  private:
   static constexpr uint32_t kNone = 0xFFFFFFFF;  // behind the last one
 
-  const Catalog* m_pCatalog;
-  uint32_t m_nFirst;
-  uint32_t m_nCount;
+  const Catalog* m_catalog;
+  uint32_t m_first;
+  uint32_t m_count;
 };
 
 }  // namespace capsule::host

@@ -57,9 +57,9 @@ Error::Error(std::string path, std::string reason, std::optional<uint64_t> offse
 
 Error::Error(ErrorKind kind, std::string path, std::string reason, std::optional<uint64_t> offset)
     : std::runtime_error(Message(path, reason)),
-      m_strPath(std::move(path)),
-      m_strReason(std::move(reason)),
-      m_nOffset(offset),
+      m_path(std::move(path)),
+      m_reason(std::move(reason)),
+      m_offset(offset),
       m_kind(kind) {}
 
 Error::Error(std::string path, const std::string& what, std::error_code code,

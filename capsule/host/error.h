@@ -57,14 +57,14 @@ class CAPSULE_API Error : public std::runtime_error {
   // What the system said; 0 when the error did not come from the system.
   std::error_code Code() const { return m_code; }
 
-  const std::string& Path() const { return m_strPath; }
-  const std::string& Reason() const { return m_strReason; }
-  std::optional<uint64_t> Offset() const { return m_nOffset; }
+  const std::string& Path() const { return m_path; }
+  const std::string& Reason() const { return m_reason; }
+  std::optional<uint64_t> Offset() const { return m_offset; }
 
  private:
-  std::string m_strPath;
-  std::string m_strReason;
-  std::optional<uint64_t> m_nOffset;
+  std::string m_path;
+  std::string m_reason;
+  std::optional<uint64_t> m_offset;
   ErrorKind m_kind;
   std::error_code m_code;
 };

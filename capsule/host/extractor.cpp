@@ -107,7 +107,7 @@ uint64_t Extractor::Impl::BytesToExtract() const {
   while (!left.empty()) {
     const auto [entry, isBelowWanted] = left.back();
     left.pop_back();
-    const auto mark = chosen.find(entry.m_nId);
+    const auto mark = chosen.find(entry.m_id);
     const bool isWanted = isBelowWanted || (mark != chosen.end() && mark->second);
     if (!isWanted && mark == chosen.end()) continue;
     bytes += entry.Size();
@@ -186,7 +186,7 @@ void Extractor::Impl::ExtractFile(const Entry& file) {
 }
 
 void Extractor::Impl::Visit(const Entry& entry) {
-  const auto mark = chosen.find(entry.m_nId);
+  const auto mark = chosen.find(entry.m_id);
   const bool isWanted = levels.back().isWanted || (mark != chosen.end() && mark->second);
   if (!isWanted && mark == chosen.end()) return;
   const char* objection = JudgeName(entry.Name());
@@ -206,7 +206,7 @@ void Extractor::Impl::Visit(const Entry& entry) {
 }
 
 void Extractor::Impl::Walk(const Entry& root) {
-  const auto mark = chosen.find(root.m_nId);
+  const auto mark = chosen.find(root.m_id);
   if (!chosen.empty() && mark == chosen.end()) return;
   const bool isWanted = chosen.empty() || mark->second;
   OpenTarget();
@@ -231,8 +231,8 @@ void Extractor::Impl::Walk(const Entry& root) {
 }
 
 Extractor::Extractor(const Image& image, std::filesystem::path target, ExtractOptions options)
-    : m_pImpl(std::make_unique<Impl>(image, std::move(target), std::move(options))) {
-  m_pImpl->OpenTarget();
+    : m_impl(std::make_unique<Impl>(image, std::move(target), std::move(options))) {
+  m_impl->OpenTarget();
 }
 
 Extractor::~Extractor() = default;
@@ -240,19 +240,19 @@ Extractor::Extractor(Extractor&&) noexcept = default;
 Extractor& Extractor::operator=(Extractor&&) noexcept = default;
 
 void Extractor::Add(const Entry& entry) {
-  m_pImpl->chosen[entry.m_nId] = true;
+  m_impl->chosen[entry.m_id] = true;
   for (Entry at = entry; !at.IsRoot();) {
     at = at.Parent();
-    if (!m_pImpl->chosen.try_emplace(at.m_nId, false).second) return;
+    if (!m_impl->chosen.try_emplace(at.m_id, false).second) return;
   }
 }
 
 ExtractReport Extractor::Run() {
-  m_pImpl->report = {};
-  m_pImpl->passed = 0;
-  m_pImpl->watch.Restart(m_pImpl->watch.IsHeard() ? m_pImpl->BytesToExtract() : 0);
-  for (int n = 0; n < m_pImpl->image.Partitions(); ++n) m_pImpl->Walk(m_pImpl->image.Root(n));
-  return std::move(m_pImpl->report);
+  m_impl->report = {};
+  m_impl->passed = 0;
+  m_impl->watch.Restart(m_impl->watch.IsHeard() ? m_impl->BytesToExtract() : 0);
+  for (int n = 0; n < m_impl->image.Partitions(); ++n) m_impl->Walk(m_impl->image.Root(n));
+  return std::move(m_impl->report);
 }
 
 }  // namespace capsule::host

@@ -64,7 +64,7 @@ class CAPSULE_API Extractor {
 
  private:
   struct Impl;
-  ImplPointer<Impl> m_pImpl;
+  ImplPointer<Impl> m_impl;
 };
 
 }  // namespace capsule::host

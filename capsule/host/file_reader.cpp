@@ -19,19 +19,19 @@ struct FileReader::Impl {
 };
 
 FileReader::FileReader(RecordSource source)
-    : m_pImpl(std::unique_ptr<Impl>(new Impl{RecordStream(std::move(source)), false})) {}
+    : m_impl(std::unique_ptr<Impl>(new Impl{RecordStream(std::move(source)), false})) {}
 FileReader::FileReader(FileReader&&) noexcept = default;
 FileReader& FileReader::operator=(FileReader&&) noexcept = default;
 FileReader::~FileReader() = default;
 
-uint64_t FileReader::Size() const { return m_pImpl->records.Source().size; }
+uint64_t FileReader::Size() const { return m_impl->records.Source().size; }
 
 size_t FileReader::Read(uint64_t offset, std::span<unsigned char> out) {
-  RecordStream& records = m_pImpl->records;
+  RecordStream& records = m_impl->records;
   const uint64_t size = Size();
   const uint64_t end =
       offset >= size ? offset : offset + std::min<uint64_t>(out.size(), size - offset);
-  if (std::exchange(m_pImpl->hasFailed, true)) {
+  if (std::exchange(m_impl->hasFailed, true)) {
     records.SeekAfterFailure(offset);
   } else {
     records.Seek(offset);
@@ -45,7 +45,7 @@ size_t FileReader::Read(uint64_t offset, std::span<unsigned char> out) {
     std::copy(bytes.begin(), bytes.end(), out.begin() + static_cast<std::ptrdiff_t>(at - offset));
     at += count;
   }
-  m_pImpl->hasFailed = false;
+  m_impl->hasFailed = false;
   return static_cast<size_t>(end - offset);
 }
 

@@ -52,7 +52,7 @@ class CAPSULE_API FileReader {
   struct Impl;
   explicit FileReader(RecordSource source);
 
-  ImplPointer<Impl> m_pImpl;
+  ImplPointer<Impl> m_impl;
 };
 
 }  // namespace capsule::host

@@ -187,8 +187,8 @@ Image::Image(const std::filesystem::path& path, Opening opening)
     : Image(FileSource(path), path.string(), opening) {}
 
 Image::Image(std::shared_ptr<const ByteSource> source, std::string name, Opening opening)
-    : m_pImpl(std::make_unique<Impl>()) {
-  Impl& impl = *m_pImpl;
+    : m_impl(std::make_unique<Impl>()) {
+  Impl& impl = *m_impl;
   impl.file = ImageFile(std::move(source), std::move(name));
   const ImageFile& file = impl.file;
   const uint64_t length = file.Size();
@@ -242,23 +242,23 @@ Image::~Image() = default;
 Image::Image(Image&&) noexcept = default;
 Image& Image::operator=(Image&&) noexcept = default;
 
-const std::string& Image::Path() const { return m_pImpl->file.Name(); }
-const ImageInfo& Image::Info() const& { return m_pImpl->info; }
-const std::vector<ImageProblem>& Image::Problems() const& { return m_pImpl->problems; }
+const std::string& Image::Path() const { return m_impl->file.Name(); }
+const ImageInfo& Image::Info() const& { return m_impl->info; }
+const std::vector<ImageProblem>& Image::Problems() const& { return m_impl->problems; }
 bool Image::IsWhole() const {
   const bool isByIndex = Info().scanReason.empty() || Info().indexOffset == 0;
   return isByIndex && Problems().empty();
 }
-int Image::Partitions() const { return static_cast<int>(m_pImpl->catalog->Roots()); }
+int Image::Partitions() const { return static_cast<int>(m_impl->catalog->Roots()); }
 
 Entry Image::Root(int n) const& {
   if (n < 0 || n >= Partitions())
     throw Error(ErrorKind::NotFound, Path(), "has no partition " + std::to_string(n));
-  return m_pImpl->catalog->At(m_pImpl->catalog->Root(static_cast<uint32_t>(n)));
+  return m_impl->catalog->At(m_impl->catalog->Root(static_cast<uint32_t>(n)));
 }
 
 std::optional<Entry> Image::Find(std::string_view path) const& {
-  const Catalog& catalog = *m_pImpl->catalog;
+  const Catalog& catalog = *m_impl->catalog;
   const std::optional<uint32_t> partition = TakePartition(&path);
   if (!partition || *partition >= catalog.Roots()) return std::nullopt;
   std::optional<uint32_t> at = catalog.Root(*partition);
@@ -272,23 +272,23 @@ std::optional<Entry> Image::Find(std::string_view path) const& {
 }
 
 RecordSource Image::SourceOf(const Entry& entry) const {
-  if (entry.m_pCatalog != m_pImpl->catalog.get())
+  if (entry.m_catalog != m_impl->catalog.get())
     throw Error(ErrorKind::Misuse, Path(), "entry of another image");
-  const CatalogNode& node = m_pImpl->catalog->Node(entry.m_nId);
+  const CatalogNode& node = m_impl->catalog->Node(entry.m_id);
   if (node.isDirectory) throw Error(ErrorKind::Misuse, Path(), entry.Path() + ": is a directory");
   RecordSource source;
-  source.image = m_pImpl->file;
-  source.rules.imageIsCompressed = m_pImpl->info.compressed;
+  source.image = m_impl->file;
+  source.rules.imageIsCompressed = m_impl->info.compressed;
   source.begin = node.dataOffset;
   source.limit = node.dataLimit;
   source.size = node.size;
-  source.rules.kind = m_pImpl->info.partitions[node.partition].systemId == kSystemIdNtfs
+  source.rules.kind = m_impl->info.partitions[node.partition].systemId == kSystemIdNtfs
                           ? RecordKind::Ntfs
                           : RecordKind::Fat;
   source.fileRecord = node.offset;
-  source.check = CheckOf(m_pImpl->checks, node.offset);
+  source.check = CheckOf(m_impl->checks, node.offset);
   if (!source.rules.IsNtfs())
-    source.restarts = RestartsIn(m_pImpl->restarts, source.begin, source.limit);
+    source.restarts = RestartsIn(m_impl->restarts, source.begin, source.limit);
   source.entryPath = entry.Path();
   return source;
 }

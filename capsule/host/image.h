@@ -134,7 +134,7 @@ class CAPSULE_API Image {
   RecordSource SourceOf(const Entry& entry) const;
 
   struct Impl;
-  ImplPointer<Impl> m_pImpl;
+  ImplPointer<Impl> m_impl;
 };
 
 }  // namespace capsule::host

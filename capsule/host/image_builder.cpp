@@ -280,7 +280,7 @@ void ImageBuilder::Impl::ThrowIfUnusable() const {
 }
 
 ImageBuilder::ImageBuilder(fs::path image, BuildOptions options)
-    : m_pImpl(std::make_unique<Impl>(image, std::move(options))) {}
+    : m_impl(std::make_unique<Impl>(image, std::move(options))) {}
 
 ImageBuilder::~ImageBuilder() = default;
 ImageBuilder::ImageBuilder(ImageBuilder&&) noexcept = default;
@@ -310,7 +310,7 @@ void ImageBuilder::Impl::AddPartition(const std::string& label, ItemWalk&& walk)
 }
 
 void ImageBuilder::AddDirectory(const fs::path& directory, const std::string& label) {
-  Impl& impl = *m_pImpl;
+  Impl& impl = *m_impl;
   impl.RefuseEleventh(directory.string());
   impl.RequireLabel(label);
   if (impl.options.countFirst && impl.partitions >= impl.counted) {
@@ -322,42 +322,41 @@ void ImageBuilder::AddDirectory(const fs::path& directory, const std::string& la
 }
 
 void ImageBuilder::AddItems(const std::vector<BuildItem>& items, const std::string& label) {
-  m_pImpl->RefuseEleventh(m_pImpl->name);
-  m_pImpl->RequireLabel(label);
-  const auto walk = [&] { return ItemTree(m_pImpl->name, items, m_pImpl->Filter()); };
-  if (m_pImpl->options.countFirst) m_pImpl->Count(walk());
-  m_pImpl->AddPartition(label, walk());
+  m_impl->RefuseEleventh(m_impl->name);
+  m_impl->RequireLabel(label);
+  const auto walk = [&] { return ItemTree(m_impl->name, items, m_impl->Filter()); };
+  if (m_impl->options.countFirst) m_impl->Count(walk());
+  m_impl->AddPartition(label, walk());
 }
 
 void ImageBuilder::AddDirectories(const std::vector<fs::path>& directories) {
-  const size_t count = static_cast<size_t>(m_pImpl->partitions) + directories.size();
+  const size_t count = static_cast<size_t>(m_impl->partitions) + directories.size();
   if (count > static_cast<size_t>(kMaxPartitions)) {
-    throw Error(ErrorKind::Misuse, m_pImpl->name,
+    throw Error(ErrorKind::Misuse, m_impl->name,
                 "an image holds " + std::to_string(kMaxPartitions) +
                     " folders at most, these are " + std::to_string(count));
   }
-  if (m_pImpl->options.countFirst) {
+  if (m_impl->options.countFirst) {
     for (const fs::path& directory : directories) {
-      m_pImpl->Count(SourceWalk(directory.string(), m_pImpl->Filter()));
+      m_impl->Count(SourceWalk(directory.string(), m_impl->Filter()));
     }
-    m_pImpl->counted = static_cast<int>(count);
+    m_impl->counted = static_cast<int>(count);
   }
   for (const fs::path& directory : directories) AddDirectory(directory);
 }
 
 BuildReport ImageBuilder::Finish() {
-  m_pImpl->ThrowIfUnusable();
-  if (m_pImpl->partitions == 0)
-    throw Error(ErrorKind::Misuse, m_pImpl->name, "no folder was added");
-  m_pImpl->isBroken = true;
-  m_pImpl->Complete();
-  m_pImpl->isBroken = false;
-  m_pImpl->isFinished = true;
-  return std::move(m_pImpl->report);
+  m_impl->ThrowIfUnusable();
+  if (m_impl->partitions == 0) throw Error(ErrorKind::Misuse, m_impl->name, "no folder was added");
+  m_impl->isBroken = true;
+  m_impl->Complete();
+  m_impl->isBroken = false;
+  m_impl->isFinished = true;
+  return std::move(m_impl->report);
 }
 
-const std::vector<BuildProblem>& ImageBuilder::Problems() const { return m_pImpl->report.problems; }
+const std::vector<BuildProblem>& ImageBuilder::Problems() const { return m_impl->report.problems; }
 
-void ImageBuilder::Cancel() { m_pImpl->canceller.request_stop(); }
+void ImageBuilder::Cancel() { m_impl->canceller.request_stop(); }
 
 }  // namespace capsule::host

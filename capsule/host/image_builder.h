@@ -113,7 +113,7 @@ class CAPSULE_API ImageBuilder {
 
  private:
   struct Impl;
-  ImplPointer<Impl> m_pImpl;
+  ImplPointer<Impl> m_impl;
 };
 
 }  // namespace capsule::host

@@ -89,17 +89,15 @@ void RefuseToContradictLostIndex(const ImageFile& image, uint64_t offset) {
 }  // namespace
 
 IndexWriter::IndexWriter(const std::filesystem::path& image)
-    : m_nDescriptor(platform::OpenForUpdate(image.c_str())),
-      m_bOwned(true),
-      m_strName(image.string()) {
-  if (m_nDescriptor < 0) ThrowSystemError(m_strName, "", errno);
+    : m_descriptor(platform::OpenForUpdate(image.c_str())), m_owned(true), m_name(image.string()) {
+  if (m_descriptor < 0) ThrowSystemError(m_name, "", errno);
 }
 
 IndexWriter::IndexWriter(int descriptor, std::string name)
-    : m_nDescriptor(descriptor), m_strName(std::move(name)) {}
+    : m_descriptor(descriptor), m_name(std::move(name)) {}
 
 IndexWriter::~IndexWriter() {
-  if (m_bOwned) platform::Close(m_nDescriptor);
+  if (m_owned) platform::Close(m_descriptor);
 }
 
 // What the first walk found out.
@@ -122,7 +120,7 @@ struct IndexWriter::Plan {
 
 IndexReport IndexWriter::Write(const IndexOptions& options) {
   const DamagedSections damaged = options.damaged;
-  m_watch = std::make_unique<Watch>(m_strName, options.onProgress, options.stop);
+  m_watch = std::make_unique<Watch>(m_name, options.onProgress, options.stop);
   m_watch->Check();
   KeepLabels();
   if (IsWithoutPartitions()) {
@@ -131,22 +129,22 @@ IndexReport IndexWriter::Write(const IndexOptions& options) {
   }
   const bool force = damaged == DamagedSections::NoteDamage;
   if (damaged != DamagedSections::Refuse) {
-    if (!m_bOwned) {
-      throw Error(ErrorKind::Misuse, m_strName, "only an image with a path can be judged");
+    if (!m_owned) {
+      throw Error(ErrorKind::Misuse, m_name, "only an image with a path can be judged");
     }
-    const Image image(Bytes().Source(), m_strName, Opening::Salvage);
+    const Image image(Bytes().Source(), m_name, Opening::Salvage);
     return image.Info().checked
-               ? AnnotateIndex(m_nDescriptor, image, force, {options.onProgress, options.stop})
+               ? AnnotateIndex(m_descriptor, image, force, {options.onProgress, options.stop})
                : WriteSections(image, force);
   }
   RefuseToForget(Bytes());
   Plan plan = Measure(SectionTrust::Written, {});
-  if (m_bOwned) {
+  if (m_owned) {
     TrialImage trial(Bytes());
     plan.report.imageBytes = Append(plan, trial.Descriptor(), nullptr);
     PutInPlace(plan, trial);
   } else {
-    Complete(plan, [&] { plan.report.imageBytes = Append(plan, m_nDescriptor, nullptr); });
+    Complete(plan, [&] { plan.report.imageBytes = Append(plan, m_descriptor, nullptr); });
   }
   return plan.report;
 }
@@ -181,13 +179,13 @@ IndexReport IndexWriter::WriteSections(const Image& image, bool force) {
   const std::string damage =
       problems.empty() ? image.Info().scanReason : problems[0].path + ": " + problems[0].reason;
   if (hasIndex && !force) {
-    throw Error(m_strName, damage + "; the index can be read, and is kept for what it tells");
+    throw Error(m_name, damage + "; the index can be read, and is kept for what it tells");
   }
-  if (FindUncountedSection(Bytes())) throw Error(m_strName, damage);
+  if (FindUncountedSection(Bytes())) throw Error(m_name, damage);
   std::vector<DamageNote> notes;
   if (hasIndex && problems.empty()) notes.push_back({0, kHeaderSize, damage, false});
   Plan plan = Measure(problems.empty() ? SectionTrust::Sound : SectionTrust::Damaged, notes);
-  if (!problems.empty() && plan.report.problems.empty()) throw Error(m_strName, damage);
+  if (!problems.empty() && plan.report.problems.empty()) throw Error(m_name, damage);
   RefuseToContradictLostIndex(Bytes(), plan.report.indexOffset);
   TrialImage trial(Bytes());
   trial.Put(plan.header);
@@ -202,15 +200,14 @@ IndexReport IndexWriter::WriteSections(const Image& image, bool force) {
 void IndexWriter::PutInPlace(const Plan& plan, const TrialImage& trial) {
   const uint64_t begin = plan.report.indexOffset;
   const uint64_t end = trial.Length();
-  if (!platform::CanGrow(m_nDescriptor, static_cast<int64_t>(begin),
+  if (!platform::CanGrow(m_descriptor, static_cast<int64_t>(begin),
                          static_cast<int64_t>(end - begin))) {
-    ThrowSystemError(m_strName, "no room for the index", errno);
+    ThrowSystemError(m_name, "no room for the index", errno);
   }
   Complete(plan, [&] {
-    const bool isDone =
-        platform::Truncate(m_nDescriptor, static_cast<int64_t>(begin)) &&
-        CopyBytes(ImageFile(trial.Descriptor(), m_strName), m_nDescriptor, begin, end);
-    if (!isDone) ThrowSystemError(m_strName, "write of the index", errno);
+    const bool isDone = platform::Truncate(m_descriptor, static_cast<int64_t>(begin)) &&
+                        CopyBytes(ImageFile(trial.Descriptor(), m_name), m_descriptor, begin, end);
+    if (!isDone) ThrowSystemError(m_name, "write of the index", errno);
   });
 }
 
@@ -234,7 +231,7 @@ void IndexWriter::Complete(const Plan& plan, const std::function<void()>& append
     append();
     SyncFile();
   } catch (...) {
-    platform::Truncate(m_nDescriptor, end);
+    platform::Truncate(m_descriptor, end);
     throw;
   }
   PatchHeader(plan.header, kPartitionCountOffset, 1);
@@ -252,11 +249,11 @@ bool IndexWriter::IsWithoutPartitions() const {
 
 // An image without partitions may be one whose header lost them.
 void IndexWriter::RefuseUnlessEmpty() const {
-  const Image image(Bytes().Source(), m_strName, Opening::Salvage);
+  const Image image(Bytes().Source(), m_name, Opening::Salvage);
   if (image.IsWhole()) return;
-  throw Error(m_strName, image.Problems().empty()
-                             ? image.Info().scanReason
-                             : image.Problems()[0].path + ": " + image.Problems()[0].reason);
+  throw Error(m_name, image.Problems().empty()
+                          ? image.Info().scanReason
+                          : image.Problems()[0].path + ": " + image.Problems()[0].reason);
 }
 
 IndexWriter::Plan IndexWriter::Measure(SectionTrust trust, std::vector<DamageNote> notes) {
@@ -266,12 +263,12 @@ IndexWriter::Plan IndexWriter::Measure(SectionTrust trust, std::vector<DamageNot
   plan.notes = std::move(notes);
   Count(&plan);
   if (plan.report.sections != scanner.SectionCount() || plan.endsEmpty) {
-    throw Error(m_strName, "has " + std::to_string(scanner.SectionCount()) +
-                               " sections, but what can be read ends in number " +
-                               std::to_string(plan.report.sections));
+    throw Error(m_name, "has " + std::to_string(scanner.SectionCount()) +
+                            " sections, but what can be read ends in number " +
+                            std::to_string(plan.report.sections));
   }
   if (plan.report.imageBytes > static_cast<uint64_t>(kMaxImageSize)) {
-    throw Error(ErrorKind::Unsupported, m_strName,
+    throw Error(ErrorKind::Unsupported, m_name,
                 "image with its index would be " + std::to_string(plan.report.imageBytes) +
                     " bytes, " + std::to_string(kMaxImageSize) + " are possible");
   }
@@ -282,7 +279,7 @@ IndexWriter::Plan IndexWriter::Measure(SectionTrust trust, std::vector<DamageNot
   const std::span<unsigned char, kHeaderSize> header(plan.header.data(), kHeaderSize);
   const std::string problem =
       CompleteHeader(static_cast<uint32_t>(plan.report.indexOffset), header);
-  if (!problem.empty()) throw Error(m_strName, problem);
+  if (!problem.empty()) throw Error(m_name, problem);
   return plan;
 }
 
@@ -292,7 +289,7 @@ void IndexWriter::Count(Plan* plan) {
   IndexRecordCounter records;
   IndexReport& report = plan->report;
   const auto length =
-      static_cast<uint64_t>(std::max<int64_t>(platform::FileLength(m_nDescriptor), 0));
+      static_cast<uint64_t>(std::max<int64_t>(platform::FileLength(m_descriptor), 0));
   m_watch->Now().bytesTotal = 2 * length;
   ItemVisitor visitor;
   visitor.onItem = [&](const SectionItem& item, const std::string& damage) {
@@ -327,13 +324,13 @@ void IndexWriter::Count(Plan* plan) {
 uint64_t IndexWriter::Append(const Plan& plan, int output, TrialImage* trial) {
   const uint64_t start = plan.report.indexOffset;
   if (!platform::Truncate(output, static_cast<int64_t>(start))) {
-    ThrowSystemError(m_strName, "truncate", errno);
+    ThrowSystemError(m_name, "truncate", errno);
   }
   RecordSource files;
   files.image = Bytes();
   files.rules.imageIsCompressed = plan.isCompressed;
   IndexRecordWriter writer(files, output, start, plan.header, plan.hasRestartPoints);
-  writer.SetKnownRestarts(m_pKnownRestarts);
+  writer.SetKnownRestarts(m_knownRestarts);
   const uint64_t half = m_watch->Now().bytesTotal / 2;
   writer.SetOnBytes([&](uint64_t at) { m_watch->TellWithin(half + at, m_watch->Now().path); });
   for (const DamageNote& note : plan.notes) writer.Add(note);
@@ -352,7 +349,7 @@ uint64_t IndexWriter::Append(const Plan& plan, int output, TrialImage* trial) {
   VisitItems(Bytes(), isKnown ? SectionTrust::Written : plan.trust, visitor);
   const uint64_t end = writer.Finish();
   if (end - writer.RestartBytes() != plan.report.imageBytes) {
-    throw Error(ErrorKind::System, m_strName, "changed meanwhile");
+    throw Error(ErrorKind::System, m_name, "changed meanwhile");
   }
   m_watch->Tell(m_watch->Now().bytesTotal, "");
   return end;
@@ -360,15 +357,15 @@ uint64_t IndexWriter::Append(const Plan& plan, int output, TrialImage* trial) {
 
 void IndexWriter::PatchHeader(std::span<const unsigned char> header, size_t offset, size_t count) {
   const auto bytes = header.subspan(offset, count);
-  if (!platform::WriteAt(m_nDescriptor, bytes.data(), count, static_cast<int64_t>(offset))) {
-    ThrowSystemError(m_strName, "write of the header", errno, offset);
+  if (!platform::WriteAt(m_descriptor, bytes.data(), count, static_cast<int64_t>(offset))) {
+    ThrowSystemError(m_name, "write of the header", errno, offset);
   }
 }
 
-ImageFile IndexWriter::Bytes() const { return ImageFile(m_nDescriptor, m_strName); }
+ImageFile IndexWriter::Bytes() const { return ImageFile(m_descriptor, m_name); }
 
 void IndexWriter::SyncFile() {
-  if (!platform::Sync(m_nDescriptor)) ThrowSystemError(m_strName, "sync", errno);
+  if (!platform::Sync(m_descriptor)) ThrowSystemError(m_name, "sync", errno);
 }
 
 }  // namespace capsule::host

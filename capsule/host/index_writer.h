@@ -107,7 +107,7 @@ class CAPSULE_API IndexWriter {
 
   // Restart points that the writer of the sections has noted, so that they need not be looked for.
   // `known` must outlive the writer.
-  void SetKnownRestarts(const RestartCollector* known) { m_pKnownRestarts = known; }
+  void SetKnownRestarts(const RestartCollector* known) { m_knownRestarts = known; }
 
   // The labels of the partitions, in their order, instead of those of the index that is there.
   void SetLabels(std::vector<std::string> labels) { m_labels = std::move(labels); }
@@ -135,10 +135,10 @@ class CAPSULE_API IndexWriter {
   void PutInPlace(const Plan& plan, const TrialImage& trial);
   void Walked(const SectionItem& item, uint64_t before);
 
-  int m_nDescriptor;
-  bool m_bOwned = false;
-  std::string m_strName;
-  const RestartCollector* m_pKnownRestarts = nullptr;
+  int m_descriptor;
+  bool m_owned = false;
+  std::string m_name;
+  const RestartCollector* m_knownRestarts = nullptr;
   std::optional<std::vector<std::string>> m_labels;
   std::map<uint32_t, std::string> m_oldLabels;  // of the index that is there, by offset
   std::unique_ptr<Watch> m_watch;

@@ -47,15 +47,15 @@ class VerifyRun {
   VerifyRun(const ImageFile& image, const DecodedHeader& header,
             const std::function<void(const Fault&)>& take, const VerifyOptions& options)
       : m_image(image),
-        m_bCompressed(header.compressed),
-        m_Take(take),
+        m_compressed(header.compressed),
+        m_take(take),
         m_watch(image.Name(), options.onProgress, options.stop),
-        m_Window(image),
-        m_Index(m_Window, image.Size(),
+        m_window(image),
+        m_index(m_window, image.Size(),
                 [this](uint64_t offset, const std::string& path, std::string reason) {
                   Tell(offset, path, reason);
                 }),
-        m_Restarts(RestartsOf(image, header)) {}
+        m_restarts(RestartsOf(image, header)) {}
 
   VerifyReport Verify() {
     m_watch.Now().bytesTotal = m_image.Size();
@@ -63,52 +63,52 @@ class VerifyRun {
     CloseFile();
     TellUnnamed();
     CompareWithOpening();
-    m_Report.checkValues = m_Index.CheckValues();
+    m_report.checkValues = m_index.CheckValues();
     m_watch.Tell(m_watch.Now().bytesTotal, "");
-    return m_Report;
+    return m_report;
   }
 
  private:
   void Take(const MapItem& item) {
     const bool ofFile = item.kind == MapItem::Kind::DataBlock && item.problem.empty();
-    if (m_File.isOpen && ofFile) {
+    if (m_file.isOpen && ofFile) {
       m_watch.Check();
-      m_File.end = item.offset + item.length;
+      m_file.end = item.offset + item.length;
       return;
     }
     // A record of the file that is damaged is told as such, and the file is read no further.
-    const bool isHit = !item.problem.empty() && item.path == m_File.path;
-    if (m_File.isOpen && isHit) {
-      m_File.isOpen = false;
-      ++m_Report.files;
+    const bool isHit = !item.problem.empty() && item.path == m_file.path;
+    if (m_file.isOpen && isHit) {
+      m_file.isOpen = false;
+      ++m_report.files;
     }
     CloseFile();
     m_watch.TellWithin(item.offset, item.path);
     if (!item.problem.empty()) Tell(item.offset, item.path, KindOf(item) + item.problem);
-    m_Report.hasIndex = m_Report.hasIndex || item.kind == MapItem::Kind::IndexStart;
+    m_report.hasIndex = m_report.hasIndex || item.kind == MapItem::Kind::IndexStart;
     if (item.kind == MapItem::Kind::NtfsRecord) TakeNtfs(item);
-    m_Index.Take(item);
+    m_index.Take(item);
     const bool isFile =
         item.kind == MapItem::Kind::ShortEntry && (item.attributes & kDirectoryAttribute) == 0;
     if (!isFile) return;
     const uint64_t data = item.offset + item.length;
-    m_File = {true, item.path, data, data, item.fileSize};
+    m_file = {true, item.path, data, data, item.fileSize};
   }
 
   void TakeNtfs(const MapItem& item) {
-    m_bNtfs = true;
-    if (BeginsNtfsEntry(item.type)) m_nNtfsEntry = item.offset;
+    m_ntfs = true;
+    if (BeginsNtfsEntry(item.type)) m_ntfsEntry = item.offset;
     const bool isBare = item.type == kNtfsFileRecord;
-    if (isBare) m_Bare.push_back(item.offset);
-    if (IsNtfsData(item.type) && !m_Bare.empty() && m_Bare.back() == m_nNtfsEntry) {
-      m_Bare.pop_back();
+    if (isBare) m_bare.push_back(item.offset);
+    if (IsNtfsData(item.type) && !m_bare.empty() && m_bare.back() == m_ntfsEntry) {
+      m_bare.pop_back();
     }
   }
 
   // Writers leave out what the file system keeps in files of its own.
   bool IsLeftOut(const Entry& entry) const {
     return entry.Parent().IsRoot() && entry.Name().starts_with('$') &&
-           std::binary_search(m_Bare.begin(), m_Bare.end(), entry.Offset());
+           std::binary_search(m_bare.begin(), m_bare.end(), entry.Offset());
   }
 
   static std::string KindOf(const MapItem& item) {
@@ -117,57 +117,56 @@ class VerifyRun {
 
   // Decodes the file that has been passed.
   void CloseFile() {
-    if (!m_File.isOpen) return;
-    m_File.isOpen = false;
-    m_watch.Now().files = ++m_Report.files;
+    if (!m_file.isOpen) return;
+    m_file.isOpen = false;
+    m_watch.Now().files = ++m_report.files;
     RecordSource source;
     source.image = m_image;
-    source.rules.imageIsCompressed = m_bCompressed;
-    source.begin = m_File.begin;
-    source.limit = m_File.end;
-    source.size = m_File.size;
-    source.entryPath = m_File.path;
+    source.rules.imageIsCompressed = m_compressed;
+    source.begin = m_file.begin;
+    source.limit = m_file.end;
+    source.size = m_file.size;
+    source.entryPath = m_file.path;
     try {
       if (source.size == 0) return;
       RecordStream stream(source);
       while (stream.ChunkEnd() < source.size) {
         CompareRestarts(stream);
-        m_watch.TellWithin(stream.Position(), m_File.path);
+        m_watch.TellWithin(stream.Position(), m_file.path);
         stream.Advance(source.size);
       }
-      TellRestartsBefore(m_File.end);
-      m_Report.bytes += source.size;
+      TellRestartsBefore(m_file.end);
+      m_report.bytes += source.size;
     } catch (const Error& error) {
       if (m_watch.IsEnd(error)) throw;
-      TellError(error, m_File.path, m_File.begin);
+      TellError(error, m_file.path, m_file.begin);
     }
   }
 
   // What the index tells of the place where the stream stands.
   void CompareRestarts(const RecordStream& stream) {
     TellRestartsBefore(stream.Position());
-    if (m_nRestart == m_Restarts.size() || m_Restarts[m_nRestart].record > stream.Position())
-      return;
-    const RestartPoint& point = m_Restarts[m_nRestart++];
+    if (m_restart == m_restarts.size() || m_restarts[m_restart].record > stream.Position()) return;
+    const RestartPoint& point = m_restarts[m_restart++];
     if (point.fileOffset != stream.ChunkEnd()) {
-      Tell(point.record, m_File.path,
+      Tell(point.record, m_file.path,
            "restart point is for byte " + std::to_string(point.fileOffset) + " of the file, byte " +
                std::to_string(stream.ChunkEnd()) + " is here");
       return;
     }
-    const auto history = m_Window.At(point.history, point.historyLength);
+    const auto history = m_window.At(point.history, point.historyLength);
     const auto wanted = stream.History();
     if (!std::equal(history.begin(), history.end(), wanted.begin(), wanted.end())) {
-      Tell(point.record, m_File.path, "restart point has another history than the file");
+      Tell(point.record, m_file.path, "restart point has another history than the file");
     }
   }
 
   // Restart points of the file that no record is at.
   void TellRestartsBefore(uint64_t offset) {
-    for (; m_nRestart < m_Restarts.size() && m_Restarts[m_nRestart].record < offset; ++m_nRestart) {
-      const uint64_t record = m_Restarts[m_nRestart].record;
-      if (record >= m_File.begin)
-        Tell(record, m_File.path, "restart point is where no data block begins");
+    for (; m_restart < m_restarts.size() && m_restarts[m_restart].record < offset; ++m_restart) {
+      const uint64_t record = m_restarts[m_restart].record;
+      if (record >= m_file.begin)
+        Tell(record, m_file.path, "restart point is where no data block begins");
     }
   }
 
@@ -178,9 +177,9 @@ class VerifyRun {
 
   // What the index leaves out, readers never see. Only then is the image walked again.
   void TellUnnamed() {
-    if (m_Index.NamesAll()) return;
+    if (m_index.NamesAll()) return;
     MapImage(m_image, [&](const MapItem& item) {
-      if (item.beginsEntry && !m_Index.Names(item.offset)) {
+      if (item.beginsEntry && !m_index.Names(item.offset)) {
         Tell(item.offset, item.path, "the index does not name what begins here");
       }
     });
@@ -192,12 +191,12 @@ class VerifyRun {
     try {
       const Image image(m_image.Source(), m_image.Name(), Opening::Salvage);
       for (const ImageProblem& problem : image.Problems()) {
-        if (!problem.offset || !m_Told.contains(*problem.offset)) {
+        if (!problem.offset || !m_told.contains(*problem.offset)) {
           Tell(problem.offset.value_or(0), problem.path, problem.reason);
         }
       }
-      if (!image.IsWhole() && m_Report.faults == 0) Tell(0, "", image.Info().scanReason);
-      if (!m_bNtfs) return;
+      if (!image.IsWhole() && m_report.faults == 0) Tell(0, "", image.Info().scanReason);
+      if (!m_ntfs) return;
       for (int n = 0; n < image.Partitions(); ++n) {
         const PartitionInfo& partition = image.Info().partitions[static_cast<size_t>(n)];
         if (partition.systemId != kSystemIdNtfs) continue;
@@ -208,7 +207,7 @@ class VerifyRun {
       throw;
     } catch (const Error& error) {
       if (m_watch.IsEnd(error)) throw;
-      if (m_Report.faults == 0) Tell(error.Offset().value_or(0), "", error.Reason());
+      if (m_report.faults == 0) Tell(error.Offset().value_or(0), "", error.Reason());
     }
   }
 
@@ -223,7 +222,7 @@ class VerifyRun {
   }
 
   void ReadFile(const Image& image, const Entry& entry) {
-    m_watch.Now().files = ++m_Report.files;
+    m_watch.Now().files = ++m_report.files;
     const uint64_t before = m_watch.Now().bytesDone;
     const std::string path = m_watch.IsHeard() ? entry.Path() : "";
     try {
@@ -232,7 +231,7 @@ class VerifyRun {
       reader.CopyTo(0, entry.Size(), [&](std::span<const unsigned char> piece) {
         m_watch.TellWithin(at += piece.size(), path);
       });
-      m_Report.bytes += entry.Size();
+      m_report.bytes += entry.Size();
     } catch (const Error& error) {
       if (m_watch.IsEnd(error)) throw;
       TellError(error, entry.Path(), entry.Offset());
@@ -240,25 +239,25 @@ class VerifyRun {
   }
 
   void Tell(uint64_t offset, const std::string& path, const std::string& reason) {
-    ++m_Report.faults;
-    m_Told.insert(offset);
-    m_Take({offset, path, reason});
+    ++m_report.faults;
+    m_told.insert(offset);
+    m_take({offset, path, reason});
   }
 
   ImageFile m_image;
-  bool m_bCompressed;
-  const std::function<void(const Fault&)>& m_Take;
+  bool m_compressed;
+  const std::function<void(const Fault&)>& m_take;
   Watch m_watch;
-  FileWindow m_Window;
-  IndexVerifier m_Index;
-  VerifyReport m_Report;
-  std::set<uint64_t> m_Told;  // offsets of faults
-  OpenFile m_File;
-  std::vector<RestartPoint> m_Restarts;  // by record
-  size_t m_nRestart = 0;                 // the next
-  bool m_bNtfs = false;
-  uint64_t m_nNtfsEntry = 0;
-  std::vector<uint64_t> m_Bare;  // files of NTFS partitions without data records
+  FileWindow m_window;
+  IndexVerifier m_index;
+  VerifyReport m_report;
+  std::set<uint64_t> m_told;  // offsets of faults
+  OpenFile m_file;
+  std::vector<RestartPoint> m_restarts;  // by record
+  size_t m_restart = 0;                  // the next
+  bool m_ntfs = false;
+  uint64_t m_ntfsEntry = 0;
+  std::vector<uint64_t> m_bare;  // files of NTFS partitions without data records
 };
 
 }  // namespace

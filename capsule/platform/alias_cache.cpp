@@ -1,4 +1,4 @@
-// 1. m_Tables and m_ByDirectory hold the same directories; m_nBytes is the sum over the tables.
+// 1. m_tables and m_byDirectory hold the same directories; m_bytes is the sum over the tables.
 // 2. A table answers only while its directory is the same one and bears the time of change that it
 //    bore before it was listed. Times advance in ticks, so a table listed within a tick of that
 //    time is not settled: a change could leave the time as it is. It is listed anew with every
@@ -50,32 +50,32 @@ const std::string* AliasCache::Lookup(const Table& table, const std::string& nam
 }
 
 void AliasCache::SetPolicy(AliasPolicy policy) {
-  if (policy == m_nPolicy) return;
-  m_nPolicy = policy;
-  m_ByDirectory.clear();
-  m_Tables.clear();
-  m_nBytes = 0;
+  if (policy == m_policy) return;
+  m_policy = policy;
+  m_byDirectory.clear();
+  m_tables.clear();
+  m_bytes = 0;
 }
 
 const std::string* AliasCache::Find(const std::string& directory, const std::string& name) {
-  const uint64_t listingsBefore = m_nListings;
+  const uint64_t listingsBefore = m_listings;
   Table* table = Current(directory);
   const std::string* alias = table == nullptr ? nullptr : Lookup(*table, name);
-  if (alias != nullptr || table == nullptr || m_nListings != listingsBefore) return alias;
+  if (alias != nullptr || table == nullptr || m_listings != listingsBefore) return alias;
   if (!Exists(directory + "/" + name)) return nullptr;
-  Forget(m_Tables.begin());
+  Forget(m_tables.begin());
   table = List(directory);
   return table == nullptr ? nullptr : Lookup(*table, name);
 }
 
 AliasCache::Table* AliasCache::Current(const std::string& directory) {
-  const auto known = m_ByDirectory.find(directory);
-  if (known == m_ByDirectory.end()) return List(directory);
+  const auto known = m_byDirectory.find(directory);
+  if (known == m_byDirectory.end()) return List(directory);
   const auto table = known->second;
   const std::optional<FileStatus> status = Status(directory);
   if (table->settled && status && status->identity == table->identity &&
       status->change == table->change) {
-    m_Tables.splice(m_Tables.begin(), m_Tables, table);
+    m_tables.splice(m_tables.begin(), m_tables, table);
     return &*table;
   }
   Forget(table);
@@ -89,7 +89,7 @@ AliasCache::Table* AliasCache::List(const std::string& directory) {
   if (!status) return nullptr;
   std::optional<std::vector<std::string>> names = ListDirectory(directory);
   if (!names) return nullptr;
-  ++m_nListings;
+  ++m_listings;
 
   table.directory = directory;
   table.identity = status->identity;
@@ -97,31 +97,31 @@ AliasCache::Table* AliasCache::List(const std::string& directory) {
   table.settled = !WithinATick(now, status->change);
   table.bytes = sizeof(Table) + 2 * directory.size();
   for (const std::string& name : *names) table.bytes += name.size() + kBytesPerAlias;
-  table.aliases = MakeAliases(std::move(*names), m_nPolicy);
+  table.aliases = MakeAliases(std::move(*names), m_policy);
 
-  m_Tables.push_front(std::move(table));
-  m_ByDirectory.emplace(directory, m_Tables.begin());
-  m_nBytes += m_Tables.front().bytes;
+  m_tables.push_front(std::move(table));
+  m_byDirectory.emplace(directory, m_tables.begin());
+  m_bytes += m_tables.front().bytes;
   Evict(directory);
-  return &m_Tables.front();
+  return &m_tables.front();
 }
 
 void AliasCache::Forget(Tables::iterator table) {
-  m_nBytes -= table->bytes;
-  m_ByDirectory.erase(table->directory);
-  m_Tables.erase(table);
+  m_bytes -= table->bytes;
+  m_byDirectory.erase(table->directory);
+  m_tables.erase(table);
 }
 
 void AliasCache::Evict(const std::string& inUse) {
   // The directories to keep go to the front, where eviction from the back meets them last.
   size_t kept = 1;
   for (std::string above = inUse; GoUp(above);) {
-    const auto known = m_ByDirectory.find(above);
-    if (known == m_ByDirectory.end()) continue;
-    m_Tables.splice(std::next(m_Tables.begin()), m_Tables, known->second);
+    const auto known = m_byDirectory.find(above);
+    if (known == m_byDirectory.end()) continue;
+    m_tables.splice(std::next(m_tables.begin()), m_tables, known->second);
     ++kept;
   }
-  while (m_nBytes > m_nBudget && m_Tables.size() > kept) Forget(std::prev(m_Tables.end()));
+  while (m_bytes > m_budget && m_tables.size() > kept) Forget(std::prev(m_tables.end()));
 }
 
 }  // namespace capsule::platform

@@ -19,7 +19,7 @@ class AliasCache {
  public:
   static constexpr size_t kDefaultBudget = size_t{16} << 20;
 
-  explicit AliasCache(size_t budgetBytes = kDefaultBudget) : m_nBudget(budgetBytes) {}
+  explicit AliasCache(size_t budgetBytes = kDefaultBudget) : m_budget(budgetBytes) {}
 
   // A change of policy empties the cache.
   void SetPolicy(AliasPolicy policy);
@@ -29,10 +29,10 @@ class AliasCache {
   const std::string* Find(const std::string& directory, const std::string& name);
 
   // How many directories have been listed so far.
-  uint64_t Listings() const { return m_nListings; }
+  uint64_t Listings() const { return m_listings; }
 
   // About how many bytes the cache takes.
-  size_t Bytes() const { return m_nBytes; }
+  size_t Bytes() const { return m_bytes; }
 
  private:
   struct Table {
@@ -51,12 +51,12 @@ class AliasCache {
   void Forget(Tables::iterator table);
   void Evict(const std::string& inUse);
 
-  size_t m_nBudget;
-  AliasPolicy m_nPolicy = AliasPolicy::Dos;
-  Tables m_Tables;
-  std::unordered_map<std::string, Tables::iterator> m_ByDirectory;
-  size_t m_nBytes = 0;
-  uint64_t m_nListings = 0;
+  size_t m_budget;
+  AliasPolicy m_policy = AliasPolicy::Dos;
+  Tables m_tables;
+  std::unordered_map<std::string, Tables::iterator> m_byDirectory;
+  size_t m_bytes = 0;
+  uint64_t m_listings = 0;
 };
 
 }  // namespace capsule::platform

@@ -14,20 +14,20 @@ namespace capsule::platform {
 
 class ByteReader {
  public:
-  explicit ByteReader(std::span<const unsigned char> bytes) : m_Bytes(bytes) {}
+  explicit ByteReader(std::span<const unsigned char> bytes) : m_bytes(bytes) {}
 
-  bool Ok() const { return m_bOk; }
-  size_t Position() const { return m_nPosition; }
-  size_t Remaining() const { return m_Bytes.size() - m_nPosition; }
+  bool Ok() const { return m_ok; }
+  size_t Position() const { return m_position; }
+  size_t Remaining() const { return m_bytes.size() - m_position; }
 
   // The next `count` bytes, or an empty span and a failed reader when fewer remain.
   std::span<const unsigned char> Take(size_t count) {
-    if (!m_bOk || count > Remaining()) {
-      m_bOk = false;
+    if (!m_ok || count > Remaining()) {
+      m_ok = false;
       return {};
     }
-    const auto taken = m_Bytes.subspan(m_nPosition, count);
-    m_nPosition += count;
+    const auto taken = m_bytes.subspan(m_position, count);
+    m_position += count;
     return taken;
   }
 
@@ -42,7 +42,7 @@ class ByteReader {
   // A reader of the next `count` bytes alone, so that a nested structure cannot see its neighbour.
   ByteReader Sub(size_t count) {
     ByteReader sub(Take(count));
-    sub.m_bOk = m_bOk;
+    sub.m_ok = m_ok;
     return sub;
   }
 
@@ -53,9 +53,9 @@ class ByteReader {
     return taken.size() == Width ? static_cast<Value>(load(taken.data())) : Value{0};
   }
 
-  std::span<const unsigned char> m_Bytes;
-  size_t m_nPosition = 0;
-  bool m_bOk = true;
+  std::span<const unsigned char> m_bytes;
+  size_t m_position = 0;
+  bool m_ok = true;
 };
 
 }  // namespace capsule::platform

@@ -49,33 +49,33 @@ struct HostView::Impl {
   FileTime Report(Instant instant) const { return ToFileTime(std::min(instant, latest)); }
 };
 
-HostView::HostView() : m_pImpl(std::make_unique<Impl>()) {}
+HostView::HostView() : m_impl(std::make_unique<Impl>()) {}
 HostView::~HostView() = default;
 
 void HostView::SetRoot(char letter, const std::string& directory) {
   if (directory.empty()) {
-    m_pImpl->roots.erase(letter);
+    m_impl->roots.erase(letter);
   } else {
-    m_pImpl->roots.insert_or_assign(letter, CanonicalDirectory(directory));
+    m_impl->roots.insert_or_assign(letter, CanonicalDirectory(directory));
   }
 }
 
-void HostView::SetAliasPolicy(AliasPolicy policy) { m_pImpl->aliases.SetPolicy(policy); }
+void HostView::SetAliasPolicy(AliasPolicy policy) { m_impl->aliases.SetPolicy(policy); }
 
-void HostView::SetTimePolicy(TimePolicy policy) { m_pImpl->timePolicy = policy; }
+void HostView::SetTimePolicy(TimePolicy policy) { m_impl->timePolicy = policy; }
 
-void HostView::CapTimes(int64_t unixSeconds) { m_pImpl->latest = {unixSeconds, 0}; }
+void HostView::CapTimes(int64_t unixSeconds) { m_impl->latest = {unixSeconds, 0}; }
 
-void HostView::SetOpenedItem(const OpenedItem* item) { m_pImpl->opened = item; }
+void HostView::SetOpenedItem(const OpenedItem* item) { m_impl->opened = item; }
 
 const OpenedItem* HostView::OpenedBytes(std::string_view path) const {
-  const OpenedItem* opened = m_pImpl->opened;
+  const OpenedItem* opened = m_impl->opened;
   return opened != nullptr && opened->read && path == opened->path ? opened : nullptr;
 }
 
 ScopedDescriptor HostView::OpenFile(const char* path) const {
   if (path == nullptr) return ScopedDescriptor();
-  if (const OpenedItem* opened = m_pImpl->opened) {
+  if (const OpenedItem* opened = m_impl->opened) {
     return ScopedDescriptor::Borrow(path == opened->path ? opened->descriptor : -1);
   }
   const auto resolved = Resolve(path);
@@ -86,15 +86,15 @@ std::optional<std::string> HostView::Resolve(std::string_view path) const {
   if (path.find('\0') != std::string_view::npos) return std::nullopt;
   const HostPath parts = SplitHostPath(path);
   if (!parts.letter) return WithSlashes(path);
-  const auto root = m_pImpl->roots.find(*parts.letter);
-  if (root == m_pImpl->roots.end()) return std::nullopt;
+  const auto root = m_impl->roots.find(*parts.letter);
+  if (root == m_impl->roots.end()) return std::nullopt;
   return JoinBelowRoot(root->second, path.substr(2));
 }
 
 std::optional<FindData> HostView::Find(std::string_view path) const {
   std::optional<FileStatus> status;
-  if (m_pImpl->opened != nullptr) {
-    status = m_pImpl->OpenedStatus(path);
+  if (m_impl->opened != nullptr) {
+    status = m_impl->OpenedStatus(path);
   } else if (const std::optional<std::string> resolved = Resolve(path)) {
     status = Status(*resolved);
   }
@@ -102,15 +102,15 @@ std::optional<FindData> HostView::Find(std::string_view path) const {
 
   FindData found;
   found.attributes = Attributes(*status, path);
-  if (const OpenedItem* opened = m_pImpl->opened; opened != nullptr && !path.ends_with("\\..")) {
+  if (const OpenedItem* opened = m_impl->opened; opened != nullptr && !path.ends_with("\\..")) {
     const uint32_t kind = found.attributes & kAttributeDirectory;
     found.attributes = opened->attributes ? kind | *opened->attributes : found.attributes;
   }
   found.size = status->size;
-  found.lastWriteTime = m_pImpl->Report(status->modification);
-  const bool modificationOnly = m_pImpl->timePolicy == TimePolicy::ModificationOnly;
-  found.creationTime = modificationOnly ? found.lastWriteTime : m_pImpl->Report(status->birth);
-  found.lastAccessTime = modificationOnly ? found.lastWriteTime : m_pImpl->Report(status->access);
+  found.lastWriteTime = m_impl->Report(status->modification);
+  const bool modificationOnly = m_impl->timePolicy == TimePolicy::ModificationOnly;
+  found.creationTime = modificationOnly ? found.lastWriteTime : m_impl->Report(status->birth);
+  found.lastAccessTime = modificationOnly ? found.lastWriteTime : m_impl->Report(status->access);
   return found;
 }
 
@@ -119,14 +119,14 @@ std::optional<std::string> HostView::ShortPath(std::string_view path) {
   if (IsDirectoryReference(parts.component)) {
     return Find(path) ? std::optional<std::string>(path) : std::nullopt;
   }
-  if (m_pImpl->opened != nullptr) {
-    if (path != m_pImpl->opened->path) return std::nullopt;
-    return std::string(parts.front) + m_pImpl->opened->alias;
+  if (m_impl->opened != nullptr) {
+    if (path != m_impl->opened->path) return std::nullopt;
+    return std::string(parts.front) + m_impl->opened->alias;
   }
   const std::optional<std::string> directory = Resolve(parts.front);
   if (!directory) return std::nullopt;
   const std::string* alias =
-      m_pImpl->aliases.Find(CanonicalDirectory(*directory), std::string(parts.component));
+      m_impl->aliases.Find(CanonicalDirectory(*directory), std::string(parts.component));
   if (alias == nullptr) return std::nullopt;
   return std::string(parts.front) + *alias;
 }

@@ -96,7 +96,7 @@ class HostView {
 
  private:
   struct Impl;
-  std::unique_ptr<Impl> m_pImpl;
+  std::unique_ptr<Impl> m_impl;
 };
 
 }  // namespace capsule::platform

@@ -66,7 +66,7 @@ std::string MakeLegal(std::string_view text) {
 class Tails {
  public:
   // False when the alias is reserved already.
-  bool Reserve(std::string alias) { return m_Reserved.insert(std::move(alias)).second; }
+  bool Reserve(std::string alias) { return m_reserved.insert(std::move(alias)).second; }
 
   // Empty when the numbers have run out, after about ten million of them.
   std::string Next(std::string_view name) {
@@ -86,17 +86,17 @@ class Tails {
   std::string NextOf(const std::string& front, const std::string& end, uint32_t first) {
     std::string key = std::to_string(first);
     key.append(front).append(end);
-    uint32_t& number = m_Counters.try_emplace(std::move(key), first).first->second;
+    uint32_t& number = m_counters.try_emplace(std::move(key), first).first->second;
     while (number / 10 < first) {
       std::string alias = front;
       alias.append(std::to_string(number++)).append(end);
-      if (!m_Reserved.contains(alias)) return alias;
+      if (!m_reserved.contains(alias)) return alias;
     }
     return {};
   }
 
-  std::unordered_set<std::string> m_Reserved;
-  std::unordered_map<std::string, uint32_t> m_Counters;
+  std::unordered_set<std::string> m_reserved;
+  std::unordered_map<std::string, uint32_t> m_counters;
 };
 
 // Whether `name` is its own alias. Of names that differ only in case the first one asked for is.

@@ -37,16 +37,16 @@ class TemporaryFile {
   // Removes a file that was not published.
   void Remove();
 
-  std::string Path() const { return m_strFolder + m_File.Name(); }
-  int Descriptor() const { return m_File.Descriptor(); }
+  std::string Path() const { return m_folder + m_file.Name(); }
+  int Descriptor() const { return m_file.Descriptor(); }
 
  private:
   bool SetMode();
 
-  std::string m_strFolder;  // with "/" at its end
-  std::string m_strName;
-  int m_nFolder = -1;
-  UnfinishedFile m_File;
+  std::string m_folder;  // with "/" at its end
+  std::string m_name;
+  int m_folderDescriptor = -1;
+  UnfinishedFile m_file;
 };
 
 }  // namespace capsule::platform

@@ -36,19 +36,19 @@ class UnfinishedFile {
   // Removes a file that was not published.
   void Remove();
 
-  const std::string& Name() const { return m_strName; }
-  int Descriptor() const { return m_nDescriptor; }  // for reading and writing; -1 without a file
+  const std::string& Name() const { return m_name; }
+  int Descriptor() const { return m_descriptor; }  // for reading and writing; -1 without a file
 
  private:
   friend class EndingList;
   bool CreateOnce(unsigned mode);
   void Forget();
 
-  int m_nFolder = -1;
-  std::string m_strName;
-  int m_nDescriptor = -1;
-  UnfinishedFile* m_pPrevious = nullptr;  // of all that are to go when a signal ends the process
-  UnfinishedFile* m_pNext = nullptr;
+  int m_folderDescriptor = -1;
+  std::string m_name;
+  int m_descriptor = -1;
+  UnfinishedFile* m_previous = nullptr;  // of all that are to go when a signal ends the process
+  UnfinishedFile* m_next = nullptr;
 };
 
 // Whether files of this name are unfinished ones of this library.

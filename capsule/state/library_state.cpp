@@ -25,10 +25,10 @@ LibraryState::~LibraryState() = default;
 
 LibraryState& CurrentLibraryState() { return t_pCurrent != nullptr ? *t_pCurrent : ProcessState(); }
 
-ScopedLibraryState::ScopedLibraryState(LibraryState& state) : m_pPrevious(t_pCurrent) {
+ScopedLibraryState::ScopedLibraryState(LibraryState& state) : m_previous(t_pCurrent) {
   t_pCurrent = &state;
 }
 
-ScopedLibraryState::~ScopedLibraryState() { t_pCurrent = m_pPrevious; }
+ScopedLibraryState::~ScopedLibraryState() { t_pCurrent = m_previous; }
 
 }  // namespace capsule

@@ -57,7 +57,7 @@ class ScopedLibraryState {
   ScopedLibraryState& operator=(const ScopedLibraryState&) = delete;
 
  private:
-  LibraryState* m_pPrevious;
+  LibraryState* m_previous;
 };
 
 }  // namespace capsule

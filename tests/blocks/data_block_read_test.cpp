@@ -25,48 +25,48 @@ const std::string kTenAs("\x30\xE0\x7C\x70\x00", 5);
 class OneRecord {
  public:
   OneRecord(bool compressed, uint32_t param, const std::string& payload)
-      : m_Block(CapsuleDirectoryEntry::DirTypeFat32, 0) {
+      : m_block(CapsuleDirectoryEntry::DirTypeFat32, 0) {
     test::ImageMaker maker(compressed);
     const auto offset = static_cast<int>(maker.Here());
     maker.Data(1, param, payload);
-    test::WriteFile(m_Dir / "image", maker.Finish());
-    m_pImage = std::make_unique<OpenImage>(m_Dir / "image");
-    EXPECT_EQ(m_pImage->Read(1), 0);
+    test::WriteFile(m_dir / "image", maker.Finish());
+    m_image = std::make_unique<OpenImage>(m_dir / "image");
+    EXPECT_EQ(m_image->Read(1), 0);
     int position = offset;
-    EXPECT_EQ(m_Block.Read(m_pImage->Descriptor(), offset, &position), 0);
-    EXPECT_EQ(m_Block.GetDataOffset(), offset + 8);
+    EXPECT_EQ(m_block.Read(m_image->Descriptor(), offset, &position), 0);
+    EXPECT_EQ(m_block.GetDataOffset(), offset + 8);
     EXPECT_EQ(position, offset + 8 + static_cast<int>(payload.size()));
-    m_History.resize(LzsSizeOfDecompressionHistory());
-    LzsInitDecompressionHistory(m_History.data());
+    m_history.resize(LzsSizeOfDecompressionHistory());
+    LzsInitDecompressionHistory(m_history.data());
   }
 
   void ReadAgain() {
-    int position = m_Block.GetDataOffset() - 8;
-    EXPECT_EQ(m_Block.Read(Descriptor(), position, &position), 0);
+    int position = m_block.GetDataOffset() - 8;
+    EXPECT_EQ(m_block.Read(Descriptor(), position, &position), 0);
   }
 
   // Puts `bytes` at the end of the image; where they are.
   int Append(const std::string& bytes) {
-    const std::string image = test::ReadFile(m_Dir / "image");
-    test::WriteFile(m_Dir / "image", image + bytes);
+    const std::string image = test::ReadFile(m_dir / "image");
+    test::WriteFile(m_dir / "image", image + bytes);
     return static_cast<int>(image.size());
   }
 
-  int Descriptor() { return m_pImage->Descriptor(); }
-  CapsuleFile* File() { return &m_pImage->File(); }
-  CapsuleFileDataBlock& Block() { return m_Block; }
-  char* History() { return static_cast<char*>(static_cast<void*>(m_History.data())); }
-  int Decompress() { return m_Block.Decompress(File(), History()); }
+  int Descriptor() { return m_image->Descriptor(); }
+  CapsuleFile* File() { return &m_image->File(); }
+  CapsuleFileDataBlock& Block() { return m_block; }
+  char* History() { return static_cast<char*>(static_cast<void*>(m_history.data())); }
+  int Decompress() { return m_block.Decompress(File(), History()); }
 
   std::string Chunk() {
-    return {m_Block.GetPtrToUncompressedDataBuffer(), m_Block.GetMiniHeader().Param};
+    return {m_block.GetPtrToUncompressedDataBuffer(), m_block.GetMiniHeader().Param};
   }
 
  private:
-  test::TempDir m_Dir;
-  std::unique_ptr<OpenImage> m_pImage;
-  CapsuleFileDataBlock m_Block;
-  std::vector<unsigned char> m_History;
+  test::TempDir m_dir;
+  std::unique_ptr<OpenImage> m_image;
+  CapsuleFileDataBlock m_block;
+  std::vector<unsigned char> m_history;
 };
 
 TEST(DataBlockReadTest, ARecordThatIsCutIsAnError) {

@@ -34,15 +34,15 @@ class FileBlockWrite : public testing::Test {
 
   // The data block records of C:\F.BIN; none when writing failed.
   std::optional<std::string> Records(Way way, int level) {
-    const std::string target = m_Tree.Beside("records");
+    const std::string target = m_tree.Beside("records");
     std::filesystem::remove(target);
     const platform::ScopedDescriptor image(platform::OpenForWriting(target.c_str()));
-    m_Tree.State().compressor->ResetCompressionHistory();
-    CapsuleFileBlock block(nullptr, m_Partition);
+    m_tree.State().compressor->ResetCompressionHistory();
+    CapsuleFileBlock block(nullptr, m_partition);
     int total = 0;
     EXPECT_EQ(block.WriteDirEntry(kFat32, kPath, image.Get(), 0, &total), 0);
     EXPECT_EQ(total, kGroup);
-    if (m_BetweenEntryAndData) m_BetweenEntryAndData();
+    if (m_betweenEntryAndData) m_betweenEntryAndData();
     const bool written =
         way == Way::Streamed
             ? block.StreamFile(kPath, image.Get(), kGroup, &total, level) == 0
@@ -57,7 +57,7 @@ class FileBlockWrite : public testing::Test {
     return bytes.substr(kGroup);
   }
 
-  void Source(const std::string& bytes) { m_Tree.AddFile("F.BIN", bytes); }
+  void Source(const std::string& bytes) { m_tree.AddFile("F.BIN", bytes); }
 
   // The file's bytes that `records` stand for; their headers are checked against its size.
   static std::string Decode(const std::string& records, size_t size, int level) {
@@ -97,10 +97,10 @@ class FileBlockWrite : public testing::Test {
   }
 
   static constexpr const char* kPath = "C:\\F.BIN";
-  test::SourceTree m_Tree;
-  CapsuleFile m_Image;
-  CapsulePartition m_Partition{m_Image};
-  std::function<void()> m_BetweenEntryAndData;
+  test::SourceTree m_tree;
+  CapsuleFile m_image;
+  CapsulePartition m_partition{m_image};
+  std::function<void()> m_betweenEntryAndData;
 };
 
 TEST_F(FileBlockWrite, StreamedAndChunkedRecordsAreTheSameAndHoldTheFile) {
@@ -140,7 +140,7 @@ std::string ChunkWithAnEquallyLongUnit(StreamCompressor& compressor) {
 }
 
 TEST_F(FileBlockWrite, AUnitAsLongAsItsChunkGetsOneByteMore) {
-  StreamCompressor& compressor = *m_Tree.State().compressor;
+  StreamCompressor& compressor = *m_tree.State().compressor;
   compressor.SetFastCompression();
   const std::string chunk = ChunkWithAnEquallyLongUnit(compressor);
   ASSERT_EQ(chunk.size(), 512U);
@@ -165,10 +165,10 @@ TEST_F(FileBlockWrite, AUnitAsLongAsItsChunkGetsOneByteMore) {
 
 TEST_F(FileBlockWrite, ASourceThatChangesAfterItsEntryIsAFailure) {
   const std::string content = test::MixedBytes(20000, 5);
-  const std::string path = m_Tree.Source("F.BIN");
+  const std::string path = m_tree.Source("F.BIN");
   const auto expectFailure = [&](const std::function<void()>& change) {
     Source(content);
-    m_BetweenEntryAndData = change;
+    m_betweenEntryAndData = change;
     EXPECT_FALSE(Records(Way::Streamed, 5));
   };
   for (const uintmax_t size : {0U, 8192U, 19999U, 20001U, 40000U}) {
@@ -184,18 +184,18 @@ TEST_F(FileBlockWrite, ASourceThatChangesAfterItsEntryIsAFailure) {
 
 TEST_F(FileBlockWrite, NoRecordPassesTheLargestImage) {
   Source("x");
-  const std::string target = m_Tree.Beside("sparse");
+  const std::string target = m_tree.Beside("sparse");
   const platform::ScopedDescriptor image(platform::OpenForWriting(target.c_str()));
   constexpr int kEnd = 0x7FFFFFFF - 1544;
-  CapsuleFileBlock block(nullptr, m_Partition);
+  CapsuleFileBlock block(nullptr, m_partition);
   int total = 0;
   EXPECT_EQ(block.WriteDirEntry(kFat32, kPath, image.Get(), kEnd - 39, &total), -1);
   EXPECT_EQ(block.WriteDirEntry(kFat32, kPath, image.Get(), kEnd - 40, &total), 0);
   EXPECT_EQ(block.StreamFile(kPath, image.Get(), kEnd - 519, &total, 0), -1);
   EXPECT_EQ(total, 40);
   EXPECT_EQ(block.StreamFile(kPath, image.Get(), kEnd - 520, &total, 0), 0);
-  EXPECT_EQ(m_Partition.WritePartitionTrailer(image.Get(), kEnd + 1), -1);
-  EXPECT_EQ(m_Partition.WritePartitionTrailer(image.Get(), kEnd), 0);
+  EXPECT_EQ(m_partition.WritePartitionTrailer(image.Get(), kEnd + 1), -1);
+  EXPECT_EQ(m_partition.WritePartitionTrailer(image.Get(), kEnd), 0);
   EXPECT_EQ(std::filesystem::file_size(target), 0x7FFFFFFFU);
 }
 
@@ -206,7 +206,7 @@ TEST_F(FileBlockWrite, AChunkThatCannotBeReadLeavesTheNextFileAtItsBeginning) {
   const std::string content = test::MixedBytes(20000, 1);
   Source(content);
   EXPECT_EQ(block.ReadFileData(kPath), 8192);
-  std::filesystem::resize_file(m_Tree.Source("F.BIN"), 5000);
+  std::filesystem::resize_file(m_tree.Source("F.BIN"), 5000);
   EXPECT_EQ(block.ReadFileData(kPath), -1);
   EXPECT_EQ(block.GetChunkPtr(), nullptr);
   EXPECT_EQ(block.ReadFileData("C:\\missing"), -1);
@@ -223,14 +223,14 @@ TEST_F(FileBlockWrite, AChunkThatCannotBeReadLeavesTheNextFileAtItsBeginning) {
 }
 
 TEST_F(FileBlockWrite, AChainOfBlocksIsDestroyedWithoutDeepRecursion) {
-  CapsuleFileBlock root(nullptr, m_Partition);
+  CapsuleFileBlock root(nullptr, m_partition);
   CapsuleFileBlock* deepest = &root;
   for (int i = 0; i < 100000; ++i) {
-    auto* child = new CapsuleFileBlock(deepest, m_Partition);
+    auto* child = new CapsuleFileBlock(deepest, m_partition);
     deepest->InsertFileBlock(child);
     deepest = child;
   }
-  root.InsertFileBlock(new CapsuleFileBlock(&root, m_Partition));
+  root.InsertFileBlock(new CapsuleFileBlock(&root, m_partition));
   root.Close();
   EXPECT_EQ(root.FileList().GetCount(), 0);
 }

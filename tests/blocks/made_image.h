@@ -62,9 +62,9 @@ inline void AddCompressed(ImageMaker& maker, const std::string& content) {
 class MadeImage {
  public:
   explicit MadeImage(const std::string& bytes) {
-    WriteFile(m_Dir / "image", bytes);
-    m_pImage = std::make_unique<OpenImage>(m_Dir / "image");
-    EXPECT_EQ(m_pImage->Read(), 0);
+    WriteFile(m_dir / "image", bytes);
+    m_image = std::make_unique<OpenImage>(m_dir / "image");
+    EXPECT_EQ(m_image->Read(), 0);
   }
   MadeImage(bool compressed, const std::function<void(ImageMaker&)>& add)
       : MadeImage(Section(compressed, add)) {}
@@ -77,16 +77,14 @@ class MadeImage {
   MadeImage(uint32_t size, const std::string& content)
       : MadeImage(true, size, [&](auto& m) { AddCompressed(m, content); }) {}
 
-  CapsuleFile& File() { return m_pImage->File(); }
-  CapsuleFileBlock& Block(int i = 0) {
-    return *BlockAt(m_pImage->Partition(0)->GetFileBlocks(), i);
-  }
-  CapsulePartition& Partition() { return *m_pImage->Partition(0); }
-  std::string Path() const { return m_Dir / "image"; }
+  CapsuleFile& File() { return m_image->File(); }
+  CapsuleFileBlock& Block(int i = 0) { return *BlockAt(m_image->Partition(0)->GetFileBlocks(), i); }
+  CapsulePartition& Partition() { return *m_image->Partition(0); }
+  std::string Path() const { return m_dir / "image"; }
   std::string Range(int start, int length) { return Extract(File(), Block(), start, length); }
   // Makes what lies at `offset` of the image a unit that is corrupt.
   void Damage(int offset) {
-    std::fstream file(m_Dir / "image", std::ios::binary | std::ios::in | std::ios::out);
+    std::fstream file(m_dir / "image", std::ios::binary | std::ios::in | std::ios::out);
     file.seekp(offset).write("\x80\0\0", 3);
   }
   int ChunkCount() { return Block().GetFileDataBlockList().GetCount(); }
@@ -103,8 +101,8 @@ class MadeImage {
     return maker.Finish();
   }
 
-  TempDir m_Dir;
-  std::unique_ptr<OpenImage> m_pImage;
+  TempDir m_dir;
+  std::unique_ptr<OpenImage> m_image;
 };
 
 // An image of one NTFS section whose only file has `content`: in its FILE record, or in compressed

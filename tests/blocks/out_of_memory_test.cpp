@@ -179,18 +179,18 @@ TEST(OutOfMemory, ATreeIsClosedWithoutMemory) {
 class OutOfMemoryWriting : public testing::Test {
  protected:
   OutOfMemoryWriting() {
-    m_Tree.AddFile("A_LONG_NAME.TXT", m_Content);
-    m_Tree.AddDirectory("FOLDER");
+    m_tree.AddFile("A_LONG_NAME.TXT", m_content);
+    m_tree.AddDirectory("FOLDER");
   }
 
   // The records of the file as they are written by `write`; none when that failed.
   using Write = std::function<int(CapsuleFileBlock&, int fd, int* total)>;
   std::optional<std::string> Records(const Write& write) {
-    const std::string target = m_Tree.Beside("records");
+    const std::string target = m_tree.Beside("records");
     std::filesystem::remove(target);
     const platform::ScopedDescriptor image(platform::OpenForWriting(target.c_str()));
-    m_Tree.State().compressor->ResetCompressionHistory();
-    CapsuleFileBlock block(nullptr, m_Partition);
+    m_tree.State().compressor->ResetCompressionHistory();
+    CapsuleFileBlock block(nullptr, m_partition);
     int total = 0;
     const int result = write(block, image.Get(), &total);
     if (result == 0) return test::ReadFile(target);
@@ -200,10 +200,10 @@ class OutOfMemoryWriting : public testing::Test {
   }
 
   static constexpr const char* kPath = "C:\\A_LONG_NAME.TXT";
-  const std::string m_Content = test::RandomText(20000, 2);
-  test::SourceTree m_Tree;
-  CapsuleFile m_File;
-  CapsulePartition m_Partition{m_File};
+  const std::string m_content = test::RandomText(20000, 2);
+  test::SourceTree m_tree;
+  CapsuleFile m_file;
+  CapsulePartition m_partition{m_file};
 };
 
 TEST_F(OutOfMemoryWriting, RecordsAreWrittenOrAreNot) {
@@ -234,7 +234,7 @@ TEST_F(OutOfMemoryWriting, RecordsAreWrittenOrAreNot) {
 
 TEST_F(OutOfMemoryWriting, EachStepOfAnImageSucceedsTheNextTime) {
   using Step = std::function<int(CapsuleFile&)>;
-  const std::string target = m_Tree.Beside("image");
+  const std::string target = m_tree.Beside("image");
   const Step steps[] = {[&](CapsuleFile& image) { return image.CreateCapsuleFile(target.c_str()); },
                         [](CapsuleFile& image) { return image.WriteImageFileHeader("v"); },
                         [](CapsuleFile& image) { return image.InsertFile(kPath, 0); },
@@ -244,7 +244,7 @@ TEST_F(OutOfMemoryWriting, EachStepOfAnImageSucceedsTheNextTime) {
   for (const Step& mayFail : steps) {
     FailEachAllocation([&](const auto& failing) {
       std::filesystem::remove(target);
-      m_Tree.State().previousInsertDir.clear();
+      m_tree.State().previousInsertDir.clear();
       CapsuleFile image;
       for (const Step& step : steps) {
         const bool fails = &step == &mayFail;
@@ -277,8 +277,8 @@ TEST_F(OutOfMemoryWriting, AChunkIsTheFirstOfItsFileAfterAFailure) {
       EXPECT_EQ(block.ReadFileData(kPath), 0);
     }
     EXPECT_EQ(block.ReadFileData(kPath), 8192);
-    EXPECT_EQ(std::string(block.GetChunkPtr(), 8192), m_Content.substr(0, 8192));
-    m_Tree.State().chunkReadPosition = 0;
+    EXPECT_EQ(std::string(block.GetChunkPtr(), 8192), m_content.substr(0, 8192));
+    m_tree.State().chunkReadPosition = 0;
   });
   EXPECT_GT(failed, 0);
 }

@@ -18,7 +18,7 @@ class BadInputTest : public CommandTest {
     WriteFile(At("in/a"), "content of a");
     WriteFile(At("in/sub/b"), std::string(20000, 'b'));
     EXPECT_EQ(RunCapsule({"create", "-q", At("i"), At("in")}).status, 0);
-    m_Image = ReadFile(At("i"));
+    m_image = ReadFile(At("i"));
   }
 
   // Exit status 2, one line that has all of `parts`, nothing on standard output.
@@ -34,13 +34,13 @@ class BadInputTest : public CommandTest {
   }
 
   void ExpectImageAsItWas() const {
-    EXPECT_TRUE(ReadFile(At("i")) == m_Image);
-    for (const auto& entry : fs::directory_iterator(m_Directory.Path())) {
+    EXPECT_TRUE(ReadFile(At("i")) == m_image);
+    for (const auto& entry : fs::directory_iterator(m_directory.Path())) {
       EXPECT_EQ(entry.path().filename().string().find("capsule-tmp"), std::string::npos);
     }
   }
 
-  std::string m_Image;
+  std::string m_image;
 };
 
 TEST_F(BadInputTest, ALimitOnTheSizeOfFilesIsAnErrorLikeAFullDisk) {
@@ -124,10 +124,10 @@ TEST_F(BadInputTest, FilesThatAreNoImages) {
 
 TEST_F(BadInputTest, ImagesCutShort) {
   for (const size_t length : {size_t{0}, size_t{100}, size_t{7560}, size_t{9000}}) {
-    WriteFile(At("cut"), m_Image.substr(0, length));
+    WriteFile(At("cut"), m_image.substr(0, length));
     ExpectFailure(RunCapsule({"list", At("cut")}), {At("cut")});
   }
-  WriteFile(At("cut"), m_Image.substr(0, m_Image.size() - 1));
+  WriteFile(At("cut"), m_image.substr(0, m_image.size() - 1));
   const CommandResult rest = RunCapsule({"list", At("cut")});
   EXPECT_EQ(rest.status, 1);
   EXPECT_EQ(rest.out, "0:/a\n0:/sub/\n");
@@ -137,7 +137,7 @@ TEST_F(BadInputTest, ImagesCutShort) {
   EXPECT_EQ(indexed.err, "");
   // All is as it was but the label of the partition, which only the index knew.
   const size_t index = ParseJson(RunCapsule({"info", "--json", At("i")}).out)["index_offset"];
-  EXPECT_EQ(ReadFile(At("cut")).substr(0, index), m_Image.substr(0, index));
+  EXPECT_EQ(ReadFile(At("cut")).substr(0, index), m_image.substr(0, index));
   EXPECT_EQ(RunCapsule({"verify", At("cut")}).status, 0);
 }
 
@@ -175,10 +175,10 @@ TEST_F(BadInputTest, DamageIsNamedAndTheRestComesOut) {
   EXPECT_EQ(clean.status, 0) << clean.err;
   EXPECT_EQ(clean.out, "");
   EXPECT_NE(clean.err.find("2 files read, 5 check values compared, no fault"), std::string::npos);
-  const size_t data = m_Image.find(std::string("\x03\x01\x00\x02\x00\x00", 6));  // of "a"
+  const size_t data = m_image.find(std::string("\x03\x01\x00\x02\x00\x00", 6));  // of "a"
   ASSERT_NE(data, std::string::npos);
-  m_Image[data] = 9;
-  WriteFile(At("i"), m_Image);
+  m_image[data] = 9;
+  WriteFile(At("i"), m_image);
   fs::create_directory(At("out"));
   const CommandResult result = RunCapsule({"extract", "-q", At("i"), "-C", At("out")});
   EXPECT_EQ(result.status, 1);
@@ -197,7 +197,7 @@ TEST_F(BadInputTest, DamageIsNamedAndTheRestComesOut) {
 
 TEST_F(BadInputTest, OutputThatCannotBeWritten) {
   const std::string image = Quoted(At("i"));
-  WriteFile(At("damaged"), m_Image.substr(0, 9000) + std::string(m_Image.size() - 9000, 'x'));
+  WriteFile(At("damaged"), m_image.substr(0, 9000) + std::string(m_image.size() - 9000, 'x'));
   const std::string damaged = Quoted(At("damaged"));
   for (const std::string& words :
        {"cat " + image + " sub/b", "cat " + image + " a", "info " + image, "info --json " + image,

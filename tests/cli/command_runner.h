@@ -52,9 +52,9 @@ inline CommandResult RunCapsule(const std::vector<std::string>& arguments) {
 // Has a folder of its own.
 class CommandTest : public testing::Test {
  protected:
-  std::string At(const std::string& name) const { return m_Directory / name; }
+  std::string At(const std::string& name) const { return m_directory / name; }
 
-  TempDir m_Directory;
+  TempDir m_directory;
 };
 
 }  // namespace capsule::test

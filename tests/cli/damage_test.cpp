@@ -17,7 +17,7 @@ class DamageTest : public CommandTest {
  protected:
   DamageTest() {
     fs::create_directories(At("in"));
-    WriteFile(At("in/text"), m_Text);
+    WriteFile(At("in/text"), m_text);
     WriteFile(At("in/whole"), "content");
     EXPECT_EQ(RunCapsule({"create", "-q", At("i"), At("in")}).status, 0);
     std::string bytes = ReadFile(At("i"));
@@ -30,7 +30,7 @@ class DamageTest : public CommandTest {
 
   // The source without, or with zeros for, what was told to be lost.
   std::string Left(const std::vector<Json>& told, bool zeros) const {
-    std::string left = m_Text;
+    std::string left = m_text;
     for (auto line = told.rbegin(); line != told.rend(); ++line) {
       EXPECT_EQ((*line)["path"], "0:/text");
       EXPECT_FALSE((*line)["reason"].get<std::string>().empty());
@@ -47,7 +47,7 @@ class DamageTest : public CommandTest {
         {"extract", "-q", At("i"), "-C", At(choice), "--on-damage", choice, "--json"});
   }
 
-  const std::string m_Text = MixedBytes(100000, 17);
+  const std::string m_text = MixedBytes(100000, 17);
 };
 
 TEST_F(DamageTest, ExtractLeavesOutSkipsOrZeroesWhatIsLost) {

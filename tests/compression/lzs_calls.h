@@ -36,20 +36,20 @@ class Random {
 // A history area of exactly the right size, at any address.
 class MovingArea {
  public:
-  MovingArea(uint32_t size, uint16_t (*init)(void*)) : m_nSize(size), m_Bytes(size + 1, 0xA5) {
+  MovingArea(uint32_t size, uint16_t (*init)(void*)) : m_size(size), m_bytes(size + 1, 0xA5) {
     init(Get());
   }
   void Move(Random& random) {
-    Bytes moved(m_nSize + random.Below(16), 0xA5);
-    std::memcpy(moved.data() + (moved.size() - m_nSize), Get(), m_nSize);
-    m_Bytes.swap(moved);
+    Bytes moved(m_size + random.Below(16), 0xA5);
+    std::memcpy(moved.data() + (moved.size() - m_size), Get(), m_size);
+    m_bytes.swap(moved);
     std::memset(moved.data(), 0xDB, moved.size());
   }
-  void* Get() { return m_Bytes.data() + (m_Bytes.size() - m_nSize); }
+  void* Get() { return m_bytes.data() + (m_bytes.size() - m_size); }
 
  private:
-  uint32_t m_nSize;
-  Bytes m_Bytes;
+  uint32_t m_size;
+  Bytes m_bytes;
 };
 
 // A buffer without a byte behind it, so that the address sanitizer sees a step too far.
@@ -57,15 +57,15 @@ class Buffer {
  public:
   Buffer() = default;
   explicit Buffer(const Bytes& bytes) : Buffer(static_cast<uint32_t>(bytes.size())) {
-    if (!bytes.empty()) std::memcpy(m_pMemory.get(), bytes.data(), bytes.size());
+    if (!bytes.empty()) std::memcpy(m_memory.get(), bytes.data(), bytes.size());
   }
-  explicit Buffer(uint32_t size) : m_pMemory(new unsigned char[size]), m_nSize(size) {}
-  unsigned char* Data() { return m_pMemory.get(); }
-  uint32_t Size() const { return m_nSize; }
+  explicit Buffer(uint32_t size) : m_memory(new unsigned char[size]), m_size(size) {}
+  unsigned char* Data() { return m_memory.get(); }
+  uint32_t Size() const { return m_size; }
 
  private:
-  std::unique_ptr<unsigned char[]> m_pMemory;
-  uint32_t m_nSize = 0;
+  std::unique_ptr<unsigned char[]> m_memory;
+  uint32_t m_size = 0;
 };
 
 }  // namespace capsule::test

@@ -27,37 +27,37 @@ class CapsuleFileWrite : public testing::Test {
  protected:
   // A new image that has its header.
   void Start(int level, const std::string& name = "out.img") {
-    m_strImage = m_Tree.Beside(name);
-    m_State.previousInsertDir.clear();
-    m_State.dirLevelsToClose = 0;
-    m_pImage = std::make_unique<CapsuleFile>();
-    ASSERT_EQ(m_pImage->CreateCapsuleFile(m_strImage.c_str()), 0);
-    ASSERT_EQ(m_pImage->SetCompressionLevel(level), 0);
-    ASSERT_EQ(m_pImage->WriteImageFileHeader("Capsulate test"), 0);
+    m_image = m_tree.Beside(name);
+    m_state.previousInsertDir.clear();
+    m_state.dirLevelsToClose = 0;
+    m_file = std::make_unique<CapsuleFile>();
+    ASSERT_EQ(m_file->CreateCapsuleFile(m_image.c_str()), 0);
+    ASSERT_EQ(m_file->SetCompressionLevel(level), 0);
+    ASSERT_EQ(m_file->WriteImageFileHeader("Capsulate test"), 0);
   }
 
   int Insert(const std::string& path, int partition = 0) {
-    return m_pImage->InsertFile(path.c_str(), partition);
+    return m_file->InsertFile(path.c_str(), partition);
   }
 
   // The stored bytes of the finished image.
   std::string Finish() {
-    EXPECT_EQ(m_pImage->CloseImageFile(), 0);
-    return test::ReadFile(m_strImage);
+    EXPECT_EQ(m_file->CloseImageFile(), 0);
+    return test::ReadFile(m_image);
   }
 
-  test::SourceTree m_Tree;
-  LibraryState& m_State = m_Tree.State();
-  std::string m_strImage;
-  std::unique_ptr<CapsuleFile> m_pImage;
+  test::SourceTree m_tree;
+  LibraryState& m_state = m_tree.State();
+  std::string m_image;
+  std::unique_ptr<CapsuleFile> m_file;
 };
 
 TEST_F(CapsuleFileWrite, SmallImageHasExactlyTheseBytes) {
-  m_Tree.AddFile("a/Hello World.txt", "hi\n");
-  m_Tree.AddFile("Z.TXT", "");
-  m_Tree.AddDirectory("D");
+  m_tree.AddFile("a/Hello World.txt", "hi\n");
+  m_tree.AddFile("Z.TXT", "");
+  m_tree.AddDirectory("D");
   for (const char* name : {"a/Hello World.txt", "Z.TXT", "a", "D", ""}) {
-    m_Tree.SetTime(name, 981173106);  // 2001-02-03 04:05:06
+    m_tree.SetTime(name, 981173106);  // 2001-02-03 04:05:06
   }
   Start(0);
   EXPECT_EQ(Insert("C:\\a"), 0);
@@ -96,7 +96,7 @@ TEST_F(CapsuleFileWrite, SmallImageHasExactlyTheseBytes) {
   const std::string expected =
       header + sectionStart + entry("A          ", 0x10, none) + dots + hello + data + file + area +
       sectionStart + entry("D          ", 0x10, none) + dots + zeroEntry + zeroEntry + area;
-  EXPECT_EQ(m_pImage->GetWriteOffset(),
+  EXPECT_EQ(m_file->GetWriteOffset(),
             static_cast<int>(expected.size() - area.size() - 2 * zeroEntry.size()));
   const std::string stored = Finish();
   ASSERT_EQ(stored.size(), expected.size());
@@ -106,9 +106,9 @@ TEST_F(CapsuleFileWrite, SmallImageHasExactlyTheseBytes) {
 TEST_F(CapsuleFileWrite, HeaderTellsTheLevelAndRefusesLongVersions) {
   for (const int level : {0, 1, 9}) {
     Start(level, "header" + std::to_string(level));
-    EXPECT_EQ(m_pImage->SetCompressionLevel(10), -1);
-    EXPECT_EQ(m_pImage->SetCompressionLevel(-1), -1);
-    EXPECT_EQ(m_pImage->GetCompressionLevel(), level);
+    EXPECT_EQ(m_file->SetCompressionLevel(10), -1);
+    EXPECT_EQ(m_file->SetCompressionLevel(-1), -1);
+    EXPECT_EQ(m_file->GetCompressionLevel(), level);
     const std::string bytes = Finish();
     EXPECT_EQ(bytes.size(), 7560U);
     EXPECT_EQ(U8At(bytes, 5513), 0);
@@ -116,9 +116,9 @@ TEST_F(CapsuleFileWrite, HeaderTellsTheLevelAndRefusesLongVersions) {
     EXPECT_EQ(U8At(bytes, 719), level == 0 ? 0 : 2);
   }
   CapsuleFile image;
-  ASSERT_EQ(image.CreateCapsuleFile(m_Tree.Beside("long").c_str()), 0);
+  ASSERT_EQ(image.CreateCapsuleFile(m_tree.Beside("long").c_str()), 0);
   EXPECT_EQ(image.WriteImageFileHeader(std::string(256, 'v').c_str()), -1);
-  EXPECT_EQ(std::filesystem::file_size(m_Tree.Beside("long")), 0U);
+  EXPECT_EQ(std::filesystem::file_size(m_tree.Beside("long")), 0U);
   EXPECT_EQ(image.WriteImageFileHeader(std::string(255, 'v').c_str()), 0);
   EXPECT_EQ(std::string(image.GetVersionString()), std::string(255, 'v'));
 }
@@ -127,7 +127,7 @@ TEST_F(CapsuleFileWrite, HeaderTellsTheLevelAndRefusesLongVersions) {
 // over to where nothing is kept bring the write offset near to the largest.
 TEST_F(CapsuleFileWrite, AFullImageCanBeClosed) {
   constexpr int kLargest = 0x7FFFFFFF;
-  const std::string file = m_Tree.AddFile("f", "");
+  const std::string file = m_tree.AddFile("f", "");
   for (const int left : {0, 40, 80, 120, 160}) {
     CapsuleFile image;
     ASSERT_EQ(image.CreateCapsuleFile("/dev/null"), 0);
@@ -135,13 +135,13 @@ TEST_F(CapsuleFileWrite, AFullImageCanBeClosed) {
       ASSERT_EQ(image.WriteImageFileHeader("v"), 0);
     }
     std::string folder = "d";
-    ASSERT_EQ(image.InsertFile(m_Tree.AddDirectory(folder).c_str(), 0), 0);
+    ASSERT_EQ(image.InsertFile(m_tree.AddDirectory(folder).c_str(), 0), 0);
     const int before = kLargest - 1544 - 1600 - left;  // to be filled with files first
     while (image.GetWriteOffset() + 40 <= before) ASSERT_EQ(image.InsertFile(file.c_str(), 0), 0);
     int depth = 1;
     for (; depth < 50; ++depth) {
       folder += "/d";
-      if (image.InsertFile(m_Tree.AddDirectory(folder).c_str(), 0) != 0) break;
+      if (image.InsertFile(m_tree.AddDirectory(folder).c_str(), 0) != 0) break;
     }
     EXPECT_LT(depth, 12) << "each takes 120 bytes, and 40 to close it";
     EXPECT_EQ(image.CloseImageFile(), 0) << left;
@@ -150,24 +150,24 @@ TEST_F(CapsuleFileWrite, AFullImageCanBeClosed) {
 }
 
 TEST_F(CapsuleFileWrite, CreatingAgainReleasesTheFirstFileKeepsOldBytesAndReportsFailures) {
-  test::WriteFile(m_Tree.Beside("second"), std::string(20000, 'x'));
+  test::WriteFile(m_tree.Beside("second"), std::string(20000, 'x'));
   Start(0, "first");
-  ASSERT_EQ(Insert(m_Tree.AddDirectory("d")), 0);
-  ASSERT_EQ(m_pImage->CreateCapsuleFile(m_Tree.Beside("second").c_str()), 0);
-  EXPECT_EQ(m_pImage->GetPartitions().GetCount(), 0);
-  ASSERT_EQ(m_pImage->WriteImageFileHeader("Capsulate"), 0);
-  EXPECT_EQ(m_pImage->GetWriteOffset(), 7560);
-  ASSERT_EQ(m_pImage->CloseImageFile(), 0);
-  const std::string bytes = test::ReadFile(m_Tree.Beside("second"));
+  ASSERT_EQ(Insert(m_tree.AddDirectory("d")), 0);
+  ASSERT_EQ(m_file->CreateCapsuleFile(m_tree.Beside("second").c_str()), 0);
+  EXPECT_EQ(m_file->GetPartitions().GetCount(), 0);
+  ASSERT_EQ(m_file->WriteImageFileHeader("Capsulate"), 0);
+  EXPECT_EQ(m_file->GetWriteOffset(), 7560);
+  ASSERT_EQ(m_file->CloseImageFile(), 0);
+  const std::string bytes = test::ReadFile(m_tree.Beside("second"));
   EXPECT_EQ(bytes.substr(7560), std::string(20000 - 7560, 'x'));
 
-  EXPECT_EQ(m_pImage->CreateCapsuleFile(m_Tree.Beside("no/such").c_str()), -1);
-  EXPECT_EQ(m_pImage->GetImageFileHandle(), 0);
-  EXPECT_EQ(m_pImage->GetLastError(), ENOENT);
-  ASSERT_EQ(m_pImage->CreateCapsuleFile("/dev/full"), 0);
-  EXPECT_EQ(m_pImage->WriteImageFileHeader("Capsulate"), -1);
-  EXPECT_EQ(m_pImage->GetLastError(), ENOSPC);
-  EXPECT_EQ(m_pImage->GetWriteOffset(), 0);
+  EXPECT_EQ(m_file->CreateCapsuleFile(m_tree.Beside("no/such").c_str()), -1);
+  EXPECT_EQ(m_file->GetImageFileHandle(), 0);
+  EXPECT_EQ(m_file->GetLastError(), ENOENT);
+  ASSERT_EQ(m_file->CreateCapsuleFile("/dev/full"), 0);
+  EXPECT_EQ(m_file->WriteImageFileHeader("Capsulate"), -1);
+  EXPECT_EQ(m_file->GetLastError(), ENOSPC);
+  EXPECT_EQ(m_file->GetWriteOffset(), 0);
 }
 
 TEST_F(CapsuleFileWrite, LevelsAreClosedByWhatThePathsShare) {
@@ -176,37 +176,37 @@ TEST_F(CapsuleFileWrite, LevelsAreClosedByWhatThePathsShare) {
       {"", "C:\\a", 0},         {"C:\\a\\b", "C:\\a\\c", 1}, {"C:\\a\\b\\d", "C:\\a", 2},
       {"C:\\a", "C:\\a\\b", 0}, {"C:\\A", "C:\\a\\b", 1},    {"C:/a/b", "C:\\a", 1},
       {"C:\\a\\", "C:\\a", 0},  {"\\\\a", "C:\\a", 3}};
-  for (const char* name : {"a/b/d", "a/c"}) m_Tree.AddDirectory(name);
+  for (const char* name : {"a/b/d", "a/c"}) m_tree.AddDirectory(name);
   int number = 0;
   for (const auto& [previous, path, levels] : cases) {
     Start(0, "levels" + std::to_string(number++));
-    m_State.previousInsertDir = previous;
+    m_state.previousInsertDir = previous;
     ASSERT_EQ(Insert(path), 0);
     const std::string bytes = Finish();
     size_t zeroEntries = 0;
     while (U8At(bytes, kFirstItem + 40 * zeroEntries + 8) == 0) ++zeroEntries;
     EXPECT_EQ(zeroEntries, levels) << previous << " then " << path;
-    EXPECT_EQ(m_State.previousInsertDir, path);
-    EXPECT_EQ(m_State.dirLevelsToClose, 0);
+    EXPECT_EQ(m_state.previousInsertDir, path);
+    EXPECT_EQ(m_state.dirLevelsToClose, 0);
   }
 }
 
 TEST_F(CapsuleFileWrite, PartitionsOpenInOrderAndCountTheirNumbers) {
-  const std::string file = m_Tree.AddFile("F.BIN", std::string(511, 'f'));
-  const std::string sectors = m_Tree.AddFile("S.BIN", std::string(512, 's'));
+  const std::string file = m_tree.AddFile("F.BIN", std::string(511, 'f'));
+  const std::string sectors = m_tree.AddFile("S.BIN", std::string(512, 's'));
   Start(0);
-  for (const int number : {-1, 10}) EXPECT_EQ(Insert(m_Tree.AddDirectory("d"), number), -1);
-  EXPECT_EQ(m_pImage->GetCurrentPartition(), -1);
-  EXPECT_EQ(std::filesystem::file_size(m_strImage), 7560U);
+  for (const int number : {-1, 10}) EXPECT_EQ(Insert(m_tree.AddDirectory("d"), number), -1);
+  EXPECT_EQ(m_file->GetCurrentPartition(), -1);
+  EXPECT_EQ(std::filesystem::file_size(m_image), 7560U);
   ASSERT_EQ(Insert(file, 0), 0);
-  const int before = m_pImage->GetWriteOffset();
+  const int before = m_file->GetWriteOffset();
   ASSERT_EQ(Insert(sectors, 2), 0);
-  EXPECT_EQ(m_pImage->GetWriteOffset(), before + 3600 + 40 + 8 + 512);
-  const auto length = std::filesystem::file_size(m_strImage);
+  EXPECT_EQ(m_file->GetWriteOffset(), before + 3600 + 40 + 8 + 512);
+  const auto length = std::filesystem::file_size(m_image);
   EXPECT_EQ(Insert(file, 1), -1);
-  EXPECT_EQ(std::filesystem::file_size(m_strImage), length);
-  EXPECT_EQ(m_pImage->IsPartitionSector(0), 0);
-  EXPECT_EQ(m_pImage->IsPartitionSector(2), 1);
+  EXPECT_EQ(std::filesystem::file_size(m_image), length);
+  EXPECT_EQ(m_file->IsPartitionSector(0), 0);
+  EXPECT_EQ(m_file->IsPartitionSector(2), 1);
 
   const std::string bytes = Finish();
   EXPECT_EQ(U8At(bytes, 5513), 3);
@@ -223,9 +223,9 @@ TEST_F(CapsuleFileWrite, KnownCompressedExtensionsAreStored) {
                                                      {"P.TGZ", 0},      {"XJPG", 1024}};
   Start(5);
   for (const auto& [name, param] : params) {
-    const auto at = static_cast<size_t>(m_pImage->GetWriteOffset());
-    ASSERT_EQ(Insert(m_Tree.AddFile(name, text)), 0);
-    const std::string bytes = test::ReadFile(m_strImage);
+    const auto at = static_cast<size_t>(m_file->GetWriteOffset());
+    ASSERT_EQ(Insert(m_tree.AddFile(name, text)), 0);
+    const std::string bytes = test::ReadFile(m_image);
     const size_t data = at == 7560 ? kFirstItem + 40 : at + 40;
     ASSERT_EQ(U8At(bytes, data), 3) << name;
     EXPECT_EQ(U32At(bytes, data + 2), param) << name;
@@ -234,36 +234,36 @@ TEST_F(CapsuleFileWrite, KnownCompressedExtensionsAreStored) {
 }
 
 TEST_F(CapsuleFileWrite, MarkedPathsAreSkippedAndTheTraceNeedsARoot) {
-  const std::string file = m_Tree.AddFile("F.TXT", "f");
-  const std::string trace = m_Tree.Beside("testdump.txt");
+  const std::string file = m_tree.AddFile("F.TXT", "f");
+  const std::string trace = m_tree.Beside("testdump.txt");
   Start(0);
   EXPECT_EQ(Insert(file + "? \t"), 0);
-  EXPECT_EQ(std::filesystem::file_size(m_strImage), 7560U);
-  EXPECT_EQ(m_State.previousInsertDir, "");
+  EXPECT_EQ(std::filesystem::file_size(m_image), 7560U);
+  EXPECT_EQ(m_state.previousInsertDir, "");
   EXPECT_FALSE(std::filesystem::exists(trace));
 
-  m_State.hostView.SetRoot('c', m_Tree.Beside(""));
+  m_state.hostView.SetRoot('c', m_tree.Beside(""));
   EXPECT_EQ(Insert(file), 0);
   EXPECT_EQ(Insert("C:\\F?"), 0);
   EXPECT_EQ(test::ReadFile(trace), "C:\\F.TXT\nPrev-\nC:\\F?\nPrev-C:\n");
 
-  std::filesystem::rename(trace, m_Tree.Beside("target"));
-  std::filesystem::create_symlink(m_Tree.Beside("target"), trace);
+  std::filesystem::rename(trace, m_tree.Beside("target"));
+  std::filesystem::create_symlink(m_tree.Beside("target"), trace);
   EXPECT_EQ(Insert("C:\\F?"), 0);
   EXPECT_EQ(test::ReadFile(trace), "C:\\F.TXT\nPrev-\nC:\\F?\nPrev-C:\n");
 }
 
 TEST_F(CapsuleFileWrite, DirectoriesGoInOnceUnlessTheHostTakesThemOut) {
-  const std::string directory = m_Tree.AddDirectory("d");
+  const std::string directory = m_tree.AddDirectory("d");
   Start(0);
   ASSERT_EQ(Insert(directory), 0);
-  const int offset = m_pImage->GetWriteOffset();
+  const int offset = m_file->GetWriteOffset();
   EXPECT_EQ(Insert(directory), -1);
-  EXPECT_EQ(m_pImage->GetWriteOffset(), offset);
-  EXPECT_EQ(std::filesystem::file_size(m_strImage), static_cast<uintmax_t>(offset));
-  EXPECT_EQ(Insert(m_Tree.AddDirectory("e")), 0);
+  EXPECT_EQ(m_file->GetWriteOffset(), offset);
+  EXPECT_EQ(std::filesystem::file_size(m_image), static_cast<uintmax_t>(offset));
+  EXPECT_EQ(Insert(m_tree.AddDirectory("e")), 0);
 
-  CpsList& blocks = m_pImage->GetCurrentPartitionPtr()->GetFileBlocks();
+  CpsList& blocks = m_file->GetCurrentPartitionPtr()->GetFileBlocks();
   ASSERT_EQ(blocks.GetCount(), 6);
   for (int i = 0; i < 3; ++i) {
     delete static_cast<CapsuleFileBlock*>(blocks.GetAt(0));
@@ -271,48 +271,48 @@ TEST_F(CapsuleFileWrite, DirectoriesGoInOnceUnlessTheHostTakesThemOut) {
   }
   EXPECT_EQ(Insert(directory), 0);
   EXPECT_EQ(Insert(directory), -1);
-  EXPECT_EQ(Insert(m_Tree.AddDirectory("e")), -1);
+  EXPECT_EQ(Insert(m_tree.AddDirectory("e")), -1);
 }
 
 TEST_F(CapsuleFileWrite, WhatCannotBeInsertedChangesNothing) {
   Start(0);
-  const std::string huge = m_Tree.AddFile("huge", "");
-  std::filesystem::resize_file(m_Tree.Source("huge"), uintmax_t{1} << 31);
+  const std::string huge = m_tree.AddFile("huge", "");
+  std::filesystem::resize_file(m_tree.Source("huge"), uintmax_t{1} << 31);
   for (const std::string& path : {std::string("C:\\missing"), std::string("X:\\a"), std::string(),
                                   std::string("noseparator"), huge}) {
     EXPECT_EQ(Insert(path), -1) << path;
-    EXPECT_EQ(m_pImage->GetCurrentPartition(), -1) << path;
-    EXPECT_EQ(m_pImage->GetPartitions().GetCount(), 0) << path;
-    EXPECT_EQ(std::filesystem::file_size(m_strImage), 7560U) << path;
+    EXPECT_EQ(m_file->GetCurrentPartition(), -1) << path;
+    EXPECT_EQ(m_file->GetPartitions().GetCount(), 0) << path;
+    EXPECT_EQ(std::filesystem::file_size(m_image), 7560U) << path;
   }
-  EXPECT_EQ(m_pImage->InsertFile(nullptr, 0), -1);
+  EXPECT_EQ(m_file->InsertFile(nullptr, 0), -1);
 }
 
 // Lets the process write no file beyond `bytes` until the end of the scope.
 class FileSizeLimit {
  public:
   explicit FileSizeLimit(rlim_t bytes) {
-    m_pOldHandler = std::signal(SIGXFSZ, SIG_IGN);
-    ::getrlimit(RLIMIT_FSIZE, &m_Old);
-    const rlimit limit{bytes, m_Old.rlim_max};
+    m_oldHandler = std::signal(SIGXFSZ, SIG_IGN);
+    ::getrlimit(RLIMIT_FSIZE, &m_old);
+    const rlimit limit{bytes, m_old.rlim_max};
     ::setrlimit(RLIMIT_FSIZE, &limit);
   }
   ~FileSizeLimit() {
-    ::setrlimit(RLIMIT_FSIZE, &m_Old);
-    std::signal(SIGXFSZ, m_pOldHandler);
+    ::setrlimit(RLIMIT_FSIZE, &m_old);
+    std::signal(SIGXFSZ, m_oldHandler);
   }
   FileSizeLimit(const FileSizeLimit&) = delete;
   FileSizeLimit& operator=(const FileSizeLimit&) = delete;
 
  private:
-  rlimit m_Old{};
-  void (*m_pOldHandler)(int);
+  rlimit m_old{};
+  void (*m_oldHandler)(int);
 };
 
 TEST_F(CapsuleFileWrite, FailedInsertionsLeaveTheImageAsIfTheyHadNotBeen) {
-  const std::string small = m_Tree.AddFile("d/S.TXT", "small");
-  const std::string large = m_Tree.AddFile("d/LARGE.BIN", test::MixedBytes(100000, 7));
-  const std::string next = m_Tree.AddFile("d/N.TXT", "next");
+  const std::string small = m_tree.AddFile("d/S.TXT", "small");
+  const std::string large = m_tree.AddFile("d/LARGE.BIN", test::MixedBytes(100000, 7));
+  const std::string next = m_tree.AddFile("d/N.TXT", "next");
   for (const int level : {0, 9}) {
     std::string images[2];
     for (const bool failing : {false, true}) {
@@ -320,14 +320,14 @@ TEST_F(CapsuleFileWrite, FailedInsertionsLeaveTheImageAsIfTheyHadNotBeen) {
       ASSERT_EQ(Insert("C:\\d"), 0);
       ASSERT_EQ(Insert(small), 0);
       if (failing) {
-        const auto offset = static_cast<uintmax_t>(m_pImage->GetWriteOffset());
+        const auto offset = static_cast<uintmax_t>(m_file->GetWriteOffset());
         for (const uintmax_t room : {1U, 40U, 45U, 3000U, 3700U, 40000U}) {
           for (const int partition : {0, 3}) {
             const FileSizeLimit limit(offset + room);
             ASSERT_EQ(Insert(large, partition), -1) << room;
-            ASSERT_EQ(std::filesystem::file_size(m_strImage), offset) << room;
-            ASSERT_EQ(m_pImage->GetCurrentPartition(), 0) << room;
-            ASSERT_EQ(m_pImage->GetPartitions().GetCount(), 1) << room;
+            ASSERT_EQ(std::filesystem::file_size(m_image), offset) << room;
+            ASSERT_EQ(m_file->GetCurrentPartition(), 0) << room;
+            ASSERT_EQ(m_file->GetPartitions().GetCount(), 1) << room;
           }
         }
       }
@@ -342,15 +342,15 @@ TEST_F(CapsuleFileWrite, FailedInsertionsLeaveTheImageAsIfTheyHadNotBeen) {
 }
 
 TEST_F(CapsuleFileWrite, ALongerOldFileIsNotCutByAFailure) {
-  test::WriteFile(m_Tree.Beside("old"), std::string(50000, 'x'));
+  test::WriteFile(m_tree.Beside("old"), std::string(50000, 'x'));
   Start(0, "old");
-  const std::string file = m_Tree.AddFile("L.BIN", test::MixedBytes(60000, 1));
+  const std::string file = m_tree.AddFile("L.BIN", test::MixedBytes(60000, 1));
   {
     const FileSizeLimit limit(30000);
     EXPECT_EQ(Insert(file), -1);
   }
-  EXPECT_EQ(std::filesystem::file_size(m_strImage), 50000U);
-  EXPECT_EQ(m_pImage->GetWriteOffset(), 7560);
+  EXPECT_EQ(std::filesystem::file_size(m_image), 50000U);
+  EXPECT_EQ(m_file->GetWriteOffset(), 7560);
 }
 
 }  // namespace

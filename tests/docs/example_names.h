@@ -36,8 +36,8 @@ class ExampleFolder {
   ExampleFolder& operator=(ExampleFolder&&) = delete;
 
  private:
-  capsule::test::TempDir m_Directory;
-  std::string m_strPrevious;
+  capsule::test::TempDir m_directory;
+  std::string m_previous;
 };
 
 struct Names : ExampleFolder {

@@ -13,8 +13,8 @@
 
 namespace fs = std::filesystem;
 
-ExampleFolder::ExampleFolder() : m_strPrevious(fs::current_path()) {
-  fs::current_path(m_Directory.Path());
+ExampleFolder::ExampleFolder() : m_previous(fs::current_path()) {
+  fs::current_path(m_directory.Path());
   std::string beach;
   while (beach.size() < 100000) beach += "wave " + std::to_string(beach.size() % 977) + "\n";
   beach.resize(100000);
@@ -30,7 +30,7 @@ ExampleFolder::ExampleFolder() : m_strPrevious(fs::current_path()) {
   fs::copy_file("photos.cap", "disk.cap");
 }
 
-ExampleFolder::~ExampleFolder() { fs::current_path(m_strPrevious); }
+ExampleFolder::~ExampleFolder() { fs::current_path(m_previous); }
 
 namespace {
 

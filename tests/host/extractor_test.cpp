@@ -35,34 +35,34 @@ std::map<std::string, std::string> Snapshot(const fs::path& folder) {
 class ExtractorTest : public testing::Test {
  protected:
   ExtractorTest() {
-    fs::create_directory(m_Directory / "out");
-    fs::create_directory(m_Directory / "outside");
+    fs::create_directory(m_directory / "out");
+    fs::create_directory(m_directory / "outside");
     test::WriteFile(Outside("victim"), "precious");
-    m_Small.BeginSection();
+    m_small.BeginSection();
   }
 
-  std::string Out(const std::string& name) const { return m_Directory / ("out/" + name); }
-  std::string Outside(const std::string& name) const { return m_Directory / ("outside/" + name); }
+  std::string Out(const std::string& name) const { return m_directory / ("out/" + name); }
+  std::string Outside(const std::string& name) const { return m_directory / ("outside/" + name); }
 
   void Complete() {
-    m_Small.EndSection();
-    test::WriteIndexed(m_Directory / "image", m_Small);
+    m_small.EndSection();
+    test::WriteIndexed(m_directory / "image", m_small);
   }
 
   // 0:/A (10 bytes "d"), 0:/SUB/B (20 bytes).
   void MakeImage() {
-    m_Small.SmallFile("A          ", 10);
-    m_Small.Folder("SUB        ");
-    m_Small.SmallFile("B          ", 20);
-    m_Small.Close();
+    m_small.SmallFile("A          ", 10);
+    m_small.Folder("SUB        ");
+    m_small.SmallFile("B          ", 20);
+    m_small.Close();
     Complete();
   }
 
   ExtractReport Extract(bool force = false) {
-    const Image image(m_Directory / "image");
+    const Image image(m_directory / "image");
     ExtractOptions options;
     options.force = force;
-    return Extractor(image, m_Directory / "out", options).Run();
+    return Extractor(image, m_directory / "out", options).Run();
   }
 
   static std::string Reasons(const ExtractReport& report) {
@@ -73,20 +73,20 @@ class ExtractorTest : public testing::Test {
     return text;
   }
 
-  test::TempDir m_Directory;
-  test::SmallImage m_Small;
+  test::TempDir m_directory;
+  test::SmallImage m_small;
 };
 
 TEST_F(ExtractorTest, LinksFoundInTheTargetAreNeverFollowed) {
   MakeImage();
   for (const bool force : {false, true}) {
-    fs::remove_all(m_Directory / "out");
-    fs::create_directory(m_Directory / "out");
+    fs::remove_all(m_directory / "out");
+    fs::create_directory(m_directory / "out");
     fs::create_symlink(Outside("victim"), Out("A"));
-    fs::create_symlink(m_Directory / "outside", Out("SUB"));
-    const auto before = Snapshot(m_Directory / "outside");
+    fs::create_symlink(m_directory / "outside", Out("SUB"));
+    const auto before = Snapshot(m_directory / "outside");
     const ExtractReport report = Extract(force);
-    EXPECT_EQ(Snapshot(m_Directory / "outside"), before);
+    EXPECT_EQ(Snapshot(m_directory / "outside"), before);
     EXPECT_EQ(Reasons(report),
               std::string(force ? "" : "0:/A: exists in the target folder, kept\n") +
                   "0:/SUB: something that is not a folder is in the way\n");
@@ -116,27 +116,27 @@ TEST_F(ExtractorTest, WhatIsInTheWayIsKeptOrReplacedWhole) {
 TEST_F(ExtractorTest, ForgedNamesStayInTheImage) {
   for (const char* name : {"..         ", ".          ", "../X       ", "A/B        ",
                            "A\\B        ", "/ETC       ", "           "}) {
-    m_Small.SmallFile(name, 3);
+    m_small.SmallFile(name, 3);
   }
-  m_Small.SmallFile(std::string_view("A\0B        ", 11), 3);
-  m_Small.Entry("../UP      ", 0x10);
-  m_Small.Close();
-  m_Small.SmallFile("GOOD       ", 3);
+  m_small.SmallFile(std::string_view("A\0B        ", 11), 3);
+  m_small.Entry("../UP      ", 0x10);
+  m_small.Close();
+  m_small.SmallFile("GOOD       ", 3);
   Complete();
-  const auto before = Snapshot(m_Directory / "outside");
+  const auto before = Snapshot(m_directory / "outside");
   const ExtractReport report = Extract(true);
   EXPECT_EQ(report.problems.size(), 9u) << Reasons(report);
   EXPECT_EQ(report.files, 1u);
-  EXPECT_EQ(Snapshot(m_Directory / "outside"), before);
+  EXPECT_EQ(Snapshot(m_directory / "outside"), before);
   EXPECT_TRUE(fs::exists(Out("GOOD")));
-  EXPECT_EQ(Snapshot(m_Directory.Path()).size(), 5u);  // image, out, GOOD, outside, victim
+  EXPECT_EQ(Snapshot(m_directory.Path()).size(), 5u);  // image, out, GOOD, outside, victim
 }
 
 TEST_F(ExtractorTest, OfTwoEqualNamesTheFirstComesOut) {
-  m_Small.SmallFile("A          ", 1);
-  m_Small.SmallFile("A          ", 2);
-  m_Small.Folder("A          ");
-  m_Small.Close();
+  m_small.SmallFile("A          ", 1);
+  m_small.SmallFile("A          ", 2);
+  m_small.Folder("A          ");
+  m_small.Close();
   Complete();
   EXPECT_EQ(Reasons(Extract(true)),
             "0:/A: an earlier entry has the same name\n"
@@ -146,14 +146,14 @@ TEST_F(ExtractorTest, OfTwoEqualNamesTheFirstComesOut) {
 
 TEST_F(ExtractorTest, DamagedFilesLeaveNothingBehindAndTheRestComesOut) {
   MakeImage();
-  std::string bytes = test::ReadFile(m_Directory / "image");
+  std::string bytes = test::ReadFile(m_directory / "image");
   bytes[7560 + 2056 + 40] = 0x17;  // the type of A's only record
-  test::WriteFile(m_Directory / "image", bytes);
+  test::WriteFile(m_directory / "image", bytes);
   EXPECT_EQ(
       Reasons(Extract()),
       "0:/A: data block at 0x25b8: record is of type 23, a data block is 3; 0 of 10 bytes were "
       "read\n");
-  EXPECT_EQ(Snapshot(m_Directory / "out").size(), 2u);
+  EXPECT_EQ(Snapshot(m_directory / "out").size(), 2u);
   EXPECT_EQ(test::ReadFile(Out("SUB/B")), std::string(20, 'd'));
 }
 
@@ -172,18 +172,18 @@ TEST_F(ExtractorTest, WhatKilledRunsLeftIsRemoved) {
   ASSERT_EQ(::flock(lock, LOCK_EX), 0);
   EXPECT_EQ(Reasons(Extract()), "");
   ::close(lock);
-  const auto left = Snapshot(m_Directory / "out");
+  const auto left = Snapshot(m_directory / "out");
   EXPECT_EQ(left.size(), 8u);
   EXPECT_FALSE(left.contains(".capsule-tmp-abcdefghijkl"));
   EXPECT_FALSE(left.contains("SUB/.x.capsule-tmp-abcdefghijkl"));
 }
 
 TEST_F(ExtractorTest, TimesAndPermissionsComeBack) {
-  m_Small.Folder("SUB        ");
-  m_Small.SmallFile("RO         ", 1, 0x21);
-  m_Small.Close();
+  m_small.Folder("SUB        ");
+  m_small.SmallFile("RO         ", 1, 0x21);
+  m_small.Close();
   const auto stamp = [&](size_t entry, const char* dateAndTime) {
-    m_Small.Bytes().replace(7560 + 2056 + 40 * entry + 8 + 22, 4, dateAndTime, 4);
+    m_small.Bytes().replace(7560 + 2056 + 40 * entry + 8 + 22, 4, dateAndTime, 4);
   };
   stamp(0, "\x00\x60\xa1\x58");  // 2024-05-01 12:00:00
   stamp(3, "\x21\x60\xa1\x58");  // 12:01:02
@@ -199,8 +199,8 @@ TEST_F(ExtractorTest, TimesAndPermissionsComeBack) {
 
 TEST_F(ExtractorTest, ChosenEntriesComeWithTheirFolders) {
   MakeImage();
-  const Image image(m_Directory / "image");
-  Extractor extractor(image, m_Directory / "out");
+  const Image image(m_directory / "image");
+  Extractor extractor(image, m_directory / "out");
   extractor.Add(*image.Find("0:/SUB/B"));
   extractor.Add(*image.Find("0:/SUB/B"));
   EXPECT_EQ(Reasons(extractor.Run()), "");
@@ -209,7 +209,7 @@ TEST_F(ExtractorTest, ChosenEntriesComeWithTheirFolders) {
 }
 
 TEST_F(ExtractorTest, DeepFoldersEndWhereTheLimitIs) {
-  for (int i = 0; i < kMaxExtractDepth + 50; ++i) m_Small.Folder("D          ");
+  for (int i = 0; i < kMaxExtractDepth + 50; ++i) m_small.Folder("D          ");
   Complete();
   const ExtractReport report = Extract();
   EXPECT_EQ(report.directories, static_cast<uint64_t>(kMaxExtractDepth));

@@ -25,12 +25,12 @@ class ImageTest : public testing::Test {
  protected:
   // Puts `bytes` in the place of the image; returns what goes wrong when it is opened.
   std::string OpeningError(const std::string& bytes) {
-    test::WriteFile(m_Path, bytes);
-    return ErrorOf([&] { Image image(m_Path); });
+    test::WriteFile(m_path, bytes);
+    return ErrorOf([&] { Image image(m_path); });
   }
 
-  test::TempDir m_Directory;
-  std::string m_Path = m_Directory / "i";
+  test::TempDir m_directory;
+  std::string m_path = m_directory / "i";
 };
 
 std::string Range(FileReader& reader, uint64_t offset, size_t length) {
@@ -81,8 +81,8 @@ TEST_F(ImageTest, ExactNamesComeBeforeThoseThatDifferInCase) {
     small.Entry(name, 0x20);
   }
   small.EndSection();
-  test::WriteIndexed(m_Path, small);
-  const Image image(m_Path);
+  test::WriteIndexed(m_path, small);
+  const Image image(m_path);
   std::vector<Entry> entries;
   for (const Entry& entry : image.Root(0).Children()) entries.push_back(entry);
   ASSERT_EQ(entries.size(), 4u);
@@ -119,12 +119,12 @@ TEST_F(ImageTest, BackwardRangesOfALongFileAgree) {
   std::string text;
   for (int64_t i = 0; text.size() < 20'000'000; ++i)
     text += "line " + std::to_string(i * 7919) + "\n";
-  std::filesystem::create_directory(m_Directory / "in");
-  test::WriteFile(m_Directory / "in/long.txt", text);
-  ImageBuilder builder(m_Path);
-  builder.AddDirectory(m_Directory / "in");
+  std::filesystem::create_directory(m_directory / "in");
+  test::WriteFile(m_directory / "in/long.txt", text);
+  ImageBuilder builder(m_path);
+  builder.AddDirectory(m_directory / "in");
   static_cast<void>(builder.Finish());
-  const Image image(m_Path);
+  const Image image(m_path);
   FileReader reader = image.OpenFile(*image.Find("long.txt"));
   for (size_t at = text.size() - 1000; at > 100'000; at -= 99'991) {
     ASSERT_EQ(Range(reader, at, 1000), text.substr(at, 1000)) << at;
@@ -181,7 +181,7 @@ TEST_F(ImageTest, SaysWhyItCannotBeOpened) {
   };
   has(std::string(7559, 'x'), "not an image: 7559 bytes");
   has(TwoFiles().Bytes(), "has no index; `capsule index` makes one");
-  const std::string whole = test::WriteIndexed(m_Path, TwoFiles());
+  const std::string whole = test::WriteIndexed(m_path, TwoFiles());
   const auto patched = [&](size_t at, std::string_view bytes) {
     return std::string(whole).replace(at, bytes.size(), bytes);
   };
@@ -195,7 +195,7 @@ TEST_F(ImageTest, SaysWhyItCannotBeOpened) {
 }
 
 TEST_F(ImageTest, ACutAtAnyLengthIsNoticed) {
-  const std::string checked = test::WriteIndexed(m_Path, TwoFiles());
+  const std::string checked = test::WriteIndexed(m_path, TwoFiles());
   const std::string unchecked = test::ReadFile(SamplePath("w_files_only.img"));
   for (const std::string& whole : {checked, unchecked}) {
     EXPECT_EQ(OpeningError(whole), "");
@@ -206,7 +206,7 @@ TEST_F(ImageTest, ACutAtAnyLengthIsNoticed) {
 }
 
 TEST_F(ImageTest, ADamagedIndexIsNoticedAndOtherDamageDoesNoHarm) {
-  std::string bytes = test::WriteIndexed(m_Path, TwoFiles());
+  std::string bytes = test::WriteIndexed(m_path, TwoFiles());
   const size_t index = test::U32At(bytes, kIndexOffsetOffset);
   const auto descriptors = OpenDescriptors();
   for (size_t at = 5500; at < bytes.size(); at += at < index ? 37 : 5) {
@@ -214,8 +214,8 @@ TEST_F(ImageTest, ADamagedIndexIsNoticedAndOtherDamageDoesNoHarm) {
     for (const int value : {0x00, 0x01, 0xFF}) {
       bytes[at] = static_cast<char>(value);
       if (bytes[at] == before) continue;
-      test::WriteFile(m_Path, bytes);
-      const std::string message = ErrorOf([&] { ReadEverything(Image(m_Path)); });
+      test::WriteFile(m_path, bytes);
+      const std::string message = ErrorOf([&] { ReadEverything(Image(m_path)); });
       // "CI1" itself may become something else: then there is no check value to compare.
       if (at >= index + 3) {
         ASSERT_NE(message, "") << at << " " << value;
@@ -243,11 +243,11 @@ TEST_F(ImageTest, RecordsMustHoldExactlyWhatTheyState) {
       {kOneData - 4, std::string_view("\0\0\1\0", 4), "cannot hold them"},
       {kOneData - 4, std::string_view("\1\0\0\0", 4), "not marked as the last record"},
   };
-  const std::string whole = test::WriteIndexed(m_Path, TwoFiles());
+  const std::string whole = test::WriteIndexed(m_path, TwoFiles());
   for (const Case& damage : cases) {
-    test::WriteFile(m_Path,
+    test::WriteFile(m_path,
                     std::string(whole).replace(damage.at, damage.bytes.size(), damage.bytes));
-    const Image image(m_Path);
+    const Image image(m_path);
     const std::string message = ErrorOf([&] { ReadAll(image, *image.Find("0:/FOLDER/ONE.BIN")); });
     EXPECT_NE(message.find(damage.message), std::string::npos) << damage.message << ": " << message;
     EXPECT_NE(message.find("0:/FOLDER/ONE.BIN: data block at 0x"), std::string::npos) << message;
@@ -262,8 +262,8 @@ TEST_F(ImageTest, CompressedRecordsMustDecodeToTheirLength) {
   const auto readingError = [&](size_t at, int flipped) {
     std::string bytes = whole;
     bytes[data + at] ^= static_cast<char>(flipped);
-    test::WriteFile(m_Path, bytes);
-    const Image image(m_Path);
+    test::WriteFile(m_path, bytes);
+    const Image image(m_path);
     return ErrorOf([&] { ReadAll(image, *image.Find("0:/DATA/C.BIN")); });
   };
   const std::string longer = readingError(3, 0x40 ^ 0x42);
@@ -285,8 +285,8 @@ TEST_F(ImageTest, DeepTreesAreOpenedAndLeftWithoutRecursion) {
   small.BeginSection();
   for (int i = 0; i < kDepth; ++i) small.Folder("D          ");
   small.EndSection();
-  test::WriteIndexed(m_Path, small);
-  const Image image(m_Path);
+  test::WriteIndexed(m_path, small);
+  const Image image(m_path);
   Entry entry = image.Root(0);
   int depth = 0;
   for (; !entry.Children().empty(); ++depth) entry = *entry.Children().begin();

@@ -60,30 +60,30 @@ test::SmallImage TwoSections() {
 
 class IndexWriterTest : public testing::Test {
  protected:
-  void Put(const std::string& bytes) const { test::WriteFile(m_Path, bytes); }
+  void Put(const std::string& bytes) const { test::WriteFile(m_path, bytes); }
   IndexReport Write(DamagedSections damaged = DamagedSections::Refuse) const {
-    return IndexWriter(m_Path).Write(damaged);
+    return IndexWriter(m_path).Write(damaged);
   }
-  std::string Saved() const { return test::ReadFile(m_Path); }
+  std::string Saved() const { return test::ReadFile(m_path); }
 
   void ExpectRefused(const std::string& bytes,
                      DamagedSections damaged = DamagedSections::Refuse) const {
     Put(bytes);
-    const auto time = std::filesystem::last_write_time(m_Path);
+    const auto time = std::filesystem::last_write_time(m_path);
     EXPECT_THROW(Write(damaged), Error);
     EXPECT_EQ(Saved() == bytes, true);
-    EXPECT_EQ(std::filesystem::last_write_time(m_Path), time);
+    EXPECT_EQ(std::filesystem::last_write_time(m_path), time);
   }
 
   // By verifying and by opening, which must say the same.
   bool IsCalledSound() const {
-    const bool isWhole = Image(m_Path).IsWhole();
-    EXPECT_EQ(Verifier(m_Path).Run([](const Fault&) {}).faults == 0, isWhole);
+    const bool isWhole = Image(m_path).IsWhole();
+    EXPECT_EQ(Verifier(m_path).Run([](const Fault&) {}).faults == 0, isWhole);
     return isWhole;
   }
 
-  test::TempDir m_Folder;
-  std::string m_Path = m_Folder / "x.cap";
+  test::TempDir m_folder;
+  std::string m_path = m_folder / "x.cap";
 };
 
 TEST_F(IndexWriterTest, WritesEveryByteAsDescribed) {
@@ -151,8 +151,8 @@ TEST_F(IndexWriterTest, DamagedImagesStayAsTheyAre) {
   Put(empty);
   EXPECT_EQ(Write().sections, 0U);
   EXPECT_EQ(Saved() == empty, true);
-  EXPECT_THROW(IndexWriter(m_Folder / "missing"), Error);
-  EXPECT_THROW(IndexWriter(m_Folder.Path()), Error);
+  EXPECT_THROW(IndexWriter(m_folder / "missing"), Error);
+  EXPECT_THROW(IndexWriter(m_folder.Path()), Error);
 }
 
 // The header tells of other sections than there are: what it does not tell of is not cut off, and
@@ -193,7 +193,7 @@ TEST_F(IndexWriterTest, ImagesThatWouldGetTooLargeStayAsTheyAre) {
   image.BeginSection();
   image.Entry("F       BIN", 0x20, 0x7F000000);
   Put(image.Bytes());
-  std::fstream file(m_Path, std::ios::in | std::ios::out | std::ios::binary);
+  std::fstream file(m_path, std::ios::in | std::ios::out | std::ios::binary);
   const auto put = [&](uint64_t at, const auto& bytes) {
     file.seekp(static_cast<std::streamoff>(at));
     file.write(std::string(bytes.begin(), bytes.end()).data(), std::ssize(bytes));
@@ -209,10 +209,10 @@ TEST_F(IndexWriterTest, ImagesThatWouldGetTooLargeStayAsTheyAre) {
   }
   put(trailer, EncodePartitionTrailer());
   file.close();
-  ASSERT_EQ(std::filesystem::file_size(m_Path), kMost - 100);
+  ASSERT_EQ(std::filesystem::file_size(m_path), kMost - 100);
   const std::string error = test::ErrorOf([&] { Write(); });
   EXPECT_NE(error.find("2147483647 are possible"), std::string::npos) << error;
-  EXPECT_EQ(std::filesystem::file_size(m_Path), kMost - 100);
+  EXPECT_EQ(std::filesystem::file_size(m_path), kMost - 100);
 }
 
 // Only data of files is damaged, or the end is missing: the rest is found through a new index.
@@ -225,10 +225,10 @@ TEST_F(IndexWriterTest, IndexesWhatIsLeft) {
     EXPECT_GE(report.problems.size(), 1u);
     EXPECT_EQ(report.problems.back().path == "end of the image", isCut);
     EXPECT_FALSE(IsCalledSound());
-    const Image indexed(m_Path);
+    const Image indexed(m_path);
     EXPECT_GE(indexed.Problems().size(), report.problems.size());
     EXPECT_EQ(Saved().substr(kHeaderSize, bytes.size() - kHeaderSize), bytes.substr(kHeaderSize));
-    test::Contents found = test::ReadContents(Image(m_Path));
+    test::Contents found = test::ReadContents(Image(m_path));
     for (const std::string& name :
          seed.Untouched(from, bytes.size() < from + 2 ? ~size_t{0} : from + 1)) {
       EXPECT_EQ(found[name] == seed.Whole().at(name), true) << name << ", " << from;
@@ -265,13 +265,13 @@ TEST_F(IndexWriterTest, IndexesWhatIsLeft) {
 
 // An index whose check value holds is better than any that damaged sections give.
 TEST_F(IndexWriterTest, NotesDamageInAnIndexThatIsRight) {
-  std::string bytes = test::WriteIndexed(m_Path, test::TwoFiles());
+  std::string bytes = test::WriteIndexed(m_path, test::TwoFiles());
   EXPECT_TRUE(IsCalledSound());
   EXPECT_TRUE(Write(DamagedSections::IndexWhatIsLeft).problems.empty());
   EXPECT_EQ(Saved(), bytes);
 
   // A note of a kind that nobody knows is kept.
-  const Image sound(m_Path);
+  const Image sound(m_path);
   const size_t start = sound.Info().indexOffset;
   const std::string unknown = Record(6, "what=ever", kHeaderSize, 9);
   bytes.insert(bytes.find("FOLDER/TWO.BIN", start) - 3, unknown);
@@ -286,7 +286,7 @@ TEST_F(IndexWriterTest, NotesDamageInAnIndexThatIsRight) {
   EXPECT_EQ(noted.substr(0, start), bytes.substr(0, start));
   EXPECT_NE(noted.find(unknown, start), std::string::npos);
   EXPECT_FALSE(IsCalledSound());
-  const Image image(m_Path);
+  const Image image(m_path);
   const auto& problems = image.Problems();
   EXPECT_TRUE(std::any_of(problems.begin(), problems.end(), [](const ImageProblem& problem) {
     return problem.path == "0:/FOLDER/ONE.BIN" &&
@@ -310,13 +310,13 @@ TEST_F(IndexWriterTest, NotesDamageInAnIndexThatIsRight) {
 TEST_F(IndexWriterTest, NotesOnTheHeaderLeaveFilesReadable) {
   Put(test::ReadFile(CAPSULE_TEST_DATA "/images/f_16384_lzs.img"));
   Write();
-  const test::Contents whole = test::ReadContents(Image(m_Path));
+  const test::Contents whole = test::ReadContents(Image(m_path));
   std::string bytes = Saved();
   bytes[kCompressionFlagOffset] = 0;
   Put(bytes);
-  EXPECT_TRUE(test::ReadContents(Image(m_Path, Opening::Salvage)) == whole);
+  EXPECT_TRUE(test::ReadContents(Image(m_path, Opening::Salvage)) == whole);
   EXPECT_FALSE(Write(DamagedSections::NoteDamage).problems.empty());
-  EXPECT_TRUE(test::ReadContents(Image(m_Path, Opening::Salvage)) == whole);
+  EXPECT_TRUE(test::ReadContents(Image(m_path, Opening::Salvage)) == whole);
 }
 
 // Whatever is written opens strictly; damage that was there is still called so.
@@ -328,7 +328,7 @@ TEST_F(IndexWriterTest, NoIndexMakesDamageLookSound) {
       SCOPED_TRACE(sample.path());
       Put(bytes);
       try {
-        const bool wasSound = Verifier(m_Path).Run([](const Fault&) {}).faults == 0;
+        const bool wasSound = Verifier(m_path).Run([](const Fault&) {}).faults == 0;
         Write(mode);
         EXPECT_EQ(IsCalledSound(), wasSound);
       } catch (const Error&) {
@@ -343,7 +343,7 @@ TEST_F(IndexWriterTest, AnIndexThatTheHeaderLostVouchesForItsFiles) {
   Put(TwoSections().Bytes());
   Write();
   const std::string whole = Saved();
-  const Image image(m_Path);
+  const Image image(m_path);
   const size_t data = image.Find("1:/G.TXT")->Offset() + kDirRecordSize + kMiniHeaderSize;
   std::string lost = whole;
   lost.replace(kIndexOffsetOffset, 4, 4, '\0');

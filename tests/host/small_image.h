@@ -21,18 +21,18 @@ class SmallImage {
  public:
   SmallImage() { AddBytes(EncodeHeader("Capsulate test", false)); }
 
-  uint32_t Size() const { return static_cast<uint32_t>(m_Bytes.size()); }
-  std::string& Bytes() { return m_Bytes; }
+  uint32_t Size() const { return static_cast<uint32_t>(m_bytes.size()); }
+  std::string& Bytes() { return m_bytes; }
 
   void BeginSection(uint8_t systemId = 0x0B) {
-    m_Bytes[kPartitionRecordsOffset + kPartitionRecordSize * m_nSections + 2] =
+    m_bytes[kPartitionRecordsOffset + kPartitionRecordSize * m_sections + 2] =
         static_cast<char>(systemId);
-    ++m_nSections;
-    SetPartitionCount(m_nSections);
+    ++m_sections;
+    SetPartitionCount(m_sections);
     AddBytes(EncodePartitionHeader());
   }
   void SetPartitionCount(uint32_t count) {
-    m_Bytes[kPartitionCountOffset] = static_cast<char>(count);
+    m_bytes[kPartitionCountOffset] = static_cast<char>(count);
   }
   void EndSection() { AddBytes(EncodePartitionTrailer()); }
   void Close(int levels = 1) {
@@ -76,16 +76,16 @@ class SmallImage {
   }
   void Data(uint16_t length, bool last) {
     AddBytes(EncodeMiniHeader({kRecordDataBlock, static_cast<uint8_t>(last ? 1 : 0), 0, length}));
-    m_Bytes.append(length, 'd');
+    m_bytes.append(length, 'd');
   }
 
  private:
   void AddBytes(std::span<const unsigned char> bytes) {
-    m_Bytes.insert(m_Bytes.end(), bytes.begin(), bytes.end());
+    m_bytes.insert(m_bytes.end(), bytes.begin(), bytes.end());
   }
 
-  std::string m_Bytes;
-  uint32_t m_nSections = 0;
+  std::string m_bytes;
+  uint32_t m_sections = 0;
 };
 
 // One folder with a file of 700 bytes in two records, and one with 10 bytes.

@@ -19,52 +19,52 @@ namespace fs = std::filesystem;
 class StrictReading : public testing::Test {
  protected:
   StrictReading() {
-    fs::create_directories(m_Dir / "in/folder/below");
+    fs::create_directories(m_dir / "in/folder/below");
     std::mt19937 random(5);
     std::string noise(40000, '\0');
     for (char& c : noise) c = static_cast<char>(random());
-    test::WriteFile(m_Dir / "in/noise.zip", noise);
-    test::WriteFile(m_Dir / "in/empty", "");
-    test::WriteFile(m_Dir / "in/folder/a long name", "text");
-    test::WriteFile(m_Dir / "in/folder/below/deep", "text");
-    ImageBuilder builder(m_Path, {});
-    builder.AddDirectory(m_Dir / "in");
+    test::WriteFile(m_dir / "in/noise.zip", noise);
+    test::WriteFile(m_dir / "in/empty", "");
+    test::WriteFile(m_dir / "in/folder/a long name", "text");
+    test::WriteFile(m_dir / "in/folder/below/deep", "text");
+    ImageBuilder builder(m_path, {});
+    builder.AddDirectory(m_dir / "in");
     static_cast<void>(builder.Finish());
-    m_Whole = test::ReadFile(m_Path);
+    m_whole = test::ReadFile(m_path);
   }
 
   uint32_t OffsetOf(const char* path) const {
-    const Image image(m_Path);
+    const Image image(m_path);
     return image.Find(path)->Offset();
   }
 
   // Flips bits of one byte.
   void Damage(size_t offset, int change = 0x40) const {
-    std::string bytes = m_Whole;
+    std::string bytes = m_whole;
     bytes.at(offset) = static_cast<char>(bytes[offset] ^ change);
-    test::WriteFile(m_Path, bytes);
+    test::WriteFile(m_path, bytes);
   }
 
-  test::TempDir m_Dir;
-  std::string m_Path = m_Dir / "x.cap";
-  std::string m_Whole;
+  test::TempDir m_dir;
+  std::string m_path = m_dir / "x.cap";
+  std::string m_whole;
 };
 
 TEST_F(StrictReading, ContentsThatAreNotWhatTheIndexTellsAreNotExtracted) {
-  std::string damaged = m_Whole;
+  std::string damaged = m_whole;
   damaged.at(OffsetOf("noise.zip") + 20000) ^= 0x40;  // stored plainly
   // The creation time in the last record of its group.
   damaged.at(damaged.rfind("EMPTY", OffsetOf("empty") + 200) + 14) ^= 1;
-  test::WriteFile(m_Path, damaged);
-  fs::create_directories(m_Dir / "out");
-  const Image image(m_Path);
-  const ExtractReport report = Extractor(image, m_Dir / "out").Run();
+  test::WriteFile(m_path, damaged);
+  fs::create_directories(m_dir / "out");
+  const Image image(m_path);
+  const ExtractReport report = Extractor(image, m_dir / "out").Run();
   ASSERT_EQ(report.problems.size(), 2U);
   for (const ExtractProblem& problem : report.problems) {
     EXPECT_TRUE(problem.path == "0:/noise.zip" || problem.path == "0:/empty");
     EXPECT_NE(problem.reason.find("check value of the item at 0x"), std::string::npos)
         << problem.reason;
-    EXPECT_FALSE(fs::exists(m_Dir.Path() / "out" / problem.path.substr(3)));
+    EXPECT_FALSE(fs::exists(m_dir.Path() / "out" / problem.path.substr(3)));
   }
   EXPECT_EQ(report.files, 2U);
 
@@ -83,26 +83,26 @@ TEST_F(StrictReading, ItemsThatMovedToAnotherPathAreReported) {
   const uint32_t folder = OffsetOf("folder");
   const uint32_t file = OffsetOf("folder/a long name");
   Damage(file + 8 + 1);
-  const Image image(m_Path);
+  const Image image(m_path);
   ASSERT_EQ(image.Problems().size(), 1U);
   EXPECT_NE(image.Problems()[0].reason.find("the index tells another"), std::string::npos);
   EXPECT_TRUE(image.Find("folder/below/deep"));
 
   // That of a folder: what lies in it is where it belongs.
   Damage(folder + 8 + 1);
-  const Image renamed(m_Path);
+  const Image renamed(m_path);
   EXPECT_EQ(renamed.Problems().size(), 1U);
 
   // The "." becomes a 0, its group a zero entry: the folder ends before its contents.
-  Damage(m_Whole.find(std::string(".          \x10"), folder), '.');
-  const std::string error = test::ErrorOf([&] { Image{m_Path}; });
+  Damage(m_whole.find(std::string(".          \x10"), folder), '.');
+  const std::string error = test::ErrorOf([&] { Image{m_path}; });
   EXPECT_NE(error.find("an item of another folder"), std::string::npos) << error;
 }
 
 TEST_F(StrictReading, ADamagedCompressionFlagChangesNoFile) {
-  ASSERT_EQ(m_Whole.at(kCompressionFlagOffset), 1);
+  ASSERT_EQ(m_whole.at(kCompressionFlagOffset), 1);
   Damage(kCompressionFlagOffset, 1);
-  const Image image(m_Path);
+  const Image image(m_path);
   EXPECT_EQ(image.Problems().size(), 1U);
   EXPECT_EQ(test::ReadContents(image).at("0:/folder/a long name"), "text");
 }

@@ -90,19 +90,19 @@ class VerifierTest : public testing::Test {
   static constexpr uint32_t kIndex = kTrailer + 1544;
 
   std::vector<Fault> Patched(std::string bytes, size_t at, std::string_view patch) {
-    test::WriteFile(m_Path, bytes.replace(at, patch.size(), patch));
-    return FaultsOf(m_Path);
+    test::WriteFile(m_path, bytes.replace(at, patch.size(), patch));
+    return FaultsOf(m_path);
   }
 
-  test::TempDir m_Directory;
-  std::string m_Path = m_Directory / "i";
-  const std::string m_Bare = test::TwoFiles().Bytes();
-  const std::string m_Whole = test::WriteIndexed(m_Path, test::TwoFiles());  // with an index
+  test::TempDir m_directory;
+  std::string m_path = m_directory / "i";
+  const std::string m_bare = test::TwoFiles().Bytes();
+  const std::string m_whole = test::WriteIndexed(m_path, test::TwoFiles());  // with an index
 };
 
 TEST_F(VerifierTest, CleanImagesAreCleanAndAccountedForToTheLastByte) {
-  std::vector<std::string> paths{m_Path, m_Directory / "bare"};
-  test::WriteFile(paths[1], m_Bare);
+  std::vector<std::string> paths{m_path, m_directory / "bare"};
+  test::WriteFile(paths[1], m_bare);
   for (const char* sample : kSamples) paths.push_back(SamplePath(sample));
   for (const std::string& path : paths) {
     EXPECT_EQ(Spelled(FaultsOf(path)), "") << path;
@@ -110,7 +110,7 @@ TEST_F(VerifierTest, CleanImagesAreCleanAndAccountedForToTheLastByte) {
     EXPECT_EQ(map.accountedBytes, map.fileBytes) << path;
     EXPECT_EQ(map.problems, 0u) << path;
   }
-  EXPECT_EQ(Verifier(m_Path).Run([](const Fault&) {}).bytes, 710u);
+  EXPECT_EQ(Verifier(m_path).Run([](const Fault&) {}).bytes, 710u);
 }
 
 // Without check values: structure and content alone show where the damage is.
@@ -143,11 +143,11 @@ TEST_F(VerifierTest, EachKindOfDamageIsNamedByOffsetAndFile) {
   };
   for (const Case& damage : cases) {
     SCOPED_TRACE(std::to_string(damage.at) + " " + damage.reason);
-    const auto faults = Patched(m_Bare, damage.at, damage.patch);
+    const auto faults = Patched(m_bare, damage.at, damage.patch);
     ExpectFault(faults, damage.offset, damage.path, damage.reason);
-    ExpectWholeMap(m_Path);
+    ExpectWholeMap(m_path);
   }
-  std::string both = m_Bare;  // a fault does not hide the next
+  std::string both = m_bare;  // a fault does not hide the next
   both[kOneData] = 9;
   const auto faults = Patched(both, kTwoData + 1, "\2");
   ExpectFault(faults, kOneData, one, "no record begins here");
@@ -155,22 +155,22 @@ TEST_F(VerifierTest, EachKindOfDamageIsNamedByOffsetAndFile) {
 }
 
 TEST_F(VerifierTest, CheckValuesShowWhatStructureDoesNot) {
-  const auto content = Patched(m_Whole, kOneData + 20, "x");
+  const auto content = Patched(m_whole, kOneData + 20, "x");
   ExpectFault(content, kOne, "0:/FOLDER/ONE.BIN", "check value of the item");
   ExpectFault(content, kSection, "", "check value of the section");
   EXPECT_EQ(content.size(), 2u) << Spelled(content);
-  const auto header = Patched(m_Whole, 300, "x");
+  const auto header = Patched(m_whole, 300, "x");
   ExpectFault(header, 0, "", "check value of the header");
   EXPECT_EQ(header.size(), 1u) << Spelled(header);
-  const auto label = Patched(m_Whole, m_Whole.find("FOLDER/TWO.BIN", kIndex), "f");
+  const auto label = Patched(m_whole, m_whole.find("FOLDER/TWO.BIN", kIndex), "f");
   ExpectFault(label, kIndex, "", "check value of the index");
-  ExpectFault(Patched(m_Whole, kIndex, "x"), kIndex + 7, "", "has check values, but none of its");
-  EXPECT_FALSE(Patched(m_Whole, m_Whole.size(), "x").empty());
-  for (size_t at = 0; at < m_Whole.size(); at += at < kIndex ? 41 : 3) {
+  ExpectFault(Patched(m_whole, kIndex, "x"), kIndex + 7, "", "has check values, but none of its");
+  EXPECT_FALSE(Patched(m_whole, m_whole.size(), "x").empty());
+  for (size_t at = 0; at < m_whole.size(); at += at < kIndex ? 41 : 3) {
     if (at >= kTrailer + 8 && at < kIndex - 40) continue;  // opaque, without a check value
-    const char other[] = {static_cast<char>(m_Whole[at] ^ 0x55)};
+    const char other[] = {static_cast<char>(m_whole[at] ^ 0x55)};
     try {
-      EXPECT_FALSE(Patched(m_Whole, at, {other, 1}).empty()) << at;
+      EXPECT_FALSE(Patched(m_whole, at, {other, 1}).empty()) << at;
     } catch (const Error&) {  // not an image any more
       EXPECT_LT(at, 7560u);
     }
@@ -179,8 +179,8 @@ TEST_F(VerifierTest, CheckValuesShowWhatStructureDoesNot) {
 
 TEST_F(VerifierTest, AnIndexMustNameWhatIsThereAndAllOfIt) {
   // The record of TWO.BIN, which then names its data.
-  const size_t record = m_Whole.find("FOLDER/TWO.BIN", kIndex) + 14;
-  const auto faults = Patched(m_Whole, record, test::Hex("F0"));
+  const size_t record = m_whole.find("FOLDER/TWO.BIN", kIndex) + 14;
+  const auto faults = Patched(m_whole, record, test::Hex("F0"));
   ExpectFault(faults, kTwo, "0:/FOLDER/TWO.BIN", "the index does not name what begins here");
   ExpectFault(faults, record - 17, "0:/FOLDER/TWO.BIN", "where no item begins");
 }
@@ -246,11 +246,11 @@ TEST_F(VerifierTest, TruncatedAndDamagedImagesAreMappedToTheLastByte) {
       } else {
         for (int k = 0; k < 20; ++k) bytes[random() % whole.size()] ^= static_cast<char>(random());
       }
-      test::WriteFile(m_Path, bytes);
+      test::WriteFile(m_path, bytes);
       SCOPED_TRACE(std::string(sample) + " " + std::to_string(i));
-      ExpectWholeMap(m_Path);
+      ExpectWholeMap(m_path);
       try {
-        const auto faults = FaultsOf(m_Path);
+        const auto faults = FaultsOf(m_path);
         EXPECT_TRUE(i % 2 == 1 || !faults.empty());
       } catch (const Error&) {  // not an image any more
       }

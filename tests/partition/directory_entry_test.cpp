@@ -24,7 +24,7 @@ class DirectoryEntryTest : public testing::Test {
  protected:
   // The records that an entry for `path` is written as, zero entries included.
   std::string Written(const char* path, CapsuleDirectoryEntry::DirectoryType type = kFat32) {
-    const std::string target = m_Tree.Beside("records");
+    const std::string target = m_tree.Beside("records");
     std::filesystem::remove(target);
     const platform::ScopedDescriptor image(platform::OpenForWriting(target.c_str()));
     CapsuleDirectoryEntry entry;
@@ -38,7 +38,7 @@ class DirectoryEntryTest : public testing::Test {
 
   // Result of reading `bytes`, which stand at offset 100 of an image.
   int Read(CapsuleDirectoryEntry& entry, const std::string& bytes, int* count) {
-    const std::string image = m_Tree.Beside("image");
+    const std::string image = m_tree.Beside("image");
     test::WriteFile(image, Zeros(100) + bytes);
     const platform::ScopedDescriptor file(platform::OpenForReading(image.c_str()));
     return entry.Read(kFat32, file.Get(), 100, count);
@@ -58,11 +58,11 @@ class DirectoryEntryTest : public testing::Test {
     return LongNameToBytes({test::Unsigned(units), units.size()});
   }
 
-  test::SourceTree m_Tree;
+  test::SourceTree m_tree;
 };
 
 TEST_F(DirectoryEntryTest, NamesComeBackAsTheyWere) {
-  m_Tree.State().hostView.SetAliasPolicy(platform::AliasPolicy::Exact);
+  m_tree.State().hostView.SetAliasPolicy(platform::AliasPolicy::Exact);
   std::vector<std::string> names = {
       "Makefile",      "README",     ".gitignore",  ".a.b",     "a..b",  "MIX.txt",
       "x+y[1].tar.gz", "with blank", "caf\xC3\xA9", "\xFF\x80", "noext", "A",
@@ -70,7 +70,7 @@ TEST_F(DirectoryEntryTest, NamesComeBackAsTheyWere) {
   for (const size_t length : {1U, 8U, 12U, 13U, 14U, 26U, 27U, 255U}) {
     names.push_back(std::string(length - 1, 'n') + "z");
   }
-  for (const std::string& name : names) m_Tree.AddFile(name, "");
+  for (const std::string& name : names) m_tree.AddFile(name, "");
   for (const std::string& name : names) {
     const std::string bytes = Written(test::SourceTree::Inserted(name).c_str());
     EXPECT_EQ(NameReadFrom(bytes), name);
@@ -90,8 +90,8 @@ TEST_F(DirectoryEntryTest, NamesComeBackAsTheyWere) {
 }
 
 TEST_F(DirectoryEntryTest, ALastPieceIsTerminatedAndPaddedUnlessFull) {
-  m_Tree.AddFile("thirteen.char", "");
-  m_Tree.AddFile("fourteen.chars", "");
+  m_tree.AddFile("thirteen.char", "");
+  m_tree.AddFile("fourteen.chars", "");
   const std::string thirteen = Written("C:\\thirteen.char");
   EXPECT_EQ(thirteen.substr(8, 11), Hex("41 74 00 68 00 69 00 72 00 74 00"));
   EXPECT_EQ(thirteen.substr(36, 4), Hex("61 00 72 00"));
@@ -101,9 +101,9 @@ TEST_F(DirectoryEntryTest, ALastPieceIsTerminatedAndPaddedUnlessFull) {
 }
 
 TEST_F(DirectoryEntryTest, ShortEntriesHoldWhatTheFinderTells) {
-  m_Tree.AddFile("readme.txt", "12345");
-  m_Tree.AddDirectory("dir.d");
-  for (const char* name : {"readme.txt", "dir.d"}) m_Tree.SetTime(name, 981173106);
+  m_tree.AddFile("readme.txt", "12345");
+  m_tree.AddDirectory("dir.d");
+  for (const char* name : {"readme.txt", "dir.d"}) m_tree.SetTime(name, 981173106);
   EXPECT_EQ(Written("C:\\readme.txt"),
             kHeader + "README  TXT" +
                 Hex("20 00 06 A3 20 43 2A 43 2A 0A 00 A3 20 43 2A 0A 00 05 00 00 00"));
@@ -118,21 +118,21 @@ TEST_F(DirectoryEntryTest, ShortEntriesHoldWhatTheFinderTells) {
 }
 
 TEST_F(DirectoryEntryTest, PendingZeroEntriesComeFirst) {
-  m_Tree.AddFile("F", "");
-  m_Tree.State().dirLevelsToClose = 2;
+  m_tree.AddFile("F", "");
+  m_tree.State().dirLevelsToClose = 2;
   const std::string bytes = Written("C:\\F");
   EXPECT_EQ(bytes.substr(0, 80), kHeader + Zeros(32) + kHeader + Zeros(32));
   EXPECT_EQ(bytes.size(), 120U);
-  EXPECT_EQ(m_Tree.State().dirLevelsToClose, 0);
+  EXPECT_EQ(m_tree.State().dirLevelsToClose, 0);
   EXPECT_EQ(Written("C:\\F"), bytes.substr(80));
 
   const platform::ScopedDescriptor full(platform::OpenForWriting("/dev/full"));
   CapsuleDirectoryEntry entry;
   int count = 0;
   EXPECT_EQ(entry.SetFileDirectory(kFat32, "C:\\missing", full.Get(), 0, &count), -1);
-  m_Tree.State().dirLevelsToClose = 2;
+  m_tree.State().dirLevelsToClose = 2;
   EXPECT_EQ(entry.SetFileDirectory(kFat32, "C:\\F", full.Get(), 0, &count), -1);
-  EXPECT_EQ(m_Tree.State().dirLevelsToClose, 2);
+  EXPECT_EQ(m_tree.State().dirLevelsToClose, 2);
 }
 
 TEST_F(DirectoryEntryTest, DamagedChainsFail) {

@@ -31,17 +31,17 @@ class PartitionReadTest : public testing::Test {
   // Opens the image that `maker` lays out; what ReadImage gives.
   int Open(ImageMaker& maker) { return OpenBytes(maker.Finish()); }
   int OpenBytes(const std::string& bytes) {
-    std::filesystem::remove(m_Dir / "image");  // some file systems flush what is written over
-    test::WriteFile(m_Dir / "image", bytes);
-    m_pImage = std::make_unique<OpenImage>(m_Dir / "image");
-    return m_pImage->Read();
+    std::filesystem::remove(m_dir / "image");  // some file systems flush what is written over
+    test::WriteFile(m_dir / "image", bytes);
+    m_image = std::make_unique<OpenImage>(m_dir / "image");
+    return m_image->Read();
   }
   std::string OutlineOf(int partition) {
-    return Outline(m_pImage->Partition(partition)->GetFileBlocks());
+    return Outline(m_image->Partition(partition)->GetFileBlocks());
   }
 
-  test::TempDir m_Dir;
-  std::unique_ptr<OpenImage> m_pImage;
+  test::TempDir m_dir;
+  std::unique_ptr<OpenImage> m_image;
 };
 
 // A section as outlined: "D(" is a directory with its dots, ")" a zero entry, other letters are
@@ -85,7 +85,7 @@ TEST_F(PartitionReadTest, DirectoriesNestedAHundredThousandDeepOpenAndClose) {
   for (int i = 0; i < kDepth; ++i) maker.Directory("D          ");
   maker.EndSection();
   ASSERT_EQ(Open(maker), 0);
-  CapsuleFileBlock* block = BlockAt(m_pImage->Partition(0)->GetFileBlocks(), 0);
+  CapsuleFileBlock* block = BlockAt(m_image->Partition(0)->GetFileBlocks(), 0);
   int depth = 0;
   for (; block != nullptr; block = BlockAt(block->FileList(), 0)) ++depth;
   EXPECT_EQ(depth, kDepth);
@@ -112,7 +112,7 @@ TEST_F(PartitionReadTest, RepeatedRecordsCostWhatTheIndexCosts) {
   auto& records = maker.IndexRecords();
   records.insert(records.begin() + 1, 50'000, records[1]);
   ASSERT_EQ(Open(maker), 0);
-  EXPECT_EQ(m_pImage->Partition(0)->GetFileBlocks().GetCount(), 50'001);
+  EXPECT_EQ(m_image->Partition(0)->GetFileBlocks().GetCount(), 50'001);
 }
 
 TEST_F(PartitionReadTest, DirectoriesAreListedByTheirShortTexts) {
@@ -121,7 +121,7 @@ TEST_F(PartitionReadTest, DirectoriesAreListedByTheirShortTexts) {
   ASSERT_EQ(Open(maker), 0);
   const auto list = [&](const char* path) {
     std::string text;
-    const _DirectoryEntry* entry = m_pImage->File().GetDirectory(path);
+    const _DirectoryEntry* entry = m_image->File().GetDirectory(path);
     for (; entry != nullptr; entry = entry->Next) text += entry->Owner->ShortName() + "|";
     return text;
   };
@@ -142,8 +142,8 @@ TEST_F(PartitionReadTest, ARunOfDataRecordsIsSkipped) {
   maker.EndSection();
   ASSERT_EQ(Open(maker), 0);
   int position = 0;
-  CapsulePartition* partition = m_pImage->Partition(0);
-  EXPECT_EQ(partition->ReadDataBlocks(m_pImage->Descriptor(), begin, &position), 0);
+  CapsulePartition* partition = m_image->Partition(0);
+  EXPECT_EQ(partition->ReadDataBlocks(m_image->Descriptor(), begin, &position), 0);
   EXPECT_EQ(position, end);
 }
 
@@ -175,14 +175,14 @@ TEST_F(PartitionReadTest, CutImagesGiveNothingWrong) {
       continue;
     }
     ASSERT_EQ(result, 0) << size;
-    CapsuleFileBlock& block = *BlockAt(m_pImage->Partition(0)->GetFileBlocks(), 0);
-    EXPECT_EQ(test::ExtractAll(m_pImage->File(), block), size == whole.size() ? content : "failed");
+    CapsuleFileBlock& block = *BlockAt(m_image->Partition(0)->GetFileBlocks(), 0);
+    EXPECT_EQ(test::ExtractAll(m_image->File(), block), size == whole.size() ? content : "failed");
     const bool firstRecord = size >= record + kDirRecordSize + 8 + 8192;
-    EXPECT_EQ(test::Extract(m_pImage->File(), block, 100, 5000),
+    EXPECT_EQ(test::Extract(m_image->File(), block, 100, 5000),
               firstRecord ? content.substr(100, 5000) : "failed");
     const bool inPayload = size >= record + kDirRecordSize + 8 && size != whole.size() &&
                            (!firstRecord || size >= whole.size() - 1024);
-    EXPECT_NE(block.ReadDataBlocks(m_pImage->Descriptor(), block.GetDUPDATAOffset()), inPayload)
+    EXPECT_NE(block.ReadDataBlocks(m_image->Descriptor(), block.GetDUPDATAOffset()), inPayload)
         << size;
   }
 }
@@ -201,10 +201,10 @@ TEST_F(PartitionReadTest, DamagedImagesAreReadOrRefused) {
       damaged[at] = static_cast<char>(value);
       if (OpenBytes(damaged) != 0) continue;
       ++read;
-      for (int i = 0; CapsulePartition* partition = m_pImage->Partition(i); ++i) {
+      for (int i = 0; CapsulePartition* partition = m_image->Partition(i); ++i) {
         test::ForEachBlock(partition->GetFileBlocks(), [&](CapsuleFileBlock& block) {
           if (block.GetDirectoryEntry().IsDirectory() != 0) return;
-          const std::string content = test::ExtractAll(m_pImage->File(), block);
+          const std::string content = test::ExtractAll(m_image->File(), block);
           if (content == "failed") return;
           EXPECT_EQ(content.size(), block.GetDirectoryEntry().FileSize());
         });

@@ -16,23 +16,23 @@ using test::WriteFile;
 class HostViewTest : public testing::Test {
  protected:
   HostViewTest() {
-    std::filesystem::create_directories(m_Dir / "root/dir/.hidden");
-    WriteFile(m_Dir / "secret", "outside");
-    WriteFile(m_Dir / "root/dir/file name.txt", "12345");
-    m_View.SetRoot('0', m_Dir / "root/");
+    std::filesystem::create_directories(m_dir / "root/dir/.hidden");
+    WriteFile(m_dir / "secret", "outside");
+    WriteFile(m_dir / "root/dir/file name.txt", "12345");
+    m_view.SetRoot('0', m_dir / "root/");
   }
 
   uint32_t AttributesOf(std::string_view path) const {
-    const auto found = m_View.Find(path);
+    const auto found = m_view.Find(path);
     return found ? found->attributes : 0xFFFFFFFF;
   }
 
-  test::TempDir m_Dir;
-  HostView m_View;
+  test::TempDir m_dir;
+  HostView m_view;
 };
 
 TEST_F(HostViewTest, RootsStandForDirectories) {
-  const std::string root = m_Dir / "root";
+  const std::string root = m_dir / "root";
   const std::vector<std::pair<std::string, std::string>> cases = {
       {"0:", root},
       {"0:\\", root + "/"},
@@ -50,21 +50,21 @@ TEST_F(HostViewTest, RootsStandForDirectories) {
       {"/abs\\..\\x", "/abs/../x"},
       {"", ""},
   };
-  for (const auto& [path, resolved] : cases) EXPECT_EQ(m_View.Resolve(path), resolved) << path;
+  for (const auto& [path, resolved] : cases) EXPECT_EQ(m_view.Resolve(path), resolved) << path;
 
   for (const std::string path : {"1:\\a", "C:\\a", "::a"})
-    EXPECT_FALSE(m_View.Resolve(path)) << path;
-  EXPECT_FALSE(m_View.Resolve(std::string("0:\\dir\0x", 8)));
-  m_View.SetRoot('c', "/");
-  EXPECT_EQ(m_View.Resolve("c:\\testdump.txt"), "/testdump.txt");
-  EXPECT_FALSE(m_View.Resolve("C:\\testdump.txt")) << "letters are compared exactly";
+    EXPECT_FALSE(m_view.Resolve(path)) << path;
+  EXPECT_FALSE(m_view.Resolve(std::string("0:\\dir\0x", 8)));
+  m_view.SetRoot('c', "/");
+  EXPECT_EQ(m_view.Resolve("c:\\testdump.txt"), "/testdump.txt");
+  EXPECT_FALSE(m_view.Resolve("C:\\testdump.txt")) << "letters are compared exactly";
 }
 
 TEST_F(HostViewTest, AttributesAreThoseOfDos) {
-  WriteFile(m_Dir / "root/.dot", "");
-  WriteFile(m_Dir / "root/locked", "");
-  ASSERT_EQ(::chmod((m_Dir / "root/locked").c_str(), 0444), 0);
-  ASSERT_EQ(::symlink("dir", (m_Dir / "root/.link").c_str()), 0);
+  WriteFile(m_dir / "root/.dot", "");
+  WriteFile(m_dir / "root/locked", "");
+  ASSERT_EQ(::chmod((m_dir / "root/locked").c_str(), 0444), 0);
+  ASSERT_EQ(::symlink("dir", (m_dir / "root/.link").c_str()), 0);
   EXPECT_EQ(AttributesOf("0:\\dir\\file name.txt"), 0x20U);
   EXPECT_EQ(AttributesOf("0:\\.dot"), 0x22U);
   EXPECT_EQ(AttributesOf("0:\\locked"), 0x21U);
@@ -77,16 +77,16 @@ TEST_F(HostViewTest, AttributesAreThoseOfDos) {
   }
   for (const char* missing : {"0:\\none", "1:\\dir", "0:\\secret", "0:\\..\\secret", "",
                               "0:\\dir\\file name.txt\\", "0:\\dir\\file name.txt\\x"}) {
-    EXPECT_FALSE(m_View.Find(missing)) << missing;
+    EXPECT_FALSE(m_view.Find(missing)) << missing;
   }
 }
 
 TEST_F(HostViewTest, TimesFollowThePolicyAndTheCap) {
-  const std::string path = m_Dir / "root/dir/file name.txt";
+  const std::string path = m_dir / "root/dir/file name.txt";
   const timespec times[2] = {{1000000001, 500}, {1100000001, 123456789}};
   ASSERT_EQ(::utimensat(AT_FDCWD, path.c_str(), times, 0), 0);
   const FileTime modified = FileTimeFromUnix(1100000001, 123456789);
-  auto found = m_View.Find("0:\\dir\\file name.txt");
+  auto found = m_view.Find("0:\\dir\\file name.txt");
   EXPECT_EQ(found->lastWriteTime, modified);
   EXPECT_EQ(found->lastAccessTime, FileTimeFromUnix(1000000001, 500));
   struct statx status {};
@@ -95,41 +95,41 @@ TEST_F(HostViewTest, TimesFollowThePolicyAndTheCap) {
   EXPECT_EQ(found->creationTime,
             born ? FileTimeFromUnix(status.stx_btime.tv_sec, status.stx_btime.tv_nsec) : modified);
 
-  m_View.CapTimes(1100000001);
-  EXPECT_EQ(m_View.Find("0:\\dir\\file name.txt")->lastWriteTime, FileTimeFromUnix(1100000001, 0));
-  m_View.SetTimePolicy(TimePolicy::ModificationOnly);
-  m_View.CapTimes(1050000000);
-  found = m_View.Find("0:\\dir\\file name.txt");
+  m_view.CapTimes(1100000001);
+  EXPECT_EQ(m_view.Find("0:\\dir\\file name.txt")->lastWriteTime, FileTimeFromUnix(1100000001, 0));
+  m_view.SetTimePolicy(TimePolicy::ModificationOnly);
+  m_view.CapTimes(1050000000);
+  found = m_view.Find("0:\\dir\\file name.txt");
   for (const FileTime time : {found->creationTime, found->lastAccessTime, found->lastWriteTime}) {
     EXPECT_EQ(time, FileTimeFromUnix(1050000000, 0));
   }
 }
 
 TEST_F(HostViewTest, ShortPathsReplaceTheLastComponentAlone) {
-  EXPECT_EQ(m_View.ShortPath("0:\\dir\\file name.txt"), "0:\\dir\\FILE_N~1.TXT");
-  EXPECT_EQ(m_View.ShortPath("0:/dir/.hidden"), "0:/dir/_HIDDE~1");
-  EXPECT_EQ(m_View.ShortPath("0:dir"), "0:DIR");
-  EXPECT_EQ(m_View.ShortPath("0:\\dir\\..\\dir"), "0:\\dir\\..\\DIR");
+  EXPECT_EQ(m_view.ShortPath("0:\\dir\\file name.txt"), "0:\\dir\\FILE_N~1.TXT");
+  EXPECT_EQ(m_view.ShortPath("0:/dir/.hidden"), "0:/dir/_HIDDE~1");
+  EXPECT_EQ(m_view.ShortPath("0:dir"), "0:DIR");
+  EXPECT_EQ(m_view.ShortPath("0:\\dir\\..\\dir"), "0:\\dir\\..\\DIR");
   for (const char* same : {"0:", "0:\\", "0:\\dir\\.", "0:\\dir\\..", "0:\\dir\\"}) {
-    EXPECT_EQ(m_View.ShortPath(same), same);
+    EXPECT_EQ(m_view.ShortPath(same), same);
   }
   for (const char* missing : {"0:\\DIR", "0:\\none", "0:\\none\\x", "0:\\none\\.", "1:\\dir", ""}) {
-    EXPECT_FALSE(m_View.ShortPath(missing)) << missing;
+    EXPECT_FALSE(m_view.ShortPath(missing)) << missing;
   }
-  m_View.SetAliasPolicy(AliasPolicy::Exact);
-  EXPECT_EQ(m_View.ShortPath("0:\\dir"), "0:\\DIR~1");
+  m_view.SetAliasPolicy(AliasPolicy::Exact);
+  EXPECT_EQ(m_view.ShortPath("0:\\dir"), "0:\\DIR~1");
 
   const std::string before = std::filesystem::current_path();
-  std::filesystem::current_path(m_Dir.Path());
-  EXPECT_EQ(m_View.ShortPath("secret"), "SECRET~1");
-  EXPECT_EQ(m_View.ShortPath("root\\dir"), "root\\DIR~1");
-  EXPECT_EQ(m_View.ShortPath(m_Dir / "secret"), m_Dir / "SECRET~1");
+  std::filesystem::current_path(m_dir.Path());
+  EXPECT_EQ(m_view.ShortPath("secret"), "SECRET~1");
+  EXPECT_EQ(m_view.ShortPath("root\\dir"), "root\\DIR~1");
+  EXPECT_EQ(m_view.ShortPath(m_dir / "secret"), m_dir / "SECRET~1");
   std::filesystem::current_path(before);
 }
 
 // Listing the directory for every name would take longer than a test is given.
 TEST_F(HostViewTest, AHundredThousandLookUpsInOneDirectoryCostLinearTime) {
-  const std::string big = m_Dir / "root/big";
+  const std::string big = m_dir / "root/big";
   std::filesystem::create_directory(big);
   for (int i = 0; i < 100000; ++i) {
     const int descriptor =
@@ -138,7 +138,7 @@ TEST_F(HostViewTest, AHundredThousandLookUpsInOneDirectoryCostLinearTime) {
     ::close(descriptor);
   }
   for (int i = 0; i < 100000; ++i) {
-    ASSERT_TRUE(m_View.ShortPath("0:\\big\\sharedname " + std::to_string(i)));
+    ASSERT_TRUE(m_view.ShortPath("0:\\big\\sharedname " + std::to_string(i)));
   }
 }
 

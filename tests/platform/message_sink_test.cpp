@@ -15,27 +15,27 @@ namespace {
 // Standard error is a pipe.
 class MessageSinkTest : public testing::Test {
  protected:
-  MessageSinkTest() : m_nSaved(::dup(STDERR_FILENO)) {
-    if (::pipe2(m_nEnds, O_NONBLOCK) != 0) ADD_FAILURE();
-    ::fcntl(m_nEnds[1], F_SETFL, 0);  // a write that should block does
-    ::dup2(m_nEnds[1], STDERR_FILENO);
+  MessageSinkTest() : m_saved(::dup(STDERR_FILENO)) {
+    if (::pipe2(m_ends, O_NONBLOCK) != 0) ADD_FAILURE();
+    ::fcntl(m_ends[1], F_SETFL, 0);  // a write that should block does
+    ::dup2(m_ends[1], STDERR_FILENO);
   }
   ~MessageSinkTest() override {
-    ::dup2(m_nSaved, STDERR_FILENO);
-    for (const int descriptor : {m_nSaved, m_nEnds[0], m_nEnds[1]}) ::close(descriptor);
+    ::dup2(m_saved, STDERR_FILENO);
+    for (const int descriptor : {m_saved, m_ends[0], m_ends[1]}) ::close(descriptor);
   }
 
   std::string Take() {
     std::string text(1 << 20, '\0');
-    const ssize_t taken = ::read(m_nEnds[0], text.data(), text.size());
+    const ssize_t taken = ::read(m_ends[0], text.data(), text.size());
     text.resize(taken < 0 ? 0 : static_cast<size_t>(taken));
     return text;
   }
-  void CloseReader() { ::close(std::exchange(m_nEnds[0], -1)); }
+  void CloseReader() { ::close(std::exchange(m_ends[0], -1)); }
 
  private:
-  int m_nSaved;
-  int m_nEnds[2] = {-1, -1};
+  int m_saved;
+  int m_ends[2] = {-1, -1};
 };
 
 TEST_F(MessageSinkTest, TheDefaultWritesOneLineUnlessAHostsSinkTakesIt) {

@@ -25,14 +25,14 @@ class DebugTracerTest : public testing::Test {
 
   void SetVariable(const std::string& path) const {
     ::setenv("CAPSULE_TEST", path.c_str(), 1);
-    ::setenv("CAPSULE_TEST_TOFILE", (m_Dir / "second").c_str(), 1);
+    ::setenv("CAPSULE_TEST_TOFILE", (m_dir / "second").c_str(), 1);
   }
 
-  const TempDir m_Dir;
+  const TempDir m_dir;
 };
 
 TEST_F(DebugTracerTest, WritesEachTextAtOnceAndUnchanged) {
-  const std::string path = m_Dir / "t";
+  const std::string path = m_dir / "t";
   WriteFile(path, "what an earlier run left");
   SetVariable(path);
   std::string written = kBegin + "100% %s%n 7 \n";
@@ -45,21 +45,21 @@ TEST_F(DebugTracerTest, WritesEachTextAtOnceAndUnchanged) {
     tracer.Trace("%s", (std::string(1023, 'b') + "cut").c_str());
   }
   EXPECT_EQ(ReadFile(path), written + std::string(1023, 'a') + std::string(1023, 'b') + kEnd);
-  EXPECT_FALSE(std::filesystem::exists(m_Dir / "second")) << "the plain variable comes first";
+  EXPECT_FALSE(std::filesystem::exists(m_dir / "second")) << "the plain variable comes first";
 }
 
 TEST_F(DebugTracerTest, StaysOffWhenNoFileIsNamedOrToBeHad) {
   EXPECT_EQ(DebugTracer("CAPSULE_TEST").Trace("%d", 1), 0);
-  WriteFile(m_Dir / "victim", "precious");
-  ASSERT_EQ(::symlink((m_Dir / "victim").c_str(), (m_Dir / "link").c_str()), 0);
-  const std::string fits = m_Dir / std::string(254 - m_Dir.Path().string().size(), 'x');
+  WriteFile(m_dir / "victim", "precious");
+  ASSERT_EQ(::symlink((m_dir / "victim").c_str(), (m_dir / "link").c_str()), 0);
+  const std::string fits = m_dir / std::string(254 - m_dir.Path().string().size(), 'x');
   for (const std::string& path :
-       {m_Dir / "missing/t", m_Dir / "link", m_Dir.Path().string(), std::string(), fits + "x"}) {
+       {m_dir / "missing/t", m_dir / "link", m_dir.Path().string(), std::string(), fits + "x"}) {
     SetVariable(path);
     EXPECT_EQ(DebugTracer("CAPSULE_TEST").Trace("x"), 0) << path;
   }
-  EXPECT_EQ(ReadFile(m_Dir / "victim"), "precious");
-  EXPECT_FALSE(std::filesystem::exists(m_Dir / "second"));
+  EXPECT_EQ(ReadFile(m_dir / "victim"), "precious");
+  EXPECT_FALSE(std::filesystem::exists(m_dir / "second"));
   EXPECT_FALSE(std::filesystem::exists(fits)) << "the path was cut";
   SetVariable(fits);
   EXPECT_EQ(DebugTracer("CAPSULE_TEST").Trace("x"), 1) << fits.size();

@@ -40,14 +40,14 @@ Contents ReadContents(const host::Image& image) {
   return contents;
 }
 
-DamageSeed::DamageSeed(const std::string& path) : m_Bytes(ReadFile(path)) {
+DamageSeed::DamageSeed(const std::string& path) : m_bytes(ReadFile(path)) {
   const host::Image image(path);
-  m_Contents = ReadContents(image);
-  m_bChecked = image.Info().checked;
-  m_nIndexOffset = static_cast<size_t>(image.Info().indexOffset);
+  m_contents = ReadContents(image);
+  m_checked = image.Info().checked;
+  m_indexOffset = static_cast<size_t>(image.Info().indexOffset);
   const int descriptor = platform::OpenForReading(path.c_str());
   host::SectionScanner scanner(host::ImageFile(descriptor, path));
-  for (SectionItem item; scanner.Next(&item);) m_Items.push_back(item);
+  for (SectionItem item; scanner.Next(&item);) m_items.push_back(item);
   platform::Close(descriptor);
 }
 
@@ -55,7 +55,7 @@ std::set<std::string> DamageSeed::Untouched(size_t from, size_t to) const {
   std::set<std::string> paths;
   std::set<std::string> hitFolders;
   std::vector<std::string> open{""};
-  for (const SectionItem& item : m_Items) {
+  for (const SectionItem& item : m_items) {
     const std::string root = std::to_string(item.section) + ":/";
     if (item.kind == Kind::Section) open.assign(1, root);
     if (item.isNtfs) open.resize(std::min(open.size(), item.depth + 1));

@@ -23,21 +23,21 @@ class DamageSeed {
   // `path`: an image with an index.
   explicit DamageSeed(const std::string& path);
 
-  const std::string& Bytes() const { return m_Bytes; }
-  const Contents& Whole() const { return m_Contents; }
-  bool IsChecked() const { return m_bChecked; }  // its index has a check value
-  size_t IndexOffset() const { return m_nIndexOffset; }
-  const std::vector<host::SectionItem>& Items() const { return m_Items; }
+  const std::string& Bytes() const { return m_bytes; }
+  const Contents& Whole() const { return m_contents; }
+  bool IsChecked() const { return m_checked; }  // its index has a check value
+  size_t IndexOffset() const { return m_indexOffset; }
+  const std::vector<host::SectionItem>& Items() const { return m_items; }
 
   // The files whose own records, and whose folders' records, lie outside [from, to).
   std::set<std::string> Untouched(size_t from, size_t to) const;
 
  private:
-  std::string m_Bytes;
-  bool m_bChecked = false;
-  size_t m_nIndexOffset = 0;
-  Contents m_Contents;
-  std::vector<host::SectionItem> m_Items;
+  std::string m_bytes;
+  bool m_checked = false;
+  size_t m_indexOffset = 0;
+  Contents m_contents;
+  std::vector<host::SectionItem> m_items;
 };
 
 }  // namespace capsule::test

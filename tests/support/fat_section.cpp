@@ -40,7 +40,7 @@ Entry ShortEntry(const ForeignItem& item) {
 
 class FatWriter {
  public:
-  FatWriter(ForeignImage& image, const FatStyle& style) : m_Image(image), m_Style(style) {}
+  FatWriter(ForeignImage& image, const FatStyle& style) : m_image(image), m_style(style) {}
 
   void Put(const std::vector<ForeignItem>& items) {
     for (const ForeignItem& item : items) {
@@ -50,8 +50,8 @@ class FatWriter {
 
  private:
   void PutRecord(const Entry& entry) {
-    m_Image.Put(kGroupHeader);
-    m_Image.Put(entry);
+    m_image.Put(kGroupHeader);
+    m_image.Put(entry);
   }
 
   void PutGroup(const ForeignItem& item) {
@@ -61,50 +61,50 @@ class FatWriter {
   }
 
   void IndexFrom(uint8_t type, uint32_t start, const std::string& name) {
-    if (m_Style.notes) {
-      m_Image.IndexMark(4);
-      m_Image.Index(6, start, 1, "a note");
-      m_Image.IndexMark(1);
+    if (m_style.notes) {
+      m_image.IndexMark(4);
+      m_image.Index(6, start, 1, "a note");
+      m_image.IndexMark(1);
     }
-    m_Image.Index(type, start, m_Image.Offset() - start, name);
+    m_image.Index(type, start, m_image.Offset() - start, name);
   }
 
   void PutDirectory(const ForeignItem& item) {
     const ForeignItem self{.shortName = ".          ", .directory = true};
     const ForeignItem parent{.shortName = "..         ", .directory = true};
     for (const ForeignItem* group : {&item, &self, &parent}) {
-      const uint32_t start = m_Image.Offset();
+      const uint32_t start = m_image.Offset();
       PutGroup(*group);
       IndexFrom(2, start, group->shortName);
     }
     Put(item.children);
-    const uint32_t start = m_Image.Offset();
+    const uint32_t start = m_image.Offset();
     PutRecord(Entry{});
     IndexFrom(3, start, {});
   }
 
   void PutFile(const ForeignItem& item) {
-    const uint32_t start = m_Image.Offset();
+    const uint32_t start = m_image.Offset();
     PutGroup(item);
     LzsWriter codec;
-    VisitChunks(item.content, m_Style.chunkSize,
+    VisitChunks(item.content, m_style.chunkSize,
                 [&](const Bytes& chunk, bool last) { PutChunk(chunk, item.stored, last, codec); });
     IndexFrom(2, start, item.shortName);
   }
 
   void PutChunk(const Bytes& chunk, bool stored, bool last, LzsWriter& codec) {
-    const bool compress = m_Image.Compressed() && !stored;
+    const bool compress = m_image.Compressed() && !stored;
     Bytes payload = compress ? codec.Unit(chunk) : chunk;
     if (compress && payload.size() == chunk.size()) payload.push_back(0);
     std::array<unsigned char, 8> header = {3, static_cast<unsigned char>(last ? 1 : 0)};
     if (!stored) platform::StoreLe32(&header[2], static_cast<uint32_t>(chunk.size()));
     platform::StoreLe16(&header[6], static_cast<uint16_t>(payload.size()));
-    m_Image.Put(header);
-    m_Image.Put(payload);
+    m_image.Put(header);
+    m_image.Put(payload);
   }
 
-  ForeignImage& m_Image;
-  const FatStyle& m_Style;
+  ForeignImage& m_image;
+  const FatStyle& m_style;
 };
 
 }  // namespace

@@ -36,10 +36,10 @@ class ForeignImage {
  public:
   explicit ForeignImage(ForeignHeader header);
 
-  bool Compressed() const { return m_Header.compressed; }
+  bool Compressed() const { return m_header.compressed; }
 
   // Where the next byte goes.
-  uint32_t Offset() const { return static_cast<uint32_t>(m_Bytes.size()); }
+  uint32_t Offset() const { return static_cast<uint32_t>(m_bytes.size()); }
   void Put(std::span<const unsigned char> bytes);
 
   // The 2056 bytes that open a section; `kind` is the third of them (2 FAT, 3 NTFS).
@@ -62,10 +62,10 @@ class ForeignImage {
   void FillCompactHeader();
   void Scramble();
 
-  ForeignHeader m_Header;
-  Bytes m_Bytes;
-  Bytes m_Index;
-  std::vector<uint8_t> m_SystemIds;
+  ForeignHeader m_header;
+  Bytes m_bytes;
+  Bytes m_index;
+  std::vector<uint8_t> m_systemIds;
 };
 
 }  // namespace capsule::test

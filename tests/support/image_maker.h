@@ -15,14 +15,14 @@ namespace capsule::test {
 
 class ImageMaker {
  public:
-  explicit ImageMaker(bool compressed) : m_Bytes(EncodeHeader("Capsulate test", compressed)) {}
+  explicit ImageMaker(bool compressed) : m_bytes(EncodeHeader("Capsulate test", compressed)) {}
 
-  uint32_t Here() const { return static_cast<uint32_t>(m_Bytes.size()); }
+  uint32_t Here() const { return static_cast<uint32_t>(m_bytes.size()); }
 
   void BeginSection(uint8_t systemId = 0x0B) {
-    const size_t record = kPartitionRecordsOffset + kPartitionRecordSize * m_nSections++;
-    m_Bytes[record + 2] = systemId;
-    m_Bytes[kPartitionCountOffset] = static_cast<unsigned char>(m_nSections);
+    const size_t record = kPartitionRecordsOffset + kPartitionRecordSize * m_sections++;
+    m_bytes[record + 2] = systemId;
+    m_bytes[kPartitionCountOffset] = static_cast<unsigned char>(m_sections);
     Index(kIndexSection, kPartitionHeaderSize);
     Append(EncodePartitionHeader());
   }
@@ -63,31 +63,31 @@ class ImageMaker {
 
   void EndSection() {
     Append(EncodePartitionTrailer());
-    m_Index.push_back({kIndexZeroEntry, "", Here() - kDirRecordSize, kDirRecordSize});
+    m_index.push_back({kIndexZeroEntry, "", Here() - kDirRecordSize, kDirRecordSize});
   }
 
   // Appends an index record that points anywhere.
-  void Index(uint8_t type, uint32_t length) { m_Index.push_back({type, "", Here(), length}); }
-  std::vector<IndexRecord>& IndexRecords() { return m_Index; }
-  std::vector<unsigned char>& Bytes() { return m_Bytes; }
+  void Index(uint8_t type, uint32_t length) { m_index.push_back({type, "", Here(), length}); }
+  std::vector<IndexRecord>& IndexRecords() { return m_index; }
+  std::vector<unsigned char>& Bytes() { return m_bytes; }
 
   // The image with its index, as bytes.
   std::string Finish() {
-    platform::StoreLe32(&m_Bytes[kIndexOffsetOffset], Here());
-    m_Bytes.resize(m_Bytes.size() + kIndexPreamble);
-    for (const IndexRecord& record : m_Index) AppendIndexRecord(record, &m_Bytes);
-    return {m_Bytes.begin(), m_Bytes.end()};
+    platform::StoreLe32(&m_bytes[kIndexOffsetOffset], Here());
+    m_bytes.resize(m_bytes.size() + kIndexPreamble);
+    for (const IndexRecord& record : m_index) AppendIndexRecord(record, &m_bytes);
+    return {m_bytes.begin(), m_bytes.end()};
   }
 
  private:
   template <typename Source>
   void Append(const Source& source) {
-    m_Bytes.insert(m_Bytes.end(), source.begin(), source.end());
+    m_bytes.insert(m_bytes.end(), source.begin(), source.end());
   }
 
-  std::vector<unsigned char> m_Bytes;
-  std::vector<IndexRecord> m_Index;
-  size_t m_nSections = 0;
+  std::vector<unsigned char> m_bytes;
+  std::vector<IndexRecord> m_index;
+  size_t m_sections = 0;
 };
 
 }  // namespace capsule::test

@@ -11,16 +11,16 @@ class BitWriter {
  public:
   void Put(unsigned value, int width) {
     for (int bit = width - 1; bit >= 0; --bit) {
-      if (m_nBits % 8 == 0) m_Bytes.push_back(0);
+      if (m_bits % 8 == 0) m_bytes.push_back(0);
       const unsigned one = (value >> bit) & 1U;
-      m_Bytes.back() = static_cast<unsigned char>(m_Bytes.back() | one << (7 - m_nBits++ % 8));
+      m_bytes.back() = static_cast<unsigned char>(m_bytes.back() | one << (7 - m_bits++ % 8));
     }
   }
-  Bytes Take() { return std::move(m_Bytes); }
+  Bytes Take() { return std::move(m_bytes); }
 
  private:
-  Bytes m_Bytes;
-  int m_nBits = 0;
+  Bytes m_bytes;
+  int m_bits = 0;
 };
 
 void PutLength(BitWriter& bits, size_t length) {
@@ -39,26 +39,26 @@ void PutMatch(BitWriter& bits, size_t offset, size_t length) {
 }  // namespace
 
 LzsWriter::Match LzsWriter::Search(size_t at) const {
-  if (at + 1 >= m_Text.size()) return {};
-  const size_t from = m_LastOfPair[static_cast<size_t>(m_Text[at] << 8 | m_Text[at + 1])];
+  if (at + 1 >= m_text.size()) return {};
+  const size_t from = m_lastOfPair[static_cast<size_t>(m_text[at] << 8 | m_text[at + 1])];
   if (from == kNever || at - from > kReach) return {};
   size_t length = 0;
-  while (at + length < m_Text.size() && m_Text[from + length] == m_Text[at + length]) ++length;
+  while (at + length < m_text.size() && m_text[from + length] == m_text[at + length]) ++length;
   return {at - from, length};
 }
 
 void LzsWriter::Index(size_t at) {
-  if (at + 1 >= m_Text.size()) return;
-  m_LastOfPair[static_cast<size_t>(m_Text[at] << 8 | m_Text[at + 1])] = at;
+  if (at + 1 >= m_text.size()) return;
+  m_lastOfPair[static_cast<size_t>(m_text[at] << 8 | m_text[at + 1])] = at;
 }
 
 Bytes LzsWriter::Unit(std::span<const unsigned char> chunk) {
-  size_t at = m_Text.size();
-  m_Text.insert(m_Text.end(), chunk.begin(), chunk.end());
+  size_t at = m_text.size();
+  m_text.insert(m_text.end(), chunk.begin(), chunk.end());
   BitWriter bits;
-  while (at < m_Text.size()) {
+  while (at < m_text.size()) {
     const Match match = Search(at);
-    match.length >= 2 ? PutMatch(bits, match.offset, match.length) : bits.Put(m_Text[at], 9);
+    match.length >= 2 ? PutMatch(bits, match.offset, match.length) : bits.Put(m_text[at], 9);
     const size_t end = at + std::max<size_t>(match.length, 1);
     for (; at < end; ++at) Index(at);
   }

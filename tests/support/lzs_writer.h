@@ -24,9 +24,9 @@ class LzsWriter {
   Match Search(size_t at) const;
   void Index(size_t at);
 
-  Bytes m_Text;  // everything that units were made of
+  Bytes m_text;  // everything that units were made of
   static constexpr auto kNever = static_cast<size_t>(-1);
-  std::vector<size_t> m_LastOfPair = std::vector<size_t>(65536, kNever);  // where it began last
+  std::vector<size_t> m_lastOfPair = std::vector<size_t>(65536, kNever);  // where it began last
 };
 
 }  // namespace capsule::test

@@ -19,17 +19,17 @@ size_t Aligned(size_t size) { return (size + 7) / 8 * 8; }
 
 }  // namespace
 
-NtfsRecord::NtfsRecord() : m_Bytes(kFirst) {
-  std::ranges::copy(std::string("FILE"), m_Bytes.begin());
-  StoreLe16(&m_Bytes[4], kSequence);
-  StoreLe16(&m_Bytes[6], 3);
-  StoreLe16(&m_Bytes[20], kFirst);
+NtfsRecord::NtfsRecord() : m_bytes(kFirst) {
+  std::ranges::copy(std::string("FILE"), m_bytes.begin());
+  StoreLe16(&m_bytes[4], kSequence);
+  StoreLe16(&m_bytes[6], 3);
+  StoreLe16(&m_bytes[20], kFirst);
 }
 
 void NtfsRecord::Append(Bytes attribute) {
   attribute.resize(Aligned(attribute.size()));
   StoreLe32(&attribute[4], static_cast<uint32_t>(attribute.size()));
-  m_Bytes.insert(m_Bytes.end(), attribute.begin(), attribute.end());
+  m_bytes.insert(m_bytes.end(), attribute.begin(), attribute.end());
 }
 
 NtfsRecord& NtfsRecord::Resident(uint32_t type, const Bytes& value, const std::u16string& name) {
@@ -76,7 +76,7 @@ NtfsRecord& NtfsRecord::IndexRoot(const std::vector<std::pair<uint32_t, uint32_t
 }
 
 Bytes NtfsRecord::Finish() const {
-  Bytes record = m_Bytes;
+  Bytes record = m_bytes;
   record.insert(record.end(), 4, static_cast<unsigned char>(0xFF));
   record.resize(1024);
   StoreLe16(&record[kSequence], kSequenceNumber);

@@ -33,7 +33,7 @@ class NtfsRecord {
  private:
   void Append(Bytes attribute);
 
-  Bytes m_Bytes;
+  Bytes m_bytes;
 };
 
 // Puts back the last word of every sector of a record, and displaces it, by `number`, again.

@@ -22,13 +22,13 @@ constexpr uint32_t kEndOfRecords = 108;
 class NtfsWriter {
  public:
   NtfsWriter(ForeignImage& image, const NtfsVolume& volume, const NtfsStyle& style)
-      : m_Image(image), m_Volume(volume), m_Style(style) {}
+      : m_image(image), m_volume(volume), m_style(style) {}
 
   void Put(uint32_t number) {
-    const uint32_t start = m_Image.Offset();
-    if (m_Volume.IsDirectory(number)) {
+    const uint32_t start = m_image.Offset();
+    if (m_volume.IsDirectory(number)) {
       PutFolder(number, start);
-      for (const uint32_t child : m_Volume.Children(number)) Put(child);
+      for (const uint32_t child : m_volume.Children(number)) Put(child);
     } else {
       PutFile(number, start);
     }
@@ -36,8 +36,8 @@ class NtfsWriter {
 
  private:
   std::vector<Bytes> FileRecords(uint32_t number) const {
-    std::vector<Bytes> records = m_Volume.FileRecords(number);
-    if (m_Style.earlierLayout) std::ranges::for_each(records, ToEarlierLayout);
+    std::vector<Bytes> records = m_volume.FileRecords(number);
+    if (m_style.earlierLayout) std::ranges::for_each(records, ToEarlierLayout);
     return records;
   }
 
@@ -46,10 +46,10 @@ class NtfsWriter {
     for (const Bytes& record : FileRecords(number)) {
       LzsWriter codec;
       PutChunk(type, false, record, codec, 0);
-      if (type == kDirectoryRecord) m_Image.Index(2, start, m_Image.Offset() - start);
+      if (type == kDirectoryRecord) m_image.Index(2, start, m_image.Offset() - start);
       type = kMoreOfDirectory;
     }
-    PutChunks(m_Volume.IndexBlocks(number), 0);
+    PutChunks(m_volume.IndexBlocks(number), 0);
   }
 
   void PutFile(uint32_t number, uint32_t start) {
@@ -59,9 +59,9 @@ class NtfsWriter {
     }
     LzsWriter codec;
     PutChunk(kFileRecord, false, joined, codec, 0);
-    m_Image.Index(2, start, m_Image.Offset() - start);
-    const bool stored = number >= NtfsVolume::kFirstUserFile && !m_Volume.HasResidentData(number);
-    if (stored) PutChunks(m_Volume.Data(number), 1);
+    m_image.Index(2, start, m_image.Offset() - start);
+    const bool stored = number >= NtfsVolume::kFirstUserFile && !m_volume.HasResidentData(number);
+    if (stored) PutChunks(m_volume.Data(number), 1);
   }
 
   void PutChunks(const Bytes& data, uint32_t primary) {
@@ -73,20 +73,20 @@ class NtfsWriter {
 
   // In LZS form, unless that is not shorter.
   void PutChunk(uint32_t type, bool last, const Bytes& chunk, LzsWriter& codec, uint32_t primary) {
-    if (m_Image.Compressed()) {
+    if (m_image.Compressed()) {
       LzsWriter attempt = codec;
       const Bytes unit = attempt.Unit(chunk);
       if (unit.size() < chunk.size()) {
         codec = std::move(attempt);
-        return PutNtfsRecord(m_Image, type, last, chunk.size(), unit, primary);
+        return PutNtfsRecord(m_image, type, last, chunk.size(), unit, primary);
       }
     }
-    PutNtfsRecord(m_Image, type, last, 0, chunk, primary);
+    PutNtfsRecord(m_image, type, last, 0, chunk, primary);
   }
 
-  ForeignImage& m_Image;
-  const NtfsVolume& m_Volume;
-  const NtfsStyle& m_Style;
+  ForeignImage& m_image;
+  const NtfsVolume& m_volume;
+  const NtfsStyle& m_style;
 };
 
 }  // namespace

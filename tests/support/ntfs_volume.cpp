@@ -57,17 +57,17 @@ Bytes UnpackVolume(const std::string& name) {
   return bytes;
 }
 
-NtfsVolume::NtfsVolume(Bytes volume) : m_Volume(std::move(volume)) {
-  m_nClusterSize = uint32_t{LoadLe16(&m_Volume[11])} * m_Volume[13];
-  const auto perIndex = static_cast<signed char>(m_Volume[68]);
-  m_nIndexSize = perIndex > 0 ? m_nClusterSize * static_cast<uint32_t>(perIndex) : 1U << -perIndex;
-  const size_t start = LoadLe64(&m_Volume[48]) * m_nClusterSize;
-  m_Mft = Copy(View(m_Volume).subspan(start, kRecordSize));
-  m_Mft = Stream(0, kData, u"");
+NtfsVolume::NtfsVolume(Bytes volume) : m_volume(std::move(volume)) {
+  m_clusterSize = uint32_t{LoadLe16(&m_volume[11])} * m_volume[13];
+  const auto perIndex = static_cast<signed char>(m_volume[68]);
+  m_indexSize = perIndex > 0 ? m_clusterSize * static_cast<uint32_t>(perIndex) : 1U << -perIndex;
+  const size_t start = LoadLe64(&m_volume[48]) * m_clusterSize;
+  m_mft = Copy(View(m_volume).subspan(start, kRecordSize));
+  m_mft = Stream(0, kData, u"");
 }
 
 Bytes NtfsVolume::RawRecord(uint32_t number) const {
-  return Copy(View(m_Mft).subspan(number * kRecordSize, kRecordSize));
+  return Copy(View(m_mft).subspan(number * kRecordSize, kRecordSize));
 }
 
 std::vector<NtfsVolume::Run> NtfsVolume::ParseRuns(View bytes) {
@@ -119,11 +119,11 @@ Bytes NtfsVolume::ReadRuns(const std::vector<Attribute>& parts) const {
   Bytes stream;
   for (const Attribute& part : parts) {
     for (const Run& run : part.runs) {
-      const size_t size = run.clusters * m_nClusterSize;
+      const size_t size = run.clusters * m_clusterSize;
       if (run.first == 0) {
         stream.resize(stream.size() + size);
       } else {
-        const View data = View(m_Volume).subspan(run.first * m_nClusterSize, size);
+        const View data = View(m_volume).subspan(run.first * m_clusterSize, size);
         stream.insert(stream.end(), data.begin(), data.end());
       }
     }
@@ -201,9 +201,9 @@ void NtfsVolume::VisitNode(View entries, const Bytes& blocks, uint32_t self,
     const unsigned flags = entries[at + 12];
     const size_t length = LoadLe16(&entries[at + 8]);
     if ((flags & 1) != 0) {
-      const uint64_t unit = std::min(m_nClusterSize, m_nIndexSize);
+      const uint64_t unit = std::min(m_clusterSize, m_indexSize);
       const uint64_t block = LoadLe64(&entries[at + length - 8]) * unit;
-      Bytes node = Copy(View(blocks).subspan(block, m_nIndexSize));
+      Bytes node = Copy(View(blocks).subspan(block, m_indexSize));
       UndoFixups(node);
       VisitNode(View(node).subspan(size_t{24} + LoadLe32(&node[24])), blocks, self, children);
     }

@@ -67,10 +67,10 @@ class NtfsVolume {
   static Attribute ParseAttribute(std::span<const unsigned char> bytes);
   static std::vector<Run> ParseRuns(std::span<const unsigned char> bytes);
 
-  Bytes m_Volume;
-  uint32_t m_nClusterSize = 0;
-  uint32_t m_nIndexSize = 0;  // bytes of an index block
-  Bytes m_Mft;
+  Bytes m_volume;
+  uint32_t m_clusterSize = 0;
+  uint32_t m_indexSize = 0;  // bytes of an index block
+  Bytes m_mft;
 };
 
 }  // namespace capsule::test

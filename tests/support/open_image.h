@@ -16,29 +16,29 @@ namespace capsule::test {
 // An image opened for reading; closed at the end of the scope.
 class OpenImage {
  public:
-  explicit OpenImage(const std::string& path) : m_Path(path), m_File(m_Path.c_str()) {}
-  ~OpenImage() { m_File.CloseImageFileHandle(); }
+  explicit OpenImage(const std::string& path) : m_path(path), m_file(m_path.c_str()) {}
+  ~OpenImage() { m_file.CloseImageFileHandle(); }
   OpenImage& operator=(OpenImage&&) = delete;
 
-  CapsuleFile& File() { return m_File; }
-  int Descriptor() { return m_File.GetImageFileHandle(); }
+  CapsuleFile& File() { return m_file; }
+  int Descriptor() { return m_file.GetImageFileHandle(); }
 
   // ReadImage; -2 for the exception.
   int Read(int headerOnly = 0) {
     try {
-      return m_File.ReadImage(headerOnly);
+      return m_file.ReadImage(headerOnly);
     } catch (int) {
       return -2;
     }
   }
 
   CapsulePartition* Partition(int i) {
-    return static_cast<CapsulePartition*>(m_File.GetPartitions().GetAt(i));
+    return static_cast<CapsulePartition*>(m_file.GetPartitions().GetAt(i));
   }
 
  private:
-  std::string m_Path;
-  CapsuleFile m_File;
+  std::string m_path;
+  CapsuleFile m_file;
 };
 
 inline CapsuleFileBlock* BlockAt(CpsList& list, int i) {

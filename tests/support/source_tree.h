@@ -18,18 +18,18 @@ namespace capsule::test {
 
 class SourceTree {
  public:
-  SourceTree() : m_Scope(m_State) {
+  SourceTree() : m_scope(m_state) {
     std::filesystem::create_directory(Root());
-    m_State.hostView.SetRoot('C', Root());
-    m_State.hostView.SetTimePolicy(platform::TimePolicy::ModificationOnly);
+    m_state.hostView.SetRoot('C', Root());
+    m_state.hostView.SetTimePolicy(platform::TimePolicy::ModificationOnly);
   }
 
-  LibraryState& State() { return m_State; }
-  std::string Root() const { return m_Dir / "src"; }
+  LibraryState& State() { return m_state; }
+  std::string Root() const { return m_dir / "src"; }
 
   // The system's path of `name` below the root, and of a file beside the root.
   std::string Source(std::string_view name) const { return Root() + "/" + std::string(name); }
-  std::string Beside(std::string_view name) const { return m_Dir / name; }
+  std::string Beside(std::string_view name) const { return m_dir / name; }
 
   // What goes to InsertFile for `name`, whose separators are '/'.
   static std::string Inserted(std::string_view name) {
@@ -56,9 +56,9 @@ class SourceTree {
   }
 
  private:
-  TempDir m_Dir;
-  LibraryState m_State;
-  ScopedLibraryState m_Scope;
+  TempDir m_dir;
+  LibraryState m_state;
+  ScopedLibraryState m_scope;
 };
 
 // Half text of few letters, half noise: compresses somewhat.

@@ -16,19 +16,19 @@ class TempDir {
   TempDir() {
     std::string pattern = (std::filesystem::temp_directory_path() / "capsule-XXXXXX").string();
     if (::mkdtemp(pattern.data()) == nullptr) throw std::runtime_error("no temporary directory");
-    m_Path = pattern;
+    m_path = pattern;
   }
   ~TempDir() {
     std::error_code ignored;
-    std::filesystem::remove_all(m_Path, ignored);
+    std::filesystem::remove_all(m_path, ignored);
   }
   TempDir& operator=(TempDir&&) = delete;
 
-  const std::filesystem::path& Path() const { return m_Path; }
-  std::string operator/(std::string_view name) const { return (m_Path / name).string(); }
+  const std::filesystem::path& Path() const { return m_path; }
+  std::string operator/(std::string_view name) const { return (m_path / name).string(); }
 
  private:
-  std::filesystem::path m_Path;
+  std::filesystem::path m_path;
 };
 
 inline void WriteFile(const std::string& path, std::string_view bytes) {

@@ -71,23 +71,23 @@ std::string SourceProblem(const SourceItem& item) {
 
 ImageDraft::ImageDraft(std::string target, std::string name, int level, const std::string& version,
                        std::stop_token stop)
-    : m_strTarget(std::move(target)), m_strName(std::move(name)), m_observer(std::move(stop)) {
-  if (const auto old = platform::Status(m_strTarget)) {
+    : m_target(std::move(target)), m_name(std::move(name)), m_observer(std::move(stop)) {
+  if (const auto old = platform::Status(m_target)) {
     if (old->kind != platform::FileKind::Regular) Fail(ErrorKind::Exists, "is not a regular file");
-    m_Old = old->identity;
+    m_old = old->identity;
   }
-  if (!m_Temporary.Create(m_strTarget)) FailAs("cannot be created", errno);
-  m_Own = platform::Identify(m_Temporary.Descriptor());
+  if (!m_temporary.Create(m_target)) FailAs("cannot be created", errno);
+  m_own = platform::Identify(m_temporary.Descriptor());
 
-  m_State.hostView.SetTimePolicy(platform::TimePolicy::ModificationOnly);
-  const ScopedLibraryState scope(m_State);
-  if (m_Image.CreateCapsuleFile(m_Temporary.Path().c_str()) != 0) {
-    FailAs("cannot be created", m_Image.GetLastError());
+  m_state.hostView.SetTimePolicy(platform::TimePolicy::ModificationOnly);
+  const ScopedLibraryState scope(m_state);
+  if (m_image.CreateCapsuleFile(m_temporary.Path().c_str()) != 0) {
+    FailAs("cannot be created", m_image.GetLastError());
   }
-  m_bOpen = true;
-  m_Image.SetCompressionLevel(level);
-  if (m_Image.WriteImageFileHeader(version.c_str()) != 0) {
-    const int error = m_Image.GetLastError();
+  m_open = true;
+  m_image.SetCompressionLevel(level);
+  if (m_image.WriteImageFileHeader(version.c_str()) != 0) {
+    const int error = m_image.GetLastError();
     CloseImage();
     FailAs("write of the header", error);
   }
@@ -109,14 +109,14 @@ bool ImageDraft::Observer::OnChunk(const Chunk& next) {
   return true;
 }
 
-void ImageDraft::CapTimes(int64_t unixSeconds) { m_State.hostView.CapTimes(unixSeconds); }
+void ImageDraft::CapTimes(int64_t unixSeconds) { m_state.hostView.CapTimes(unixSeconds); }
 
 void ImageDraft::BeginPartition(const std::string& label) {
-  ++m_nPartition;
+  ++m_partition;
   m_labels.push_back(label);
-  const ScopedLibraryState scope(m_State);
+  const ScopedLibraryState scope(m_state);
   errno = 0;
-  if (m_Image.BeginPartition(m_nPartition) == 0) return;
+  if (m_image.BeginPartition(m_partition) == 0) return;
   FailAs("write", errno != 0 ? errno : EFBIG);
 }
 
@@ -125,16 +125,16 @@ std::optional<std::string> ImageDraft::Insert(const SourceItem& item) {
     return "file has " + std::to_string(item.status.size) + " bytes, " +
            std::to_string(kMaxFileSize) + " are possible";
   }
-  const ScopedLibraryState scope(m_State);
-  const std::string previousDir = m_State.previousInsertDir;
-  const int32_t levelsToClose = m_State.dirLevelsToClose;
+  const ScopedLibraryState scope(m_state);
+  const std::string previousDir = m_state.previousInsertDir;
+  const int32_t levelsToClose = m_state.dirLevelsToClose;
   errno = 0;
   if (InsertOpened(item) == 0) return std::nullopt;
   const int error = errno;
-  m_observer.restarts.Forget(m_Image.GetWriteOffset());
+  m_observer.restarts.Forget(m_image.GetWriteOffset());
   // What comes next lies where it would have without this item.
-  m_State.previousInsertDir = previousDir;
-  m_State.dirLevelsToClose = levelsToClose;
+  m_state.previousInsertDir = previousDir;
+  m_state.dirLevelsToClose = levelsToClose;
   if (m_observer.thrown) std::rethrow_exception(std::exchange(m_observer.thrown, nullptr));
   ThrowIfCancelled();
   // Whatever errno is when a source gives up, it says nothing about the image.
@@ -149,7 +149,7 @@ std::optional<std::string> ImageDraft::Insert(const SourceItem& item) {
 
 // While the item is inserted, it stands for everything that paths could lead to.
 int ImageDraft::InsertOpened(const SourceItem& item) {
-  platform::OpenedItem opened{ItemPath(m_nPartition, item.relative),
+  platform::OpenedItem opened{ItemPath(m_partition, item.relative),
                               item.file.Get(),
                               item.status,
                               item.folder,
@@ -162,9 +162,9 @@ int ImageDraft::InsertOpened(const SourceItem& item) {
       return ReadSource(item, offset, out);
     };
   }
-  m_State.hostView.SetOpenedItem(&opened);
-  const int result = m_Image.InsertFile(opened.path.c_str(), m_nPartition, &m_observer);
-  m_State.hostView.SetOpenedItem(nullptr);
+  m_state.hostView.SetOpenedItem(&opened);
+  const int result = m_image.InsertFile(opened.path.c_str(), m_partition, &m_observer);
+  m_state.hostView.SetOpenedItem(nullptr);
   return result;
 }
 
@@ -186,12 +186,12 @@ bool ImageDraft::ReadSource(const SourceItem& item, uint64_t offset, std::span<u
 
 // Called when the source is as it was: then the image may be what could not take the item.
 void ImageDraft::ThrowIfFull(int error, uint64_t size) {
-  const auto end = static_cast<uint64_t>(m_Image.GetWriteOffset());
+  const auto end = static_cast<uint64_t>(m_image.GetWriteOffset());
   if (MostBytes(size) + kPartitionTrailerSize > static_cast<uint64_t>(kMaxImageSize) - end) {
     Fail(ErrorKind::Unsupported,
          "image would be larger than " + std::to_string(kMaxImageSize) + " bytes");
   }
-  if (!platform::CanGrow(m_Temporary.Descriptor(), static_cast<int64_t>(end),
+  if (!platform::CanGrow(m_temporary.Descriptor(), static_cast<int64_t>(end),
                          static_cast<int64_t>(MostBytes(size)))) {
     FailAs("write", errno);
   }
@@ -199,26 +199,26 @@ void ImageDraft::ThrowIfFull(int error, uint64_t size) {
 }
 
 bool ImageDraft::IsOwnFile(const platform::FileIdentity& identity) const {
-  return identity == m_Own || identity == m_Old;
+  return identity == m_own || identity == m_old;
 }
 
 uint64_t ImageDraft::Complete(int* syncProblem) {
   {
-    const ScopedLibraryState scope(m_State);
+    const ScopedLibraryState scope(m_state);
     errno = 0;
-    if (m_Image.CloseImageFile() != 0) FailAs("write", errno != 0 ? errno : EIO);
-    m_bOpen = false;
+    if (m_image.CloseImageFile() != 0) FailAs("write", errno != 0 ? errno : EIO);
+    m_open = false;
   }
-  IndexWriter index(m_Temporary.Descriptor(), m_strName);
+  IndexWriter index(m_temporary.Descriptor(), m_name);
   index.SetKnownRestarts(&m_observer.restarts);
   index.SetLabels(m_labels);
   const IndexReport report = index.Write({.stop = m_observer.stop});
-  if (const char* step = m_Temporary.Publish(syncProblem)) FailAs(step, errno);
+  if (const char* step = m_temporary.Publish(syncProblem)) FailAs(step, errno);
   return report.imageBytes;
 }
 
 void ImageDraft::CloseImage() {
-  if (std::exchange(m_bOpen, false)) m_Image.CloseImageFileHandle();
+  if (std::exchange(m_open, false)) m_image.CloseImageFileHandle();
 }
 
 void ImageDraft::ThrowIfCancelled() const {
@@ -226,11 +226,11 @@ void ImageDraft::ThrowIfCancelled() const {
 }
 
 void ImageDraft::Fail(ErrorKind kind, const std::string& reason) const {
-  throw Error(kind, m_strName, reason);
+  throw Error(kind, m_name, reason);
 }
 
 void ImageDraft::FailAs(const char* step, int error) const {
-  ThrowSystemError(m_strName, step, error);
+  ThrowSystemError(m_name, step, error);
 }
 
 }  // namespace capsule::host

@@ -55,7 +55,7 @@ class ImageDraft {
 
   // Whether this is the file in whose place the draft is to come. IsOwnFile: whether it is that
   // file or the draft itself.
-  bool IsOldImage(const platform::FileIdentity& identity) const { return identity == m_Old; }
+  bool IsOldImage(const platform::FileIdentity& identity) const { return identity == m_old; }
   bool IsOwnFile(const platform::FileIdentity& identity) const;
 
   // Completes the image and puts it in the place of the target. Its size in bytes. `*syncProblem`
@@ -82,16 +82,16 @@ class ImageDraft {
   void CloseImage();
   void ThrowIfCancelled() const;
 
-  std::string m_strTarget;
-  std::string m_strName;
-  platform::TemporaryFile m_Temporary;
-  std::optional<platform::FileIdentity> m_Own;
-  std::optional<platform::FileIdentity> m_Old;
-  LibraryState m_State;
-  CapsuleFile m_Image;
+  std::string m_target;
+  std::string m_name;
+  platform::TemporaryFile m_temporary;
+  std::optional<platform::FileIdentity> m_own;
+  std::optional<platform::FileIdentity> m_old;
+  LibraryState m_state;
+  CapsuleFile m_image;
   Observer m_observer;
-  bool m_bOpen = false;  // m_Image has the file open
-  int m_nPartition = -1;
+  bool m_open = false;  // m_image has the file open
+  int m_partition = -1;
   std::vector<std::string> m_labels;  // of partitions
   std::string m_sourceProblem;        // of bytes of the host
 };

@@ -79,17 +79,17 @@ const char* NameProblem(std::string_view name) {
 }
 
 SourceWalk::SourceWalk(std::string root, Filter filter)
-    : m_strRoot(std::move(root)), m_Filter(std::move(filter)) {
-  platform::ScopedDescriptor folder(platform::OpenFolderBehind(m_strRoot.c_str()));
+    : m_root(std::move(root)), m_filter(std::move(filter)) {
+  platform::ScopedDescriptor folder(platform::OpenFolderBehind(m_root.c_str()));
   const auto status = folder ? platform::StatusOf(folder.Get()) : std::nullopt;
-  if (!status || !Push(std::move(folder), *status)) ThrowSystemError(m_strRoot, "", errno);
+  if (!status || !Push(std::move(folder), *status)) ThrowSystemError(m_root, "", errno);
 }
 
 bool SourceWalk::Next(SourceItem* item) {
-  while (!m_Frames.empty() && m_Frames.back().names.empty()) Leave();
-  if (m_Frames.empty()) return false;
-  const std::string name = std::move(m_Frames.back().names.back());
-  m_Frames.back().names.pop_back();
+  while (!m_frames.empty() && m_frames.back().names.empty()) Leave();
+  if (m_frames.empty()) return false;
+  const std::string name = std::move(m_frames.back().names.back());
+  m_frames.back().names.pop_back();
   Examine(name, item);
   if (item->kind == SourceItem::Kind::File) OpenFile(name, item);
   if (item->kind == SourceItem::Kind::Folder) Enter(name, item);
@@ -97,13 +97,12 @@ bool SourceWalk::Next(SourceItem* item) {
 }
 
 void SourceWalk::Examine(const std::string& name, SourceItem* item) {
-  const Frame& frame = m_Frames.back();
+  const Frame& frame = m_frames.back();
   *item = SourceItem();
-  item->relative = m_strRelative.empty() ? name : m_strRelative + '/' + name;
-  item->path =
-      m_strRoot.ends_with('/') ? m_strRoot + item->relative : m_strRoot + '/' + item->relative;
+  item->relative = m_relative.empty() ? name : m_relative + '/' + name;
+  item->path = m_root.ends_with('/') ? m_root + item->relative : m_root + '/' + item->relative;
   item->folder = frame.status;
-  if (m_Filter && m_Filter(name, item->relative)) {
+  if (m_filter && m_filter(name, item->relative)) {
     item->kind = SourceItem::Kind::Excluded;
     return;
   }
@@ -125,7 +124,7 @@ void SourceWalk::Examine(const std::string& name, SourceItem* item) {
 
 void SourceWalk::OpenFile(const std::string& name, SourceItem* item) {
   item->file =
-      platform::ScopedDescriptor(platform::OpenFileIn(m_Frames.back().folder.Get(), name.c_str()));
+      platform::ScopedDescriptor(platform::OpenFileIn(m_frames.back().folder.Get(), name.c_str()));
   const auto status = item->file ? platform::StatusOf(item->file.Get()) : std::nullopt;
   if (!status) return MarkFailed(item, errno);
   if (!IsSame(*status, item->status)) return MarkUnreadable(item, kChanged);
@@ -134,20 +133,20 @@ void SourceWalk::OpenFile(const std::string& name, SourceItem* item) {
 
 void SourceWalk::Enter(const std::string& name, SourceItem* item) {
   platform::ScopedDescriptor folder(
-      platform::OpenFolderIn(m_Frames.back().folder.Get(), name.c_str()));
+      platform::OpenFolderIn(m_frames.back().folder.Get(), name.c_str()));
   const auto status = folder ? platform::StatusOf(folder.Get()) : std::nullopt;
   if (!status) return MarkFailed(item, errno);
   if (!IsSame(*status, item->status)) return MarkUnreadable(item, kChanged);
   item->status = *status;
   if (!Push(std::move(folder), *status)) return MarkFailed(item, errno);
-  m_strRelative = item->relative;
-  if (m_Frames.size() > kKeptFolders) CloseAbove();
+  m_relative = item->relative;
+  if (m_frames.size() > kKeptFolders) CloseAbove();
 }
 
 // Closes the folder above the current one, where there is a way back to it.
 void SourceWalk::CloseAbove() {
-  Frame& above = m_Frames[m_Frames.size() - 2];
-  const platform::ScopedDescriptor back(platform::OpenFolderIn(m_Frames.back().folder.Get(), ".."));
+  Frame& above = m_frames[m_frames.size() - 2];
+  const platform::ScopedDescriptor back(platform::OpenFolderIn(m_frames.back().folder.Get(), ".."));
   if (IsAbove(back, above)) above.folder.Close();
 }
 
@@ -158,25 +157,25 @@ bool SourceWalk::Push(platform::ScopedDescriptor folder, const platform::FileSta
   auto aliases =
       platform::MakeAliases(WithoutUnfinished(folder, *names), platform::AliasPolicy::Exact);
   SortForTaking(&*names);
-  m_Frames.push_back(
-      {std::move(folder), status, std::move(*names), std::move(aliases), m_strRelative.size()});
+  m_frames.push_back(
+      {std::move(folder), status, std::move(*names), std::move(aliases), m_relative.size()});
   return true;
 }
 
 void SourceWalk::Leave() {
-  const Frame left = std::move(m_Frames.back());
-  m_Frames.pop_back();
-  m_strRelative.resize(left.pathLength);
-  if (m_Frames.empty() || m_Frames.back().folder) return;
+  const Frame left = std::move(m_frames.back());
+  m_frames.pop_back();
+  m_relative.resize(left.pathLength);
+  if (m_frames.empty() || m_frames.back().folder) return;
   platform::ScopedDescriptor above(platform::OpenFolderIn(left.folder.Get(), ".."));
-  if (!above) ThrowIfShort(m_strRoot, "cannot be read", errno);
-  if (IsAbove(above, m_Frames.back())) m_Frames.back().folder = std::move(above);
+  if (!above) ThrowIfShort(m_root, "cannot be read", errno);
+  if (IsAbove(above, m_frames.back())) m_frames.back().folder = std::move(above);
 }
 
 bool SourceWalk::IsAbove(const platform::ScopedDescriptor& above, const Frame& frame) const {
   return above && platform::Identify(above.Get()) == frame.status.identity;
 }
 
-void SourceWalk::SkipFolder() { m_Frames.back().names.clear(); }
+void SourceWalk::SkipFolder() { m_frames.back().names.clear(); }
 
 }  // namespace capsule::host

@@ -82,7 +82,7 @@ class SourceWalk : public ItemWalk {
     platform::FileStatus status;
     std::vector<std::string> names;  // in byte order from the end on
     std::unordered_map<std::string, std::string> aliases;
-    size_t pathLength = 0;  // of m_strRelative before this folder's name
+    size_t pathLength = 0;  // of m_relative before this folder's name
   };
 
   void Examine(const std::string& name, SourceItem* item);
@@ -93,10 +93,10 @@ class SourceWalk : public ItemWalk {
   void Leave();
   bool IsAbove(const platform::ScopedDescriptor& above, const Frame& frame) const;
 
-  std::string m_strRoot;
-  Filter m_Filter;
-  std::vector<Frame> m_Frames;
-  std::string m_strRelative;  // the open folder
+  std::string m_root;
+  Filter m_filter;
+  std::vector<Frame> m_frames;
+  std::string m_relative;  // the open folder
 };
 
 }  // namespace capsule::host

@@ -20,43 +20,43 @@ constexpr char kExists[] = "exists in the target folder, kept";
 // A file that goes away again unless it is published.
 class TemporaryFile {
  public:
-  TemporaryFile(int folder, const Entry& entry) : m_Entry(entry) {
-    if (!m_File.Create(folder, "", entry.IsReadOnly() ? 0444 : 0666)) Fail("cannot create a file");
+  TemporaryFile(int folder, const Entry& entry) : m_entry(entry) {
+    if (!m_file.Create(folder, "", entry.IsReadOnly() ? 0444 : 0666)) Fail("cannot create a file");
   }
 
   void Append(std::span<const unsigned char> bytes) {
-    if (!platform::WriteAt(m_File.Descriptor(), bytes.data(), bytes.size(),
-                           static_cast<int64_t>(m_nSize))) {
+    if (!platform::WriteAt(m_file.Descriptor(), bytes.data(), bytes.size(),
+                           static_cast<int64_t>(m_size))) {
       Fail("cannot write");
     }
-    m_nSize += bytes.size();
+    m_size += bytes.size();
   }
 
   // Takes no room where the file system knows holes.
   void AppendZeros(uint64_t count) {
-    m_nSize += count;
-    if (!platform::Truncate(m_File.Descriptor(), static_cast<int64_t>(m_nSize)))
+    m_size += count;
+    if (!platform::Truncate(m_file.Descriptor(), static_cast<int64_t>(m_size)))
       Fail("cannot write");
   }
 
-  uint64_t Size() const { return m_nSize; }
+  uint64_t Size() const { return m_size; }
 
   void Publish(bool force) {
-    const auto time = m_Entry.ModifiedTime();
-    if (time && !platform::SetTimes(m_File.Descriptor(), *time)) Fail("cannot set its time");
-    const std::string name(m_Entry.Name());
-    if (!m_File.Publish(name.c_str(), !force)) Fail("cannot finish the file");
+    const auto time = m_entry.ModifiedTime();
+    if (time && !platform::SetTimes(m_file.Descriptor(), *time)) Fail("cannot set its time");
+    const std::string name(m_entry.Name());
+    if (!m_file.Publish(name.c_str(), !force)) Fail("cannot finish the file");
   }
 
  private:
   [[noreturn]] void Fail(const std::string& what) const {
-    if (errno == EEXIST) throw Error(ErrorKind::Exists, m_Entry.Path(), kExists);
-    ThrowSystemError(m_Entry.Path(), what, errno);
+    if (errno == EEXIST) throw Error(ErrorKind::Exists, m_entry.Path(), kExists);
+    ThrowSystemError(m_entry.Path(), what, errno);
   }
 
-  Entry m_Entry;
-  platform::UnfinishedFile m_File;
-  uint64_t m_nSize = 0;
+  Entry m_entry;
+  platform::UnfinishedFile m_file;
+  uint64_t m_size = 0;
 };
 
 // Spares the work where the outcome is known; Publish decides.

@@ -21,7 +21,7 @@ class RunningChecksum {
 
  private:
   struct State;
-  std::unique_ptr<State> m_pState;
+  std::unique_ptr<State> m_state;
 };
 
 // XXH32 with seed 0 of bytes that arrive in pieces.
@@ -37,7 +37,7 @@ class IndexChecksum {
 
  private:
   struct State;
-  std::unique_ptr<State> m_pState;
+  std::unique_ptr<State> m_state;
 };
 
 }  // namespace capsule::host

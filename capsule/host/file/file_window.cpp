@@ -7,25 +7,25 @@
 
 namespace capsule::host {
 
-FileWindow::FileWindow(ImageFile image, size_t size) : m_image(std::move(image)), m_Bytes(size) {}
+FileWindow::FileWindow(ImageFile image, size_t size) : m_image(std::move(image)), m_bytes(size) {}
 
 std::span<const unsigned char> FileWindow::At(uint64_t offset, size_t count) {
-  count = std::min(count, m_Bytes.size());
-  const bool inside = offset >= m_nStart && offset - m_nStart <= m_nFilled &&
-                      count <= m_nFilled - static_cast<size_t>(offset - m_nStart);
+  count = std::min(count, m_bytes.size());
+  const bool inside = offset >= m_start && offset - m_start <= m_filled &&
+                      count <= m_filled - static_cast<size_t>(offset - m_start);
   if (!inside) Fill(offset, count);
-  const auto at = static_cast<size_t>(offset - m_nStart);
-  return std::span<const unsigned char>(m_Bytes).subspan(at, std::min(count, m_nFilled - at));
+  const auto at = static_cast<size_t>(offset - m_start);
+  return std::span<const unsigned char>(m_bytes).subspan(at, std::min(count, m_filled - at));
 }
 
 void FileWindow::Fill(uint64_t offset, size_t count) {
   // Whoever leaves much out is after headers, and would have most of a large window read for
   // naught.
-  const bool isLeap = offset > m_nStart + m_nFilled + kLeapSize;
-  const size_t wanted = isLeap ? std::max(count, kLeapSize) : m_Bytes.size();
-  m_nStart = offset;
-  m_nFilled = 0;
-  m_nFilled = m_image.ReadAt(offset, std::span(m_Bytes).first(wanted));
+  const bool isLeap = offset > m_start + m_filled + kLeapSize;
+  const size_t wanted = isLeap ? std::max(count, kLeapSize) : m_bytes.size();
+  m_start = offset;
+  m_filled = 0;
+  m_filled = m_image.ReadAt(offset, std::span(m_bytes).first(wanted));
 }
 
 }  // namespace capsule::host

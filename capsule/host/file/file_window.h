@@ -25,9 +25,9 @@ class FileWindow {
   void Fill(uint64_t offset, size_t count);
 
   ImageFile m_image;
-  std::vector<unsigned char> m_Bytes;
-  uint64_t m_nStart = 0;
-  size_t m_nFilled = 0;
+  std::vector<unsigned char> m_bytes;
+  uint64_t m_start = 0;
+  size_t m_filled = 0;
 };
 
 }  // namespace capsule::host

@@ -82,9 +82,9 @@ DamageNote NoteOn(const IndexRecord& item, const std::string& damage, uint64_t i
 }  // namespace
 
 IndexRecordCounter::IndexRecordCounter()
-    : m_nBytes(kIndexPreamble + RecordSize(ChecksumRecord(0, 0, 0))) {}
+    : m_bytes(kIndexPreamble + RecordSize(ChecksumRecord(0, 0, 0))) {}
 
-void IndexRecordCounter::Add(const DamageNote& note) { m_nBytes += RecordSize(RecordOf(note)); }
+void IndexRecordCounter::Add(const DamageNote& note) { m_bytes += RecordSize(RecordOf(note)); }
 
 void IndexRecordCounter::Add(const SectionItem& item, const std::string& damage,
                              const std::string& label) {
@@ -92,106 +92,106 @@ void IndexRecordCounter::Add(const SectionItem& item, const std::string& damage,
   const bool isSection = item.kind == SectionItem::Kind::Section;
   const bool isSound = IsSoundFile(item, damage);
   if (!damage.empty()) Add({0, 0, damage, false});
-  if (!label.empty()) m_nBytes += RecordSize(LabelRecord({}, label));
-  m_nBytes += RecordSize(ItemRecord(item)) + m_nFileNote + (isSection ? checksumSize : 0);
-  m_nFileNote = isSound ? checksumSize : 0;
-  if (isSound && !item.isNtfs) m_nRestartBytes += host::MostRestartBytes(item.entry.FileSize);
+  if (!label.empty()) m_bytes += RecordSize(LabelRecord({}, label));
+  m_bytes += RecordSize(ItemRecord(item)) + m_fileNoteSize + (isSection ? checksumSize : 0);
+  m_fileNoteSize = isSound ? checksumSize : 0;
+  if (isSound && !item.isNtfs) m_restartBytes += host::MostRestartBytes(item.entry.FileSize);
 }
 
 IndexRecordWriter::IndexRecordWriter(const RecordSource& files, int output, uint64_t indexOffset,
                                      std::span<const unsigned char> header, bool hasRestartPoints)
-    : m_Source(files),
-      m_bRestartPoints(hasRestartPoints),
-      m_nIndexOffset(indexOffset),
-      m_Window(files.image),
-      m_Stream(output, files.image.Name(), indexOffset) {
+    : m_source(files),
+      m_restartPoints(hasRestartPoints),
+      m_indexOffset(indexOffset),
+      m_window(files.image),
+      m_stream(output, files.image.Name(), indexOffset) {
   RunningChecksum checksum;
   checksum.Update(header);
-  m_Stream.Append(ChecksumRecord(checksum.Value(), 0, header.size()));
+  m_stream.Append(ChecksumRecord(checksum.Value(), 0, header.size()));
 }
 
-void IndexRecordWriter::Add(const DamageNote& note) { m_Stream.Append(RecordOf(note)); }
+void IndexRecordWriter::Add(const DamageNote& note) { m_stream.Append(RecordOf(note)); }
 
 void IndexRecordWriter::Add(const SectionItem& item, const std::string& damage,
                             const std::string& label) {
-  if (m_bHasLast) AppendLast();
+  if (m_hasLast) AppendLast();
   const bool isSection = item.kind == SectionItem::Kind::Section;
-  if (isSection) m_Section.Reset();
-  m_File.Reset();
-  m_nSectionBefore = m_Section.Value();
+  if (isSection) m_section.Reset();
+  m_file.Reset();
+  m_sectionBefore = m_section.Value();
   const uint64_t end = CheckedEnd(item);
-  Take(item.offset, end, item.kind == SectionItem::Kind::File ? &m_File : nullptr);
-  m_bEnded = EndsSection(item);
-  if (m_bEnded) EndSection(m_Section.Value(), end);
-  m_bHasLast = true;
-  m_Last = ItemRecord(item);
-  m_strDamage = damage;
+  Take(item.offset, end, item.kind == SectionItem::Kind::File ? &m_file : nullptr);
+  m_ended = EndsSection(item);
+  if (m_ended) EndSection(m_section.Value(), end);
+  m_hasLast = true;
+  m_last = ItemRecord(item);
+  m_damage = damage;
   m_label = label;
-  m_FileNote.reset();
+  m_fileNote.reset();
   if (!IsSoundFile(item, damage)) return;
-  m_FileNote = ChecksumRecord(m_File.Value(), item.offset, item.length);
-  m_Source.begin = item.dataOffset;
-  m_Source.limit = item.offset + item.length;
-  m_Source.size = item.entry.FileSize;
-  m_Source.rules.kind = item.Records();
+  m_fileNote = ChecksumRecord(m_file.Value(), item.offset, item.length);
+  m_source.begin = item.dataOffset;
+  m_source.limit = item.offset + item.length;
+  m_source.size = item.entry.FileSize;
+  m_source.rules.kind = item.Records();
 }
 
 // The last item and what is said of it.
 void IndexRecordWriter::AppendLast() {
-  m_Stream.Append(m_Last);
-  if (m_Last.type == kIndexSection) {
-    m_nSectionStart = m_Last.offset;
-    m_nSectionRecord = m_Stream.Append(ChecksumRecord(0, 0, 0));
-    if (!m_label.empty()) m_Stream.Append(LabelRecord(m_Last, m_label));
+  m_stream.Append(m_last);
+  if (m_last.type == kIndexSection) {
+    m_sectionStart = m_last.offset;
+    m_sectionRecord = m_stream.Append(ChecksumRecord(0, 0, 0));
+    if (!m_label.empty()) m_stream.Append(LabelRecord(m_last, m_label));
   }
   AppendDamage();
-  if (!m_FileNote) return;
-  m_Stream.Append(*m_FileNote);
-  if (m_bRestartPoints) AppendRestartPoints();
+  if (!m_fileNote) return;
+  m_stream.Append(*m_fileNote);
+  if (m_restartPoints) AppendRestartPoints();
 }
 
 void IndexRecordWriter::AppendDamage() {
-  if (!m_strDamage.empty()) Add(NoteOn(m_Last, m_strDamage, m_nIndexOffset));
+  if (!m_damage.empty()) Add(NoteOn(m_last, m_damage, m_indexOffset));
 }
 
 void IndexRecordWriter::AppendRestartPoints() {
   const auto append = [this](const IndexRecord& point) {
-    m_Stream.Append(point);
-    m_nRestartBytes += RecordSize(point);
+    m_stream.Append(point);
+    m_restartBytes += RecordSize(point);
   };
-  const auto known = m_pKnown == nullptr
+  const auto known = m_known == nullptr
                          ? std::span<const IndexRecord>()
-                         : m_pKnown->Of(m_Source.begin, m_Source.limit, m_Source.size);
+                         : m_known->Of(m_source.begin, m_source.limit, m_source.size);
   for (IndexRecord point : known) {
-    const auto header = m_Window.At(point.offset, kMiniHeaderSize);
+    const auto header = m_window.At(point.offset, kMiniHeaderSize);
     if (header.size() < kMiniHeaderSize) {
-      throw Error(ErrorKind::System, m_Source.image.Name(), "changed meanwhile");
+      throw Error(ErrorKind::System, m_source.image.Name(), "changed meanwhile");
     }
     point.length = kMiniHeaderSize + DecodeMiniHeader(header.first<kMiniHeaderSize>()).Length;
     append(point);
   }
-  if (known.empty()) FindRestartPoints(m_Source, append);
+  if (known.empty()) FindRestartPoints(m_source, append);
 }
 
 uint64_t IndexRecordWriter::Finish() {
-  if (!m_bEnded) EndSection(m_nSectionBefore, m_Last.offset);
+  if (!m_ended) EndSection(m_sectionBefore, m_last.offset);
   AppendDamage();
-  m_Last.length = static_cast<uint32_t>(m_nIndexOffset - m_Last.offset);
-  m_Stream.Append(m_Last);
-  return m_Stream.Finish();
+  m_last.length = static_cast<uint32_t>(m_indexOffset - m_last.offset);
+  m_stream.Append(m_last);
+  return m_stream.Finish();
 }
 
 void IndexRecordWriter::EndSection(uint64_t value, uint64_t end) {
-  m_Stream.Replace(m_nSectionRecord, ChecksumRecord(value, m_nSectionStart, end - m_nSectionStart));
+  m_stream.Replace(m_sectionRecord, ChecksumRecord(value, m_sectionStart, end - m_sectionStart));
 }
 
 // Counts bytes in for their section, and for their file if they have one.
 void IndexRecordWriter::Take(uint64_t at, uint64_t end, RunningChecksum* file) {
   while (at < end) {
     const auto bytes =
-        m_Window.At(at, static_cast<size_t>(std::min<uint64_t>(end - at, FileWindow::kSize / 2)));
-    if (bytes.empty()) throw Error(m_Source.image.Name(), "ends at " + Hex(at), at);
-    m_Section.Update(bytes);
+        m_window.At(at, static_cast<size_t>(std::min<uint64_t>(end - at, FileWindow::kSize / 2)));
+    if (bytes.empty()) throw Error(m_source.image.Name(), "ends at " + Hex(at), at);
+    m_section.Update(bytes);
     if (file != nullptr) file->Update(bytes);
     at += bytes.size();
     if (m_onBytes) m_onBytes(at);

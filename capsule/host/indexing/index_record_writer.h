@@ -30,13 +30,13 @@ class IndexRecordCounter {
   void Add(const DamageNote& note);
 
   // Without restart points, and how many bytes those take at most.
-  uint64_t Bytes() const { return m_nBytes; }
-  uint64_t MostRestartBytes() const { return m_nRestartBytes; }
+  uint64_t Bytes() const { return m_bytes; }
+  uint64_t MostRestartBytes() const { return m_restartBytes; }
 
  private:
-  uint64_t m_nBytes;
-  uint64_t m_nFileNote = 0;  // of the last item; it only comes when another follows
-  uint64_t m_nRestartBytes = 0;
+  uint64_t m_bytes;
+  uint64_t m_fileNoteSize = 0;  // of the last item; it only comes when another follows
+  uint64_t m_restartBytes = 0;
 };
 
 class IndexRecordWriter {
@@ -47,7 +47,7 @@ class IndexRecordWriter {
                     std::span<const unsigned char> header, bool hasRestartPoints);
 
   // Restart points that need not be looked for; `known` must outlive the writer.
-  void SetKnownRestarts(const RestartCollector* known) { m_pKnown = known; }
+  void SetKnownRestarts(const RestartCollector* known) { m_known = known; }
 
   // `onBytes` learns where in the image check values are at; what it throws ends the work.
   void SetOnBytes(std::function<void(uint64_t at)> onBytes) { m_onBytes = std::move(onBytes); }
@@ -64,7 +64,7 @@ class IndexRecordWriter {
   // last item.
   uint64_t Finish();
 
-  uint64_t RestartBytes() const { return m_nRestartBytes; }
+  uint64_t RestartBytes() const { return m_restartBytes; }
 
  private:
   void AppendLast();
@@ -73,27 +73,27 @@ class IndexRecordWriter {
   void EndSection(uint64_t value, uint64_t end);
   void Take(uint64_t at, uint64_t end, RunningChecksum* file);
 
-  RecordSource m_Source;  // of the last item, if it is a file
-  bool m_bRestartPoints;
-  const RestartCollector* m_pKnown = nullptr;
+  RecordSource m_source;  // of the last item, if it is a file
+  bool m_restartPoints;
+  const RestartCollector* m_known = nullptr;
   std::function<void(uint64_t)> m_onBytes;
-  uint64_t m_nIndexOffset;
-  FileWindow m_Window;
-  IndexStream m_Stream;
-  RunningChecksum m_Section;
-  RunningChecksum m_File;
-  uint64_t m_nSectionRecord = 0;
-  uint64_t m_nSectionStart = 0;
-  uint64_t m_nSectionBefore = 0;  // its check value up to the last item
-  bool m_bEnded = false;
+  uint64_t m_indexOffset;
+  FileWindow m_window;
+  IndexStream m_stream;
+  RunningChecksum m_section;
+  RunningChecksum m_file;
+  uint64_t m_sectionRecord = 0;
+  uint64_t m_sectionStart = 0;
+  uint64_t m_sectionBefore = 0;  // its check value up to the last item
+  bool m_ended = false;
   // The last item waits for the next one: readers see nothing behind the record that ends the
   // index.
-  bool m_bHasLast = false;
-  IndexRecord m_Last;
-  std::string m_strDamage;  // of the last item
-  std::string m_label;      // the same
-  std::optional<IndexRecord> m_FileNote;
-  uint64_t m_nRestartBytes = 0;
+  bool m_hasLast = false;
+  IndexRecord m_last;
+  std::string m_damage;  // of the last item
+  std::string m_label;   // the same
+  std::optional<IndexRecord> m_fileNote;
+  uint64_t m_restartBytes = 0;
 };
 
 }  // namespace capsule::host

@@ -26,36 +26,36 @@ constexpr char kUnsure[] = "; the folders of what follows are not sure, so no in
 class ItemJudge {
  public:
   ItemJudge(const ImageFile& image, const DecodedHeader& header) {
-    m_Source.image = image;
-    m_Source.rules.imageIsCompressed = header.compressed;
+    m_source.image = image;
+    m_source.rules.imageIsCompressed = header.compressed;
     const auto take = [this](const MapItem& item) {
-      if (!item.problem.empty()) m_Problems.emplace_back(item.offset, item.problem);
+      if (!item.problem.empty()) m_problems.emplace_back(item.offset, item.problem);
     };
     MapImage(image, take, false);
-    std::stable_sort(m_Problems.begin(), m_Problems.end(),
+    std::stable_sort(m_problems.begin(), m_problems.end(),
                      [](const auto& a, const auto& b) { return a.first < b.first; });
   }
 
   // What is wrong with its records, to be asked in the order of the items, or nothing.
   std::string Judge(const SectionItem& item) {
-    while (m_nProblem < m_Problems.size() && m_Problems[m_nProblem].first < item.offset) {
-      ++m_nProblem;
+    while (m_problem < m_problems.size() && m_problems[m_problem].first < item.offset) {
+      ++m_problem;
     }
     std::string wrong = JudgeData(item);
     const bool isHit =
-        m_nProblem < m_Problems.size() && m_Problems[m_nProblem].first < item.offset + item.length;
-    return wrong.empty() && isHit ? m_Problems[m_nProblem].second : wrong;
+        m_problem < m_problems.size() && m_problems[m_problem].first < item.offset + item.length;
+    return wrong.empty() && isHit ? m_problems[m_problem].second : wrong;
   }
 
  private:
   std::string JudgeData(const SectionItem& item) {
     if (item.kind != Kind::File || IsLeftOut(item)) return {};
-    m_Source.begin = item.dataOffset;
-    m_Source.limit = item.offset + item.length;
-    m_Source.size = item.entry.FileSize;
-    m_Source.rules.kind = item.Records();
-    m_Source.fileRecord = item.offset;
-    return ProblemOf(m_Source);
+    m_source.begin = item.dataOffset;
+    m_source.limit = item.offset + item.length;
+    m_source.size = item.entry.FileSize;
+    m_source.rules.kind = item.Records();
+    m_source.fileRecord = item.offset;
+    return ProblemOf(m_source);
   }
 
   // Writers leave out what the file system keeps in files of its own.
@@ -64,9 +64,9 @@ class ItemJudge {
            item.dataOffset == item.offset + item.length;
   }
 
-  RecordSource m_Source;
-  std::vector<std::pair<uint64_t, std::string>> m_Problems;  // by offset
-  size_t m_nProblem = 0;                                     // the next
+  RecordSource m_source;
+  std::vector<std::pair<uint64_t, std::string>> m_problems;  // by offset
+  size_t m_problem = 0;                                      // the next
 };
 
 uint64_t VisitSoundItems(const ImageFile& image, bool readsData, const ItemVisitor& visitor) {
@@ -86,11 +86,11 @@ class LeftVisit {
  public:
   LeftVisit(const ImageFile& image, const ItemVisitor& visitor)
       : m_image(image),
-        m_nLength(image.Size()),
-        m_Header(ReadImageHeader(image)),
-        m_Judge(image, m_Header),
-        m_nFirst(m_nLength),
-        m_Visitor(visitor) {}
+        m_length(image.Size()),
+        m_header(ReadImageHeader(image)),
+        m_judge(image, m_header),
+        m_first(m_length),
+        m_visitor(visitor) {}
 
   uint64_t Run() {
     SurveyVisitor survey;
@@ -98,52 +98,52 @@ class LeftVisit {
     survey.onDamage = [this](uint64_t offset, const std::string& reason) { Note(offset, reason); };
     survey.onFileDamage = [](uint64_t, const std::string&) {};  // comes with the file
     survey.onStray = [this](uint64_t offset) { Note(offset, "its folder is lost"); };
-    const uint64_t limit = LimitOfSections(m_image, m_Header, {}, m_nLength);
+    const uint64_t limit = LimitOfSections(m_image, m_header, {}, m_length);
     SurveyBySearch(m_image, {limit}, survey);
-    if (m_nFirst < m_nEnd) throw Error(m_image.Name(), m_strFirst + kUnsure, m_nFirst);
-    if (m_Last != Kind::Trailer && m_Last != Kind::NtfsEnd) {
-      m_Visitor.onImage({0, kHeaderSize, "the end is missing: " + EndText(), true});
-    } else if (m_nFirst < m_nLength) {
-      m_Visitor.onImage({0, kHeaderSize, m_strFirst, false});
+    if (m_first < m_end) throw Error(m_image.Name(), m_firstReason + kUnsure, m_first);
+    if (m_last != Kind::Trailer && m_last != Kind::NtfsEnd) {
+      m_visitor.onImage({0, kHeaderSize, "the end is missing: " + EndText(), true});
+    } else if (m_first < m_length) {
+      m_visitor.onImage({0, kHeaderSize, m_firstReason, false});
     }
-    return m_nLength;
+    return m_length;
   }
 
  private:
   void Take(const SurveyItem& found) {
     const SectionItem& item = found.item;
-    m_nEnd = item.offset + item.length;
-    m_Last = item.kind;
+    m_end = item.offset + item.length;
+    m_last = item.kind;
     if (found.isPlaceholder) Note(item.offset, "its folder is lost");
-    std::string damage = found.damage.empty() ? m_Judge.Judge(item) : found.damage;
+    std::string damage = found.damage.empty() ? m_judge.Judge(item) : found.damage;
     if (damage.empty() && !item.nameProblem.empty()) damage = "long name: " + item.nameProblem;
-    m_Visitor.onItem(item, damage);
+    m_visitor.onItem(item, damage);
   }
 
   // Notes damage to something else than the data of a file.
   void Note(uint64_t offset, const std::string& reason) {
-    if (offset < m_nFirst || m_strFirst.empty()) {
-      m_strFirst = "item at " + Hex(offset) + ": " + reason;
+    if (offset < m_first || m_firstReason.empty()) {
+      m_firstReason = "item at " + Hex(offset) + ": " + reason;
     }
-    m_nFirst = std::min(m_nFirst, offset);
+    m_first = std::min(m_first, offset);
   }
 
   std::string EndText() const {
-    const std::string has = "the file has " + std::to_string(m_nLength) + " bytes";
-    if (m_Header.indexOffset <= m_nLength) return has + " and the last section no end";
-    return has + ", its index began at " + std::to_string(m_Header.indexOffset) +
+    const std::string has = "the file has " + std::to_string(m_length) + " bytes";
+    if (m_header.indexOffset <= m_length) return has + " and the last section no end";
+    return has + ", its index began at " + std::to_string(m_header.indexOffset) +
            "; what lay behind is lost";
   }
 
   ImageFile m_image;
-  uint64_t m_nLength;
-  DecodedHeader m_Header;
-  ItemJudge m_Judge;
-  uint64_t m_nEnd = 0;  // of the last item
-  Kind m_Last = Kind::Section;
-  uint64_t m_nFirst;  // damage that is not to the data of a file
-  std::string m_strFirst;
-  const ItemVisitor& m_Visitor;
+  uint64_t m_length;
+  DecodedHeader m_header;
+  ItemJudge m_judge;
+  uint64_t m_end = 0;  // of the last item
+  Kind m_last = Kind::Section;
+  uint64_t m_first;  // damage that is not to the data of a file
+  std::string m_firstReason;
+  const ItemVisitor& m_visitor;
 };
 
 }  // namespace

@@ -18,25 +18,25 @@ constexpr size_t kBufferSize = size_t{64} << 10;
 }
 
 IndexStream::IndexStream(int descriptor, std::string name, uint64_t offset)
-    : m_nDescriptor(descriptor),
-      m_strName(std::move(name)),
-      m_nStart(offset),
-      m_nFlushed(offset),
-      m_Buffer(kIndexPreamble) {}
+    : m_descriptor(descriptor),
+      m_name(std::move(name)),
+      m_start(offset),
+      m_flushed(offset),
+      m_buffer(kIndexPreamble) {}
 
 uint64_t IndexStream::Append(const IndexRecord& record) {
-  const uint64_t position = m_nFlushed + m_Buffer.size();
-  AppendIndexRecord(record, &m_Buffer);
-  if (m_Buffer.size() >= kBufferSize) Flush();
+  const uint64_t position = m_flushed + m_buffer.size();
+  AppendIndexRecord(record, &m_buffer);
+  if (m_buffer.size() >= kBufferSize) Flush();
   return position;
 }
 
 void IndexStream::Replace(uint64_t position, const IndexRecord& record) {
   std::vector<unsigned char> bytes;
   AppendIndexRecord(record, &bytes);
-  if (position >= m_nFlushed) {
+  if (position >= m_flushed) {
     std::copy(bytes.begin(), bytes.end(),
-              m_Buffer.begin() + static_cast<std::ptrdiff_t>(position - m_nFlushed));
+              m_buffer.begin() + static_cast<std::ptrdiff_t>(position - m_flushed));
   } else {
     WriteAt(position, bytes);
   }
@@ -45,28 +45,28 @@ void IndexStream::Replace(uint64_t position, const IndexRecord& record) {
 uint64_t IndexStream::Finish() {
   Flush();
   IndexChecksum checksum;
-  FileWindow window(ImageFile(m_nDescriptor, m_strName));
-  for (uint64_t at = m_nStart + kIndexPreamble; at < m_nFlushed;) {
-    const uint64_t left = m_nFlushed - at;
+  FileWindow window(ImageFile(m_descriptor, m_name));
+  for (uint64_t at = m_start + kIndexPreamble; at < m_flushed;) {
+    const uint64_t left = m_flushed - at;
     const auto bytes =
         window.At(at, static_cast<size_t>(std::min<uint64_t>(left, FileWindow::kSize)));
-    if (bytes.empty()) throw Error(m_strName, "index ends at " + Hex(at), at);
+    if (bytes.empty()) throw Error(m_name, "index ends at " + Hex(at), at);
     checksum.Update(bytes);
     at += bytes.size();
   }
-  WriteAt(m_nStart, EncodeIndexStart(checksum.Value()));
-  return m_nFlushed;
+  WriteAt(m_start, EncodeIndexStart(checksum.Value()));
+  return m_flushed;
 }
 
 void IndexStream::Flush() {
-  WriteAt(m_nFlushed, m_Buffer);
-  m_nFlushed += m_Buffer.size();
-  m_Buffer.clear();
+  WriteAt(m_flushed, m_buffer);
+  m_flushed += m_buffer.size();
+  m_buffer.clear();
 }
 
 void IndexStream::WriteAt(uint64_t offset, std::span<const unsigned char> bytes) {
-  if (!platform::WriteAt(m_nDescriptor, bytes.data(), bytes.size(), static_cast<int64_t>(offset))) {
-    ThrowSystemError(m_strName, "write at " + Hex(offset), errno, offset);
+  if (!platform::WriteAt(m_descriptor, bytes.data(), bytes.size(), static_cast<int64_t>(offset))) {
+    ThrowSystemError(m_name, "write at " + Hex(offset), errno, offset);
   }
 }
 

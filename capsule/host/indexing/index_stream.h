@@ -28,11 +28,11 @@ class IndexStream {
   void Flush();
   void WriteAt(uint64_t offset, std::span<const unsigned char> bytes);
 
-  int m_nDescriptor;
-  std::string m_strName;
-  uint64_t m_nStart;
-  uint64_t m_nFlushed;  // file offset of the first buffered byte
-  std::vector<unsigned char> m_Buffer;
+  int m_descriptor;
+  std::string m_name;
+  uint64_t m_start;
+  uint64_t m_flushed;  // file offset of the first buffered byte
+  std::vector<unsigned char> m_buffer;
 };
 
 }  // namespace capsule::host

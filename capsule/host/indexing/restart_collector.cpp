@@ -17,23 +17,23 @@ bool IsBefore(const IndexRecord& point, uint64_t offset) { return point.offset <
 }  // namespace
 
 void RestartCollector::Take(const InsertObserver::Chunk& next) {
-  if (next.fileOffset == 0) m_nWanted = kRestartDistance;
-  if (next.fileOffset < m_nWanted) return;
-  m_nWanted = next.fileOffset + kRestartDistance;
-  if (m_Points.size() == kMostPoints) return;
+  if (next.fileOffset == 0) m_wanted = kRestartDistance;
+  if (next.fileOffset < m_wanted) return;
+  m_wanted = next.fileOffset + kRestartDistance;
+  if (m_points.size() == kMostPoints) return;
   const auto history =
       next.before.last(next.isCompressed ? std::min(next.before.size(), kMaxHistory) : 0);
-  m_Points.push_back(RestartRecord(static_cast<uint64_t>(next.record), next.fileOffset, history));
+  m_points.push_back(RestartRecord(static_cast<uint64_t>(next.record), next.fileOffset, history));
 }
 
 void RestartCollector::Forget(int64_t offset) {
-  while (!m_Points.empty() && m_Points.back().offset >= offset) m_Points.pop_back();
+  while (!m_points.empty() && m_points.back().offset >= offset) m_points.pop_back();
 }
 
 std::span<const IndexRecord> RestartCollector::Of(uint64_t begin, uint64_t limit,
                                                   uint64_t size) const {
-  const auto first = std::lower_bound(m_Points.begin(), m_Points.end(), begin, IsBefore);
-  const auto end = std::lower_bound(first, m_Points.end(), limit, IsBefore);
+  const auto first = std::lower_bound(m_points.begin(), m_points.end(), begin, IsBefore);
+  const auto end = std::lower_bound(first, m_points.end(), limit, IsBefore);
   const auto count = static_cast<uint64_t>(end - first);
   if (size == 0 || count != (size - 1) / kRestartDistance) return {};
   return {first, end};

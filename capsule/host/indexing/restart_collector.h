@@ -25,8 +25,8 @@ class RestartCollector {
   std::span<const IndexRecord> Of(uint64_t begin, uint64_t limit, uint64_t size) const;
 
  private:
-  std::vector<IndexRecord> m_Points;
-  uint32_t m_nWanted = 0;  // offset in the file from which on the next point is due
+  std::vector<IndexRecord> m_points;
+  uint32_t m_wanted = 0;  // offset in the file from which on the next point is due
 };
 
 }  // namespace capsule::host

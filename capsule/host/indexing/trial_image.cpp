@@ -19,11 +19,11 @@ constexpr uint64_t kPiece = uint64_t{64} << 10;
 
 TrialImage::TrialImage(const ImageFile& image) : m_image(image) {
   const std::string& name = image.Name();
-  if (m_File.Create(name)) return;
+  if (m_file.Create(name)) return;
   std::error_code ignored;
   const auto folder = std::filesystem::temp_directory_path(ignored);
   const auto file = folder / std::filesystem::path(name).filename();
-  if (folder.empty() || !m_File.Create(file.string())) Fail("cannot create a file to try it with");
+  if (folder.empty() || !m_file.Create(file.string())) Fail("cannot create a file to try it with");
 }
 
 uint64_t TrialImage::Length() const {
@@ -41,7 +41,7 @@ void TrialImage::Put(std::span<const unsigned char> header) {
 void TrialImage::Open(bool isWhole) const {
   std::string problem;
   try {
-    const Image image(DescriptorSource(Descriptor()), m_File.Path());
+    const Image image(DescriptorSource(Descriptor()), m_file.Path());
     if (!isWhole || image.IsWhole()) return;
     problem = image.Problems().front().path + ": " + image.Problems().front().reason;
   } catch (const Error& error) {

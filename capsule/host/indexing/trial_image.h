@@ -17,7 +17,7 @@ class TrialImage {
   // Makes an empty file to try `image` with. Throws host::Error when no file can be made.
   explicit TrialImage(const ImageFile& image);
 
-  int Descriptor() const { return m_File.Descriptor(); }
+  int Descriptor() const { return m_file.Descriptor(); }
   uint64_t Length() const;
 
   // Copies the bytes of the image from `begin` to `end`.
@@ -33,7 +33,7 @@ class TrialImage {
   [[noreturn]] void Fail(const char* step) const;
 
   ImageFile m_image;
-  platform::TemporaryFile m_File;
+  platform::TemporaryFile m_file;
 };
 
 // Copies bytes of an image to the same place of an open file; false with errno when it cannot be

@@ -24,7 +24,7 @@ std::string Text(std::span<const unsigned char> field) {
 class HeaderMapper {
  public:
   HeaderMapper(const StoredHeader& header, size_t stored, MapSink& sink)
-      : m_nStored(stored), m_Sink(sink), m_header(header), m_Bytes(header.bytes) {}
+      : m_stored(stored), m_sink(sink), m_header(header), m_bytes(header.bytes) {}
 
   void Map() {
     MapFront();
@@ -38,32 +38,32 @@ class HeaderMapper {
 
  private:
   void MapFront() {
-    const auto field = [&](size_t at, size_t size) { return std::span(m_Bytes).subspan(at, size); };
+    const auto field = [&](size_t at, size_t size) { return std::span(m_bytes).subspan(at, size); };
     Field(0, kVersionSize, "version text " + Text(field(0, kVersionSize)));
     Field(kVersionSize, kScrambleFlagOffset - kVersionSize, "opaque");
     Field(kScrambleFlagOffset, 1,
           m_header.isScrambled ? "scrambled: fields below are restored"
-                               : Value("scramble flag", m_Bytes[kScrambleFlagOffset]),
+                               : Value("scramble flag", m_bytes[kScrambleFlagOffset]),
           m_header.scrambleProblem);
     Field(kKeyOffset, kKeySize, "scramble key " + Text(field(kKeyOffset, kKeySize)));
     Field(kBehindKey, kIndexOffsetOffset - kBehindKey, "opaque");
-    const uint32_t index = platform::LoadLe32(&m_Bytes[kIndexOffsetOffset]);
+    const uint32_t index = platform::LoadLe32(&m_bytes[kIndexOffsetOffset]);
     Field(kIndexOffsetOffset, 4, "index offset " + Hex(index), JudgeIndex(index));
-    Field(kCompressionMarkOffset, 1, Value("compression mark", m_Bytes[kCompressionMarkOffset]));
-    Field(kConstant3Offset, 1, Value("constant", m_Bytes[kConstant3Offset]));
+    Field(kCompressionMarkOffset, 1, Value("compression mark", m_bytes[kCompressionMarkOffset]));
+    Field(kConstant3Offset, 1, Value("constant", m_bytes[kConstant3Offset]));
     const bool compact = SelectLayout(m_header.Bytes()) == HeaderLayout::Compact;
     Field(kTailOffsetOffset, 2,
-          Value("tail offset", platform::LoadLe16(&m_Bytes[kTailOffsetOffset])) +
+          Value("tail offset", platform::LoadLe16(&m_bytes[kTailOffsetOffset])) +
               (compact ? ": compact layout" : ": fixed layout"));
   }
 
   std::string JudgeIndex(uint32_t index) const {
-    const IndexPlace place = PlaceOfIndex(index, m_Sink.FileBytes());
+    const IndexPlace place = PlaceOfIndex(index, m_sink.FileBytes());
     if (place == IndexPlace::None || place == IndexPlace::InFile) return {};
     return "index would begin at " + Hex(index) +
            (place == IndexPlace::InHeader
                 ? ", inside the header"
-                : "; the file has " + std::to_string(m_Sink.FileBytes()) + " bytes");
+                : "; the file has " + std::to_string(m_sink.FileBytes()) + " bytes");
   }
 
   void MapTail(const HeaderTail& tail) {
@@ -74,9 +74,9 @@ class HeaderMapper {
     const size_t count = tail.At(kPartitionCountOffset);
     const size_t flag = tail.At(kCompressionFlagOffset);
     Field(count - 1, 1, "opaque");
-    Field(count, 1, Value("partition count", m_Bytes[count]));
+    Field(count, 1, Value("partition count", m_bytes[count]));
     Opaque(count + 1, flag);
-    Field(flag, 1, Value("compression flag", m_Bytes[flag]));
+    Field(flag, 1, Value("compression flag", m_bytes[flag]));
     Opaque(flag + 1, tail.records);
     const bool compact = tail.recordSize != kPartitionRecordSize;
     const size_t records = std::max(tail.recordCount, tail.sectionCount);
@@ -87,7 +87,7 @@ class HeaderMapper {
 
   void MapPartition(const HeaderTail& tail, size_t i) {
     const size_t at = tail.records + i * tail.recordSize;
-    const auto bytes = std::span(m_Bytes).subspan(at).first<kPartitionRecordSize>();
+    const auto bytes = std::span(m_bytes).subspan(at).first<kPartitionRecordSize>();
     const _Partition record = DecodePartition(bytes);
     const std::string number = "partition record " + std::to_string(i);
     Field(at, tail.recordSize,
@@ -107,24 +107,24 @@ class HeaderMapper {
 
   // Fields that the file ends in front of are left out; one that it ends in is a problem.
   void Field(size_t offset, size_t length, std::string text, std::string problem = {}) {
-    if (offset >= m_nStored) return;
+    if (offset >= m_stored) return;
     MapItem item;
     item.kind = MapItem::Kind::HeaderField;
     item.offset = offset;
-    item.length = std::min(length, m_nStored - offset);
+    item.length = std::min(length, m_stored - offset);
     item.text = std::move(text);
     item.problem = std::move(problem);
     if (item.length < length) {
-      item.problem = "header is cut short: " + std::to_string(m_nStored) + " of " +
+      item.problem = "header is cut short: " + std::to_string(m_stored) + " of " +
                      std::to_string(kHeaderSize) + " bytes";
     }
-    m_Sink.Add(item);
+    m_sink.Add(item);
   }
 
-  size_t m_nStored;
-  MapSink& m_Sink;
+  size_t m_stored;
+  MapSink& m_sink;
   const StoredHeader& m_header;
-  const std::vector<unsigned char>& m_Bytes;
+  const std::vector<unsigned char>& m_bytes;
 };
 
 }  // namespace

@@ -18,22 +18,22 @@ namespace {
 class ImageMapper {
  public:
   ImageMapper(const ImageFile& image, MapSink& sink)
-      : m_image(image), m_Window(image), m_Sink(sink) {}
+      : m_image(image), m_window(image), m_sink(sink) {}
 
   void Map(bool mayHaveIndex) {
-    const auto stored = m_Window.At(0, kHeaderSize);
+    const auto stored = m_window.At(0, kHeaderSize);
     const StoredHeader header(stored);
-    MapHeader(header, stored.size(), m_Sink);
-    MapSummary& summary = m_Sink.Summary();
+    MapHeader(header, stored.size(), m_sink);
+    MapSummary& summary = m_sink.Summary();
     summary.headerProblem = header.WhyNotAnImage();
     if (!summary.headerProblem.empty()) return MapRest();
     summary.compressed = header.decoded->compressed;
     summary.indexOffset = header.decoded->indexOffset;
     const bool hasIndex =
-        mayHaveIndex && LooksLikeIndex(m_Window, summary.indexOffset, m_Sink.FileBytes());
-    MapSections(*header.decoded, hasIndex ? summary.indexOffset : m_Sink.FileBytes());
+        mayHaveIndex && LooksLikeIndex(m_window, summary.indexOffset, m_sink.FileBytes());
+    MapSections(*header.decoded, hasIndex ? summary.indexOffset : m_sink.FileBytes());
     if (hasIndex) MapPlaceholder(summary.indexOffset);
-    if (hasIndex) MapIndex(m_image, m_Window, summary.indexOffset, m_Sink);
+    if (hasIndex) MapIndex(m_image, m_window, summary.indexOffset, m_sink);
     MapEnd(hasIndex);
   }
 
@@ -41,25 +41,25 @@ class ImageMapper {
   // Maps what follows a header that cannot be used: sections of FAT records are looked for all the
   // same.
   void MapRest() {
-    SectionMap sections(m_Window, m_Sink.FileBytes(), true, m_Sink);
+    SectionMap sections(m_window, m_sink.FileBytes(), true, m_sink);
     constexpr uint8_t kFat = 0x0B;
-    for (int n = 0; sections.Map(n, kFat); ++n) ++m_Sink.Summary().sections;
+    for (int n = 0; sections.Map(n, kFat); ++n) ++m_sink.Summary().sections;
     MapEnd(false);
   }
 
   void MapSections(const DecodedHeader& header, uint64_t end) {
-    SectionMap sections(m_Window, end, header.compressed, m_Sink);
+    SectionMap sections(m_window, end, header.compressed, m_sink);
     int number = 0;
     for (const uint8_t systemId : SectionsOf(header)) {
       if (sections.Map(number++, systemId)) {
-        ++m_Sink.Summary().sections;
+        ++m_sink.Summary().sections;
         continue;
       }
       MapItem missing;
       missing.section = number - 1;
-      missing.offset = m_Sink.Position();
+      missing.offset = m_sink.Position();
       missing.problem = "section " + std::to_string(number - 1) + " is missing";
-      m_Sink.Add(missing);
+      m_sink.Add(missing);
       return;
     }
   }
@@ -67,34 +67,34 @@ class ImageMapper {
   // Between the sections and the index there may be a zero entry for partitions not in use.
   void MapPlaceholder(uint64_t indexOffset) {
     const auto zero = EncodeZeroEntry();
-    const auto bytes = m_Window.At(m_Sink.Position(), zero.size());
-    const bool fits = m_Sink.Position() + zero.size() <= indexOffset;
+    const auto bytes = m_window.At(m_sink.Position(), zero.size());
+    const bool fits = m_sink.Position() + zero.size() <= indexOffset;
     if (!fits || !std::equal(zero.begin(), zero.end(), bytes.begin(), bytes.end())) return;
     MapItem item;
     item.kind = MapItem::Kind::ZeroEntry;
-    item.offset = m_Sink.Position();
+    item.offset = m_sink.Position();
     item.length = zero.size();
     item.text = "stands for partitions not in use";
-    m_Sink.Add(item);
+    m_sink.Add(item);
   }
 
   // Without an index, what lies behind the last section is of an older, longer file, unless it is a
   // section that the header should count.
   void MapEnd(bool hasIndex) {
-    const MapSummary& summary = m_Sink.Summary();
-    const uint64_t left = m_Sink.FileBytes() - m_Sink.Position();
+    const MapSummary& summary = m_sink.Summary();
+    const uint64_t left = m_sink.FileBytes() - m_sink.Position();
     const bool isOld = !hasIndex && summary.indexOffset == 0 && summary.headerProblem.empty();
-    if (!isOld) return m_Sink.Gap(m_Sink.FileBytes(), "", "", NothingKnown(left));
+    if (!isOld) return m_sink.Gap(m_sink.FileBytes(), "", "", NothingKnown(left));
     if (left == 0) return;
     const SectionScanner header(m_image);
-    const auto uncounted = FindUncountedSection(m_image, header, m_Sink.Position());
-    m_Sink.Gap(m_Sink.FileBytes(), "", "behind the last section",
+    const auto uncounted = FindUncountedSection(m_image, header, m_sink.Position());
+    m_sink.Gap(m_sink.FileBytes(), "", "behind the last section",
                uncounted ? UncountedReason(header.SectionCount()) : "");
   }
 
   ImageFile m_image;
-  FileWindow m_Window;
-  MapSink& m_Sink;
+  FileWindow m_window;
+  MapSink& m_sink;
 };
 
 }  // namespace

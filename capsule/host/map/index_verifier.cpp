@@ -25,11 +25,11 @@ void Keep(uint64_t offset, std::vector<uint32_t>* places, std::vector<bool>* nam
 void IndexVerifier::Take(const MapItem& item) {
   switch (item.kind) {
     case MapItem::Kind::SectionHeader:
-      if (item.length == kSectorAreaSize) Keep(item.offset, &m_Sections, &m_NamedSections);
+      if (item.length == kSectorAreaSize) Keep(item.offset, &m_sections, &m_namedSections);
       break;
     case MapItem::Kind::Trailer:
-      Keep(item.offset + item.length - std::min<uint64_t>(item.length, kDirRecordSize), &m_Closings,
-           &m_NamedClosings);
+      Keep(item.offset + item.length - std::min<uint64_t>(item.length, kDirRecordSize), &m_closings,
+           &m_namedClosings);
       break;
     case MapItem::Kind::IndexStart:
       TakeStart(item);
@@ -38,19 +38,19 @@ void IndexVerifier::Take(const MapItem& item) {
       TakeRecord(item);
       break;
     default:
-      if (item.beginsEntry) Keep(item.offset, &m_Entries, &m_NamedEntries);
+      if (item.beginsEntry) Keep(item.offset, &m_entries, &m_namedEntries);
   }
 }
 
 void IndexVerifier::TakeStart(const MapItem& item) {
-  m_bIndex = true;
-  m_bChecked = item.type == 1;
-  if (!m_bChecked) return;
+  m_index = true;
+  m_checked = item.type == 1;
+  if (!m_checked) return;
   IndexChecksum checksum;
-  Read(item.offset + kIndexPreamble, m_nFileBytes, [&](auto bytes) { checksum.Update(bytes); });
-  ++m_nCheckValues;
+  Read(item.offset + kIndexPreamble, m_fileBytes, [&](auto bytes) { checksum.Update(bytes); });
+  ++m_checkValues;
   if (checksum.Value() == item.target) return;
-  m_Report(item.offset, "",
+  m_report(item.offset, "",
            "check value of the index is " + Hex(item.target) + ", its bytes give " +
                Hex(checksum.Value()));
 }
@@ -58,22 +58,22 @@ void IndexVerifier::TakeStart(const MapItem& item) {
 void IndexVerifier::TakeRecord(const MapItem& item) {
   switch (item.type) {
     case kIndexSection:
-      ++m_nSectionsNamed;
-      m_strLastPath.clear();
-      Mark(m_Sections, &m_NamedSections, item);
+      ++m_sectionsNamed;
+      m_lastPath.clear();
+      Mark(m_sections, &m_namedSections, item);
       break;
     case kIndexFile:
     case kIndexZeroEntry:
-      m_nLastTarget = item.target;
-      m_nLastEnd = item.target + item.targetLength;
-      m_strLastPath.clear();
-      if (m_bChecked && !item.name.empty() && m_nSectionsNamed > 0) {
-        m_strLastPath = std::to_string(m_nSectionsNamed - 1) + ":/" + item.name;
+      m_lastTarget = item.target;
+      m_lastEnd = item.target + item.targetLength;
+      m_lastPath.clear();
+      if (m_checked && !item.name.empty() && m_sectionsNamed > 0) {
+        m_lastPath = std::to_string(m_sectionsNamed - 1) + ":/" + item.name;
       }
-      if (std::binary_search(m_Closings.begin(), m_Closings.end(), item.target)) {
-        Mark(m_Closings, &m_NamedClosings, item);
+      if (std::binary_search(m_closings.begin(), m_closings.end(), item.target)) {
+        Mark(m_closings, &m_namedClosings, item);
       } else {
-        Mark(m_Entries, &m_NamedEntries, item);
+        Mark(m_entries, &m_namedEntries, item);
       }
       break;
     case kIndexNote:
@@ -92,11 +92,11 @@ void IndexVerifier::Mark(const std::vector<uint32_t>& places, std::vector<bool>*
   const bool isKnown = place != places.end() && *place == item.target;
   if (!isKnown && StandsForUnused(item)) return;
   if (!isKnown) {
-    m_Report(item.offset, m_strLastPath,
+    m_report(item.offset, m_lastPath,
              "index names " + Hex(item.target) + ", where no " +
                  (item.type == kIndexSection ? "section" : "item") + " begins");
-  } else if ((*named)[number] && !IsReadAsNothing(m_Window, item.target)) {
-    m_Report(item.offset, m_strLastPath, "index names " + Hex(item.target) + " twice");
+  } else if ((*named)[number] && !IsReadAsNothing(m_window, item.target)) {
+    m_report(item.offset, m_lastPath, "index names " + Hex(item.target) + " twice");
   } else {
     (*named)[number] = true;
   }
@@ -105,47 +105,47 @@ void IndexVerifier::Mark(const std::vector<uint32_t>& places, std::vector<bool>*
 // Writers that give every record of the header a section name one that is not there, with a zero
 // entry, behind those that are.
 bool IndexVerifier::StandsForUnused(const MapItem& item) {
-  if (m_bChecked) return false;
-  if (item.type == kIndexSection) return m_nSectionsNamed > m_Sections.size();
-  return IsReadAsNothing(m_Window, item.target);
+  if (m_checked) return false;
+  if (item.type == kIndexSection) return m_sectionsNamed > m_sections.size();
+  return IsReadAsNothing(m_window, item.target);
 }
 
 void IndexVerifier::TakeNote(const MapItem& item) {
-  if (!m_bChecked && m_nCheckValues == 0) {
-    m_Report(item.offset, "", "index has check values, but none of its own: it should begin CI1");
+  if (!m_checked && m_checkValues == 0) {
+    m_report(item.offset, "", "index has check values, but none of its own: it should begin CI1");
   }
   const uint64_t end = item.target + item.targetLength;
-  if (end > m_nFileBytes) return;  // told already
-  ++m_nCheckValues;
-  if (item.targetLength > m_Budget) {
-    m_Report(item.offset, "", "check values cover the same bytes too often to be compared");
+  if (end > m_fileBytes) return;  // told already
+  ++m_checkValues;
+  if (item.targetLength > m_budget) {
+    m_report(item.offset, "", "check values cover the same bytes too often to be compared");
     return;
   }
-  m_Budget -= item.targetLength;
+  m_budget -= item.targetLength;
   RunningChecksum checksum;
   const bool complete = Read(item.target, end, [&](auto bytes) { checksum.Update(bytes); });
   const std::string found = ChecksumDigits(checksum.Value());
   const std::string stated(SplitNoteName(item.name).value);
   if (complete && found == stated) return;
-  const bool isSection = std::binary_search(m_Sections.begin(), m_Sections.end(), item.target);
-  const bool isFile = !isSection && item.target == m_nLastTarget;
+  const bool isSection = std::binary_search(m_sections.begin(), m_sections.end(), item.target);
+  const bool isFile = !isSection && item.target == m_lastTarget;
   const std::string what = item.target == 0 ? "the header" : isSection ? "the section" : "the item";
-  m_Report(item.target, isFile ? m_strLastPath : "",
+  m_report(item.target, isFile ? m_lastPath : "",
            "check value of " + what + " is " + stated + ", its " +
                std::to_string(item.targetLength) + " bytes give " + found);
 }
 
 // Where it leads is compared when its file is read.
 void IndexVerifier::TakeRestart(const MapItem& item) {
-  if (item.target >= m_nLastTarget && item.target + item.targetLength <= m_nLastEnd) return;
-  m_Report(item.offset, m_strLastPath, "restart point does not lie in the item before it");
+  if (item.target >= m_lastTarget && item.target + item.targetLength <= m_lastEnd) return;
+  m_report(item.offset, m_lastPath, "restart point does not lie in the item before it");
 }
 
 bool IndexVerifier::Read(uint64_t begin, uint64_t end,
                          const std::function<void(std::span<const unsigned char>)>& take) {
   while (begin < end) {
     const auto count = std::min<uint64_t>(end - begin, FileWindow::kSize);
-    const auto bytes = m_Window.At(begin, static_cast<size_t>(count));
+    const auto bytes = m_window.At(begin, static_cast<size_t>(count));
     if (bytes.empty()) return false;
     take(bytes);
     begin += bytes.size();
@@ -154,14 +154,14 @@ bool IndexVerifier::Read(uint64_t begin, uint64_t end,
 }
 
 bool IndexVerifier::Names(uint64_t offset) const {
-  const auto place = std::lower_bound(m_Entries.begin(), m_Entries.end(), offset);
-  return !m_bIndex || place == m_Entries.end() || *place != offset ||
-         m_NamedEntries[static_cast<size_t>(place - m_Entries.begin())];
+  const auto place = std::lower_bound(m_entries.begin(), m_entries.end(), offset);
+  return !m_index || place == m_entries.end() || *place != offset ||
+         m_namedEntries[static_cast<size_t>(place - m_entries.begin())];
 }
 
 bool IndexVerifier::NamesAll() const {
-  return !m_bIndex || std::all_of(m_NamedEntries.begin(), m_NamedEntries.end(),
-                                  [](bool named) { return named; });
+  return !m_index || std::all_of(m_namedEntries.begin(), m_namedEntries.end(),
+                                 [](bool named) { return named; });
 }
 
 }  // namespace capsule::host

@@ -22,10 +22,10 @@ class IndexVerifier {
   using Report = std::function<void(uint64_t offset, const std::string& path, std::string reason)>;
 
   IndexVerifier(FileWindow& window, uint64_t fileBytes, Report report)
-      : m_Window(window),
-        m_nFileBytes(fileBytes),
-        m_Budget(4 * fileBytes),
-        m_Report(std::move(report)) {}
+      : m_window(window),
+        m_fileBytes(fileBytes),
+        m_budget(4 * fileBytes),
+        m_report(std::move(report)) {}
 
   // Takes every item of the map.
   void Take(const MapItem& item);
@@ -34,7 +34,7 @@ class IndexVerifier {
   bool Names(uint64_t offset) const;
   bool NamesAll() const;
 
-  uint64_t CheckValues() const { return m_nCheckValues; }
+  uint64_t CheckValues() const { return m_checkValues; }
 
  private:
   void TakeStart(const MapItem& item);
@@ -46,23 +46,23 @@ class IndexVerifier {
   bool Read(uint64_t begin, uint64_t end,
             const std::function<void(std::span<const unsigned char>)>& take);
 
-  FileWindow& m_Window;
-  uint64_t m_nFileBytes;
-  uint64_t m_Budget;
-  Report m_Report;
-  std::vector<uint32_t> m_Entries;   // where they begin, ascending
-  std::vector<uint32_t> m_Closings;  // last bytes of trailers, which may be named
-  std::vector<uint32_t> m_Sections;
-  std::vector<bool> m_NamedEntries;
-  std::vector<bool> m_NamedClosings;
-  std::vector<bool> m_NamedSections;
-  bool m_bIndex = false;
-  bool m_bChecked = false;
-  uint64_t m_nSectionsNamed = 0;
-  uint64_t m_nCheckValues = 0;
-  uint64_t m_nLastTarget = 0;  // of the record that a check value may follow
-  uint64_t m_nLastEnd = 0;
-  std::string m_strLastPath;
+  FileWindow& m_window;
+  uint64_t m_fileBytes;
+  uint64_t m_budget;
+  Report m_report;
+  std::vector<uint32_t> m_entries;   // where they begin, ascending
+  std::vector<uint32_t> m_closings;  // last bytes of trailers, which may be named
+  std::vector<uint32_t> m_sections;
+  std::vector<bool> m_namedEntries;
+  std::vector<bool> m_namedClosings;
+  std::vector<bool> m_namedSections;
+  bool m_index = false;
+  bool m_checked = false;
+  uint64_t m_sectionsNamed = 0;
+  uint64_t m_checkValues = 0;
+  uint64_t m_lastTarget = 0;  // of the record that a check value may follow
+  uint64_t m_lastEnd = 0;
+  std::string m_lastPath;
 };
 
 }  // namespace capsule::host

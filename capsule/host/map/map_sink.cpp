@@ -13,13 +13,13 @@ std::string NothingKnown(uint64_t bytes) {
 }
 
 void MapSink::Add(const MapItem& item) {
-  if (item.offset > m_nPosition) {
-    Gap(item.offset, "", "", NothingKnown(item.offset - m_nPosition));
+  if (item.offset > m_position) {
+    Gap(item.offset, "", "", NothingKnown(item.offset - m_position));
   }
   const uint64_t end = std::min(item.offset + item.length, FileBytes());
-  const uint64_t before = m_nPosition;
-  m_nPosition = std::max(before, end);
-  m_Summary.accountedBytes += m_nPosition - before;
+  const uint64_t before = m_position;
+  m_position = std::max(before, end);
+  m_summary.accountedBytes += m_position - before;
   Pass(item);
   if (item.offset >= before || end <= item.offset) return;
   MapItem overlap;
@@ -36,21 +36,21 @@ void MapSink::Add(const MapItem& item) {
 void MapSink::Gap(uint64_t offset, const std::string& path, const std::string& text,
                   const std::string& problem) {
   offset = std::min(offset, FileBytes());
-  if (offset <= m_nPosition) return;
+  if (offset <= m_position) return;
   MapItem gap;
-  gap.offset = m_nPosition;
-  gap.length = offset - m_nPosition;
+  gap.offset = m_position;
+  gap.length = offset - m_position;
   gap.path = path;
   gap.text = text;
   gap.problem = problem;
-  m_nPosition = offset;
+  m_position = offset;
   Pass(gap);
 }
 
 void MapSink::Pass(const MapItem& item) {
-  ++m_Summary.items;
-  m_Summary.problems += item.problem.empty() ? 0 : 1;
-  m_Take(item);
+  ++m_summary.items;
+  m_summary.problems += item.problem.empty() ? 0 : 1;
+  m_take(item);
 }
 
 }  // namespace capsule::host

@@ -11,8 +11,8 @@ namespace capsule::host {
 
 class MapSink {
  public:
-  MapSink(uint64_t fileBytes, const std::function<void(const MapItem&)>& take) : m_Take(take) {
-    m_Summary.fileBytes = fileBytes;
+  MapSink(uint64_t fileBytes, const std::function<void(const MapItem&)>& take) : m_take(take) {
+    m_summary.fileBytes = fileBytes;
   }
 
   // In front of an item that does not begin where the last one ended comes a gap, behind one that
@@ -24,16 +24,16 @@ class MapSink {
            const std::string& problem);
 
   // The end of what has been covered so far.
-  uint64_t Position() const { return m_nPosition; }
-  uint64_t FileBytes() const { return m_Summary.fileBytes; }
-  MapSummary& Summary() { return m_Summary; }
+  uint64_t Position() const { return m_position; }
+  uint64_t FileBytes() const { return m_summary.fileBytes; }
+  MapSummary& Summary() { return m_summary; }
 
  private:
   void Pass(const MapItem& item);
 
-  const std::function<void(const MapItem&)>& m_Take;
-  MapSummary m_Summary;
-  uint64_t m_nPosition = 0;
+  const std::function<void(const MapItem&)>& m_take;
+  MapSummary m_summary;
+  uint64_t m_position = 0;
 };
 
 // "N bytes belong to nothing".

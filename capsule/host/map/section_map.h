@@ -24,7 +24,7 @@ class SectionMap {
  public:
   // `end`: where sections end at the latest.
   SectionMap(FileWindow& window, uint64_t end, bool compressed, MapSink& sink)
-      : m_Window(window), m_nEnd(end), m_bCompressed(compressed), m_Sink(sink) {}
+      : m_window(window), m_end(end), m_compressed(compressed), m_sink(sink) {}
 
   // Maps the section that begins at the sink's position, or behind it when there is none there.
   // False when there is none at all.
@@ -60,22 +60,22 @@ class SectionMap {
   uint64_t FindSection(uint64_t offset);
   uint64_t Here() const;
 
-  FileWindow& m_Window;
-  uint64_t m_nEnd;
-  bool m_bCompressed;
-  MapSink& m_Sink;
+  FileWindow& m_window;
+  uint64_t m_end;
+  bool m_compressed;
+  MapSink& m_sink;
 
-  int m_nSection = 0;
-  bool m_bNtfs = false;
-  bool m_bEnded = false;
-  EntryGroup m_Group;             // the one being read
-  std::vector<MapItem> m_Pieces;  // of its long name
-  OpenFolders m_Folders;
-  uint64_t m_nOthersEnd = 0;  // of records of unknown types that are told one by one
-  std::string m_strFile;      // path of what data blocks belong to
-  bool m_bTakesData = false;
-  bool m_bLastSeen = false;
-  uint64_t m_nFileBytes = 0;  // that the records so far stand for
+  int m_section = 0;
+  bool m_ntfs = false;
+  bool m_ended = false;
+  EntryGroup m_group;             // the one being read
+  std::vector<MapItem> m_pieces;  // of its long name
+  OpenFolders m_folders;
+  uint64_t m_othersEnd = 0;  // of records of unknown types that are told one by one
+  std::string m_file;        // path of what data blocks belong to
+  bool m_takesData = false;
+  bool m_lastSeen = false;
+  uint64_t m_fileBytes = 0;  // that the records so far stand for
 };
 
 }  // namespace capsule::host

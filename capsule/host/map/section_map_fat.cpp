@@ -48,10 +48,10 @@ std::string DescribeEntry(const _ShortDirEntry& entry) {
 
 // Maps one record; false when there is none at the position.
 bool SectionMap::MapFatRecord() {
-  const uint64_t at = Here() + m_Pieces.size() * kDirRecordSize;
+  const uint64_t at = Here() + m_pieces.size() * kDirRecordSize;
   if (!IsFatRecordAt(at)) return false;
   const _MiniHeader header =
-      DecodeMiniHeader(m_Window.At(at, kMiniHeaderSize).first<kMiniHeaderSize>());
+      DecodeMiniHeader(m_window.At(at, kMiniHeaderSize).first<kMiniHeaderSize>());
   if (header.Type == kRecordDirectory) {
     MapDirectoryRecord(header);
     return true;
@@ -66,98 +66,98 @@ bool SectionMap::MapFatRecord() {
 }
 
 void SectionMap::MapDirectoryRecord(const _MiniHeader& header) {
-  const uint64_t at = Here() + m_Pieces.size() * kDirRecordSize;
+  const uint64_t at = Here() + m_pieces.size() * kDirRecordSize;
   std::array<unsigned char, kDirEntrySize> bytes{};
-  const auto stored = m_Window.At(at + kMiniHeaderSize, kDirEntrySize);
+  const auto stored = m_window.At(at + kMiniHeaderSize, kDirEntrySize);
   std::copy(stored.begin(), stored.end(), bytes.begin());
-  m_bTakesData = false;
-  auto taken = m_Group.Take(bytes);
+  m_takesData = false;
+  auto taken = m_group.Take(bytes);
   if (taken == EntryGroup::Taken::TooManyPieces) {
     DropPieces("long name has more than " + Count(kMaxLongNamePieces) + " pieces");
-    taken = m_Group.Take(bytes);
+    taken = m_group.Take(bytes);
   }
   if (taken == EntryGroup::Taken::Piece) return MapLongName(header, bytes);
   if (taken == EntryGroup::Taken::NoEntry) DropPieces("long name without an entry");
-  m_Group.Role() == EntryRole::Closing ? MapZeroEntry(header) : MapShortEntry(header);
-  m_Folders.Pass(m_Group.Role(), NameOf(m_Group));
-  m_Group.Clear();
+  m_group.Role() == EntryRole::Closing ? MapZeroEntry(header) : MapShortEntry(header);
+  m_folders.Pass(m_group.Role(), NameOf(m_group));
+  m_group.Clear();
 }
 
 void SectionMap::MapZeroEntry(const _MiniHeader& header) {
   MapItem item = ItemAt(MapItem::Kind::ZeroEntry, kDirRecordSize);
   item.beginsEntry = true;
-  item.text = m_Folders.Depth() == 0
+  item.text = m_folders.Depth() == 0
                   ? "closes nothing"
-                  : "closes \"" + (HasLongPath() ? "…" : m_Folders.Path()) + "\"";
+                  : "closes \"" + (HasLongPath() ? "…" : m_folders.Path()) + "\"";
   item.problem = JudgeDirectoryHeader(header);
-  m_strFile.clear();
-  m_Sink.Add(item);
+  m_file.clear();
+  m_sink.Add(item);
 }
 
 void SectionMap::MapLongName(const _MiniHeader& header, EntryGroup::Payload bytes) {
   MapItem item = ItemAt(MapItem::Kind::LongName, kDirRecordSize);
-  item.offset += m_Pieces.size() * kDirRecordSize;
-  item.beginsEntry = m_Pieces.empty();
+  item.offset += m_pieces.size() * kDirRecordSize;
+  item.beginsEntry = m_pieces.empty();
   item.text = DescribePiece(bytes);
   item.problem = JudgeDirectoryHeader(header);
-  m_Pieces.push_back(item);
+  m_pieces.push_back(item);
 }
 
 void SectionMap::MapShortEntry(const _MiniHeader& header) {
-  const _ShortDirEntry& entry = m_Group.Entry();
-  const EntryRole role = m_Group.Role();
-  m_strFile = PathOf(NameOf(m_Group));
+  const _ShortDirEntry& entry = m_group.Entry();
+  const EntryRole role = m_group.Role();
+  m_file = PathOf(NameOf(m_group));
   FinishPieces();
   MapItem item = ItemAt(MapItem::Kind::ShortEntry, kDirRecordSize);
-  item.beginsEntry = !m_Group.HasLongName();
-  item.path = m_strFile;
+  item.beginsEntry = !m_group.HasLongName();
+  item.path = m_file;
   item.text = DescribeEntry(entry);
   item.problem = JudgeDirectoryHeader(header);
   item.attributes = entry.Attribute;
   item.fileSize = role == EntryRole::File ? entry.FileSize : 0;
-  m_bTakesData = role == EntryRole::File && entry.FileSize != 0;
-  m_bLastSeen = false;
-  m_nFileBytes = 0;
-  m_Sink.Add(item);
+  m_takesData = role == EntryRole::File && entry.FileSize != 0;
+  m_lastSeen = false;
+  m_fileBytes = 0;
+  m_sink.Add(item);
 }
 
 // Judges the pieces of a long name, now that their entry is known, and passes them on.
 void SectionMap::FinishPieces() {
-  for (size_t i = 0; i < m_Pieces.size(); ++i) {
-    m_Pieces[i].path = m_strFile;
-    if (const auto fault = m_Group.FaultOf(i)) m_Pieces[i].problem = DescribeFault(*fault);
+  for (size_t i = 0; i < m_pieces.size(); ++i) {
+    m_pieces[i].path = m_file;
+    if (const auto fault = m_group.FaultOf(i)) m_pieces[i].problem = DescribeFault(*fault);
   }
-  if (!m_Pieces.empty() && m_Pieces.front().problem.empty()) {
-    m_Pieces.front().problem = m_Group.FaultOfFilling();
+  if (!m_pieces.empty() && m_pieces.front().problem.empty()) {
+    m_pieces.front().problem = m_group.FaultOfFilling();
   }
   PassPieces();
 }
 
 // Passes the waiting pieces on; `problem`: what is wrong with the first.
 void SectionMap::DropPieces(const std::string& problem) {
-  if (!m_Pieces.empty()) m_Pieces.front().problem = problem;
+  if (!m_pieces.empty()) m_pieces.front().problem = problem;
   PassPieces();
-  m_Group.Clear();
+  m_group.Clear();
 }
 
 void SectionMap::PassPieces() {
-  for (const MapItem& piece : m_Pieces) m_Sink.Add(piece);
-  m_Pieces.clear();
+  for (const MapItem& piece : m_pieces) m_sink.Add(piece);
+  m_pieces.clear();
 }
 
 void SectionMap::MapData(const _MiniHeader& header) {
   MapItem item = ItemAt(MapItem::Kind::DataBlock, kMiniHeaderSize + header.Length);
   const uint64_t end = item.offset + item.length;
-  const DataRecord record = DataRecordOf(header, {RecordKind::Fat, m_bCompressed});
-  item.path = m_strFile;
-  item.text = "bytes " + Count(m_nFileBytes) + " to " + Count(m_nFileBytes + record.chunk) + ", " +
+  const DataRecord record = DataRecordOf(header, {RecordKind::Fat, m_compressed});
+  item.path = m_file;
+  item.text = "bytes " + Count(m_fileBytes) + " to " + Count(m_fileBytes + record.chunk) + ", " +
               (record.isCompressed ? "compressed to " : "stored as ") + Count(header.Length) +
               (record.IsLast() ? ", the last" : "");
   item.problem = JudgeDataRecord(record);
-  if (!m_bTakesData) item.problem = "data block belongs to no file";
-  if (m_bTakesData && m_bLastSeen) item.problem = "data block behind the last one of its file";
-  m_bLastSeen = m_bLastSeen || record.IsLast();
-  m_nFileBytes += record.chunk;
+  if (!m_takesData) item.problem = "data block belongs to no file";
+  if (m_takesData && m_lastSeen) item.problem = "data block behind the last one of its file";
+  m_lastSeen = m_lastSeen || record.IsLast();
+  m_fileBytes += record.chunk;
   if (!IsFatRecordAt(end)) {
     const uint64_t found = FindFatRecord(item.offset + kMiniHeaderSize);
     if (found < end) {
@@ -166,15 +166,15 @@ void SectionMap::MapData(const _MiniHeader& header) {
                      Hex(found) + " and none at " + Hex(end);
     }
   }
-  m_Sink.Add(item);
+  m_sink.Add(item);
 }
 
 bool SectionMap::IsFatRecordAt(uint64_t offset) {
-  if (offset >= m_nEnd) return false;
-  const auto bytes = m_Window.At(offset, kMiniHeaderSize);
+  if (offset >= m_end) return false;
+  const auto bytes = m_window.At(offset, kMiniHeaderSize);
   if (bytes.size() < kMiniHeaderSize) return false;
   const _MiniHeader header = DecodeMiniHeader(bytes.first<kMiniHeaderSize>());
-  const bool fits = offset + kMiniHeaderSize + header.Length <= m_nEnd;
+  const bool fits = offset + kMiniHeaderSize + header.Length <= m_end;
   if (header.Type == kRecordDirectory) return header.Length == kDirEntrySize && fits;
   if (header.Type == kRecordPartition) return header.Length == kPartitionPayload;
   return header.Type == kRecordDataBlock && fits;
@@ -182,8 +182,8 @@ bool SectionMap::IsFatRecordAt(uint64_t offset) {
 
 // The first place from `offset` on where a directory record or a trailer begins.
 uint64_t SectionMap::FindFatRecord(uint64_t offset) {
-  uint64_t at = FindRecordMark(m_Window, offset, m_nEnd);
-  while (at < m_nEnd && !IsFatRecordAt(at)) at = FindRecordMark(m_Window, at + 1, m_nEnd);
+  uint64_t at = FindRecordMark(m_window, offset, m_end);
+  while (at < m_end && !IsFatRecordAt(at)) at = FindRecordMark(m_window, at + 1, m_end);
   return at;
 }
 

@@ -10,23 +10,23 @@
 namespace capsule::host {
 
 ContentCheck::ContentCheck(const FileCheck& check)
-    : m_Check(check), m_pSum(std::make_unique<RunningChecksum>()) {
+    : m_check(check), m_sum(std::make_unique<RunningChecksum>()) {
   Restart();
 }
 
 void ContentCheck::Take(uint64_t offset, std::span<const unsigned char> bytes) {
-  if (offset != m_nNext) return;
-  if (m_nNext == m_Check.offset) m_pSum->Reset();
-  const auto count = std::min<uint64_t>(bytes.size(), End() - m_nNext);
-  m_pSum->Update(bytes.first(static_cast<size_t>(count)));
-  m_nNext += count;
+  if (offset != m_next) return;
+  if (m_next == m_check.offset) m_sum->Reset();
+  const auto count = std::min<uint64_t>(bytes.size(), End() - m_next);
+  m_sum->Update(bytes.first(static_cast<size_t>(count)));
+  m_next += count;
 }
 
 std::string ContentCheck::Judge() const {
-  const uint64_t found = m_pSum->Value();
-  if (found == m_Check.value) return {};
-  return "check value of the item at " + Hex(m_Check.offset) + " is " +
-         ChecksumDigits(m_Check.value) + ", its " + std::to_string(m_Check.length) +
+  const uint64_t found = m_sum->Value();
+  if (found == m_check.value) return {};
+  return "check value of the item at " + Hex(m_check.offset) + " is " +
+         ChecksumDigits(m_check.value) + ", its " + std::to_string(m_check.length) +
          " bytes give " + ChecksumDigits(found);
 }
 

@@ -18,22 +18,22 @@ class ContentCheck {
  public:
   explicit ContentCheck(const FileCheck& check);
 
-  void Restart() { m_nNext = m_Check.offset; }
+  void Restart() { m_next = m_check.offset; }
 
   // Takes bytes from `offset` of the image; what lies outside of the file's own counts for nothing.
   void Take(uint64_t offset, std::span<const unsigned char> bytes);
 
   // The next byte wanted; where the file's end when all were taken.
-  uint64_t Next() const { return m_nNext; }
-  uint64_t End() const { return uint64_t{m_Check.offset} + m_Check.length; }
+  uint64_t Next() const { return m_next; }
+  uint64_t End() const { return uint64_t{m_check.offset} + m_check.length; }
 
   // What is wrong, or nothing; to be asked when all bytes were taken.
   std::string Judge() const;
 
  private:
-  FileCheck m_Check;
-  uint64_t m_nNext = 0;
-  std::unique_ptr<RunningChecksum> m_pSum;
+  FileCheck m_check;
+  uint64_t m_next = 0;
+  std::unique_ptr<RunningChecksum> m_sum;
 };
 
 }  // namespace capsule::host

@@ -59,33 +59,32 @@ std::optional<_NTFSMiniHeader> OtherNtfsRecordAt(FileWindow& window, uint64_t of
 class NtfsEntryReader {
  public:
   NtfsEntryReader(FileWindow& window, uint64_t limit, bool compressed, bool frontOnly)
-      : m_Window(window), m_nLimit(limit), m_bCompressed(compressed), m_frontOnly(frontOnly) {}
+      : m_window(window), m_limit(limit), m_compressed(compressed), m_frontOnly(frontOnly) {}
 
   // One that ends where it begins when its first record is damaged.
   NtfsEntry Read(uint64_t offset) {
-    m_Found.end = offset;
-    const auto first = NtfsRecordAt(m_Window, offset, m_nLimit);
-    m_Found.isDirectory = first && first->RecordType == kNtfsDirectoryRecord;
+    m_found.end = offset;
+    const auto first = NtfsRecordAt(m_window, offset, m_limit);
+    m_found.isDirectory = first && first->RecordType == kNtfsDirectoryRecord;
     const std::string problem = first ? TakeRecord(*first, offset) : "no record of an NTFS section";
     NoteProblem(problem, offset);
     if (problem.empty()) {
-      m_Found.dataOffset = offset + NtfsRecordSize(*first);
-      m_Found.end = TakeRecordsBehind(m_Found.dataOffset);
+      m_found.dataOffset = offset + NtfsRecordSize(*first);
+      m_found.end = TakeRecordsBehind(m_found.dataOffset);
     }
     Finish();
-    return std::move(m_Found);
+    return std::move(m_found);
   }
 
  private:
   // Where they end.
   uint64_t TakeRecordsBehind(uint64_t at) {
-    while (at < m_nLimit) {
-      const auto header = NtfsRecordAt(m_Window, at, m_nLimit);
+    while (at < m_limit) {
+      const auto header = NtfsRecordAt(m_window, at, m_limit);
       const bool isCompanion = header && IsNtfsCompanion(header->RecordType);
-      if (m_frontOnly && !m_Found.isDirectory && !(isCompanion && m_File.HasAttributeList())) break;
+      if (m_frontOnly && !m_found.isDirectory && !(isCompanion && m_file.HasAttributeList())) break;
       if (!header) {
-        const uint64_t next =
-            EndOfOtherNtfsRecords(m_Window, at, m_nLimit, m_bCompressed, m_Decoder);
+        const uint64_t next = EndOfOtherNtfsRecords(m_window, at, m_limit, m_compressed, m_decoder);
         if (next == at) break;
         at = next;
         continue;
@@ -98,50 +97,50 @@ class NtfsEntryReader {
   }
 
   void NoteProblem(const std::string& problem, uint64_t at) {
-    if (!m_Found.problem.empty() || problem.empty()) return;
-    m_Found.problem = "record at " + Hex(at) + ": " + problem;
+    if (!m_found.problem.empty() || problem.empty()) return;
+    m_found.problem = "record at " + Hex(at) + ": " + problem;
   }
 
   // What is wrong with the record, or nothing.
   std::string TakeRecord(const _NTFSMiniHeader& header, uint64_t at) {
     const bool isData = IsNtfsData(header.RecordType);
-    if (isData && !m_Found.isDirectory) return {};
-    if (!BeginsNtfsEntry(header.RecordType) && !isData && !m_Found.isDirectory &&
-        !m_File.HasAttributeList()) {
+    if (isData && !m_found.isDirectory) return {};
+    if (!BeginsNtfsEntry(header.RecordType) && !isData && !m_found.isDirectory &&
+        !m_file.HasAttributeList()) {
       return {};
     }
     std::vector<unsigned char> bytes;
-    const auto payload = m_Window.At(at + kNtfsHeaderSize, header.Length);
-    if (!DecodeNtfsPayload(header, payload, m_bCompressed, m_Decoder, &bytes)) {
+    const auto payload = m_window.At(at + kNtfsHeaderSize, header.Length);
+    if (!DecodeNtfsPayload(header, payload, m_compressed, m_decoder, &bytes)) {
       return "does not decode to what its header states";
     }
     if (isData) {
-      m_File.TakeIndexBlocks(bytes);
+      m_file.TakeIndexBlocks(bytes);
       return {};
     }
     if (!AreFileRecords(bytes)) {
       return "FILE records of " + std::to_string(bytes.size()) + " bytes, or what is none";
     }
-    m_File.TakeRecords(bytes, m_Found.isDirectory, &m_Found.entry);
+    m_file.TakeRecords(bytes, m_found.isDirectory, &m_found.entry);
     return {};
   }
 
   void Finish() {
-    if (m_Found.isDirectory) m_Found.entry.Attribute |= kDirectoryAttribute;
-    m_Found.name = Utf16ToUtf8(m_File.Name());
-    m_Found.shortName = m_File.HasShortName() ? ShortNameToBytes(m_Found.entry) : m_Found.name;
-    m_Found.parents = m_File.Parents();
-    m_Found.number = m_File.Number();
-    m_Found.children = m_File.ChildCount();
+    if (m_found.isDirectory) m_found.entry.Attribute |= kDirectoryAttribute;
+    m_found.name = Utf16ToUtf8(m_file.Name());
+    m_found.shortName = m_file.HasShortName() ? ShortNameToBytes(m_found.entry) : m_found.name;
+    m_found.parents = m_file.Parents();
+    m_found.number = m_file.Number();
+    m_found.children = m_file.ChildCount();
   }
 
-  FileWindow& m_Window;
-  uint64_t m_nLimit;
-  bool m_bCompressed;
+  FileWindow& m_window;
+  uint64_t m_limit;
+  bool m_compressed;
   bool m_frontOnly;
-  UnitDecoder m_Decoder;
-  NtfsFile m_File;
-  NtfsEntry m_Found;
+  UnitDecoder m_decoder;
+  NtfsFile m_file;
+  NtfsEntry m_found;
 };
 
 }  // namespace

@@ -29,11 +29,11 @@ class RecordStream {
   // Throws host::Error when no records between begin and limit can hold `size` bytes.
   explicit RecordStream(RecordSource source);
 
-  const RecordSource& Source() const { return m_Source; }
+  const RecordSource& Source() const { return m_source; }
 
   // The part of the file that the current record holds; both 0 before the first Advance.
-  uint64_t ChunkBegin() const { return m_nChunkBegin; }
-  uint64_t ChunkEnd() const { return m_nChunkEnd; }
+  uint64_t ChunkBegin() const { return m_chunkBegin; }
+  uint64_t ChunkEnd() const { return m_chunkEnd; }
 
   // Goes to the next record. `offset`: the first byte of the file that will be asked for.
   void Advance(uint64_t offset);
@@ -42,11 +42,11 @@ class RecordStream {
   void CheckEmpty();
 
   // The bytes of the current record, padding included.
-  std::span<const unsigned char> Chunk() const { return m_Chunk; }
+  std::span<const unsigned char> Chunk() const { return m_chunk; }
 
   // Where the next record begins, and what it may refer back to; until the next Advance.
-  uint64_t Position() const { return m_nRecord; }
-  std::span<const unsigned char> History() const { return m_Decoder.History(); }
+  uint64_t Position() const { return m_record; }
+  std::span<const unsigned char> History() const { return m_decoder.History(); }
 
   // Goes back to before the first record.
   void Restart();
@@ -85,20 +85,20 @@ class RecordStream {
   [[noreturn]] void Fail(const std::string& what) const;
   std::string Place() const;  // of the current record, for messages
 
-  RecordSource m_Source;
-  uint32_t m_nHeaderSize;
-  bool m_bResident = false;  // the whole file is m_Resident
-  std::vector<unsigned char> m_Resident;
-  uint64_t m_nRecord = 0;  // offset of the next record, of the current one while it is decoded
-  uint64_t m_nChunkBegin = 0;
-  uint64_t m_nChunkEnd = 0;
-  uint64_t m_nWindowBegin = 0;
-  std::vector<unsigned char> m_Window;
-  UnitDecoder m_Decoder;
-  std::optional<ContentCheck> m_Check;
-  std::vector<unsigned char> m_Chunk;
-  std::vector<Mark> m_Marks;  // ascending
-  uint64_t m_nMarkDistance;   // bytes of the file from one to the next, at least
+  RecordSource m_source;
+  uint32_t m_headerSize;
+  bool m_isResident = false;  // the whole file is m_resident
+  std::vector<unsigned char> m_resident;
+  uint64_t m_record = 0;  // offset of the next record, of the current one while it is decoded
+  uint64_t m_chunkBegin = 0;
+  uint64_t m_chunkEnd = 0;
+  uint64_t m_windowBegin = 0;
+  std::vector<unsigned char> m_window;
+  UnitDecoder m_decoder;
+  std::optional<ContentCheck> m_check;
+  std::vector<unsigned char> m_chunk;
+  std::vector<Mark> m_marks;  // ascending
+  uint64_t m_markDistance;    // bytes of the file from one to the next, at least
 };
 
 // Why the file that lies there cannot be read completely, or nothing. Throws ShortageError.

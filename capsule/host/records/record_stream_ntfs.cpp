@@ -17,40 +17,40 @@ _MiniHeader RecordStream::NtfsHeaderAt(uint64_t offset, uint32_t* type) {
 
 _MiniHeader RecordStream::ReadNtfsHeader() {
   uint32_t type = 0;
-  _MiniHeader header = NtfsHeaderAt(m_nRecord, &type);
+  _MiniHeader header = NtfsHeaderAt(m_record, &type);
   while (IsNtfsCompanion(type)) {
-    const bool isCounted = m_Check && m_Check->Next() == m_nRecord;
-    m_nRecord += kNtfsHeaderSize + header.Length;
+    const bool isCounted = m_check && m_check->Next() == m_record;
+    m_record += kNtfsHeaderSize + header.Length;
     CheckRoom(kNtfsHeaderSize);
-    if (isCounted) CountUpTo(m_nRecord);
-    header = NtfsHeaderAt(m_nRecord, &type);
+    if (isCounted) CountUpTo(m_record);
+    header = NtfsHeaderAt(m_record, &type);
   }
   if (!IsNtfsData(type)) {
     Fail("record is of type " + std::to_string(type) + ", a data record is " +
          std::to_string(kNtfsData) + " or " + std::to_string(kNtfsMoreData) + "; " +
-         std::to_string(m_nChunkEnd) + " of " + std::to_string(m_Source.size) + " bytes were read");
+         std::to_string(m_chunkEnd) + " of " + std::to_string(m_source.size) + " bytes were read");
   }
   return header;
 }
 
 // Takes the data from the FILE record when it lies there.
 void RecordStream::TakeResidentData() {
-  m_nRecord = m_Source.fileRecord;
+  m_record = m_source.fileRecord;
   CheckRoom(kNtfsHeaderSize);
   uint32_t type = 0;
-  const _MiniHeader header = NtfsHeaderAt(m_nRecord, &type);
+  const _MiniHeader header = NtfsHeaderAt(m_record, &type);
   CheckRoom(kNtfsHeaderSize + header.Length);
-  DecodeRecord(DataRecordOf(header, m_Source.rules));
-  if (m_Chunk.size() < kFileRecordSize) {
-    Fail("FILE record of " + std::to_string(m_Chunk.size()) + " bytes");
+  DecodeRecord(DataRecordOf(header, m_source.rules));
+  if (m_chunk.size() < kFileRecordSize) {
+    Fail("FILE record of " + std::to_string(m_chunk.size()) + " bytes");
   }
-  const auto data = ResidentData(std::span(m_Chunk).first<kFileRecordSize>());
-  m_bResident = data.has_value();
-  if (data) m_Resident.assign(data->begin(), data->end());
-  m_Chunk.clear();
-  if (m_bResident && m_Resident.size() != m_Source.size) {
-    Fail("FILE record holds " + std::to_string(m_Resident.size()) + " of " +
-         std::to_string(m_Source.size) + " bytes");
+  const auto data = ResidentData(std::span(m_chunk).first<kFileRecordSize>());
+  m_isResident = data.has_value();
+  if (data) m_resident.assign(data->begin(), data->end());
+  m_chunk.clear();
+  if (m_isResident && m_resident.size() != m_source.size) {
+    Fail("FILE record holds " + std::to_string(m_resident.size()) + " of " +
+         std::to_string(m_source.size) + " bytes");
   }
 }
 

@@ -22,12 +22,12 @@ bool AllZero(std::span<const unsigned char> bytes) {
 
 }  // namespace
 
-UnitDecoder::UnitDecoder() : m_History(LzsSizeOfDecompressionHistory()) { Reset(); }
+UnitDecoder::UnitDecoder() : m_history(LzsSizeOfDecompressionHistory()) { Reset(); }
 
-void UnitDecoder::Reset() { LzsInitDecompressionHistory(m_History.data()); }
+void UnitDecoder::Reset() { LzsInitDecompressionHistory(m_history.data()); }
 
 std::span<const unsigned char> UnitDecoder::History() const {
-  const void* bytes = m_History.data();
+  const void* bytes = m_history.data();
   const auto& area = *static_cast<const lzs::DecompressionArea*>(bytes);
   const std::span<const unsigned char> all(area.history, area.historyCount);
   return all.last(std::min(all.size(), kMaxHistory));
@@ -36,7 +36,7 @@ std::span<const unsigned char> UnitDecoder::History() const {
 // An area of zeros is one that was not prepared: whatever a decoder that has paused kept of its
 // buffers is gone, and nothing decodes with it.
 void UnitDecoder::Forget() {
-  std::fill(m_History.begin(), m_History.end(), static_cast<unsigned char>(0));
+  std::fill(m_history.begin(), m_history.end(), static_cast<unsigned char>(0));
 }
 
 void UnitDecoder::Restore(std::span<const unsigned char> history) {
@@ -48,7 +48,7 @@ void UnitDecoder::Restore(std::span<const unsigned char> history) {
   auto sourceLeft = static_cast<uint32_t>(history.size());
   uint32_t destinationLeft = sourceLeft;
   if (sourceLeft == 0) return;
-  LzsDecompress(&source, &destination, &sourceLeft, &destinationLeft, m_History.data(),
+  LzsDecompress(&source, &destination, &sourceLeft, &destinationLeft, m_history.data(),
                 LzsStoredBlock | LzsKeepHistory);
 }
 
@@ -65,7 +65,7 @@ std::string UnitDecoder::Decode(std::span<const unsigned char> payload,
   auto sourceLeft = static_cast<uint32_t>(payload.size());
   auto destinationLeft = static_cast<uint32_t>(out.size());
   const uint16_t result = LzsDecompress(&source, &destination, &sourceLeft, &destinationLeft,
-                                        m_History.data(), LzsKeepHistory);
+                                        m_history.data(), LzsKeepHistory);
   const bool isComplete = (result & LzsUnitComplete) != 0;
   const auto behind = payload.last(isComplete ? sourceLeft : 0);
   if (isComplete && destinationLeft == 0 && AllZero(behind)) return {};

@@ -41,7 +41,7 @@ class UnitDecoder {
  private:
   void Forget();
 
-  std::vector<unsigned char> m_History;
+  std::vector<unsigned char> m_history;
 };
 
 }  // namespace capsule::host

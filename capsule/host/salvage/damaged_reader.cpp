@@ -25,45 +25,45 @@ constexpr char kBehindLoss[] = "hangs on lost bytes";
 
 DamagedReader::DamagedReader(RecordSource source, std::string problem, uint64_t begin, uint64_t end,
                              const TakePiece& take)
-    : m_Source(std::move(source)),
-      m_strProblem(std::move(problem)),
-      m_nBegin(begin),
-      m_nEnd(std::min(end, m_Source.size)),
-      m_Take(take),
-      m_Window(m_Source.image, kWindowSize) {}
+    : m_source(std::move(source)),
+      m_problem(std::move(problem)),
+      m_begin(begin),
+      m_end(std::min(end, m_source.size)),
+      m_take(take),
+      m_window(m_source.image, kWindowSize) {}
 
 void DamagedReader::Run() {
-  RecordSource part = m_Source;
-  for (const RestartPoint& point : m_Source.restarts) {
-    const bool isAhead = point.record > part.begin && point.record < m_Source.limit &&
-                         point.fileOffset > m_nPart && point.fileOffset < m_Source.size;
+  RecordSource part = m_source;
+  for (const RestartPoint& point : m_source.restarts) {
+    const bool isAhead = point.record > part.begin && point.record < m_source.limit &&
+                         point.fileOffset > m_part && point.fileOffset < m_source.size;
     if (!isAhead) continue;
     part.limit = point.record;
-    part.size = point.fileOffset - m_nPart;
+    part.size = point.fileOffset - m_part;
     part.goesOn = true;
     ReadPart(part);
     part.begin = point.record;
-    m_nPart = point.fileOffset;
+    m_part = point.fileOffset;
     TakeHistory(point);
   }
-  part.limit = m_Source.limit;
-  part.size = m_Source.size - m_nPart;
+  part.limit = m_source.limit;
+  part.size = m_source.size - m_part;
   part.goesOn = false;
   ReadPart(part);
   EndLoss();
-  if (m_bAnyLost && !m_Source.check) return;
-  m_Take({FilePiece::Kind::Uncertain,
-          m_nBegin,
-          m_nEnd - m_nBegin,
+  if (m_anyLost && !m_source.check) return;
+  m_take({FilePiece::Kind::Uncertain,
+          m_begin,
+          m_end - m_begin,
           {},
-          m_bAnyLost ? "the check value is for the whole file" : m_strProblem});
+          m_anyLost ? "the check value is for the whole file" : m_problem});
 }
 
 void DamagedReader::TakeHistory(const RestartPoint& point) {
-  const auto history = m_Window.At(point.history, point.historyLength);
+  const auto history = m_window.At(point.history, point.historyLength);
   if (history.size() < point.historyLength) return LoseHistory();
-  m_Decoders[0].Restore(history);
-  m_bSure = true;
+  m_decoders[0].Restore(history);
+  m_sure = true;
 }
 
 void DamagedReader::ReadPart(const RecordSource& part) {
@@ -77,33 +77,33 @@ void DamagedReader::ReadPart(const RecordSource& part) {
       LoseHistory();
       continue;
     }
-    if (run.isPlaced) Lose(m_nPart + run.offset, reason);
+    if (run.isPlaced) Lose(m_part + run.offset, reason);
     ReadRun(run);
     if (!run.isPlaced) reason = "records at " + Hex(run.begin) + " cannot be placed";
   }
-  Lose(m_nPart + part.size, reason.empty() ? "records end at " + Hex(part.limit) : reason);
+  Lose(m_part + part.size, reason.empty() ? "records end at " + Hex(part.limit) : reason);
 }
 
 void DamagedReader::ReadRun(const RecordRun& run) {
   uint64_t at = run.begin;
   if (run.isRepaired) {
-    const uint32_t headerSize = m_Source.rules.HeaderSize();
+    const uint32_t headerSize = m_source.rules.HeaderSize();
     const auto payload = static_cast<uint32_t>(run.end - run.begin) - headerSize;
     const DataRecord record{headerSize, payload, run.chunk, run.isCompressed,
                             run.isLast ? uint8_t{1} : uint8_t{0}};
-    const auto bytes = m_Window.At(at, record.Size());
+    const auto bytes = m_window.At(at, record.Size());
     if (bytes.size() < record.Size()) return;
-    return ReadRecord(record, bytes.subspan(headerSize), run, m_nPart + run.offset);
+    return ReadRecord(record, bytes.subspan(headerSize), run, m_part + run.offset);
   }
   for (uint64_t i = 0; i < run.records; ++i) {
-    if (m_Source.rules.IsNtfs()) at = SkipNtfsCompanions(m_Window, at, run.end);
-    const auto header = m_Window.At(at, m_Source.rules.HeaderSize());
-    const auto record = DecodeDataRecord(header, m_Source.rules);
+    if (m_source.rules.IsNtfs()) at = SkipNtfsCompanions(m_window, at, run.end);
+    const auto header = m_window.At(at, m_source.rules.HeaderSize());
+    const auto record = DecodeDataRecord(header, m_source.rules);
     if (!record) return;
-    const auto bytes = m_Window.At(at, record->Size());
+    const auto bytes = m_window.At(at, record->Size());
     if (bytes.size() < record->Size()) return;
     ReadRecord(*record, bytes.subspan(record->headerSize), run,
-               m_nPart + run.offset + i * run.chunk);
+               m_part + run.offset + i * run.chunk);
     at += record->Size();
   }
 }
@@ -112,9 +112,9 @@ void DamagedReader::ReadRecord(const DataRecord& record, std::span<const unsigne
                                const RecordRun& run, uint64_t offset) {
   if (!record.isCompressed) return Keep(payload, offset, run.isPlaced);
   bool isGood = true;
-  for (size_t i = 0; i < (m_bSure ? 1 : 2); ++i) {
-    m_Chunks[i].resize(record.chunk);
-    isGood = m_Decoders[i].Decode(payload, m_Chunks[i]).empty() && isGood;
+  for (size_t i = 0; i < (m_sure ? 1 : 2); ++i) {
+    m_chunks[i].resize(record.chunk);
+    isGood = m_decoders[i].Decode(payload, m_chunks[i]).empty() && isGood;
   }
   if (isGood) return TakeCompressed(offset, run.isPlaced);
   // Whole by itself, but not with the history it has: it refers back before the file's first byte.
@@ -123,9 +123,9 @@ void DamagedReader::ReadRecord(const DataRecord& record, std::span<const unsigne
 }
 
 void DamagedReader::TakeCompressed(uint64_t offset, bool isPlaced) {
-  const auto& first = m_Chunks[0];
-  const auto& second = m_Chunks[1];
-  if (m_bSure) return Keep(first, offset, isPlaced);
+  const auto& first = m_chunks[0];
+  const auto& second = m_chunks[1];
+  if (m_sure) return Keep(first, offset, isPlaced);
   const size_t size = first.size();
   for (size_t at = 0; at < size;) {
     size_t good = at;
@@ -141,53 +141,53 @@ void DamagedReader::TakeCompressed(uint64_t offset, bool isPlaced) {
   }
   size_t agreed = 0;
   while (agreed < size && first[size - 1 - agreed] == second[size - 1 - agreed]) ++agreed;
-  m_nAgreed = agreed == size ? m_nAgreed + agreed : agreed;
-  m_bSure = m_nAgreed >= kReach;
+  m_agreed = agreed == size ? m_agreed + agreed : agreed;
+  m_sure = m_agreed >= kReach;
 }
 
 void DamagedReader::LoseHistory() {
-  m_bSure = false;
-  m_nAgreed = 0;
-  m_Decoders[0].Pretend(0x00);
-  m_Decoders[1].Pretend(0xFF);
+  m_sure = false;
+  m_agreed = 0;
+  m_decoders[0].Pretend(0x00);
+  m_decoders[1].Pretend(0xFF);
 }
 
 // Hands out the part of `bytes` that was asked for.
 void DamagedReader::Keep(std::span<const unsigned char> bytes, uint64_t offset, bool isPlaced) {
   if (!isPlaced) {
-    const bool isWhole = m_nBegin == 0 && m_nEnd == m_Source.size;
-    if (isWhole) m_Take({FilePiece::Kind::Unplaced, m_nFile, bytes.size(), bytes, {}});
+    const bool isWhole = m_begin == 0 && m_end == m_source.size;
+    if (isWhole) m_take({FilePiece::Kind::Unplaced, m_file, bytes.size(), bytes, {}});
     return;
   }
   EndLoss();
-  const uint64_t begin = std::max(offset, std::max(m_nBegin, m_nFile));
-  const uint64_t end = std::min(offset + bytes.size(), m_nEnd);
+  const uint64_t begin = std::max(offset, std::max(m_begin, m_file));
+  const uint64_t end = std::min(offset + bytes.size(), m_end);
   if (begin < end) {
     const auto part =
         bytes.subspan(static_cast<size_t>(begin - offset), static_cast<size_t>(end - begin));
-    m_Take({FilePiece::Kind::Data, begin, part.size(), part, {}});
+    m_take({FilePiece::Kind::Data, begin, part.size(), part, {}});
   }
-  m_nFile = std::max(m_nFile, offset + bytes.size());
+  m_file = std::max(m_file, offset + bytes.size());
 }
 
 // Everything up to `end` is lost. Parts that follow each other are told as one.
 void DamagedReader::Lose(uint64_t end, const std::string& reason) {
-  if (end <= m_nFile) return;
-  if (!m_bLost) {
-    m_bLost = true;
-    m_nLostFrom = m_nFile;
-    m_strLoss = reason;
+  if (end <= m_file) return;
+  if (!m_lost) {
+    m_lost = true;
+    m_lostFrom = m_file;
+    m_loss = reason;
   }
-  m_nFile = end;
+  m_file = end;
 }
 
 void DamagedReader::EndLoss() {
-  if (!m_bLost) return;
-  m_bLost = false;
-  const uint64_t begin = std::max(m_nLostFrom, m_nBegin);
-  const uint64_t end = std::min(m_nFile, m_nEnd);
-  m_bAnyLost = m_bAnyLost || m_nLostFrom < std::min(m_nFile, m_Source.size);
-  if (begin < end) m_Take({FilePiece::Kind::Lost, begin, end - begin, {}, m_strLoss});
+  if (!m_lost) return;
+  m_lost = false;
+  const uint64_t begin = std::max(m_lostFrom, m_begin);
+  const uint64_t end = std::min(m_file, m_end);
+  m_anyLost = m_anyLost || m_lostFrom < std::min(m_file, m_source.size);
+  if (begin < end) m_take({FilePiece::Kind::Lost, begin, end - begin, {}, m_loss});
 }
 
 }  // namespace capsule::host

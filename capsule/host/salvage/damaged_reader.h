@@ -46,22 +46,22 @@ class DamagedReader {
   void Lose(uint64_t end, const std::string& reason);
   void EndLoss();
 
-  RecordSource m_Source;
-  std::string m_strProblem;
-  uint64_t m_nBegin;
-  uint64_t m_nEnd;
-  const TakePiece& m_Take;
-  FileWindow m_Window;
-  std::array<UnitDecoder, 2> m_Decoders;
-  std::array<std::vector<unsigned char>, 2> m_Chunks;
-  bool m_bSure = true;       // the first decoder's history is right, and the second is not used
-  uint64_t m_nAgreed = 0;    // bytes at the end of both histories that agree
-  uint64_t m_nPart = 0;      // where the part begins in the file
-  uint64_t m_nFile = 0;      // up to where pieces were handed out
-  uint64_t m_nLostFrom = 0;  // where the lost part begins that is open; m_nFile is its end
-  std::string m_strLoss;
-  bool m_bLost = false;
-  bool m_bAnyLost = false;
+  RecordSource m_source;
+  std::string m_problem;
+  uint64_t m_begin;
+  uint64_t m_end;
+  const TakePiece& m_take;
+  FileWindow m_window;
+  std::array<UnitDecoder, 2> m_decoders;
+  std::array<std::vector<unsigned char>, 2> m_chunks;
+  bool m_sure = true;       // the first decoder's history is right, and the second is not used
+  uint64_t m_agreed = 0;    // bytes at the end of both histories that agree
+  uint64_t m_part = 0;      // where the part begins in the file
+  uint64_t m_file = 0;      // up to where pieces were handed out
+  uint64_t m_lostFrom = 0;  // where the lost part begins that is open; m_file is its end
+  std::string m_loss;
+  bool m_lost = false;
+  bool m_anyLost = false;
 };
 
 }  // namespace capsule::host

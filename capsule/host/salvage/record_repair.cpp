@@ -19,18 +19,18 @@ constexpr uint64_t kMaxPayload = 0xFFFF;
 class Repair {
  public:
   Repair(const RecordSource& source, std::vector<RecordRun>& runs)
-      : m_Source(source),
-        m_Runs(runs),
-        m_Window(source.image, kWindowSize),
-        m_nHeaderSize(source.rules.HeaderSize()) {}
+      : m_source(source),
+        m_runs(runs),
+        m_window(source.image, kWindowSize),
+        m_headerSize(source.rules.HeaderSize()) {}
 
   void Run() {
-    const uint32_t usual = UsualChunk(m_Runs);
-    for (size_t i = 0; i < m_Runs.size(); ++i) {
-      RecordRun& run = m_Runs[i];
+    const uint32_t usual = UsualChunk(m_runs);
+    for (size_t i = 0; i < m_runs.size(); ++i) {
+      RecordRun& run = m_runs[i];
       const uint64_t size = run.end - run.begin;
-      if (!run.isDamage || size <= m_nHeaderSize || size > m_nHeaderSize + kMaxPayload) continue;
-      const bool isLast = i + 1 == m_Runs.size() && !m_Source.goesOn;
+      if (!run.isDamage || size <= m_headerSize || size > m_headerSize + kMaxPayload) continue;
+      const bool isLast = i + 1 == m_runs.size() && !m_source.goesOn;
       if (usual != 0 && TryChunk(run, usual, false)) continue;
       if (isLast) TryChunk(run, LastChunk(usual), true);
     }
@@ -39,7 +39,7 @@ class Repair {
  private:
   // What a last record would stand for.
   uint32_t LastChunk(uint32_t usual) const {
-    const uint64_t size = m_Source.size;
+    const uint64_t size = m_source.size;
     if (usual == 0) return size > kMaxUncompressedLength ? 0 : PaddedChunkLength(Low(size));
     return size == 0 ? 0 : PaddedChunkLength(Low((size - 1) % usual + 1));
   }
@@ -47,15 +47,15 @@ class Repair {
   static uint32_t Low(uint64_t value) { return static_cast<uint32_t>(value); }
 
   bool TryChunk(RecordRun& run, uint32_t chunk, bool isLast) {
-    const auto bytes = m_Window.At(run.begin, static_cast<size_t>(run.end - run.begin));
+    const auto bytes = m_window.At(run.begin, static_cast<size_t>(run.end - run.begin));
     if (chunk == 0 || bytes.size() != run.end - run.begin) return false;
-    const auto payload = bytes.subspan(m_nHeaderSize);
-    const bool isUnit = m_Source.rules.imageIsCompressed && IsUnit(payload, chunk);
+    const auto payload = bytes.subspan(m_headerSize);
+    const bool isUnit = m_source.rules.imageIsCompressed && IsUnit(payload, chunk);
     if (!isUnit && !IsStoredChunk(bytes, chunk, isLast)) return false;
     run = RecordRun{.begin = run.begin, .end = run.end, .chunk = chunk, .records = 1};
     run.isRepaired = true;
     run.isCompressed = isUnit;
-    run.isLast = isLast || (chunk == m_Source.size && m_Runs.size() == 1 && !m_Source.goesOn);
+    run.isLast = isLast || (chunk == m_source.size && m_runs.size() == 1 && !m_source.goesOn);
     return true;
   }
 
@@ -69,7 +69,7 @@ class Repair {
   // Whether the bytes are a stored chunk. No more than one field of the header may be wrong, so
   // that other bytes do not pass for a chunk.
   bool IsStoredChunk(std::span<const unsigned char> bytes, uint32_t chunk, bool isLast) const {
-    if (m_Source.rules.IsNtfs() || bytes.size() != m_nHeaderSize + uint64_t{chunk}) return false;
+    if (m_source.rules.IsNtfs() || bytes.size() != m_headerSize + uint64_t{chunk}) return false;
     const _MiniHeader header = DecodeMiniHeader(bytes.first<kMiniHeaderSize>());
     const std::array<bool, 4> right = {
         header.Type == kRecordDataBlock, header.Flag == (isLast ? 1 : 0),
@@ -77,10 +77,10 @@ class Repair {
     return std::count(right.begin(), right.end(), false) <= 1;
   }
 
-  const RecordSource& m_Source;
-  std::vector<RecordRun>& m_Runs;
-  FileWindow m_Window;
-  uint32_t m_nHeaderSize;
+  const RecordSource& m_source;
+  std::vector<RecordRun>& m_runs;
+  FileWindow m_window;
+  uint32_t m_headerSize;
 };
 
 }  // namespace

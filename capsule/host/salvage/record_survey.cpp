@@ -23,16 +23,16 @@ constexpr uint64_t kMaxWorkFactor = 16;  // chunks are judged twice, and have 30
 class Survey {
  public:
   explicit Survey(const RecordSource& source)
-      : m_Source(source),
-        m_Window(source.image, kWindowSize),
-        m_nEnd(std::min(source.limit, source.image.Size())),
-        m_nHeaderSize(source.rules.HeaderSize()) {
-    const uint64_t room = m_nEnd - std::min(m_nEnd, source.begin);
-    m_nWorkLeft = kMaxWorkFactor * room + kWindowSize;
+      : m_source(source),
+        m_window(source.image, kWindowSize),
+        m_end(std::min(source.limit, source.image.Size())),
+        m_headerSize(source.rules.HeaderSize()) {
+    const uint64_t room = m_end - std::min(m_end, source.begin);
+    m_workLeft = kMaxWorkFactor * room + kWindowSize;
   }
 
   std::vector<RecordRun> Run() {
-    for (uint64_t at = m_Source.begin; at < m_nEnd;) {
+    for (uint64_t at = m_source.begin; at < m_end;) {
       at = SkipFileRecords(at);
       const auto record = RecordAt(at);
       if (record && (IsOfFile(*record) || IsWhole(at, *record))) {
@@ -43,43 +43,43 @@ class Survey {
       }
     }
     DropTail();
-    return std::move(m_Runs);
+    return std::move(m_runs);
   }
 
  private:
   // The record whose header is at `at` and which ends within the room.
   std::optional<DataRecord> RecordAt(uint64_t at) {
-    if (at >= m_nEnd) return std::nullopt;
+    if (at >= m_end) return std::nullopt;
     const auto bytes =
-        m_Window.At(at, static_cast<size_t>(std::min<uint64_t>(m_nEnd - at, m_nHeaderSize)));
-    const auto record = DecodeDataRecord(bytes, m_Source.rules);
-    if (record && record->Size() > m_nEnd - at) return std::nullopt;
+        m_window.At(at, static_cast<size_t>(std::min<uint64_t>(m_end - at, m_headerSize)));
+    const auto record = DecodeDataRecord(bytes, m_source.rules);
+    if (record && record->Size() > m_end - at) return std::nullopt;
     return record;
   }
 
   // In NTFS sections further FILE records of the file lie between its data.
   uint64_t SkipFileRecords(uint64_t at) {
-    return m_Source.rules.IsNtfs() ? SkipNtfsCompanions(m_Window, at, m_nEnd) : at;
+    return m_source.rules.IsNtfs() ? SkipNtfsCompanions(m_window, at, m_end) : at;
   }
 
   bool Decodes(uint64_t at, const DataRecord& record) {
     const uint64_t work = record.Size() + record.chunk;
-    if (work > m_nWorkLeft) return false;
-    m_nWorkLeft -= work;
-    return IsWholeDataRecord(m_Window.At(at, record.Size()), m_Source.rules);
+    if (work > m_workLeft) return false;
+    m_workLeft -= work;
+    return IsWholeDataRecord(m_window.At(at, record.Size()), m_source.rules);
   }
 
   // A stored record right behind one of the same size needs no more proof.
   bool IsOfFile(const DataRecord& record) const {
-    return !record.isCompressed && !m_Runs.empty() && !m_Runs.back().isDamage &&
-           m_Runs.back().chunk == record.chunk;
+    return !record.isCompressed && !m_runs.empty() && !m_runs.back().isDamage &&
+           m_runs.back().chunk == record.chunk;
   }
 
   // A stored record is one when a record follows, or nothing.
   bool IsWhole(uint64_t at, const DataRecord& record) {
     if (record.isCompressed) return Decodes(at, record);
     const uint64_t next = SkipFileRecords(at + record.Size());
-    return next >= m_nEnd || RecordAt(next).has_value() || record.IsLast();
+    return next >= m_end || RecordAt(next).has_value() || record.IsLast();
   }
 
   bool IsWholeAt(uint64_t at) {
@@ -89,12 +89,12 @@ class Survey {
   }
 
   void AddRecord(uint64_t at, const DataRecord& record) {
-    const bool goesOn = !m_Runs.empty() && !m_Runs.back().isDamage &&
-                        m_Runs.back().chunk == record.chunk && !m_Runs.back().isLast;
+    const bool goesOn = !m_runs.empty() && !m_runs.back().isDamage &&
+                        m_runs.back().chunk == record.chunk && !m_runs.back().isLast;
     if (!goesOn) {
-      m_Runs.push_back(RecordRun{.begin = at, .end = at, .chunk = record.chunk});
+      m_runs.push_back(RecordRun{.begin = at, .end = at, .chunk = record.chunk});
     }
-    RecordRun& run = m_Runs.back();
+    RecordRun& run = m_runs.back();
     run.end = at + record.Size();
     run.isLast = record.IsLast();
     ++run.records;
@@ -105,9 +105,9 @@ class Survey {
     RecordRun damage{.begin = at, .end = at, .isDamage = true};
     if (!FollowHeaders(&damage)) {
       damage = RecordRun{.begin = at, .end = at, .isDamage = true};
-      damage.end = m_Runs.size() < kMaxRuns ? EndOfDamage(at) : m_nEnd;
+      damage.end = m_runs.size() < kMaxRuns ? EndOfDamage(at) : m_end;
     }
-    m_Runs.push_back(damage);
+    m_runs.push_back(damage);
     return damage.end;
   }
 
@@ -116,15 +116,15 @@ class Survey {
   bool FollowHeaders(RecordRun* damage) {
     uint64_t at = damage->begin;
     while (const auto record = RecordAt(at)) {
-      if (m_nWorkLeft < m_nHeaderSize) return false;
-      m_nWorkLeft -= m_nHeaderSize;
+      if (m_workLeft < m_headerSize) return false;
+      m_workLeft -= m_headerSize;
       if (damage->chunk != 0 && damage->chunk != record->chunk) return false;
       damage->chunk = record->chunk;
       ++damage->records;
       damage->isLast = record->IsLast();
       at = SkipFileRecords(at + record->Size());
       damage->end = at;
-      if (at >= m_nEnd || IsWholeAt(at)) return true;
+      if (at >= m_end || IsWholeAt(at)) return true;
     }
     return false;
   }
@@ -132,49 +132,49 @@ class Survey {
   // Where a record of the size that the header states would end, or a stored one like those before,
   // if there is a record or the end; else the next record that is found.
   uint64_t EndOfDamage(uint64_t at) {
-    const uint64_t chunk = m_Runs.empty() ? 0 : m_Runs.back().chunk;
-    for (const uint64_t end : {EndByLength(at), at + m_nHeaderSize + chunk}) {
-      if (end > at + m_nHeaderSize && (end == m_nEnd || IsWholeAt(end))) return end;
+    const uint64_t chunk = m_runs.empty() ? 0 : m_runs.back().chunk;
+    for (const uint64_t end : {EndByLength(at), at + m_headerSize + chunk}) {
+      if (end > at + m_headerSize && (end == m_end || IsWholeAt(end))) return end;
     }
-    while (++at < m_nEnd) {
-      const auto bytes = m_Window.At(at, kWindowSize / 2);
-      if (bytes.size() < m_nHeaderSize) break;
-      const size_t last = bytes.size() - m_nHeaderSize;
+    while (++at < m_end) {
+      const auto bytes = m_window.At(at, kWindowSize / 2);
+      if (bytes.size() < m_headerSize) break;
+      const size_t last = bytes.size() - m_headerSize;
       size_t i = 0;
-      while (i < last && !IsHeader(bytes.subspan(i, m_nHeaderSize))) ++i;
+      while (i < last && !IsHeader(bytes.subspan(i, m_headerSize))) ++i;
       at += i;
       if (IsWholeAt(at)) return at;
     }
-    return m_nEnd;
+    return m_end;
   }
 
   bool IsHeader(std::span<const unsigned char> bytes) const {
-    return DecodeDataRecord(bytes, m_Source.rules).has_value();
+    return DecodeDataRecord(bytes, m_source.rules).has_value();
   }
 
   // 0 when there is no header.
   uint64_t EndByLength(uint64_t at) {
-    const auto bytes = m_Window.At(at, m_nHeaderSize);
-    if (bytes.size() < m_nHeaderSize) return 0;
-    const uint32_t length = m_Source.rules.IsNtfs()
+    const auto bytes = m_window.At(at, m_headerSize);
+    if (bytes.size() < m_headerSize) return 0;
+    const uint32_t length = m_source.rules.IsNtfs()
                                 ? DecodeNtfsHeader(bytes.first<kNtfsHeaderSize>()).Length
                                 : DecodeMiniHeader(bytes.first<kMiniHeaderSize>()).Length;
-    return at + m_nHeaderSize + length;
+    return at + m_headerSize + length;
   }
 
   // What follows the last record of the file is not the file's.
   void DropTail() {
-    const size_t count = m_Runs.size();
-    if (count < 2 || !m_Runs[count - 1].isDamage || m_Runs[count - 1].records != 0) return;
-    if (!m_Runs[count - 2].isDamage && m_Runs[count - 2].isLast) m_Runs.pop_back();
+    const size_t count = m_runs.size();
+    if (count < 2 || !m_runs[count - 1].isDamage || m_runs[count - 1].records != 0) return;
+    if (!m_runs[count - 2].isDamage && m_runs[count - 2].isLast) m_runs.pop_back();
   }
 
-  const RecordSource& m_Source;
-  FileWindow m_Window;
-  uint64_t m_nEnd;
-  uint32_t m_nHeaderSize;
-  uint64_t m_nWorkLeft = 0;
-  std::vector<RecordRun> m_Runs;
+  const RecordSource& m_source;
+  FileWindow m_window;
+  uint64_t m_end;
+  uint32_t m_headerSize;
+  uint64_t m_workLeft = 0;
+  std::vector<RecordRun> m_runs;
 };
 
 }  // namespace

@@ -43,58 +43,58 @@ bool Agrees(const SectionItem& item, const IndexRecord& record) {
 class IndexedSurvey {
  public:
   IndexedSurvey(const ImageFile& image, const IndexContents& index, const SurveyVisitor& visitor)
-      : m_Scanner(image), m_Window(image), m_Index(index), m_Visitor(visitor) {}
+      : m_scanner(image), m_window(image), m_index(index), m_visitor(visitor) {}
 
   void Run() {
-    for (m_nAt = 0; m_nAt < m_Index.records.size(); ++m_nAt) {
-      if (!ClosesSection()) TakeRecord(m_Index.records[m_nAt]);
+    for (m_at = 0; m_at < m_index.records.size(); ++m_at) {
+      if (!ClosesSection()) TakeRecord(m_index.records[m_at]);
     }
   }
 
  private:
   const IndexRecord* NextRecord() const {
-    return m_nAt + 1 < m_Index.records.size() ? &m_Index.records[m_nAt + 1] : nullptr;
+    return m_at + 1 < m_index.records.size() ? &m_index.records[m_at + 1] : nullptr;
   }
 
   bool ClosesSection() const {
-    const IndexRecord& record = m_Index.records[m_nAt];
+    const IndexRecord& record = m_index.records[m_at];
     const IndexRecord* next = NextRecord();
     return record.type == kIndexZeroEntry && record.name.empty() &&
            (next == nullptr || next->type == kIndexSection);
   }
 
   void TakeRecord(const IndexRecord& record) {
-    const uint64_t end = std::min<uint64_t>(uint64_t{record.offset} + record.length, m_Index.end);
+    const uint64_t end = std::min<uint64_t>(uint64_t{record.offset} + record.length, m_index.end);
     SurveyItem found;
     const std::string damage = Read(record, end, &found.item);
     const bool isGood = damage.empty();
-    if (!isGood) m_Visitor.onDamage(record.offset, damage);
+    if (!isGood) m_visitor.onDamage(record.offset, damage);
     if (!isGood && !Replace(record, end, &found)) return;
     CountDots(found.item.kind);
-    m_Visitor.onItem(found);
+    m_visitor.onItem(found);
   }
 
   // Behind a folder stand "." and "..", else ".", "." and "..".
   void CountDots(Kind kind) {
-    if (kind == Kind::DotEntry && m_nDotsLeft > 0) {
-      --m_nDotsLeft;
+    if (kind == Kind::DotEntry && m_dotsLeft > 0) {
+      --m_dotsLeft;
     } else {
-      m_nDotsLeft = kind == Kind::DotEntry || kind == Kind::Directory ? 2 : 0;
+      m_dotsLeft = kind == Kind::DotEntry || kind == Kind::Directory ? 2 : 0;
     }
   }
 
   // Whether a damaged record that ends at `end`, of a folder's own or a zero entry, is of a dot
   // entry.
   bool IsDotBefore(uint64_t end) {
-    const auto dotAt = [&](size_t i) { return DotNameAt(m_Window, end + i * kDirRecordSize); };
-    return m_nDotsLeft > 0 || AreOfFolder(dotAt, 0);
+    const auto dotAt = [&](size_t i) { return DotNameAt(m_window, end + i * kDirRecordSize); };
+    return m_dotsLeft > 0 || AreOfFolder(dotAt, 0);
   }
 
   // What is wrong with the item, or nothing.
   std::string Read(const IndexRecord& record, uint64_t end, SectionItem* item) {
     try {
-      m_Scanner.Resume(record.offset, record.type != kIndexSection, end);
-      const bool isGood = m_Scanner.Next(item) && Agrees(*item, record) &&
+      m_scanner.Resume(record.offset, record.type != kIndexSection, end);
+      const bool isGood = m_scanner.Next(item) && Agrees(*item, record) &&
                           (item->isNtfs || item->offset + item->length == end);
       if (!isGood) return "its records are not what the index says";
       return item->isStray ? "its folder is lost" : item->problem;
@@ -107,7 +107,7 @@ class IndexedSurvey {
   bool Replace(const IndexRecord& record, uint64_t end, SurveyItem* found) {
     SectionItem& item = found->item;
     if (record.type == kIndexSection) {
-      if (item.kind != Kind::Section || item.length == 0) m_Scanner.PassSectionHeader(&item);
+      if (item.kind != Kind::Section || item.length == 0) m_scanner.PassSectionHeader(&item);
       item.offset = record.offset;
       return true;
     }
@@ -116,7 +116,7 @@ class IndexedSurvey {
     if (isNtfsEntry || (record.type == kIndexFile && hasEntry)) {
       if (!record.name.empty()) item.name = LastSegment(record.name);
       if (item.isNtfs) item.depth = DepthOf(record.name);
-    } else if (m_Scanner.InNtfsSection()) {
+    } else if (m_scanner.InNtfsSection()) {
       return ReplaceNtfs(record, found);
     } else if (record.type == kIndexFile) {
       return false;
@@ -138,16 +138,16 @@ class IndexedSurvey {
     *found = LostFolder(record.offset, LastSegment(record.name));
     found->item.isNtfs = true;
     found->item.depth = DepthOf(record.name);
-    m_Scanner.OpenLost(found->item.name, found->item.depth);
+    m_scanner.OpenLost(found->item.name, found->item.depth);
     return true;
   }
 
-  SectionScanner m_Scanner;
-  FileWindow m_Window;
-  const IndexContents& m_Index;
-  const SurveyVisitor& m_Visitor;
-  size_t m_nAt = 0;
-  int m_nDotsLeft = 0;  // that are to follow
+  SectionScanner m_scanner;
+  FileWindow m_window;
+  const IndexContents& m_index;
+  const SurveyVisitor& m_visitor;
+  size_t m_at = 0;
+  int m_dotsLeft = 0;  // that are to follow
 };
 
 }  // namespace

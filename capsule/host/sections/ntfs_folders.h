@@ -2,7 +2,7 @@
 // their order, and tells to which of them the next one belongs. Constant time an entry.
 //
 // 1. The root is level 0 and never closes.
-// 2. m_Levels has, for every reference, the innermost folder that it leads to.
+// 2. m_levels has, for every reference, the innermost folder that it leads to.
 #pragma once
 
 #include <cstddef>
@@ -20,7 +20,7 @@ class NtfsFolders {
   void Clear();
 
   // Folders that are open, the root included.
-  size_t Depth() const { return m_Folders.size(); }
+  size_t Depth() const { return m_folders.size(); }
 
   // The level of the folder that holds `entry`, or none. A folder that does not state its number
   // is known by the first entry behind it, if it has children.
@@ -47,8 +47,8 @@ class NtfsFolders {
 
   void Bind(size_t level, uint32_t reference);
 
-  std::vector<Folder> m_Folders;
-  std::unordered_map<uint32_t, size_t> m_Levels;
+  std::vector<Folder> m_folders;
+  std::unordered_map<uint32_t, size_t> m_levels;
 };
 
 }  // namespace capsule::host

@@ -12,14 +12,14 @@ namespace capsule::host {
 class OpenFolders {
  public:
   void Clear() {
-    m_strPath.clear();
-    m_Starts.clear();
+    m_path.clear();
+    m_starts.clear();
   }
 
   void Enter(const std::string& name) {
-    m_Starts.push_back(m_strPath.size());
-    if (!m_strPath.empty()) m_strPath += '/';
-    m_strPath += name;
+    m_starts.push_back(m_path.size());
+    if (!m_path.empty()) m_path += '/';
+    m_path += name;
   }
 
   // Goes on behind an entry of that name.
@@ -30,28 +30,28 @@ class OpenFolders {
 
   // Leaves the innermost folder, if there is one.
   void Leave() {
-    if (m_Starts.empty()) return;
-    m_strPath.resize(m_Starts.back());
-    m_Starts.pop_back();
+    if (m_starts.empty()) return;
+    m_path.resize(m_starts.back());
+    m_starts.pop_back();
   }
 
   void LeaveTo(size_t depth) {
-    while (m_Starts.size() > depth) Leave();
+    while (m_starts.size() > depth) Leave();
   }
 
-  size_t Depth() const { return m_Starts.size(); }
+  size_t Depth() const { return m_starts.size(); }
 
   // Names with '/' between, empty at the top level.
-  const std::string& Path() const { return m_strPath; }
+  const std::string& Path() const { return m_path; }
 
   // That of an item of the folder.
   std::string PathOf(const std::string& name) const {
-    return m_strPath.empty() ? name : m_strPath + '/' + name;
+    return m_path.empty() ? name : m_path + '/' + name;
   }
 
  private:
-  std::string m_strPath;
-  std::vector<size_t> m_Starts;  // length of the path before each folder
+  std::string m_path;
+  std::vector<size_t> m_starts;  // length of the path before each folder
 };
 
 }  // namespace capsule::host

@@ -49,32 +49,32 @@ bool IsSection(View at) {
 
 class Resync {
  public:
-  Resync(FileWindow& window, const ResyncRange& range) : m_Window(window), m_Range(range) {}
+  Resync(FileWindow& window, const ResyncRange& range) : m_window(window), m_range(range) {}
 
   std::optional<ResumePoint> Find(uint64_t offset) {
-    const auto known = std::lower_bound(m_Range.sections.begin(), m_Range.sections.end(), offset);
-    if (known == m_Range.sections.end() || *known >= m_Range.limit) return FindByBytes(offset);
-    m_Range.limit = *known;
+    const auto known = std::lower_bound(m_range.sections.begin(), m_range.sections.end(), offset);
+    if (known == m_range.sections.end() || *known >= m_range.limit) return FindByBytes(offset);
+    m_range.limit = *known;
     const auto found = FindByBytes(offset);
-    return found ? found : ResumePoint{*known, true, m_nDataBytes};
+    return found ? found : ResumePoint{*known, true, m_dataBytes};
   }
 
  private:
   std::optional<ResumePoint> FindByBytes(uint64_t offset) {
     uint64_t at = offset;
-    while (at < m_Range.limit) {
-      if (StartsSection(at)) return ResumePoint{at, true, m_nDataBytes};
-      if (StartsItem(at)) return ResumePoint{at, false, m_nDataBytes};
-      const uint64_t next = m_Range.rules.IsNtfs() ? at : StepOver(at);
+    while (at < m_range.limit) {
+      if (StartsSection(at)) return ResumePoint{at, true, m_dataBytes};
+      if (StartsItem(at)) return ResumePoint{at, false, m_dataBytes};
+      const uint64_t next = m_range.rules.IsNtfs() ? at : StepOver(at);
       at = next > at ? next : Search(at + 1);
     }
     return std::nullopt;
   }
 
   View At(uint64_t offset, size_t count) {
-    if (offset >= m_Range.limit) return {};
-    return m_Window.At(offset,
-                       static_cast<size_t>(std::min<uint64_t>(count, m_Range.limit - offset)));
+    if (offset >= m_range.limit) return {};
+    return m_window.At(offset,
+                       static_cast<size_t>(std::min<uint64_t>(count, m_range.limit - offset)));
   }
 
   bool StartsSection(uint64_t at) {
@@ -84,7 +84,7 @@ class Resync {
   }
 
   bool StartsItem(uint64_t at) {
-    if (m_Range.rules.IsNtfs()) return StartsNtfsEntry(at);
+    if (m_range.rules.IsNtfs()) return StartsNtfsEntry(at);
     const View first = At(at, 1);
     if (first.empty()) return false;
     if (first[0] == kRecordDirectory) return IsDirectoryRecord(At(at, kDirRecordSize));
@@ -96,12 +96,12 @@ class Resync {
     if (bytes.size() < kMiniHeaderSize || bytes[0] != kRecordDataBlock) return false;
     const _MiniHeader header = DecodeMiniHeader(bytes.first<kMiniHeaderSize>());
     return Afford(uint64_t{header.Length} + std::min<uint64_t>(header.Param, kDecodedAtMost)) &&
-           IsWholeDataRecord(At(at, FileWindow::kSize), m_Range.rules);
+           IsWholeDataRecord(At(at, FileWindow::kSize), m_range.rules);
   }
 
   bool Afford(uint64_t bytes) {
-    if (*m_Range.work < bytes) return false;
-    *m_Range.work -= bytes;
+    if (*m_range.work < bytes) return false;
+    *m_range.work -= bytes;
     return true;
   }
 
@@ -116,17 +116,17 @@ class Resync {
     const bool mayBeEntry = header[0] == kRecordDirectory;
     if (mayBeEntry && IsRecord(at + kDirRecordSize)) return at + kDirRecordSize;
     if (IsWholeData(at)) {
-      m_nDataBytes += next - at;
+      m_dataBytes += next - at;
       return next;
     }
-    return next < m_Range.limit && IsRecord(next) ? next : at;
+    return next < m_range.limit && IsRecord(next) ? next : at;
   }
 
   // The next place from `at` on where a search among bytes may stop.
   uint64_t Search(uint64_t at) {
-    while (at < m_Range.limit) {
+    while (at < m_range.limit) {
       const View bytes = At(at, FileWindow::kSize);
-      if (bytes.empty()) return m_Range.limit;  // the file ends before
+      if (bytes.empty()) return m_range.limit;  // the file ends before
       const bool isEnd = bytes.size() < FileWindow::kSize;
       const size_t stop = isEnd ? bytes.size() : bytes.size() - kLookAhead;
       const std::vector<unsigned char> copy(bytes.begin(), bytes.end());
@@ -141,17 +141,17 @@ class Resync {
   // Cheap, and true for everything that IsFound may be true for.
   bool IsCandidate(View at) const {
     if (at[0] == 0xAB) return at.size() > 1 && at[1] == 0xCD;
-    if (m_Range.rules.IsNtfs()) return MayStartNtfsEntry(at);
+    if (m_range.rules.IsNtfs()) return MayStartNtfsEntry(at);
     if (at.size() < kMiniHeaderSize) return false;
     if (at[0] == kRecordDirectory) return at[6] == kDirEntrySize && at[7] == 0;
     if (at[0] == kRecordPartition) return at[7] == kPartitionPayload >> 8;
-    return DecodeDataRecord(at, m_Range.rules).has_value();
+    return DecodeDataRecord(at, m_range.rules).has_value();
   }
 
   // A data block among bytes counts when a record follows it.
   bool IsFound(uint64_t at) {
     if (StartsSection(at) || StartsItem(at)) return true;
-    if (m_Range.rules.IsNtfs() || !IsWholeData(at)) return false;
+    if (m_range.rules.IsNtfs() || !IsWholeData(at)) return false;
     const View header = At(at, kMiniHeaderSize);
     return IsRecord(at + kMiniHeaderSize +
                     DecodeMiniHeader(header.first<kMiniHeaderSize>()).Length);
@@ -162,25 +162,25 @@ class Resync {
   }
 
   bool StartsNtfsEntry(uint64_t at) {
-    const auto header = NtfsRecordAt(m_Window, at, m_Range.limit);
+    const auto header = NtfsRecordAt(m_window, at, m_range.limit);
     if (!header || !BeginsNtfsEntry(header->RecordType)) return false;
     const uint64_t next = at + kNtfsHeaderSize + uint64_t{header->Length};
     if (header->RecordType == kNtfsEnd) {
-      return header->Length == 0 && (next == m_Range.limit || StartsSection(next) ||
+      return header->Length == 0 && (next == m_range.limit || StartsSection(next) ||
                                      IsPartitionArea(At(next, kPartitionTrailerSize)));
     }
     if (!Afford(uint64_t{header->Length} + header->UncompressedLength)) return false;
     UnitDecoder decoder;
     std::vector<unsigned char> record;
-    const View payload = m_Window.At(at + kNtfsHeaderSize, header->Length);
-    return DecodeNtfsPayload(*header, payload, m_Range.rules.imageIsCompressed, decoder, &record) &&
+    const View payload = m_window.At(at + kNtfsHeaderSize, header->Length);
+    return DecodeNtfsPayload(*header, payload, m_range.rules.imageIsCompressed, decoder, &record) &&
            record.size() >= kFileRecordSize &&
            std::equal(record.begin(), record.begin() + 4, "FILE");
   }
 
-  FileWindow& m_Window;
-  ResyncRange m_Range;
-  uint64_t m_nDataBytes = 0;
+  FileWindow& m_window;
+  ResyncRange m_range;
+  uint64_t m_dataBytes = 0;
 };
 
 }  // namespace

@@ -1,6 +1,6 @@
 // Every offset is 64 bits wide and compared with the file's length before it is used:
-//   1. m_nPosition never passes the file's length.
-//   2. Every step moves m_nPosition forward by at least 8 bytes, so a walk ends.
+//   1. m_position never passes the file's length.
+//   2. Every step moves m_position forward by at least 8 bytes, so a walk ends.
 //   3. An item is handed out only when all of its records lie inside the file.
 #include "capsule/host/sections/section_scanner.h"
 
@@ -29,62 +29,60 @@ std::string Numbers(uint64_t has, const char* middle, uint64_t other, const char
 }  // namespace
 
 SectionScanner::SectionScanner(const ImageFile& image)
-    : m_strName(image.Name()), m_Window(image), m_nFileLength(image.Size()) {
-  if (m_nFileLength > static_cast<uint64_t>(kMaxImageSize)) {
-    throw Error(ErrorKind::NotAnImage, m_strName,
+    : m_name(image.Name()), m_window(image), m_fileLength(image.Size()) {
+  if (m_fileLength > static_cast<uint64_t>(kMaxImageSize)) {
+    throw Error(ErrorKind::NotAnImage, m_name,
                 "not an image: " +
-                    Numbers(m_nFileLength, " bytes, at most ", kMaxImageSize, " are possible"));
+                    Numbers(m_fileLength, " bytes, at most ", kMaxImageSize, " are possible"));
   }
   ReadHeader();
 }
 
 void SectionScanner::ReadHeader() {
-  const auto bytes = m_Window.At(0, kHeaderSize);
+  const auto bytes = m_window.At(0, kHeaderSize);
   if (bytes.size() < kHeaderSize) {
-    throw Error(ErrorKind::NotAnImage, m_strName,
+    throw Error(ErrorKind::NotAnImage, m_name,
                 "not an image: " + Numbers(bytes.size(), " bytes, a header has ", kHeaderSize, ""));
   }
-  m_RawHeader.assign(bytes.begin(), bytes.end());
+  m_rawHeader.assign(bytes.begin(), bytes.end());
   StoredHeader header(bytes);
-  if (!header.decoded)
-    throw Error(KindOfBadHeader(header), m_strName, "header: " + header.problem, 0);
-  m_Header = std::move(*header.decoded);
-  m_SystemIds = SectionsOf(m_Header);
-  m_nSectionCount = static_cast<uint32_t>(m_SystemIds.size());
+  if (!header.decoded) throw Error(KindOfBadHeader(header), m_name, "header: " + header.problem, 0);
+  m_header = std::move(*header.decoded);
+  m_systemIds = SectionsOf(m_header);
+  m_sectionCount = static_cast<uint32_t>(m_systemIds.size());
 }
 
 bool SectionScanner::Next(SectionItem* item) {
-  if (!m_bInSection && m_nNextSection == m_nSectionCount) return false;
+  if (!m_inSection && m_nextSection == m_sectionCount) return false;
   *item = SectionItem();
-  item->offset = m_nPosition;
-  if (!m_bInSection) {
+  item->offset = m_position;
+  if (!m_inSection) {
     ScanSectionHeader(item);
-  } else if (m_bNtfs) {
+  } else if (m_ntfs) {
     ScanNtfs(item);
-  } else if (PeekHeader(m_nPosition, "record").Type == kRecordPartition) {
+  } else if (PeekHeader(m_position, "record").Type == kRecordPartition) {
     ScanTrailer(item);
   } else {
     ScanGroup(item);
   }
-  item->length = m_nPosition - item->offset;
+  item->length = m_position - item->offset;
   return true;
 }
 
 void SectionScanner::Resume(uint64_t offset, bool inSection, uint64_t limit) {
-  m_nPosition = std::min(offset, m_nFileLength);
-  m_bInSection = inSection;
-  m_nItemLimit = limit;
+  m_position = std::min(offset, m_fileLength);
+  m_inSection = inSection;
+  m_itemLimit = limit;
 }
 
 void SectionScanner::ScanSectionHeader(SectionItem* item) {
-  const uint64_t start = m_nPosition;
-  const std::string what = "section " + std::to_string(m_nNextSection);
-  if (kPartitionHeaderSize > m_nFileLength - start) {
-    Fail(
-        what.c_str(), start,
-        "header is " + Numbers(kPartitionHeaderSize, " bytes, ", m_nFileLength - start, " remain"));
+  const uint64_t start = m_position;
+  const std::string what = "section " + std::to_string(m_nextSection);
+  if (kPartitionHeaderSize > m_fileLength - start) {
+    Fail(what.c_str(), start,
+         "header is " + Numbers(kPartitionHeaderSize, " bytes, ", m_fileLength - start, " remain"));
   }
-  m_nPosition += kSectorAreaSize;
+  m_position += kSectorAreaSize;
   const Record record = TakeRecord(what.c_str());
   if (record.header.Type != kRecordPartition || record.header.Length != kPartitionPayload) {
     Fail(what.c_str(), start,
@@ -95,44 +93,44 @@ void SectionScanner::ScanSectionHeader(SectionItem* item) {
 }
 
 void SectionScanner::PassSectionHeader(SectionItem* item) {
-  item->offset = m_nPosition;
+  item->offset = m_position;
   item->length = kPartitionHeaderSize;
-  m_nPosition = std::min(m_nPosition + kPartitionHeaderSize, m_nFileLength);
+  m_position = std::min(m_position + kPartitionHeaderSize, m_fileLength);
   BeginSection(item);
 }
 
 void SectionScanner::BeginSection(SectionItem* item) {
   item->kind = SectionItem::Kind::Section;
-  m_nSectionStart = item->offset;
-  const bool isKnown = m_nNextSection < m_nSectionCount;  // an index may have more
-  m_bNtfs = isKnown && m_SystemIds[m_nNextSection] == kSystemIdNtfs;
-  item->section = m_nNextSection++;
-  m_bInSection = true;
-  m_NtfsFolders.Clear();
-  m_Folders.Clear();
+  m_sectionStart = item->offset;
+  const bool isKnown = m_nextSection < m_sectionCount;  // an index may have more
+  m_ntfs = isKnown && m_systemIds[m_nextSection] == kSystemIdNtfs;
+  item->section = m_nextSection++;
+  m_inSection = true;
+  m_ntfsFolders.Clear();
+  m_folders.Clear();
 }
 
 void SectionScanner::ScanTrailer(SectionItem* item) {
-  const uint64_t start = m_nPosition;
+  const uint64_t start = m_position;
   const Record record = TakeRecord("section trailer");
   if (record.header.Length != kPartitionPayload) {
     Fail("section trailer", start,
          "length is " + Numbers(record.header.Length, " bytes, not ", kPartitionPayload, ""));
   }
-  if (!IsAllZero(m_Window.At(m_nPosition - kClosingBytes, kClosingBytes))) {
+  if (!IsAllZero(m_window.At(m_position - kClosingBytes, kClosingBytes))) {
     Fail("section trailer", start, "its last 40 bytes are not zero");
   }
   item->kind = SectionItem::Kind::Trailer;
-  item->section = m_nNextSection - 1;
-  m_bInSection = false;
+  item->section = m_nextSection - 1;
+  m_inSection = false;
 }
 
 // A group is a chain of long-name records, last piece first, and a short entry.
 void SectionScanner::ScanGroup(SectionItem* item) {
-  item->section = m_nNextSection - 1;
+  item->section = m_nextSection - 1;
   EntryGroup group;
   for (auto taken = EntryGroup::Taken::Piece; taken == EntryGroup::Taken::Piece;) {
-    const uint64_t at = m_nPosition;
+    const uint64_t at = m_position;
     const Record record = TakeRecord("directory record");
     if (record.header.Type != kRecordDirectory) {
       Fail("record", at,
@@ -167,19 +165,19 @@ void SectionScanner::ScanEntry(SectionItem* item, const EntryGroup& group) {
     item->nameProblem = JudgeLongName(group);
     item->path = PathOf(item->Called());
   }
-  m_Folders.Pass(role, item->Called());
+  m_folders.Pass(role, item->Called());
   if (role == EntryRole::File) ScanData(item);
 }
 
 // The data block records of a file, up to and including the one marked as its last.
 void SectionScanner::ScanData(SectionItem* item) {
-  item->dataOffset = m_nPosition;
+  item->dataOffset = m_position;
   if (item->entry.FileSize == 0) return;
   for (bool last = false; !last;) {
-    const uint64_t at = m_nPosition;
-    if (at >= m_nItemLimit) {
+    const uint64_t at = m_position;
+    if (at >= m_itemLimit) {
       Fail("data blocks", item->dataOffset,
-           "no data block before " + Hex(m_nItemLimit) + " is the last of '" + item->path + "'");
+           "no data block before " + Hex(m_itemLimit) + " is the last of '" + item->path + "'");
     }
     const Record record = TakeRecord("data block");
     if (record.header.Type != kRecordDataBlock) {
@@ -192,12 +190,12 @@ void SectionScanner::ScanData(SectionItem* item) {
 }
 
 std::string SectionScanner::PathOf(const std::string& name) const {
-  const bool isLong = m_Folders.Path().size() + 1 + name.size() > kMaxScannedPath;
-  return isLong ? std::string() : m_Folders.PathOf(name);
+  const bool isLong = m_folders.Path().size() + 1 + name.size() > kMaxScannedPath;
+  return isLong ? std::string() : m_folders.PathOf(name);
 }
 
 _MiniHeader SectionScanner::PeekHeader(uint64_t offset, const char* what) {
-  const auto bytes = m_Window.At(offset, kMiniHeaderSize);
+  const auto bytes = m_window.At(offset, kMiniHeaderSize);
   if (bytes.size() < kMiniHeaderSize) {
     Fail(what, offset,
          "header is " + Numbers(kMiniHeaderSize, " bytes, ", bytes.size(), " remain"));
@@ -207,23 +205,23 @@ _MiniHeader SectionScanner::PeekHeader(uint64_t offset, const char* what) {
 
 // Steps over one record.
 SectionScanner::Record SectionScanner::TakeRecord(const char* what) {
-  const uint64_t start = m_nPosition;
+  const uint64_t start = m_position;
   Record record{PeekHeader(start, what), {}};
   const uint64_t payload = start + kMiniHeaderSize;
-  if (record.header.Length > m_nFileLength - payload) {
+  if (record.header.Length > m_fileLength - payload) {
     Fail(what, start,
          "payload is " +
-             Numbers(record.header.Length, " bytes, ", m_nFileLength - payload, " remain"));
+             Numbers(record.header.Length, " bytes, ", m_fileLength - payload, " remain"));
   }
   if (record.header.Type == kRecordDirectory && record.header.Length == kDirEntrySize) {
-    record.payload = m_Window.At(payload, kDirEntrySize);
+    record.payload = m_window.At(payload, kDirEntrySize);
   }
-  m_nPosition = payload + record.header.Length;
+  m_position = payload + record.header.Length;
   return record;
 }
 
 void SectionScanner::Fail(const char* what, uint64_t offset, const std::string& reason) const {
-  throw Error(m_strName, std::string(what) + " at " + Hex(offset) + ": " + reason, offset);
+  throw Error(m_name, std::string(what) + " at " + Hex(offset) + ": " + reason, offset);
 }
 
 }  // namespace capsule::host

@@ -105,15 +105,15 @@ class SectionScanner {
   void AdoptStray(const std::string& folder, SectionItem* item);
 
   // Where the next item begins; behind the last section: the end of the last trailer.
-  uint64_t Position() const { return m_nPosition; }
-  bool InSection() const { return m_bInSection; }
-  bool InNtfsSection() const { return m_bInSection && m_bNtfs; }
+  uint64_t Position() const { return m_position; }
+  bool InSection() const { return m_inSection; }
+  bool InNtfsSection() const { return m_inSection && m_ntfs; }
 
   // The header as stored, and what it says.
-  HeaderBytes RawHeader() const { return HeaderBytes(m_RawHeader.data(), kHeaderSize); }
-  const DecodedHeader& Header() const { return m_Header; }
-  bool IsScrambled() const { return m_RawHeader[kScrambleFlagOffset] == 1; }
-  uint32_t SectionCount() const { return m_nSectionCount; }
+  HeaderBytes RawHeader() const { return HeaderBytes(m_rawHeader.data(), kHeaderSize); }
+  const DecodedHeader& Header() const { return m_header; }
+  bool IsScrambled() const { return m_rawHeader[kScrambleFlagOffset] == 1; }
+  uint32_t SectionCount() const { return m_sectionCount; }
 
  private:
   struct Record {
@@ -136,22 +136,22 @@ class SectionScanner {
   _MiniHeader PeekHeader(uint64_t offset, const char* what);
   [[noreturn]] void Fail(const char* what, uint64_t offset, const std::string& reason) const;
 
-  std::string m_strName;
-  FileWindow m_Window;
-  uint64_t m_nFileLength = 0;
-  std::vector<unsigned char> m_RawHeader;
-  DecodedHeader m_Header;
-  std::vector<uint8_t> m_SystemIds;  // of the sections
-  uint32_t m_nSectionCount = 0;
-  uint32_t m_nNextSection = 0;
-  bool m_bInSection = false;
-  uint64_t m_nPosition = kHeaderSize;
-  uint64_t m_nItemLimit = kMaxImageSize;
-  OpenFolders m_Folders;
-  uint64_t m_nSectionStart = 0;
-  bool m_bNtfs = false;   // the section is one of NTFS records
-  NtfsEntry m_NtfsEntry;  // the one that came last
-  NtfsFolders m_NtfsFolders;
+  std::string m_name;
+  FileWindow m_window;
+  uint64_t m_fileLength = 0;
+  std::vector<unsigned char> m_rawHeader;
+  DecodedHeader m_header;
+  std::vector<uint8_t> m_systemIds;  // of the sections
+  uint32_t m_sectionCount = 0;
+  uint32_t m_nextSection = 0;
+  bool m_inSection = false;
+  uint64_t m_position = kHeaderSize;
+  uint64_t m_itemLimit = kMaxImageSize;
+  OpenFolders m_folders;
+  uint64_t m_sectionStart = 0;
+  bool m_ntfs = false;    // the section is one of NTFS records
+  NtfsEntry m_ntfsEntry;  // the one that came last
+  NtfsFolders m_ntfsFolders;
 };
 
 }  // namespace capsule::host

@@ -20,7 +20,7 @@ bool SoundItem::Is(const SectionItem& item) const {
   if (item.isNtfs && item.dataOffset == item.offset + item.length) return true;  // not stored
   RecordSource source;
   source.image = m_image;
-  source.rules.imageIsCompressed = m_bCompressed;
+  source.rules.imageIsCompressed = m_compressed;
   source.begin = item.dataOffset;
   source.limit = item.offset + item.length;
   source.size = item.entry.FileSize;
@@ -37,7 +37,7 @@ bool SoundItem::IsRatherThan(const SectionItem& item, Kind kind) const {
     case Kind::DotEntry:
       if (item.kind == Kind::File) return item.entry.FileSize != 0;
       return item.kind != Kind::Directory ||
-             DotNameAt(m_Window, item.offset + item.length) == DotName::Itself;
+             DotNameAt(m_window, item.offset + item.length) == DotName::Itself;
     case Kind::Directory:
       if (item.kind == Kind::File) return item.entry.FileSize != 0;
       return item.kind != Kind::DotEntry;

@@ -10,7 +10,7 @@ namespace capsule::host {
 class SoundItem {
  public:
   SoundItem(FileWindow& window, ImageFile image, bool compressed)
-      : m_Window(window), m_image(std::move(image)), m_bCompressed(compressed) {}
+      : m_window(window), m_image(std::move(image)), m_compressed(compressed) {}
 
   // Whether the records of `item` bear out that it is one and ends where it seems to: names and
   // their checksums hold, a zero entry is zero, the data of a file reads completely.
@@ -20,9 +20,9 @@ class SoundItem {
   bool IsRatherThan(const SectionItem& item, SectionItem::Kind kind) const;
 
  private:
-  FileWindow& m_Window;
+  FileWindow& m_window;
   ImageFile m_image;
-  bool m_bCompressed;
+  bool m_compressed;
 };
 
 // That of the folder at that place, if one is there.

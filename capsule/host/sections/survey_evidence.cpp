@@ -72,7 +72,7 @@ double HiddenOf(double chance, uint32_t count, double another) {
 double SurveyEvidence::Share::Value() const { return std::min((fits + 1) / (all + 2), kSurest); }
 
 SurveyEvidence::SurveyEvidence(const std::vector<SurveyItem>& items)
-    : m_Items(items), m_Own(items.size()), m_Above(items.size()), m_Kinds(items.size()) {
+    : m_items(items), m_own(items.size()), m_above(items.size()), m_kinds(items.size()) {
   ReadKeys();
   ReadKinds();
   Learn();
@@ -81,32 +81,32 @@ SurveyEvidence::SurveyEvidence(const std::vector<SurveyItem>& items)
 void SurveyEvidence::ReadKeys() {
   const auto dotAt = [&](size_t i) {
     const bool isDot =
-        i < m_Items.size() && !m_Items[i].isGap && m_Items[i].item.kind == Kind::DotEntry;
-    return isDot ? DotNameOf(m_Items[i].item.entry) : DotName::None;
+        i < m_items.size() && !m_items[i].isGap && m_items[i].item.kind == Kind::DotEntry;
+    return isDot ? DotNameOf(m_items[i].item.entry) : DotName::None;
   };
-  for (size_t i = 0; i < m_Items.size(); ++i) {
-    const SurveyItem& found = m_Items[i];
+  for (size_t i = 0; i < m_items.size(); ++i) {
+    const SurveyItem& found = m_items[i];
     if (found.isGap || found.item.kind != Kind::Directory) continue;
     size_t next = i + 1;
-    if (dotAt(next) == DotName::Itself) m_Own[i] = KeyOfEntry(m_Items[next++].item.entry);
-    if (dotAt(next) == DotName::Above) m_Above[i] = KeyOfEntry(m_Items[next].item.entry);
-    if (m_Own[i] == 0 && !found.isPlaceholder) m_Own[i] = KeyOfEntry(found.item.entry);
-    if (m_Own[i] != 0) ++m_Keys[m_Own[i]];
-    ++m_nFolders;
+    if (dotAt(next) == DotName::Itself) m_own[i] = KeyOfEntry(m_items[next++].item.entry);
+    if (dotAt(next) == DotName::Above) m_above[i] = KeyOfEntry(m_items[next].item.entry);
+    if (m_own[i] == 0 && !found.isPlaceholder) m_own[i] = KeyOfEntry(found.item.entry);
+    if (m_own[i] != 0) ++m_keys[m_own[i]];
+    ++m_folders;
   }
-  if (m_Items.empty()) return;
-  const SectionItem& last = m_Items.back().item;
-  const uint64_t bytes = last.offset + last.length - m_Items.front().item.offset;
-  m_FoldersPerByte = (m_nFolders + 1.0) / static_cast<double>(std::max<uint64_t>(bytes, 1));
+  if (m_items.empty()) return;
+  const SectionItem& last = m_items.back().item;
+  const uint64_t bytes = last.offset + last.length - m_items.front().item.offset;
+  m_foldersPerByte = (m_folders + 1.0) / static_cast<double>(std::max<uint64_t>(bytes, 1));
 }
 
 void SurveyEvidence::ReadKinds() {
-  for (uint32_t i = 0; i < m_Items.size(); ++i) {
-    if (m_Items[i].isGap || m_Items[i].item.kind != Kind::File || !HasName(i)) continue;
+  for (uint32_t i = 0; i < m_items.size(); ++i) {
+    if (m_items[i].isGap || m_items[i].item.kind != Kind::File || !HasName(i)) continue;
     if (IsBehindLoss(i)) continue;
-    m_Kinds[i] = KindOfName(m_Items[i].item.name);
-    ++m_KindCounts[m_Kinds[i]];
-    ++m_nFiles;
+    m_kinds[i] = KindOfName(m_items[i].item.name);
+    ++m_kindCounts[m_kinds[i]];
+    ++m_files;
   }
 }
 
@@ -119,8 +119,8 @@ void SurveyEvidence::Learn() {
   };
   std::vector<Open> open{{kRoot}};
   bool isFirst = true;  // nothing is lost yet
-  for (uint32_t i = 0; i < m_Items.size(); ++i) {
-    const SurveyItem& found = m_Items[i];
+  for (uint32_t i = 0; i < m_items.size(); ++i) {
+    const SurveyItem& found = m_items[i];
     if (found.lost > 0) {
       open.assign(1, {});
       isFirst = false;
@@ -136,17 +136,17 @@ void SurveyEvidence::Learn() {
     }
     if (kind != Kind::Directory && kind != Kind::File) continue;
     Open& at = open.back();
-    if (at.last != kNone && HasName(i) && HasName(at.last)) m_Order.Add(IsInOrder(at.last, i));
+    if (at.last != kNone && HasName(i) && HasName(at.last)) m_order.Add(IsInOrder(at.last, i));
     at.last = i;
     if (kind == Kind::File) {
-      const bool areKnown = at.lastFile != kNone && m_Kinds[at.lastFile] != 0 && m_Kinds[i] != 0;
-      if (areKnown) m_Likeness.Add(m_Kinds[at.lastFile] == m_Kinds[i]);
+      const bool areKnown = at.lastFile != kNone && m_kinds[at.lastFile] != 0 && m_kinds[i] != 0;
+      if (areKnown) m_likeness.Add(m_kinds[at.lastFile] == m_kinds[i]);
       at.lastFile = i;
       continue;
     }
-    if (at.folder == kRoot && m_nRootKey == 0) m_nRootKey = m_Above[i];
-    if (at.folder != kNone && m_Above[i] != 0 && KeyOf(at.folder) != 0) {
-      m_Times.Add(KeyOf(at.folder) == m_Above[i]);
+    if (at.folder == kRoot && m_rootKey == 0) m_rootKey = m_above[i];
+    if (at.folder != kNone && m_above[i] != 0 && KeyOf(at.folder) != 0) {
+      m_times.Add(KeyOf(at.folder) == m_above[i]);
     }
     open.push_back({i});
   }
@@ -154,7 +154,7 @@ void SurveyEvidence::Learn() {
 
 // Behind a loss the long name may be lost, or the end of it.
 bool SurveyEvidence::HasName(uint32_t item) const {
-  const SurveyItem& found = m_Items[item];
+  const SurveyItem& found = m_items[item];
   const std::string& name = found.item.name;
   if (found.isPlaceholder || name.empty() || name.starts_with("damaged-")) return false;
   const bool mayLackLong = IsBehindLoss(item) && name == found.item.shortName;
@@ -162,32 +162,32 @@ bool SurveyEvidence::HasName(uint32_t item) const {
 }
 
 bool SurveyEvidence::IsBehindLoss(uint32_t item) const {
-  return item > 0 && m_Items[item - 1].lost > 0;
+  return item > 0 && m_items[item - 1].lost > 0;
 }
 
 bool SurveyEvidence::IsInOrder(uint32_t before, uint32_t after) const {
-  return m_Items[before].item.name < m_Items[after].item.name;
+  return m_items[before].item.name < m_items[after].item.name;
 }
 
 double SurveyEvidence::Order(uint32_t before, uint32_t after) const {
   if (before == kNone || after == kNone || !HasName(before) || !HasName(after)) return 0;
-  return Measure(IsInOrder(before, after), m_Order.Value(), 0.5);
+  return Measure(IsInOrder(before, after), m_order.Value(), 0.5);
 }
 
 double SurveyEvidence::Likeness(uint32_t before, uint32_t after) const {
-  if (before == kNone || after == kNone || m_Kinds[before] == 0 || m_Kinds[after] == 0) return 0;
-  return Measure(m_Kinds[before] == m_Kinds[after], m_Likeness.Value(),
-                 ChanceOf(m_Kinds[after], m_KindCounts, m_nFiles));
+  if (before == kNone || after == kNone || m_kinds[before] == 0 || m_kinds[after] == 0) return 0;
+  return Measure(m_kinds[before] == m_kinds[after], m_likeness.Value(),
+                 ChanceOf(m_kinds[after], m_kindCounts, m_files));
 }
 
 double SurveyEvidence::Times(uint32_t folder, uint32_t child) const {
-  if (m_Above[child] == 0 || KeyOf(folder) == 0) return 0;
-  return Measure(KeyOf(folder) == m_Above[child], m_Times.Value(),
-                 ChanceOf(m_Above[child], m_Keys, m_nFolders));
+  if (m_above[child] == 0 || KeyOf(folder) == 0) return 0;
+  return Measure(KeyOf(folder) == m_above[child], m_times.Value(),
+                 ChanceOf(m_above[child], m_keys, m_folders));
 }
 
 double SurveyEvidence::Hidden(uint64_t lost, uint32_t closed, uint32_t opened) const {
-  const double chance = std::min(static_cast<double>(lost) * m_FoldersPerByte, kMostHidden);
+  const double chance = std::min(static_cast<double>(lost) * m_foldersPerByte, kMostHidden);
   return HiddenOf(chance, closed, kAnotherClosed) + HiddenOf(chance, opened, kAnotherOpened);
 }
 

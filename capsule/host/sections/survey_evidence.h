@@ -39,7 +39,7 @@ class SurveyEvidence {
   bool HasName(uint32_t item) const;
 
   // Whether the ".." of a folder is there.
-  bool TellsFolder(uint32_t child) const { return m_Above[child] != 0; }
+  bool TellsFolder(uint32_t child) const { return m_above[child] != 0; }
 
  private:
   struct Share {
@@ -56,8 +56,8 @@ class SurveyEvidence {
 
   // 0 for a folder that is no item.
   uint64_t KeyOf(uint32_t folder) const {
-    if (folder == kRoot) return m_nRootKey;
-    return folder < m_Own.size() ? m_Own[folder] : 0;
+    if (folder == kRoot) return m_rootKey;
+    return folder < m_own.size() ? m_own[folder] : 0;
   }
   bool IsBehindLoss(uint32_t item) const;
   bool IsInOrder(uint32_t before, uint32_t after) const;
@@ -65,19 +65,19 @@ class SurveyEvidence {
   void ReadKinds();
   void Learn();
 
-  const std::vector<SurveyItem>& m_Items;
-  std::vector<uint64_t> m_Own;    // of a folder: what its records say of it, 0 if not known
-  std::vector<uint64_t> m_Above;  // and of the folder above
-  std::vector<uint64_t> m_Kinds;  // of the names of files
-  std::unordered_map<uint64_t, uint32_t> m_KindCounts;
-  uint32_t m_nFiles = 0;
-  uint64_t m_nRootKey = 0;
-  std::unordered_map<uint64_t, uint32_t> m_Keys;  // how many folders have it
-  uint32_t m_nFolders = 0;
-  double m_FoldersPerByte = 0;
-  Share m_Order;
-  Share m_Likeness;
-  Share m_Times;
+  const std::vector<SurveyItem>& m_items;
+  std::vector<uint64_t> m_own;    // of a folder: what its records say of it, 0 if not known
+  std::vector<uint64_t> m_above;  // and of the folder above
+  std::vector<uint64_t> m_kinds;  // of the names of files
+  std::unordered_map<uint64_t, uint32_t> m_kindCounts;
+  uint32_t m_files = 0;
+  uint64_t m_rootKey = 0;
+  std::unordered_map<uint64_t, uint32_t> m_keys;  // how many folders have it
+  uint32_t m_folders = 0;
+  double m_foldersPerByte = 0;
+  Share m_order;
+  Share m_likeness;
+  Share m_times;
 };
 
 }  // namespace capsule::host

@@ -53,17 +53,17 @@ SurveyOutline::SurveyOutline(const IndexContents& index, uint64_t limit) {
     isLast = record.type == kIndexSection;
     if (isLast) end = record.offset;
     if (isLast || isClosing || record.offset >= end) continue;
-    m_Items.push_back({record.offset, end, std::nullopt});
+    m_items.push_back({record.offset, end, std::nullopt});
     end = record.offset;
   }
-  std::reverse(m_Items.begin(), m_Items.end());
+  std::reverse(m_items.begin(), m_items.end());
   TellKinds(records);
 }
 
 void SurveyOutline::TellKinds(const std::vector<IndexRecord>& records) {
   if (std::none_of(records.begin(), records.end(), IsItself)) return;
-  auto item = m_Items.begin();
-  for (size_t i = 0; i < records.size() && item != m_Items.end(); ++i) {
+  auto item = m_items.begin();
+  for (size_t i = 0; i < records.size() && item != m_items.end(); ++i) {
     if (records[i].offset != item->offset) continue;
     (item++)->kind = KindOf(std::span(records).subspan(i), i > 0 && IsItself(records[i - 1]));
   }
@@ -71,9 +71,9 @@ void SurveyOutline::TellKinds(const std::vector<IndexRecord>& records) {
 
 const SurveyOutline::Item* SurveyOutline::At(uint64_t offset) const {
   const auto item =
-      std::lower_bound(m_Items.begin(), m_Items.end(), offset,
+      std::lower_bound(m_items.begin(), m_items.end(), offset,
                        [](const Item& known, uint64_t wanted) { return known.offset < wanted; });
-  return item != m_Items.end() && item->offset == offset ? &*item : nullptr;
+  return item != m_items.end() && item->offset == offset ? &*item : nullptr;
 }
 
 }  // namespace capsule::host

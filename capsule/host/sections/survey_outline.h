@@ -30,7 +30,7 @@ class SurveyOutline {
  private:
   void TellKinds(const std::vector<IndexRecord>& records);
 
-  std::vector<Item> m_Items;  // ascending
+  std::vector<Item> m_items;  // ascending
 };
 
 }  // namespace capsule::host

@@ -86,28 +86,28 @@ struct Stretch {
 class Placement {
  public:
   Placement(std::vector<SurveyItem> items, const SurveyVisitor& visitor)
-      : m_Items(std::move(items)),
-        m_Visitor(visitor),
-        m_Evidence(m_Items),
-        m_nWork(kLeastWork + kWorkPerItem * m_Items.size()) {}
+      : m_items(std::move(items)),
+        m_visitor(visitor),
+        m_evidence(m_items),
+        m_work(kLeastWork + kWorkPerItem * m_items.size()) {}
 
   std::vector<SurveyItem> Run() {
-    m_Nodes.push_back({});
-    m_Guesses.push_back({});
+    m_nodes.push_back({});
+    m_guesses.push_back({});
     size_t at = 0;
-    while (at < m_Items.size() && (m_Items[at].item.kind == Kind::Section || IsZeroEntry(at)) &&
-           m_Items[at].lost == 0) {
+    while (at < m_items.size() && (m_items[at].item.kind == Kind::Section || IsZeroEntry(at)) &&
+           m_items[at].lost == 0) {
       ++at;  // zero entries in front close levels of the section before
     }
-    while (at < m_Items.size()) {
+    while (at < m_items.size()) {
       const size_t begin = at;
-      while (at < m_Items.size() && m_Items[at].lost == 0) ++at;
+      while (at < m_items.size() && m_items[at].lost == 0) ++at;
       // What hides the loss belongs to the stretch before it.
-      if (at < m_Items.size()) ++at;
+      if (at < m_items.size()) ++at;
       Follow(Read(begin, at));
       // A writer that closes too many levels does so elsewhere as well.
-      if (m_Margins.empty() && m_Guesses[0].score <= kImpossible) m_bMayCloseMore = true;
-      if (at < m_Items.size()) Branch(static_cast<uint32_t>(at - 1));
+      if (m_margins.empty() && m_guesses[0].score <= kImpossible) m_mayCloseMore = true;
+      if (at < m_items.size()) Branch(static_cast<uint32_t>(at - 1));
     }
     return Build();
   }
@@ -116,8 +116,8 @@ class Placement {
   Stretch Read(size_t begin, size_t end) const {
     Stretch stretch;
     size_t stop = end;
-    const bool isLast = end == m_Items.size() && end > begin && !m_Items.back().isGap;
-    if (isLast && m_Items.back().item.kind == Kind::Trailer) {
+    const bool isLast = end == m_items.size() && end > begin && !m_items.back().isGap;
+    if (isLast && m_items.back().item.kind == Kind::Trailer) {
       for (--stop; stop > begin && IsZeroEntry(stop - 1); --stop) ++stretch.zeroEntries;
       stretch.endsSection = true;
     }
@@ -126,12 +126,12 @@ class Placement {
   }
 
   bool IsZeroEntry(size_t i) const {
-    return !m_Items[i].isGap && m_Items[i].item.kind == Kind::ZeroEntry;
+    return !m_items[i].isGap && m_items[i].item.kind == Kind::ZeroEntry;
   }
 
   void Add(uint32_t i, Stretch* stretch) const {
-    if (m_Items[i].isGap) return;
-    const Kind kind = m_Items[i].item.kind;
+    if (m_items[i].isGap) return;
+    const Kind kind = m_items[i].item.kind;
     if (kind == Kind::ZeroEntry) {
       if (stretch->opened.empty()) {
         stretch->levels.emplace_back();
@@ -140,7 +140,7 @@ class Placement {
       }
     }
     if (kind != Kind::Directory && kind != Kind::File) return;
-    const bool isNamed = m_Evidence.HasName(i);
+    const bool isNamed = m_evidence.HasName(i);
     const bool isFile = kind == Kind::File && isNamed;
     if (!stretch->opened.empty()) {
       if (isNamed) stretch->opened.back().last = i;
@@ -151,7 +151,7 @@ class Placement {
       if (isNamed) level.last = i;
       if (isFile && level.firstFile == kNone) level.firstFile = i;
       if (isFile) level.lastFile = i;
-      const bool tells = kind == Kind::Directory && m_Evidence.TellsFolder(i);
+      const bool tells = kind == Kind::Directory && m_evidence.TellsFolder(i);
       if (tells && level.folder == kNone) level.folder = i;
     }
     if (kind != Kind::Directory) return;
@@ -163,31 +163,31 @@ class Placement {
 
   // Many guesses are made of each loss, and few are followed for long.
   void Follow(const Stretch& stretch) {
-    for (Guess& guess : m_Guesses) {
-      const Node& node = m_Nodes[guess.node];
+    for (Guess& guess : m_guesses) {
+      const Node& node = m_nodes[guess.node];
       if (stretch.hasFolder) guess.lastFolder = node.depth + stretch.lastFolder;
       guess.score += JudgeEnd(stretch, guess);
     }
     const size_t first = std::min(stretch.levels.size(), kFirstLevels);
     for (const auto& [from, to] : {std::pair(size_t{0}, first), {first, stretch.levels.size()}}) {
-      for (Guess& guess : m_Guesses) JudgeLevels(stretch, from, to, &guess);
+      for (Guess& guess : m_guesses) JudgeLevels(stretch, from, to, &guess);
       Prune();
     }
     DropUnused();
-    for (Guess& guess : m_Guesses) Open(stretch, &guess);
+    for (Guess& guess : m_guesses) Open(stretch, &guess);
   }
 
   void JudgeLevels(const Stretch& stretch, size_t from, size_t to, Guess* guess) {
     for (size_t i = from; i < to; ++i) {
       if (i > 0) Leave(guess);
-      guess->score += Judge(m_Nodes[guess->node], stretch.levels[i]);
+      guess->score += Judge(m_nodes[guess->node], stretch.levels[i]);
     }
     Spend(to - from);
   }
 
   void Open(const Stretch& stretch, Guess* guess) {
     if (stretch.levels.back().last != kNone) {
-      Node changed = m_Nodes[guess->node];
+      Node changed = m_nodes[guess->node];
       const Stretch::Level& level = stretch.levels.back();
       changed.last = level.last;
       if (level.lastFile != kNone) changed.lastFile = level.lastFile;
@@ -195,15 +195,15 @@ class Placement {
     }
     for (const Stretch::Opened& opened : stretch.opened) {
       Enter(opened.folder, guess);
-      m_Nodes[guess->node].last = opened.last;
-      m_Nodes[guess->node].lastFile = opened.lastFile;
+      m_nodes[guess->node].last = opened.last;
+      m_nodes[guess->node].lastFile = opened.lastFile;
     }
   }
 
   double Judge(const Node& node, const Stretch::Level& level) const {
-    double score = m_Evidence.Order(node.last, level.first) +
-                   m_Evidence.Likeness(node.lastFile, level.firstFile);
-    if (level.folder != kNone) score += m_Evidence.Times(node.folder, level.folder);
+    double score = m_evidence.Order(node.last, level.first) +
+                   m_evidence.Likeness(node.lastFile, level.firstFile);
+    if (level.folder != kNone) score += m_evidence.Times(node.folder, level.folder);
     return score;
   }
 
@@ -216,59 +216,59 @@ class Placement {
   }
 
   void Leave(Guess* guess) {
-    if (m_Nodes[guess->node].above == kNone) {
-      if (!m_bMayCloseMore) guess->score += kImpossible;
+    if (m_nodes[guess->node].above == kNone) {
+      if (!m_mayCloseMore) guess->score += kImpossible;
     } else {
-      guess->node = m_Nodes[guess->node].above;
+      guess->node = m_nodes[guess->node].above;
     }
   }
 
   void Enter(uint32_t folder, Guess* guess) {
-    const Node& above = m_Nodes[guess->node];
+    const Node& above = m_nodes[guess->node];
     const uint64_t hash = (above.hash ^ folder) * 0x9E3779B97F4A7C15 + (above.hash >> 29);
     guess->node = AddNode({guess->node, folder, kNone, kNone, above.depth + 1, hash});
     Spend(1);
   }
 
   uint32_t AddNode(const Node& node) {
-    m_Nodes.push_back(node);
-    if (m_Nodes.size() > kLeastWork + kNodesPerItem * m_Items.size()) m_nWork = 0;
-    return static_cast<uint32_t>(m_Nodes.size() - 1);
+    m_nodes.push_back(node);
+    if (m_nodes.size() > kLeastWork + kNodesPerItem * m_items.size()) m_work = 0;
+    return static_cast<uint32_t>(m_nodes.size() - 1);
   }
 
-  void Spend(size_t work) { m_nWork -= std::min(m_nWork, work); }
+  void Spend(size_t work) { m_work -= std::min(m_work, work); }
 
   // Guesses what item `loss` hides.
   void Branch(uint32_t loss) {
-    const uint64_t lost = m_Items[loss].lost;
+    const uint64_t lost = m_items[loss].lost;
     const uint64_t mostClosed = std::min(lost / kDirRecordSize, kMostClosed);
     const uint64_t mostOpened = std::min(lost / kFolderSize, kMostOpened);
     std::vector<Guess> guesses;
-    m_nNodesBefore = m_Nodes.size();
-    m_nDecisionsBefore = m_Decisions.size();
-    m_Margins.emplace_back(loss, std::numeric_limits<double>::max());
-    const auto number = static_cast<uint32_t>(m_Margins.size() - 1);
-    if (m_nWork == 0) m_Margins.back().second = 0;
-    for (const Guess& from : m_Guesses) {
+    m_nodesBefore = m_nodes.size();
+    m_decisionsBefore = m_decisions.size();
+    m_margins.emplace_back(loss, std::numeric_limits<double>::max());
+    const auto number = static_cast<uint32_t>(m_margins.size() - 1);
+    if (m_work == 0) m_margins.back().second = 0;
+    for (const Guess& from : m_guesses) {
       Guess closing = from;
       for (uint32_t closed = 0;; ++closed) {
         Guess opening = closing;
         for (uint32_t opened = 0;; ++opened) {
           Guess guess = opening;
-          guess.score += m_Evidence.Hidden(lost, closed, opened);
-          m_Decisions.push_back({from.decision, number, closed, opened});
-          guess.decision = static_cast<uint32_t>(m_Decisions.size() - 1);
+          guess.score += m_evidence.Hidden(lost, closed, opened);
+          m_decisions.push_back({from.decision, number, closed, opened});
+          guess.decision = static_cast<uint32_t>(m_decisions.size() - 1);
           guesses.push_back(guess);
-          if (opened == mostOpened || m_nWork == 0) break;
+          if (opened == mostOpened || m_work == 0) break;
           Enter(MadeUp(number, opened), &opening);
-          opening.lastFolder = m_Nodes[opening.node].depth;
+          opening.lastFolder = m_nodes[opening.node].depth;
         }
-        if (closed == mostClosed || m_nWork == 0) break;
-        if (m_Nodes[closing.node].above == kNone) break;
-        closing.node = m_Nodes[closing.node].above;
+        if (closed == mostClosed || m_work == 0) break;
+        if (m_nodes[closing.node].above == kNone) break;
+        closing.node = m_nodes[closing.node].above;
       }
     }
-    m_Guesses = std::move(guesses);
+    m_guesses = std::move(guesses);
   }
 
   // Stands for a folder that is no item.
@@ -278,46 +278,46 @@ class Placement {
 
   // Keeps the best, one for each row of open folders.
   void Prune() {
-    std::sort(m_Guesses.begin(), m_Guesses.end(),
+    std::sort(m_guesses.begin(), m_guesses.end(),
               [](const Guess& a, const Guess& b) { return a.score > b.score; });
     std::unordered_map<uint64_t, size_t> kept;
     std::vector<Guess> best;
-    for (const Guess& guess : m_Guesses) {
-      const auto [known, isNew] = kept.try_emplace(m_Nodes[guess.node].hash, best.size());
-      if (isNew && best.size() < (m_nWork > 0 ? kGuessesKept : 1)) {
+    for (const Guess& guess : m_guesses) {
+      const auto [known, isNew] = kept.try_emplace(m_nodes[guess.node].hash, best.size());
+      if (isNew && best.size() < (m_work > 0 ? kGuessesKept : 1)) {
         best.push_back(guess);
       } else {
         const bool hasTwin = known->second < best.size();
         Compare(best[hasTwin ? known->second : 0], guess);
       }
     }
-    m_Guesses = std::move(best);
+    m_guesses = std::move(best);
   }
 
   // Forgets what the last loss brought, but for what the guesses that are kept need of it.
   void DropUnused() {
-    const std::vector<Node> nodes(m_Nodes.begin() + Signed(m_nNodesBefore), m_Nodes.end());
-    const std::vector<Decision> decisions(m_Decisions.begin() + Signed(m_nDecisionsBefore),
-                                          m_Decisions.end());
-    m_Nodes.resize(m_nNodesBefore);
-    m_Decisions.resize(m_nDecisionsBefore);
+    const std::vector<Node> nodes(m_nodes.begin() + Signed(m_nodesBefore), m_nodes.end());
+    const std::vector<Decision> decisions(m_decisions.begin() + Signed(m_decisionsBefore),
+                                          m_decisions.end());
+    m_nodes.resize(m_nodesBefore);
+    m_decisions.resize(m_decisionsBefore);
     std::unordered_map<uint32_t, uint32_t> moved;
-    const auto isNew = [&](uint32_t node) { return node != kNone && node >= m_nNodesBefore; };
-    for (Guess& guess : m_Guesses) {
+    const auto isNew = [&](uint32_t node) { return node != kNone && node >= m_nodesBefore; };
+    for (Guess& guess : m_guesses) {
       std::vector<uint32_t> row;  // from the innermost folder
       for (uint32_t at = guess.node; isNew(at) && !moved.contains(at);
-           at = nodes[at - m_nNodesBefore].above) {
+           at = nodes[at - m_nodesBefore].above) {
         row.push_back(at);
       }
       for (auto at = row.rbegin(); at != row.rend(); ++at) {
-        Node node = nodes[*at - m_nNodesBefore];
+        Node node = nodes[*at - m_nodesBefore];
         if (isNew(node.above)) node.above = moved[node.above];
         moved[*at] = AddNode(node);
       }
       if (isNew(guess.node)) guess.node = moved[guess.node];
-      if (guess.decision == kNone || guess.decision < m_nDecisionsBefore) continue;
-      m_Decisions.push_back(decisions[guess.decision - m_nDecisionsBefore]);
-      guess.decision = static_cast<uint32_t>(m_Decisions.size() - 1);
+      if (guess.decision == kNone || guess.decision < m_decisionsBefore) continue;
+      m_decisions.push_back(decisions[guess.decision - m_decisionsBefore]);
+      guess.decision = static_cast<uint32_t>(m_decisions.size() - 1);
     }
   }
 
@@ -329,11 +329,11 @@ class Placement {
     if (margin >= kDecided) return;
     uint32_t a = better.decision;
     uint32_t b = worse.decision;
-    while (a != b && a != kNone && b != kNone && m_nWork > 0) {
-      const Decision& one = m_Decisions[a];
-      const Decision& other = m_Decisions[b];
+    while (a != b && a != kNone && b != kNone && m_work > 0) {
+      const Decision& one = m_decisions[a];
+      const Decision& other = m_decisions[b];
       if (one.closed != other.closed || one.opened != other.opened) {
-        double& known = m_Margins[one.loss].second;
+        double& known = m_margins[one.loss].second;
         known = std::min(known, margin);
       }
       a = one.before;
@@ -343,21 +343,21 @@ class Placement {
   }
 
   std::vector<SurveyItem> Build() {
-    for (size_t i = 1; i < m_Guesses.size(); ++i) Compare(m_Guesses[0], m_Guesses[i]);
-    std::vector<const Decision*> decisions(m_Margins.size());
-    for (uint32_t at = m_Guesses[0].decision; at != kNone; at = m_Decisions[at].before) {
-      decisions[m_Decisions[at].loss] = &m_Decisions[at];
+    for (size_t i = 1; i < m_guesses.size(); ++i) Compare(m_guesses[0], m_guesses[i]);
+    std::vector<const Decision*> decisions(m_margins.size());
+    for (uint32_t at = m_guesses[0].decision; at != kNone; at = m_decisions[at].before) {
+      decisions[m_decisions[at].loss] = &m_decisions[at];
     }
     std::vector<SurveyItem> placed;
-    placed.reserve(m_Items.size());
+    placed.reserve(m_items.size());
     size_t loss = 0;
-    for (uint32_t i = 0; i < m_Items.size(); ++i) {
-      placed.push_back(std::move(m_Items[i]));
-      if (loss == m_Margins.size() || m_Margins[loss].first != i) continue;
+    for (uint32_t i = 0; i < m_items.size(); ++i) {
+      placed.push_back(std::move(m_items[i]));
+      if (loss == m_margins.size() || m_margins[loss].first != i) continue;
       const SectionItem hiding = placed.back().item;
       AddHidden(hiding, *decisions[loss], &placed);
-      if (m_nWork == 0 || m_Margins[loss].second < kDecided) {
-        m_Visitor.onDamage(hiding.offset, "what follows may belong to another folder");
+      if (m_work == 0 || m_margins[loss].second < kDecided) {
+        m_visitor.onDamage(hiding.offset, "what follows may belong to another folder");
       }
       ++loss;
     }
@@ -367,7 +367,7 @@ class Placement {
   void AddHidden(const SectionItem& hiding, const Decision& decision,
                  std::vector<SurveyItem>* placed) {
     if (decision.closed > 0) {
-      m_Visitor.onDamage(hiding.offset,
+      m_visitor.onDamage(hiding.offset,
                          "the ends of " + std::to_string(decision.closed) + " folders are lost");
     }
     for (uint32_t n = 0; n < decision.closed; ++n) {
@@ -379,22 +379,22 @@ class Placement {
     for (uint32_t n = 0; n < decision.opened; ++n) {
       const uint64_t at = hiding.offset + hiding.length - decision.opened + n;
       placed->push_back(LostFolder(at));
-      m_Visitor.onDamage(at, "the records of a folder are lost");
+      m_visitor.onDamage(at, "the records of a folder are lost");
     }
   }
 
-  std::vector<SurveyItem> m_Items;
-  const SurveyVisitor& m_Visitor;
-  SurveyEvidence m_Evidence;
-  size_t m_nWork;
-  size_t m_nNodesBefore = 1;  // the loss that was met last
-  size_t m_nDecisionsBefore = 0;
-  bool m_bMayCloseMore = false;
-  std::vector<Node> m_Nodes;
-  std::vector<Decision> m_Decisions;
-  std::vector<Guess> m_Guesses;
+  std::vector<SurveyItem> m_items;
+  const SurveyVisitor& m_visitor;
+  SurveyEvidence m_evidence;
+  size_t m_work;
+  size_t m_nodesBefore = 1;  // the loss that was met last
+  size_t m_decisionsBefore = 0;
+  bool m_mayCloseMore = false;
+  std::vector<Node> m_nodes;
+  std::vector<Decision> m_decisions;
+  std::vector<Guess> m_guesses;
   std::vector<std::pair<uint32_t, double>>
-      m_Margins;  // by loss: its item, how surely it is decided
+      m_margins;  // by loss: its item, how surely it is decided
 };
 
 }  // namespace

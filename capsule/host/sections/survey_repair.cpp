@@ -20,32 +20,32 @@ constexpr std::ptrdiff_t kMostlyZero = 24;  // of the 32 bytes of an entry
 class Repair {
  public:
   Repair(std::vector<SurveyItem> items, const SurveyVisitor& visitor)
-      : m_Items(std::move(items)), m_Visitor(visitor) {
+      : m_items(std::move(items)), m_visitor(visitor) {
     size_t with = 0;
     size_t without = 0;
-    for (size_t i = 0; i < m_Items.size(); ++i) {
+    for (size_t i = 0; i < m_items.size(); ++i) {
       if (KindAt(i) != Kind::Directory) continue;
       ++(KindAt(i + 1) == Kind::DotEntry ? with : without);
     }
-    m_bDotsUsual = with > without;
+    m_dotsUsual = with > without;
   }
 
   std::vector<SurveyItem> Run() {
-    for (size_t i = 0; i < m_Items.size(); ++i) JudgeEntry(i);
-    for (size_t i = 0; i < m_Items.size(); ++i) JudgeData(i);
-    for (size_t i = 0; i < m_Items.size(); ++i) JudgeGap(i);
-    if (m_bDotsUsual) {
-      for (size_t i = 0; i < m_Items.size(); ++i) JudgeDots(i);
-      for (size_t i = 0; i < m_Items.size(); ++i) JudgeFolder(i);
+    for (size_t i = 0; i < m_items.size(); ++i) JudgeEntry(i);
+    for (size_t i = 0; i < m_items.size(); ++i) JudgeData(i);
+    for (size_t i = 0; i < m_items.size(); ++i) JudgeGap(i);
+    if (m_dotsUsual) {
+      for (size_t i = 0; i < m_items.size(); ++i) JudgeDots(i);
+      for (size_t i = 0; i < m_items.size(); ++i) JudgeFolder(i);
     }
     std::vector<SurveyItem> repaired;
-    repaired.reserve(m_Items.size());
-    for (size_t i = 0; i < m_Items.size(); ++i) {
+    repaired.reserve(m_items.size());
+    for (size_t i = 0; i < m_items.size(); ++i) {
       if (LosesFolder(i)) {
-        repaired.push_back(LostFolder(m_Items[i].item.offset));
-        m_Visitor.onDamage(m_Items[i].item.offset, "the records of its folder are lost");
+        repaired.push_back(LostFolder(m_items[i].item.offset));
+        m_visitor.onDamage(m_items[i].item.offset, "the records of its folder are lost");
       }
-      repaired.push_back(m_Items[i]);
+      repaired.push_back(m_items[i]);
     }
     return repaired;
   }
@@ -54,15 +54,15 @@ class Repair {
   // Of a gap or beyond the end: that of a trailer, which is nothing here. A "." with a long name is
   // none of a folder's own and, like a file, opens nothing.
   Kind KindAt(size_t i) const {
-    if (i >= m_Items.size() || m_Items[i].isGap) return Kind::Trailer;
-    const SectionItem& item = m_Items[i].item;
+    if (i >= m_items.size() || m_items[i].isGap) return Kind::Trailer;
+    const SectionItem& item = m_items[i].item;
     return item.kind == Kind::DotEntry && item.IsEntry() ? Kind::File : item.kind;
   }
 
   // What the short name says, whether the entry is one of a folder or not. One with a long name is
   // not called so.
   DotName NameAt(size_t i) const {
-    const SectionItem& item = m_Items[i].item;
+    const SectionItem& item = m_items[i].item;
     const bool isEntry = item.kind == Kind::DotEntry || item.IsEntry();
     return isEntry && item.length == kDirRecordSize ? DotNameOf(item.entry) : DotName::None;
   }
@@ -84,18 +84,18 @@ class Repair {
   // Whether the folder that is to stand in front is not there. A "." behind that of a folder is a
   // damaged "..".
   bool LosesFolder(size_t i) const {
-    if (IsAbove(i)) return i > 0 && m_Items[i - 1].isGap && m_Items[i - 1].lost > 0;
+    if (IsAbove(i)) return i > 0 && m_items[i - 1].isGap && m_items[i - 1].lost > 0;
     if (!IsFolderDot(i) || (i > 0 && KindAt(i - 1) == Kind::Directory)) return false;
     return i < 2 || !IsFolderDot(i - 1) || KindAt(i - 2) != Kind::Directory;
   }
 
   // There is nothing in its bytes to judge it by.
-  bool IsTold(size_t i) const { return m_Items[i].isGap || m_Items[i].isPlaceholder; }
+  bool IsTold(size_t i) const { return m_items[i].isGap || m_items[i].isPlaceholder; }
 
   void Change(size_t i, Kind kind, const std::string& reason) {
-    SectionItem& item = m_Items[i].item;
+    SectionItem& item = m_items[i].item;
     if (item.kind == kind) return;
-    m_Visitor.onDamage(item.offset, reason);
+    m_visitor.onDamage(item.offset, reason);
     item.kind = kind;
     if (kind == Kind::DotEntry) item.name.clear();
     if (kind == Kind::File || kind == Kind::Directory) {
@@ -108,7 +108,7 @@ class Repair {
   // A zero entry that is not zero, an entry that mostly is.
   void JudgeEntry(size_t i) {
     if (IsTold(i)) return;
-    SectionItem& item = m_Items[i].item;
+    SectionItem& item = m_items[i].item;
     const bool isEntry = item.kind == Kind::File || item.kind == Kind::Directory;
     if (item.kind == Kind::ZeroEntry && !IsMostlyZero(item.entry)) {
       const bool wasFolder = (item.entry.Attribute & kDirectoryAttribute) != 0;
@@ -116,7 +116,7 @@ class Repair {
     } else if (isEntry && item.length == kDirRecordSize && IsMostlyZero(item.entry)) {
       Change(i, Kind::ZeroEntry, "zero entry is not zero");
     } else if (isEntry && HasBadName(item)) {
-      m_Visitor.onDamage(item.offset, "short name has control characters");
+      m_visitor.onDamage(item.offset, "short name has control characters");
       if (item.name == item.shortName) item.name = item.shortName = "damaged-" + Hex(item.offset);
     }
   }
@@ -124,7 +124,7 @@ class Repair {
   // "." and ".." stand behind their folder.
   void JudgeDots(size_t i) {
     if (IsTold(i)) return;
-    const SectionItem& item = m_Items[i].item;
+    const SectionItem& item = m_items[i].item;
     if (item.length != kDirRecordSize) return;
     const bool isFirst = i > 0 && KindAt(i - 1) == Kind::Directory && !IsItself(i);
     const bool isSecond = i > 1 && IsItself(i - 1) && KindAt(i - 2) == Kind::Directory;
@@ -139,18 +139,18 @@ class Repair {
 
   // Data stands behind a file.
   void JudgeData(size_t i) {
-    if (i + 1 == m_Items.size() || !m_Items[i + 1].isGap || !m_Items[i + 1].hasData) return;
-    SectionItem& item = m_Items[i].item;
-    if (m_Items[i].isGap || item.kind != Kind::Directory) return;
+    if (i + 1 == m_items.size() || !m_items[i + 1].isGap || !m_items[i + 1].hasData) return;
+    SectionItem& item = m_items[i].item;
+    if (m_items[i].isGap || item.kind != Kind::Directory) return;
     Change(i, Kind::File, "entry of a folder is followed by data");
-    item.length += m_Items[i + 1].item.length;
+    item.length += m_items[i + 1].item.length;
   }
 
   // A folder has "." and ".." behind it, a file has not.
   void JudgeFolder(size_t i) {
     if (IsTold(i)) return;
-    const SectionItem& item = m_Items[i].item;
-    if (item.kind == Kind::Directory && i + 1 < m_Items.size() && !m_Items[i + 1].isGap &&
+    const SectionItem& item = m_items[i].item;
+    if (item.kind == Kind::Directory && i + 1 < m_items.size() && !m_items[i + 1].isGap &&
         (KindAt(i + 1) != Kind::DotEntry || BeginsBareDots(i + 1))) {
       Change(i, Kind::File, "entry of a folder is followed by none of its own");
     } else if (item.kind == Kind::File && item.dataOffset == item.offset + item.length &&
@@ -161,15 +161,15 @@ class Repair {
 
   // A lost record between those of a folder is one of its own.
   void JudgeGap(size_t i) {
-    if (i == 0 || m_Items[i].lost != kDirRecordSize) return;
+    if (i == 0 || m_items[i].lost != kDirRecordSize) return;
     const bool isFirst = KindAt(i - 1) == Kind::Directory && IsAbove(i + 1);
     const bool isSecond = i > 1 && IsFolderDot(i - 1) && KindAt(i - 2) == Kind::Directory;
-    if (isFirst || isSecond) m_Items[i].lost = 0;
+    if (isFirst || isSecond) m_items[i].lost = 0;
   }
 
-  std::vector<SurveyItem> m_Items;
-  const SurveyVisitor& m_Visitor;
-  bool m_bDotsUsual = false;
+  std::vector<SurveyItem> m_items;
+  const SurveyVisitor& m_visitor;
+  bool m_dotsUsual = false;
 };
 
 }  // namespace

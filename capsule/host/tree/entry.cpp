@@ -17,21 +17,21 @@ const Catalog& Of(const Catalog* catalog) {
 
 }  // namespace
 
-std::string_view Entry::Name() const { return Of(m_pCatalog).Name(m_nId); }
-std::string_view Entry::ShortName() const { return Of(m_pCatalog).ShortName(m_nId); }
-int Entry::Partition() const { return Of(m_pCatalog).Node(m_nId).partition; }
-bool Entry::IsRoot() const { return Of(m_pCatalog).IsRoot(m_nId); }
-bool Entry::IsDirectory() const { return Of(m_pCatalog).Node(m_nId).isDirectory; }
+std::string_view Entry::Name() const { return Of(m_catalog).Name(m_id); }
+std::string_view Entry::ShortName() const { return Of(m_catalog).ShortName(m_id); }
+int Entry::Partition() const { return Of(m_catalog).Node(m_id).partition; }
+bool Entry::IsRoot() const { return Of(m_catalog).IsRoot(m_id); }
+bool Entry::IsDirectory() const { return Of(m_catalog).Node(m_id).isDirectory; }
 bool Entry::IsReadOnly() const { return (Attributes() & platform::kAttributeReadOnly) != 0; }
 bool Entry::IsHidden() const { return (Attributes() & platform::kAttributeHidden) != 0; }
-uint8_t Entry::Attributes() const { return Of(m_pCatalog).Node(m_nId).attributes; }
-uint32_t Entry::Size() const { return Of(m_pCatalog).Node(m_nId).size; }
-uint32_t Entry::Offset() const { return Of(m_pCatalog).Node(m_nId).offset; }
-bool Entry::IsDuplicate() const { return Of(m_pCatalog).IsDuplicate(m_nId); }
-Entry Entry::Parent() const { return {m_pCatalog, Of(m_pCatalog).Node(m_nId).parent}; }
+uint8_t Entry::Attributes() const { return Of(m_catalog).Node(m_id).attributes; }
+uint32_t Entry::Size() const { return Of(m_catalog).Node(m_id).size; }
+uint32_t Entry::Offset() const { return Of(m_catalog).Node(m_id).offset; }
+bool Entry::IsDuplicate() const { return Of(m_catalog).IsDuplicate(m_id); }
+Entry Entry::Parent() const { return {m_catalog, Of(m_catalog).Node(m_id).parent}; }
 
 std::optional<int64_t> Entry::ModifiedTime() const {
-  const platform::DosDateTime& modified = Of(m_pCatalog).Node(m_nId).modified;
+  const platform::DosDateTime& modified = Of(m_catalog).Node(m_id).modified;
   if (modified.date == 0) return std::nullopt;
   return platform::ToUnixSeconds(modified);
 }
@@ -41,8 +41,8 @@ uint32_t EntryRange::After(const Catalog& catalog, uint32_t id) {
 }
 
 EntryRange Entry::Children() const {
-  const CatalogNode& node = Of(m_pCatalog).Node(m_nId);
-  return {m_pCatalog, node.firstChild, node.childCount};
+  const CatalogNode& node = Of(m_catalog).Node(m_id);
+  return {m_catalog, node.firstChild, node.childCount};
 }
 
 std::string Entry::Path() const {

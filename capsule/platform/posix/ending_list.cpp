@@ -43,17 +43,17 @@ void EndingList::Leave() {
 
 void EndingList::Add(UnfinishedFile& file) {
   const std::scoped_lock lock(g_Mutex);
-  file.m_pNext = g_pFirst;
-  if (g_pFirst != nullptr) g_pFirst->m_pPrevious = &file;
+  file.m_next = g_pFirst;
+  if (g_pFirst != nullptr) g_pFirst->m_previous = &file;
   g_pFirst = &file;
 }
 
 void EndingList::Take(UnfinishedFile& file) {
   const std::scoped_lock lock(g_Mutex);
-  (file.m_pPrevious != nullptr ? file.m_pPrevious->m_pNext : g_pFirst) = file.m_pNext;
-  if (file.m_pNext != nullptr) file.m_pNext->m_pPrevious = file.m_pPrevious;
-  file.m_pPrevious = nullptr;
-  file.m_pNext = nullptr;
+  (file.m_previous != nullptr ? file.m_previous->m_next : g_pFirst) = file.m_next;
+  if (file.m_next != nullptr) file.m_next->m_previous = file.m_previous;
+  file.m_previous = nullptr;
+  file.m_next = nullptr;
 }
 
 void EndingList::OnSignal(int signal) {
@@ -64,8 +64,8 @@ void EndingList::OnSignal(int signal) {
 }
 
 void EndingList::End(int signal) {
-  for (const UnfinishedFile* file = g_pFirst; file != nullptr; file = file->m_pNext) {
-    ::unlinkat(file->m_nFolder, file->m_strName.c_str(), 0);
+  for (const UnfinishedFile* file = g_pFirst; file != nullptr; file = file->m_next) {
+    ::unlinkat(file->m_folderDescriptor, file->m_name.c_str(), 0);
   }
   sigset_t only;
   ::sigemptyset(&only);

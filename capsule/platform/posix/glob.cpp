@@ -12,8 +12,8 @@ namespace {
 // The C locale on this thread for the length of a scope.
 class BytesLocale {
  public:
-  BytesLocale() : m_Previous(::uselocale(Bytes())) {}
-  ~BytesLocale() { ::uselocale(m_Previous); }
+  BytesLocale() : m_previous(::uselocale(Bytes())) {}
+  ~BytesLocale() { ::uselocale(m_previous); }
   BytesLocale(const BytesLocale&) = delete;
   BytesLocale& operator=(const BytesLocale&) = delete;
 
@@ -24,7 +24,7 @@ class BytesLocale {
     return bytes;
   }
 
-  locale_t m_Previous;
+  locale_t m_previous;
 };
 
 }  // namespace

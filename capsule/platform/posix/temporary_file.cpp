@@ -33,13 +33,13 @@ TemporaryFile::~TemporaryFile() { Remove(); }
 bool TemporaryFile::Create(const std::string& target) {
   Remove();
   const size_t slash = target.rfind('/');
-  m_strName = target.substr(slash + 1);
-  m_strFolder = slash == std::string::npos ? "./" : target.substr(0, slash + 1);
-  m_nFolder = OpenFolderBehind(m_strFolder.c_str());
-  if (m_nFolder < 0) return false;
-  RemoveLeftOvers(m_nFolder);
-  const std::string begin = "." + m_strName.substr(0, kMaxTargetPart);
-  if (m_File.Create(m_nFolder, begin, S_IRUSR | S_IWUSR)) return true;
+  m_name = target.substr(slash + 1);
+  m_folder = slash == std::string::npos ? "./" : target.substr(0, slash + 1);
+  m_folderDescriptor = OpenFolderBehind(m_folder.c_str());
+  if (m_folderDescriptor < 0) return false;
+  RemoveLeftOvers(m_folderDescriptor);
+  const std::string begin = "." + m_name.substr(0, kMaxTargetPart);
+  if (m_file.Create(m_folderDescriptor, begin, S_IRUSR | S_IWUSR)) return true;
   const int reason = errno;
   Remove();
   errno = reason;
@@ -49,30 +49,30 @@ bool TemporaryFile::Create(const std::string& target) {
 bool TemporaryFile::SetMode() {
   struct stat status {};
   mode_t mode = 0;
-  if (::fstatat(m_nFolder, m_strName.c_str(), &status, 0) == 0) {
+  if (::fstatat(m_folderDescriptor, m_name.c_str(), &status, 0) == 0) {
     mode = status.st_mode & kPermissions;
   } else if (errno == ENOENT) {
     mode = ModeOfNewFiles();
   } else {
     return false;
   }
-  return ::fchmod(m_File.Descriptor(), mode) == 0;
+  return ::fchmod(m_file.Descriptor(), mode) == 0;
 }
 
 const char* TemporaryFile::Publish(int* syncProblem) {
   if (!SetMode()) return "setting of permissions";
-  if (!Sync(m_File.Descriptor())) return "sync";
-  if (!m_File.Publish(m_strName.c_str(), false)) return "rename";
+  if (!Sync(m_file.Descriptor())) return "sync";
+  if (!m_file.Publish(m_name.c_str(), false)) return "rename";
   // File systems that cannot sync folders say so by EINVAL.
-  *syncProblem = Sync(m_nFolder) || errno == EINVAL ? 0 : errno;
+  *syncProblem = Sync(m_folderDescriptor) || errno == EINVAL ? 0 : errno;
   Remove();
   return nullptr;
 }
 
 void TemporaryFile::Remove() {
-  m_File.Remove();
-  if (m_nFolder > 0) Close(m_nFolder);
-  m_nFolder = -1;
+  m_file.Remove();
+  if (m_folderDescriptor > 0) Close(m_folderDescriptor);
+  m_folderDescriptor = -1;
 }
 
 }  // namespace capsule::platform

@@ -85,9 +85,9 @@ UnfinishedFile::~UnfinishedFile() { Remove(); }
 
 bool UnfinishedFile::Create(int folder, std::string_view begin, unsigned mode) {
   Remove();
-  m_nFolder = folder;
+  m_folderDescriptor = folder;
   for (int i = 0; i < kAttempts; ++i) {
-    m_strName = std::string(begin) + std::string(kMark) + RandomLetters();
+    m_name = std::string(begin) + std::string(kMark) + RandomLetters();
     const EndingList::Scope scope;
     if (CreateOnce(mode)) {
       EndingList::Add(*this);
@@ -100,8 +100,8 @@ bool UnfinishedFile::Create(int folder, std::string_view begin, unsigned mode) {
 
 // False with EEXIST when another name is to be tried.
 bool UnfinishedFile::CreateOnce(unsigned mode) {
-  const int descriptor =
-      OpenDescriptorIn(m_nFolder, m_strName.c_str(), O_RDWR | O_CREAT | O_EXCL | O_NOFOLLOW, mode);
+  const int descriptor = OpenDescriptorIn(m_folderDescriptor, m_name.c_str(),
+                                          O_RDWR | O_CREAT | O_EXCL | O_NOFOLLOW, mode);
   if (descriptor < 0) return false;
   // Where files cannot be locked at all, nobody can take this one for a leftover either.
   const bool isTaken = !Lock(descriptor) && errno == EWOULDBLOCK;
@@ -109,33 +109,33 @@ bool UnfinishedFile::CreateOnce(unsigned mode) {
   if (isTaken) return CloseAndFail(descriptor, EEXIST) == 0;
   if (::fstat(descriptor, &status) != 0) {
     const int reason = errno;
-    ::unlinkat(m_nFolder, m_strName.c_str(), 0);
+    ::unlinkat(m_folderDescriptor, m_name.c_str(), 0);
     return CloseAndFail(descriptor, reason) == 0;
   }
   if (status.st_nlink == 0) return CloseAndFail(descriptor, EEXIST) == 0;
-  m_nDescriptor = descriptor;
+  m_descriptor = descriptor;
   return true;
 }
 
 bool UnfinishedFile::Publish(const char* name, bool keepExisting) {
-  if (!HasArrived(m_nDescriptor)) return false;
+  if (!HasArrived(m_descriptor)) return false;
   const EndingList::Scope scope;
-  if (!PublishIn(m_nFolder, m_strName.c_str(), name, keepExisting)) return false;
+  if (!PublishIn(m_folderDescriptor, m_name.c_str(), name, keepExisting)) return false;
   Forget();
   return true;
 }
 
 void UnfinishedFile::Remove() {
-  if (m_nDescriptor < 0) return;
+  if (m_descriptor < 0) return;
   const EndingList::Scope scope;
-  ::unlinkat(m_nFolder, m_strName.c_str(), 0);
+  ::unlinkat(m_folderDescriptor, m_name.c_str(), 0);
   Forget();
 }
 
 void UnfinishedFile::Forget() {
   EndingList::Take(*this);
-  Close(m_nDescriptor);
-  m_nDescriptor = -1;
+  Close(m_descriptor);
+  m_descriptor = -1;
 }
 
 bool IsUnfinishedName(std::string_view name) {

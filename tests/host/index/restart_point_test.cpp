@@ -27,31 +27,31 @@ constexpr size_t kSize = 7 * kMega + 4321;
 class RestartPoints : public testing::Test {
  protected:
   RestartPoints() {
-    for (int64_t i = 0; m_Text.size() < kSize; ++i)
-      m_Text += "line " + std::to_string(i * 7919) + "\n";
-    m_Text.resize(kSize);
-    std::filesystem::create_directory(m_Folder / "in");
-    test::WriteFile(m_Folder / "in/long.txt", m_Text);
+    for (int64_t i = 0; m_text.size() < kSize; ++i)
+      m_text += "line " + std::to_string(i * 7919) + "\n";
+    m_text.resize(kSize);
+    std::filesystem::create_directory(m_folder / "in");
+    test::WriteFile(m_folder / "in/long.txt", m_text);
   }
 
   void Build(int level) {
-    ImageBuilder builder(m_Path, {.level = level});
-    builder.AddDirectory(m_Folder / "in");
+    ImageBuilder builder(m_path, {.level = level});
+    builder.AddDirectory(m_folder / "in");
     static_cast<void>(builder.Finish());
-    m_Bytes = test::ReadFile(m_Path);
-    m_Blocks.clear();
-    m_Notes.clear();
-    MapImage(m_Path, [&](const MapItem& item) {
-      if (item.kind == MapItem::Kind::DataBlock) m_Blocks.push_back(item.offset);
-      if (item.kind == MapItem::Kind::IndexRecord && item.name == "seek=") m_Notes.push_back(item);
+    m_bytes = test::ReadFile(m_path);
+    m_blocks.clear();
+    m_notes.clear();
+    MapImage(m_path, [&](const MapItem& item) {
+      if (item.kind == MapItem::Kind::DataBlock) m_blocks.push_back(item.offset);
+      if (item.kind == MapItem::Kind::IndexRecord && item.name == "seek=") m_notes.push_back(item);
     });
   }
 
   // The chunk at `offset` of the file becomes one that cannot be decoded.
   void Damage(size_t offset) {
-    const auto at = static_cast<std::ptrdiff_t>(m_Blocks[offset / 8192] + 8);
-    std::fill_n(m_Bytes.begin() + at, 40, '\xFF');
-    test::WriteFile(m_Path, m_Bytes);
+    const auto at = static_cast<std::ptrdiff_t>(m_blocks[offset / 8192] + 8);
+    std::fill_n(m_bytes.begin() + at, 40, '\xFF');
+    test::WriteFile(m_path, m_bytes);
   }
 
   std::string Range(FileReader& reader, size_t offset, size_t count) const {
@@ -69,32 +69,32 @@ class RestartPoints : public testing::Test {
     std::array<unsigned char, 4> value{};
     platform::StoreLe32(value.data(), checksum.Value());
     std::copy(value.begin(), value.end(), &bytes[index + 3]);
-    test::WriteFile(m_Path, bytes);
+    test::WriteFile(m_path, bytes);
   }
 
-  test::TempDir m_Folder;
-  std::string m_Path = m_Folder / "x.cap";
-  std::string m_Text;
-  std::string m_Bytes;
-  std::vector<uint64_t> m_Blocks;
-  std::vector<MapItem> m_Notes;
+  test::TempDir m_folder;
+  std::string m_path = m_folder / "x.cap";
+  std::string m_text;
+  std::string m_bytes;
+  std::vector<uint64_t> m_blocks;
+  std::vector<MapItem> m_notes;
 };
 
 // What lies before the restart point is not decoded: damage there does no harm.
 TEST_F(RestartPoints, LetReadingBeginInTheMiddle) {
   for (const int level : {0, 6}) {
     Build(level);
-    ASSERT_EQ(m_Notes.size(), 7U);
-    EXPECT_EQ(m_Notes[2].target, m_Blocks[3 * kMega / 8192]);
-    EXPECT_LT(m_Notes[2].length, level == 0 ? 25U : 2068U);
-    static_cast<void>(IndexWriter(m_Path).Write());
-    EXPECT_EQ(test::ReadFile(m_Path) == m_Bytes, true);
+    ASSERT_EQ(m_notes.size(), 7U);
+    EXPECT_EQ(m_notes[2].target, m_blocks[3 * kMega / 8192]);
+    EXPECT_LT(m_notes[2].length, level == 0 ? 25U : 2068U);
+    static_cast<void>(IndexWriter(m_path).Write());
+    EXPECT_EQ(test::ReadFile(m_path) == m_bytes, true);
   }
   Damage(5 * kMega / 2);
-  const Image image(m_Path);
+  const Image image(m_path);
   FileReader reader = image.OpenFile(*image.Find("long.txt"));
   const auto check = [&](size_t at, size_t count = 1000) {
-    EXPECT_EQ(Range(reader, at, count), m_Text.substr(at, count)) << at;
+    EXPECT_EQ(Range(reader, at, count), m_text.substr(at, count)) << at;
   };
   for (const size_t at : {6 * kMega + 100'000, kSize - 500, 3 * kMega, kMega + 5, 4 * kMega - 10})
     check(at);
@@ -107,9 +107,9 @@ TEST_F(RestartPoints, LetReadingBeginInTheMiddle) {
 // Whatever happens between two restart points, what lies behind the second is all there.
 TEST_F(RestartPoints, EndWhatDamageDoes) {
   Build(6);
-  m_Bytes.replace(m_Blocks[11 * kMega / 16384], 40, 40, '\0');
+  m_bytes.replace(m_blocks[11 * kMega / 16384], 40, 40, '\0');
   for (const size_t behind : {0, 90'000, 300'000}) Damage(5 * kMega / 2 + behind);
-  const Image image(m_Path);
+  const Image image(m_path);
   std::string got;
   uint64_t firstLost = kSize;
   uint64_t endLost = 0;
@@ -118,9 +118,9 @@ TEST_F(RestartPoints, EndWhatDamageDoes) {
     if (piece.kind != FilePiece::Kind::Lost) return;
     firstLost = std::min(firstLost, piece.offset);
     endLost = piece.offset + piece.length;
-    got += m_Text.substr(piece.offset, piece.length);
+    got += m_text.substr(piece.offset, piece.length);
   });
-  EXPECT_EQ(got == m_Text, true);
+  EXPECT_EQ(got == m_text, true);
   EXPECT_EQ(firstLost, 5 * kMega / 2);
   EXPECT_GT(endLost, 11 * kMega / 2);
   EXPECT_LE(endLost, 6 * kMega);
@@ -129,23 +129,23 @@ TEST_F(RestartPoints, EndWhatDamageDoes) {
 TEST_F(RestartPoints, AreVerified) {
   Build(6);
   const auto faults = [&](const MapItem& note, size_t at) {
-    std::string bytes = m_Bytes;
+    std::string bytes = m_bytes;
     bytes[note.offset + at] ^= 1;
     SaveWithNewCheckValue(bytes);
     std::string text;
-    static_cast<void>(Verifier(m_Path).Run(
+    static_cast<void>(Verifier(m_path).Run(
         [&](const Fault& fault) { text += fault.path + ": " + fault.reason; }));
     return text;
   };
   constexpr size_t kName = 3;
   const std::string start = "0:/long.txt: restart point ";
-  EXPECT_EQ(faults(m_Notes[1], kName + 6),
+  EXPECT_EQ(faults(m_notes[1], kName + 6),
             start + "is for byte 2097408 of the file, byte 2097152 is here");
-  EXPECT_EQ(faults(m_Notes[6], kName + 1000), start + "has another history than the file");
-  EXPECT_EQ(faults(m_Notes[5], m_Notes[5].length - 8), start + "is where no data block begins");
-  EXPECT_EQ(faults(m_Notes[6], m_Notes[6].length - 8),
+  EXPECT_EQ(faults(m_notes[6], kName + 1000), start + "has another history than the file");
+  EXPECT_EQ(faults(m_notes[5], m_notes[5].length - 8), start + "is where no data block begins");
+  EXPECT_EQ(faults(m_notes[6], m_notes[6].length - 8),
             start + "does not lie in the item before it");
-  EXPECT_EQ(faults(m_Notes[0], kName), "");  // no longer one
+  EXPECT_EQ(faults(m_notes[0], kName), "");  // no longer one
 }
 
 }  // namespace

@@ -88,14 +88,14 @@ void ExpectOnlyLosses(const Outcome& outcome, std::string source, const std::str
 
 class DamagedFile : public testing::Test {
  protected:
-  DamagedFile() : m_Story(Story(kRecords * kChunk - 1000)) {
+  DamagedFile() : m_story(Story(kRecords * kChunk - 1000)) {
     test::ImageMaker maker(true);
     maker.BeginSection();
-    maker.File("FILE       ", static_cast<uint32_t>(m_Story.size()));
+    maker.File("FILE       ", static_cast<uint32_t>(m_story.size()));
     test::LzsWriter writer;
     for (size_t i = 0; i < kRecords; ++i) {
-      m_At.push_back(maker.Here());
-      std::string chunk = m_Story.substr(i * kChunk, kChunk);
+      m_at.push_back(maker.Here());
+      std::string chunk = m_story.substr(i * kChunk, kChunk);
       chunk.resize((chunk.size() + 511) / 512 * 512);
       if (i >= kFirstStored && i <= kLastStored) {
         maker.Data(0, 0, chunk);
@@ -105,24 +105,24 @@ class DamagedFile : public testing::Test {
       maker.Data(i + 1 == kRecords ? 1 : 0, static_cast<uint32_t>(chunk.size()),
                  std::string(unit.begin(), unit.end()));
     }
-    m_At.push_back(maker.Here());
+    m_at.push_back(maker.Here());
     maker.File("OTHER      ", 0);
     maker.EndSection();
-    test::WriteFile(m_Path, maker.Finish());
-    static_cast<void>(IndexWriter(m_Path).Write());
-    m_Whole = test::ReadFile(m_Path);
+    test::WriteFile(m_path, maker.Finish());
+    static_cast<void>(IndexWriter(m_path).Write());
+    m_whole = test::ReadFile(m_path);
   }
 
   Outcome Read(const std::string& bytes) const {
-    test::WriteFile(m_Path, bytes);
-    return ReadRange(m_Path);
+    test::WriteFile(m_path, bytes);
+    return ReadRange(m_path);
   }
 
   // Changes bytes at these places of these records.
   Outcome Break(const std::vector<std::pair<size_t, size_t>>& places, int change = 0x15) const {
-    std::string bytes = m_Whole;
+    std::string bytes = m_whole;
     for (const auto& [record, at] : places) {
-      bytes[m_At[record] + at] = static_cast<char>(bytes[m_At[record] + at] ^ change);
+      bytes[m_at[record] + at] = static_cast<char>(bytes[m_at[record] + at] ^ change);
     }
     return Read(bytes);
   }
@@ -130,16 +130,16 @@ class DamagedFile : public testing::Test {
   // When nothing is lost, a stored byte or a literal may be another, and only the check value tells
   // that.
   void ExpectHonest(const Outcome& outcome, const std::string& what) const {
-    ASSERT_EQ(outcome.bytes.size(), m_Story.size()) << what;
+    ASSERT_EQ(outcome.bytes.size(), m_story.size()) << what;
     EXPECT_TRUE(outcome.isUncertain) << what << ": nothing told";
-    if (!outcome.lost.empty()) ExpectOnlyLosses(outcome, m_Story, what);
+    if (!outcome.lost.empty()) ExpectOnlyLosses(outcome, m_story, what);
   }
 
-  test::TempDir m_Dir;
-  std::string m_Path = m_Dir / "x.cap";
-  std::string m_Story;
-  std::string m_Whole;
-  std::vector<size_t> m_At;  // where the records begin, and their end
+  test::TempDir m_dir;
+  std::string m_path = m_dir / "x.cap";
+  std::string m_story;
+  std::string m_whole;
+  std::vector<size_t> m_at;  // where the records begin, and their end
 };
 
 TEST_F(DamagedFile, LosesARecordAndWhatHangsOnItWhateverIsDamaged) {
@@ -147,7 +147,7 @@ TEST_F(DamagedFile, LosesARecordAndWhatHangsOnItWhateverIsDamaged) {
   using Places = std::vector<size_t>;
   for (const size_t record : Places{0, 1, 12, kFirstStored - 1, kFirstStored, kLastStored,
                                     kLastStored + 1, kRecords - 1}) {
-    const size_t size = m_At[record + 1] - m_At[record];
+    const size_t size = m_at[record + 1] - m_at[record];
     const bool isStored = record >= kFirstStored && record <= kLastStored;
     for (const size_t at : Places{0, 1, 2, 3, 4, 6, 7, 8, 20, size / 2, size - 1}) {
       for (const int change : {0x01, 0x20, 0x80, 0xFF}) {
@@ -183,27 +183,27 @@ TEST_F(DamagedFile, SeveralDamagesAreToldApart) {
   EXPECT_LE(outcome.lostBytes, (22 - 5) * kChunk + kChunk / 2);
   // It is handed out for those who want it at any place.
   ASSERT_GT(outcome.unplaced.size(), 12 * kChunk);
-  EXPECT_TRUE(outcome.unplaced.ends_with(m_Story.substr(18 * kChunk, 2 * kChunk)));
+  EXPECT_TRUE(outcome.unplaced.ends_with(m_story.substr(18 * kChunk, 2 * kChunk)));
 
   // A range over the loss, cut to what was asked for.
-  outcome = ReadRange(m_Path, 4 * kChunk + 100, 2 * kChunk);
+  outcome = ReadRange(m_path, 4 * kChunk + 100, 2 * kChunk);
   ASSERT_EQ(outcome.lost.size(), 1U);
   EXPECT_EQ(outcome.lost[0].offset, 5 * kChunk);
   EXPECT_EQ(outcome.lost[0].length, kChunk + 100);
   EXPECT_EQ(outcome.bytes.size(), 2 * kChunk);
-  EXPECT_EQ(outcome.bytes.substr(0, kChunk - 100), m_Story.substr(4 * kChunk + 100, kChunk - 100));
+  EXPECT_EQ(outcome.bytes.substr(0, kChunk - 100), m_story.substr(4 * kChunk + 100, kChunk - 100));
 }
 
 TEST_F(DamagedFile, RandomDamageNeverMakesAWrongByteGood) {
   std::mt19937 random(3);
   uint64_t lost = 0;
   for (int run = 0; run < 400; ++run) {
-    std::string bytes = m_Whole;
-    const size_t at = m_At[0] + random() % (m_At[kRecords] - m_At[0]);
+    std::string bytes = m_whole;
+    const size_t at = m_at[0] + random() % (m_at[kRecords] - m_at[0]);
     // A byte, or in compressed records a torn stretch that breaks every unit it meets.
     const bool isTorn =
-        run % 2 != 0 && (at + 600 < m_At[kFirstStored] || at > m_At[kLastStored + 1]);
-    for (size_t i = at; i < std::min(at + (isTorn ? 600 : 1), m_At[kRecords]); ++i) {
+        run % 2 != 0 && (at + 600 < m_at[kFirstStored] || at > m_at[kLastStored + 1]);
+    for (size_t i = at; i < std::min(at + (isTorn ? 600 : 1), m_at[kRecords]); ++i) {
       bytes[i] = static_cast<char>(bytes[i] ^ static_cast<char>(1 + random() % 255));
     }
     const Outcome outcome = Read(bytes);
