@@ -36,7 +36,7 @@ size_t FileReader::Read(uint64_t offset, std::span<unsigned char> out) {
   } else {
     records.Seek(offset);
   }
-  if (size == 0) records.CheckEmpty();
+  if (size == 0) records.ExpectEmpty();
   for (uint64_t at = offset; at < end;) {
     while (at >= records.ChunkEnd()) records.Advance(at);
     const auto skip = static_cast<size_t>(at - records.ChunkBegin());

@@ -197,12 +197,12 @@ Image::Image(std::shared_ptr<const ByteSource> source, std::string name, Opening
   std::string scanReason;
   const bool isEmpty = SectionsOf(header).empty();
   try {
-    CheckIndexOffset(header, file);
-    index = CheckIndex(file, header.indexOffset);
+    RequireIndexInFile(header, file);
+    index = ReadIndex(file, header.indexOffset);
     impl.catalog = ReadIndexedTree(file, header, index, &impl.problems);
     if (opening == Opening::Salvage) RefuseLeftOut(impl.problems, file.Name());
     if (!index.isChecked || HasNtfsPartition(header)) {
-      CheckSections(file, index, *impl.catalog, header.indexOffset);
+      RequireSameSections(file, index, *impl.catalog, header.indexOffset);
     }
   } catch (const ShortageError&) {
     throw;
@@ -211,7 +211,7 @@ Image::Image(std::shared_ptr<const ByteSource> source, std::string name, Opening
     if (opening == Opening::Strict && !isWithoutIndex) throw;
     if (!isWithoutIndex) scanReason = error.Reason();
     impl.problems.clear();
-    if (index.isChecked) index = CheckIndex(file, header.indexOffset, true);
+    if (index.isChecked) index = ReadIndex(file, header.indexOffset, true);
     impl.catalog =
         SalvageCatalog(file, index, LimitOfSections(file, header, index, length), &impl.problems);
     if (impl.catalog->Size() == 0 && !isEmpty) throw;

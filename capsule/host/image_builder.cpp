@@ -74,7 +74,7 @@ fs::path BehindLinks(const fs::path& image, fs::path target) {
 }
 
 // Refuses a file with bytes in it that is not an image.
-void CheckReplaceable(const std::string& target, const std::string& name) {
+void RequireReplaceable(const std::string& target, const std::string& name) {
   const auto old = platform::Status(target);
   if (!old || old->kind != platform::FileKind::Regular || old->size == 0) return;
   const platform::ScopedDescriptor file(platform::OpenForReading(target.c_str()));
@@ -92,7 +92,7 @@ std::string Target(const fs::path& image, bool force) {
   const fs::path absolute = fs::absolute(image, error);
   if (error) ThrowSystemError(image.string(), "", error.value());
   const std::string target = BehindLinks(image, absolute).string();
-  if (!force) CheckReplaceable(target, image.string());
+  if (!force) RequireReplaceable(target, image.string());
   return target;
 }
 

@@ -43,8 +43,8 @@ void RefuseToForget(const ImageFile& image) {
   const DecodedHeader header = ReadImageHeader(image);
   IndexContents index;
   try {
-    CheckIndexOffset(header, image);
-    index = CheckIndex(image, header.indexOffset);
+    RequireIndexInFile(header, image);
+    index = ReadIndex(image, header.indexOffset);
   } catch (const Error&) {
     return;
   }
@@ -58,7 +58,7 @@ void RefuseToContradictLostIndex(const ImageFile& image, uint64_t offset) {
   if (offset >= length) return;
   IndexContents index;
   try {
-    index = CheckIndex(image, offset);
+    index = ReadIndex(image, offset);
   } catch (const ShortageError&) {
     throw;
   } catch (const Error&) {
@@ -154,8 +154,8 @@ void IndexWriter::KeepLabels() {
   if (m_labels) return;
   try {
     const DecodedHeader header = ReadImageHeader(Bytes());
-    CheckIndexOffset(header, Bytes());
-    m_oldLabels = CheckIndex(Bytes(), header.indexOffset).labels;
+    RequireIndexInFile(header, Bytes());
+    m_oldLabels = ReadIndex(Bytes(), header.indexOffset).labels;
   } catch (const ShortageError&) {
     throw;
   } catch (const Error&) {

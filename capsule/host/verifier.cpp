@@ -35,8 +35,8 @@ struct OpenFile {
 // The restart points of an index that can be read and has a check value.
 std::vector<RestartPoint> RestartsOf(const ImageFile& image, const DecodedHeader& header) {
   try {
-    CheckIndexOffset(header, image);
-    return CheckIndex(image, header.indexOffset).restarts;
+    RequireIndexInFile(header, image);
+    return ReadIndex(image, header.indexOffset).restarts;
   } catch (const Error&) {
     return {};
   }

@@ -13,7 +13,7 @@ ErrorKind KindOfBadHeader(const StoredHeader& header) {
   return header.isComplete && header.isMarked ? ErrorKind::Damaged : ErrorKind::NotAnImage;
 }
 
-void CheckIndexOffset(const DecodedHeader& header, const ImageFile& image) {
+void RequireIndexInFile(const DecodedHeader& header, const ImageFile& image) {
   const std::string& path = image.Name();
   const uint64_t fileSize = image.Size();
   switch (PlaceOfIndex(header.indexOffset, fileSize)) {

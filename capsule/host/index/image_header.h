@@ -20,7 +20,7 @@ DecodedHeader ReadImageHeader(const ImageFile& image);
 ErrorKind KindOfBadHeader(const StoredHeader& header);
 
 // Throws when the header tells of no index, or of one that does not lie in the image.
-void CheckIndexOffset(const DecodedHeader& header, const ImageFile& image);
+void RequireIndexInFile(const DecodedHeader& header, const ImageFile& image);
 
 // Where the sections end at the latest: an index that is not one says nothing about it. `index`:
 // what could be read of it.

@@ -154,7 +154,7 @@ bool IsReadAsNothing(FileWindow& window, uint64_t offset) {
          RoleOf(DecodeShortEntry(bytes.last<kDirEntrySize>())) == EntryRole::Closing;
 }
 
-IndexContents CheckIndex(const ImageFile& image, uint64_t indexOffset, bool keepRecords) {
+IndexContents ReadIndex(const ImageFile& image, uint64_t indexOffset, bool keepRecords) {
   IndexWalk walk(image, indexOffset);
   IndexContents contents;
   contents.isChecked = walk.IsChecked();

@@ -63,7 +63,7 @@ struct IndexContents {
 // The index that begins at `indexOffset` of the image. Throws host::Error when it ends too early,
 // its check value does not hold, or two of its records name the same item, unless it is read as
 // nothing.
-IndexContents CheckIndex(const ImageFile& image, uint64_t indexOffset, bool keepRecords = false);
+IndexContents ReadIndex(const ImageFile& image, uint64_t indexOffset, bool keepRecords = false);
 
 // Whether readers take the record at `offset` for nothing: a zero entry, or the end of NTFS
 // records. Writers name one for all partitions that are not in use.

@@ -121,7 +121,7 @@ IndexReport AnnotateIndex(int descriptor, const Image& image, bool force,
   const ImageInfo& info = image.Info();
   const std::string& name = image.Path();
   const ImageFile file(descriptor, name);
-  const IndexContents index = CheckIndex(file, info.indexOffset, true);
+  const IndexContents index = ReadIndex(file, info.indexOffset, true);
   std::set<uint64_t> known;
   for (const DamageNote& note : index.damages) {
     known.insert(note.offset);

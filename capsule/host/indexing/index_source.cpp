@@ -151,8 +151,8 @@ class LeftVisit {
 bool HasReadableIndex(const ImageFile& image) {
   const DecodedHeader header = ReadImageHeader(image);
   try {
-    CheckIndexOffset(header, image);
-    return !CheckIndex(image, header.indexOffset).items.empty();
+    RequireIndexInFile(header, image);
+    return !ReadIndex(image, header.indexOffset).items.empty();
   } catch (const Error&) {
     return false;
   }

@@ -34,7 +34,7 @@ RecordStream::RecordStream(RecordSource source)
   if (m_source.rules.IsNtfs()) TakeResidentData();
   Restart();
   if (m_isResident) {
-    CheckEmpty();
+    ExpectEmpty();
     Restart();
   }
   const std::string problem = m_isResident ? "" : JudgeSize(m_source.size, room);
@@ -132,12 +132,12 @@ void RecordStream::Advance(uint64_t offset) {
   m_chunkBegin = m_chunkEnd;
   m_chunkEnd += record.chunk;
   KeepMark();
-  if (m_chunkEnd >= m_source.size) CompareCheck();
+  if (m_chunkEnd >= m_source.size) ExpectCheck();
 }
 
-void RecordStream::CheckEmpty() {
+void RecordStream::ExpectEmpty() {
   CountGroup();
-  CompareCheck();
+  ExpectCheck();
 }
 
 // The record group lies in front of the data and has the same check value.
@@ -155,7 +155,7 @@ void RecordStream::CountUpTo(uint64_t offset) {
 }
 
 // Further FILE records may follow the data of a file, and count.
-void RecordStream::CompareCheck() {
+void RecordStream::ExpectCheck() {
   if (!m_check) return;
   if (m_source.rules.IsNtfs() && m_check->Next() == m_record) {
     CountUpTo(m_check->End());
@@ -184,7 +184,7 @@ void RecordStream::DecodeRecord(const DataRecord& record) {
 }
 
 // How many bytes there are from the current record on; at least `needed`.
-uint64_t RecordStream::CheckRoom(uint64_t needed) const {
+uint64_t RecordStream::RequireRoom(uint64_t needed) const {
   const uint64_t room = m_record < m_source.limit ? m_source.limit - m_record : 0;
   if (room < needed) {
     Fail("its records end after " + Count(m_chunkEnd) + " of " + Count(m_source.size) + " bytes");
@@ -193,12 +193,12 @@ uint64_t RecordStream::CheckRoom(uint64_t needed) const {
 }
 
 DataRecord RecordStream::ReadHeader() {
-  CheckRoom(m_headerSize);
+  RequireRoom(m_headerSize);
   const _MiniHeader header =
       m_source.rules.IsNtfs()
           ? ReadNtfsHeader()
           : DecodeMiniHeader(Window(m_record, kMiniHeaderSize).first<kMiniHeaderSize>());
-  const uint64_t room = CheckRoom(m_headerSize) - m_headerSize;
+  const uint64_t room = RequireRoom(m_headerSize) - m_headerSize;
   if (!m_source.rules.IsNtfs() && header.Type != kRecordDataBlock) {
     Fail("record is of type " + Count(header.Type) + ", a data block is " +
          Count(kRecordDataBlock) + "; " + Count(m_chunkEnd) + " of " + Count(m_source.size) +
@@ -247,7 +247,7 @@ std::string RecordStream::Place() const {
 std::string ProblemOf(const RecordSource& source) {
   try {
     RecordStream records(source);
-    if (source.size == 0) records.CheckEmpty();
+    if (source.size == 0) records.ExpectEmpty();
     while (records.ChunkEnd() < source.size) records.Advance(records.ChunkEnd());
     return {};
   } catch (const ShortageError&) {

@@ -39,7 +39,7 @@ class RecordStream {
   void Advance(uint64_t offset);
 
   // For a file of no bytes, which has no records to advance to: compares its check value.
-  void CheckEmpty();
+  void ExpectEmpty();
 
   // The bytes of the current record, padding included.
   std::span<const unsigned char> Chunk() const { return m_chunk; }
@@ -77,9 +77,9 @@ class RecordStream {
   void TakeResidentData();
   void CountGroup();
   void CountUpTo(uint64_t offset);
-  void CompareCheck();
+  void ExpectCheck();
   void DecodeRecord(const DataRecord& record);
-  uint64_t CheckRoom(uint64_t needed) const;
+  uint64_t RequireRoom(uint64_t needed) const;
   std::span<const unsigned char> Window(uint64_t offset, size_t count);
   void Fill(uint64_t offset);
   [[noreturn]] void Fail(const std::string& what) const;

@@ -21,7 +21,7 @@ _MiniHeader RecordStream::ReadNtfsHeader() {
   while (IsNtfsCompanion(type)) {
     const bool isCounted = m_check && m_check->Next() == m_record;
     m_record += kNtfsHeaderSize + header.Length;
-    CheckRoom(kNtfsHeaderSize);
+    RequireRoom(kNtfsHeaderSize);
     if (isCounted) CountUpTo(m_record);
     header = NtfsHeaderAt(m_record, &type);
   }
@@ -36,10 +36,10 @@ _MiniHeader RecordStream::ReadNtfsHeader() {
 // Takes the data from the FILE record when it lies there.
 void RecordStream::TakeResidentData() {
   m_record = m_source.fileRecord;
-  CheckRoom(kNtfsHeaderSize);
+  RequireRoom(kNtfsHeaderSize);
   uint32_t type = 0;
   const _MiniHeader header = NtfsHeaderAt(m_record, &type);
-  CheckRoom(kNtfsHeaderSize + header.Length);
+  RequireRoom(kNtfsHeaderSize + header.Length);
   DecodeRecord(DataRecordOf(header, m_source.rules));
   if (m_chunk.size() < kFileRecordSize) {
     Fail("FILE record of " + std::to_string(m_chunk.size()) + " bytes");

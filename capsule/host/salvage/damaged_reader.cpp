@@ -68,7 +68,7 @@ void DamagedReader::TakeHistory(const RestartPoint& point) {
 
 void DamagedReader::ReadPart(const RecordSource& part) {
   std::vector<RecordRun> runs = SurveyRecords(part);
-  RepairRuns(part, runs);
+  MendRuns(part, runs);
   PlaceRuns(part, runs);
   std::string reason;
   for (const RecordRun& run : runs) {

@@ -85,7 +85,7 @@ class Repair {
 
 }  // namespace
 
-void RepairRuns(const RecordSource& source, std::vector<RecordRun>& runs) {
+void MendRuns(const RecordSource& source, std::vector<RecordRun>& runs) {
   Repair(source, runs).Run();
 }
 

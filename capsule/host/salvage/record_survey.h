@@ -39,7 +39,7 @@ std::vector<RecordRun> SurveyRecords(const RecordSource& source);
 // Looks whether runs of damage are records that have lost nothing but their header: what lies
 // between the whole records around it is then a unit of exactly the usual chunk, or a stored chunk
 // in front of which all but one field of the header is as it must be.
-void RepairRuns(const RecordSource& source, std::vector<RecordRun>& runs);
+void MendRuns(const RecordSource& source, std::vector<RecordRun>& runs);
 
 // The chunk size that most records have; 0 without any.
 uint32_t UsualChunk(const std::vector<RecordRun>& runs);

@@ -140,7 +140,7 @@ class SearchingSurvey {
     const bool isFat = std::none_of(m_items.begin(), m_items.end(),
                                     [](const SurveyItem& item) { return item.item.isNtfs; });
     if (isFat) {
-      m_items = PlaceBehindLosses(RepairSection(std::move(m_items), m_visitor), m_visitor);
+      m_items = PlaceBehindLosses(MendSection(std::move(m_items), m_visitor), m_visitor);
     }
     for (const SurveyItem& item : m_items) {
       if (!item.isGap) m_visitor.onItem(item);

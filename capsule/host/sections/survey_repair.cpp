@@ -31,12 +31,12 @@ class Repair {
   }
 
   std::vector<SurveyItem> Run() {
-    for (size_t i = 0; i < m_items.size(); ++i) JudgeEntry(i);
-    for (size_t i = 0; i < m_items.size(); ++i) JudgeData(i);
-    for (size_t i = 0; i < m_items.size(); ++i) JudgeGap(i);
+    for (size_t i = 0; i < m_items.size(); ++i) MendEntry(i);
+    for (size_t i = 0; i < m_items.size(); ++i) MendData(i);
+    for (size_t i = 0; i < m_items.size(); ++i) MendGap(i);
     if (m_dotsUsual) {
-      for (size_t i = 0; i < m_items.size(); ++i) JudgeDots(i);
-      for (size_t i = 0; i < m_items.size(); ++i) JudgeFolder(i);
+      for (size_t i = 0; i < m_items.size(); ++i) MendDots(i);
+      for (size_t i = 0; i < m_items.size(); ++i) MendFolder(i);
     }
     std::vector<SurveyItem> repaired;
     repaired.reserve(m_items.size());
@@ -106,7 +106,7 @@ class Repair {
   }
 
   // A zero entry that is not zero, an entry that mostly is.
-  void JudgeEntry(size_t i) {
+  void MendEntry(size_t i) {
     if (IsTold(i)) return;
     SectionItem& item = m_items[i].item;
     const bool isEntry = item.kind == Kind::File || item.kind == Kind::Directory;
@@ -122,7 +122,7 @@ class Repair {
   }
 
   // "." and ".." stand behind their folder.
-  void JudgeDots(size_t i) {
+  void MendDots(size_t i) {
     if (IsTold(i)) return;
     const SectionItem& item = m_items[i].item;
     if (item.length != kDirRecordSize) return;
@@ -138,7 +138,7 @@ class Repair {
   }
 
   // Data stands behind a file.
-  void JudgeData(size_t i) {
+  void MendData(size_t i) {
     if (i + 1 == m_items.size() || !m_items[i + 1].isGap || !m_items[i + 1].hasData) return;
     SectionItem& item = m_items[i].item;
     if (m_items[i].isGap || item.kind != Kind::Directory) return;
@@ -147,7 +147,7 @@ class Repair {
   }
 
   // A folder has "." and ".." behind it, a file has not.
-  void JudgeFolder(size_t i) {
+  void MendFolder(size_t i) {
     if (IsTold(i)) return;
     const SectionItem& item = m_items[i].item;
     if (item.kind == Kind::Directory && i + 1 < m_items.size() && !m_items[i + 1].isGap &&
@@ -160,7 +160,7 @@ class Repair {
   }
 
   // A lost record between those of a folder is one of its own.
-  void JudgeGap(size_t i) {
+  void MendGap(size_t i) {
     if (i == 0 || m_items[i].lost != kDirRecordSize) return;
     const bool isFirst = KindAt(i - 1) == Kind::Directory && IsAbove(i + 1);
     const bool isSecond = i > 1 && IsFolderDot(i - 1) && KindAt(i - 2) == Kind::Directory;
@@ -174,7 +174,7 @@ class Repair {
 
 }  // namespace
 
-std::vector<SurveyItem> RepairSection(std::vector<SurveyItem> items, const SurveyVisitor& visitor) {
+std::vector<SurveyItem> MendSection(std::vector<SurveyItem> items, const SurveyVisitor& visitor) {
   return Repair(std::move(items), visitor).Run();
 }
 

@@ -11,7 +11,7 @@ namespace capsule::host {
 // right where their neighbours tell: a folder is followed by its `.` and `..`, a zero entry is
 // zero, names have no control characters. Folders whose own records are lost get a placeholder.
 // Every change is told to `visitor.onDamage`.
-std::vector<SurveyItem> RepairSection(std::vector<SurveyItem> items, const SurveyVisitor& visitor);
+std::vector<SurveyItem> MendSection(std::vector<SurveyItem> items, const SurveyVisitor& visitor);
 
 // Whether an entry is more likely what is left of a zero entry than of another.
 bool IsMostlyZero(const _ShortDirEntry& entry);

@@ -217,7 +217,7 @@ class IndexedTreeReader {
     const EntryRole role = group.records.Role();
     CatalogNode node = NodeOf(offset, group.records.Entry(), role != EntryRole::File);
     node.dataOffset = static_cast<uint32_t>(offset + group.size);
-    CheckPlace(node, group.header);
+    RequirePlace(node, group.header);
     const std::string shortName = group.records.ShortName();
     std::string name = shortName;
     std::string problem;
@@ -228,7 +228,7 @@ class IndexedTreeReader {
   // `problem`: what is wrong with its name, which is `shortName` then.
   void Add(const CatalogNode& node, bool opensNothing, const std::string& shortName,
            std::string name, std::string problem) {
-    const uint64_t hash = ComparePath(node, problem.empty(), shortName, &name, &problem);
+    const uint64_t hash = ExpectPath(node, problem.empty(), shortName, &name, &problem);
     const uint32_t id = m_tree.Add({name, shortName, node, opensNothing});
     if (!problem.empty()) {
       m_problems->push_back({m_tree.SoFar().NameForProblem(id), problem, false, node.offset});
@@ -246,8 +246,8 @@ class IndexedTreeReader {
 
   // Returns the hash of the entry's path. An entry whose name is damaged is taken to lie where the
   // index says.
-  uint64_t ComparePath(const CatalogNode& node, bool isNamed, const std::string& shortName,
-                       std::string* name, std::string* problem) {
+  uint64_t ExpectPath(const CatalogNode& node, bool isNamed, const std::string& shortName,
+                      std::string* name, std::string* problem) {
     const uint64_t folder = m_open.back().pathHash;
     const uint64_t hash = HashesOfPath(*name, {folder, folder}).path;
     if (!m_index.isChecked) return hash;
@@ -284,7 +284,7 @@ class IndexedTreeReader {
     m_open.resize(m_tree.Depth() + 1);
   }
 
-  void CheckPlace(const CatalogNode& node, const _MiniHeader& header) const {
+  void RequirePlace(const CatalogNode& node, const _MiniHeader& header) const {
     if (header.Type != kRecordDirectory || header.Length != kDirEntrySize) {
       Fail(node.offset, "type " + std::to_string(header.Type) + ", length " +
                             std::to_string(header.Length) + ": not a directory record");

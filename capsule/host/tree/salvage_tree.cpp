@@ -88,8 +88,8 @@ std::unique_ptr<Catalog> SalvageCatalog(const ImageFile& image, const IndexConte
   return collector.Build();
 }
 
-void CheckSections(const ImageFile& image, const IndexContents& index, const Catalog& indexed,
-                   uint64_t limit) {
+void RequireSameSections(const ImageFile& image, const IndexContents& index, const Catalog& indexed,
+                         uint64_t limit) {
   SurveyVisitor visitor;
   TreeCollector collector;
   visitor.onItem = [&](const SurveyItem& found) { collector.Add(found); };

@@ -20,7 +20,7 @@ std::unique_ptr<Catalog> SalvageCatalog(const ImageFile& image, const IndexConte
 // What an index without a check value cannot tell: whether the records of the sections are sound,
 // and give the tree that the index leads to. `index` kept its records. Throws host::Error with the
 // first fault.
-void CheckSections(const ImageFile& image, const IndexContents& index, const Catalog& indexed,
-                   uint64_t limit);
+void RequireSameSections(const ImageFile& image, const IndexContents& index, const Catalog& indexed,
+                         uint64_t limit);
 
 }  // namespace capsule::host

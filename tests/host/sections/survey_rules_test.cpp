@@ -99,7 +99,7 @@ TEST(SurveyRules, RepairGoesByNeighbours) {
     SurveyVisitor visitor;
     visitor.onDamage = [&](uint64_t, const std::string&) { ++count; };
     std::string found;
-    for (const SurveyItem& item : RepairSection(items, visitor)) found += LetterOf(item);
+    for (const SurveyItem& item : MendSection(items, visitor)) found += LetterOf(item);
     EXPECT_EQ(found, std::string("SD..0D..0") + repaired) << damaged;
     EXPECT_EQ(count, told) << damaged;
   }
