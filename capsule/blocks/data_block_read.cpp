@@ -9,6 +9,7 @@
 #include <cstdint>
 #include <cstring>
 #include <exception>
+#include <iterator>
 #include <limits>
 #include <new>
 #include <utility>
@@ -190,10 +191,10 @@ int CapsuleFileDataBlock::WriteDecompressedBuffer(char** pOut, int blockStart, i
   const int64_t skip = std::clamp<int64_t>(int64_t{rangeStart} - blockStart, 0, size);
   const int64_t end = std::clamp<int64_t>(int64_t{rangeEnd} - blockStart, skip, size);
   const auto count = static_cast<size_t>(end - skip);
-  const unsigned char* from = m_pUncompressed.get() + (m_pUncompressed ? skip : 0);
+  const unsigned char* from = std::next(m_pUncompressed.get(), m_pUncompressed ? skip : 0);
   if (pOut == nullptr || (*pOut == nullptr && count > 0)) return -1;
   if (count > 0) std::memcpy(*pOut, from, count);
-  *pOut += count;
+  std::advance(*pOut, count);
   MainTracer().Trace("Writing output buffer: start: %d : len: %d \n",
                      static_cast<int>(std::bit_cast<uintptr_t>(from)), static_cast<int>(count));
   return 0;

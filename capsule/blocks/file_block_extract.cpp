@@ -8,6 +8,7 @@
 //      image when it is needed again.
 #include <algorithm>
 #include <cstring>
+#include <iterator>
 #include <limits>
 #include <new>
 
@@ -202,7 +203,8 @@ void CapsuleFileBlock::KeepCheckpoint() {
   if (!extraction.checkpoints.empty() && extraction.checkpoints.back().block >= at) return;
   const unsigned char* history = m_pHistoryCopy.get();
   try {
-    extraction.checkpoints.push_back({at, {history, history + LzsSizeOfDecompressionHistory()}});
+    extraction.checkpoints.push_back(
+        {at, {history, std::next(history, LzsSizeOfDecompressionHistory())}});
   } catch (const std::bad_alloc&) {
     return;
   }

@@ -116,7 +116,7 @@ void CapsuleFileBlock::PrepareFatDataBlocks(int fd) {
     extraction.end += record.chunk;
     auto block = std::make_unique<CapsuleFileDataBlock>(m_DirectoryType, 0);
     m_DataBlocks.Append(block.get());
-    block.release();
+    static_cast<void>(block.release());
     more = record.MayGoOn() && Advance(&at, record.Size());
   }
 }

@@ -101,7 +101,7 @@ void CapsuleFileBlock::PrepareNtfsDataBlocks(int fd) {
     auto block = std::make_unique<CapsuleFileDataBlock>(CapsuleDirectoryEntry::DirTypeNtfs,
                                                         m_DirectoryEntry.NTFSIsDirectory());
     m_DataBlocks.Append(block.get());
-    block.release();
+    static_cast<void>(block.release());
   }
   Extraction();
   m_bNtfsDataPending = true;
@@ -136,7 +136,7 @@ bool CapsuleFileBlock::LocateNtfsData(CapsuleFile* file, int start) {
 
 // The next data record from `*offset` on; FILE records in between are companions of the file's own.
 bool CapsuleFileBlock::ReadNtfsData(int fd, CapsuleFileDataBlock* block, int* offset) {
-  _NTFSMiniHeader header;
+  _NTFSMiniHeader header{};  // of no record when there is none
   while (ReadNtfsHeader(fd, *offset, &header) && IsNtfsCompanion(header.RecordType)) {
     if (!Skip(offset, header)) return false;
   }
