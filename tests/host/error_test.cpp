@@ -157,6 +157,7 @@ TEST_F(ErrorTest, EveryFailureHasItsKind) {
 TEST_F(ErrorTest, ShortagesSayWhatRanOut) {
   // What checks types while the tests run needs descriptors itself when it meets one anew.
   EXPECT_EQ(test::ErrorOf([&] { Image image(m_dir / "whole"); }), "");
+  EXPECT_NE(test::ErrorOf([&] { Image image(m_dir / "none"); }), "");
   std::error_code code;
   try {
     const Limit limit(RLIMIT_NOFILE, 0);
