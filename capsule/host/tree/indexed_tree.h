@@ -16,8 +16,8 @@ namespace capsule::host {
 // Entries whose names are damaged are added to `problems` and go by their short names, those of
 // NTFS sections for which no folder has a place are added and left out. Throws Error with the first
 // record that cannot be read, that reaches into the next item, or that contradicts a checked index.
-std::unique_ptr<Catalog> ReadIndexedTree(const ImageFile& image,
-                                         const DecodedHeader& header, const IndexContents& index,
+std::unique_ptr<Catalog> ReadIndexedTree(const ImageFile& image, const DecodedHeader& header,
+                                         const IndexContents& index,
                                          std::vector<ImageProblem>* problems);
 
 }  // namespace capsule::host
