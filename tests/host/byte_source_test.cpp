@@ -5,6 +5,7 @@
 #include <cerrno>
 #include <system_error>
 
+#include "capsule/host/file/file_window.h"
 #include "capsule/host/image.h"
 #include "capsule/host/image_map.h"
 #include "capsule/host/verifier.h"
@@ -105,6 +106,22 @@ TEST(ByteSourceTest, ASourceThatFailsIsNoDamageOfItsFiles) {
     EXPECT_THROW(image.ReadDamaged(entry, 0, entry.Size(), [](const FilePiece&) {}), ShortageError);
     code = 0;
   });
+}
+
+// Whoever looks for something byte by byte asks beyond the end time and again.
+TEST(ByteSourceTest, TheEndOfAnImageIsReadOnce) {
+  const std::string bytes(1000, 'x');
+  int reads = 0;
+  const auto counting =
+      FunctionSource(bytes.size(), [&](uint64_t at, std::span<unsigned char> out) {
+        ++reads;
+        return Handed(bytes)->ReadAt(at, out);
+      });
+  FileWindow window(ImageFile(counting, "x"));
+  for (size_t at = 900; at < 1010; ++at) {
+    EXPECT_EQ(window.At(at, 200).size(), at < 1000 ? 1000 - at : 0);
+  }
+  EXPECT_EQ(reads, 1);
 }
 
 TEST(ByteSourceTest, CopyToHandsOutExactlyTheRange) {

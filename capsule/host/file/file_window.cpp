@@ -10,7 +10,9 @@ namespace capsule::host {
 FileWindow::FileWindow(ImageFile image, size_t size) : m_image(std::move(image)), m_bytes(size) {}
 
 std::span<const unsigned char> FileWindow::At(uint64_t offset, size_t count) {
-  count = std::min(count, m_bytes.size());
+  const uint64_t left = m_image.Size() - std::min(m_image.Size(), offset);
+  count = static_cast<size_t>(std::min<uint64_t>({count, m_bytes.size(), left}));
+  if (count == 0) return {};
   const bool inside = offset >= m_start && offset - m_start <= m_filled &&
                       count <= m_filled - static_cast<size_t>(offset - m_start);
   if (!inside) Fill(offset, count);
