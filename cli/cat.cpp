@@ -14,7 +14,7 @@
 namespace capsule::cli {
 namespace {
 
-constexpr size_t kPiece = 128 * 1024;
+constexpr size_t kPiece = size_t{128} * 1024;
 
 struct CatArguments {
   std::string image;

@@ -5,6 +5,7 @@
 #include <charconv>
 #include <sstream>
 #include <stdexcept>
+#include <string_view>
 
 #include "capsule/host/error.h"
 #include "cli/output.h"
@@ -35,11 +36,10 @@ std::string ArgumentMessage(const CLI::App& app, const CLI::ParseError& error) {
 // Decimal, or hexadecimal behind 0x as `inspect` and `verify` print it.
 uint64_t NumberIn(const char* option, const std::string& text) {
   const bool isHex = text.starts_with("0x");
+  const std::string_view digits = std::string_view(text).substr(isHex ? 2 : 0);
   uint64_t number = 0;
-  const char* end = text.data() + text.size();
-  const auto [stop, error] =
-      std::from_chars(text.data() + (isHex ? 2 : 0), end, number, isHex ? 16 : 10);
-  if (error == std::errc() && stop == end) return number;
+  const auto [stop, error] = std::from_chars(digits.begin(), digits.end(), number, isHex ? 16 : 10);
+  if (error == std::errc() && stop == digits.end()) return number;
   throw CLI::ValidationError(option, "'" + text + "' is not a number of bytes");
 }
 

@@ -1,4 +1,3 @@
-#include <array>
 #include <cstdio>
 #include <memory>
 
@@ -29,11 +28,13 @@ std::string JsonLine(const host::MapItem& item) {
 
 // Names come from the image: a map is one line an item, whatever is in them.
 std::string TextLine(const host::MapItem& item) {
-  std::array<char, 64> columns{};
-  std::snprintf(columns.data(), columns.size(), "0x%08llx %10llu  %-14s ",
-                static_cast<unsigned long long>(item.offset),
-                static_cast<unsigned long long>(item.length), host::MapKindName(item.kind));
-  std::string line = columns.data() + ForTerminal(item.text);
+  std::string line(64, '\0');
+  const int length =
+      std::snprintf(line.data(), line.size(), "0x%08llx %10llu  %-14s ",
+                    static_cast<unsigned long long>(item.offset),
+                    static_cast<unsigned long long>(item.length), host::MapKindName(item.kind));
+  line.resize(static_cast<size_t>(length));
+  line += ForTerminal(item.text);
   if (!item.path.empty()) line += (item.text.empty() ? "[" : " [") + ForTerminal(item.path) + "]";
   if (!item.problem.empty()) line += " !! " + ForTerminal(item.problem);
   return line + "\n";
@@ -54,11 +55,13 @@ std::string JsonSummary(const host::MapSummary& map) {
 }
 
 std::string TextSummary(const host::MapSummary& map) {
-  std::array<char, 160> text{};
-  std::snprintf(text.data(), text.size(), "%llu of %llu bytes accounted for (%.2f %%)",
-                static_cast<unsigned long long>(map.accountedBytes),
-                static_cast<unsigned long long>(map.fileBytes), Percent(map));
-  return text.data() + (", " + Counted(map.items, "item", "items")) + ", " +
+  std::string text(160, '\0');
+  const int length =
+      std::snprintf(text.data(), text.size(), "%llu of %llu bytes accounted for (%.2f %%)",
+                    static_cast<unsigned long long>(map.accountedBytes),
+                    static_cast<unsigned long long>(map.fileBytes), Percent(map));
+  text.resize(static_cast<size_t>(length));
+  return text + ", " + Counted(map.items, "item", "items") + ", " +
          Counted(map.problems, "problem", "problems") + "\n";
 }
 

@@ -1,7 +1,6 @@
 // The tree is walked with a stack of its own and one path that grows and shrinks, so deep folders
 // cost neither recursion nor more than their output.
 #include <algorithm>
-#include <array>
 #include <cstdio>
 #include <memory>
 #include <vector>
@@ -27,12 +26,14 @@ struct ListArguments {
 
 std::string LongColumns(const host::Entry& entry) {
   const auto time = entry.ModifiedTime();
-  std::array<char, 64> text{};
-  std::snprintf(text.data(), text.size(), "%c%c%c%c %10u %-20s ", entry.IsDirectory() ? 'd' : '-',
-                entry.IsReadOnly() ? 'r' : '-', entry.IsHidden() ? 'h' : '-',
-                (entry.Attributes() & kSystemAttribute) != 0 ? 's' : '-', entry.Size(),
-                time ? IsoTime(*time).c_str() : "-");
-  return text.data();
+  std::string text(64, '\0');
+  const int length = std::snprintf(text.data(), text.size(), "%c%c%c%c %10u %-20s ",
+                                   entry.IsDirectory() ? 'd' : '-', entry.IsReadOnly() ? 'r' : '-',
+                                   entry.IsHidden() ? 'h' : '-',
+                                   (entry.Attributes() & kSystemAttribute) != 0 ? 's' : '-',
+                                   entry.Size(), time ? IsoTime(*time).c_str() : "-");
+  text.resize(static_cast<size_t>(length));
+  return text;
 }
 
 const std::string& LabelOf(const host::Image& image, const host::Entry& entry) {

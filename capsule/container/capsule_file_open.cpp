@@ -88,7 +88,7 @@ int CapsuleFile::ReadPartition(const _Partition& record) {
   if (result != 0) return result;
   if (!partition->SetUpHistories()) return -1;
   m_Partitions.Append(partition.get());
-  partition.release();
+  static_cast<void>(partition.release());  // it is the list's now
   return 0;
 }
 

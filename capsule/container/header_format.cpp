@@ -62,15 +62,16 @@ void FillImageHeader(HeaderBytes header, const DecodedHeader& decoded, _NewImage
   ReleasePartitionChain(out);
   *out = _NewImageHeader{};
   const HeaderTail& tail = decoded.tail;
-  auto* bytes = static_cast<unsigned char*>(static_cast<void*>(out));
-  std::copy_n(header.begin(), std::min<size_t>(tail.sectorArea, kHeaderSectorAreaOffset), bytes);
+  const std::span bytes(static_cast<unsigned char*>(static_cast<void*>(out)), sizeof *out);
+  std::copy_n(header.begin(), std::min<size_t>(tail.sectorArea, kHeaderSectorAreaOffset),
+              bytes.begin());
   const auto from = header.subspan(tail.sectorArea, kChain - kHeaderSectorAreaOffset);
-  std::copy(from.begin(), from.end(), bytes + kHeaderSectorAreaOffset);
+  std::copy(from.begin(), from.end(), bytes.begin() + kHeaderSectorAreaOffset);
   out->Opaque5516 = platform::LoadLe32(&header[tail.At(offsetof(_ImageHeader, Opaque5516))]);
 
   size_t behind = tail.BehindRecords();
   if (decoded.layout == HeaderLayout::Fixed) {
-    std::copy(header.begin() + kBehindRecords, header.end(), bytes + kBehindChain);
+    std::copy(header.begin() + kBehindRecords, header.end(), bytes.begin() + kBehindChain);
     behind = offsetof(_ImageHeader, Opaque7312);
   }
   out->Opaque7312 = header[behind];

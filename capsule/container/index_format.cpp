@@ -4,11 +4,11 @@
 
 #include <algorithm>
 #include <charconv>
-#include <cstdio>
 #include <limits>
 #include <utility>
 
 #include "capsule/compression/lzs_format.h"
+#include "capsule/platform/ascii.h"
 #include "capsule/platform/little_endian.h"
 
 namespace capsule {
@@ -96,11 +96,7 @@ NoteName SplitNoteName(std::string_view name) {
   return {NoteKind::Unknown, name};
 }
 
-std::string ChecksumDigits(uint64_t value) {
-  std::array<char, 24> text{};
-  std::snprintf(text.data(), text.size(), "%016llx", static_cast<unsigned long long>(value));
-  return text.data();
-}
+std::string ChecksumDigits(uint64_t value) { return platform::HexDigits(value, 16); }
 
 std::string ChecksumName(uint64_t value) { return std::string(kCheckKey) + ChecksumDigits(value); }
 

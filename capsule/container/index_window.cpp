@@ -10,7 +10,7 @@ namespace capsule {
 namespace {
 
 constexpr size_t kLongestRecord = 1 + 2 + std::numeric_limits<uint16_t>::max() + 4 + 4;
-constexpr size_t kWindowSize = 128 * 1024;
+constexpr size_t kWindowSize = size_t{128} * 1024;
 static_assert(kWindowSize >= kLongestRecord);
 
 }  // namespace

@@ -103,6 +103,7 @@ void Extractor::Impl::Tell(const Entry& entry) {
 uint64_t Extractor::Impl::BytesToExtract() const {
   uint64_t bytes = 0;
   std::vector<std::pair<Entry, bool>> left;
+  left.reserve(static_cast<size_t>(image.Partitions()));
   for (int n = 0; n < image.Partitions(); ++n) left.emplace_back(image.Root(n), chosen.empty());
   while (!left.empty()) {
     const auto [entry, isBelowWanted] = left.back();

@@ -10,7 +10,7 @@
 
 namespace capsule::host {
 namespace {
-constexpr size_t kPiece = 128 * 1024;
+constexpr size_t kPiece = size_t{128} * 1024;
 }
 
 struct FileReader::Impl {

@@ -91,7 +91,7 @@ std::string Target(const fs::path& image, bool force) {
   std::error_code error;
   const fs::path absolute = fs::absolute(image, error);
   if (error) ThrowSystemError(image.string(), "", error.value());
-  const std::string target = BehindLinks(image, absolute).string();
+  std::string target = BehindLinks(image, absolute).string();
   if (!force) RequireReplaceable(target, image.string());
   return target;
 }
@@ -279,7 +279,7 @@ void ImageBuilder::Impl::ThrowIfUnusable() const {
   if (isFinished) throw Error(ErrorKind::Misuse, name, "the build is finished");
 }
 
-ImageBuilder::ImageBuilder(fs::path image, BuildOptions options)
+ImageBuilder::ImageBuilder(const fs::path& image, BuildOptions options)
     : m_impl(std::make_unique<Impl>(image, std::move(options))) {}
 
 ImageBuilder::~ImageBuilder() = default;

@@ -81,7 +81,7 @@ class CAPSULE_API ImageBuilder {
  public:
   // Throws when the options are out of range, the folder of `image` does not exist, or `image` is a
   // file that is neither empty nor an image. What a link leads to is replaced, not the link.
-  explicit ImageBuilder(std::filesystem::path image, BuildOptions options = {});
+  explicit ImageBuilder(const std::filesystem::path& image, BuildOptions options = {});
 
   // Without Finish the temporary file is removed and the old image left.
   ~ImageBuilder();

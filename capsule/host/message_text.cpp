@@ -3,20 +3,16 @@
 #include "capsule/host/message_text.h"
 
 #include <array>
-#include <cstdio>
+#include <charconv>
 #include <system_error>
+
+#include "capsule/platform/ascii.h"
 
 namespace capsule::host {
 namespace {
 
 bool IsControl(unsigned char byte) {
   return byte < 0x20 || byte == 0x7F || (byte >= 0x80 && byte < 0xA0);
-}
-
-void AppendEscape(unsigned char byte, std::string* text) {
-  std::array<char, 8> escape{};
-  std::snprintf(escape.data(), escape.size(), "\\x%02x", static_cast<unsigned>(byte));
-  *text += escape.data();
 }
 
 }  // namespace
@@ -45,7 +41,7 @@ std::string OneLine(std::string_view text) {
     const bool isC2 = length == 2 && text[0] == '\xC2';
     const auto byte = static_cast<unsigned char>(text[isC2 ? 1 : 0]);
     if ((taken == 1 || isC2) && IsControl(byte)) {
-      AppendEscape(byte, &line);
+      line += "\\x" + platform::HexDigits(byte, 2);
     } else {
       line += text.substr(0, taken);
     }
@@ -62,9 +58,9 @@ std::string SystemReason(int error) {
 }
 
 std::string Hex(uint64_t value) {
-  char text[24];
-  std::snprintf(text, sizeof text, "0x%llx", static_cast<unsigned long long>(value));
-  return text;
+  std::array<char, 16> digits{};
+  const auto [end, error] = std::to_chars(digits.begin(), digits.end(), value, 16);
+  return "0x" + std::string(digits.begin(), end);
 }
 
 }  // namespace capsule::host

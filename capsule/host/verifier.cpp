@@ -52,7 +52,7 @@ class VerifyRun {
         m_watch(image.Name(), options.onProgress, options.stop),
         m_window(image),
         m_index(m_window, image.Size(),
-                [this](uint64_t offset, const std::string& path, std::string reason) {
+                [this](uint64_t offset, const std::string& path, const std::string& reason) {
                   Tell(offset, path, reason);
                 }),
         m_restarts(RestartsOf(image, header)) {}
@@ -191,9 +191,8 @@ class VerifyRun {
     try {
       const Image image(m_image.Source(), m_image.Name(), Opening::Salvage);
       for (const ImageProblem& problem : image.Problems()) {
-        if (!problem.offset || !m_told.contains(*problem.offset)) {
-          Tell(problem.offset.value_or(0), problem.path, problem.reason);
-        }
+        if (problem.offset && m_told.contains(*problem.offset)) continue;
+        Tell(problem.offset.value_or(0), problem.path, problem.reason);
       }
       if (!image.IsWhole() && m_report.faults == 0) Tell(0, "", image.Info().scanReason);
       if (!m_ntfs) return;

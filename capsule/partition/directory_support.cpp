@@ -31,7 +31,7 @@ void DirectorySupport::Parse() {
     const size_t end = std::min(m_strPath.find_first_of(kSeparators, at), m_strPath.size());
     auto segment = std::make_unique<CString>(m_strPath, at, end - at);
     m_Segments.Append(segment.get());
-    segment.release();
+    static_cast<void>(segment.release());
     at = end + 1;
   }
 }

@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <memory>
 #include <new>
+#include <span>
 
 #include "capsule/blocks/data_block.h"
 #include "capsule/blocks/file_block.h"
@@ -98,11 +99,12 @@ bool CapsulePartition::SetUpHistories() {
 std::shared_ptr<const std::vector<unsigned char>> CapsulePartition::HistorySnapshot(
     const char* history, int size) {
   if (history == nullptr || size < 0) return nullptr;
-  const auto* bytes = static_cast<const unsigned char*>(static_cast<const void*>(history));
-  const auto* end = bytes + size;
+  const std::span bytes(static_cast<const unsigned char*>(static_cast<const void*>(history)),
+                        static_cast<size_t>(size));
   const auto& kept = m_pHistorySnapshot;
-  if (!kept || !std::equal(bytes, end, kept->begin(), kept->end())) {
-    m_pHistorySnapshot = std::make_shared<const std::vector<unsigned char>>(bytes, end);
+  if (!kept || !std::equal(bytes.begin(), bytes.end(), kept->begin(), kept->end())) {
+    m_pHistorySnapshot =
+        std::make_shared<const std::vector<unsigned char>>(bytes.begin(), bytes.end());
   }
   return m_pHistorySnapshot;
 }

@@ -219,15 +219,15 @@ std::string LongNameToBytes(std::span<const unsigned char> piecesLastFirst) {
 }
 
 std::string ShortNameToBytes(const _ShortDirEntry& entry) {
-  std::array<char, sizeof entry.Name + 1 + sizeof entry.Extension> text;
-  auto end = std::copy(std::begin(entry.Name), std::end(entry.Name), text.begin());
+  std::string text(std::begin(entry.Name), std::end(entry.Name));
   if (entry.Name[0] == kStandsForE5) text.front() = '\xE5';
-  while (end != text.begin() && end[-1] == ' ') --end;
-  const auto dot = end;
-  *end++ = '.';
-  end = std::copy(std::begin(entry.Extension), std::end(entry.Extension), end);
-  while (end[-1] == ' ') --end;
-  return {text.begin(), end - 1 == dot ? dot : end};
+  text.erase(text.find_last_not_of(' ') + 1);
+  const size_t dot = text.size();
+  text += '.';
+  text.append(std::begin(entry.Extension), std::end(entry.Extension));
+  text.erase(text.find_last_not_of(' ') + 1);
+  if (text.size() == dot + 1) text.pop_back();
+  return text;
 }
 
 }  // namespace capsule

@@ -24,4 +24,10 @@ std::string_view TrimRight(std::string_view text) {
   return text;
 }
 
+std::string HexDigits(uint64_t value, size_t width) {
+  std::string digits(width, '0');
+  for (size_t at = width; at-- > 0; value >>= 4) digits[at] = "0123456789abcdef"[value & 15];
+  return digits;
+}
+
 }  // namespace capsule::platform

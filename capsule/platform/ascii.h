@@ -1,6 +1,8 @@
-// Letter case and white space by ASCII alone, whatever the locale; bytes above 0x7F stay.
+// Letter case, white space and digits by ASCII alone, whatever the locale; bytes above 0x7F stay.
 #pragma once
 
+#include <cstddef>
+#include <cstdint>
 #include <string>
 #include <string_view>
 
@@ -16,5 +18,8 @@ bool EqualIgnoringCase(std::string_view a, std::string_view b);
 bool IsAsciiSpace(char c);
 
 std::string_view TrimRight(std::string_view text);
+
+// The last `width` hexadecimal digits of `value`, with zeros in front.
+std::string HexDigits(uint64_t value, size_t width);
 
 }  // namespace capsule::platform

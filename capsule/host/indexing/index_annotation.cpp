@@ -7,6 +7,7 @@
 #include <cerrno>
 #include <map>
 #include <set>
+#include <span>
 #include <vector>
 
 #include "capsule/container/header_format.h"
@@ -89,7 +90,7 @@ void Replace(int descriptor, const ImageInfo& info, const std::string& name,
              const std::vector<unsigned char>& bytes) {
   const auto write = [&](uint64_t from, uint64_t count) {
     const auto at = static_cast<int64_t>(info.indexOffset + from);
-    return platform::WriteAt(descriptor, bytes.data() + from, count, at) &&
+    return platform::WriteAt(descriptor, std::span(bytes).subspan(from, count).data(), count, at) &&
            platform::Sync(descriptor);
   };
   const uint64_t old = std::min<uint64_t>(info.imageBytes - info.indexOffset, bytes.size());

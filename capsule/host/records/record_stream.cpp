@@ -16,9 +16,9 @@
 namespace capsule::host {
 namespace {
 
-constexpr size_t kWindowSize = 128 * 1024;  // holds any record: 8 + 65535 bytes
+constexpr size_t kWindowSize = size_t{128} * 1024;  // holds any record: 8 + 65535 bytes
 constexpr size_t kMostMarks = 64;
-constexpr uint64_t kMarkDistance = 256 * 1024;
+constexpr uint64_t kMarkDistance = uint64_t{256} * 1024;
 
 std::string Count(uint64_t n) { return std::to_string(n); }
 

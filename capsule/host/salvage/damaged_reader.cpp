@@ -13,7 +13,7 @@
 namespace capsule::host {
 namespace {
 
-constexpr size_t kWindowSize = 256 * 1024;
+constexpr size_t kWindowSize = size_t{256} * 1024;
 constexpr uint64_t kReach = 2048;  // a unit reaches back no further
 
 // Fewer good bytes than this between lost ones are not worth a range of their own.

@@ -13,7 +13,7 @@
 namespace capsule::host {
 namespace {
 
-constexpr size_t kWindowSize = 128 * 1024;
+constexpr size_t kWindowSize = size_t{128} * 1024;
 constexpr uint64_t kMaxPayload = 0xFFFF;
 
 class Repair {

@@ -16,7 +16,7 @@
 namespace capsule::host {
 namespace {
 
-constexpr size_t kWindowSize = 256 * 1024;  // holds three of the longest records
+constexpr size_t kWindowSize = size_t{256} * 1024;  // holds three of the longest records
 constexpr size_t kMaxRuns = 65536;
 constexpr uint64_t kMaxWorkFactor = 16;  // chunks are judged twice, and have 30 times a payload
 

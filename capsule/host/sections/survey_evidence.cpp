@@ -110,13 +110,15 @@ void SurveyEvidence::ReadKinds() {
   }
 }
 
+// A folder that is open, and the last of its items.
+struct SurveyEvidence::Open {
+  uint32_t folder = kNone;
+  uint32_t last = kNone;
+  uint32_t lastFile = kNone;
+};
+
 // Learns from the items that stand between two losses, where every folder is known.
 void SurveyEvidence::Learn() {
-  struct Open {
-    uint32_t folder = kNone;
-    uint32_t last = kNone;
-    uint32_t lastFile = kNone;
-  };
   std::vector<Open> open{{kRoot}};
   bool isFirst = true;  // nothing is lost yet
   for (uint32_t i = 0; i < m_items.size(); ++i) {
@@ -135,20 +137,23 @@ void SurveyEvidence::Learn() {
       continue;
     }
     if (kind != Kind::Directory && kind != Kind::File) continue;
-    Open& at = open.back();
-    if (at.last != kNone && HasName(i) && HasName(at.last)) m_order.Add(IsInOrder(at.last, i));
-    at.last = i;
-    if (kind == Kind::File) {
-      const bool areKnown = at.lastFile != kNone && m_kinds[at.lastFile] != 0 && m_kinds[i] != 0;
-      if (areKnown) m_likeness.Add(m_kinds[at.lastFile] == m_kinds[i]);
-      at.lastFile = i;
-      continue;
-    }
-    if (at.folder == kRoot && m_rootKey == 0) m_rootKey = m_above[i];
-    if (at.folder != kNone && m_above[i] != 0 && KeyOf(at.folder) != 0) {
-      m_times.Add(KeyOf(at.folder) == m_above[i]);
-    }
-    open.push_back({i});
+    LearnFrom(i, &open.back());
+    if (kind == Kind::Directory) open.push_back({i});
+  }
+}
+
+void SurveyEvidence::LearnFrom(uint32_t i, Open* at) {
+  if (at->last != kNone && HasName(i) && HasName(at->last)) m_order.Add(IsInOrder(at->last, i));
+  at->last = i;
+  if (m_items[i].item.kind == Kind::File) {
+    const bool areKnown = at->lastFile != kNone && m_kinds[at->lastFile] != 0 && m_kinds[i] != 0;
+    if (areKnown) m_likeness.Add(m_kinds[at->lastFile] == m_kinds[i]);
+    at->lastFile = i;
+    return;
+  }
+  if (at->folder == kRoot && m_rootKey == 0) m_rootKey = m_above[i];
+  if (at->folder != kNone && m_above[i] != 0 && KeyOf(at->folder) != 0) {
+    m_times.Add(KeyOf(at->folder) == m_above[i]);
   }
 }
 

@@ -63,7 +63,9 @@ class SurveyEvidence {
   bool IsInOrder(uint32_t before, uint32_t after) const;
   void ReadKeys();
   void ReadKinds();
+  struct Open;
   void Learn();
+  void LearnFrom(uint32_t i, Open* at);
 
   const std::vector<SurveyItem>& m_items;
   std::vector<uint64_t> m_own;    // of a folder: what its records say of it, 0 if not known

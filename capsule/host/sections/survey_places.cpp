@@ -26,7 +26,7 @@ constexpr uint32_t kRoot = SurveyEvidence::kRoot;
 constexpr size_t kGuessesKept = 24;
 constexpr uint64_t kMostClosed = 48;  // in one loss
 constexpr uint64_t kMostOpened = 8;
-constexpr uint64_t kFolderSize = 3 * kDirRecordSize;  // with its "." and ".."
+constexpr uint64_t kFolderSize = uint64_t{3} * kDirRecordSize;  // with its "." and ".."
 constexpr size_t kLeastWork = 1'000'000;
 constexpr size_t kWorkPerItem = 256;
 constexpr size_t kNodesPerItem = 32;
@@ -146,19 +146,24 @@ class Placement {
       if (isNamed) stretch->opened.back().last = i;
       if (isFile) stretch->opened.back().lastFile = i;
     } else {
-      Stretch::Level& level = stretch->levels.back();
-      if (isNamed && level.first == kNone) level.first = i;
-      if (isNamed) level.last = i;
-      if (isFile && level.firstFile == kNone) level.firstFile = i;
-      if (isFile) level.lastFile = i;
-      const bool tells = kind == Kind::Directory && m_evidence.TellsFolder(i);
-      if (tells && level.folder == kNone) level.folder = i;
+      AddToLevel(i, &stretch->levels.back());
     }
     if (kind != Kind::Directory) return;
     stretch->opened.push_back({i});
     stretch->hasFolder = true;
     stretch->lastFolder = static_cast<int64_t>(stretch->opened.size()) -
                           static_cast<int64_t>(stretch->levels.size() - 1);
+  }
+
+  void AddToLevel(uint32_t i, Stretch::Level* level) const {
+    const bool isFile = m_items[i].item.kind == Kind::File;
+    if (m_evidence.HasName(i)) {
+      if (level->first == kNone) level->first = i;
+      level->last = i;
+      if (isFile && level->firstFile == kNone) level->firstFile = i;
+      if (isFile) level->lastFile = i;
+    }
+    if (!isFile && level->folder == kNone && m_evidence.TellsFolder(i)) level->folder = i;
   }
 
   // Many guesses are made of each loss, and few are followed for long.
@@ -238,11 +243,24 @@ class Placement {
 
   void Spend(size_t work) { m_work -= std::min(m_work, work); }
 
+  // Guesses how many folders a loss opened, behind those that it closed.
+  void BranchOpened(uint64_t lost, Decision decision, Guess opening, std::vector<Guess>* guesses) {
+    const uint64_t mostOpened = std::min(lost / kFolderSize, kMostOpened);
+    for (;; ++decision.opened) {
+      Guess& guess = guesses->emplace_back(opening);
+      guess.score += m_evidence.Hidden(lost, decision.closed, decision.opened);
+      guess.decision = static_cast<uint32_t>(m_decisions.size());
+      m_decisions.push_back(decision);
+      if (decision.opened == mostOpened || m_work == 0) return;
+      Enter(MadeUp(decision.loss, decision.opened), &opening);
+      opening.lastFolder = m_nodes[opening.node].depth;
+    }
+  }
+
   // Guesses what item `loss` hides.
   void Branch(uint32_t loss) {
     const uint64_t lost = m_items[loss].lost;
     const uint64_t mostClosed = std::min(lost / kDirRecordSize, kMostClosed);
-    const uint64_t mostOpened = std::min(lost / kFolderSize, kMostOpened);
     std::vector<Guess> guesses;
     m_nodesBefore = m_nodes.size();
     m_decisionsBefore = m_decisions.size();
@@ -252,17 +270,7 @@ class Placement {
     for (const Guess& from : m_guesses) {
       Guess closing = from;
       for (uint32_t closed = 0;; ++closed) {
-        Guess opening = closing;
-        for (uint32_t opened = 0;; ++opened) {
-          Guess guess = opening;
-          guess.score += m_evidence.Hidden(lost, closed, opened);
-          m_decisions.push_back({from.decision, number, closed, opened});
-          guess.decision = static_cast<uint32_t>(m_decisions.size() - 1);
-          guesses.push_back(guess);
-          if (opened == mostOpened || m_work == 0) break;
-          Enter(MadeUp(number, opened), &opening);
-          opening.lastFolder = m_nodes[opening.node].depth;
-        }
+        BranchOpened(lost, {from.decision, number, closed}, closing, &guesses);
         if (closed == mostClosed || m_work == 0) break;
         if (m_nodes[closing.node].above == kNone) break;
         closing.node = m_nodes[closing.node].above;

@@ -63,8 +63,9 @@ Catalog::Directory Catalog::SortNames(uint32_t folder) const {
   std::sort(keys.begin(), keys.end(), [this](const Key& a, const Key& b) {
     const std::string_view left = Text(a);
     const std::string_view right = Text(b);
-    if (const auto order = Compare(left, right, true); order != 0) return order < 0;
-    if (const auto order = Compare(left, right, false); order != 0) return order < 0;
+    if (const auto order = Compare(left, right, true); std::is_neq(order)) return std::is_lt(order);
+    if (const auto order = Compare(left, right, false); std::is_neq(order))
+      return std::is_lt(order);
     if (a.isShort != b.isShort) return b.isShort;
     return a.node < b.node;
   });
@@ -95,11 +96,11 @@ std::string Catalog::NameForProblem(uint32_t id) const {
 std::optional<uint32_t> Catalog::FindChild(uint32_t parent, std::string_view name) const {
   const std::vector<Key>& keys = DirectoryOf(parent).keys;
   const auto folded = [this](const Key& key, std::string_view wanted) {
-    return Compare(Text(key), wanted, true) < 0;
+    return std::is_lt(Compare(Text(key), wanted, true));
   };
   const auto exact = [this](const Key& key, std::string_view wanted) {
     const auto order = Compare(Text(key), wanted, true);
-    return order != 0 ? order < 0 : Compare(Text(key), wanted, false) < 0;
+    return std::is_lt(std::is_neq(order) ? order : Compare(Text(key), wanted, false));
   };
   const auto same = std::lower_bound(keys.begin(), keys.end(), name, exact);
   if (same != keys.end() && Text(*same) == name) return same->node;
