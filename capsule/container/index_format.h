@@ -32,6 +32,7 @@ inline constexpr uint8_t kIndexZeroEntry = 3;
 inline constexpr uint8_t kIndexSection = 5;
 inline constexpr uint8_t kIndexNote = 6;
 inline constexpr uint32_t kIndexPreamble = 7;
+inline constexpr size_t kLongestIndexRecord = 1 + 2 + 65535 + 4 + 4;
 
 struct IndexRecord {
   uint8_t type = 0;

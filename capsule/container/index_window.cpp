@@ -2,16 +2,13 @@
 // that still does not fit is then cut off by the end of the file.
 #include "capsule/container/index_window.h"
 
-#include <limits>
-
 #include "capsule/platform/file.h"
 
 namespace capsule {
 namespace {
 
-constexpr size_t kLongestRecord = 1 + 2 + std::numeric_limits<uint16_t>::max() + 4 + 4;
 constexpr size_t kWindowSize = size_t{128} * 1024;
-static_assert(kWindowSize >= kLongestRecord);
+static_assert(kWindowSize >= kLongestIndexRecord);
 
 }  // namespace
 
@@ -19,7 +16,7 @@ IndexWindow::IndexWindow(int descriptor, int64_t position)
     : m_nDescriptor(descriptor), m_nPosition(position) {}
 
 std::optional<IndexRecord> IndexWindow::TakeRecord() {
-  if (!m_bEnd && m_Bytes.size() - m_nTaken < kLongestRecord) Refill();
+  if (!m_bEnd && m_Bytes.size() - m_nTaken < kLongestIndexRecord) Refill();
   platform::ByteReader reader(std::span<const unsigned char>(m_Bytes).subspan(m_nTaken));
   IndexRecord record = TakeIndexRecord(reader);
   if (!reader.Ok()) return std::nullopt;

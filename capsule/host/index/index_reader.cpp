@@ -3,16 +3,14 @@
 #include "capsule/host/index/index_reader.h"
 
 #include <algorithm>
-#include <limits>
 
 #include "capsule/platform/byte_reader.h"
 
 namespace capsule::host {
 namespace {
 
-constexpr size_t kLongestRecord = 1 + 2 + std::numeric_limits<uint16_t>::max() + 4 + 4;
 constexpr size_t kWindow = size_t{1} << 20;
-static_assert(kWindow >= kLongestRecord);
+static_assert(kWindow >= kLongestIndexRecord);
 
 }  // namespace
 
@@ -31,7 +29,7 @@ std::span<const unsigned char> IndexReader::Take(size_t count) {
 }
 
 bool IndexReader::TakeRecord(IndexRecord* record) {
-  platform::ByteReader reader(Peek(kLongestRecord));
+  platform::ByteReader reader(Peek(kLongestIndexRecord));
   TakeIndexRecord(reader, record);
   if (reader.Ok()) m_used += reader.Position();
   return reader.Ok();
