@@ -5,7 +5,6 @@
 
 #include <algorithm>
 #include <memory>
-#include <string_view>
 
 #include "capsule/partition/record_format.h"
 #include "capsule/platform/ascii.h"
@@ -13,8 +12,6 @@
 
 namespace capsule {
 namespace {
-
-constexpr std::string_view kSignature = "Capsulate";
 
 bool BeginsWithSignature(HeaderBytes header) {
   const std::string beginning(header.begin(), header.begin() + kSignature.size());

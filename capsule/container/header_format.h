@@ -4,6 +4,7 @@
 #include <cstdint>
 #include <span>
 #include <string>
+#include <string_view>
 #include <vector>
 
 #include "capsule/container/header_records.h"
@@ -25,8 +26,11 @@ inline constexpr uint32_t kPartitionRecordsOffset = 7056;
 inline constexpr uint32_t kPartitionRecordSize = 24;
 inline constexpr int kMaxPartitions = 10;
 
-// Layouts of the stored header. Fixed: tail offset 0, or a version that begins with "Capsulate"
-// in any letter case. Compact: everything else.
+// Begins the version of an image, in any letter case.
+inline constexpr std::string_view kSignature = "Capsulate";
+
+// Layouts of the stored header. Fixed: tail offset 0, or a version that begins with the signature.
+// Compact: everything else.
 enum class HeaderLayout { Fixed, Compact };
 
 using HeaderBytes = std::span<const unsigned char, kHeaderSize>;

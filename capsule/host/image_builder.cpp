@@ -33,7 +33,6 @@ namespace {
 
 namespace fs = std::filesystem;
 
-constexpr std::string_view kSignature = "Capsulate";
 constexpr const char* kTimeVariable = "SOURCE_DATE_EPOCH";
 constexpr int kMaxLinks = 40;  // one behind the other, as systems have it
 
