@@ -14,7 +14,6 @@ namespace capsule::host {
 namespace {
 
 constexpr size_t kWindowSize = size_t{256} * 1024;
-constexpr uint64_t kReach = 2048;  // a unit reaches back no further
 
 // Fewer good bytes than this between lost ones are not worth a range of their own.
 constexpr size_t kLeastRun = 4;
@@ -142,7 +141,7 @@ void DamagedReader::TakeCompressed(uint64_t offset, bool isPlaced) {
   size_t agreed = 0;
   while (agreed < size && first[size - 1 - agreed] == second[size - 1 - agreed]) ++agreed;
   m_agreed = agreed == size ? m_agreed + agreed : agreed;
-  m_sure = m_agreed >= kReach;
+  m_sure = m_agreed > kMaxHistory;
 }
 
 void DamagedReader::LoseHistory() {
