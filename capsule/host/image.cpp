@@ -10,6 +10,7 @@
 #include "capsule/host/file/file_window.h"
 #include "capsule/host/file/reason.h"
 #include "capsule/host/index/image_header.h"
+#include "capsule/host/records/ntfs_entry.h"
 #include "capsule/host/records/record_judge.h"
 #include "capsule/host/records/record_source.h"
 #include "capsule/host/records/record_stream.h"
@@ -87,16 +88,14 @@ bool HasNtfsPartition(const DecodedHeader& header) {
                      [](const _Partition& record) { return record.SystemId == kSystemIdNtfs; });
 }
 
-// Sizes that nothing in the image can stand for. NTFS keeps its own files in the root, and writers
-// leave their data out.
+// Sizes that nothing in the image can stand for.
 void JudgeSizes(const Catalog& catalog, const ImageInfo& info,
                 std::vector<ImageProblem>* problems) {
   for (uint32_t id = 0; id < catalog.Size(); ++id) {
     if (catalog.IsRoot(id)) continue;
     const CatalogNode& node = catalog.Node(id);
     const bool ofNtfs = info.partitions[node.partition].systemId == kSystemIdNtfs;
-    const bool isLeftOut =
-        ofNtfs && catalog.IsRoot(node.parent) && catalog.Name(id).starts_with('$');
+    const bool isLeftOut = ofNtfs && IsNtfsOwnFile(catalog.Name(id), catalog.IsRoot(node.parent));
     if (node.isDirectory || isLeftOut) continue;
     std::string problem = JudgeSize(node.size, node.dataLimit - node.offset);
     if (problem.empty()) continue;

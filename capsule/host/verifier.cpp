@@ -16,6 +16,7 @@
 #include "capsule/host/map/header_map.h"
 #include "capsule/host/map/image_mapper.h"
 #include "capsule/host/map/index_verifier.h"
+#include "capsule/host/records/ntfs_entry.h"
 #include "capsule/host/records/record_stream.h"
 #include "capsule/partition/ntfs_format.h"
 #include "capsule/partition/record_format.h"
@@ -105,9 +106,8 @@ class VerifyRun {
     }
   }
 
-  // Writers leave out what the file system keeps in files of its own.
   bool IsLeftOut(const Entry& entry) const {
-    return entry.Parent().IsRoot() && entry.Name().starts_with('$') &&
+    return IsNtfsOwnFile(entry.Name(), entry.Parent().IsRoot()) &&
            std::binary_search(m_bare.begin(), m_bare.end(), entry.Offset());
   }
 

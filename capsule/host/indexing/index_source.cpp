@@ -12,6 +12,7 @@
 #include "capsule/host/file/reason.h"
 #include "capsule/host/index/image_header.h"
 #include "capsule/host/map/image_mapper.h"
+#include "capsule/host/records/ntfs_entry.h"
 #include "capsule/host/records/record_stream.h"
 #include "capsule/host/sections/searching_survey.h"
 
@@ -58,9 +59,8 @@ class ItemJudge {
     return ProblemOf(m_source);
   }
 
-  // Writers leave out what the file system keeps in files of its own.
   static bool IsLeftOut(const SectionItem& item) {
-    return item.isNtfs && item.name.starts_with('$') && item.depth == 0 &&
+    return item.isNtfs && IsNtfsOwnFile(item.name, item.depth == 0) &&
            item.dataOffset == item.offset + item.length;
   }
 

@@ -6,6 +6,7 @@
 #include <optional>
 #include <span>
 #include <string>
+#include <string_view>
 #include <vector>
 
 #include "capsule/host/file/file_window.h"
@@ -27,6 +28,11 @@ struct NtfsEntry {
   uint64_t end = 0;                // behind its last record
   std::string problem;             // what is wrong with one of its records
 };
+
+// Whether it is one of the files that NTFS itself keeps, whose data writers leave out.
+inline bool IsNtfsOwnFile(std::string_view name, bool isInRoot) {
+  return isInRoot && name.starts_with('$');
+}
 
 // The entry whose first record, of type 102 or 104, is at `offset`; nothing from `limit` on is
 // taken for its own. Throws host::Error when the first record is damaged.
