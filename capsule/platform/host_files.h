@@ -15,8 +15,7 @@ namespace capsule::platform {
 struct Instant {
   int64_t seconds = 0;
   uint32_t nanoseconds = 0;
-  // The check takes the 0 that std::min compares orders with for a pointer.
-  auto operator<=>(const Instant&) const = default;  // NOLINT(modernize-use-nullptr)
+  auto operator<=>(const Instant&) const = default;  // NOLINT(modernize-use-nullptr): no pointer
 };
 
 enum class FileKind { Regular, Directory, Other };

@@ -62,17 +62,14 @@ struct Guess {
 
 // What follows a loss up to the next one.
 struct Stretch {
-  struct Level {
-    uint32_t first = kNone;  // of its items
-    uint32_t last = kNone;
-    uint32_t firstFile = kNone;
-    uint32_t lastFile = kNone;
-    uint32_t folder = kNone;  // the first folder in it that tells of the one above
-  };
   struct Opened {
     uint32_t folder = kNone;
-    uint32_t last = kNone;
+    uint32_t last = kNone;  // of its items
     uint32_t lastFile = kNone;
+  };
+  struct Level : Opened {  // its folder: the first one in it that tells of the one above
+    uint32_t first = kNone;
+    uint32_t firstFile = kNone;
   };
 
   std::vector<Level> levels{1};  // of the folders that were open before, the innermost first
@@ -140,14 +137,11 @@ class Placement {
       }
     }
     if (kind != Kind::Directory && kind != Kind::File) return;
-    const bool isNamed = m_evidence.HasName(i);
-    const bool isFile = kind == Kind::File && isNamed;
-    if (!stretch->opened.empty()) {
-      if (isNamed) stretch->opened.back().last = i;
-      if (isFile) stretch->opened.back().lastFile = i;
-    } else {
-      AddToLevel(i, &stretch->levels.back());
-    }
+    const bool isOpened = !stretch->opened.empty();
+    if (!isOpened) AddFirst(i, &stretch->levels.back());
+    Stretch::Opened& in = isOpened ? stretch->opened.back() : stretch->levels.back();
+    if (m_evidence.HasName(i)) in.last = i;
+    if (m_evidence.HasName(i) && kind == Kind::File) in.lastFile = i;
     if (kind != Kind::Directory) return;
     stretch->opened.push_back({i});
     stretch->hasFolder = true;
@@ -155,14 +149,11 @@ class Placement {
                           static_cast<int64_t>(stretch->levels.size() - 1);
   }
 
-  void AddToLevel(uint32_t i, Stretch::Level* level) const {
+  void AddFirst(uint32_t i, Stretch::Level* level) const {
     const bool isFile = m_items[i].item.kind == Kind::File;
-    if (m_evidence.HasName(i)) {
-      if (level->first == kNone) level->first = i;
-      level->last = i;
-      if (isFile && level->firstFile == kNone) level->firstFile = i;
-      if (isFile) level->lastFile = i;
-    }
+    const bool isNamed = m_evidence.HasName(i);
+    if (isNamed && level->first == kNone) level->first = i;
+    if (isNamed && isFile && level->firstFile == kNone) level->firstFile = i;
     if (!isFile && level->folder == kNone && m_evidence.TellsFolder(i)) level->folder = i;
   }
 
