@@ -2,7 +2,7 @@
 # Checks format and lint of the library and the command: of all sources, or only of those that
 # changed since a commit and those that include them. The format is always checked of all.
 #
-#   scripts/lint.sh                 everything (half an hour), as every night
+#   scripts/lint.sh                 everything (some ten minutes on two cores), as every night
 #   scripts/lint.sh COMMIT          what changed since COMMIT; everything when there is no such commit
 #   scripts/lint.sh COMMIT MOST     the same, MOST sources at most, those that changed first
 set -euo pipefail
