@@ -152,16 +152,11 @@ std::optional<ImageProblem> JudgeUncheckedHeader(const ImageFile& image,
 void AddKnownDamage(const IndexContents& index, const Catalog& catalog,
                     std::vector<ImageProblem>* problems) {
   if (index.damages.empty()) return;
-  std::vector<std::pair<uint32_t, uint32_t>> places;  // offset and id
-  for (uint32_t id = 0; id < catalog.Size(); ++id) {
-    if (catalog.IsRoot(id)) continue;
-    places.emplace_back(catalog.Node(id).offset, id);
-  }
-  std::sort(places.begin(), places.end());
+  const auto places = catalog.Places();
   for (const DamageNote& note : index.damages) {
     const auto place = std::lower_bound(places.begin(), places.end(), std::pair(note.offset, 0U));
     std::string path = "item at " + Hex(note.offset);
-    if (place != places.end() && place->first == note.offset)
+    if (place != places.end() && place->first == note.offset && !catalog.IsRoot(place->second))
       path = catalog.NameForProblem(place->second);
     if (note.offset == 0) path = note.isCut ? "end of the image" : "image";
     problems->push_back(

@@ -11,7 +11,11 @@
 // for one.) Items come in the order of their offsets, except that what lies over something that
 // came before follows it.
 //
-// Memory is bounded by the depth of the tree; time by the size of the file.
+// Files and folders are called as the tree of the opened image (Opening::Salvage) calls them. Where
+// it cannot be opened, "N:/…/file" stands for a folder that is not known.
+//
+// Memory: that of the open image, and 8 bytes for each file and folder. Time is bounded by the size
+// of the file.
 #pragma once
 
 #include <cstdint>

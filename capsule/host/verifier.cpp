@@ -4,6 +4,7 @@
 #include "capsule/host/verifier.h"
 
 #include <algorithm>
+#include <optional>
 #include <set>
 #include <vector>
 
@@ -60,7 +61,8 @@ class VerifyRun {
 
   VerifyReport Verify() {
     m_watch.Now().bytesTotal = m_image.Size();
-    MapImage(m_image, [this](const MapItem& item) { Take(item); });
+    Open();
+    MapImage(m_image, Tree(), [this](const MapItem& item) { Take(item); });
     CloseFile();
     TellUnnamed();
     CompareWithOpening();
@@ -70,6 +72,18 @@ class VerifyRun {
   }
 
  private:
+  void Open() {
+    try {
+      m_tree.emplace(m_image.Source(), m_image.Name(), Opening::Salvage);
+    } catch (const ShortageError&) {
+      throw;
+    } catch (const Error& error) {
+      m_whyNotOpen = error;
+    }
+  }
+
+  const Image* Tree() const { return m_tree ? &*m_tree : nullptr; }
+
   void Take(const MapItem& item) {
     const bool ofFile = item.kind == MapItem::Kind::DataBlock && item.problem.empty();
     if (m_file.isOpen && ofFile) {
@@ -178,7 +192,7 @@ class VerifyRun {
   // What the index leaves out, readers never see. Only then is the image walked again.
   void TellUnnamed() {
     if (m_index.NamesAll()) return;
-    MapImage(m_image, [&](const MapItem& item) {
+    MapImage(m_image, Tree(), [&](const MapItem& item) {
       if (item.beginsEntry && !m_index.Names(item.offset)) {
         Tell(item.offset, item.path, "the index does not name what begins here");
       }
@@ -188,25 +202,23 @@ class VerifyRun {
   // What opening the image finds is a fault here too, so that no command calls an image damaged
   // that this one calls sound. Files of NTFS partitions are read through the tree that it gives.
   void CompareWithOpening() {
-    try {
-      const Image image(m_image.Source(), m_image.Name(), Opening::Salvage);
-      for (const ImageProblem& problem : image.Problems()) {
-        if (problem.offset && m_told.contains(*problem.offset)) continue;
+    if (m_whyNotOpen && m_report.faults == 0) {
+      Tell(m_whyNotOpen->Offset().value_or(0), "", m_whyNotOpen->Reason());
+    }
+    if (!m_tree) return;
+    const Image& image = *m_tree;
+    for (const ImageProblem& problem : image.Problems()) {
+      if (!problem.offset || !m_told.contains(*problem.offset)) {
         Tell(problem.offset.value_or(0), problem.path, problem.reason);
       }
-      if (!image.IsWhole() && m_report.faults == 0) Tell(0, "", image.Info().scanReason);
-      if (!m_ntfs) return;
-      for (int n = 0; n < image.Partitions(); ++n) {
-        const PartitionInfo& partition = image.Info().partitions[static_cast<size_t>(n)];
-        if (partition.systemId != kSystemIdNtfs) continue;
-        m_watch.Now().bytesTotal += partition.bytes;
-        ReadBelow(image, image.Root(n));
-      }
-    } catch (const ShortageError&) {
-      throw;
-    } catch (const Error& error) {
-      if (m_watch.IsEnd(error)) throw;
-      if (m_report.faults == 0) Tell(error.Offset().value_or(0), "", error.Reason());
+    }
+    if (!image.IsWhole() && m_report.faults == 0) Tell(0, "", image.Info().scanReason);
+    if (!m_ntfs) return;
+    for (int n = 0; n < image.Partitions(); ++n) {
+      const PartitionInfo& partition = image.Info().partitions[static_cast<size_t>(n)];
+      if (partition.systemId != kSystemIdNtfs) continue;
+      m_watch.Now().bytesTotal += partition.bytes;
+      ReadBelow(image, image.Root(n));
     }
   }
 
@@ -244,6 +256,8 @@ class VerifyRun {
   }
 
   ImageFile m_image;
+  std::optional<Image> m_tree;
+  std::optional<Error> m_whyNotOpen;
   bool m_compressed;
   const std::function<void(const Fault&)>& m_take;
   Watch m_watch;

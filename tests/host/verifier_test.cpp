@@ -4,6 +4,7 @@
 
 #include <algorithm>
 #include <filesystem>
+#include <map>
 #include <optional>
 #include <random>
 
@@ -12,6 +13,7 @@
 #include "capsule/host/image_map.h"
 #include "tests/host/small_image.h"
 #include "tests/support/bytes.h"
+#include "tests/support/entries.h"
 #include "tests/support/sample_images.h"
 #include "tests/support/temp_dir.h"
 
@@ -183,6 +185,42 @@ TEST_F(VerifierTest, AnIndexMustNameWhatIsThereAndAllOfIt) {
   const auto faults = Patched(m_whole, record, test::Hex("F0"));
   ExpectFault(faults, kTwo, "0:/FOLDER/TWO.BIN", "the index does not name what begins here");
   ExpectFault(faults, record - 17, "0:/FOLDER/TWO.BIN", "where no item begins");
+}
+
+// Of any image, damaged or not, the map calls every item what the tree calls it.
+TEST_F(VerifierTest, AMapNamesWhatTheTreeNames) {
+  size_t compared = 0;
+  const auto compare = [&](const std::string& path) {
+    std::map<uint64_t, std::string> mapped;
+    for (const MapItem& item : MapOf(path)) {
+      const bool isNtfs = item.kind == MapItem::Kind::NtfsRecord;  // their folders are left out
+      if (item.beginsEntry && !isNtfs) mapped[item.offset] = item.path;
+    }
+    const Image image(path, Opening::Salvage);
+    test::ForEachEntry(image, [&](const Entry& entry) {
+      const auto found = mapped.find(entry.Offset());
+      if (found == mapped.end() || entry.IsRoot()) return;
+      ++compared;
+      EXPECT_EQ(found->second, entry.Path()) << path;
+    });
+  };
+  for (const auto& sample :
+       std::filesystem::recursive_directory_iterator(CAPSULE_TEST_DATA "/images")) {
+    if (!sample.path().string().ends_with(".img")) continue;
+    try {
+      compare(sample.path().string());
+    } catch (const Error&) {  // no image
+    }
+  }
+  EXPECT_GT(compared, 200U);
+  for (const std::string& whole : {m_bare, m_whole}) {
+    for (size_t at = kFolder; at < kTrailer; at += at < kOneData ? 8 : 40) {
+      std::string bytes = whole;
+      test::WriteFile(m_path, bytes.replace(at, 1, "\x77"));
+      SCOPED_TRACE(at);
+      compare(m_path);
+    }
+  }
 }
 
 // Whatever opening the image finds wrong.

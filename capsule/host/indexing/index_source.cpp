@@ -32,7 +32,7 @@ class ItemJudge {
     const auto take = [this](const MapItem& item) {
       if (!item.problem.empty()) m_problems.emplace_back(item.offset, item.problem);
     };
-    MapImage(image, take, false);
+    MapImage(image, nullptr, take, false);
     std::stable_sort(m_problems.begin(), m_problems.end(),
                      [](const auto& a, const auto& b) { return a.first < b.first; });
   }

@@ -17,8 +17,8 @@ namespace {
 
 class ImageMapper {
  public:
-  ImageMapper(const ImageFile& image, MapSink& sink)
-      : m_image(image), m_window(image), m_sink(sink) {}
+  ImageMapper(const ImageFile& image, const Image* tree, MapSink& sink)
+      : m_image(image), m_window(image), m_paths(tree), m_sink(sink) {}
 
   void Map(bool mayHaveIndex) {
     const auto stored = m_window.At(0, kHeaderSize);
@@ -41,14 +41,14 @@ class ImageMapper {
   // Maps what follows a header that cannot be used: sections of FAT records are looked for all the
   // same.
   void MapRest() {
-    SectionMap sections(m_window, m_sink.FileBytes(), true, m_sink);
+    SectionMap sections(m_window, m_sink.FileBytes(), true, m_paths, m_sink);
     constexpr uint8_t kFat = 0x0B;
     for (int n = 0; sections.Map(n, kFat); ++n) ++m_sink.Summary().sections;
     MapEnd(false);
   }
 
   void MapSections(const DecodedHeader& header, uint64_t end) {
-    SectionMap sections(m_window, end, header.compressed, m_sink);
+    SectionMap sections(m_window, end, header.compressed, m_paths, m_sink);
     int number = 0;
     for (const uint8_t systemId : SectionsOf(header)) {
       if (sections.Map(number++, systemId)) {
@@ -94,15 +94,16 @@ class ImageMapper {
 
   ImageFile m_image;
   FileWindow m_window;
+  MapPaths m_paths;
   MapSink& m_sink;
 };
 
 }  // namespace
 
-MapSummary MapImage(const ImageFile& image, const std::function<void(const MapItem&)>& take,
-                    bool hasIndex) {
+MapSummary MapImage(const ImageFile& image, const Image* tree,
+                    const std::function<void(const MapItem&)>& take, bool hasIndex) {
   MapSink sink(image.Size(), take);
-  ImageMapper(image, sink).Map(hasIndex);
+  ImageMapper(image, tree, sink).Map(hasIndex);
   return sink.Summary();
 }
 

@@ -4,12 +4,14 @@
 #include <functional>
 
 #include "capsule/host/file/image_file.h"
+#include "capsule/host/image.h"
 #include "capsule/host/map_item.h"
 
 namespace capsule::host {
 
+// `tree`: the same image opened, or null where it cannot be: then folders are not named.
 // `hasIndex`: false when nothing that the header says of an index is believed.
-MapSummary MapImage(const ImageFile& image, const std::function<void(const MapItem&)>& take,
-                    bool hasIndex = true);
+MapSummary MapImage(const ImageFile& image, const Image* tree,
+                    const std::function<void(const MapItem&)>& take, bool hasIndex = true);
 
 }  // namespace capsule::host

@@ -30,7 +30,6 @@ bool SectionMap::Map(int section, uint8_t systemId) {
   m_section = section;
   m_ntfs = systemId == kSystemIdNtfs;
   m_ended = false;
-  m_folders.Clear();
   m_file.clear();
   m_takesData = false;
   if (!MapSectionHeader()) return false;
@@ -60,6 +59,7 @@ bool SectionMap::MapSectionHeader() {
     area.problem = "sector area does not begin with AB CD";
   }
   m_sink.Add(area);
+  m_paths.BeginSection(m_section, area.offset);
   MapItem header = ItemAt(MapItem::Kind::SectionHeader, kPartitionHeaderSize - kSectorAreaSize);
   header.text = "section " + Count(static_cast<uint64_t>(m_section)) +
                 (m_ntfs ? ", header of NTFS records" : ", header of FAT records");
@@ -91,7 +91,11 @@ void SectionMap::MapTrailer() {
 void SectionMap::SkipDamage() {
   const uint64_t start = Here();
   const bool isInFile = m_ntfs || (m_takesData && !m_lastSeen);
-  const std::string hit = isInFile ? m_file : m_folders.Depth() == 0 ? "" : FolderPath();
+  const auto entry = isInFile ? std::nullopt : m_paths.GoTo(start, start);
+  const std::string hit = isInFile          ? m_file
+                          : entry           ? m_paths.PathOf(*entry)
+                          : m_paths.AtTop() ? ""
+                                            : m_paths.FolderPath();
   if (start >= m_end) {
     MapItem item = ItemAt(MapItem::Kind::Gap, 0);
     item.path = hit;
@@ -102,24 +106,6 @@ void SectionMap::SkipDamage() {
   const uint64_t next = m_ntfs ? FindNtfsRecord(start + 1) : FindFatRecord(start + 1);
   m_sink.Gap(next, hit, "", "no record begins here; " + NothingKnown(next - start));
   m_takesData = false;
-}
-
-std::string SectionMap::FolderPath() const {
-  std::string path = PathOf("");
-  path.pop_back();
-  return path;
-}
-
-// Longer paths are not spelled out, so that nested folders cannot make a map grow with the square
-// of the image's size.
-bool SectionMap::HasLongPath() const {
-  constexpr size_t kMaxPath = 4096;
-  return m_folders.Path().size() > kMaxPath;
-}
-
-std::string SectionMap::PathOf(const std::string& name) const {
-  const std::string start = Count(static_cast<uint64_t>(m_section)) + ":/";
-  return start + (HasLongPath() ? "…/" + name : m_folders.PathOf(name));
 }
 
 // How many of the two marks of a section header are there.

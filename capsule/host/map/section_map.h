@@ -13,8 +13,8 @@
 #include <vector>
 
 #include "capsule/host/file/file_window.h"
+#include "capsule/host/map/map_paths.h"
 #include "capsule/host/map/map_sink.h"
-#include "capsule/host/sections/open_folders.h"
 #include "capsule/partition/entry_group.h"
 #include "capsule/partition/ntfs_records.h"
 
@@ -23,8 +23,8 @@ namespace capsule::host {
 class SectionMap {
  public:
   // `end`: where sections end at the latest.
-  SectionMap(FileWindow& window, uint64_t end, bool compressed, MapSink& sink)
-      : m_window(window), m_end(end), m_compressed(compressed), m_sink(sink) {}
+  SectionMap(FileWindow& window, uint64_t end, bool compressed, MapPaths& paths, MapSink& sink)
+      : m_window(window), m_end(end), m_compressed(compressed), m_paths(paths), m_sink(sink) {}
 
   // Maps the section that begins at the sink's position, or behind it when there is none there.
   // False when there is none at all.
@@ -46,9 +46,6 @@ class SectionMap {
   void DescribeFileRecord(const _NTFSMiniHeader& header, MapItem* item);
 
   MapItem ItemAt(MapItem::Kind kind, uint64_t length) const;
-  std::string FolderPath() const;
-  std::string PathOf(const std::string& name) const;
-  bool HasLongPath() const;
   void SkipDamage();
 
   bool IsFatRecordAt(uint64_t offset);
@@ -63,6 +60,7 @@ class SectionMap {
   FileWindow& m_window;
   uint64_t m_end;
   bool m_compressed;
+  MapPaths& m_paths;
   MapSink& m_sink;
 
   int m_section = 0;
@@ -70,9 +68,8 @@ class SectionMap {
   bool m_ended = false;
   EntryGroup m_group;             // the one being read
   std::vector<MapItem> m_pieces;  // of its long name
-  OpenFolders m_folders;
-  uint64_t m_othersEnd = 0;  // of records of unknown types that are told one by one
-  std::string m_file;        // path of what data blocks belong to
+  uint64_t m_othersEnd = 0;       // of records of unknown types that are told one by one
+  std::string m_file;             // path of what data blocks belong to
   bool m_takesData = false;
   bool m_lastSeen = false;
   uint64_t m_fileBytes = 0;  // that the records so far stand for

@@ -79,16 +79,17 @@ void SectionMap::MapDirectoryRecord(const _MiniHeader& header) {
   if (taken == EntryGroup::Taken::Piece) return MapLongName(header, bytes);
   if (taken == EntryGroup::Taken::NoEntry) DropPieces("long name without an entry");
   m_group.Role() == EntryRole::Closing ? MapZeroEntry(header) : MapShortEntry(header);
-  m_folders.Pass(m_group.Role(), NameOf(m_group));
   m_group.Clear();
 }
 
 void SectionMap::MapZeroEntry(const _MiniHeader& header) {
   MapItem item = ItemAt(MapItem::Kind::ZeroEntry, kDirRecordSize);
   item.beginsEntry = true;
-  item.text = m_folders.Depth() == 0
-                  ? "closes nothing"
-                  : "closes \"" + (HasLongPath() ? "…" : m_folders.Path()) + "\"";
+  m_paths.GoTo(item.offset, item.offset);
+  const std::string folder = m_paths.FolderPath();
+  item.text =
+      m_paths.AtTop() ? "closes nothing" : "closes \"" + folder.substr(folder.find('/') + 1) + "\"";
+  m_paths.Leave();
   item.problem = JudgeDirectoryHeader(header);
   m_file.clear();
   m_sink.Add(item);
@@ -106,7 +107,8 @@ void SectionMap::MapLongName(const _MiniHeader& header, EntryGroup::Payload byte
 void SectionMap::MapShortEntry(const _MiniHeader& header) {
   const _ShortDirEntry& entry = m_group.Entry();
   const EntryRole role = m_group.Role();
-  m_file = PathOf(NameOf(m_group));
+  const auto known = m_paths.GoTo(Here(), Here() + m_pieces.size() * kDirRecordSize);
+  m_file = known ? m_paths.PathOf(*known) : m_paths.PathOf(NameOf(m_group));
   FinishPieces();
   MapItem item = ItemAt(MapItem::Kind::ShortEntry, kDirRecordSize);
   item.beginsEntry = !m_group.HasLongName();

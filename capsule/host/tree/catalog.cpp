@@ -84,13 +84,25 @@ bool Catalog::IsDuplicate(uint32_t id) const {
   return std::binary_search(duplicates.begin(), duplicates.end(), id);
 }
 
-std::string Catalog::NameForProblem(uint32_t id) const {
+std::vector<std::pair<uint32_t, uint32_t>> Catalog::Places() const {
+  std::vector<std::pair<uint32_t, uint32_t>> places;
+  places.reserve(Size());
+  for (uint32_t id = 0; id < Size(); ++id) places.emplace_back(m_nodes[id].offset, id);
+  std::sort(places.begin(), places.end());
+  return places;
+}
+
+std::optional<std::string> Catalog::PathIfShort(uint32_t id) const {
   size_t length = 0;
   for (uint32_t at = id; !IsRoot(at); at = m_nodes[at].parent) {
     length += 1 + m_nodes[at].nameLength;
-    if (length > kMaxScannedPath) return "item at " + Hex(m_nodes[id].offset);
+    if (length > kMaxScannedPath) return std::nullopt;
   }
   return At(id).Path();
+}
+
+std::string Catalog::NameForProblem(uint32_t id) const {
+  return PathIfShort(id).value_or("item at " + Hex(m_nodes[id].offset));
 }
 
 std::optional<uint32_t> Catalog::FindChild(uint32_t parent, std::string_view name) const {

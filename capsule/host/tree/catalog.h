@@ -17,6 +17,7 @@
 #include <string>
 #include <string_view>
 #include <unordered_map>
+#include <utility>
 #include <vector>
 
 #include "capsule/host/entry.h"
@@ -53,6 +54,7 @@ class Catalog {
   const CatalogNode& Node(uint32_t id) const { return m_nodes[id]; }
   uint32_t Size() const { return static_cast<uint32_t>(m_nodes.size()); }
   Entry At(uint32_t id) const { return Entry(this, id); }
+  static const Catalog& Of(const Entry& entry) { return *entry.m_catalog; }
 
   uint32_t Roots() const { return static_cast<uint32_t>(m_roots.size()); }
   uint32_t Root(uint32_t partition) const { return m_roots[partition]; }
@@ -60,6 +62,15 @@ class Catalog {
 
   std::string_view Name(uint32_t id) const;
   std::string_view ShortName(uint32_t id) const;
+
+  // Whether it is called "." or ".." and so opens nothing.
+  bool IsDot(uint32_t id) const { return ShortName(id) == "." || ShortName(id) == ".."; }
+
+  // Where the records of all entries and sections begin, ascending, with their numbers.
+  std::vector<std::pair<uint32_t, uint32_t>> Places() const;
+
+  // The path of an entry, or nothing when it is longer than kMaxScannedPath.
+  std::optional<std::string> PathIfShort(uint32_t id) const;
 
   // What to call an entry in a list of problems: its path, or the place of its records where that
   // is longer than kMaxScannedPath, so that deep folders do not make such a list grow with the
