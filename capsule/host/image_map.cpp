@@ -1,9 +1,5 @@
 #include "capsule/host/image_map.h"
 
-#include <optional>
-
-#include "capsule/host/error.h"
-#include "capsule/host/image.h"
 #include "capsule/host/map/image_mapper.h"
 
 namespace capsule::host {
@@ -46,14 +42,8 @@ MapSummary MapImage(const std::filesystem::path& path,
 MapSummary MapImage(const std::shared_ptr<const ByteSource>& source, const std::string& name,
                     const std::function<void(const MapItem&)>& take) {
   const ImageFile file(source, name);
-  std::optional<Image> image;
-  try {
-    image.emplace(source, name, Opening::Salvage);
-  } catch (const ShortageError&) {
-    throw;
-  } catch (const Error&) {  // of such an image the map tells all but its folders
-  }
-  return MapImage(file, image ? &*image : nullptr, take);
+  std::optional<Error> why;  // of such an image the map tells all but its folders
+  return MapImage(file, OpenLeft(file, &why).get(), take);
 }
 
 }  // namespace capsule::host

@@ -1,10 +1,9 @@
 // The map of the image is taken item by item: a file of a FAT-style section is decoded when the map
-// has passed its records, and the index is compared as it comes. Then the image is opened, so that
-// whatever opening finds wrong is a fault as well.
+// has passed its records, and the index is compared as it comes. The image is opened before that:
+// items are called as its tree calls them, and in the end all that opening found wrong is a fault.
 #include "capsule/host/verifier.h"
 
 #include <algorithm>
-#include <optional>
 #include <set>
 #include <vector>
 
@@ -49,6 +48,7 @@ class VerifyRun {
   VerifyRun(const ImageFile& image, const DecodedHeader& header,
             const std::function<void(const Fault&)>& take, const VerifyOptions& options)
       : m_image(image),
+        m_tree(OpenLeft(image, &m_whyNotOpen)),
         m_compressed(header.compressed),
         m_take(take),
         m_watch(image.Name(), options.onProgress, options.stop),
@@ -61,8 +61,7 @@ class VerifyRun {
 
   VerifyReport Verify() {
     m_watch.Now().bytesTotal = m_image.Size();
-    Open();
-    MapImage(m_image, Tree(), [this](const MapItem& item) { Take(item); });
+    MapImage(m_image, m_tree.get(), [this](const MapItem& item) { Take(item); });
     CloseFile();
     TellUnnamed();
     CompareWithOpening();
@@ -72,18 +71,6 @@ class VerifyRun {
   }
 
  private:
-  void Open() {
-    try {
-      m_tree.emplace(m_image.Source(), m_image.Name(), Opening::Salvage);
-    } catch (const ShortageError&) {
-      throw;
-    } catch (const Error& error) {
-      m_whyNotOpen = error;
-    }
-  }
-
-  const Image* Tree() const { return m_tree ? &*m_tree : nullptr; }
-
   void Take(const MapItem& item) {
     const bool ofFile = item.kind == MapItem::Kind::DataBlock && item.problem.empty();
     if (m_file.isOpen && ofFile) {
@@ -192,7 +179,7 @@ class VerifyRun {
   // What the index leaves out, readers never see. Only then is the image walked again.
   void TellUnnamed() {
     if (m_index.NamesAll()) return;
-    MapImage(m_image, Tree(), [&](const MapItem& item) {
+    MapImage(m_image, m_tree.get(), [&](const MapItem& item) {
       if (item.beginsEntry && !m_index.Names(item.offset)) {
         Tell(item.offset, item.path, "the index does not name what begins here");
       }
@@ -256,8 +243,8 @@ class VerifyRun {
   }
 
   ImageFile m_image;
-  std::optional<Image> m_tree;
   std::optional<Error> m_whyNotOpen;
+  std::unique_ptr<Image> m_tree;
   bool m_compressed;
   const std::function<void(const Fault&)>& m_take;
   Watch m_watch;

@@ -18,7 +18,10 @@ namespace {
 class ImageMapper {
  public:
   ImageMapper(const ImageFile& image, const Image* tree, MapSink& sink)
-      : m_image(image), m_window(image), m_paths(tree), m_sink(sink) {}
+      : m_image(image),
+        m_window(image),
+        m_paths(tree != nullptr && tree->Partitions() > 0 ? &Catalog::Of(tree->Root(0)) : nullptr),
+        m_sink(sink) {}
 
   void Map(bool mayHaveIndex) {
     const auto stored = m_window.At(0, kHeaderSize);
@@ -99,6 +102,17 @@ class ImageMapper {
 };
 
 }  // namespace
+
+std::unique_ptr<Image> OpenLeft(const ImageFile& image, std::optional<Error>* why) {
+  try {
+    return std::make_unique<Image>(image.Source(), image.Name(), Opening::Salvage);
+  } catch (const ShortageError&) {
+    throw;
+  } catch (const Error& error) {
+    *why = error;
+    return nullptr;
+  }
+}
 
 MapSummary MapImage(const ImageFile& image, const Image* tree,
                     const std::function<void(const MapItem&)>& take, bool hasIndex) {

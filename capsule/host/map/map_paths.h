@@ -1,57 +1,74 @@
-// MapPaths names what a map passes as the tree of the image does, so that all that names a damaged
-// item calls it the same.
-//
-//   MapPaths paths(&image);
-//   paths.BeginSection(0, 7560);
-//   if (const auto entry = paths.GoTo(9616, 9656)) Use(paths.PathOf(*entry));
+// MapPaths names what a map passes as the tree of the image does. Both go over the file in its
+// order, so one step forward in the tree's places finds the entry that begins at a record.
 #pragma once
 
-#include <cstddef>
-#include <cstdint>
 #include <optional>
 #include <string>
-#include <string_view>
 #include <utility>
 #include <vector>
 
-#include "capsule/host/image.h"
 #include "capsule/host/tree/catalog.h"
 
 namespace capsule::host {
 
 class MapPaths {
  public:
-  // `image` must outlive the paths; null when it cannot be opened: then no folder is known.
-  explicit MapPaths(const Image* image);
+  // `tree`: null when there is none; then no folder is known.
+  explicit MapPaths(const Catalog* tree) : m_tree(tree) {
+    if (tree != nullptr) m_places = tree->Places();
+  }
 
-  void BeginSection(int section, uint64_t offset);
+  void BeginSection(int section) {
+    m_section = section;
+    m_folder.reset();
+  }
 
-  // Passes all entries of the tree that begin up to `offset`: the innermost open folder is then the
-  // one that the last of them opens or lies in. That one, unless it begins before `first`.
-  std::optional<uint32_t> GoTo(uint64_t first, uint64_t offset);
+  // Passes all entries that begin up to `offset`: the innermost open folder is then the one that
+  // the last of them opens or lies in. That one, unless it begins before `first`.
+  std::optional<uint32_t> GoTo(uint64_t first, uint64_t offset) {
+    const size_t before = m_next;
+    while (m_next < m_places.size() && m_places[m_next].first <= offset) ++m_next;
+    if (m_next == before) return std::nullopt;
+    const auto [begin, entry] = m_places[m_next - 1];
+    m_section = m_tree->Node(entry).partition;
+    m_folder = m_tree->OpensFolder(entry) ? entry : m_tree->Node(entry).parent;
+    return begin < first ? std::nullopt : std::optional(entry);
+  }
 
   // Leaves the innermost open folder.
-  void Leave();
+  void Leave() {
+    if (m_folder) m_folder = m_tree->Node(*m_folder).parent;
+  }
 
-  bool AtTop() const { return m_folder && m_tree->IsRoot(*m_folder); }
+  bool IsAtTop() const { return m_folder && m_tree->IsRoot(*m_folder); }
+  bool IsBelowTop() const { return m_folder && !m_tree->IsRoot(*m_folder); }
 
-  // Of the innermost open folder. Paths of more than kMaxScannedPath bytes are not spelled out, so
-  // that nested folders cannot make a map grow with the square of the image's size.
+  // Of the innermost open folder.
   std::string FolderPath() const { return PathOfFolder(m_folder); }
 
-  // Of an entry of the tree, and of something in the innermost open folder that is none.
-  std::string PathOf(uint32_t entry) const;
-  std::string PathOf(const std::string& name) const { return Below(FolderPath(), name); }
+  // Of an entry, or of what is none but is called `name` and lies in the innermost open folder. One
+  // that was made up for what is left of a lost folder is not said to have anything else in it.
+  std::string PathOf(std::optional<uint32_t> entry, const std::string& name) const {
+    auto folder = entry ? m_tree->Node(*entry).parent : m_folder;
+    if (!entry && folder && m_tree->Node(*folder).isPlaceholder) folder.reset();
+    std::string path = PathOfFolder(folder);
+    if (!path.ends_with('/')) path += '/';
+    return path.append(entry ? m_tree->Name(*entry) : name);
+  }
 
  private:
-  std::string PathOfFolder(std::optional<uint32_t> folder) const;
-  static std::string Below(std::string folder, std::string_view name);
+  // Long paths are not spelled out, so that nested folders cannot make a map grow with the square
+  // of the image's size.
+  std::string PathOfFolder(std::optional<uint32_t> folder) const {
+    const auto path = folder ? m_tree->PathIfShort(*folder) : std::nullopt;
+    return path.value_or(std::to_string(m_section) + ":/…");
+  }
 
-  const Catalog* m_tree = nullptr;
-  std::vector<std::pair<uint32_t, uint32_t>> m_places;  // offset and entry, ascending
-  size_t m_next = 0;                                    // of the places
-  int m_section = 0;
-  std::optional<uint32_t> m_folder;
+  const Catalog* m_tree;
+  std::vector<std::pair<uint32_t, uint32_t>> m_places;
+  size_t m_next = 0;                 // of the places
+  int m_section = 0;                 // as the tree counts, where it is known
+  std::optional<uint32_t> m_folder;  // the innermost open one
 };
 
 }  // namespace capsule::host

@@ -30,6 +30,7 @@ bool SectionMap::Map(int section, uint8_t systemId) {
   m_section = section;
   m_ntfs = systemId == kSystemIdNtfs;
   m_ended = false;
+  m_paths.BeginSection(section);
   m_file.clear();
   m_takesData = false;
   if (!MapSectionHeader()) return false;
@@ -59,7 +60,6 @@ bool SectionMap::MapSectionHeader() {
     area.problem = "sector area does not begin with AB CD";
   }
   m_sink.Add(area);
-  m_paths.BeginSection(m_section, area.offset);
   MapItem header = ItemAt(MapItem::Kind::SectionHeader, kPartitionHeaderSize - kSectorAreaSize);
   header.text = "section " + Count(static_cast<uint64_t>(m_section)) +
                 (m_ntfs ? ", header of NTFS records" : ", header of FAT records");
@@ -91,20 +91,19 @@ void SectionMap::MapTrailer() {
 void SectionMap::SkipDamage() {
   const uint64_t start = Here();
   const bool isInFile = m_ntfs || (m_takesData && !m_lastSeen);
-  const auto entry = isInFile ? std::nullopt : m_paths.GoTo(start, start);
-  const std::string hit = isInFile          ? m_file
-                          : entry           ? m_paths.PathOf(*entry)
-                          : m_paths.AtTop() ? ""
-                                            : m_paths.FolderPath();
+  if (!isInFile) {
+    const auto entry = m_paths.GoTo(start, start);
+    m_file = entry ? m_paths.PathOf(entry, "") : m_paths.IsBelowTop() ? m_paths.FolderPath() : "";
+  }
   if (start >= m_end) {
     MapItem item = ItemAt(MapItem::Kind::Gap, 0);
-    item.path = hit;
+    item.path = m_file;
     item.problem = "section " + Count(static_cast<uint64_t>(m_section)) + " has no end";
     m_sink.Add(item);
     return;
   }
   const uint64_t next = m_ntfs ? FindNtfsRecord(start + 1) : FindFatRecord(start + 1);
-  m_sink.Gap(next, hit, "", "no record begins here; " + NothingKnown(next - start));
+  m_sink.Gap(next, m_file, "", "no record begins here; " + NothingKnown(next - start));
   m_takesData = false;
 }
 

@@ -87,8 +87,8 @@ void SectionMap::MapZeroEntry(const _MiniHeader& header) {
   item.beginsEntry = true;
   m_paths.GoTo(item.offset, item.offset);
   const std::string folder = m_paths.FolderPath();
-  item.text =
-      m_paths.AtTop() ? "closes nothing" : "closes \"" + folder.substr(folder.find('/') + 1) + "\"";
+  item.text = m_paths.IsAtTop() ? "closes nothing"
+                                : "closes \"" + folder.substr(folder.find('/') + 1) + "\"";
   m_paths.Leave();
   item.problem = JudgeDirectoryHeader(header);
   m_file.clear();
@@ -107,8 +107,9 @@ void SectionMap::MapLongName(const _MiniHeader& header, EntryGroup::Payload byte
 void SectionMap::MapShortEntry(const _MiniHeader& header) {
   const _ShortDirEntry& entry = m_group.Entry();
   const EntryRole role = m_group.Role();
-  const auto known = m_paths.GoTo(Here(), Here() + m_pieces.size() * kDirRecordSize);
-  m_file = known ? m_paths.PathOf(*known) : m_paths.PathOf(NameOf(m_group));
+  const uint64_t end = Here() + (m_pieces.size() + 1) * kDirRecordSize;
+  const auto known = m_paths.GoTo(Here(), end - 1);
+  m_file = m_paths.PathOf(known, NameOf(m_group));
   FinishPieces();
   MapItem item = ItemAt(MapItem::Kind::ShortEntry, kDirRecordSize);
   item.beginsEntry = !m_group.HasLongName();

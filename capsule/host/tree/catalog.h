@@ -63,8 +63,10 @@ class Catalog {
   std::string_view Name(uint32_t id) const;
   std::string_view ShortName(uint32_t id) const;
 
-  // Whether it is called "." or ".." and so opens nothing.
-  bool IsDot(uint32_t id) const { return ShortName(id) == "." || ShortName(id) == ".."; }
+  // Whether what follows lies in it, as it does not behind "." and "..", whatever their long names.
+  bool OpensFolder(uint32_t id) const {
+    return m_nodes[id].isDirectory && ShortName(id) != "." && ShortName(id) != "..";
+  }
 
   // Where the records of all entries and sections begin, ascending, with their numbers.
   std::vector<std::pair<uint32_t, uint32_t>> Places() const;
