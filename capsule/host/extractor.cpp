@@ -176,8 +176,6 @@ void Extractor::Impl::ExtractFile(const Entry& file) {
     ++report.files;
     passed += file.Size();
     Tell(file);
-  } catch (const ShortageError&) {
-    throw;
   } catch (const Error& error) {
     if (watch.IsEnd(error)) throw;
     passed += file.Size();

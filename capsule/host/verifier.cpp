@@ -38,6 +38,8 @@ std::vector<RestartPoint> RestartsOf(const ImageFile& image, const DecodedHeader
   try {
     RequireIndexInFile(header, image);
     return ReadIndex(image, header.indexOffset).restarts;
+  } catch (const ShortageError&) {
+    throw;
   } catch (const Error&) {
     return {};
   }

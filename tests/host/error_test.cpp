@@ -9,6 +9,7 @@
 #include <csignal>
 #include <functional>
 
+#include "capsule/host/byte_source.h"
 #include "capsule/host/extractor.h"
 #include "capsule/host/image.h"
 #include "capsule/host/image_builder.h"
@@ -17,6 +18,7 @@
 #include "capsule/host/verifier.h"
 #include "tests/host/small_image.h"
 #include "tests/support/entries.h"
+#include "tests/support/sample_images.h"
 
 namespace capsule::host {
 namespace {
@@ -166,6 +168,30 @@ TEST_F(ErrorTest, ShortagesSayWhatRanOut) {
     code = error.Code();
   }
   EXPECT_EQ(code, std::errc::too_many_files_open);
+}
+
+// Whichever read meets one: a verifier does not go on and call the image damaged for it.
+TEST_F(ErrorTest, ShortagesAreNoFaults) {
+  const auto ignore = [](const Fault&) {};
+  for (const std::string& path :
+       {m_dir / "whole", m_dir / "cut", test::SamplePath("n_flat_old.img"),
+        test::SamplePath("faults/n_synthetic.img")}) {
+    const auto file = FileSource(path);
+    int reads = 0;
+    int failing = -1;
+    const auto source = FunctionSource(file->Size(), [&](uint64_t offset, auto out) {
+      if (reads++ != failing) return file->ReadAt(offset, out);
+      throw ShortageError(path, "read", std::make_error_code(std::errc::not_enough_memory));
+    });
+    const Verifier verifier(source, path);
+    EXPECT_GT(verifier.Run(ignore).files, 0U);
+    const int all = reads;
+    for (failing = 0; failing < all; ++failing) {
+      reads = 0;
+      EXPECT_THROW(static_cast<void>(verifier.Run(ignore)), ShortageError)
+          << path << ", read " << failing << " of " << all;
+    }
+  }
 }
 
 // What an image that is about to end would hand out does not compile.

@@ -22,9 +22,10 @@ class Watch {
   // Whether anybody wants to know, so that what only they need can be spared.
   bool IsHeard() const { return m_onProgress != nullptr; }
 
-  // Whether `error` ends the operation: it is cancelled, or the host threw it.
+  // Whether `error` ends the operation: it is cancelled, something ran out, or the host threw it.
   bool IsEnd(const Error& error) const {
-    return m_hasThrown || error.Kind() == ErrorKind::Cancelled;
+    return m_hasThrown || error.Kind() == ErrorKind::Cancelled ||
+           dynamic_cast<const ShortageError*>(&error) != nullptr;
   }
 
   // To be kept up to date by the operation; bytesDone by Tell.

@@ -98,6 +98,8 @@ class IndexedSurvey {
                           (item->isNtfs || item->offset + item->length == end);
       if (!isGood) return "its records are not what the index says";
       return item->isStray ? "its folder is lost" : item->problem;
+    } catch (const ShortageError&) {
+      throw;
     } catch (const Error& error) {
       return error.Reason();
     }

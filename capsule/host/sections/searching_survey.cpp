@@ -47,6 +47,8 @@ class SearchingSurvey {
         goesOn = m_scanner.Next(&found.item);
         if (goesOn) Compare(found.item);
         if (goesOn) Take(std::move(found));
+      } catch (const ShortageError&) {
+        throw;
       } catch (const Error& error) {
         const bool inSection = m_scanner.InSection();
         const uint64_t reached = m_scanner.Position();

@@ -35,6 +35,8 @@ std::optional<uint64_t> FindUncountedSection(const ImageFile& image) {
   if (!IsHeaderUnsure(scanner)) return std::nullopt;
   try {
     for (SectionItem item; scanner.Next(&item);) continue;
+  } catch (const ShortageError&) {
+    throw;
   } catch (const Error&) {
     return std::nullopt;
   }
