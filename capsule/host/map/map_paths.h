@@ -2,11 +2,13 @@
 // order, so one step forward in the tree's places finds the entry that begins at a record.
 #pragma once
 
+#include <algorithm>
 #include <optional>
 #include <string>
 #include <utility>
 #include <vector>
 
+#include "capsule/host/sections/section_scanner.h"
 #include "capsule/host/tree/catalog.h"
 
 namespace capsule::host {
@@ -15,7 +17,14 @@ class MapPaths {
  public:
   // `tree`: null when there is none; then no folder is known.
   explicit MapPaths(const Catalog* tree) : m_tree(tree) {
-    if (tree != nullptr) m_places = tree->Places();
+    if (tree == nullptr) return;
+    m_places = tree->Places();
+    m_lengths.resize(tree->Size());
+    for (uint32_t id = 0; id < tree->Size(); ++id) {
+      const CatalogNode& node = tree->Node(id);
+      const size_t length = m_lengths[node.parent] + size_t{1} + node.nameLength;
+      if (!tree->IsRoot(id)) m_lengths[id] = static_cast<uint16_t>(std::min(length, kTooLong));
+    }
   }
 
   void BeginSection(int section) {
@@ -57,15 +66,18 @@ class MapPaths {
   }
 
  private:
+  static constexpr size_t kTooLong = kMaxScannedPath + 2;  // of a path with '/' in front of names
+
   // Long paths are not spelled out, so that nested folders cannot make a map grow with the square
   // of the image's size.
   std::string PathOfFolder(std::optional<uint32_t> folder) const {
-    const auto path = folder ? m_tree->PathIfShort(*folder) : std::nullopt;
-    return path.value_or(std::to_string(m_section) + ":/…");
+    if (folder && m_lengths[*folder] < kTooLong) return m_tree->At(*folder).Path();
+    return std::to_string(m_section) + ":/…";
   }
 
   const Catalog* m_tree;
   std::vector<std::pair<uint32_t, uint32_t>> m_places;
+  std::vector<uint16_t> m_lengths;   // of the paths of entries, up to kTooLong
   size_t m_next = 0;                 // of the places
   int m_section = 0;                 // as the tree counts, where it is known
   std::optional<uint32_t> m_folder;  // the innermost open one
