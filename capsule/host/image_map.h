@@ -14,8 +14,8 @@
 // Files and folders are called as the tree of the opened image (Opening::Salvage) calls them. Where
 // it cannot be opened, "N:/…/file" stands for a folder that is not known.
 //
-// Memory: that of the open image, and 10 bytes for each file and folder. Time is bounded by the size
-// of the file.
+// Memory: that of the open image, and 10 bytes for each file and folder. Time is bounded by the
+// size of the file.
 #pragma once
 
 #include <cstdint>

@@ -92,17 +92,13 @@ std::vector<std::pair<uint32_t, uint32_t>> Catalog::Places() const {
   return places;
 }
 
-std::optional<std::string> Catalog::PathIfShort(uint32_t id) const {
+std::string Catalog::NameForProblem(uint32_t id) const {
   size_t length = 0;
   for (uint32_t at = id; !IsRoot(at); at = m_nodes[at].parent) {
     length += 1 + m_nodes[at].nameLength;
-    if (length > kMaxScannedPath) return std::nullopt;
+    if (length > kMaxScannedPath) return "item at " + Hex(m_nodes[id].offset);
   }
   return At(id).Path();
-}
-
-std::string Catalog::NameForProblem(uint32_t id) const {
-  return PathIfShort(id).value_or("item at " + Hex(m_nodes[id].offset));
 }
 
 std::optional<uint32_t> Catalog::FindChild(uint32_t parent, std::string_view name) const {

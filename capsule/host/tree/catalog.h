@@ -71,9 +71,6 @@ class Catalog {
   // Where the records of all entries and sections begin, ascending, with their numbers.
   std::vector<std::pair<uint32_t, uint32_t>> Places() const;
 
-  // The path of an entry, or nothing when it is longer than kMaxScannedPath.
-  std::optional<std::string> PathIfShort(uint32_t id) const;
-
   // What to call an entry in a list of problems: its path, or the place of its records where that
   // is longer than kMaxScannedPath, so that deep folders do not make such a list grow with the
   // square of the image.
