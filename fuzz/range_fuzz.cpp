@@ -3,8 +3,9 @@
 // offsets and lengths (2 each); records. Restart points that are not true give other bytes, but no
 // harm.
 #include <algorithm>
-#include <array>
 #include <cstdint>
+#include <span>
+#include <string>
 #include <vector>
 
 #include "capsule/container/index_format.h"
@@ -14,7 +15,8 @@
 #include "capsule/host/index/restart_point.h"
 #include "capsule/platform/little_endian.h"
 #include "fuzz/check.h"
-#include "fuzz/section_image.h"
+#include "tests/support/bytes.h"
+#include "tests/support/image_maker.h"
 
 namespace {
 
@@ -23,44 +25,38 @@ using namespace capsule;
 constexpr size_t kParameters = 12;
 constexpr uint8_t kIndexed = 2;  // in the first byte
 
-// Leads to the file, with a restart point at each of the offsets and the last bytes as histories.
-void AddIndex(const uint8_t* data, size_t size, fuzz::Bytes* image) {
+// Leads to the file, with a restart point at each of the offsets and the last bytes as histories;
+// the index has its check value.
+std::string WithIndex(const uint8_t* data, size_t size, test::ImageMaker& image) {
   const auto file = static_cast<uint32_t>(kHeaderSize + kPartitionHeaderSize);
-  const auto end = static_cast<uint32_t>(image->size());
-  const auto group = static_cast<uint32_t>(kDirRecordSize);
-  fuzz::Bytes records;
-  AppendIndexRecord({kIndexSection, "", kHeaderSize, kPartitionHeaderSize}, &records);
-  AppendIndexRecord({kIndexFile, "AAAAAAAA", file, end - file - kPartitionTrailerSize}, &records);
+  const uint32_t end = image.Here();
+  auto& records = image.IndexRecords();
+  records[1].name = "AAAAAAAA";
+  records[1].length = end - file - kPartitionTrailerSize;
   for (const size_t at : {size_t{4}, size_t{8}}) {
     const uint32_t place = platform::LoadLe16(data + at);
     const size_t history = std::min<size_t>(platform::LoadLe16(data + at + 2), size - kParameters);
-    IndexRecord point = host::RestartRecord(file + group + place % 64, place * 16,
+    IndexRecord point = host::RestartRecord(file + kDirRecordSize + place % 64, place * 16,
                                             {data + size - history, history});
     point.length = kMiniHeaderSize;
-    AppendIndexRecord(point, &records);
+    records.insert(records.end() - 1, point);
   }
-  AppendIndexRecord({kIndexZeroEntry, "", end - group, group}, &records);
+  std::string bytes = image.Finish();
   host::IndexChecksum checksum;
-  checksum.Update(records);
-  std::array<uint8_t, kIndexPreamble> start{'C', 'I', '1'};
-  platform::StoreLe32(&start[3], checksum.Value());
-  fuzz::Append(start, image);
-  fuzz::Append(records, image);
-  platform::StoreLe32(&(*image)[kIndexOffsetOffset], end);
+  const size_t from = end + kIndexPreamble;
+  checksum.Update({test::Unsigned(bytes) + from, bytes.size() - from});
+  const auto start = EncodeIndexStart(checksum.Value());
+  std::copy(start.begin(), start.end(), &bytes[end]);
+  return bytes;
 }
 
-fuzz::Bytes MakeImage(const uint8_t* data, size_t size) {
-  fuzz::Bytes image = fuzz::BeginImage(11, (data[0] & 1) != 0);
-  _ShortDirEntry entry{};
-  std::fill(std::begin(entry.Name), std::end(entry.Name), uint8_t{'A'});
-  std::fill(std::begin(entry.Extension), std::end(entry.Extension), uint8_t{' '});
-  entry.FileSize = platform::LoadLe32(data) >> 8;
-  fuzz::Append(EncodeMiniHeader({kRecordDirectory, 1, 0, kDirEntrySize}), &image);
-  fuzz::Append(EncodeShortEntry(entry), &image);
-  fuzz::Append({data + kParameters, size - kParameters}, &image);
-  fuzz::Append(EncodePartitionTrailer(), &image);
-  if ((data[0] & kIndexed) != 0) AddIndex(data, size, &image);
-  return image;
+std::string MakeImage(const uint8_t* data, size_t size) {
+  test::ImageMaker image((data[0] & 1) != 0);
+  image.BeginSection();
+  image.Entry("AAAAAAAA   ", 0, platform::LoadLe32(data) >> 8);
+  image.Append(std::span(data + kParameters, size - kParameters));
+  image.EndSection();
+  return (data[0] & kIndexed) != 0 ? WithIndex(data, size, image) : image.Bytes();
 }
 
 // Everything that can be read from the front, chunk by chunk.
@@ -120,7 +116,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   if (size < kParameters || size > 1 << 16) return 0;
   const auto bytes = MakeImage(data, size);
   try {
-    const host::Image image(host::MemorySource(bytes), "fuzz", host::Opening::Salvage);
+    const host::Image image(host::MemorySource({test::Unsigned(bytes), bytes.size()}), "fuzz",
+                            host::Opening::Salvage);
     const auto entry = image.Find("0:/AAAAAAAA");
     if (!entry || entry->IsDirectory()) return 0;
     const auto whole = ReadFromFront(image, *entry);

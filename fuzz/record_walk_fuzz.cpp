@@ -9,7 +9,8 @@
 #include "capsule/host/sections/searching_survey.h"
 #include "capsule/host/sections/section_scanner.h"
 #include "fuzz/check.h"
-#include "fuzz/section_image.h"
+#include "tests/support/bytes.h"
+#include "tests/support/image_maker.h"
 
 namespace {
 
@@ -32,9 +33,11 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   using namespace capsule;
   using fuzz::Require;
   if (size == 0) return 0;
-  fuzz::Bytes image = fuzz::BeginImage((data[0] & 1) != 0 ? 7 : 11, (data[0] & 2) != 0);
-  fuzz::Append({data + 1, size - 1}, &image);
-  const host::ImageFile bytes(host::MemorySource(image), "fuzz");
+  test::ImageMaker maker((data[0] & 2) != 0);
+  maker.BeginSection((data[0] & 1) != 0 ? 7 : 11);
+  maker.Append(std::span(data + 1, size - 1));
+  const std::string& image = maker.Bytes();
+  const host::ImageFile bytes(host::MemorySource({test::Unsigned(image), image.size()}), "fuzz");
   CheckDataRecords({data + 1, size - 1},
                    {(data[0] & 1) != 0 ? RecordKind::Ntfs : RecordKind::Fat, (data[0] & 2) != 0});
 

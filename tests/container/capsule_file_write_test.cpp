@@ -1,8 +1,6 @@
 #include <gtest/gtest.h>
-#include <sys/resource.h>
 
 #include <cerrno>
-#include <csignal>
 #include <filesystem>
 #include <tuple>
 
@@ -10,6 +8,7 @@
 #include "capsule/container/capsule_file.h"
 #include "capsule/partition/partition.h"
 #include "tests/support/bytes.h"
+#include "tests/support/process_limit.h"
 #include "tests/support/source_tree.h"
 
 namespace capsule {
@@ -288,27 +287,6 @@ TEST_F(CapsuleFileWrite, WhatCannotBeInsertedChangesNothing) {
   EXPECT_EQ(m_file->InsertFile(nullptr, 0), -1);
 }
 
-// Lets the process write no file beyond `bytes` until the end of the scope.
-class FileSizeLimit {
- public:
-  explicit FileSizeLimit(rlim_t bytes) {
-    m_oldHandler = std::signal(SIGXFSZ, SIG_IGN);
-    ::getrlimit(RLIMIT_FSIZE, &m_old);
-    const rlimit limit{bytes, m_old.rlim_max};
-    ::setrlimit(RLIMIT_FSIZE, &limit);
-  }
-  ~FileSizeLimit() {
-    ::setrlimit(RLIMIT_FSIZE, &m_old);
-    std::signal(SIGXFSZ, m_oldHandler);
-  }
-  FileSizeLimit(const FileSizeLimit&) = delete;
-  FileSizeLimit& operator=(const FileSizeLimit&) = delete;
-
- private:
-  rlimit m_old{};
-  void (*m_oldHandler)(int);
-};
-
 TEST_F(CapsuleFileWrite, FailedInsertionsLeaveTheImageAsIfTheyHadNotBeen) {
   const std::string small = m_tree.AddFile("d/S.TXT", "small");
   const std::string large = m_tree.AddFile("d/LARGE.BIN", test::MixedBytes(100000, 7));
@@ -323,7 +301,7 @@ TEST_F(CapsuleFileWrite, FailedInsertionsLeaveTheImageAsIfTheyHadNotBeen) {
         const auto offset = static_cast<uintmax_t>(m_file->GetWriteOffset());
         for (const uintmax_t room : {1U, 40U, 45U, 3000U, 3700U, 40000U}) {
           for (const int partition : {0, 3}) {
-            const FileSizeLimit limit(offset + room);
+            const test::ProcessLimit limit(RLIMIT_FSIZE, offset + room);
             ASSERT_EQ(Insert(large, partition), -1) << room;
             ASSERT_EQ(std::filesystem::file_size(m_image), offset) << room;
             ASSERT_EQ(m_file->GetCurrentPartition(), 0) << room;
@@ -346,7 +324,7 @@ TEST_F(CapsuleFileWrite, ALongerOldFileIsNotCutByAFailure) {
   Start(0, "old");
   const std::string file = m_tree.AddFile("L.BIN", test::MixedBytes(60000, 1));
   {
-    const FileSizeLimit limit(30000);
+    const test::ProcessLimit limit(RLIMIT_FSIZE, 30000);
     EXPECT_EQ(Insert(file), -1);
   }
   EXPECT_EQ(std::filesystem::file_size(m_image), 50000U);

@@ -1,12 +1,10 @@
 #include "capsule/host/error.h"
 
 #include <gtest/gtest.h>
-#include <sys/resource.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
 #include <cerrno>
-#include <csignal>
 #include <functional>
 
 #include "capsule/host/byte_source.h"
@@ -18,35 +16,13 @@
 #include "capsule/host/verifier.h"
 #include "tests/host/small_image.h"
 #include "tests/support/entries.h"
+#include "tests/support/process_limit.h"
 #include "tests/support/sample_images.h"
 
 namespace capsule::host {
 namespace {
 
 using Work = std::function<void()>;
-
-using Resource = decltype(RLIMIT_FSIZE);
-
-// A limit of the process, as long as it lives.
-class Limit {
- public:
-  Limit(Resource what, rlim_t most) : m_what(what) {
-    EXPECT_EQ(::getrlimit(what, &m_old), 0);
-    const rlimit low{most, m_old.rlim_max};
-    EXPECT_EQ(::setrlimit(what, &low), 0);
-  }
-  ~Limit() {
-    EXPECT_EQ(::setrlimit(m_what, &m_old), 0);
-    std::signal(SIGXFSZ, m_handler);
-  }
-  Limit(const Limit&) = delete;
-  Limit& operator=(const Limit&) = delete;
-
- private:
-  Resource m_what;
-  rlimit m_old{};
-  void (*m_handler)(int) = std::signal(SIGXFSZ, SIG_IGN);
-};
 
 class ErrorTest : public testing::Test {
  protected:
@@ -126,7 +102,7 @@ TEST_F(ErrorTest, EveryFailureHasItsKind) {
        }},
       {"build without room", ErrorKind::NoSpace, EFBIG,
        [&] {
-         const Limit limit(RLIMIT_FSIZE, 9000);
+         const test::ProcessLimit limit(RLIMIT_FSIZE, 9000);
          build("new", "source")();
        }},
       {"build over a text", ErrorKind::Exists, 0, build("text", "source")},
@@ -162,7 +138,7 @@ TEST_F(ErrorTest, ShortagesSayWhatRanOut) {
   EXPECT_NE(test::ErrorOf([&] { Image image(m_dir / "none"); }), "");
   std::error_code code;
   try {
-    const Limit limit(RLIMIT_NOFILE, 0);
+    const test::ProcessLimit limit(RLIMIT_NOFILE, 0);
     Image image(m_dir / "whole");
   } catch (const ShortageError& error) {
     code = error.Code();

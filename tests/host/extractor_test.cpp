@@ -14,7 +14,7 @@ namespace capsule::host {
 namespace {
 
 namespace fs = std::filesystem;
-using test::SmallImage;
+using test::ImageMaker;
 
 // Names, kinds, modes, times and contents of all below a folder, for comparison.
 std::map<std::string, std::string> Snapshot(const fs::path& folder) {
@@ -74,7 +74,7 @@ class ExtractorTest : public testing::Test {
   }
 
   test::TempDir m_directory;
-  test::SmallImage m_small;
+  test::ImageMaker m_small;
 };
 
 TEST_F(ExtractorTest, LinksFoundInTheTargetAreNeverFollowed) {

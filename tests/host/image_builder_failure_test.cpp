@@ -1,6 +1,5 @@
 #include <fcntl.h>
 #include <gtest/gtest.h>
-#include <sys/resource.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -13,6 +12,7 @@
 #include "capsule/host/image_builder.h"
 #include "tests/host/sections/scanned_tree.h"
 #include "tests/support/entries.h"
+#include "tests/support/process_limit.h"
 #include "tests/support/temp_dir.h"
 
 namespace capsule::host {
@@ -229,19 +229,14 @@ TEST(ImageBuilderFailure, AFullDiskLeavesTheOldImage) {
   const Place place;
   place.Put("a", std::string(30'000, 'a'));
   place.Put("b", std::string(100, 'b'));
-  rlimit old{};
-  ASSERT_EQ(::getrlimit(RLIMIT_FSIZE, &old), 0);
-  const auto oldHandler = std::signal(SIGXFSZ, SIG_IGN);
   for (rlim_t room = 0; room < 43'000; room += 1'000) {
-    rlimit low = old;
-    low.rlim_cur = room;
-    ASSERT_EQ(::setrlimit(RLIMIT_FSIZE, &low), 0);
-    const std::string error = test::ErrorOf([&] { return place.Build(); });
-    ASSERT_EQ(::setrlimit(RLIMIT_FSIZE, &old), 0);
+    const std::string error = test::ErrorOf([&] {
+      const test::ProcessLimit limit(RLIMIT_FSIZE, room);
+      return place.Build();
+    });
     EXPECT_NE(error.find("file too large"), std::string::npos) << room << ": " << error;
     place.ExpectUntouched();
   }
-  std::signal(SIGXFSZ, oldHandler);
 }
 
 TEST(ImageBuilderFailure, AKilledBuildLeavesTheOldImageAndIsCleanedUp) {

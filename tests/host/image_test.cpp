@@ -16,9 +16,9 @@ namespace {
 
 using test::ErrorOf;
 using test::ForEachEntry;
+using test::ImageMaker;
 using test::ReadAll;
 using test::SamplePath;
-using test::SmallImage;
 using test::TwoFiles;
 
 class ImageTest : public testing::Test {
@@ -75,7 +75,7 @@ TEST_F(ImageTest, FindsByLongAndShortNamesInEveryPartition) {
 }
 
 TEST_F(ImageTest, ExactNamesComeBeforeThoseThatDifferInCase) {
-  SmallImage small;
+  ImageMaker small;
   small.BeginSection();
   for (const char* name : {"readme     ", "README     ", "ReadMe     ", "README     "}) {
     small.Entry(name, 0x20);
@@ -281,7 +281,7 @@ TEST_F(ImageTest, CompressedRecordsMustDecodeToTheirLength) {
 
 TEST_F(ImageTest, DeepTreesAreOpenedAndLeftWithoutRecursion) {
   constexpr int kDepth = 5000;
-  SmallImage small;
+  ImageMaker small;
   small.BeginSection();
   for (int i = 0; i < kDepth; ++i) small.Folder("D          ");
   small.EndSection();

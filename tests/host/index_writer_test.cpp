@@ -1,10 +1,8 @@
 #include "capsule/host/index_writer.h"
 
 #include <gtest/gtest.h>
-#include <sys/resource.h>
 
 #include <algorithm>
-#include <csignal>
 #include <cstdio>
 #include <filesystem>
 #include <fstream>
@@ -20,6 +18,7 @@
 #include "tests/support/damage_seed.h"
 #include "tests/support/entries.h"
 #include "tests/support/foreign_image.h"
+#include "tests/support/process_limit.h"
 #include "tests/support/temp_dir.h"
 
 namespace capsule::host {
@@ -44,8 +43,8 @@ std::string Checksum(const std::string& image, uint32_t offset, uint32_t length)
 }
 
 // Three partition numbers, the middle one skipped.
-test::SmallImage TwoSections() {
-  test::SmallImage image;
+test::ImageMaker TwoSections() {
+  test::ImageMaker image;
   image.BeginSection();
   image.Folder("A          ");
   image.Entry("F       TXT", 0x20);
@@ -126,11 +125,11 @@ TEST_F(IndexWriterTest, RebuildsTheSameBytesAndCutsWhatIsBehind) {
 
 // More records than the writer buffers, so that check values go to the file and to the buffer.
 TEST_F(IndexWriterTest, LargeIndexesAreWrittenInPieces) {
-  test::SmallImage image;
+  test::ImageMaker image;
   image.BeginSection();
   constexpr int kFiles = 5000;
   for (int i = 0; i < kFiles; ++i) image.Entry("F       TXT", 0x20);
-  const uint32_t trailer = image.Size();
+  const uint32_t trailer = image.Here();
   image.EndSection();
   Put(image.Bytes());
   const IndexReport report = Write();
@@ -147,7 +146,7 @@ TEST_F(IndexWriterTest, DamagedImagesStayAsTheyAre) {
   std::string bytes = Saved();
   bytes[7560 + 2056] = 9;
   ExpectRefused(bytes);
-  const std::string empty = test::SmallImage().Bytes();
+  const std::string empty = test::ImageMaker().Bytes();
   Put(empty);
   EXPECT_EQ(Write().sections, 0U);
   EXPECT_EQ(Saved() == empty, true);
@@ -189,7 +188,7 @@ TEST_F(IndexWriterTest, DamagedPartitionRecordsLoseNoSection) {
 // An image of holes that leaves room for 100 bytes: too few for its index.
 TEST_F(IndexWriterTest, ImagesThatWouldGetTooLargeStayAsTheyAre) {
   constexpr uint64_t kMost = 0x7FFFFFFF;
-  test::SmallImage image;
+  test::ImageMaker image;
   image.BeginSection();
   image.Entry("F       BIN", 0x20, 0x7F000000);
   Put(image.Bytes());
@@ -199,7 +198,7 @@ TEST_F(IndexWriterTest, ImagesThatWouldGetTooLargeStayAsTheyAre) {
     file.write(std::string(bytes.begin(), bytes.end()).data(), std::ssize(bytes));
   };
   const uint64_t trailer = kMost - 100 - kPartitionTrailerSize;
-  for (uint64_t at = image.Size(); at < trailer;) {
+  for (uint64_t at = image.Here(); at < trailer;) {
     // The last record ends at the trailer; the one before leaves it room for a header.
     uint64_t length = std::min<uint64_t>(trailer - at - 8, 65535);
     if (trailer - at - 8 - length < 8 && trailer - at - 8 != length) length -= 8;
@@ -255,7 +254,7 @@ TEST_F(IndexWriterTest, IndexesWhatIsLeft) {
   refuse(seed.Bytes(), seed.Items()[1].offset + 7);
   refuse(whole.substr(0, whole.size() / 2), 0);
 
-  test::SmallImage loose;  // a "." without its folder
+  test::ImageMaker loose;  // a "." without its folder
   loose.BeginSection();
   loose.Entry(".          ", kDirectoryAttribute);
   loose.SmallFile("ONE     BIN", 512);
@@ -365,16 +364,10 @@ TEST_F(IndexWriterTest, FailedWritesLeaveTheOldIndex) {
   Put(image);
   Write();
   const std::string withIndex = Saved();
-
-  rlimit old{};
-  ASSERT_EQ(::getrlimit(RLIMIT_FSIZE, &old), 0);
-  const auto oldHandler = std::signal(SIGXFSZ, SIG_IGN);
-  const rlimit low{image.size() + 50, old.rlim_max};
-  ASSERT_EQ(::setrlimit(RLIMIT_FSIZE, &low), 0);
-  EXPECT_THROW(Write(), Error);
-  ASSERT_EQ(::setrlimit(RLIMIT_FSIZE, &old), 0);
-  std::signal(SIGXFSZ, oldHandler);
-
+  {
+    const test::ProcessLimit limit(RLIMIT_FSIZE, image.size() + 50);
+    EXPECT_THROW(Write(), Error);
+  }
   EXPECT_EQ(Saved(), withIndex);
 }
 

@@ -51,11 +51,9 @@ void AddSection(ImageMaker& maker, const std::string& outline) {
   for (size_t i = 0; i < outline.size(); ++i) {
     const std::string name = outline.substr(i, 1) + std::string(10, ' ');
     if (outline[i] == ')') {
-      maker.ZeroEntry();
+      maker.Close();
     } else if (i + 1 < outline.size() && outline[i + 1] == '(') {
-      maker.Directory(name);
-      maker.Directory(".          ");
-      maker.Directory("..         ");
+      maker.Folder(name);
       ++i;
     } else {
       maker.File(name, 0);

@@ -70,7 +70,7 @@ TEST(SectionScanner, KnowsFoldersAndLongNames) {
 }
 
 TEST(SectionScanner, SurplusZeroEntriesAndDotsChangeNoLevel) {
-  test::SmallImage image;
+  test::ImageMaker image;
   image.BeginSection();
   image.Close(3);
   image.Folder("A          ");
@@ -91,7 +91,7 @@ TEST(SectionScanner, SurplusZeroEntriesAndDotsChangeNoLevel) {
 // Nested folders make long paths; spelling them all out would take gigabytes.
 TEST(SectionScanner, DeepTreesCostLinearTime) {
   constexpr int kDepth = 100'000;
-  test::SmallImage image;
+  test::ImageMaker image;
   image.BeginSection();
   for (int i = 0; i < kDepth; ++i) image.Entry("D          ", kDirectoryAttribute);
   image.Entry("F          ", 0x20);
@@ -114,15 +114,15 @@ TEST(SectionScanner, DeepTreesCostLinearTime) {
 }
 
 TEST(SectionScanner, NamesTheDamage) {
-  test::SmallImage image;
+  test::ImageMaker image;
   image.BeginSection();
-  const uint32_t file = image.Size();
+  const uint32_t file = image.Here();
   image.Entry("G       TXT", 0x20, 10000);
-  const uint32_t data = image.Size();
+  const uint32_t data = image.Here();
   image.Data(8192, false);
-  const uint32_t second = image.Size();
+  const uint32_t second = image.Here();
   image.Data(2048, true);
-  const uint32_t trailer = image.Size();
+  const uint32_t trailer = image.Here();
   image.EndSection();
   const std::string good = image.Bytes();
   EXPECT_EQ(ScanError(good), "");

@@ -143,8 +143,8 @@ TEST(SurveyRules, AnIndexTellsKindsWhenItNamesDots) {
 }
 
 TEST(SurveyRules, ASearchStopsAtRecordsAndStepsOverData) {
-  test::SmallImage made;
-  const uint32_t header = made.Size();
+  test::ImageMaker made;
+  const uint32_t header = made.Here();
   made.BeginSection();
   made.Entry("F          ", 0x20, 512);
   made.Data(512, true);

@@ -247,7 +247,7 @@ TEST(BareDots, OpenNoLevel) {
 // With a long name they are shown, and open no level either: whatever goes over the records says
 // so.
 TEST(NamedDots, OpenNoLevelWhoeverReadsThem) {
-  test::SmallImage image;
+  test::ImageMaker image;
   image.BeginSection();
   for (const auto& [longName, name] : {std::pair("top", "..         "), {"in A", ".          "}}) {
     image.LongName(longName, name);
@@ -262,7 +262,7 @@ TEST(NamedDots, OpenNoLevelWhoeverReadsThem) {
   const std::string path = folder / "x.cap";
   const std::string indexed = test::WriteIndexed(path, image);
   std::string unchecked = indexed;
-  unchecked[image.Size()] = 'X';
+  unchecked[image.Here()] = 'X';
   std::string damaged = indexed;
   damaged[indexed.find(".          ", indexed.find("A          "))] = '\x01';
   const std::vector<std::string> paths{"A/", "A/F", "A/in A/", "G", "top/"};
@@ -286,7 +286,7 @@ TEST(NamedDots, OpenNoLevelWhoeverReadsThem) {
 // The short name stands for a long one that cannot be believed, also in the paths of what lies
 // below, and everyone says so.
 TEST(BadLongName, NamesNothingWhoeverReadsIt) {
-  test::SmallImage image;
+  test::ImageMaker image;
   image.BeginSection();
   image.LongName("", "F          ");
   image.SmallFile("F          ", 10);
@@ -320,7 +320,7 @@ TEST(BadLongName, NamesNothingWhoeverReadsIt) {
 // was made up for them.
 TEST(BareDots, AreToldFromThoseOfALostFolder) {
   constexpr size_t kFirst = 7560 + 2056 + 3 * kDirRecordSize;  // behind the folder's own
-  test::SmallImage image;
+  test::ImageMaker image;
   image.BeginSection();
   image.Folder("A          ");
   for (const char* name : {".          ", ".          ", "..         "}) {
@@ -367,7 +367,7 @@ TEST(HostileChains, AreNotFollowedTimeAndAgain) {
   image.IndexRecords().push_back({kIndexFile, "A", image.Here(), 48});  // nothing can be read there
   image.Bytes().resize(image.Here() + kReach);
   image.EndSection();
-  const std::string bare(image.Bytes().begin(), image.Bytes().end());
+  const std::string bare = image.Bytes();
   const std::string unchecked = image.Finish();
 
   IndexChecksum checksum;
