@@ -9,14 +9,12 @@
 #include "capsule/compression/lzs.h"
 #include "tests/blocks/made_image.h"
 #include "tests/support/open_image.h"
-#include "tests/support/sample_images.h"
 
 namespace capsule {
 namespace {
 
 using test::Extract;
 using test::MadeImage;
-using test::OpenImage;
 using test::RandomText;
 
 void CompareRandomRanges(CapsuleFile& file, CapsuleFileBlock& block, const std::string& content) {
@@ -46,19 +44,6 @@ TEST(ExtractTest, RangesInAnyOrderEqualAPlainModel) {
       EXPECT_EQ(image->ChunkCount(), 86);
     }
   }
-}
-
-TEST(ExtractTest, RecordsOf16384BytesAreReadAsWell) {
-  OpenImage image(test::SamplePath("f_16384_lzs.img"));
-  ASSERT_EQ(image.Read(), 0);
-  test::ForEachBlock(image.Partition(0)->GetFileBlocks(), [&](CapsuleFileBlock& block) {
-    const uint32_t size = block.GetDirectoryEntry().FileSize();
-    if (size == 0) return;
-    const std::string content = test::ExtractAll(image.File(), block);
-    ASSERT_EQ(content.size(), size);
-    EXPECT_EQ(block.GetFileDataBlockList().GetCount(), static_cast<int>((size + 16383) / 16384));
-    CompareRandomRanges(image.File(), block, content);
-  });
 }
 
 TEST(ExtractTest, GoingForwardEveryChunkIsDecodedOnceAndReleasedBehindTheRange) {

@@ -4,7 +4,6 @@
 #include <gtest/gtest.h>
 
 #include "capsule/compression/compression_area.h"
-#include "capsule/compression/processor.h"
 #include "capsule/compression/stream_compressor.h"
 
 namespace capsule::test {
@@ -85,26 +84,6 @@ TEST(LzsCalls, PositionsAreMovedDownWithoutATrace) {
     state.position = lzs::RebasePositions(area, state.position);
     ASSERT_LT(state.position, 4096U);
     std::memcpy(area.state, &state, sizeof state);
-  }
-}
-
-TEST(LzsCalls, ThePortableDecoderDoesTheSame) {
-  MovingArea compressor(LzsSizeOfCompressionHistory(), LzsInitCompressionHistory);
-  Random random(13);
-  for (uint32_t letters = 2; letters <= 256; letters *= 2) {
-    Bytes source(50000);
-    for (size_t i = 0; i < source.size(); ++i)
-      source[i] =
-          i > 2000 && random.Chance(3) ? source[i - 1 - random.Below(1999)] : random.Byte(letters);
-    const Bytes coded = Compress(source, compressor.Get(), 0, 30);
-    for (const bool isPortable : {false, true}) {
-      lzs::UsePortableCode(isPortable);
-      MovingArea area(LzsSizeOfDecompressionHistory(), LzsInitDecompressionHistory);
-      Bytes out(source.size());
-      EXPECT_EQ(Decompress(coded, out, area.Get(), 0), 7);
-      EXPECT_EQ(out, source);
-    }
-    lzs::UsePortableCode(false);
   }
 }
 

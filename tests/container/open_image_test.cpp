@@ -232,6 +232,7 @@ TEST(OpenImageTest, DirectoriesAreFoundByPath) {
   EXPECT_EQ(firstName("0:\\NAMES   .   "), ".       .   ");
   EXPECT_EQ(firstName("0:/NAMESW~1.   /"), ".       .   ");
   EXPECT_EQ(firstName("NAMES   .   "), ".       .   ");
+  EXPECT_EQ(firstName("0:/DEEP    .   \\L0      .   "), ".       .   ");
   for (const char* path : {"0:", "", "1:\\", "9:\\", "0:\\\\", "0:\\NAMES", "0:\\names   .   ",
                            "0:\\NAMES   .   \\ABCDEFG2.TXT", "0:\\NAMES   .   \\NONE    .   "}) {
     EXPECT_EQ(firstName(path), "none") << path;

@@ -54,21 +54,6 @@ Contents ReadContents(const Image& image) {
   return found;
 }
 
-// How many files can be read, to their stated sizes.
-int CountReadable(const Image& image) {
-  constexpr size_t kMost = 1 << 24;  // sizes may be damaged too
-  int found = 0;
-  test::ForEachEntry(image, [&](const Entry& entry) {
-    if (entry.IsDirectory()) return;
-    const std::string error = ErrorOf([&] {
-      Bytes bytes(std::min<size_t>(entry.Size(), kMost));
-      EXPECT_EQ(image.Read(entry, 0, bytes), bytes.size());
-    });
-    if (error.empty()) ++found;
-  });
-  return found;
-}
-
 std::string Noise(size_t size) {
   std::mt19937 random(static_cast<unsigned>(size));
   std::string text(size, ' ');
@@ -285,34 +270,6 @@ TEST(ForeignImage, AnIndexIsBuiltForScrambledHeaders) {
     EXPECT_TRUE(image.Info().checked);
     EXPECT_EQ(ReadContents(image), contents);
   }
-}
-
-// Whatever is damaged, what is read is an error or has the length that its entry states.
-TEST(ForeignImage, DamageAnywhereIsSurvived) {
-  const TempDir dir;
-  const std::string whole =
-      Text(MakeThreePartitions({.tailOffset = 800, .scrambled = true}, true).image);
-  std::mt19937 random(20015);
-  int opened = 0;
-  int readable = 0;
-  int failed = 0;
-  for (int round = 0; round < 150; ++round) {
-    std::string bytes = whole;
-    for (unsigned i = 0; i <= random() % 30; ++i) {
-      bytes[random() % bytes.size()] = static_cast<char>(random());
-    }
-    if (round % 3 == 0) bytes.resize(random() % bytes.size());
-    test::WriteFile(dir / "image", bytes);
-    const std::string error = ErrorOf([&] {
-      const Image image(dir / "image");
-      ++opened;
-      readable += CountReadable(image);
-    });
-    if (!error.empty()) ++failed;
-  }
-  EXPECT_GT(opened, 20);
-  EXPECT_GT(failed, 20);
-  EXPECT_GT(readable, 1000);
 }
 
 std::string Sha256Of(const Image& image, const Entry& entry) {

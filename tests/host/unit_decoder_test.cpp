@@ -5,10 +5,8 @@
 #include <algorithm>
 #include <utility>
 
-#include "capsule/host/image.h"
 #include "tests/support/bytes.h"
 #include "tests/support/lzs_writer.h"
-#include "tests/support/sample_images.h"
 
 namespace capsule::host {
 namespace {
@@ -62,18 +60,6 @@ TEST(UnitDecoder, RestoresAHistoryOfAnyLength) {
     EXPECT_TRUE(std::ranges::equal(decoder.History(), history)) << size;
     Bytes out(5);
     EXPECT_EQ(decoder.Decode(kFiveFromTenBack, out).empty(), size >= 10) << size;
-  }
-}
-
-// A folder's index blocks are a unit without an end; what follows them is compressed, too.
-TEST(UnitDecoder, AnEntryGoesOnBehindAUnitWithoutItsEnd) {
-  for (const char* name : {"faults/unit_without_end.img", "faults/unit_without_end_one_bit.img"}) {
-    const std::string path = test::SamplePath(name);
-    EXPECT_ANY_THROW(Image{path}) << name;
-    const Image image(path, Opening::Salvage);
-    EXPECT_TRUE(std::ranges::any_of(image.Problems(), [](const ImageProblem& problem) {
-      return problem.reason.find("does not decode") != std::string::npos;
-    })) << name;
   }
 }
 

@@ -5,7 +5,6 @@
 #include <algorithm>
 #include <filesystem>
 #include <map>
-#include <optional>
 #include <random>
 
 #include "capsule/host/error.h"
@@ -221,25 +220,6 @@ TEST_F(VerifierTest, AMapNamesWhatTheTreeNames) {
       compare(m_path);
     }
   }
-}
-
-// Whatever opening the image finds wrong.
-TEST_F(VerifierTest, WhatOpeningCallsDamagedIsNamedHereToo) {
-  size_t damaged = 0;
-  for (const auto& sample :
-       std::filesystem::directory_iterator(CAPSULE_TEST_DATA "/images/faults")) {
-    const std::string path = sample.path().string();
-    std::optional<Image> image;
-    try {
-      image.emplace(path, Opening::Salvage);
-      if (image->IsWhole()) continue;
-      ++damaged;
-      EXPECT_FALSE(FaultsOf(path).empty()) << path;
-    } catch (const Error&) {
-      EXPECT_FALSE(image) << path;
-    }
-  }
-  EXPECT_GE(damaged, 10U);
 }
 
 // What has such a name is then called by its short one.

@@ -113,23 +113,6 @@ TEST_F(PartitionReadTest, RepeatedRecordsCostWhatTheIndexCosts) {
   EXPECT_EQ(m_image->Partition(0)->GetFileBlocks().GetCount(), 50'001);
 }
 
-TEST_F(PartitionReadTest, DirectoriesAreListedByTheirShortTexts) {
-  ImageMaker maker(true);
-  AddSection(maker, "D(E(F");
-  ASSERT_EQ(Open(maker), 0);
-  const auto list = [&](const char* path) {
-    std::string text;
-    const _DirectoryEntry* entry = m_image->File().GetDirectory(path);
-    for (; entry != nullptr; entry = entry->Next) text += entry->Owner->ShortName() + "|";
-    return text;
-  };
-  EXPECT_EQ(list("0:\\"), "D       .   |");
-  EXPECT_EQ(list("0:\\D       .   "), ".       .   |..      .   |E       .   |");
-  EXPECT_EQ(list("0:/D       .   /E       .   "), ".       .   |..      .   |F       .   |");
-  EXPECT_EQ(list("0:\\D       .   \\E"), "");
-  EXPECT_EQ(list("0:\\D       .   \\.       .   "), "");  // no children
-}
-
 TEST_F(PartitionReadTest, ARunOfDataRecordsIsSkipped) {
   ImageMaker maker(false);
   maker.BeginSection();

@@ -127,20 +127,5 @@ TEST_F(HostViewTest, ShortPathsReplaceTheLastComponentAlone) {
   std::filesystem::current_path(before);
 }
 
-// Listing the directory for every name would take longer than a test is given.
-TEST_F(HostViewTest, AHundredThousandLookUpsInOneDirectoryCostLinearTime) {
-  const std::string big = m_dir / "root/big";
-  std::filesystem::create_directory(big);
-  for (int i = 0; i < 100000; ++i) {
-    const int descriptor =
-        ::open((big + "/sharedname " + std::to_string(i)).c_str(), O_CREAT | O_WRONLY, 0600);
-    ASSERT_GE(descriptor, 0);
-    ::close(descriptor);
-  }
-  for (int i = 0; i < 100000; ++i) {
-    ASSERT_TRUE(m_view.ShortPath("0:\\big\\sharedname " + std::to_string(i)));
-  }
-}
-
 }  // namespace
 }  // namespace capsule::platform

@@ -15,7 +15,6 @@
 #include "capsule/host/image_map.h"
 #include "capsule/host/index_writer.h"
 #include "capsule/host/verifier.h"
-#include "capsule/platform/little_endian.h"
 #include "tests/host/small_image.h"
 #include "tests/support/bytes.h"
 #include "tests/support/damage_seed.h"
@@ -149,19 +148,6 @@ TEST(SalvagedNtfs, ALongerRecordHidesNoFile) {
       seed.Check(bytes, seed.Untouched(at + 11, at + 12), std::to_string(at));
     }
   }
-}
-
-// An empty folder whose attribute is damaged looks like an empty file.
-TEST(SalvagedKind, AFolderIsNoFile) {
-  const Seed seed("w_names.img");
-  std::string bytes = seed.Bytes();
-  const size_t folder = bytes.find("D1         ");
-  ASSERT_NE(folder, std::string::npos);
-  bytes[folder + 11] = 0;
-  test::WriteFile(seed / "x.cap", bytes);
-  EXPECT_THROW(Image(seed / "x.cap"), Error);
-  const Image image(seed / "x.cap", Opening::Salvage);
-  EXPECT_TRUE(image.Find("D1")->IsDirectory());
 }
 
 // Through host::Image, folders with a '/' behind.
@@ -316,41 +302,6 @@ TEST(BadLongName, NamesNothingWhoeverReadsIt) {
   }
 }
 
-// What is damaged among them leaves everything else where it was, or is told; so is a folder that
-// was made up for them.
-TEST(BareDots, AreToldFromThoseOfALostFolder) {
-  constexpr size_t kFirst = 7560 + 2056 + 3 * kDirRecordSize;  // behind the folder's own
-  test::ImageMaker image;
-  image.BeginSection();
-  image.Folder("A          ");
-  for (const char* name : {".          ", ".          ", "..         "}) {
-    image.Entry(name, kDirectoryAttribute);
-  }
-  image.SmallFile("F          ", 10);
-  image.Close();
-  image.SmallFile("G          ", 10);
-  image.EndSection();
-  const test::TempDir folder;
-  const std::string path = folder / "x.cap";
-  const std::string indexed = test::WriteIndexed(path, image);
-  for (size_t at = kFirst; at < kFirst + 3 * kDirRecordSize; at += kDirRecordSize) {
-    std::string bytes = indexed;
-    bytes.replace(at + 8, 11, "\x01 HE CLUB\xFF ");
-    test::WriteFile(path, bytes);
-    const Image salvaged(path, Opening::Salvage);
-    EXPECT_FALSE(salvaged.Problems().empty());
-    EXPECT_TRUE(salvaged.Find("A/F") && salvaged.Find("G")) << at;
-  }
-  std::string bytes = image.Bytes();
-  bytes.erase(kFirst, kDirRecordSize);
-  test::WriteFile(path, bytes);
-  const Image salvaged(path, Opening::Salvage);
-  ASSERT_EQ(salvaged.Problems().size(), 1U);
-  EXPECT_NE(salvaged.Problems()[0].reason.find("records of its folder are lost"),
-            std::string::npos);
-  EXPECT_TRUE(salvaged.Find("A/damaged-0x2608/F"));
-}
-
 // Files that lie one in the other, each with a chain of records that comes to nothing far behind:
 // to follow every chain would take the square of the image's size.
 TEST(HostileChains, AreNotFollowedTimeAndAgain) {
@@ -373,8 +324,7 @@ TEST(HostileChains, AreNotFollowedTimeAndAgain) {
   IndexChecksum checksum;
   const size_t records = bare.size() + kIndexPreamble;
   checksum.Update({test::Unsigned(unchecked) + records, unchecked.size() - records});
-  std::array<unsigned char, kIndexPreamble> start{'C', 'I', '1'};
-  platform::StoreLe32(&start[3], checksum.Value());
+  const auto start = EncodeIndexStart(checksum.Value());
   std::string checked = unchecked;
   std::copy(start.begin(), start.end(), &checked[bare.size()]);
 
