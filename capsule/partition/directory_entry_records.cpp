@@ -172,6 +172,6 @@ void CapsuleDirectoryEntry::FitLongName() {
   if (fitting == nullptr) return;
   std::memcpy(fitting, m_LongFileName.GetRead(), static_cast<size_t>(length));
   m_LongFileName.UseThisBuffer(static_cast<const char*>(fitting), length, 0, length);
-}
+}  // NOLINT(clang-analyzer-unix.Malloc): the buffer owns it now
 
 }  // namespace capsule
