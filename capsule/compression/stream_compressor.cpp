@@ -23,7 +23,6 @@ StreamCompressor::StreamCompressor(uint32_t pieceSize, uint16_t flags, uint16_t 
     : m_input(kInputSize),
       m_output(kOutputSize),
       m_pieceSize(std::clamp<uint32_t>(pieceSize, 1, kInputSize)),
-      m_history(LzsSizeOfCompressionHistory()),
       m_callFlags(flags),
       m_flags(flags),
       m_effort(effort),
@@ -64,8 +63,8 @@ bool StreamCompressor::Pass() {
   }
   if (m_callerLeft == 0) m_callFlags |= LzsEndOfInput;
 
-  m_resultFlags = LzsCompress(&m_source, &m_out, &m_sourceCount, &m_outCount, m_history.data(),
-                              m_callFlags, m_effort);
+  m_resultFlags = LzsCompress(&m_source, &m_out, &m_sourceCount, &m_outCount,
+                              m_history.m_area.data(), m_callFlags, m_effort);
   if (m_resultFlags == 0) {
     m_totalOut = 0;
     return false;
@@ -86,8 +85,15 @@ uint32_t StreamCompressor::GetCompressedSize() const { return m_totalOut; }
 const unsigned char* StreamCompressor::GetResult() const { return m_result.data(); }
 
 void* StreamCompressor::ResetCompressionHistory() {
-  LzsInitCompressionHistory(m_history.data());
-  return m_history.data();
+  LzsInitCompressionHistory(m_history.m_area.data());
+  return m_history.m_area.data();
+}
+
+const CompressorState& StreamCompressor::State() const { return m_history; }
+
+// The area stays where ResetCompressionHistory said.
+void StreamCompressor::SetState(const CompressorState& state) {
+  std::copy(state.m_area.begin(), state.m_area.end(), m_history.m_area.begin());
 }
 
 int StreamCompressor::SetFastCompression() {

@@ -13,6 +13,7 @@
 #include <cstdint>
 #include <vector>
 
+#include "capsule/compression/compressor_state.h"
 #include "capsule/export.h"
 
 namespace capsule {
@@ -42,6 +43,12 @@ class CAPSULE_API StreamCompressor {
   // Starts a fresh history; the area, which stays the object's own.
   void* ResetCompressionHistory();
 
+  // What the next unit may depend on besides its own bytes, flags, effort and piece size; a copy
+  // of it stays as it is when the compressor goes on. Between units.
+  const CompressorState& State() const;
+  // Lets the next unit go on from there; flags, effort and piece size stay this object's own.
+  void SetState(const CompressorState& state);
+
   int SetFastCompression();     // effort 0, matches not indexed
   int SetMediumCompression();   // effort 7, match ends indexed
   int SetMaximumCompression();  // effort 255, match bodies indexed
@@ -52,7 +59,7 @@ class CAPSULE_API StreamCompressor {
   std::vector<unsigned char> m_input;
   std::vector<unsigned char> m_output;
   uint32_t m_pieceSize;
-  std::vector<unsigned char> m_history;
+  CompressorState m_history;
   const unsigned char* m_source = nullptr;
   uint32_t m_sourceCount = 0;
   const unsigned char* m_callerNext = nullptr;
