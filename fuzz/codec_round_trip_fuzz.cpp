@@ -1,4 +1,5 @@
-// What is compressed comes back, in whatever pieces it goes in and comes out.
+// What is compressed comes back, in whatever pieces it goes in and comes out. Two compressors of
+// units that say at a seam that they go on alike do so.
 //
 // Input: effort, flags, source piece, destination room (one byte each), then the data.
 #include <algorithm>
@@ -6,6 +7,7 @@
 #include <vector>
 
 #include "capsule/compression/lzs.h"
+#include "capsule/compression/stream_compressor.h"
 #include "fuzz/check.h"
 
 namespace {
@@ -67,6 +69,31 @@ Bytes Decompress(const Bytes& unit, size_t size) {
   return output;
 }
 
+// Units of `piece` bytes: one compressor begins with the first, another with the third.
+void GoOnAlike(const Bytes& input, const Choices& choices) {
+  capsule::StreamCompressor first(choices.piece, choices.flags | capsule::LzsKeepHistory,
+                                  choices.effort);
+  capsule::StreamCompressor later(choices.piece, choices.flags | capsule::LzsKeepHistory,
+                                  choices.effort);
+  first.ResetCompressionHistory();
+  later.ResetCompressionHistory();
+  const uint32_t warmsFrom = 2 * choices.piece;
+  bool isAlike = false;
+  for (uint32_t at = 0; at < input.size(); at += choices.piece) {
+    const uint32_t size = std::min(static_cast<uint32_t>(input.size()) - at, choices.piece);
+    first.CompressBuffer(input.data() + at, size, nullptr, 0);
+    if (at < warmsFrom) continue;
+    later.CompressBuffer(input.data() + at, size, nullptr, 0);
+    Require(
+        !isAlike || std::equal(first.GetResult(), first.GetResult() + first.GetCompressedSize(),
+                               later.GetResult(), later.GetResult() + later.GetCompressedSize()),
+        "states that go on alike write the same");
+    const bool isAlikeNow = first.State().GoesOnLike(later.State());
+    Require(isAlikeNow || !isAlike, "and lead to such states");
+    isAlike = isAlikeNow;
+  }
+}
+
 }  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
@@ -78,5 +105,6 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
                         .room = data[3] + 16U};
   const Bytes input(data + 4, data + size);
   Require(Decompress(Compress(input, choices), input.size()) == input, "the round trip");
+  GoOnAlike(input, choices);
   return 0;
 }
