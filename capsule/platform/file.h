@@ -55,6 +55,9 @@ std::optional<FileStamp> Stamp(int descriptor);
 // Whether the file's storage has room for `count` bytes from `offset` on; its length stays.
 bool CanGrow(int descriptor, int64_t offset, int64_t count);
 
+// Lets the system begin to bring `count` bytes from `offset` on to disk, without waiting for it.
+void StartWriteBack(int descriptor, int64_t offset, int64_t count);
+
 bool Truncate(int descriptor, int64_t length);
 bool Sync(int descriptor);
 

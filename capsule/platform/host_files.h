@@ -36,6 +36,12 @@ struct FileStatus {
 // Of an open file or folder; none on failure.
 std::optional<FileStatus> StatusOf(int descriptor);
 
+// What Stamp gives of a file with this status.
+inline FileStamp StampOf(const FileStatus& status) {
+  return {static_cast<int64_t>(status.size), status.modification.seconds,
+          status.modification.nanoseconds};
+}
+
 // Of the item `name` of an open folder; of a link itself.
 std::optional<FileStatus> StatusIn(int folder, const std::string& name);
 
@@ -51,6 +57,14 @@ std::optional<std::vector<std::string>> ListDirectory(const std::string& path);
 
 // The same for an open one.
 std::optional<std::vector<std::string>> ListDirectory(int folder);
+
+struct ListedItem {
+  std::string name;
+  std::optional<FileKind> kind;  // where the listing tells it
+};
+
+// The same with what the items are.
+std::optional<std::vector<ListedItem>> ListItems(int folder);
 
 // The time now, by the clock that stamps files, which advances in ticks.
 Instant ClockOfFiles();

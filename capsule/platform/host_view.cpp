@@ -68,11 +68,6 @@ void HostView::CapTimes(int64_t unixSeconds) { m_impl->latest = {unixSeconds, 0}
 
 void HostView::SetOpenedItem(const OpenedItem* item) { m_impl->opened = item; }
 
-const OpenedItem* HostView::OpenedBytes(std::string_view path) const {
-  const OpenedItem* opened = m_impl->opened;
-  return opened != nullptr && opened->read && path == opened->path ? opened : nullptr;
-}
-
 ScopedDescriptor HostView::OpenFile(const char* path) const {
   if (path == nullptr) return ScopedDescriptor();
   if (const OpenedItem* opened = m_impl->opened) {

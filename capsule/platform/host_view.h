@@ -72,9 +72,6 @@ class HostView {
   // when it was opened, and no path is looked up. Borrowed; null goes back to the paths.
   void SetOpenedItem(const OpenedItem* item);
 
-  // The opened item when it is at `path` and has bytes of its own, else null.
-  const OpenedItem* OpenedBytes(std::string_view path) const;
-
   // The file at `path`, for reading: borrowed from the opened item, if there is one. Nothing for a
   // null path and on failure.
   ScopedDescriptor OpenFile(const char* path) const;

@@ -2,9 +2,7 @@
 #pragma once
 
 #include <cstdint>
-#include <functional>
 #include <optional>
-#include <span>
 #include <string>
 
 #include "capsule/platform/host_files.h"
@@ -20,10 +18,6 @@ struct OpenedItem {
 
   // Instead of those that the status gives, except for that of a folder.
   std::optional<uint32_t> attributes{};
-
-  // Of a file that is not one of the system, instead of a descriptor: fills `out` with the bytes
-  // from `offset` on, or fails.
-  std::function<bool(uint64_t offset, std::span<unsigned char> out)> read{};
 };
 
 }  // namespace capsule::platform

@@ -49,4 +49,8 @@ class TemporaryFile {
   UnfinishedFile m_file;
 };
 
+// Opens a file without a name for reading and writing, in the folder of `target`: it goes away when
+// it is closed, however the process ends. -1 with errno.
+int OpenUnnamed(const std::string& target);
+
 }  // namespace capsule::platform

@@ -121,6 +121,10 @@ bool CanGrow(int descriptor, int64_t offset, int64_t count) {
   return reason == 0;
 }
 
+void StartWriteBack(int descriptor, int64_t offset, int64_t count) {
+  static_cast<void>(::sync_file_range(descriptor, offset, count, SYNC_FILE_RANGE_WRITE));
+}
+
 bool Truncate(int descriptor, int64_t length) {
   if (!IsOpen(descriptor)) return false;
   int result = -1;

@@ -10,6 +10,7 @@
 #include <ctime>
 #include <memory>
 #include <string_view>
+#include <utility>
 
 #include "capsule/platform/posix/descriptor.h"
 
@@ -48,18 +49,39 @@ std::optional<FileStatus> StatusWith(int folder, const char* path, int flags) {
   return status;
 }
 
-// The names that are left in a directory.
-std::optional<std::vector<std::string>> NamesIn(const Directory& directory) {
+// What the system tells of an item in passing.
+std::optional<FileKind> KindOf(const dirent& entry) {
+  switch (entry.d_type) {
+    case DT_REG:
+      return FileKind::Regular;
+    case DT_DIR:
+      return FileKind::Directory;
+    case DT_UNKNOWN:
+      return std::nullopt;
+    default:
+      return FileKind::Other;
+  }
+}
+
+// What is left in a directory.
+std::optional<std::vector<ListedItem>> ItemsIn(const Directory& directory) {
   if (!directory) return std::nullopt;
-  std::vector<std::string> names;
+  std::vector<ListedItem> items;
   for (;;) {
     errno = 0;
     const dirent* entry = ::readdir(directory.get());
     if (entry == nullptr) break;
     const std::string_view name = entry->d_name;
-    if (name != "." && name != "..") names.emplace_back(name);
+    if (name != "." && name != "..") items.push_back({std::string(name), KindOf(*entry)});
   }
   if (errno != 0) return std::nullopt;
+  return items;
+}
+
+std::optional<std::vector<std::string>> NamesOf(std::optional<std::vector<ListedItem>> items) {
+  if (!items) return std::nullopt;
+  std::vector<std::string> names;
+  for (ListedItem& item : *items) names.push_back(std::move(item.name));
   return names;
 }
 
@@ -83,10 +105,14 @@ bool Exists(const std::string& path) {
 }
 
 std::optional<std::vector<std::string>> ListDirectory(const std::string& path) {
-  return NamesIn(Directory(::opendir(path.c_str())));
+  return NamesOf(ItemsIn(Directory(::opendir(path.c_str()))));
 }
 
 std::optional<std::vector<std::string>> ListDirectory(int folder) {
+  return NamesOf(ListItems(folder));
+}
+
+std::optional<std::vector<ListedItem>> ListItems(int folder) {
   // The stream closes the descriptor it is given, and shares its position with copies of it.
   const int copy = ::fcntl(folder, F_DUPFD_CLOEXEC, STDERR_FILENO + 1);
   if (copy < 0) return std::nullopt;
@@ -96,7 +122,7 @@ std::optional<std::vector<std::string>> ListDirectory(int folder) {
     return std::nullopt;
   }
   ::rewinddir(directory.get());
-  return NamesIn(directory);
+  return ItemsIn(directory);
 }
 
 Instant ClockOfFiles() {

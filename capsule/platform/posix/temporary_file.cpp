@@ -11,6 +11,8 @@
 
 #include "capsule/platform/file.h"
 #include "capsule/platform/folder.h"
+#include "capsule/platform/posix/descriptor.h"
+#include "capsule/platform/scoped_descriptor.h"
 
 namespace capsule::platform {
 namespace {
@@ -26,15 +28,20 @@ mode_t ModeOfNewFiles() {
   return (S_IRUSR | S_IWUSR | S_IRGRP | S_IWGRP | S_IROTH | S_IWOTH) & ~mask;
 }
 
+// The folder of a path, with "/" at its end.
+std::string FolderOf(const std::string& target) {
+  const size_t slash = target.rfind('/');
+  return slash == std::string::npos ? "./" : target.substr(0, slash + 1);
+}
+
 }  // namespace
 
 TemporaryFile::~TemporaryFile() { Remove(); }
 
 bool TemporaryFile::Create(const std::string& target) {
   Remove();
-  const size_t slash = target.rfind('/');
-  m_name = target.substr(slash + 1);
-  m_folder = slash == std::string::npos ? "./" : target.substr(0, slash + 1);
+  m_folder = FolderOf(target);
+  m_name = target.substr(target.rfind('/') + 1);
   m_folderDescriptor = OpenFolderBehind(m_folder.c_str());
   if (m_folderDescriptor < 0) return false;
   RemoveLeftOvers(m_folderDescriptor);
@@ -73,6 +80,18 @@ void TemporaryFile::Remove() {
   m_file.Remove();
   if (m_folderDescriptor > 0) Close(m_folderDescriptor);
   m_folderDescriptor = -1;
+}
+
+int OpenUnnamed(const std::string& target) {
+  const std::string folder = FolderOf(target);
+  const int descriptor = OpenDescriptor(folder.c_str(), O_RDWR | O_TMPFILE, S_IRUSR | S_IWUSR);
+  const bool isUnknown = errno == EOPNOTSUPP || errno == EISDIR || errno == EINVAL;
+  if (descriptor >= 0 || !isUnknown) return descriptor;
+  // File systems without such files have ones that lose their name.
+  const ScopedDescriptor parent(OpenFolderBehind(folder.c_str()));
+  UnfinishedFile file;
+  if (!parent || !file.Create(parent.Get(), "", S_IRUSR | S_IWUSR)) return -1;
+  return ::fcntl(file.Descriptor(), F_DUPFD_CLOEXEC, STDERR_FILENO + 1);
 }
 
 }  // namespace capsule::platform
