@@ -86,6 +86,21 @@ class CAPSULE_API CapsuleFile {
   // does so by itself; this is for a partition that may stay empty. Same rules and failures.
   int BeginPartition(int partition);
 
+  // For items that the caller encodes and writes itself, at GetWriteOffset(), behind the zero
+  // entries that close levels before them; `*zeroEntries`: how many. `path`: as InsertFile wants
+  // it, in the current partition.
+  int BeginItem(const char* path, bool isDirectory, int* zeroEntries);
+
+  // Takes up the item that was begun last, zero entries and all: `bytes` from the write offset on,
+  // which moves behind them. `sourceLength`: of a file. -1 when the image would grow too long.
+  int EndItem(int64_t bytes, uint32_t sourceLength);
+
+  // Whether so many bytes more leave room for all that must follow them.
+  bool HasRoomFor(int64_t bytes) const;
+
+  // Whether the name tells that the file is compressed by itself, and so is stored at any level.
+  static bool IsStoredByName(const std::string& path);
+
   // Writes the record of `partition` into slot 1 to 10 of the header, with the sector count so far.
   // CloseImageFile does so for all.
   int UpdatePartitionInfo(CapsulePartition* partition, int slot);
@@ -148,7 +163,7 @@ class CAPSULE_API CapsuleFile {
   int Complete();
   int ReadParts(bool withPartitions);
   int ReadPartition(const _Partition& record);
-  int _IsKnownCompressed(CString& extension);
+  static int _IsKnownCompressed(CString& extension);
   uint32_t _BuildPathSegmentList(_ListNode** head, const CString& path);
   int _ContrastPathSegmentLists(_ListNode* previous, _ListNode* current);
   int _RemoveLastDirFromPathString(CString& path);
@@ -162,12 +177,19 @@ class CAPSULE_API CapsuleFile {
   };
   int Insert(const CString& path, const CString& trimmed, int partition, InsertObserver* observer);
   int SwitchPartition(int partition);
-  int CountLevelsToClose(const CString& directory);
+  int LevelsToClose(const CString& directory);
   int WriteItem(const CString& path, bool directory, InsertObserver* observer);
   // Runs `step`; when it does not give 0, takes back what it wrote.
   template <typename Step>
   int AllOrNothing(Step step);
   void RollBack(const InsertionStart& start);
+
+  // The item that was begun, and not ended.
+  struct OpenItem {
+    CString path;
+    CString directory;
+    bool isDirectory = false;
+  };
 
   uint32_t m_nSectorCount = 0;
   int m_hImageFile = 0;
@@ -181,6 +203,7 @@ class CAPSULE_API CapsuleFile {
   int m_nCompressionLevel = 0;
   int m_nCurrentPartition = -1;
   std::unique_ptr<_NewImageHeader> m_pImageHeader;
+  OpenItem m_OpenItem;
 };
 
 }  // namespace capsule

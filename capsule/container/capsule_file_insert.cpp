@@ -4,7 +4,9 @@
 #include <cerrno>
 #include <cstdio>
 #include <new>
+#include <optional>
 #include <string_view>
+#include <utility>
 
 #include "capsule/compression/stream_compressor.h"
 #include "capsule/container/capsule_file.h"
@@ -13,7 +15,6 @@
 #include "capsule/partition/record_format.h"
 #include "capsule/platform/ascii.h"
 #include "capsule/platform/file.h"
-#include "capsule/platform/opened_item.h"
 #include "capsule/platform/out_of_memory.h"
 #include "capsule/platform/scoped_descriptor.h"
 #include "capsule/platform/trace_file.h"
@@ -44,8 +45,6 @@ void TraceInsertion(const LibraryState& state, const char* path) {
 
 // The length of the file at `path`; none when it cannot be opened or has 2 GiB or more.
 std::optional<uint32_t> SourceLength(const platform::HostView& view, const CString& path) {
-  const platform::OpenedItem* bytes = view.OpenedBytes(path.c_str());
-  if (bytes != nullptr) return static_cast<uint32_t>(bytes->status.size);
   const platform::ScopedDescriptor file = view.OpenFile(path.c_str());
   const int64_t length = file ? platform::FileLength(file.Get()) : -1;
   if (length < 0 || length > kMaxImageSize) return std::nullopt;
@@ -54,6 +53,14 @@ std::optional<uint32_t> SourceLength(const platform::HostView& view, const CStri
 
 bool IsDirectory(const platform::FindData& found) {
   return (found.attributes & platform::kAttributeDirectory) != 0;
+}
+
+// What lies in the item, or what the item lies in; none for a file without a directory.
+std::optional<CString> DirectoryOf(const CString& path, bool isDirectory) {
+  if (isDirectory) return path;
+  const size_t separator = path.find_last_of("\\/");
+  if (separator == CString::npos) return std::nullopt;
+  return path.substr(0, separator);
 }
 
 // A list of path segments, released at the end of the scope.
@@ -110,13 +117,11 @@ int CapsuleFile::Insert(const CString& path, const CString& trimmed, int partiti
   state.compressor->ResetCompressionHistory();
   if (m_pCurrentPartition->InitializeCompressionHistory() != 0) return -1;
 
-  CString directory = trimmed;
-  if (!isDirectory) {
-    const size_t separator = trimmed.find_last_of("\\/");
-    if (separator == CString::npos) return -1;
-    directory.resize(separator);
-  }
-  if (CountLevelsToClose(directory) != 0) return -1;
+  const auto directory = DirectoryOf(trimmed, isDirectory);
+  const int levels = directory ? LevelsToClose(*directory) : -1;
+  if (levels < 0) return -1;
+  state.dirLevelsToClose = levels;
+  state.previousInsertDir = *directory;
 
   if (trimmed != path) found = state.hostView.Find(trimmed);
   if (!found) return -1;
@@ -142,17 +147,48 @@ int CapsuleFile::SwitchPartition(int partition) {
   return Advance(&m_nWriteOffset, kPartitionHeaderSize) ? 0 : -1;
 }
 
-int CapsuleFile::CountLevelsToClose(const CString& directory) {
-  LibraryState& state = CurrentLibraryState();
+// Between the directory of the insertion before and this one; -1 without memory.
+int CapsuleFile::LevelsToClose(const CString& directory) {
+  const CString& before = CurrentLibraryState().previousInsertDir;
+  if (before == directory) return 0;
   SegmentList previous;
   SegmentList current;
-  if (_BuildPathSegmentList(&previous.head, state.previousInsertDir) != 0 ||
+  if (_BuildPathSegmentList(&previous.head, before) != 0 ||
       _BuildPathSegmentList(&current.head, directory) != 0) {
     return -1;
   }
-  state.dirLevelsToClose = _ContrastPathSegmentLists(previous.head, current.head);
-  state.previousInsertDir = directory;
-  return 0;
+  return _ContrastPathSegmentLists(previous.head, current.head);
+}
+
+int CapsuleFile::BeginItem(const char* path, bool isDirectory, int* zeroEntries) {
+  if (path == nullptr || zeroEntries == nullptr || m_pCurrentPartition == nullptr) return -1;
+  return platform::OrOutOfMemory(-1, [&] {
+    const auto directory = DirectoryOf(path, isDirectory);
+    if (!directory) return -1;
+    *zeroEntries = LevelsToClose(*directory);
+    m_OpenItem = {path, *directory, isDirectory};
+    return *zeroEntries < 0 ? -1 : 0;
+  });
+}
+
+int CapsuleFile::EndItem(int64_t bytes, uint32_t sourceLength) {
+  const OpenItem item = std::exchange(m_OpenItem, {});
+  if (item.path.empty() || bytes < 0 || !HasRoomFor(bytes)) return -1;
+  const int levels = CapsulePartition::HierarchyLevelOf(item.path.c_str());
+  const int64_t closing = item.isDirectory ? int64_t{levels} * kDirRecordSize : 0;
+  if (!FitsImage(int64_t{m_nWriteOffset} + bytes, closing)) return -1;
+  return platform::OrOutOfMemory(-1, [&] {
+    CurrentLibraryState().previousInsertDir = item.directory;
+    CurrentLibraryState().dirLevelsToClose = 0;
+    if (item.isDirectory) m_pCurrentPartition->SetHierarchyLevel(item.path.c_str());
+    if (!item.isDirectory) m_nSectorCount += sourceLength / kSectorSize + 1;
+    return Advance(&m_nWriteOffset, bytes) ? 0 : -1;
+  });
+}
+
+bool CapsuleFile::HasRoomFor(int64_t bytes) const {
+  const int levels = m_pCurrentPartition == nullptr ? 0 : m_pCurrentPartition->GetHierarchyLevel();
+  return FitsImage(int64_t{m_nWriteOffset} + bytes, int64_t{levels} * kDirRecordSize);
 }
 
 int CapsuleFile::WriteItem(const CString& path, bool directory, InsertObserver* observer) {
@@ -164,11 +200,7 @@ int CapsuleFile::WriteItem(const CString& path, bool directory, InsertObserver* 
         m_pCurrentPartition->WriteDirectories(m_hImageFile, path.c_str(), m_nWriteOffset, &written);
     if (result != 0) return -1;
   } else {
-    int level = m_nCompressionLevel;
-    if (path.size() > kExtensionLength) {
-      CString extension = path.substr(path.size() - kExtensionLength);
-      if (_IsKnownCompressed(extension) != 0) level = 0;
-    }
+    const int level = IsStoredByName(path) ? 0 : m_nCompressionLevel;
     const int result = m_pCurrentPartition->WriteFile(m_hImageFile, path.c_str(), m_nWriteOffset,
                                                       &written, level, observer);
     if (result != 0) return -1;
@@ -193,6 +225,12 @@ void CapsuleFile::RollBack(const InsertionStart& start) {
   if (endedThere && platform::FileLength(m_hImageFile) > m_nWriteOffset) {
     platform::Truncate(m_hImageFile, m_nWriteOffset);
   }
+}
+
+bool CapsuleFile::IsStoredByName(const std::string& path) {
+  if (path.size() <= kExtensionLength) return false;
+  CString extension = path.substr(path.size() - kExtensionLength);
+  return _IsKnownCompressed(extension) != 0;
 }
 
 int CapsuleFile::_IsKnownCompressed(CString& extension) {

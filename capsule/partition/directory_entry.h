@@ -82,7 +82,10 @@ class CAPSULE_API CapsuleDirectoryEntry {
 
   // --- Writing and reading records (directory_entry_records.cpp) ---
 
-  // Writes the record group at `offset`; the long-name records are released.
+  // The record group.
+  std::vector<unsigned char> Encode(DirectoryType t) const;
+
+  // Writes it at `offset`; the long-name records are released.
   int Write(DirectoryType t, int fd, int offset, int* count);
 
   // The 8 bytes of the header alone.
@@ -216,8 +219,8 @@ class CAPSULE_API CapsuleDirectoryEntry {
   NtfsFile& OwnNtfsFile();
   void KeepName(const NtfsFileName& name, int index);
 
-  // What WriteDirectoryEntry stores: long-name records, each with the header of the record behind
-  // it, and the short entry.
+  // What lies behind the first header of the group: long-name records, each with the header of the
+  // record behind it, and the short entry.
   std::vector<unsigned char> EncodeEntries(DirectoryType t) const;
 
   // Takes the records of a long-name chain from `records`; false when it is damaged.

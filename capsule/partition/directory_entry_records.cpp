@@ -46,12 +46,17 @@ std::vector<unsigned char> CapsuleDirectoryEntry::EncodeEntries(DirectoryType t)
   return bytes;
 }
 
+std::vector<unsigned char> CapsuleDirectoryEntry::Encode(DirectoryType t) const {
+  std::vector<unsigned char> group;
+  Append(group, EncodeMiniHeader(m_Record.Header));
+  Append(group, EncodeEntries(t));
+  return group;
+}
+
 int CapsuleDirectoryEntry::Write(DirectoryType t, int fd, int offset, int* count) {
   if (fd == -1) return -1;
   return platform::OrOutOfMemory(-1, [&] {
-    std::vector<unsigned char> group;
-    Append(group, EncodeMiniHeader(m_Record.Header));
-    Append(group, EncodeEntries(t));
+    const std::vector<unsigned char> group = Encode(t);
     RemoveCPtrArray();
     return WriteRecords(fd, offset, group, count) ? 0 : -1;
   });

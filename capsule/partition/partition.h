@@ -10,10 +10,12 @@
 // in it. One thread drives a partition; the lists have their own locks.
 #pragma once
 
+#include <array>
 #include <cstdint>
 #include <functional>
 #include <memory>
 #include <string>
+#include <string_view>
 #include <unordered_set>
 #include <vector>
 
@@ -87,6 +89,9 @@ class CAPSULE_API CapsulePartition {
 
   // Prepares the compression history afresh; comes before each item.
   int InitializeCompressionHistory();
+
+  // What the "." and ".." of a directory are called behind its path, in their order.
+  static constexpr std::array<std::string_view, 2> kDotSuffixes = {"\\.", "\\.."};
 
   // A directory's three record groups at `offset`: its own, "." and "..". Adds their bytes to
   // `*written`. -1 and nothing written when `path` was inserted before, or into the tree of an NTFS

@@ -73,9 +73,9 @@ int CapsulePartition::WriteGroups(int fd, const char* path, int offset, int* wri
   // The groups of "." and ".." go through the directory's own block; two empty blocks stand for
   // them in the list.
   CapsuleFileBlock* parent = &directory;
-  for (const char* self : {"\\.", "\\.."}) {
+  for (const std::string_view self : kDotSuffixes) {
     auto block = std::make_unique<CapsuleFileBlock>(parent, *this);
-    const CString below = CString(path) + self;
+    const CString below = CString(path).append(self);
     if (directory.WriteDirEntry(kWrittenType, below.c_str(), fd, offset + total, &total) != 0) {
       return -1;
     }
