@@ -330,7 +330,6 @@ uint64_t IndexWriter::Append(const Plan& plan, int output, TrialImage* trial) {
   files.image = Bytes();
   files.rules.imageIsCompressed = plan.isCompressed;
   IndexRecordWriter writer(files, output, start, plan.header, plan.hasRestartPoints);
-  writer.SetKnownRestarts(m_knownRestarts);
   const uint64_t half = m_watch->Now().bytesTotal / 2;
   writer.SetOnBytes([&](uint64_t at) { m_watch->TellWithin(half + at, m_watch->Now().path); });
   for (const DamageNote& note : plan.notes) writer.Add(note);

@@ -53,7 +53,6 @@ namespace capsule::host {
 
 class Image;
 class ImageFile;
-class RestartCollector;
 class TrialImage;
 class Watch;
 enum class SectionTrust;
@@ -105,10 +104,6 @@ class CAPSULE_API IndexWriter {
   IndexWriter(const IndexWriter&) = delete;
   IndexWriter& operator=(const IndexWriter&) = delete;
 
-  // Restart points that the writer of the sections has noted, so that they need not be looked for.
-  // `known` must outlive the writer.
-  void SetKnownRestarts(const RestartCollector* known) { m_knownRestarts = known; }
-
   // The labels of the partitions, in their order, instead of those of the index that is there.
   void SetLabels(std::vector<std::string> labels) { m_labels = std::move(labels); }
 
@@ -138,7 +133,6 @@ class CAPSULE_API IndexWriter {
   int m_descriptor;
   bool m_owned = false;
   std::string m_name;
-  const RestartCollector* m_knownRestarts = nullptr;
   std::optional<std::vector<std::string>> m_labels;
   std::map<uint32_t, std::string> m_oldLabels;  // of the index that is there, by offset
   std::unique_ptr<Watch> m_watch;

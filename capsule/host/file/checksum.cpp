@@ -12,6 +12,14 @@ struct RunningChecksum::State {
 RunningChecksum::RunningChecksum() : m_state(std::make_unique<State>()) { Reset(); }
 RunningChecksum::~RunningChecksum() = default;
 
+RunningChecksum::RunningChecksum(const RunningChecksum& other)
+    : m_state(std::make_unique<State>(*other.m_state)) {}
+
+RunningChecksum& RunningChecksum::operator=(const RunningChecksum& other) {
+  *m_state = *other.m_state;
+  return *this;
+}
+
 void RunningChecksum::Reset() { XXH3_64bits_reset(&m_state->xxh); }
 
 void RunningChecksum::Update(std::span<const unsigned char> bytes) {

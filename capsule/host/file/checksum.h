@@ -12,8 +12,8 @@ class RunningChecksum {
  public:
   RunningChecksum();
   ~RunningChecksum();
-  RunningChecksum(const RunningChecksum&) = delete;
-  RunningChecksum& operator=(const RunningChecksum&) = delete;
+  RunningChecksum(const RunningChecksum& other);
+  RunningChecksum& operator=(const RunningChecksum& other);
 
   void Reset();
   void Update(std::span<const unsigned char> bytes);
