@@ -1,5 +1,6 @@
 // Problems are told even when the build fails later, since they may be the reason. Once the image
 // is in its place, running out of memory while telling of it is a problem and no failure.
+#include <algorithm>
 #include <memory>
 #include <new>
 
@@ -10,9 +11,12 @@
 namespace capsule::cli {
 namespace {
 
+constexpr uint64_t kMostJobs = 1024;
+
 struct CreateArguments {
   std::string image;
   std::vector<std::string> directories;
+  uint64_t jobs = 0;
   host::BuildOptions options;
 };
 
@@ -30,6 +34,10 @@ std::string Describe(const std::string& image, const host::BuildReport& report) 
   }
   if (!report.oldImages.empty()) {
     text += "; " + Counted(report.oldImages.size(), "name", "names") + " of the old image left out";
+  }
+  if (report.seams != 0) {
+    text += "; " + std::to_string(report.seamsRedone) + " of " +
+            Counted(report.seams, "seam", "seams") + " of long files made twice";
   }
   return text;
 }
@@ -67,6 +75,7 @@ host::BuildReport Build(const CreateArguments& arguments, host::ImageBuilder& bu
 
 int Create(CreateArguments& arguments, Talk& talk) {
   arguments.options.labelsFolders = true;
+  arguments.options.jobs = static_cast<int>(std::min<uint64_t>(arguments.jobs, kMostJobs));
   arguments.options.onProgress = [&talk](const host::Progress& at) { talk.Progress(at); };
   host::ImageBuilder builder(arguments.image, arguments.options);
   const host::BuildReport report = Build(arguments, builder, talk);
@@ -103,6 +112,8 @@ void DeclareCreate(CommandLine& line) {
   command.Required("IMAGE", arguments->image, "The image file to make");
   command.Required("DIR", arguments->directories, "Folders to take in, at most ten");
   DeclareLevels(command, arguments->options.level);
+  command.Number("-j,--jobs", arguments->jobs,
+                 "Threads that compress; one a processor unless given");
   command.Flag("--force", arguments->options.force, "Replace a file that is not an image");
   command.Text("--label", arguments->options.label, "TEXT", "Text to keep in the header");
   command.Texts("--exclude", arguments->options.excludes, "GLOB",

@@ -8,9 +8,9 @@
 #include <cstdlib>
 #include <limits>
 #include <new>
-#include <optional>
 #include <string_view>
 #include <system_error>
+#include <thread>
 #include <utility>
 
 #include "capsule/container/header_format.h"
@@ -95,10 +95,10 @@ std::string Target(const fs::path& image, bool force) {
   return target;
 }
 
-// The latest time to write, if the environment names one.
-std::optional<int64_t> LatestTime() {
+// The latest time to write, by the environment if that names one.
+int64_t LatestTime() {
   const char* text = std::getenv(kTimeVariable);
-  if (text == nullptr || *text == '\0') return std::nullopt;
+  if (text == nullptr || *text == '\0') return std::numeric_limits<int64_t>::max();
   const std::string_view digits(text);
   int64_t seconds = 0;
   const auto [end, error] = std::from_chars(digits.begin(), digits.end(), seconds);
@@ -107,6 +107,12 @@ std::optional<int64_t> LatestTime() {
                 "'" + std::string(digits) + "' is not a number of seconds");
   }
   return seconds;
+}
+
+// `jobs`: 0 for as many as there are processors.
+size_t WorkersFor(int jobs) {
+  if (jobs > 0) return static_cast<size_t>(jobs);
+  return std::max(std::thread::hardware_concurrency(), 1U);
 }
 
 bool IsExcluded(const std::vector<std::string>& globs, const std::string& name,
@@ -147,25 +153,24 @@ struct ImageBuilder::Impl {
   Impl(const fs::path& path, BuildOptions given)
       : name(path.string()),
         options(std::move(given)),
-        draft(Target(path, options.force), name, CheckedLevel(path, options.level),
-              VersionText(path, options.label), canceller.get_token()),
         watch(name, options.onProgress, canceller.get_token()),
-        onStop(options.stop, Canceller{canceller}) {
-    draft.SetWatch([this](uint64_t bytes) { TellWithin(bytes); });
-    if (const auto set = LatestTime()) draft.CapTimes(latest = *set);
-  }
+        latest(LatestTime()),
+        draft(Target(path, options.force), name, Settings(path)),
+        onStop(options.stop, Canceller{canceller}) {}
 
-  void Take(ItemWalk* walk, const SourceItem& item);
-  void Insert(ItemWalk* walk, const SourceItem& item);
+  DraftSettings Settings(const fs::path& path);
+  bool IsLeftOut(const SourceItem& item);
+  void Count(const SourceItem& item, const std::string& problem);
   void AddPartition(const std::string& label, ItemWalk&& walk);
   void RequireLabel(const std::string& label) const;
   void RefuseEleventh(const std::string& source) const;
   SourceWalk::Filter Filter() const;
-  void CountWhatIsNotKept(const SourceItem& item);
+  SourceWalk Walk(const std::string& folder);
+  void CountInserted(const SourceItem& item);
   void Complete();
   void ThrowIfUnusable() const;
-  void Count(ItemWalk&& walk);
-  void TellWithin(uint64_t bytes);
+  void AddToTotal(ItemWalk&& walk);
+  std::string PathOf(const SourceItem& item) const;
 
   struct Canceller {
     std::stop_source source;
@@ -175,19 +180,51 @@ struct ImageBuilder::Impl {
   std::string name;
   BuildOptions options;
   std::stop_source canceller;
-  ImageDraft draft;
   Watch watch;
-  std::stop_callback<Canceller> onStop;
+  int64_t latest;
   BuildReport report;
-  std::string inserted;  // path in the image of the item at hand
-  int64_t latest = std::numeric_limits<int64_t>::max();
   int partitions = 0;
   int counted = 0;        // partitions that are in the total before they are added
   bool isBroken = false;  // thrown in the middle of something
   bool isFinished = false;
+  ImageDraft draft;
+  std::stop_callback<Canceller> onStop;
 };
 
-void ImageBuilder::Impl::Take(ItemWalk* walk, const SourceItem& item) {
+DraftSettings ImageBuilder::Impl::Settings(const fs::path& path) {
+  DraftSettings settings;
+  settings.level = CheckedLevel(path, options.level);
+  settings.version = VersionText(path, options.label);
+  settings.latest = latest;
+  settings.workers = WorkersFor(options.jobs);
+  settings.stop = canceller.get_token();
+  settings.onItem = [this](const SourceItem& item, const std::string& problem) {
+    Count(item, problem);
+  };
+  settings.onBytes = [this](const SourceItem& item, uint64_t bytes) {
+    watch.TellWithin(report.sourceBytes + bytes, watch.IsHeard() ? PathOf(item) : "");
+  };
+  return settings;
+}
+
+std::string ImageBuilder::Impl::PathOf(const SourceItem& item) const {
+  return std::to_string(partitions - 1) + ":/" + item.relative;
+}
+
+// Files that are the image itself, before or in the making.
+bool ImageBuilder::Impl::IsLeftOut(const SourceItem& item) {
+  const bool isFile = item.kind == SourceItem::Kind::File;
+  const bool isSeen = isFile || item.kind == SourceItem::Kind::Unfinished ||
+                      item.kind == SourceItem::Kind::Unreadable;
+  if (!isSeen || !draft.IsOwnFile(item.status.identity)) return false;
+  if (isFile && draft.IsOldImage(item.status.identity)) {
+    report.oldImages.push_back({item.path, "left out: it is the file that the image replaces"});
+  }
+  return true;
+}
+
+// Takes note of an item that is in the image, or left out.
+void ImageBuilder::Impl::Count(const SourceItem& item, const std::string& problem) {
   switch (item.kind) {
     case SourceItem::Kind::Special:
       ++report.skipped;
@@ -196,41 +233,27 @@ void ImageBuilder::Impl::Take(ItemWalk* walk, const SourceItem& item) {
       ++report.excluded;
       break;
     case SourceItem::Kind::Unfinished:
-      if (!draft.IsOwnFile(item.status.identity)) {
-        report.unfinished.push_back({item.path, "never completed, left out"});
-      }
+      report.unfinished.push_back({item.path, "never completed, left out"});
       break;
     case SourceItem::Kind::Unreadable:
-      if (draft.IsOwnFile(item.status.identity)) break;
       report.problems.push_back({item.path, item.reason});
       break;
     default:
-      if (draft.IsOldImage(item.status.identity)) {
-        report.oldImages.push_back({item.path, "left out: it is the file that the image replaces"});
-      } else if (!draft.IsOwnFile(item.status.identity)) {
-        Insert(walk, item);
-      }
+      if (problem.empty()) return CountInserted(item);
+      report.problems.push_back({item.path, problem});
   }
 }
 
-void ImageBuilder::Impl::Insert(ItemWalk* walk, const SourceItem& item) {
+void ImageBuilder::Impl::CountInserted(const SourceItem& item) {
   const bool isFolder = item.kind == SourceItem::Kind::Folder;
-  inserted = std::to_string(partitions - 1) + ":/" + item.relative;
-  if (const auto problem = draft.Insert(item)) {
-    report.problems.push_back({item.path, *problem});
-    if (isFolder) walk->SkipFolder();
-    return;
-  }
   ++(isFolder ? report.directories : report.files);
   report.sourceBytes += item.status.size;
-  CountWhatIsNotKept(item);
+  if (!IsTimeKept(std::min(item.status.modification.seconds, latest))) ++report.timesChanged;
+  if (!IsUsualMode(item)) ++report.modesDropped;
+  if (!isFolder && item.status.links > 1) ++report.hardLinks;
   watch.Now().files = report.files;
   watch.Now().directories = report.directories;
-  watch.Tell(report.sourceBytes, inserted);
-}
-
-void ImageBuilder::Impl::TellWithin(uint64_t bytes) {
-  watch.TellWithin(report.sourceBytes + bytes, inserted);
+  watch.Tell(report.sourceBytes, watch.IsHeard() ? PathOf(item) : "");
 }
 
 SourceWalk::Filter ImageBuilder::Impl::Filter() const {
@@ -240,8 +263,13 @@ SourceWalk::Filter ImageBuilder::Impl::Filter() const {
   };
 }
 
+// Where descriptors run out, those of files that are under way are given back first.
+SourceWalk ImageBuilder::Impl::Walk(const std::string& folder) {
+  return SourceWalk(folder, Filter(), [this] { return draft.Settle(); });
+}
+
 // Adds the sizes of the files that AddPartition will find to the total.
-void ImageBuilder::Impl::Count(ItemWalk&& walk) {
+void ImageBuilder::Impl::AddToTotal(ItemWalk&& walk) {
   for (SourceItem item; walk.Next(&item);) {
     watch.Check();
     const bool isInserted = item.kind == SourceItem::Kind::File &&
@@ -251,18 +279,14 @@ void ImageBuilder::Impl::Count(ItemWalk&& walk) {
   }
 }
 
-void ImageBuilder::Impl::CountWhatIsNotKept(const SourceItem& item) {
-  if (!IsTimeKept(std::min(item.status.modification.seconds, latest))) ++report.timesChanged;
-  if (!IsUsualMode(item)) ++report.modesDropped;
-  if (item.kind == SourceItem::Kind::File && item.status.links > 1) ++report.hardLinks;
-}
-
 // Nothing may throw once the image is in its place.
 void ImageBuilder::Impl::Complete() {
   report.problems.reserve(report.problems.size() + 1);
   BuildProblem doubt{name, "is complete, but sync of its folder failed"};
   int syncProblem = 0;
   report.imageBytes = draft.Complete(&syncProblem);
+  report.seams = draft.Seams();
+  report.seamsRedone = draft.SeamsRedone();
   if (syncProblem == 0) return;
   try {
     doubt.reason += ": " + SystemReason(syncProblem);
@@ -303,8 +327,9 @@ void ImageBuilder::Impl::AddPartition(const std::string& label, ItemWalk&& walk)
   ++partitions;
   for (SourceItem item; walk.Next(&item);) {
     watch.Check();
-    Take(&walk, item);
+    if (!IsLeftOut(item)) draft.Add(std::move(item));
   }
+  draft.Settle();
   isBroken = false;
 }
 
@@ -313,18 +338,17 @@ void ImageBuilder::AddDirectory(const fs::path& directory, const std::string& la
   impl.RefuseEleventh(directory.string());
   impl.RequireLabel(label);
   if (impl.options.countFirst && impl.partitions >= impl.counted) {
-    impl.Count(SourceWalk(directory.string(), impl.Filter()));
+    impl.AddToTotal(impl.Walk(directory.string()));
   }
   const bool isNamed = label.empty() && impl.options.labelsFolders;
-  impl.AddPartition(isNamed ? LabelFor(directory) : label,
-                    SourceWalk(directory.string(), impl.Filter()));
+  impl.AddPartition(isNamed ? LabelFor(directory) : label, impl.Walk(directory.string()));
 }
 
 void ImageBuilder::AddItems(const std::vector<BuildItem>& items, const std::string& label) {
   m_impl->RefuseEleventh(m_impl->name);
   m_impl->RequireLabel(label);
   const auto walk = [&] { return ItemTree(m_impl->name, items, m_impl->Filter()); };
-  if (m_impl->options.countFirst) m_impl->Count(walk());
+  if (m_impl->options.countFirst) m_impl->AddToTotal(walk());
   m_impl->AddPartition(label, walk());
 }
 
@@ -337,7 +361,7 @@ void ImageBuilder::AddDirectories(const std::vector<fs::path>& directories) {
   }
   if (m_impl->options.countFirst) {
     for (const fs::path& directory : directories) {
-      m_impl->Count(SourceWalk(directory.string(), m_impl->Filter()));
+      m_impl->AddToTotal(m_impl->Walk(directory.string()));
     }
     m_impl->counted = static_cast<int>(count);
   }

@@ -35,7 +35,8 @@ namespace capsule::host {
 
 struct BuildOptions {
   // 0 stored, 1-3 fast, 4-6 medium, 7-9 maximum. Files that are compressed by themselves, as their
-  // extension tells (.zip, .jpg and the like), are stored at any level.
+  // extension tells (.zip, .jpg and the like), are stored at any level; so are those that do not
+  // get smaller.
   int level = 5;
   std::string label{};                  // version text; "Capsulate" is put in front unless there
   bool labelsFolders = false;           // give each partition the name of its folder
@@ -44,6 +45,7 @@ struct BuildOptions {
   // Asked for every item of a folder, with its path below DIR: whether to leave it out.
   std::function<bool(const std::string& path)> leavesOut{};
 
+  int jobs = 0;        // threads that compress; 0: one a processor. The image is the same with any
   bool force = false;  // replace an existing file that is not an image, which is refused otherwise
 
   // Told behind every item, and within long files. The total is known only with `countFirst`,
@@ -65,6 +67,11 @@ struct BuildReport {
   uint64_t skipped = 0;  // links and special files
   uint64_t excluded = 0;
   uint64_t imageBytes = 0;
+
+  // Files of more than a mebibyte are compressed in spans side by side: how often two were put
+  // together, and how often the second was compressed once more for the bytes to be the same.
+  uint64_t seams = 0;
+  uint64_t seamsRedone = 0;
 
   // What is in the image, but not quite as it was.
   uint64_t timesChanged = 0;  // times of modification outside 1980 to 2107: the nearest is stored

@@ -110,17 +110,21 @@ TEST(ImageBuilderFailure, ItemsThatVanishAreNamedAndLeftOut) {
   const Place place;
   for (const char* name : {"a", "m/inner", "z"}) fs::create_directories(place.source + "/" + name);
   for (const char* name : {"a/1", "b", "c", "m/2", "z/3"}) place.Put(name, name);
-  const auto onProgress = [&](const Progress& at) {
-    if (at.path == "0:/a/1") {
+  const auto onPath = [&](const std::string& path) {
+    if (path == "a/1") {
       fs::remove(place.source + "/c");
       fs::remove_all(place.source + "/m");
       place.Put("m", "now a file");
     }
+    return false;
   };
-  const BuildReport report = place.Build({.level = 0, .onProgress = onProgress});
-  ASSERT_EQ(report.problems.size(), 1u);
+  const BuildReport report = place.Build({.level = 0, .leavesOut = onPath});
+  ASSERT_EQ(report.problems.size(), 2u);
   EXPECT_EQ(report.problems[0].path, place.source + "/c");
   EXPECT_EQ(report.problems[0].reason, "no such file or directory");
+  EXPECT_EQ(report.problems[1].path, place.source + "/m");
+  EXPECT_EQ(report.problems[1].reason, "changed while it was read");
+  fs::remove(place.source + "/m");
   EXPECT_EQ(test::ScannedTree(place.image), test::FolderTree(place.source));
 }
 
@@ -139,13 +143,15 @@ TEST(ImageBuilderFailure, NothingFromOutsideGoesIn) {
   test::WriteFile(outside + "/f", "secret");
   test::WriteFile(outside + "/z", "secret");
   const fs::path moved = fs::path(place.source + "/" + deep).parent_path().parent_path();
-  const auto onProgress = [&](const Progress& at) {
-    if (at.path == "0:/" + deep) fs::rename(moved, outside + "/deep");
-    if (at.path != "0:/m") return;
-    fs::rename(place.source + "/m", outside + "/m");
-    fs::create_symlink(outside, place.source + "/m");
+  const auto onPath = [&](const std::string& path) {
+    if (path == deep + "/z") fs::rename(moved, outside + "/deep");
+    if (path == "m/f") {
+      fs::rename(place.source + "/m", outside + "/m");
+      fs::create_symlink(outside, place.source + "/m");
+    }
+    return false;
   };
-  const BuildReport report = place.Build({.level = 0, .onProgress = onProgress});
+  const BuildReport report = place.Build({.level = 0, .leavesOut = onPath});
   // The way back leads elsewhere up to the folders that are kept open.
   for (const BuildProblem& problem : report.problems) {
     EXPECT_EQ(problem.reason, "changed while it was read");

@@ -17,7 +17,7 @@ namespace {
 
 namespace fs = std::filesystem;
 
-constexpr size_t kLong = 1000000;
+constexpr size_t kLong = 8'000'000;
 
 // All operations that tell how far they are and can be cancelled, over a long file and short ones.
 class ProgressTest : public testing::Test {

@@ -25,6 +25,7 @@ ORDER = [
      'capsule/host/entry', 'capsule/host/image_problem', 'capsule/host/damaged_file',
      'capsule/host/map_item', 'capsule/host/extract_options', 'capsule/host/impl_pointer',
      'capsule/host/progress'],
+    ['capsule/host/parallel/'],
     ['capsule/host/file/', 'capsule/host/byte_source', 'capsule/host/build_item'],
     ['capsule/host/records/'],
     ['capsule/host/index/'],

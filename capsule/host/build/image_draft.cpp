@@ -1,92 +1,58 @@
-// An insertion that fails says little about the reason, so the reason is looked for afterwards: is
-// the source still what it was, can it be read to its end, can the image grow? What is wrong with
-// the source leaves out the item alone; what is wrong with the image ends the build.
+// What is wrong with the source leaves out the item alone; what is wrong with the image ends the
+// build. An item is in the image when all of its bytes are laid down: one that fails in the middle
+// is written over by what comes next.
 #include "capsule/host/build/image_draft.h"
 
 #include <algorithm>
 #include <cerrno>
 #include <utility>
-#include <vector>
 
-#include "capsule/blocks/data_record.h"
-#include "capsule/host/error.h"
+#include "capsule/container/header_format.h"
+#include "capsule/container/stored_header.h"
+#include "capsule/host/build/source_content.h"
 #include "capsule/host/file/image_file.h"
 #include "capsule/host/file/reason.h"
 #include "capsule/host/index_writer.h"
+#include "capsule/partition/partition.h"
 #include "capsule/partition/record_format.h"
-#include "capsule/platform/opened_item.h"
 
 namespace capsule::host {
 namespace {
 
 constexpr uint64_t kMaxFileSize = 0x7FFFFFFF;
-constexpr const char* kChanged = "changed while it was read";
 
-// An upper bound of what a file of `size` bytes takes in an image, long name and all.
-uint64_t MostBytes(uint64_t size) {
-  constexpr uint64_t kGroup = uint64_t{kDirRecordSize} * (kMaxLongNamePieces + 1);
-  return kGroup + (size / kChunkSize + 1) * (kMiniHeaderSize + kCompressedChunkRoom);
+// The file in whose place the draft is to come.
+std::optional<platform::FileIdentity> OldImage(const std::string& target, const std::string& name) {
+  const auto old = platform::Status(target);
+  if (!old) return std::nullopt;
+  if (old->kind == platform::FileKind::Regular) return old->identity;
+  throw Error(ErrorKind::Exists, name, "is not a regular file");
 }
 
-// Whether a system call failed for want of room or rights in the image's file system.
-bool IsWriteFailure(int error) {
-  return error == ENOSPC || error == EDQUOT || error == EFBIG || error == EROFS;
-}
-
-std::string ItemPath(int partition, const std::string& relative) {
-  std::string path = std::to_string(partition) + ":\\" + relative;
-  std::replace(path.begin(), path.end(), '/', '\\');
-  return path;
-}
-
-bool IsSame(const platform::FileStatus& a, const platform::FileStatus& b) {
-  return a.identity == b.identity && a.kind == b.kind && a.size == b.size &&
-         a.modification == b.modification;
-}
-
-// Whether a file yields all of its bytes; if not, errno says why, or is 0 when they are too few.
-bool IsReadable(int descriptor, uint64_t size) {
-  std::vector<unsigned char> bytes(size_t{64} << 10);
-  for (uint64_t at = 0; at < size;) {
-    errno = 0;
-    const int64_t got =
-        platform::ReadAt(descriptor, bytes.data(), bytes.size(), static_cast<int64_t>(at));
-    if (got <= 0) return false;
-    at += static_cast<uint64_t>(got);
-  }
-  return true;
-}
-
-// What is wrong with the source of an item that could not be inserted; empty when nothing is.
-std::string SourceProblem(const SourceItem& item) {
-  if (item.kind == SourceItem::Kind::Folder) return "";
-  const auto now = platform::StatusOf(item.file.Get());
-  if (!now) return SystemReason(errno);
-  if (!IsSame(*now, item.status)) return kChanged;
-  if (IsReadable(item.file.Get(), item.status.size)) return "";
-  return errno != 0 ? SystemReason(errno) : kChanged;
+int Created(platform::TemporaryFile& file, const std::string& target, const std::string& name) {
+  if (!file.Create(target)) ThrowSystemError(name, "cannot be created", errno);
+  return file.Descriptor();
 }
 
 }  // namespace
 
-ImageDraft::ImageDraft(std::string target, std::string name, int level, const std::string& version,
-                       std::stop_token stop)
-    : m_target(std::move(target)), m_name(std::move(name)), m_observer(std::move(stop)) {
-  if (const auto old = platform::Status(m_target)) {
-    if (old->kind != platform::FileKind::Regular) Fail(ErrorKind::Exists, "is not a regular file");
-    m_old = old->identity;
-  }
-  if (!m_temporary.Create(m_target)) FailAs("cannot be created", errno);
+ImageDraft::ImageDraft(std::string target, std::string name, DraftSettings settings)
+    : m_target(std::move(target)),
+      m_name(std::move(name)),
+      m_settings(std::move(settings)),
+      m_old(OldImage(m_target, m_name)),
+      m_output(Created(m_temporary, m_target, m_name), m_name),
+      m_index(m_target, m_name),
+      m_encoders(m_settings.workers, m_settings.level, m_settings.latest),
+      m_work(m_settings.workers) {
   m_own = platform::Identify(m_temporary.Descriptor());
-
-  m_state.hostView.SetTimePolicy(platform::TimePolicy::ModificationOnly);
   const ScopedLibraryState scope(m_state);
   if (m_image.CreateCapsuleFile(m_temporary.Path().c_str()) != 0) {
     FailAs("cannot be created", m_image.GetLastError());
   }
   m_open = true;
-  m_image.SetCompressionLevel(level);
-  if (m_image.WriteImageFileHeader(version.c_str()) != 0) {
+  m_image.SetCompressionLevel(m_settings.level);
+  if (m_image.WriteImageFileHeader(m_settings.version.c_str()) != 0) {
     const int error = m_image.GetLastError();
     CloseImage();
     FailAs("write of the header", error);
@@ -95,107 +61,183 @@ ImageDraft::ImageDraft(std::string target, std::string name, int level, const st
 
 ImageDraft::~ImageDraft() { CloseImage(); }
 
-// What the host throws must not pass through the classes that insert: they take memory that cannot
-// be had for a fault of the item.
-bool ImageDraft::Observer::OnChunk(const Chunk& next) {
-  if (stop.stop_requested()) return false;
-  try {
-    restarts.Take(next);
-    if (onBytes && next.fileOffset != 0) onBytes(next.fileOffset);
-  } catch (...) {
-    thrown = std::current_exception();
-    return false;
-  }
-  return true;
-}
-
-void ImageDraft::CapTimes(int64_t unixSeconds) { m_state.hostView.CapTimes(unixSeconds); }
-
 void ImageDraft::BeginPartition(const std::string& label) {
+  Settle();
   ++m_partition;
   m_labels.push_back(label);
+  EndSection();
   const ScopedLibraryState scope(m_state);
   errno = 0;
-  if (m_image.BeginPartition(m_partition) == 0) return;
-  FailAs("write", errno != 0 ? errno : EFBIG);
+  if (m_image.BeginPartition(m_partition) != 0) FailAs("write", errno != 0 ? errno : EFBIG);
+  const auto begin = static_cast<uint64_t>(m_image.GetWriteOffset());
+  m_index.BeginSection(begin - kPartitionHeaderSize, label);
+  m_output.GoTo(begin);
 }
 
-std::optional<std::string> ImageDraft::Insert(const SourceItem& item) {
-  if (item.status.size > kMaxFileSize) {
-    return "file has " + std::to_string(item.status.size) + " bytes, " +
-           std::to_string(kMaxFileSize) + " are possible";
+// What closes a section that is not the last is its trailer alone.
+void ImageDraft::EndSection() {
+  m_output.Flush();
+  if (m_partition > 0) m_index.EndSection(static_cast<uint64_t>(m_image.GetWriteOffset()));
+}
+
+void ImageDraft::Add(SourceItem item) {
+  Check();
+  EncodedItem encoded;
+  const bool isFile = item.kind == SourceItem::Kind::File;
+  if (isFile && item.status.size > kMaxFileSize) {
+    encoded.problem = "file has " + std::to_string(item.status.size) + " bytes, " +
+                      std::to_string(kMaxFileSize) + " are possible";
+  } else if (isFile && item.status.size > kSpan) {
+    return AddLong(std::move(item));
+  } else if (item.kind == SourceItem::Kind::Folder) {
+    encoded = m_encoders.Own().Encode(item, m_partition);
   }
+  if (!m_batch) m_batch = std::make_unique<ItemBatch>(m_encoders, m_partition);
+  m_batch->Add(std::move(item), std::move(encoded));
+  if (m_batch->IsFull()) SubmitBatch();
+}
+
+void ImageDraft::SubmitBatch() {
+  if (!m_batch) return;
+  MakeRoom();
+  m_work.Push(std::move(m_batch));
+}
+
+void ImageDraft::AddLong(SourceItem item) {
+  SubmitBatch();
+  const auto file = std::make_shared<LongFile>();
+  file->partition = m_partition;
+  file->item = std::move(item);
+  for (uint64_t at = 0; at < file->item.status.size; at += kSpan) {
+    MakeRoom();
+    Check();
+    m_work.Push(std::make_unique<SpanJob>(m_encoders, file, at));
+  }
+}
+
+// Lays down what is done, and waits where too much is under way.
+void ImageDraft::MakeRoom() {
+  while (m_work.IsFull() || m_work.IsFirstDone()) LayFirst();
+}
+
+bool ImageDraft::Settle() {
+  SubmitBatch();
+  const bool isSomething = !m_work.IsEmpty();
+  while (!m_work.IsEmpty()) LayFirst();
+  return isSomething;
+}
+
+void ImageDraft::LayFirst() {
+  Check();
+  const auto job = m_work.TakeFirst();
+  if (auto* batch = dynamic_cast<ItemBatch*>(job.get())) {
+    Lay(*batch);
+  } else {
+    Lay(dynamic_cast<SpanJob&>(*job));
+  }
+}
+
+void ImageDraft::Lay(ItemBatch& batch) {
+  for (const ItemBatch::Piece& piece : batch.Pieces()) {
+    if (!piece.encoded.bytes.empty()) Lay(piece.item, piece.encoded);
+    m_settings.onItem(piece.item, piece.encoded.problem);
+  }
+}
+
+void ImageDraft::Lay(const SourceItem& item, const EncodedItem& encoded) {
+  const Place place = BeginItem(item);
+  Put(encoded.bytes);
+  EndItem(item, place);
+  if (item.kind == SourceItem::Kind::Folder) {
+    m_index.AddFolder(item.relative, place.offset, encoded.groups);
+  } else {
+    m_index.AddFile(item.relative, place.offset, encoded.bytes.size(), item.status.size,
+                    encoded.check, {});
+  }
+}
+
+// Lays down what closes levels before an item.
+ImageDraft::Place ImageDraft::BeginItem(const SourceItem& item) {
   const ScopedLibraryState scope(m_state);
-  const std::string previousDir = m_state.previousInsertDir;
-  const int32_t levelsToClose = m_state.dirLevelsToClose;
-  errno = 0;
-  if (InsertOpened(item) == 0) return std::nullopt;
-  const int error = errno;
-  m_observer.restarts.Forget(m_image.GetWriteOffset());
-  // What comes next lies where it would have without this item.
-  m_state.previousInsertDir = previousDir;
-  m_state.dirLevelsToClose = levelsToClose;
-  if (m_observer.thrown) std::rethrow_exception(std::exchange(m_observer.thrown, nullptr));
-  ThrowIfCancelled();
-  // Whatever errno is when a source gives up, it says nothing about the image.
-  if (!m_sourceProblem.empty()) return m_sourceProblem;
-  ThrowIfShort(item.path, "cannot be inserted", error);
-  if (IsWriteFailure(error)) FailAs("write", error);
-  std::string problem = item.bytes ? "" : SourceProblem(item);
-  if (!problem.empty()) return problem;
-  ThrowIfFull(error, item.status.size);
-  return error != 0 ? SystemReason(error) : "cannot be read";
+  Place place{m_output.Position()};
+  const bool isFolder = item.kind == SourceItem::Kind::Folder;
+  const std::string path = ItemPath(m_partition, item.relative);
+  if (m_image.BeginItem(path.c_str(), isFolder, &place.zeroEntries) != 0) {
+    ThrowSystemError(item.path, "cannot be inserted", ENOMEM);
+  }
+  for (int i = 0; i < place.zeroEntries; ++i) Put(EncodeZeroEntry());
+  place.offset = m_output.Position();
+  return place;
 }
 
-// While the item is inserted, it stands for everything that paths could lead to.
-int ImageDraft::InsertOpened(const SourceItem& item) {
-  platform::OpenedItem opened{ItemPath(m_partition, item.relative),
-                              item.file.Get(),
-                              item.status,
-                              item.folder,
-                              item.alias,
-                              item.attributes,
-                              {}};
-  m_sourceProblem.clear();
-  if (item.bytes) {
-    opened.read = [&](uint64_t offset, std::span<unsigned char> out) {
-      return ReadSource(item, offset, out);
-    };
-  }
-  m_state.hostView.SetOpenedItem(&opened);
-  const int result = m_image.InsertFile(opened.path.c_str(), m_partition, &m_observer);
-  m_state.hostView.SetOpenedItem(nullptr);
-  return result;
+void ImageDraft::EndItem(const SourceItem& item, const Place& place) {
+  const ScopedLibraryState scope(m_state);
+  const auto bytes = static_cast<int64_t>(m_output.Position() - place.begin);
+  if (m_image.EndItem(bytes, static_cast<uint32_t>(item.status.size)) != 0) FailAsTooLarge();
+  m_index.AddZeroEntries(place.begin, place.zeroEntries);
 }
 
-// What goes wrong with bytes of the host is a problem of the item, like that with a file.
-bool ImageDraft::ReadSource(const SourceItem& item, uint64_t offset, std::span<unsigned char> out) {
-  try {
-    const ImageFile bytes(item.bytes, item.path);
-    if (bytes.ReadAt(offset, out) == out.size()) return true;
-    m_sourceProblem = kChanged;
-  } catch (const ShortageError&) {
-    m_observer.thrown = std::current_exception();
-  } catch (const Error& error) {
-    m_sourceProblem = error.Reason();
-  } catch (...) {
-    m_observer.thrown = std::current_exception();
-  }
-  return false;
+void ImageDraft::FailAsTooLarge() const {
+  Fail(ErrorKind::Unsupported,
+       "image would be larger than " + std::to_string(kMaxImageSize) + " bytes");
 }
 
-// Called when the source is as it was: then the image may be what could not take the item.
-void ImageDraft::ThrowIfFull(int error, uint64_t size) {
-  const auto end = static_cast<uint64_t>(m_image.GetWriteOffset());
-  if (MostBytes(size) + kPartitionTrailerSize > static_cast<uint64_t>(kMaxImageSize) - end) {
-    Fail(ErrorKind::Unsupported,
-         "image would be larger than " + std::to_string(kMaxImageSize) + " bytes");
+void ImageDraft::Put(std::span<const unsigned char> bytes) {
+  const auto taken = static_cast<int64_t>(m_output.Position()) - m_image.GetWriteOffset();
+  if (!m_image.HasRoomFor(taken + static_cast<int64_t>(bytes.size()))) FailAsTooLarge();
+  m_output.Append(bytes);
+  m_index.Take(bytes);
+}
+
+void ImageDraft::Lay(SpanJob& span) {
+  LongFile& file = span.File();
+  if (span.Begin() == 0) BeginLong(file.item);
+  if (m_long->problem.empty()) TakeSpan(span);
+  if (span.IsLast()) EndLong(file);
+}
+
+void ImageDraft::BeginLong(const SourceItem& item) {
+  m_long.emplace();
+  m_long->section = m_index.Mark();
+  m_long->place = BeginItem(item);
+}
+
+void ImageDraft::TakeSpan(SpanJob& span) {
+  EncodedSpan& encoded = span.Encoded();
+  if (span.Begin() != 0 && encoded.problem.empty() && encoded.begin) {
+    ++m_seams;
+    if (!m_long->state->GoesOnLike(*encoded.begin)) {
+      ++m_seamsRedone;
+      encoded = m_encoders.Own().EncodeSpan(span.File(), span.Begin(), *m_long->state);
+    }
   }
-  if (!platform::CanGrow(m_temporary.Descriptor(), static_cast<int64_t>(end),
-                         static_cast<int64_t>(MostBytes(size)))) {
-    FailAs("write", errno);
+  m_long->problem = encoded.problem;
+  if (!encoded.problem.empty()) return;
+  if (span.Begin() != 0) {
+    IndexRecord point = RestartRecord(m_output.Position(), span.Begin(), encoded.history);
+    point.length = encoded.firstRecord;
+    m_long->restarts.push_back(std::move(point));
   }
-  if (error == EIO) FailAs("write", error);
+  Put(encoded.bytes);
+  m_long->check.Update(encoded.bytes);
+  m_long->state = std::move(encoded.end);
+  m_settings.onBytes(span.File().item, span.End());
+}
+
+void ImageDraft::EndLong(const LongFile& file) {
+  OpenFile open = std::move(*m_long);
+  m_long.reset();
+  if (open.problem.empty()) open.problem = ChangeOf(file.item);
+  if (!open.problem.empty()) {
+    m_output.GoTo(open.place.begin);
+    m_index.GoBack(open.section);
+  } else {
+    EndItem(file.item, open.place);
+    const uint64_t offset = open.place.offset;
+    m_index.AddFile(file.item.relative, offset, m_output.Position() - offset, file.item.status.size,
+                    open.check.Value(), std::move(open.restarts));
+  }
+  m_settings.onItem(file.item, open.problem);
 }
 
 bool ImageDraft::IsOwnFile(const platform::FileIdentity& identity) const {
@@ -203,26 +245,59 @@ bool ImageDraft::IsOwnFile(const platform::FileIdentity& identity) const {
 }
 
 uint64_t ImageDraft::Complete(int* syncProblem) {
+  Settle();
+  m_output.Flush();
+  const uint64_t bytes = AppendIndex();
+  if (const char* step = m_temporary.Publish(syncProblem)) FailAs(step, errno);
+  return bytes;
+}
+
+uint64_t ImageDraft::AppendIndex() {
+  const auto at = static_cast<uint64_t>(m_image.GetWriteOffset());
+  const int levels = m_image.GetCurrentPartitionPtr()->GetHierarchyLevel();
   {
     const ScopedLibraryState scope(m_state);
     errno = 0;
     if (m_image.CloseImageFile() != 0) FailAs("write", errno != 0 ? errno : EIO);
     m_open = false;
   }
+  for (int i = 0; i < levels; ++i) m_index.Take(EncodeZeroEntry());
+  m_index.AddZeroEntries(at, levels);
+  const uint64_t trailer = at + uint64_t{kDirRecordSize} * static_cast<uint64_t>(levels);
+  m_index.EndSection(trailer);
+  const uint64_t end = trailer + kPartitionTrailerSize;
+  if (!platform::Truncate(m_temporary.Descriptor(), static_cast<int64_t>(end))) {
+    FailAs("truncate", errno);
+  }
+  if (!m_index.Fits(end)) return IndexBySections();
+  std::vector<unsigned char> header(kHeaderSize);
+  if (ImageFile(m_temporary.Descriptor(), m_name).ReadAt(0, header) != header.size()) {
+    FailAs("read of the header", EIO);
+  }
+  const std::string problem =
+      CompleteHeader(static_cast<uint32_t>(end),
+                     std::span<unsigned char, kHeaderSize>(header.data(), kHeaderSize));
+  if (!problem.empty()) Fail(ErrorKind::System, problem);
+  const uint64_t length = m_index.Finish(m_temporary.Descriptor(), end, header);
+  if (!platform::WriteAt(m_temporary.Descriptor(), header.data(), header.size(), 0)) {
+    FailAs("write of the header", errno);
+  }
+  return length;
+}
+
+// Near the largest size of an image it is to be seen what of the index it has room for.
+uint64_t ImageDraft::IndexBySections() {
   IndexWriter index(m_temporary.Descriptor(), m_name);
-  index.SetKnownRestarts(&m_observer.restarts);
   index.SetLabels(m_labels);
-  const IndexReport report = index.Write({.stop = m_observer.stop});
-  if (const char* step = m_temporary.Publish(syncProblem)) FailAs(step, errno);
-  return report.imageBytes;
+  return index.Write({.stop = m_settings.stop}).imageBytes;
 }
 
 void ImageDraft::CloseImage() {
   if (std::exchange(m_open, false)) m_image.CloseImageFileHandle();
 }
 
-void ImageDraft::ThrowIfCancelled() const {
-  if (m_observer.stop.stop_requested()) Fail(ErrorKind::Cancelled, "cancelled");
+void ImageDraft::Check() const {
+  if (m_settings.stop.stop_requested()) Fail(ErrorKind::Cancelled, "cancelled");
 }
 
 void ImageDraft::Fail(ErrorKind kind, const std::string& reason) const {

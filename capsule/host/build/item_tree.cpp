@@ -121,7 +121,6 @@ bool ItemTree::Next(SourceItem* item) {
   item->folder = folder.status;
   item->alias = folder.aliases.at(NameOf(path));
   item->attributes = from.attributes;
-  m_last = path;
   if (!from.source.empty()) {
     OpenSystemItem(from, item);
     return true;
@@ -148,6 +147,7 @@ void ItemTree::OpenSystemItem(const BuildItem& from, SourceItem* item) {
     const auto opened = item->file ? platform::StatusOf(item->file.Get()) : std::nullopt;
     if (!opened) ThrowSystemError(item->path, "", errno);
     item->status = *opened;
+    item->stamp = platform::StampOf(*opened);
   } else {
     throw Error(ErrorKind::Unsupported, item->path, "is neither a file nor a folder");
   }
@@ -158,14 +158,6 @@ bool ItemTree::NextBelow(SourceItem* item) {
   if (!m_walk->Next(item)) return false;
   item->relative = m_below + item->relative;
   return true;
-}
-
-void ItemTree::SkipFolder() {
-  if (m_walk) {
-    m_walk->SkipFolder();
-    return;
-  }
-  while (m_next != m_items.end() && m_next->first.starts_with(m_last)) ++m_next;
 }
 
 }  // namespace capsule::host

@@ -21,7 +21,6 @@ class ItemTree : public ItemWalk {
            SourceWalk::Filter filter);
 
   bool Next(SourceItem* item) override;
-  void SkipFolder() override;
 
  private:
   using Path = std::string;  // its segments, each with a zero byte behind it
@@ -40,7 +39,6 @@ class ItemTree : public ItemWalk {
   std::map<Path, BuildItem> m_items;  // folders that are only implied, too
   std::map<Path, BuildItem>::const_iterator m_next;
   std::map<Path, Folder> m_folders;
-  Path m_last;                       // handed out
   std::string m_below;               // where in the image m_walk is, with a '/' behind
   std::optional<SourceWalk> m_walk;  // in a folder of the system
 };

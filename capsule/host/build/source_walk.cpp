@@ -1,6 +1,7 @@
-// Every folder and file is opened from the descriptor of the folder above it and compared with what
-// was looked at before. Below 32 levels the descriptors of outer folders are closed; the way back
-// is "..", which must be the same folder, so depth costs no descriptors.
+// Every folder and file is opened from the descriptor of the folder above it, if the listing calls
+// it one: so devices are not opened, and nothing needs to be looked at before. Below 32 levels the
+// descriptors of outer folders are closed; the way back is "..", which must be the same folder, so
+// depth costs no descriptors.
 #include "capsule/host/build/source_walk.h"
 
 #include <algorithm>
@@ -9,6 +10,7 @@
 
 #include "capsule/host/error.h"
 #include "capsule/host/file/reason.h"
+#include "capsule/partition/record_format.h"
 #include "capsule/platform/ascii.h"
 #include "capsule/platform/folder.h"
 #include "capsule/platform/short_names.h"
@@ -23,8 +25,9 @@ constexpr const char* kChanged = "changed while it was read";
 constexpr size_t kKeptFolders = 32;
 
 // Names are taken from the end of the list, so the first in byte order stands last.
-void SortForTaking(std::vector<std::string>* names) {
-  std::sort(names->begin(), names->end(), std::greater<>());
+void SortForTaking(std::vector<platform::ListedItem>* items) {
+  std::sort(items->begin(), items->end(),
+            [](const auto& a, const auto& b) { return a.name > b.name; });
 }
 
 SourceItem::Kind KindOf(platform::FileKind kind) {
@@ -38,37 +41,26 @@ SourceItem::Kind KindOf(platform::FileKind kind) {
   }
 }
 
-void MarkUnreadable(SourceItem* item, std::string reason) {
-  item->kind = SourceItem::Kind::Unreadable;
-  item->reason = std::move(reason);
-}
-
-// `error` is what a call said about the item.
-void MarkFailed(SourceItem* item, int error) {
-  ThrowIfShort(item->path, "cannot be read", error);
-  // A link, or something else, in the place of what was looked at.
-  const bool isOther = error == ELOOP || error == ENOTDIR || error == EISDIR;
-  MarkUnreadable(item, isOther ? kChanged : SystemReason(error));
-}
-
-// Files that come and go decide no alias of others.
-std::vector<std::string> WithoutUnfinished(const platform::ScopedDescriptor& folder,
-                                           std::vector<std::string> names) {
-  std::erase_if(names, [&](const std::string& name) {
-    if (!platform::IsUnfinishedName(name)) return false;
-    const auto status = platform::StatusIn(folder.Get(), name);
-    return status && status->kind == platform::FileKind::Regular;
-  });
+// The names that decide aliases: files that come and go do not.
+std::vector<std::string> LastingNames(const std::vector<platform::ListedItem>& items) {
+  std::vector<std::string> names;
+  names.reserve(items.size());
+  for (const platform::ListedItem& item : items) {
+    const bool comesAndGoes =
+        item.kind == platform::FileKind::Regular && platform::IsUnfinishedName(item.name);
+    if (!comesAndGoes) names.push_back(item.name);
+  }
   return names;
 }
 
-bool IsSame(const platform::FileStatus& a, const platform::FileStatus& b) {
-  return a.identity == b.identity && a.kind == b.kind;
-}
+static_assert(kMaxLongNamePieces * kPieceUnits == 819);
 
 }  // namespace
 
 const char* NameProblem(std::string_view name) {
+  if (name.size() > kMaxLongNamePieces * kPieceUnits) {
+    return "an image cannot hold a name of more than 819 bytes";
+  }
   if (name.find('\\') != std::string_view::npos) return "an image cannot hold a name with a '\\'";
   if (name.ends_with('.')) return "an image cannot hold a name that ends with a '.'";
   if (name.ends_with('?')) return "an image cannot hold a name that ends with a '?'";
@@ -78,26 +70,27 @@ const char* NameProblem(std::string_view name) {
   return nullptr;
 }
 
-SourceWalk::SourceWalk(std::string root, Filter filter)
-    : m_root(std::move(root)), m_filter(std::move(filter)) {
+SourceWalk::SourceWalk(std::string root, Filter filter, Relief relief)
+    : m_root(std::move(root)), m_filter(std::move(filter)), m_relief(std::move(relief)) {
   platform::ScopedDescriptor folder(platform::OpenFolderBehind(m_root.c_str()));
   const auto status = folder ? platform::StatusOf(folder.Get()) : std::nullopt;
   if (!status || !Push(std::move(folder), *status)) ThrowSystemError(m_root, "", errno);
 }
 
 bool SourceWalk::Next(SourceItem* item) {
-  while (!m_frames.empty() && m_frames.back().names.empty()) Leave();
+  while (!m_frames.empty() && m_frames.back().items.empty()) Leave();
   if (m_frames.empty()) return false;
-  const std::string name = std::move(m_frames.back().names.back());
-  m_frames.back().names.pop_back();
-  Examine(name, item);
-  if (item->kind == SourceItem::Kind::File) OpenFile(name, item);
-  if (item->kind == SourceItem::Kind::Folder) Enter(name, item);
+  const platform::ListedItem listed = std::move(m_frames.back().items.back());
+  m_frames.back().items.pop_back();
+  Examine(listed, item);
+  if (item->kind == SourceItem::Kind::File) OpenFile(listed.name, item);
+  if (item->kind == SourceItem::Kind::Folder) Enter(listed.name, item);
   return true;
 }
 
-void SourceWalk::Examine(const std::string& name, SourceItem* item) {
+void SourceWalk::Examine(const platform::ListedItem& listed, SourceItem* item) {
   const Frame& frame = m_frames.back();
+  const std::string& name = listed.name;
   *item = SourceItem();
   item->relative = m_relative.empty() ? name : m_relative + '/' + name;
   item->path = m_root.ends_with('/') ? m_root + item->relative : m_root + '/' + item->relative;
@@ -106,39 +99,69 @@ void SourceWalk::Examine(const std::string& name, SourceItem* item) {
     item->kind = SourceItem::Kind::Excluded;
     return;
   }
-  if (!frame.folder) return MarkUnreadable(item, kChanged);
-  const auto status = platform::StatusIn(frame.folder.Get(), name);
-  if (!status) return MarkFailed(item, errno);
-  item->status = *status;
-  item->kind = KindOf(status->kind);
+  item->kind = KindOf(listed.kind.value_or(platform::FileKind::Other));
   if (item->kind == SourceItem::Kind::Special) return;
   if (item->kind == SourceItem::Kind::File && platform::IsUnfinishedName(name)) {
+    Look(name, item);
     item->kind = SourceItem::Kind::Unfinished;
     return;
   }
-  if (const char* problem = NameProblem(name)) return MarkUnreadable(item, problem);
+  if (!frame.folder) return LeaveOut(name, kChanged, item);
+  if (const char* problem = NameProblem(name)) return LeaveOut(name, problem, item);
   const auto alias = frame.aliases.find(name);
-  if (alias == frame.aliases.end()) return MarkUnreadable(item, "has no 8.3 name left to it");
+  if (alias == frame.aliases.end()) return LeaveOut(name, "has no 8.3 name left to it", item);
   item->alias = alias->second;
 }
 
+// What can be told of an item without opening it.
+void SourceWalk::Look(const std::string& name, SourceItem* item) const {
+  const auto& folder = m_frames.back().folder;
+  const auto status = folder ? platform::StatusIn(folder.Get(), name) : std::nullopt;
+  if (status) item->status = *status;
+}
+
+void SourceWalk::LeaveOut(const std::string& name, std::string reason, SourceItem* item) const {
+  Look(name, item);
+  item->kind = SourceItem::Kind::Unreadable;
+  item->reason = std::move(reason);
+}
+
+// `error` is what a call said about the item.
+void SourceWalk::LeaveOutFailed(const std::string& name, int error, SourceItem* item) const {
+  ThrowIfShort(item->path, "cannot be read", error);
+  // A link, or something else, in the place of what was listed.
+  const bool isOther = error == ELOOP || error == ENOTDIR || error == EISDIR;
+  LeaveOut(name, isOther ? kChanged : SystemReason(error), item);
+}
+
+// Opens an item of the current folder, once more where that gave descriptors back.
+template <typename Open>
+platform::ScopedDescriptor SourceWalk::OpenWith(Open open, const std::string& name) const {
+  const int folder = m_frames.back().folder.Get();
+  platform::ScopedDescriptor opened(open(folder, name.c_str()));
+  const bool isShort = !opened && (errno == EMFILE || errno == ENFILE);
+  if (!isShort) return opened;
+  const int reason = errno;
+  if (m_relief && m_relief()) return platform::ScopedDescriptor(open(folder, name.c_str()));
+  errno = reason;
+  return opened;
+}
+
 void SourceWalk::OpenFile(const std::string& name, SourceItem* item) {
-  item->file =
-      platform::ScopedDescriptor(platform::OpenFileIn(m_frames.back().folder.Get(), name.c_str()));
+  item->file = OpenWith(platform::OpenFileIn, name);
   const auto status = item->file ? platform::StatusOf(item->file.Get()) : std::nullopt;
-  if (!status) return MarkFailed(item, errno);
-  if (!IsSame(*status, item->status)) return MarkUnreadable(item, kChanged);
+  if (!status) return LeaveOutFailed(name, errno, item);
+  if (status->kind != platform::FileKind::Regular) return LeaveOut(name, kChanged, item);
   item->status = *status;
+  item->stamp = platform::StampOf(*status);
 }
 
 void SourceWalk::Enter(const std::string& name, SourceItem* item) {
-  platform::ScopedDescriptor folder(
-      platform::OpenFolderIn(m_frames.back().folder.Get(), name.c_str()));
+  platform::ScopedDescriptor folder = OpenWith(platform::OpenFolderIn, name);
   const auto status = folder ? platform::StatusOf(folder.Get()) : std::nullopt;
-  if (!status) return MarkFailed(item, errno);
-  if (!IsSame(*status, item->status)) return MarkUnreadable(item, kChanged);
+  if (!status) return LeaveOutFailed(name, errno, item);
   item->status = *status;
-  if (!Push(std::move(folder), *status)) return MarkFailed(item, errno);
+  if (!Push(std::move(folder), *status)) return LeaveOutFailed(name, errno, item);
   m_relative = item->relative;
   if (m_frames.size() > kKeptFolders) CloseAbove();
 }
@@ -152,13 +175,17 @@ void SourceWalk::CloseAbove() {
 
 // Lists the folder, which becomes the current one; false with errno when it cannot.
 bool SourceWalk::Push(platform::ScopedDescriptor folder, const platform::FileStatus& status) {
-  auto names = platform::ListDirectory(folder.Get());
-  if (!names) return false;
-  auto aliases =
-      platform::MakeAliases(WithoutUnfinished(folder, *names), platform::AliasPolicy::Exact);
-  SortForTaking(&*names);
+  auto items = platform::ListItems(folder.Get());
+  if (!items) return false;
+  for (platform::ListedItem& item : *items) {
+    if (item.kind) continue;
+    const auto found = platform::StatusIn(folder.Get(), item.name);
+    item.kind = found ? found->kind : platform::FileKind::Regular;  // opening tells what is wrong
+  }
+  auto aliases = platform::MakeAliases(LastingNames(*items), platform::AliasPolicy::Exact);
+  SortForTaking(&*items);
   m_frames.push_back(
-      {std::move(folder), status, std::move(*names), std::move(aliases), m_relative.size()});
+      {std::move(folder), status, std::move(*items), std::move(aliases), m_relative.size()});
   return true;
 }
 
@@ -175,7 +202,5 @@ void SourceWalk::Leave() {
 bool SourceWalk::IsAbove(const platform::ScopedDescriptor& above, const Frame& frame) const {
   return above && platform::Identify(above.Get()) == frame.status.identity;
 }
-
-void SourceWalk::SkipFolder() { m_frames.back().names.clear(); }
 
 }  // namespace capsule::host

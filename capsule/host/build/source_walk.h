@@ -4,8 +4,8 @@
 //   SourceItem item;
 //   while (walk.Next(&item)) ...
 //
-// Every item is looked at and opened once, from the descriptor of its folder: what becomes of its
-// path meanwhile, a link say, changes nothing. A folder is listed when it is handed out and its
+// Every item is opened once, from the descriptor of its folder, and then looked at: what becomes of
+// its path meanwhile, a link say, changes nothing. A folder is listed when it is handed out and its
 // items come right behind it, so memory is bounded by the names of the folders that are open, and
 // paths may be longer than the system takes. Running out of memory or descriptors ends a walk with
 // Error. One thread uses a walk.
@@ -40,6 +40,7 @@ struct SourceItem {
   std::string path;      // of the system
   std::string relative;  // to the walk's root, '/' between segments
   platform::FileStatus status;
+  platform::FileStamp stamp;                // of a file when it was opened
   platform::FileStatus folder;              // of the folder that it lies in
   std::string alias;                        // its 8.3 name
   platform::ScopedDescriptor file;          // open for reading, when it is one of the system
@@ -55,9 +56,6 @@ class ItemWalk {
 
   // The next item; false behind the last.
   virtual bool Next(SourceItem* item) = 0;
-
-  // Leaves out what lies in the folder handed out last.
-  virtual void SkipFolder() = 0;
 };
 
 // Why an image cannot hold an item of this name; null when it can.
@@ -68,11 +66,13 @@ class SourceWalk : public ItemWalk {
   // Whether an item is left out, by name and by path below the root.
   using Filter = std::function<bool(const std::string& name, const std::string& relative)>;
 
+  // Gives descriptors back where they have run out; whether there were any to give.
+  using Relief = std::function<bool()>;
+
   // Throws Error when `root` cannot be listed.
-  SourceWalk(std::string root, Filter filter);
+  SourceWalk(std::string root, Filter filter, Relief relief = {});
 
   bool Next(SourceItem* item) override;
-  void SkipFolder() override;
 
  private:
   struct Frame {
@@ -80,13 +80,18 @@ class SourceWalk : public ItemWalk {
     // cannot any more.
     platform::ScopedDescriptor folder;
     platform::FileStatus status;
-    std::vector<std::string> names;  // in byte order from the end on
+    std::vector<platform::ListedItem> items;  // names in byte order from the end on
     std::unordered_map<std::string, std::string> aliases;
     size_t pathLength = 0;  // of m_relative before this folder's name
   };
 
-  void Examine(const std::string& name, SourceItem* item);
+  void Examine(const platform::ListedItem& listed, SourceItem* item);
   void OpenFile(const std::string& name, SourceItem* item);
+  template <typename Open>
+  platform::ScopedDescriptor OpenWith(Open open, const std::string& name) const;
+  void Look(const std::string& name, SourceItem* item) const;
+  void LeaveOut(const std::string& name, std::string reason, SourceItem* item) const;
+  void LeaveOutFailed(const std::string& name, int error, SourceItem* item) const;
   void Enter(const std::string& name, SourceItem* item);
   bool Push(platform::ScopedDescriptor folder, const platform::FileStatus& status);
   void CloseAbove();
@@ -95,6 +100,7 @@ class SourceWalk : public ItemWalk {
 
   std::string m_root;
   Filter m_filter;
+  Relief m_relief;
   std::vector<Frame> m_frames;
   std::string m_relative;  // the open folder
 };
