@@ -18,6 +18,11 @@ void Configure(StreamCompressor& compressor, int level) {
   }
 }
 
+// Of a chunk of `length` bytes, padding and all, that is stored as it is.
+_MiniHeader StoredHeader(uint8_t flag, uint32_t length) {
+  return {kRecordDataBlock, flag, 0, static_cast<uint16_t>(length)};
+}
+
 }  // namespace
 
 RecordEncoder::RecordEncoder(StreamCompressor& compressor, int level)
@@ -28,8 +33,7 @@ RecordEncoder::RecordEncoder(StreamCompressor& compressor, int level)
 std::span<const unsigned char> RecordEncoder::Encode(std::span<const unsigned char> padded,
                                                      _MiniHeader* header) {
   const auto length = static_cast<uint32_t>(padded.size());
-  *header = {kRecordDataBlock, header->Flag, m_compresses ? length : 0,
-             static_cast<uint16_t>(length)};
+  *header = StoredHeader(header->Flag, length);
   if (!m_compresses) {
     std::copy(padded.begin(), padded.end(), Payload().begin());
   } else {
@@ -38,6 +42,7 @@ std::span<const unsigned char> RecordEncoder::Encode(std::span<const unsigned ch
     const uint32_t stored = StoredUnitLength(size, length);
     if (size == 0 || stored > kCompressedChunkRoom) return {};
     if (stored > size) Payload()[size] = 0;
+    header->Param = length;
     header->Length = static_cast<uint16_t>(stored);
   }
   const auto bytes = EncodeMiniHeader(*header);
@@ -47,14 +52,20 @@ std::span<const unsigned char> RecordEncoder::Encode(std::span<const unsigned ch
 
 bool RecordEncoder::Append(std::span<const unsigned char> chunk, bool isLast,
                            std::vector<unsigned char>* out) {
+  const uint32_t length = PaddedChunkLength(static_cast<uint32_t>(chunk.size()));
+  _MiniHeader header = StoredHeader(isLast ? 1 : 0, length);
+  if (!m_compresses) {
+    const auto bytes = EncodeMiniHeader(header);
+    out->insert(out->end(), bytes.begin(), bytes.end());
+    out->insert(out->end(), chunk.begin(), chunk.end());
+    out->resize(out->size() + length - chunk.size());
+    return true;
+  }
   std::array<unsigned char, kChunkSize> padded;
-  const size_t length = PaddedChunkLength(static_cast<uint32_t>(chunk.size()));
   if (length != chunk.size()) {
     std::fill(std::copy(chunk.begin(), chunk.end(), padded.begin()), padded.end(), uint8_t{0});
     chunk = std::span(padded).first(length);
   }
-  _MiniHeader header{};
-  header.Flag = isLast ? 1 : 0;
   const auto record = Encode(chunk, &header);
   out->insert(out->end(), record.begin(), record.end());
   return !record.empty();
