@@ -1,23 +1,22 @@
 // The map of the image is taken item by item: a file of a FAT-style section is decoded when the map
-// has passed its records, and the index is compared as it comes. The image is opened before that:
+// has passed its records, and the index is compared as it comes. What takes long is left to
+// VerifySteps, so while the map is taken nothing is told but by them. The image is opened before:
 // items are called as its tree calls them, and in the end all that opening found wrong is a fault.
 #include "capsule/host/verifier.h"
 
 #include <algorithm>
-#include <set>
 #include <vector>
 
 #include "capsule/container/stored_header.h"
 #include "capsule/host/error.h"
-#include "capsule/host/file/reason.h"
-#include "capsule/host/file/watch.h"
 #include "capsule/host/image.h"
 #include "capsule/host/index/image_header.h"
 #include "capsule/host/map/header_map.h"
 #include "capsule/host/map/image_mapper.h"
 #include "capsule/host/map/index_verifier.h"
 #include "capsule/host/records/ntfs_entry.h"
-#include "capsule/host/records/record_stream.h"
+#include "capsule/host/verify/telling.h"
+#include "capsule/host/verify/verify_steps.h"
 #include "capsule/partition/ntfs_format.h"
 #include "capsule/partition/record_format.h"
 
@@ -52,19 +51,22 @@ class VerifyRun {
       : m_image(image),
         m_tree(OpenLeft(image, &m_whyNotOpen)),
         m_compressed(header.compressed),
-        m_take(take),
-        m_watch(image.Name(), options.onProgress, options.stop),
+        m_telling{take, Watch(image.Name(), options.onProgress, options.stop)},
         m_window(image),
-        m_index(m_window, image.Size(),
-                [this](uint64_t offset, const std::string& path, const std::string& reason) {
-                  Tell(offset, path, reason);
-                }),
-        m_restarts(RestartsOf(image, header)) {}
+        m_restarts(RestartsOf(image, header)),
+        m_steps(image, m_restarts, m_telling, options),
+        m_index(
+            m_window, image.Size(),
+            [this](uint64_t offset, const std::string& path, std::string reason) {
+              m_steps.AddFault(offset, path, std::move(reason));
+            },
+            [this](CheckedRegion region, const std::string& path) {
+              m_steps.AddRegion(std::move(region), path);
+            }) {}
 
   VerifyReport Verify() {
     m_watch.Now().bytesTotal = m_image.Size();
-    MapImage(m_image, m_tree.get(), [this](const MapItem& item) { Take(item); });
-    CloseFile();
+    TakeMap();
     TellUnnamed();
     CompareWithOpening();
     m_report.checkValues = m_index.CheckValues();
@@ -73,7 +75,19 @@ class VerifyRun {
   }
 
  private:
+  void TakeMap() {
+    try {
+      MapImage(m_image, m_tree.get(), [this](const MapItem& item) { Take(item); });
+    } catch (...) {
+      m_steps.SettleBeforeThrowing();
+      throw;
+    }
+    CloseFile();
+    m_steps.Settle();
+  }
+
   void Take(const MapItem& item) {
+    m_steps.Proceed();
     const bool ofFile = item.kind == MapItem::Kind::DataBlock && item.problem.empty();
     if (m_file.isOpen && ofFile) {
       m_watch.Check();
@@ -84,11 +98,13 @@ class VerifyRun {
     const bool isHit = !item.problem.empty() && item.path == m_file.path;
     if (m_file.isOpen && isHit) {
       m_file.isOpen = false;
-      ++m_report.files;
+      m_steps.AddUnreadFile();
     }
     CloseFile();
-    m_watch.TellWithin(item.offset, item.path);
-    if (!item.problem.empty()) Tell(item.offset, item.path, KindOf(item) + item.problem);
+    m_steps.AddPlace(item.offset, item.path);
+    if (!item.problem.empty()) {
+      m_steps.AddFault(item.offset, item.path, KindOf(item) + item.problem);
+    }
     m_report.hasIndex = m_report.hasIndex || item.kind == MapItem::Kind::IndexStart;
     if (item.kind == MapItem::Kind::NtfsRecord) TakeNtfs(item);
     m_index.Take(item);
@@ -118,11 +134,10 @@ class VerifyRun {
     return item.kind == MapItem::Kind::Gap ? "" : std::string(MapKindName(item.kind)) + ": ";
   }
 
-  // Decodes the file that has been passed.
+  // The file that has been passed is to be decoded.
   void CloseFile() {
     if (!m_file.isOpen) return;
     m_file.isOpen = false;
-    m_watch.Now().files = ++m_report.files;
     RecordSource source;
     source.image = m_image;
     source.rules.imageIsCompressed = m_compressed;
@@ -130,47 +145,7 @@ class VerifyRun {
     source.limit = m_file.end;
     source.size = m_file.size;
     source.entryPath = m_file.path;
-    try {
-      if (source.size == 0) return;
-      RecordStream stream(source);
-      while (stream.ChunkEnd() < source.size) {
-        CompareRestarts(stream);
-        m_watch.TellWithin(stream.Position(), m_file.path);
-        stream.Advance(source.size);
-      }
-      TellRestartsBefore(m_file.end);
-      m_report.bytes += source.size;
-    } catch (const Error& error) {
-      if (m_watch.IsEnd(error)) throw;
-      TellError(error, m_file.path, m_file.begin);
-    }
-  }
-
-  // What the index tells of the place where the stream stands.
-  void CompareRestarts(const RecordStream& stream) {
-    TellRestartsBefore(stream.Position());
-    if (m_restart == m_restarts.size() || m_restarts[m_restart].record > stream.Position()) return;
-    const RestartPoint& point = m_restarts[m_restart++];
-    if (point.fileOffset != stream.ChunkEnd()) {
-      Tell(point.record, m_file.path,
-           "restart point is for byte " + std::to_string(point.fileOffset) + " of the file, byte " +
-               std::to_string(stream.ChunkEnd()) + " is here");
-      return;
-    }
-    const auto history = m_window.At(point.history, point.historyLength);
-    const auto wanted = stream.History();
-    if (!std::equal(history.begin(), history.end(), wanted.begin(), wanted.end())) {
-      Tell(point.record, m_file.path, "restart point has another history than the file");
-    }
-  }
-
-  // Restart points of the file that no record is at.
-  void TellRestartsBefore(uint64_t offset) {
-    for (; m_restart < m_restarts.size() && m_restarts[m_restart].record < offset; ++m_restart) {
-      const uint64_t record = m_restarts[m_restart].record;
-      if (record >= m_file.begin)
-        Tell(record, m_file.path, "restart point is where no data block begins");
-    }
+    m_steps.AddFile(std::move(source));
   }
 
   // The reason without the path that it begins with.
@@ -197,7 +172,7 @@ class VerifyRun {
     if (!m_tree) return;
     const Image& image = *m_tree;
     for (const ImageProblem& problem : image.Problems()) {
-      if (!problem.offset || !m_told.contains(*problem.offset)) {
+      if (!problem.offset || !m_telling.told.contains(*problem.offset)) {
         Tell(problem.offset.value_or(0), problem.path, problem.reason);
       }
     }
@@ -239,24 +214,21 @@ class VerifyRun {
   }
 
   void Tell(uint64_t offset, const std::string& path, const std::string& reason) {
-    ++m_report.faults;
-    m_told.insert(offset);
-    m_take({offset, path, reason});
+    m_telling.Tell(offset, path, reason);
   }
 
   ImageFile m_image;
   std::optional<Error> m_whyNotOpen;
   std::unique_ptr<Image> m_tree;
   bool m_compressed;
-  const std::function<void(const Fault&)>& m_take;
-  Watch m_watch;
+  Telling m_telling;
+  Watch& m_watch = m_telling.watch;
+  VerifyReport& m_report = m_telling.report;
   FileWindow m_window;
-  IndexVerifier m_index;
-  VerifyReport m_report;
-  std::set<uint64_t> m_told;  // offsets of faults
   OpenFile m_file;
   std::vector<RestartPoint> m_restarts;  // by record
-  size_t m_restart = 0;                  // the next
+  VerifySteps m_steps;
+  IndexVerifier m_index;
   bool m_ntfs = false;
   uint64_t m_ntfsEntry = 0;
   std::vector<uint64_t> m_bare;  // files of NTFS partitions without data records

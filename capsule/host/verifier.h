@@ -15,7 +15,10 @@
 // Files of the file system's own in NTFS partitions ($MFT and the like) may be without data:
 // writers leave it out.
 //
-// Memory: that of the open image, and 4 bytes for each file and folder.
+// Many threads decode and compare, reading the source at once; faults and progress are told on the
+// thread that calls Run, and are the same with any number of threads.
+//
+// Memory: that of the open image, 4 bytes for each file and folder, and some MB a thread.
 #pragma once
 
 #include <cstdint>
@@ -48,6 +51,7 @@ struct VerifyReport {
 struct VerifyOptions {
   OnProgress onProgress{};  // its bytes are those of the image
   std::stop_token stop{};
+  int jobs = 0;  // threads that decode; 0: one a processor, 1: none but the caller's
 };
 
 class CAPSULE_API Verifier {

@@ -20,7 +20,30 @@ void Keep(uint64_t offset, std::vector<uint32_t>* places, std::vector<bool>* nam
   named->push_back(false);
 }
 
+// False when the image ends before `end`.
+template <typename TakeBytes>
+bool Read(FileWindow& window, uint64_t begin, uint64_t end, TakeBytes take) {
+  while (begin < end) {
+    const auto count = std::min<uint64_t>(end - begin, FileWindow::kSize);
+    const auto bytes = window.At(begin, static_cast<size_t>(count));
+    if (bytes.empty()) return false;
+    take(bytes);
+    begin += bytes.size();
+  }
+  return true;
+}
+
 }  // namespace
+
+std::string JudgeRegion(FileWindow& window, const CheckedRegion& region) {
+  RunningChecksum checksum;
+  const bool complete = Read(window, region.begin, region.end,
+                             [&](std::span<const unsigned char> b) { checksum.Update(b); });
+  const std::string found = ChecksumDigits(checksum.Value());
+  if (complete && found == region.stated) return {};
+  return "check value of " + std::string(region.what) + " is " + region.stated + ", its " +
+         std::to_string(region.end - region.begin) + " bytes give " + found;
+}
 
 void IndexVerifier::Take(const MapItem& item) {
   switch (item.kind) {
@@ -47,7 +70,8 @@ void IndexVerifier::TakeStart(const MapItem& item) {
   m_checked = item.type == 1;
   if (!m_checked) return;
   IndexChecksum checksum;
-  Read(item.offset + kIndexPreamble, m_fileBytes, [&](auto bytes) { checksum.Update(bytes); });
+  Read(m_window, item.offset + kIndexPreamble, m_fileBytes,
+       [&](auto bytes) { checksum.Update(bytes); });
   ++m_checkValues;
   if (checksum.Value() == item.target) return;
   m_report(item.offset, "",
@@ -122,35 +146,17 @@ void IndexVerifier::TakeNote(const MapItem& item) {
     return;
   }
   m_budget -= item.targetLength;
-  RunningChecksum checksum;
-  const bool complete = Read(item.target, end, [&](auto bytes) { checksum.Update(bytes); });
-  const std::string found = ChecksumDigits(checksum.Value());
-  const std::string stated(SplitNoteName(item.name).value);
-  if (complete && found == stated) return;
   const bool isSection = std::binary_search(m_sections.begin(), m_sections.end(), item.target);
   const bool isFile = !isSection && item.target == m_lastTarget;
-  const std::string what = item.target == 0 ? "the header" : isSection ? "the section" : "the item";
-  m_report(item.target, isFile ? m_lastPath : "",
-           "check value of " + what + " is " + stated + ", its " +
-               std::to_string(item.targetLength) + " bytes give " + found);
+  const char* what = item.target == 0 ? "the header" : isSection ? "the section" : "the item";
+  m_compare({item.target, end, std::string(SplitNoteName(item.name).value), what},
+            isFile ? m_lastPath : "");
 }
 
 // Where it leads is compared when its file is read.
 void IndexVerifier::TakeRestart(const MapItem& item) {
   if (item.target >= m_lastTarget && item.target + item.targetLength <= m_lastEnd) return;
   m_report(item.offset, m_lastPath, "restart point does not lie in the item before it");
-}
-
-bool IndexVerifier::Read(uint64_t begin, uint64_t end,
-                         const std::function<void(std::span<const unsigned char>)>& take) {
-  while (begin < end) {
-    const auto count = std::min<uint64_t>(end - begin, FileWindow::kSize);
-    const auto bytes = m_window.At(begin, static_cast<size_t>(count));
-    if (bytes.empty()) return false;
-    take(bytes);
-    begin += bytes.size();
-  }
-  return true;
 }
 
 bool IndexVerifier::Names(uint64_t offset) const {

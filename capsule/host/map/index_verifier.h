@@ -2,7 +2,8 @@
 //
 // 1. Everything that begins an entry is told before the first record of the index.
 // 2. Check values are computed over no more than four times the file: records that cover the same
-//    bytes again and again cost no more than that.
+//    bytes again and again cost no more than that. Those of the sections and items are handed out
+//    to be compared, since that takes long and depends on nothing else.
 #pragma once
 
 #include <cstdint>
@@ -17,15 +18,29 @@
 
 namespace capsule::host {
 
+// Bytes of an image for which its index has a check value.
+struct CheckedRegion {
+  uint64_t begin = 0;
+  uint64_t end = 0;
+  std::string stated;  // the check value
+  const char* what = "";
+};
+
+// What is wrong with the check value of a region, or nothing. Throws Error when the image cannot be
+// read.
+std::string JudgeRegion(FileWindow& window, const CheckedRegion& region);
+
 class IndexVerifier {
  public:
   using Report = std::function<void(uint64_t offset, const std::string& path, std::string reason)>;
+  using Compare = std::function<void(CheckedRegion region, const std::string& path)>;
 
-  IndexVerifier(FileWindow& window, uint64_t fileBytes, Report report)
+  IndexVerifier(FileWindow& window, uint64_t fileBytes, Report report, Compare compare)
       : m_window(window),
         m_fileBytes(fileBytes),
         m_budget(4 * fileBytes),
-        m_report(std::move(report)) {}
+        m_report(std::move(report)),
+        m_compare(std::move(compare)) {}
 
   // Takes every item of the map.
   void Take(const MapItem& item);
@@ -43,13 +58,12 @@ class IndexVerifier {
   void TakeRestart(const MapItem& item);
   bool StandsForUnused(const MapItem& item);
   void Mark(const std::vector<uint32_t>& places, std::vector<bool>* named, const MapItem& item);
-  bool Read(uint64_t begin, uint64_t end,
-            const std::function<void(std::span<const unsigned char>)>& take);
 
   FileWindow& m_window;
   uint64_t m_fileBytes;
   uint64_t m_budget;
   Report m_report;
+  Compare m_compare;
   std::vector<uint32_t> m_entries;   // where they begin, ascending
   std::vector<uint32_t> m_closings;  // last bytes of trailers, which may be named
   std::vector<uint32_t> m_sections;
