@@ -60,6 +60,12 @@ class ProgressTest : public testing::Test {
         static_cast<void>(IndexWriter(m_dir / "x.cap").Write({how, tell, stop}));
       };
     };
+    const auto verify = [this](int jobs) {
+      return [this, jobs](OnProgress tell, std::stop_token stop) {
+        const auto take = [](const Fault& fault) { ADD_FAILURE() << fault.reason; };
+        static_cast<void>(Verifier(m_dir / "x.cap").Run(take, {tell, stop, jobs}));
+      };
+    };
     return {
         {"build",
          [this](OnProgress tell, std::stop_token stop) {
@@ -82,11 +88,8 @@ class ProgressTest : public testing::Test {
                                {.onDamage = OnDamage::Zero, .onProgress = tell, .stop = stop});
            static_cast<void>(extractor.Run());
          }},
-        {"verify",
-         [this](OnProgress tell, std::stop_token stop) {
-           const auto take = [](const Fault& fault) { ADD_FAILURE() << fault.reason; };
-           static_cast<void>(Verifier(m_dir / "x.cap").Run(take, {tell, stop}));
-         }},
+        {"verify", verify(1)},
+        {"verify on threads", verify(3)},
         {"index", index(DamagedSections::Refuse)},
         {"index what is left", index(DamagedSections::IndexWhatIsLeft)},
     };

@@ -24,20 +24,26 @@ using test::SamplePath;
 const char* const kSamples[] = {"w_files_only.img", "w_names.img",    "w_three_open.img",
                                 "f_16384_lzs.img",  "n_flat_old.img", "h_compact_scrambled.img"};
 
-std::vector<Fault> FaultsOf(const std::string& path) {
-  std::vector<Fault> faults;
-  const VerifyReport report =
-      Verifier(path).Run([&](const Fault& fault) { faults.push_back(fault); });
-  EXPECT_EQ(report.faults, faults.size());
-  return faults;
-}
-
 std::string Spelled(const std::vector<Fault>& faults) {
   std::string text;
   for (const Fault& fault : faults) {
     text += std::to_string(fault.offset) + " [" + fault.path + "] " + fault.reason + "\n";
   }
   return text;
+}
+
+// The same with any number of threads.
+std::vector<Fault> FaultsOf(const std::string& path) {
+  std::vector<Fault> first;
+  for (const int jobs : {1, 3}) {
+    std::vector<Fault> faults;
+    const VerifyReport report =
+        Verifier(path).Run([&](const Fault& fault) { faults.push_back(fault); }, {.jobs = jobs});
+    EXPECT_EQ(report.faults, faults.size());
+    if (jobs == 1) first = faults;
+    EXPECT_EQ(Spelled(faults), Spelled(first));
+  }
+  return first;
 }
 
 void ExpectFault(const std::vector<Fault>& faults, uint64_t offset, const std::string& path,

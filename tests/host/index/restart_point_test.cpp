@@ -12,6 +12,7 @@
 #include "capsule/host/image_builder.h"
 #include "capsule/host/image_map.h"
 #include "capsule/host/index_writer.h"
+#include "capsule/host/message_text.h"
 #include "capsule/host/verifier.h"
 #include "capsule/platform/little_endian.h"
 #include "tests/support/bytes.h"
@@ -70,6 +71,30 @@ class RestartPoints : public testing::Test {
     platform::StoreLe32(value.data(), checksum.Value());
     std::copy(value.begin(), value.end(), &bytes[index + 3]);
     test::WriteFile(m_path, bytes);
+  }
+
+  // The faults; they and all else that is told are the same with any number of threads.
+  std::string Faults() const {
+    std::string first;
+    std::string faults;
+    for (const int jobs : {1, 2, 8}) {
+      std::string told;
+      faults.clear();
+      VerifyOptions options{.jobs = jobs};
+      options.onProgress = [&](const Progress& at) {
+        told += at.path + ' ' + std::to_string(at.bytesDone) + '\n';
+      };
+      const auto report = Verifier(m_path).Run(
+          [&](const Fault& fault) {
+            faults += fault.path + ": " + fault.reason;
+            told += faults;
+          },
+          options);
+      told += std::to_string(report.files) + ' ' + std::to_string(report.bytes);
+      if (jobs == 1) first = told;
+      EXPECT_EQ(told, first) << jobs;
+    }
+    return faults;
   }
 
   test::TempDir m_folder;
@@ -132,10 +157,7 @@ TEST_F(RestartPoints, AreVerified) {
     std::string bytes = m_bytes;
     bytes[note.offset + at] ^= 1;
     SaveWithNewCheckValue(bytes);
-    std::string text;
-    static_cast<void>(Verifier(m_path).Run(
-        [&](const Fault& fault) { text += fault.path + ": " + fault.reason; }));
-    return text;
+    return Faults();
   };
   constexpr size_t kName = 3;
   const std::string start = "0:/long.txt: restart point ";
@@ -146,6 +168,31 @@ TEST_F(RestartPoints, AreVerified) {
   EXPECT_EQ(faults(m_notes[6], m_notes[6].length - 8),
             start + "does not lie in the item before it");
   EXPECT_EQ(faults(m_notes[0], kName), "");  // no longer one
+  // At the fourth, decoding begins on another thread.
+  EXPECT_EQ(faults(m_notes[3], kName + 6),
+            start + "is for byte 4194560 of the file, byte 4194304 is here");
+  EXPECT_EQ(faults(m_notes[3], kName + 1000), start + "has another history than the file");
+  EXPECT_EQ(faults(m_notes[3], m_notes[3].length - 8), start + "is where no data block begins");
+  EXPECT_EQ(faults(m_notes[3], kName), "");
+}
+
+// What is told of a long file does not depend on where it is parted.
+TEST_F(RestartPoints, AreWhereFilesArePartedWhenVerified) {
+  Build(6);
+  const std::string whole = m_bytes;
+  for (const size_t chunk : {0, 511, 512, 600}) {
+    m_bytes = whole;
+    Damage(chunk * 8192);
+    EXPECT_NE(Faults().find("data block at " + Hex(m_blocks[chunk])), std::string::npos) << chunk;
+  }
+  size_t others = 0;
+  for (size_t back = 9; back < 2000; back += 101) {
+    std::string bytes = whole;
+    bytes[m_blocks[512] - back] ^= 1;
+    test::WriteFile(m_path, bytes);
+    others += Faults().find("has another history than the file") == std::string::npos ? 0 : 1;
+  }
+  EXPECT_GT(others, 5U);
 }
 
 }  // namespace
