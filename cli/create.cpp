@@ -6,12 +6,11 @@
 
 #include "capsule/host/image_builder.h"
 #include "cli/command.h"
+#include "cli/jobs.h"
 #include "cli/text.h"
 
 namespace capsule::cli {
 namespace {
-
-constexpr uint64_t kMostJobs = 1024;
 
 struct CreateArguments {
   std::string image;
@@ -75,7 +74,7 @@ host::BuildReport Build(const CreateArguments& arguments, host::ImageBuilder& bu
 
 int Create(CreateArguments& arguments, Talk& talk) {
   arguments.options.labelsFolders = true;
-  arguments.options.jobs = static_cast<int>(std::min<uint64_t>(arguments.jobs, kMostJobs));
+  arguments.options.jobs = Jobs(arguments.jobs);
   arguments.options.onProgress = [&talk](const host::Progress& at) { talk.Progress(at); };
   host::ImageBuilder builder(arguments.image, arguments.options);
   const host::BuildReport report = Build(arguments, builder, talk);
@@ -112,8 +111,7 @@ void DeclareCreate(CommandLine& line) {
   command.Required("IMAGE", arguments->image, "The image file to make");
   command.Required("DIR", arguments->directories, "Folders to take in, at most ten");
   DeclareLevels(command, arguments->options.level);
-  command.Number("-j,--jobs", arguments->jobs,
-                 "Threads that compress; one a processor unless given");
+  AddJobsOption(command, arguments->jobs, "Threads that compress; one a processor unless given");
   command.Flag("--force", arguments->options.force, "Replace a file that is not an image");
   command.Text("--label", arguments->options.label, "TEXT", "Text to keep in the header");
   command.Texts("--exclude", arguments->options.excludes, "GLOB",

@@ -3,6 +3,7 @@
 #include "capsule/host/extractor.h"
 #include "cli/command.h"
 #include "cli/damage.h"
+#include "cli/jobs.h"
 #include "cli/opening.h"
 #include "cli/output.h"
 #include "cli/text.h"
@@ -16,6 +17,7 @@ struct ExtractArguments {
   std::string target = ".";
   bool force = false;
   bool json = false;
+  uint64_t jobs = 0;
   std::string onDamage = "stop";
 };
 
@@ -38,6 +40,7 @@ int Extract(const ExtractArguments& arguments, Talk& talk) {
   const host::Image image = OpenImage(arguments.image);
   host::ExtractOptions options;
   options.force = arguments.force;
+  options.jobs = Jobs(arguments.jobs);
   Output output;
   options.onDamage = DamageChoice(arguments.onDamage);
   options.onLost = [&](const std::string& path, const host::LostRange& lost) {
@@ -71,6 +74,8 @@ void DeclareExtract(CommandLine& line) {
   command.Required("IMAGE", arguments->image, "The image file");
   command.Optional("PATH", arguments->paths, "What to extract; everything by default");
   command.Text("-C,--directory", arguments->target, "DIR", "The folder to write to");
+  AddJobsOption(command, arguments->jobs,
+                "Threads that decode and write; one a processor unless given");
   command.Flag("--force", arguments->force, "Replace existing files");
   AddDamageOption(command, arguments->onDamage);
   command.Flag("--json", arguments->json,

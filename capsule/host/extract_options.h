@@ -23,6 +23,11 @@ struct ExtractOptions {
 
   OnProgress onProgress{};  // told behind every item, and within long files
   std::stop_token stop{};   // ends the extraction: what is complete by then stays
+
+  // Threads that decode and write; 0: one a processor. Whatever their number, what comes out is the
+  // same, and callbacks are called on the thread of Extractor::Run, in the order of the image. With
+  // 1 there are no other threads. Unless `onDamage` is Stop, files are read on that thread alone.
+  int jobs = 0;
 };
 
 }  // namespace capsule::host

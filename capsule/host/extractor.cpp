@@ -5,19 +5,20 @@
 //    that the walk came from: so depth costs no descriptors, and a folder that is moved away
 //    meanwhile ends the extraction instead of leading it elsewhere.
 // 2. A name is judged as it will be used and is not changed afterwards.
-// 3. A folder's times are set when the walk leaves it, after its contents.
+// 3. What is found on the walk becomes work, which is done, and told, in the order in which it was
+//    found: the walk is ahead of it, but not far. A folder's times are set in their turn, after its
+//    contents.
+// 4. A folder that files under way still hold open is used again when the walk comes back to it.
 #include "capsule/host/extractor.h"
 
 #include <algorithm>
 #include <cerrno>
 #include <unordered_map>
 
-#include "capsule/host/extract/file_extraction.h"
+#include "capsule/host/extract/extract_work.h"
 #include "capsule/host/file/reason.h"
 #include "capsule/host/file/watch.h"
 #include "capsule/platform/folder.h"
-#include "capsule/platform/scoped_descriptor.h"
-#include "capsule/platform/unfinished_file.h"
 
 namespace capsule::host {
 namespace {
@@ -42,6 +43,7 @@ struct Extractor::Impl {
     bool isWanted = false;  // everything below is
     bool isNew = false;
     platform::FileIdentity identity;
+    std::weak_ptr<TargetFolder> open;
   };
 
   Impl(const Image& source, std::filesystem::path path, ExtractOptions settings)
@@ -50,32 +52,33 @@ struct Extractor::Impl {
         options(std::move(settings)),
         watch(target.string(), options.onProgress, options.stop) {}
 
-  void OpenTarget();
+  SharedFolder OpenTarget() const;
   void Walk(const Entry& root);
   void Visit(const Entry& entry);
   bool Enter(const Entry& folder, std::string_view name, bool isWanted);
   void Leave();
-  void ExtractFile(const Entry& file);
-  bool OpenOrMake(const std::string& name, const Entry& folder, bool* isNew);
-  platform::FileIdentity IdentityOf(const platform::ScopedDescriptor& folder) const;
-  void Problem(const Entry& entry, std::string reason);
-  void Tell(const Entry& entry);
+  bool OpenOrMake(const std::string& name, const Entry& folder);
+  int OpenSubfolder(const char* name);
+  platform::FileIdentity IdentityOf(const TargetFolder& folder) const;
   uint64_t BytesToExtract() const;
 
   const Image& image;
   std::filesystem::path target;
   ExtractOptions options;
   Watch watch;
-  uint64_t passed = 0;                        // bytes of files that are done, or left out
   std::unordered_map<uint32_t, bool> chosen;  // by node: true: wanted; false: leads to a wanted one
-  platform::ScopedDescriptor current;
+  SharedFolder current;
   std::vector<Level> levels;
-  ExtractReport report;
+  ExtractWork* work = nullptr;  // of the run
 };
 
-void Extractor::Impl::OpenTarget() {
-  current = platform::ScopedDescriptor(platform::OpenFolder(target.c_str()));
-  if (current) return platform::RemoveLeftOvers(current.Get());
+SharedFolder Extractor::Impl::OpenTarget() const {
+  auto folder = std::make_shared<TargetFolder>();
+  folder->descriptor = platform::ScopedDescriptor(platform::OpenFolder(target.c_str()));
+  if (folder->descriptor) {
+    platform::RemoveLeftOvers(folder->Get());
+    return folder;
+  }
   const int reason = errno;
   const bool isLink = reason == ELOOP || (reason == ENOTDIR && std::filesystem::is_symlink(target));
   if (!isLink) ThrowSystemError(target.string(), "cannot open", reason);
@@ -83,20 +86,10 @@ void Extractor::Impl::OpenTarget() {
               "is a link; name the folder it leads to, or end it with '/'");
 }
 
-platform::FileIdentity Extractor::Impl::IdentityOf(const platform::ScopedDescriptor& folder) const {
+platform::FileIdentity Extractor::Impl::IdentityOf(const TargetFolder& folder) const {
   const auto identity = platform::Identify(folder.Get());
   if (!identity) ThrowSystemError(target.string(), "cannot look at a folder", errno);
   return *identity;
-}
-
-void Extractor::Impl::Problem(const Entry& entry, std::string reason) {
-  report.problems.push_back({entry.Path(), std::move(reason)});
-}
-
-void Extractor::Impl::Tell(const Entry& entry) {
-  watch.Now().files = report.files;
-  watch.Now().directories = report.directories;
-  watch.Tell(passed, watch.IsHeard() ? entry.Path() : "");
 }
 
 // The sizes of the files that are wanted.
@@ -117,34 +110,44 @@ uint64_t Extractor::Impl::BytesToExtract() const {
   return bytes;
 }
 
+// Where descriptors run out, those of folders that wait for their turn come back first.
+int Extractor::Impl::OpenSubfolder(const char* name) {
+  const int descriptor = platform::OpenFolderIn(current->Get(), name);
+  if (descriptor >= 0 || !IsShortage(errno)) return descriptor;
+  work->Finish();
+  return platform::OpenFolderIn(current->Get(), name);
+}
+
 // Opens the folder `name` of the current one, made if there is none; it becomes the current one.
-bool Extractor::Impl::OpenOrMake(const std::string& name, const Entry& folder, bool* isNew) {
-  *isNew = platform::MakeFolderIn(current.Get(), name.c_str());
-  if (!*isNew && errno != EEXIST) {
+bool Extractor::Impl::OpenOrMake(const std::string& name, const Entry& folder) {
+  const bool isNew = platform::MakeFolderIn(current->Get(), name.c_str());
+  if (!isNew && errno != EEXIST) {
     ThrowIfShort(folder.Path(), "cannot make the folder", errno);
-    Problem(folder, "cannot make the folder: " + SystemReason(errno));
+    work->Problem(folder, "cannot make the folder: " + SystemReason(errno));
     return false;
   }
-  platform::ScopedDescriptor opened(platform::OpenFolderIn(current.Get(), name.c_str()));
-  if (!opened) {
+  auto opened = std::make_shared<TargetFolder>();
+  opened->descriptor = platform::ScopedDescriptor(OpenSubfolder(name.c_str()));
+  if (!opened->descriptor) {
     const int reason = errno;
     ThrowIfShort(folder.Path(), "cannot enter the folder", reason);
-    Problem(folder, platform::LookIn(current.Get(), name.c_str()) == platform::Presence::Folder
-                        ? "cannot enter the folder: " + SystemReason(reason)
-                        : "something that is not a folder is in the way");
+    const auto found = platform::LookIn(current->Get(), name.c_str());
+    work->Problem(folder, found == platform::Presence::Folder
+                              ? "cannot enter the folder: " + SystemReason(reason)
+                              : "something that is not a folder is in the way");
     return false;
   }
+  opened->isNew = isNew;
   current = std::move(opened);
-  if (!*isNew) platform::RemoveLeftOvers(current.Get());
+  if (!isNew) platform::RemoveLeftOvers(current->Get());
   return true;
 }
 
 bool Extractor::Impl::Enter(const Entry& folder, std::string_view name, bool isWanted) {
-  bool isNew = false;
-  if (!OpenOrMake(std::string(name), folder, &isNew)) return false;
-  levels.push_back({folder, folder.Children().begin(), isWanted, isNew, IdentityOf(current)});
-  if (isNew) ++report.directories;
-  Tell(folder);
+  if (!OpenOrMake(std::string(name), folder)) return false;
+  levels.push_back(
+      {folder, folder.Children().begin(), isWanted, current->isNew, IdentityOf(*current), current});
+  work->Entered(folder, current->isNew);
   return true;
 }
 
@@ -152,36 +155,17 @@ void Extractor::Impl::Leave() {
   const Level level = levels.back();
   levels.pop_back();
   // The way up is opened first: a folder that loses its permissions may not be asked any more.
-  platform::ScopedDescriptor above(platform::OpenFolderIn(current.Get(), ".."));
-  if (!above) ThrowSystemError(target.string(), "cannot go back up", errno);
-  if (IdentityOf(above) != levels.back().identity) {
+  auto above = std::make_shared<TargetFolder>();
+  above->descriptor = platform::ScopedDescriptor(OpenSubfolder(".."));
+  if (!above->descriptor) ThrowSystemError(target.string(), "cannot go back up", errno);
+  if (IdentityOf(*above) != levels.back().identity) {
     throw Error(ErrorKind::System, target.string(), "a folder in it was moved while extracting");
   }
-  if ((level.isNew || options.force) && !level.folder.IsRoot()) {
-    const auto time = level.folder.ModifiedTime();
-    const bool done = (!time || platform::SetTimes(current.Get(), *time)) &&
-                      (!level.folder.IsReadOnly() || platform::MakeReadOnly(current.Get()));
-    if (!done) Problem(level.folder, "cannot set times or permissions: " + SystemReason(errno));
-  }
-  current = std::move(above);
-}
-
-void Extractor::Impl::ExtractFile(const Entry& file) {
-  try {
-    const std::string path = watch.IsHeard() ? file.Path() : "";
-    const auto onBytes = [&](uint64_t bytes) { watch.TellWithin(passed + bytes, path); };
-    const ExtractedFile done = host::ExtractFile(image, file, current.Get(), options, onBytes);
-    report.bytes += done.bytes;
-    if (done.isDamaged) ++report.damagedFiles;
-    ++report.files;
-    passed += file.Size();
-    Tell(file);
-  } catch (const Error& error) {
-    if (watch.IsEnd(error)) throw;
-    passed += file.Size();
-    // The reader names the entry, and so does the report.
-    Problem(file, WithoutPath(error.Reason(), file.Path()));
-  }
+  if ((level.isNew || options.force) && !level.folder.IsRoot()) work->Left(level.folder, current);
+  above->isNew = levels.back().isNew;
+  const SharedFolder stillOpen = levels.back().open.lock();
+  current = stillOpen ? stillOpen : std::move(above);
+  levels.back().open = current;
 }
 
 void Extractor::Impl::Visit(const Entry& entry) {
@@ -196,11 +180,11 @@ void Extractor::Impl::Visit(const Entry& entry) {
     objection = "folders are nested too deep";
   }
   if (objection != nullptr) {
-    Problem(entry, objection);
+    work->Problem(entry, objection);
   } else if (entry.IsDirectory()) {
     Enter(entry, entry.Name(), isWanted);
   } else {
-    ExtractFile(entry);
+    work->File(entry, current);
   }
 }
 
@@ -208,9 +192,9 @@ void Extractor::Impl::Walk(const Entry& root) {
   const auto mark = chosen.find(root.m_id);
   if (!chosen.empty() && mark == chosen.end()) return;
   const bool isWanted = chosen.empty() || mark->second;
-  OpenTarget();
+  current = OpenTarget();
   levels.clear();
-  levels.push_back({root, root.Children().end(), false, false, IdentityOf(current)});
+  levels.push_back({root, root.Children().end(), false, false, IdentityOf(*current), current});
   if (image.Partitions() == 1) {
     levels.back().next = root.Children().begin();
     levels.back().isWanted = isWanted;
@@ -231,7 +215,7 @@ void Extractor::Impl::Walk(const Entry& root) {
 
 Extractor::Extractor(const Image& image, std::filesystem::path target, ExtractOptions options)
     : m_impl(std::make_unique<Impl>(image, std::move(target), std::move(options))) {
-  m_impl->OpenTarget();
+  static_cast<void>(m_impl->OpenTarget());
 }
 
 Extractor::~Extractor() = default;
@@ -247,11 +231,14 @@ void Extractor::Add(const Entry& entry) {
 }
 
 ExtractReport Extractor::Run() {
-  m_impl->report = {};
-  m_impl->passed = 0;
-  m_impl->watch.Restart(m_impl->watch.IsHeard() ? m_impl->BytesToExtract() : 0);
-  for (int n = 0; n < m_impl->image.Partitions(); ++n) m_impl->Walk(m_impl->image.Root(n));
-  return std::move(m_impl->report);
+  Impl& impl = *m_impl;
+  impl.watch.Restart(impl.watch.IsHeard() ? impl.BytesToExtract() : 0);
+  ExtractWork work(impl.image, impl.options, impl.watch);
+  impl.work = &work;
+  for (int n = 0; n < impl.image.Partitions(); ++n) impl.Walk(impl.image.Root(n));
+  impl.current.reset();
+  work.Finish();
+  return work.TakeReport();
 }
 
 }  // namespace capsule::host

@@ -131,6 +131,7 @@ class CAPSULE_API Image {
   size_t Read(const Entry& entry, uint64_t offset, std::span<unsigned char> out) const;
 
  private:
+  friend class FileExtraction;
   RecordSource SourceOf(const Entry& entry) const;
 
   struct Impl;

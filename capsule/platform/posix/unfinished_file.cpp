@@ -1,9 +1,17 @@
-// 1. The lock is taken after the file is created, so between the two a cleaning run may take the
-//    file for a leftover. Its maker then finds it locked or without its name, and makes another.
-// 2. A cleaning run removes a name only while it holds the lock of the file that bears it.
+// 1. A lock of a file is taken after the file is created, so between the two a cleaning run may
+// take
+//    the file for a leftover. Its maker then finds it locked or without its name, and makes
+//    another.
+// 2. A cleaning run removes a name only while it holds the lock of the folder, if folders can be
+//    locked, and that of the file that bears it. Who makes very many files locks their folder once,
+//    and needs neither a lock nor a second look for each.
+// 3. Closing tells whether all that was written has arrived. The lock of a file must outlive its
+//    temporary name, so a copy of its descriptor is closed to ask; a file without a lock of its own
+//    is just closed.
 #include "capsule/platform/unfinished_file.h"
 
 #include <fcntl.h>
+#include <pthread.h>
 #include <sys/file.h>
 #include <sys/random.h>
 #include <sys/stat.h>
@@ -14,6 +22,8 @@
 #include <cerrno>
 #include <cstdint>
 #include <ctime>
+#include <utility>
+#include <vector>
 
 #include "capsule/platform/file.h"
 #include "capsule/platform/folder.h"
@@ -36,11 +46,19 @@ uint64_t Seed() {
   return static_cast<uint64_t>(now.tv_nsec) << 32 ^ static_cast<uint64_t>(now.tv_sec);
 }
 
+std::atomic<uint64_t> g_nLetters = 0;  // what the next random letters are made from
+
+bool SeedLetters() {
+  g_nLetters = Seed();
+  return true;
+}
+
 // Others in each call, and in each process, one that was split off later too.
 std::string RandomLetters() {
-  static const uint64_t seed = Seed();
-  static std::atomic<uint64_t> calls = 0;
-  uint64_t bits = seed + (static_cast<uint64_t>(::getpid()) << 40) + calls++;
+  static const bool isSeeded =
+      SeedLetters() && ::pthread_atfork(nullptr, nullptr, [] { SeedLetters(); }) == 0;
+  static_cast<void>(isSeeded);
+  uint64_t bits = g_nLetters++;
   bits = (bits ^ bits >> 30) * 0xBF58476D1CE4E5B9;
   bits = (bits ^ bits >> 27) * 0x94D049BB133111EB;
   bits ^= bits >> 31;
@@ -83,13 +101,15 @@ void RemoveIfLeftOver(int folder, const std::string& name) {
 
 UnfinishedFile::~UnfinishedFile() { Remove(); }
 
-bool UnfinishedFile::Create(int folder, std::string_view begin, unsigned mode) {
+bool UnfinishedFile::Create(int folder, std::string_view begin, unsigned mode, Sign sign) {
   Remove();
   m_folderDescriptor = folder;
+  m_sign = sign;
   for (int i = 0; i < kAttempts; ++i) {
     m_name = std::string(begin) + std::string(kMark) + RandomLetters();
     const EndingList::Scope scope;
     if (CreateOnce(mode)) {
+      m_isThere = true;
       EndingList::Add(*this);
       return true;
     }
@@ -103,6 +123,10 @@ bool UnfinishedFile::CreateOnce(unsigned mode) {
   const int descriptor = OpenDescriptorIn(m_folderDescriptor, m_name.c_str(),
                                           O_RDWR | O_CREAT | O_EXCL | O_NOFOLLOW, mode);
   if (descriptor < 0) return false;
+  if (m_sign == Sign::FolderLock) {
+    m_descriptor = descriptor;
+    return true;
+  }
   // Where files cannot be locked at all, nobody can take this one for a leftover either.
   const bool isTaken = !Lock(descriptor) && errno == EWOULDBLOCK;
   struct stat status {};
@@ -118,7 +142,11 @@ bool UnfinishedFile::CreateOnce(unsigned mode) {
 }
 
 bool UnfinishedFile::Publish(const char* name, bool keepExisting) {
-  if (!HasArrived(m_descriptor)) return false;
+  if (m_sign == Sign::FileLock) {
+    if (!HasArrived(m_descriptor)) return false;
+  } else if (m_descriptor >= 0) {
+    if (platform::Close(std::exchange(m_descriptor, -1)) != 0) return false;
+  }
   const EndingList::Scope scope;
   if (!PublishIn(m_folderDescriptor, m_name.c_str(), name, keepExisting)) return false;
   Forget();
@@ -126,7 +154,7 @@ bool UnfinishedFile::Publish(const char* name, bool keepExisting) {
 }
 
 void UnfinishedFile::Remove() {
-  if (m_descriptor < 0) return;
+  if (!m_isThere) return;
   const EndingList::Scope scope;
   ::unlinkat(m_folderDescriptor, m_name.c_str(), 0);
   Forget();
@@ -134,8 +162,8 @@ void UnfinishedFile::Remove() {
 
 void UnfinishedFile::Forget() {
   EndingList::Take(*this);
-  Close(m_descriptor);
-  m_descriptor = -1;
+  if (m_descriptor >= 0) Close(std::exchange(m_descriptor, -1));
+  m_isThere = false;
 }
 
 bool IsUnfinishedName(std::string_view name) {
@@ -147,11 +175,15 @@ bool IsUnfinishedName(std::string_view name) {
 }
 
 void RemoveLeftOvers(int folder) {
-  const auto names = ListDirectory(folder);
-  if (!names) return;
-  for (const std::string& name : *names) {
+  const bool isLocked = Lock(folder);
+  // Where folders cannot be locked, nobody has claimed one either.
+  if (!isLocked && errno == EWOULDBLOCK) return;
+  for (const std::string& name : ListDirectory(folder).value_or(std::vector<std::string>())) {
     if (IsUnfinishedName(name)) RemoveIfLeftOver(folder, name);
   }
+  if (isLocked) ::flock(folder, LOCK_UN);
 }
+
+bool ClaimFolder(int folder) { return Lock(folder); }
 
 }  // namespace capsule::platform
