@@ -97,7 +97,7 @@ def calls_a_file(some_tools, work):
 
 def single_file(capsule, work, source, runs):
     """Seconds of one large file by one job and by two; nothing of jobs where there is no -j."""
-    choices = [job for job in (1, 2) if tools.takes_jobs(capsule, "create")] or [None]
+    choices = (1, 2) if tools.takes_jobs(capsule) else (None,)
     result = {}
     for number in range(runs):
         for jobs in choices:

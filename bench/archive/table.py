@@ -88,7 +88,7 @@ def growth_table(run):
         unit = 2**20 if key.endswith("memory") else 1
         one, other = fewer[key] / unit, more[key] / unit
         name = f"{key}, MiB" if key.endswith("memory") else f"{key}, s"
-        rows.append([name, f"{one:.3f}", f"{other:.3f}", f"{other / one:.1f}"])
+        rows.append([name, f"{one:.2f}", f"{other:.2f}", f"{other / one:.1f}"])
     return table(["capsule", small, large, "factor"], rows)
 
 

@@ -77,10 +77,13 @@ def is_installed(tool):
     return all(shutil.which(program) for program in needed)
 
 
-def takes_jobs(program, command):
-    """Whether this command of Capsule has -j."""
-    told = subprocess.run([program, command, "--help"], capture_output=True, text=True, check=False)
-    return any(line.split(",")[0].split()[:1] == ["-j"] for line in told.stdout.splitlines())
+def takes_jobs(program):
+    """Whether this Capsule has -j, both to create and to extract."""
+    def says_so(command):
+        told = subprocess.run([program, command, "--help"], capture_output=True, text=True,
+                              check=False)
+        return any(line.split(",")[0].split()[:1] == ["-j"] for line in told.stdout.splitlines())
+    return all(map(says_so, ("create", "extract")))
 
 
 def version(program):
