@@ -55,7 +55,7 @@ def figure(seconds):
 
 
 def bars_of(tools, operation):
-    """Names and seconds, the fastest first. Copying is held against both, so it stands in both panels."""
+    """Names and seconds, the fastest first. Copying is held against both, so it is among both."""
     found = []
     for name, rows in tools.items():
         row = rows.get(operation) or (rows.get("create") if name.startswith("cp") else None)

@@ -81,13 +81,17 @@ def traced(tool, work, source):
     return calls
 
 
-def calls_a_file(some_tools, work):
-    """System calls for each small file: those of many files less those of the same empty folders."""
+def calls_a_file(some_tools, work, failures):
+    """System calls for each small file: those of many files less those of the empty folders."""
     full, empty = traced_folders(work)
     result = {}
     for tool in some_tools:
         say(f"system calls: {tool.name}")
-        many, none = traced(tool, work, full), traced(tool, work, empty)
+        try:
+            many, none = traced(tool, work, full), traced(tool, work, empty)
+        except measure.Failed as failure:
+            failures.append(f"system calls: {failure}")
+            continue
         result[tool.name] = {operation: (many[operation] - none[operation]) / TRACED_FILES
                              for operation in many}
     place.remove(full)
@@ -124,7 +128,7 @@ def tiny_times(capsule, work, source):
                 "list -R": ["list", "-R", image], "extract": ["extract", image, "-C", target]}
     result = {}
     for name, words in commands.items():
-        result[name], memory = measure.run_with_memory([capsule, *words])
+        result[name], _, memory = measure.run_with_usage([capsule, *words])
         result[f"{name} memory"] = memory
     place.remove(target)
     place.remove(image)

@@ -90,8 +90,8 @@ def single_outcomes(single):
         return
     for operation, least in (("create", 1.7), ("extract", 1.6)):
         one, two = (statistics.median(single[jobs][operation]) for jobs in ("1", "2"))
-        yield Outcome(f"{operation}, one job : two jobs", "single", f"≥ {least}", f"{one / two:.2f}",
-                      one / two >= least)
+        yield Outcome(f"{operation}, one job : two jobs", "single", f"≥ {least}",
+                      f"{one / two:.2f}", one / two >= least)
 
 
 def outcomes(run):

@@ -25,15 +25,17 @@ def run(command, cwd=None, keep_output=False):
     return seconds, done.stdout
 
 
-def run_with_memory(command, cwd=None):
-    """Seconds, and the peak of resident memory in bytes.
+def run_with_usage(command, cwd=None):
+    """Seconds from start to end, seconds of all processors together, and the peak of resident
+    memory in bytes.
 
     GNU time starts the command, because what a process inherits counts in its peak, and of this
     program that would be more than some tools need. Of several processes, it tells the largest.
     """
     with tempfile.NamedTemporaryFile("r") as note:
-        seconds, _ = run(["time", "-f", "%M", "-o", note.name, *command], cwd)
-        return seconds, int(note.read().split()[-1]) * 1024
+        seconds, _ = run(["time", "-f", "%U %S %M", "-o", note.name, *command], cwd)
+        user, system, peak = note.read().split()[-3:]
+        return seconds, float(user) + float(system), int(peak) * 1024
 
 
 def system_calls(command, cwd=None):

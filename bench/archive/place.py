@@ -63,7 +63,7 @@ class Place:
             self._mount_ext4()
         self.kind = kind_of(self.folder)
         if self.kind == "overlay":
-            raise SystemExit(f"archive_bench: {self.folder} lies on an overlay; name another --work")
+            raise SystemExit(f"archive_bench: {self.folder} is on an overlay; name another --work")
         if not has_room(self.folder, self.size, self.files):
             raise SystemExit(f"archive_bench: {self.folder} lacks room: {self.size >> 20} MiB and "
                              f"{self.files} files are needed")

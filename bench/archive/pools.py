@@ -57,14 +57,16 @@ class Pool:
         self.paths = paths
         self.next = 0
         self.skip = 0
-        self.rest = b""
+        self.data = b""
+        self.taken = 0
 
     def take(self, count):
         pieces = []
         while count > 0:
-            while not self.rest:
-                self.rest = self._next_file()
-            piece, self.rest = self.rest[:count], self.rest[count:]
+            while self.taken == len(self.data):
+                self.data, self.taken = self._next_file(), 0
+            piece = self.data[self.taken:self.taken + count]
+            self.taken += len(piece)
             pieces.append(piece)
             count -= len(piece)
         return b"".join(pieces)

@@ -39,9 +39,10 @@ def came_out_right(tool, source, wanted, target):
         raise measure.Failed(f"{tool.name}: what came out differs from the source")
 
 
-def record(results, operation, seconds, memory):
-    row = results.setdefault(operation, {"seconds": [], "memory": 0})
+def record(results, operation, seconds, work_seconds, memory):
+    row = results.setdefault(operation, {"seconds": [], "work": [], "memory": 0})
     row["seconds"].append(seconds)
+    row["work"].append(work_seconds)
     row["memory"] = max(row["memory"], memory)
 
 
@@ -51,16 +52,16 @@ def run_tool(tool, corpus, work, results, check):
     remove_archive(archive)
     cwd = source if tool.inside else None
     command = tool.command("create", source=source, archive=archive)
-    record(results, "create", *measure.run_with_memory(command, cwd))
+    record(results, "create", *measure.run_with_usage(command, cwd))
     results["size"] = archive_size(archive)
     if tool.list:
         command = tool.command("list", archive=archive)
-        record(results, "list", *measure.run_with_memory(command))
+        record(results, "list", *measure.run_with_usage(command))
     if tool.extract:
         target = work.path("target")
         os.mkdir(target)
         command = tool.command("extract", archive=archive, target=target)
-        record(results, "extract", *measure.run_with_memory(command))
+        record(results, "extract", *measure.run_with_usage(command))
         if check:
             came_out_right(tool, source, wanted, target)
         place.remove(target)

@@ -33,10 +33,10 @@ def tool_table(title, corpora, cell):
     return table([title, *corpora], rows)
 
 
-def seconds_table(corpora, operation):
+def seconds_table(corpora, operation, key="seconds", title="seconds"):
     def cell(tool, _):
-        return duration(tool[operation]["seconds"]) if operation in tool else None
-    return tool_table(f"{operation}, seconds", corpora, cell)
+        return duration(tool[operation][key]) if key in tool.get(operation, {}) else None
+    return tool_table(f"{operation}, {title}", corpora, cell)
 
 
 def size_table(run):
@@ -67,8 +67,8 @@ def calls_table(calls):
 
 
 def reads_table(reads):
-    names = {"cold": "`capsule cat` of 4 KiB, from start to end", "cold longest": "the longest of them",
-             "open": "one reader: opening the image", "first": "its first 4 KiB",
+    names = {"cold": "`capsule cat` of 4 KiB, from start to end",
+             "cold longest": "the longest of them", "open": "one reader: opening the image", "first": "its first 4 KiB",
              "next": "each of the next, at random", "longest": "the longest of them"}
     rows = [[text, f"{reads[key]:.2f}"] for key, text in names.items() if key in reads]
     return table(["reads of the large file", "ms"], rows)
@@ -94,11 +94,11 @@ def growth_table(run):
 
 def corpora_lines(run):
     kinds = {"text": "text", "mixed": "text, programs, compressed data and runs of zeros",
-             "tiny": "text, 0 to 3 KB a file", "large": "half text, half programs",
-             "single": "half text, half programs"}
+             "tiny": "text, 0 to 3 KB a file", "million": "text, 0 to 3 KB a file",
+             "large": "half text, half programs", "single": "half text, half programs"}
     for name, holds in run["holds"].items():
         yield (f"- {name}: {holds['bytes'] / 1e6:.0f} MB in {holds['files']:,} file"
-               f"{'s' * (holds['files'] != 1)}, {holds['folders']:,} folders; {kinds.get(name, '')}")
+               f"{'s' * (holds['files'] != 1)}, {holds['folders']:,} folders; {kinds[name]}")
 
 
 def whole(run):
@@ -107,6 +107,8 @@ def whole(run):
     parts = [run["machine"], "\n".join(corpora_lines(run)), marks_table(run)]
     if corpora:
         parts += [seconds_table(corpora, operation) for operation in ("create", "extract", "list")]
+        parts += [seconds_table(corpora, operation, "work", "seconds of all processors together")
+                  for operation in ("create", "extract")]
         parts += [size_table(run), memory_table(corpora)]
     parts += [make(run[key]) for key, make in
               (("calls", calls_table), ("reads", reads_table), ("single", single_table))
