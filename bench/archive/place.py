@@ -1,12 +1,13 @@
 """A place for corpora, archives and what comes out of them, on a file system that is fair to all.
 
-Memory (tmpfs) is best: syncing costs nothing there, and no tool waits for a disk. Where there is too
-little of it, an ext4 file system in a file is mounted, which needs root. An overlay is never taken:
-folders that were removed from it make the next ones of the same name slow.
+Memory (tmpfs) is best: syncing costs nothing there, and no tool waits for a disk. Where there is
+too little of it, an ext4 file system in a file is mounted, which needs root. An overlay is never
+taken: folders that were removed from it make the next ones of the same name slow.
 """
 import os
 import shutil
 import subprocess
+import sys
 import tempfile
 
 MEMORY = "/dev/shm"
@@ -55,6 +56,14 @@ class Place:
         self.is_new = folder is None or not os.path.exists(folder)
 
     def __enter__(self):
+        try:
+            self._take()
+            return self
+        except BaseException:
+            self.__exit__()
+            raise
+
+    def _take(self):
         if self.folder:
             os.makedirs(self.folder, exist_ok=True)
         elif os.path.isdir(MEMORY) and has_room(MEMORY, self.size, self.files):
@@ -67,7 +76,6 @@ class Place:
         if not has_room(self.folder, self.size, self.files):
             raise SystemExit(f"archive_bench: {self.folder} lacks room: {self.size >> 20} MiB and "
                              f"{self.files} files are needed")
-        return self
 
     def _mount_ext4(self):
         if os.geteuid() != 0:
@@ -80,10 +88,13 @@ class Place:
         subprocess.run(["mount", "-o", "loop", self.image.name, self.folder], check=True)
 
     def __exit__(self, *_):
-        if self.keep:
+        if self.keep and self.folder:
+            print(f"archive_bench: the corpora stay in {self.folder}", file=sys.stderr)
+        if self.keep or not self.folder:
             return
         if self.image:
-            subprocess.run(["umount", self.folder], check=True)
+            if os.path.ismount(self.folder):
+                subprocess.run(["umount", self.folder], check=True)
             os.rmdir(self.folder)
             self.image.close()
         elif self.is_new:

@@ -68,8 +68,11 @@ def calls_table(calls):
 
 def reads_table(reads):
     names = {"cold": "`capsule cat` of 4 KiB, from start to end",
-             "cold longest": "the longest of them", "open": "one reader: opening the image", "first": "its first 4 KiB",
-             "next": "each of the next, at random", "longest": "the longest of them"}
+             "cold longest": "the longest of them",
+             "open": "one reader: opening the image",
+             "first": "its first 4 KiB",
+             "next": "each of the next, at random",
+             "longest": "the longest of them"}
     rows = [[text, f"{reads[key]:.2f}"] for key, text in names.items() if key in reads]
     return table(["reads of the large file", "ms"], rows)
 
