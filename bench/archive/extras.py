@@ -100,7 +100,7 @@ def calls_a_file(some_tools, work, failures):
 
 
 def single_file(capsule, work, source, runs):
-    """Seconds of one large file by one job and by two; nothing of jobs where there is no -j."""
+    """Seconds and peak memory of one large file, by one job and by two where there is -j."""
     choices = (1, 2) if tools.takes_jobs(capsule) else (None,)
     result = {}
     for number in range(runs):
@@ -110,11 +110,13 @@ def single_file(capsule, work, source, runs):
                         if tool.name == "capsule -5")
             image, target = work.path("archive"), work.path("target")
             os.mkdir(target)
-            row = result.setdefault(str(jobs or "default"), {"create": [], "extract": []})
-            row["create"].append(measure.run(
-                tool.command("create", source=source, archive=image))[0])
-            row["extract"].append(measure.run(
-                tool.command("extract", archive=image, target=target))[0])
+            row = result.setdefault(str(jobs or "default"),
+                                    {"create": [], "extract": [], "memory": 0})
+            for operation in ("create", "extract"):
+                command = tool.command(operation, source=source, archive=image, target=target)
+                seconds, _, memory = measure.run_with_usage(command)
+                row[operation].append(seconds)
+                row["memory"] = max(row["memory"], memory)
             place.remove(target)
             place.remove(image)
     return result

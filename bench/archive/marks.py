@@ -65,16 +65,21 @@ def ratio_outcomes(results):
                           value < mark.most if mark.below else value <= mark.most)
 
 
-def memory_outcomes(results, jobs):
-    """The peak of all levels and commands, by corpus."""
+def memory_outcome(corpus, jobs, peak):
     most = 48 + 8 * jobs
-    for corpus, tools in results.items():
+    return Outcome(f"peak memory, {jobs} job{'s' * (jobs > 1)}, MiB", corpus, f"< {most}",
+                   f"{peak / 2**20:.1f}", peak < most * 2**20)
+
+
+def memory_outcomes(run):
+    """The peak of all levels and commands, by corpus, and that of the single file by jobs."""
+    for corpus, tools in run["corpora"].items():
         peaks = [row["memory"] for name, rows in tools.items() if name.startswith("capsule")
                  for row in rows.values() if isinstance(row, dict)]
         if peaks:
-            peak = max(peaks) / 2**20
-            yield Outcome(f"peak memory, {jobs} job{'s' * (jobs > 1)}, MiB", corpus, f"< {most}",
-                          f"{peak:.1f}", peak < most)
+            yield memory_outcome(corpus, run["jobs"], max(peaks))
+    for jobs, row in run.get("single", {}).items():
+        yield memory_outcome("single", 1 if jobs == "default" else int(jobs), row["memory"])
 
 
 def read_outcomes(reads):
@@ -97,6 +102,6 @@ def single_outcomes(single):
 def outcomes(run):
     """All marks of what was measured."""
     yield from ratio_outcomes(run["corpora"])
-    yield from memory_outcomes(run["corpora"], run["jobs"])
+    yield from memory_outcomes(run)
     yield from read_outcomes(run.get("reads", {}))
     yield from single_outcomes(run.get("single", {}))
