@@ -6,10 +6,10 @@
 //
 // What the loop waits for is the way from the bits of a token to those of the next: one look-up in
 // each of two tables at a fixed place of the window, the choice between them, a shift. So nothing
-// else is on it: the 64 bits behind the window are loaded while its tokens are decoded, and move in
-// at the end of the round. Whether an offset leads before the first byte is asked only while fewer
-// bytes are there than the largest offset; offset 0, the end marker and long lengths all fail the
-// one comparison that finds a copy meeting what it writes.
+// else is on it: the 64 bits behind the window are loaded meanwhile, from a place that is known
+// when the round begins, and move in at its end. Whether an offset leads before the first byte is
+// asked only while fewer bytes are there than the largest offset; offset 0, the end marker and long
+// lengths all fail the one comparison that finds a copy meeting what it writes.
 #include "capsule/compression/decode_fast.h"
 
 #include <algorithm>
@@ -176,6 +176,11 @@ static_assert(kTokensAtOnce * kMaxCopied < 256);
 // Masks choose, since compilers would make branches of conditions.
 struct PortableSteps {
   static uint64_t Gather(uint64_t bits) { return GatherLiterals(bits); }
+  // The bits from kShift on; what lies above the lowest eleven is anything.
+  template <unsigned kShift>
+  static uint64_t Low(uint64_t bits) {
+    return bits >> kShift;
+  }
   // What the form of the offset decides: leaves the two of the short form, or takes those given.
   static void ChooseForm(uint64_t bits, uint64_t& entry, uint64_t& offset, uint64_t longEntry,
                          uint64_t longOffset) {
@@ -191,20 +196,23 @@ struct PortableSteps {
   }
 };
 
+inline bool HasHistory(const DecodeState& state) { return state.out - state.outBase >= kMaxOffset; }
+
 // The token that the window begins with. False, with nothing done, if it is not a plain copy.
 // With kHasHistory no offset leads further back than what is there.
 template <typename Steps, bool kHasHistory>
 [[gnu::always_inline]] inline bool DecodeToken(const unsigned char* outBase, unsigned char*& out,
                                                Window& window) {
   const uint64_t bits = window.bits;
-  uint64_t entry = kTables.shortMatches[bits >> 47 & 0xFF];
-  uint64_t offset = bits >> 55 & kMaxShortOffset;
-  Steps::ChooseForm(bits, entry, offset, kTables.longMatches[bits >> 43 & 0xFF],
-                    bits >> 51 & kMaxOffset);
+  // A literal's byte; or behind a one, which says that the form is short, the offset.
+  const uint64_t field = Steps::template Low<55>(bits) & 0xFF;
+  uint64_t entry = kTables.shortMatches[Steps::template Low<47>(bits) & 0xFF];
+  uint64_t offset = field - (kMaxShortOffset + 1);
+  Steps::ChooseForm(bits, entry, offset, kTables.longMatches[Steps::template Low<43>(bits) & 0xFF],
+                    Steps::template Low<51>(bits) & kMaxOffset);
   if (!kHasHistory && (bits >> 63 != 0) & IsCorruptOffset(offset, out - outBase)) return false;
   auto from = std::bit_cast<uintptr_t>(out - offset);
-  Steps::ChooseKind(bits, entry, from,
-                    std::bit_cast<uintptr_t>(kTables.bytes.data() + (bits >> 55 & 0xFF)));
+  Steps::ChooseKind(bits, entry, from, std::bit_cast<uintptr_t>(kTables.bytes.data() + field));
   if (offset < entry >> kLeastShift) return false;
   const auto* source = std::bit_cast<const unsigned char*>(from);
   Copy16(out, source);
@@ -215,57 +223,108 @@ template <typename Steps, bool kHasHistory>
   return true;
 }
 
+// One stream of the loop, in local variables.
 template <typename Steps, bool kHasHistory>
-[[gnu::always_inline]] inline void Decode(DecodeState& state) {
-  const unsigned char* const base = state.in;
-  const uint64_t lastByte = static_cast<uint64_t>(state.inEnd - base) - kFastInput;
-  uint64_t position = state.bitOffset;
-  const unsigned char* const outBase = state.outBase;
-  unsigned char* out = state.out;
-  const unsigned char* lastOut = state.outEnd - kFastOutput;
-  if (!kHasHistory) lastOut = std::min(lastOut, outBase + kMaxOffset);
-  Window window{LoadBits(base, position), 0};
-  while (position >> 3 <= lastByte && out <= lastOut) {
-    const uint64_t next = LoadBits(base, position + kWindowBits);
+class Lane {
+ public:
+  [[gnu::always_inline]] explicit Lane(const DecodeState& state)
+      : m_base(state.in),
+        m_lastByte(static_cast<uint64_t>(state.inEnd - m_base) - kFastInput),
+        m_outBase(state.outBase),
+        m_lastOut(state.outEnd - kFastOutput),
+        m_position(state.bitOffset),
+        m_out(state.out),
+        m_bits(LoadBits(m_base, m_position)) {
+    if (!kHasHistory && !HasHistory(state)) m_lastOut = std::min(m_lastOut, m_outBase + kMaxOffset);
+  }
+
+  [[gnu::always_inline]] bool GoesOn() const {
+    return (m_position >> 3 <= m_lastByte) & (m_out <= m_lastOut);
+  }
+
+  // False if the loop ends here.
+  [[gnu::always_inline]] bool Round(DecodeState& state) {
+    Window window{m_bits, 0};
     uint64_t used;
     if ((window.bits & kRunFlags) == 0) {
-      StoreBig64(out, Steps::Gather(window.bits) << 8);
+      StoreBig64(m_out, Steps::Gather(window.bits) << 8);
       if ((window.bits & kAllFlags) == 0) {
-        out += kLiteralsAtOnce;
+        m_out += kLiteralsAtOnce;
         used = kLiteralsAtOnce * kLiteralBits;
       } else {
         used = static_cast<unsigned>(__builtin_clzll(window.bits & kAllFlags));
-        out += used / kLiteralBits;
+        m_out += used / kLiteralBits;
       }
       window.bits <<= used;
-    } else if (DecodeToken<Steps, kHasHistory>(outBase, out, window) &&
-               DecodeToken<Steps, kHasHistory>(outBase, out, window) &&
-               DecodeToken<Steps, kHasHistory>(outBase, out, window)) {
+    } else if (DecodeToken<Steps, kHasHistory>(m_outBase, m_out, window) &&
+               DecodeToken<Steps, kHasHistory>(m_outBase, m_out, window) &&
+               DecodeToken<Steps, kHasHistory>(m_outBase, m_out, window)) {
       used = window.entries & 0xFF;
     } else {
-      const Progress after = DecodeLong(state, position + (window.entries & 0xFF), out);
-      position = after.position;
+      const Progress after = DecodeLong(state, m_position + (window.entries & 0xFF), m_out);
+      m_position = after.position;
       if (after.out == nullptr) {
-        out = state.out;
-        break;
+        m_out = state.out;
+        return false;
       }
-      out = after.out;
-      window = {LoadBits(base, std::min(position, lastByte * 8 + 7)), 0};
-      continue;
+      m_out = after.out;
+      m_bits = LoadBits(m_base, std::min(m_position, m_lastByte * 8 + 7));
+      return true;
     }
-    position += used;
-    window = {window.bits | next >> 1 >> (used ^ 63), 0};
+    const uint64_t next = LoadBits(m_base, m_position + kWindowBits);
+    m_position += used;
+    m_bits = window.bits | next >> 1 >> (used ^ 63);
+    return true;
   }
-  state.out = out;
-  state.in = base + (position >> 3);
-  state.bitOffset = position & 7;
+
+  [[gnu::always_inline]] void Leave(DecodeState& state) const {
+    state.out = m_out;
+    state.in = m_base + (m_position >> 3);
+    state.bitOffset = m_position & 7;
+  }
+
+ private:
+  const unsigned char* m_base;
+  uint64_t m_lastByte;
+  const unsigned char* m_outBase;
+  const unsigned char* m_lastOut;
+  uint64_t m_position;
+  unsigned char* m_out;
+  uint64_t m_bits;
+};
+
+template <typename Steps, bool kHasHistory>
+[[gnu::always_inline]] inline void Decode(DecodeState& state) {
+  Lane<Steps, kHasHistory> lane(state);
+  while (lane.GoesOn() && lane.Round(state)) {
+  }
+  lane.Leave(state);
+}
+
+// A round of one, then a round of the other: while one waits, the processor goes on with the other.
+template <typename Steps, bool kHaveHistory>
+[[gnu::always_inline]] inline void DecodePair(DecodeState& a, DecodeState& b) {
+  Lane<Steps, kHaveHistory> first(a);
+  Lane<Steps, kHaveHistory> second(b);
+  while (first.GoesOn() && second.GoesOn()) {
+    if (!first.Round(a)) break;
+    if (!second.Round(b)) break;
+  }
+  first.Leave(a);
+  second.Leave(b);
 }
 
 // Without a whole history the loop ends when there is one, and is entered anew.
 template <typename Steps>
 [[gnu::always_inline]] inline void DecodeWith(DecodeState& state) {
-  if (state.out - state.outBase >= kMaxOffset) return Decode<Steps, true>(state);
+  if (HasHistory(state)) return Decode<Steps, true>(state);
   Decode<Steps, false>(state);
+}
+
+template <typename Steps>
+[[gnu::always_inline]] inline void DecodePairWith(DecodeState& a, DecodeState& b) {
+  if (HasHistory(a) && HasHistory(b)) return DecodePair<Steps, true>(a, b);
+  DecodePair<Steps, false>(a, b);
 }
 
 #ifdef __x86_64__
@@ -274,6 +333,12 @@ template <typename Steps>
 struct Bmi2Steps {
   [[gnu::target("bmi,bmi2")]] static uint64_t Gather(uint64_t bits) {
     return _pext_u64(bits, kLiteralFields);
+  }
+  template <unsigned kShift>
+  static uint64_t Low(uint64_t bits) {
+    uint64_t low;
+    asm("rorx %[shift], %[bits], %[low]" : [low] "=r"(low) : [bits] "r"(bits), [shift] "i"(kShift));
+    return low;
   }
   static void ChooseForm(uint64_t bits, uint64_t& entry, uint64_t& offset, uint64_t longEntry,
                          uint64_t longOffset) {
@@ -290,8 +355,12 @@ struct Bmi2Steps {
   }
 };
 [[gnu::target("bmi,bmi2")]] void DecodeBmi2(DecodeState& state) { DecodeWith<Bmi2Steps>(state); }
+[[gnu::target("bmi,bmi2")]] void DecodePairBmi2(DecodeState& a, DecodeState& b) {
+  DecodePairWith<Bmi2Steps>(a, b);
+}
 #endif
 void DecodePortable(DecodeState& state) { DecodeWith<PortableSteps>(state); }
+void DecodePairPortable(DecodeState& a, DecodeState& b) { DecodePairWith<PortableSteps>(a, b); }
 
 }  // namespace
 
@@ -300,6 +369,13 @@ void DecodeFast(DecodeState& state) {
   if (HasBmi2()) return DecodeBmi2(state);
 #endif
   DecodePortable(state);
+}
+
+void DecodeFastPair(DecodeState& a, DecodeState& b) {
+#ifdef __x86_64__
+  if (HasBmi2()) return DecodePairBmi2(a, b);
+#endif
+  DecodePairPortable(a, b);
 }
 
 }  // namespace capsule::lzs

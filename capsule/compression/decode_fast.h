@@ -25,4 +25,8 @@ static_assert(kFastOutput >= 8);
 
 void DecodeFast(DecodeState& state);
 
+// As DecodeFast of both, side by side, until one of them stops; the other then stands before any
+// token, or behind a part of a match, as well.
+void DecodeFastPair(DecodeState& a, DecodeState& b);
+
 }  // namespace capsule::lzs

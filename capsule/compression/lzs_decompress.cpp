@@ -7,17 +7,17 @@
 // goes on in the source.
 //
 // Output. Offsets are resolved in the bytes right before the write position. While those are kept
-// history, output is staged in the history buffer behind it; once 2047 bytes of the call's output
-// lie in the destination, decoding goes on there (2). At the end of a call what was staged is
-// delivered, so nothing decoded is ever held back (3): when the destination is full, the next token
-// is left in the source, unless it is the end marker.
+// history, output is staged behind a copy of it; once it is 2047 bytes, it is delivered and
+// decoding goes on in the destination (2). At the end of a call what was staged is delivered, so
+// nothing decoded is ever held back (3): when the destination is full, the next token is left in
+// the source, unless it is the end marker.
 //
 //   Between ---token---> Token <---> Groups ---end marker---> Between     Step
 //   any state ---corrupt offset---> Corrupt, until prepared anew
 #include <algorithm>
 #include <cstring>
 
-#include "capsule/compression/decode_fast.h"
+#include "capsule/compression/decompress_call.h"
 #include "capsule/compression/lzs.h"
 
 namespace capsule {
@@ -29,55 +29,7 @@ constexpr uint32_t kJoined = 4;  // source bytes taken to complete a carried tok
 static_assert(kMaxCarried + kJoined == kCarrySize);
 static_assert((kMaxCarried + kJoined) * 8 >= 7 + 2 * kMaxHeaderBits);
 
-// What is staged behind a full history before decoding goes on in the destination.
-constexpr uint32_t kStageSize = kHistoryBufferSize - kMaxOffset;
-static_assert(kStageSize >= kMaxOffset);
-
-enum class StepResult { Go, NeedInput, OutputFull, UnitEnd, Corrupt };
-
-class DecompressCall {
- public:
-  DecompressCall(DecompressionArea& area, uint16_t flags) : m_area(area), m_flags(flags) {}
-
-  bool IsDamaged() const;
-  uint16_t Run(const unsigned char** source, unsigned char** destination, uint32_t* sourceCount,
-               uint32_t* destinationCount);
-  bool CopyStored(const unsigned char** source, unsigned char** destination, uint32_t* sourceCount,
-                  uint32_t* destinationCount);
-
- private:
-  void TakeHandles(const unsigned char* source, unsigned char* destination, uint32_t sourceCount,
-                   uint32_t destinationCount);
-  bool IsIdle() const;
-  void BeginOutput();
-  StepResult DecodeCarried();
-  StepResult DecodeSource();
-  StepResult DecodeAll();
-  StepResult Step();
-  StepResult CopyRest();
-  StepResult ReadToken();
-  StepResult ReadMatch(uint32_t bits, uint64_t available);
-  StepResult ReadGroup();
-  StepResult EndUnit();
-  bool LeaveStage();
-  void Carry();
-  void EndOutput();
-  void Remember(const unsigned char* bytes, uint32_t count);
-  uint32_t PeekBits(uint64_t available) const;
-
-  uint32_t SourceLeft() const { return static_cast<uint32_t>(m_sourceEnd - m_source); }
-  uint32_t DestinationLeft() const { return static_cast<uint32_t>(m_destEnd - m_dest); }
-
-  DecompressionArea& m_area;
-  uint16_t m_flags;
-  DecodeState m_state{};
-  const unsigned char* m_source = nullptr;
-  const unsigned char* m_sourceEnd = nullptr;
-  unsigned char* m_dest = nullptr;  // delivered up to here
-  unsigned char* m_destStart = nullptr;
-  unsigned char* m_destEnd = nullptr;
-  bool m_staged = false;
-};
+}  // namespace
 
 // Whether the area holds what no call leaves behind.
 bool DecompressCall::IsDamaged() const {
@@ -93,8 +45,11 @@ bool DecompressCall::IsDamaged() const {
                       m_area.matchOffset > m_area.historyCount);
 }
 
-void DecompressCall::TakeHandles(const unsigned char* source, unsigned char* destination,
-                                 uint32_t sourceCount, uint32_t destinationCount) {
+void DecompressCall::TakeHandles(const DecompressHandles& handles) {
+  const unsigned char* source = handles.source;
+  unsigned char* destination = handles.destination;
+  uint32_t sourceCount = handles.sourceCount;
+  uint32_t destinationCount = handles.destinationCount;
   void* saved = nullptr;
   const uint64_t pointer = m_area.savedPointer;
   std::memcpy(&saved, &pointer, sizeof saved);
@@ -119,34 +74,26 @@ bool DecompressCall::IsIdle() const {
          m_area.status == DecodeStatus::Between;
 }
 
-bool DecompressCall::CopyStored(const unsigned char** source, unsigned char** destination,
-                                uint32_t* sourceCount, uint32_t* destinationCount) {
-  TakeHandles(*source, *destination, *sourceCount, *destinationCount);
+bool DecompressCall::CopyStored(DecompressHandles& handles) {
+  TakeHandles(handles);
   const uint32_t count = SourceLeft();
   if (count != DestinationLeft() || m_area.status != DecodeStatus::Between || m_area.carried != 0)
     return false;
   if (count != 0) std::memcpy(m_dest, m_source, count);
   Remember(m_dest, count);
   m_area.saved = PendingSide::None;
-  *source = m_sourceEnd;
-  *destination = m_destEnd;
-  *sourceCount = 0;
-  *destinationCount = 0;
+  handles = {m_sourceEnd, m_destEnd, 0, 0, handles.history, 0};
   return true;
 }
 
-uint16_t DecompressCall::Run(const unsigned char** source, unsigned char** destination,
-                             uint32_t* sourceCount, uint32_t* destinationCount) {
-  if (*sourceCount == 0 && IsIdle()) return LzsInputUsedUp;
-  TakeHandles(*source, *destination, *sourceCount, *destinationCount);
-  BeginOutput();
-  const StepResult end = DecodeAll();
-  if (end == StepResult::Corrupt) {
+void DecompressCall::End(DecompressHandles& handles) {
+  if (m_end == StepResult::Corrupt) {
     m_area.status = DecodeStatus::Corrupt;
-    return 0;
+    handles.result = 0;
+    return;
   }
   EndOutput();
-  const bool isUnitEnd = end == StepResult::UnitEnd;
+  const bool isUnitEnd = m_end == StepResult::UnitEnd;
   if (isUnitEnd && (m_flags & LzsKeepHistory) == 0) m_area.historyCount = 0;
 
   uint16_t result = SourceLeft() == 0 ? LzsInputUsedUp : 0;
@@ -155,16 +102,16 @@ uint16_t DecompressCall::Run(const unsigned char** source, unsigned char** desti
   const void* saved = nullptr;
   m_area.saved = PendingSide::None;
   if ((result & (LzsInputUsedUp | LzsUnitComplete)) != 0) {
-    *source = m_source;
-    *sourceCount = SourceLeft();
+    handles.source = m_source;
+    handles.sourceCount = SourceLeft();
   } else {
     m_area.saved = PendingSide::Source;
     saved = m_source;
     m_area.savedCount = SourceLeft();
   }
   if ((result & (LzsOutputFull | LzsUnitComplete)) != 0) {
-    *destination = m_dest;
-    *destinationCount = DestinationLeft();
+    handles.destination = m_dest;
+    handles.destinationCount = DestinationLeft();
   } else {
     m_area.saved = PendingSide::Destination;
     saved = m_dest;
@@ -173,7 +120,7 @@ uint16_t DecompressCall::Run(const unsigned char** source, unsigned char** desti
   uint64_t pointer = 0;
   std::memcpy(&pointer, &saved, sizeof saved);
   m_area.savedPointer = pointer;
-  return result;
+  handles.result = result;
 }
 
 void DecompressCall::BeginOutput() {
@@ -187,20 +134,18 @@ void DecompressCall::BeginOutput() {
     m_state.outEnd = m_destEnd;
     return;
   }
-  const uint32_t wanted = std::min(DestinationLeft(), kStageSize);
-  if (m_area.historyCount + wanted > kHistoryBufferSize) {
-    std::memmove(m_area.history, m_area.history + m_area.historyCount - kMaxOffset, kMaxOffset);
-    m_area.historyCount = kMaxOffset;
-  }
-  m_state.outBase = m_area.history;
-  m_state.out = m_area.history + m_area.historyCount;
-  m_state.outEnd = m_state.out + wanted;
+  const uint32_t kept = std::min<uint32_t>(m_area.historyCount, kMaxOffset);
+  std::memcpy(m_stage, m_area.history + m_area.historyCount - kept, kept);
+  m_stageStart = m_stage + kept;
+  m_state.outBase = m_stage;
+  m_state.out = m_stageStart;
+  m_state.outEnd = m_stageStart + std::min(DestinationLeft(), kStageSize);
 }
 
 // Delivers what was staged. True if there is more room, in which decoding then goes on directly.
 bool DecompressCall::LeaveStage() {
-  const auto count = static_cast<uint32_t>(m_state.out - m_area.history) - m_area.historyCount;
-  if (count != 0) std::memcpy(m_dest, m_area.history + m_area.historyCount, count);
+  const uint32_t count = Staged();
+  if (count != 0) std::memcpy(m_dest, m_stageStart, count);
   m_dest += count;
   if (count < kMaxOffset || m_dest == m_destEnd) return false;
   m_staged = false;
@@ -213,15 +158,16 @@ bool DecompressCall::LeaveStage() {
 // Delivers the output and lets the buffer end with the last of it, as far as it is still wanted.
 void DecompressCall::EndOutput() {
   if (m_staged) {
-    const auto end = static_cast<uint32_t>(m_state.out - m_area.history);
-    m_area.historyCount = static_cast<uint16_t>(end);
+    Remember(m_stageStart, Staged());
   } else {
     m_dest = m_state.out;
     Remember(m_destStart, static_cast<uint32_t>(m_dest - m_destStart));
   }
   m_area.bitOffset = static_cast<uint8_t>(m_state.bitOffset);
   m_area.matchRest = m_state.matchRest;
-  m_area.matchOffset = static_cast<uint16_t>(m_state.matchOffset);
+  // Between tokens it is that of any match before.
+  const bool hasMatch = m_state.matchRest != 0 || m_state.status == DecodeStatus::Groups;
+  m_area.matchOffset = static_cast<uint16_t>(hasMatch ? m_state.matchOffset : 0);
   m_area.status = m_state.status;
 }
 
@@ -240,50 +186,56 @@ void DecompressCall::Remember(const unsigned char* bytes, uint32_t count) {
   m_area.historyCount = static_cast<uint16_t>(m_area.historyCount + count);
 }
 
-StepResult DecompressCall::DecodeAll() {
-  StepResult result = StepResult::Go;
-  while (result == StepResult::Go) {
-    result = m_area.carried != 0 ? DecodeCarried() : DecodeSource();
-    if (result == StepResult::Corrupt) break;
-    const bool isFull = result == StepResult::OutputFull;
-    if (m_staged && (result != StepResult::Go)) {
-      if (LeaveStage() && isFull) result = StepResult::Go;
+bool DecompressCall::Advance() {
+  m_end = StepResult::Go;
+  while (m_end == StepResult::Go) {
+    m_end = m_area.carried != 0 ? DecodeCarried() : DecodeSource();
+    if (m_end == StepResult::InnerLoop) return true;
+    if (m_end == StepResult::Corrupt) break;
+    const bool isFull = m_end == StepResult::OutputFull;
+    if (m_staged && m_end != StepResult::Go) {
+      if (LeaveStage() && isFull) m_end = StepResult::Go;
     }
   }
-  return result;
+  return false;
 }
 
 // Decodes the carried token together with the first bytes of the source.
 StepResult DecompressCall::DecodeCarried() {
-  unsigned char joined[kCarrySize + 1] = {};
   const uint32_t carried = m_area.carried;
   const uint32_t taken = std::min(SourceLeft(), kJoined);
-  std::memcpy(joined, m_area.carry, carried);
-  if (taken != 0) std::memcpy(joined + carried, m_source, taken);
-  m_state.in = joined;
-  m_state.inEnd = joined + carried + taken;
+  std::memcpy(m_joined, m_area.carry, carried);
+  if (taken != 0) std::memcpy(m_joined + carried, m_source, taken);
+  m_state.in = m_joined;
+  m_state.inEnd = m_joined + carried + taken;
   StepResult result = StepResult::Go;
-  while (result == StepResult::Go && m_state.in < joined + carried) result = Step();
+  while (result == StepResult::Go && m_state.in < m_joined + carried) result = Step();
   if (result == StepResult::NeedInput) {
     // All of the source is in the carry buffer now.
     m_source += taken;
     Carry();
-  } else if (m_state.in >= joined + carried) {
-    m_source += (m_state.in - joined) - carried;
+  } else if (m_state.in >= m_joined + carried) {
+    m_source += (m_state.in - m_joined) - carried;
     m_area.carried = 0;
   }
   return result;
 }
 
 StepResult DecompressCall::DecodeSource() {
-  m_state.in = m_source;
-  m_state.inEnd = m_sourceEnd;
+  if (!m_isInLoop) {
+    m_state.in = m_source;
+    m_state.inEnd = m_sourceEnd;
+  }
   StepResult result = StepResult::Go;
   while (result == StepResult::Go) {
-    if (m_state.status == DecodeStatus::Token && m_state.matchRest == 0 &&
-        m_state.inEnd - m_state.in >= kFastInput && m_state.Room() >= kFastOutput)
-      DecodeFast(m_state);
-    result = Step();
+    if (!m_isInLoop && m_state.status == DecodeStatus::Token && m_state.matchRest == 0 &&
+        m_state.inEnd - m_state.in >= kFastInput && m_state.Room() >= kFastOutput) {
+      m_isInLoop = true;
+      return StepResult::InnerLoop;
+    }
+    m_isInLoop = false;
+    const bool isStageOver = m_staged && Staged() >= kMaxOffset && Staged() < DestinationLeft();
+    result = isStageOver ? StepResult::OutputFull : Step();
   }
   m_source = m_state.in;
   if (result == StepResult::NeedInput) {
@@ -370,7 +322,29 @@ StepResult DecompressCall::EndUnit() {
   return StepResult::UnitEnd;
 }
 
-}  // namespace
+bool IsPrepared(const void* history) {
+  return history != nullptr &&
+         static_cast<const DecompressionArea*>(history)->signature == kDecompressionSignature;
+}
+
+void Decompress(DecompressHandles& handles, uint16_t flags) {
+  handles.result = 0;
+  if ((flags & ~kAllFlags) != 0 || !IsPrepared(handles.history)) return;
+  DecompressCall call(*static_cast<DecompressionArea*>(handles.history), flags);
+  if (call.IsDamaged()) return;
+  if ((flags & LzsStoredBlock) != 0) {
+    if (call.CopyStored(handles)) handles.result = LzsInputUsedUp | LzsOutputFull;
+    return;
+  }
+  if (handles.sourceCount == 0 && call.IsIdle()) {
+    handles.result = LzsInputUsedUp;
+    return;
+  }
+  call.Begin(handles);
+  while (call.Advance()) DecodeFast(call.State());
+  call.End(handles);
+}
+
 }  // namespace lzs
 
 uint16_t LzsSizeOfDecompressionHistory() { return lzs::kDecompressionAreaSize; }
@@ -388,14 +362,14 @@ uint16_t LzsDecompress(const unsigned char** source, unsigned char** destination
                        uint32_t* sourceCount, uint32_t* destinationCount, void* history,
                        uint16_t flags) {
   if (!source || !destination || !sourceCount || !destinationCount || !history) return 0;
-  auto& area = *static_cast<lzs::DecompressionArea*>(history);
-  if ((flags & ~lzs::kAllFlags) != 0 || area.signature != lzs::kDecompressionSignature) return 0;
-  lzs::DecompressCall call(area, flags);
-  if (call.IsDamaged()) return 0;
-  if ((flags & LzsStoredBlock) == 0)
-    return call.Run(source, destination, sourceCount, destinationCount);
-  if (!call.CopyStored(source, destination, sourceCount, destinationCount)) return 0;
-  return LzsInputUsedUp | LzsOutputFull;
+  lzs::DecompressHandles handles{*source,           *destination, *sourceCount,
+                                 *destinationCount, history,      0};
+  lzs::Decompress(handles, flags);
+  *source = handles.source;
+  *destination = handles.destination;
+  *sourceCount = handles.sourceCount;
+  *destinationCount = handles.destinationCount;
+  return handles.result;
 }
 
 }  // namespace capsule

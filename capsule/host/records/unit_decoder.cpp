@@ -6,6 +6,7 @@
 #include <algorithm>
 #include <array>
 
+#include "capsule/compression/decompress_pair.h"
 #include "capsule/compression/decompression_area.h"
 #include "capsule/compression/lzs.h"
 
@@ -16,8 +17,11 @@ static_assert(kMaxHistory == lzs::kMaxOffset);
 
 std::string Count(uint64_t n) { return std::to_string(n); }
 
-bool AllZero(std::span<const unsigned char> bytes) {
-  return std::all_of(bytes.begin(), bytes.end(), [](unsigned char b) { return b == 0; });
+// A whole unit in exactly its room, with nothing but zeros behind it.
+bool IsSound(const lzs::DecompressHandles& call) {
+  if ((call.result & LzsUnitComplete) == 0 || call.destinationCount != 0) return false;
+  const std::span behind(call.source, call.sourceCount);
+  return std::all_of(behind.begin(), behind.end(), [](unsigned char b) { return b == 0; });
 }
 
 }  // namespace
@@ -60,27 +64,52 @@ void UnitDecoder::Pretend(unsigned char value) {
 
 std::string UnitDecoder::Decode(std::span<const unsigned char> payload,
                                 std::span<unsigned char> out) {
-  const unsigned char* source = payload.data();
-  unsigned char* destination = out.data();
-  auto sourceLeft = static_cast<uint32_t>(payload.size());
-  auto destinationLeft = static_cast<uint32_t>(out.size());
-  const uint16_t result = LzsDecompress(&source, &destination, &sourceLeft, &destinationLeft,
-                                        m_history.data(), LzsKeepHistory);
-  const bool isComplete = (result & LzsUnitComplete) != 0;
-  const auto behind = payload.last(isComplete ? sourceLeft : 0);
-  if (isComplete && destinationLeft == 0 && AllZero(behind)) return {};
+  Unit unit{payload, out};
+  lzs::DecompressHandles call = CallFor(unit);
+  call.result = LzsDecompress(&call.source, &call.destination, &call.sourceCount,
+                              &call.destinationCount, call.history, LzsKeepHistory);
+  return Judge(call, unit);
+}
+
+void UnitDecoder::DecodePair(UnitDecoder& first, std::span<Unit> a, UnitDecoder& second,
+                             std::span<Unit> b) {
+  std::vector<lzs::DecompressHandles> callsOfA = first.CallsFor(a);
+  std::vector<lzs::DecompressHandles> callsOfB = second.CallsFor(b);
+  lzs::DecompressPair(callsOfA, callsOfB, IsSound);
+  for (size_t i = 0; i < a.size(); ++i) a[i].fault = first.Judge(callsOfA[i], a[i]);
+  for (size_t i = 0; i < b.size(); ++i) b[i].fault = second.Judge(callsOfB[i], b[i]);
+}
+
+lzs::DecompressHandles UnitDecoder::CallFor(const Unit& unit) {
+  return {unit.payload.data(),
+          unit.out.data(),
+          static_cast<uint32_t>(unit.payload.size()),
+          static_cast<uint32_t>(unit.out.size()),
+          m_history.data(),
+          0};
+}
+
+std::vector<lzs::DecompressHandles> UnitDecoder::CallsFor(std::span<const Unit> units) {
+  std::vector<lzs::DecompressHandles> calls;
+  calls.reserve(units.size());
+  for (const Unit& unit : units) calls.push_back(CallFor(unit));
+  return calls;
+}
+
+std::string UnitDecoder::Judge(const lzs::DecompressHandles& call, const Unit& unit) {
+  if (IsSound(call)) return {};
   Forget();
-  if (result == 0) return "compressed data is corrupt";
-  if (!isComplete) {
-    return (result & LzsOutputFull) != 0
-               ? "decodes to more than the " + Count(out.size()) + " bytes that it states"
-               : "compressed data has no end within its " + Count(payload.size()) + " bytes";
+  const size_t room = unit.out.size();
+  if (call.result == 0) return "compressed data is corrupt";
+  if ((call.result & LzsUnitComplete) == 0) {
+    return (call.result & LzsOutputFull) != 0
+               ? "decodes to more than the " + Count(room) + " bytes that it states"
+               : "compressed data has no end within its " + Count(unit.payload.size()) + " bytes";
   }
-  if (destinationLeft != 0) {
-    return "decodes to " + Count(out.size() - destinationLeft) + " bytes instead of " +
-           Count(out.size());
+  if (call.destinationCount != 0) {
+    return "decodes to " + Count(room - call.destinationCount) + " bytes instead of " + Count(room);
   }
-  return Count(sourceLeft) + " bytes follow the end of the compressed data";
+  return Count(call.sourceCount) + " bytes follow the end of the compressed data";
 }
 
 }  // namespace capsule::host

@@ -7,6 +7,10 @@
 #include <string>
 #include <vector>
 
+namespace capsule::lzs {
+struct DecompressHandles;
+}
+
 namespace capsule::host {
 
 // How far back a unit may refer.
@@ -38,8 +42,23 @@ class UnitDecoder {
   // prepared again; in no case is `payload` or `out` used once the call is over.
   std::string Decode(std::span<const unsigned char> payload, std::span<unsigned char> out);
 
+  // A unit, where it goes, and then what is wrong with it.
+  struct Unit {
+    std::span<const unsigned char> payload;
+    std::span<unsigned char> out;
+    std::string fault = {};
+  };
+
+  // As Decode of each unit of `a` by `first`, in this order, and of `b` by `second`, another
+  // decoder, but both side by side, which takes less time than one after the other.
+  static void DecodePair(UnitDecoder& first, std::span<Unit> a, UnitDecoder& second,
+                         std::span<Unit> b);
+
  private:
   void Forget();
+  lzs::DecompressHandles CallFor(const Unit& unit);
+  std::vector<lzs::DecompressHandles> CallsFor(std::span<const Unit> units);
+  std::string Judge(const lzs::DecompressHandles& call, const Unit& unit);
 
   std::vector<unsigned char> m_history;
 };
