@@ -1,6 +1,5 @@
 // Problems are told even when the build fails later, since they may be the reason. Once the image
 // is in its place, running out of memory while telling of it is a problem and no failure.
-#include <algorithm>
 #include <memory>
 #include <new>
 

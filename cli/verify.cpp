@@ -1,17 +1,15 @@
-#include <algorithm>
 #include <memory>
 
 #include "capsule/host/message_text.h"
 #include "capsule/host/verifier.h"
 #include "cli/command.h"
+#include "cli/jobs.h"
 #include "cli/json_object.h"
 #include "cli/output.h"
 #include "cli/text.h"
 
 namespace capsule::cli {
 namespace {
-
-constexpr uint64_t kMostJobs = 1024;
 
 struct VerifyArguments {
   std::string image;
@@ -48,7 +46,7 @@ int Verify(const VerifyArguments& arguments, Talk& talk) {
     output.Write(arguments.json ? JsonLine(fault) : TextLine(fault));
   };
   host::VerifyOptions options;
-  options.jobs = static_cast<int>(std::min<uint64_t>(arguments.jobs, kMostJobs));
+  options.jobs = Jobs(arguments.jobs);
   options.onProgress = [&talk](const host::Progress& at) { talk.Progress(at); };
   const host::VerifyReport report = host::Verifier(arguments.image).Run(take, options);
   if (arguments.json) output.Write(JsonSummary(report));
@@ -67,7 +65,7 @@ void DeclareVerify(CommandLine& line) {
       "verify", "Read everything in an image and name each fault: offset, file, what is wrong",
       [arguments](Talk& talk) { return Verify(*arguments, talk); });
   command.Required("IMAGE", arguments->image, "The image file");
-  command.Number("-j,--jobs", arguments->jobs, "Threads that read; one a processor unless given");
+  AddJobsOption(command, arguments->jobs, "Threads that read; one a processor unless given");
   command.Flag("--json", arguments->json, "One JSON object a line, the last one a summary");
 }
 

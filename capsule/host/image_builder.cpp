@@ -10,7 +10,6 @@
 #include <new>
 #include <string_view>
 #include <system_error>
-#include <thread>
 #include <utility>
 
 #include "capsule/container/header_format.h"
@@ -21,6 +20,7 @@
 #include "capsule/host/file/watch.h"
 #include "capsule/host/index/image_header.h"
 #include "capsule/host/index/partition_label.h"
+#include "capsule/host/parallel/workers.h"
 #include "capsule/partition/record_format.h"
 #include "capsule/platform/ascii.h"
 #include "capsule/platform/dos_time.h"
@@ -107,12 +107,6 @@ int64_t LatestTime() {
                 "'" + std::string(digits) + "' is not a number of seconds");
   }
   return seconds;
-}
-
-// `jobs`: 0 for as many as there are processors.
-size_t WorkersFor(int jobs) {
-  if (jobs > 0) return static_cast<size_t>(jobs);
-  return std::max(std::thread::hardware_concurrency(), 1U);
 }
 
 bool IsExcluded(const std::vector<std::string>& globs, const std::string& name,

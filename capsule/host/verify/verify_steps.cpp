@@ -4,8 +4,9 @@
 
 #include <algorithm>
 #include <exception>
-#include <thread>
 #include <utility>
+
+#include "capsule/host/parallel/workers.h"
 
 namespace capsule::host {
 namespace {
@@ -20,9 +21,8 @@ constexpr size_t kMostEvents = 4096;
 // Bytes of an image that are worth threads.
 constexpr uint64_t kWorthThreads = uint64_t{1} << 20;
 
-size_t WorkersFor(int jobs, uint64_t bytes) {
-  if (jobs > 0) return static_cast<size_t>(jobs);
-  return bytes < kWorthThreads ? 1 : std::max(std::thread::hardware_concurrency(), 1U);
+size_t WorkersForImage(int jobs, uint64_t bytes) {
+  return jobs == 0 && bytes < kWorthThreads ? 1 : WorkersFor(jobs);
 }
 
 }  // namespace
@@ -81,7 +81,7 @@ VerifySteps::VerifySteps(const ImageFile& image, const std::vector<RestartPoint>
       m_telling(telling),
       m_stop(options.stop),
       m_onStop(options.stop, [this] { m_halt.request_stop(); }),
-      m_work(WorkersFor(options.jobs, image.Size())) {}
+      m_work(WorkersForImage(options.jobs, image.Size())) {}
 
 VerifySteps::~VerifySteps() { m_halt.request_stop(); }
 
