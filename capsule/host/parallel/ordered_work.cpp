@@ -1,6 +1,7 @@
 #include "capsule/host/parallel/ordered_work.h"
 
 #include <algorithm>
+#include <new>
 #include <system_error>
 #include <utility>
 
@@ -20,6 +21,8 @@ OrderedWork::OrderedWork(size_t workers)
     for (size_t i = 0; i < m_workers; ++i) m_threads.emplace_back([this, i] { Work(i); });
   } catch (const std::system_error&) {
     // Those that there are do the work; without any, the thread that pushes.
+  } catch (const std::bad_alloc&) {
+    // The same; and to throw would end the process, since threads must not go unjoined.
   }
 }
 

@@ -13,6 +13,7 @@
 #include "capsule/host/index_writer.h"
 #include "capsule/host/parallel/ordered_work.h"
 #include "tests/support/entries.h"
+#include "tests/support/failing_allocations.h"
 #include "tests/support/source_tree.h"
 
 namespace capsule::host {
@@ -189,6 +190,16 @@ TEST(OrderedWork, GivesJobsBackInOrderAlsoThoseThatThrow) {
     while (taken < 990) take();
     // The rest is dropped.
   }
+}
+
+TEST(OrderedWork, DoesWithoutThreadsThatThereIsNoMemoryFor) {
+  EXPECT_GT(test::FailEachAllocation([](const auto& failing) {
+              try {
+                EXPECT_EQ(failing([] { return OrderedWork(4).Workers(); }), 4U);
+              } catch (const std::bad_alloc&) {
+              }
+            }),
+            4);
 }
 
 }  // namespace
