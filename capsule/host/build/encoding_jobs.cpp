@@ -32,9 +32,12 @@ void ItemBatch::Run(size_t worker) {
 }
 
 void SpanJob::Run(size_t worker) {
-  if (m_file->hasFailed) return;
+  uint64_t failedAt = m_file->failedAt;
+  if (failedAt < m_begin) return;
   m_encoded = m_encoders.Of(worker).EncodeSpan(*m_file, m_begin);
-  if (!m_encoded.problem.empty()) m_file->hasFailed = true;
+  if (m_encoded.problem.empty()) return;
+  while (m_begin < failedAt && !m_file->failedAt.compare_exchange_weak(failedAt, m_begin)) {
+  }
 }
 
 }  // namespace capsule::host

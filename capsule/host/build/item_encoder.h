@@ -39,7 +39,9 @@ struct LongFile {
   int partition = 0;
   std::once_flag isLevelKnown;
   int level = 0;
-  std::atomic<bool> hasFailed = false;  // a span cannot be encoded
+  // Where a span begins that cannot be encoded. Those before it are needed all the same: what is
+  // laid down first decides what is said of the file.
+  std::atomic<uint64_t> failedAt = UINT64_MAX;
 };
 
 struct EncodedSpan {

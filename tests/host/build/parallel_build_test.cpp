@@ -8,6 +8,7 @@
 #include <vector>
 
 #include "capsule/container/capsule_file.h"
+#include "capsule/host/build/encoding_jobs.h"
 #include "capsule/host/image.h"
 #include "capsule/host/image_builder.h"
 #include "capsule/host/index_writer.h"
@@ -200,6 +201,24 @@ TEST(OrderedWork, DoesWithoutThreadsThatThereIsNoMemoryFor) {
               }
             }),
             4);
+}
+
+TEST(SpanJob, IsDoneUnlessASpanBeforeItFailed) {
+  EncoderPool encoders(1, 5, 0);
+  const auto file = std::make_shared<LongFile>();
+  file->item.status.size = 4 * kMebi;
+  file->item.bytes = FunctionSource(4 * kMebi, [](uint64_t at, std::span<unsigned char> out) {
+    return at + out.size() > 2 * kMebi ? 0 : out.size();
+  });
+  std::vector<EncodedSpan> spans;
+  for (const uint64_t at : {2 * kMebi, 1 * kMebi, 3 * kMebi}) {
+    SpanJob job(encoders, file, at);
+    job.Run(0);
+    spans.push_back(std::move(job.Encoded()));
+  }
+  EXPECT_EQ(spans[0].problem, "changed while it was read");
+  EXPECT_FALSE(spans[1].bytes.empty());
+  EXPECT_TRUE(spans[2].problem.empty() && spans[2].bytes.empty());
 }
 
 }  // namespace
