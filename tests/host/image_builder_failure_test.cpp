@@ -86,6 +86,26 @@ TEST(ImageBuilderFailure, NothingIsLeftOfABuildThatIsNotFinished) {
   place.ExpectUntouched();
 }
 
+TEST(ImageBuilderFailure, FilesUnderWayLeaveTheWalkItsDescriptors) {
+  const Place place;
+  std::string deep = "d";
+  for (int i = 0; i < 40; ++i) deep += "/d";
+  fs::create_directories(place.source + "/" + deep);
+  const auto isEnough = [&](rlim_t descriptors) {
+    const test::ProcessLimit limit(RLIMIT_NOFILE, descriptors);
+    try {
+      return place.Build({.level = 0, .jobs = 1}).problems.empty();
+    } catch (const ShortageError&) {
+      return false;
+    }
+  };
+  rlim_t enough = 1;
+  while (!isEnough(enough)) ++enough;
+  for (std::string at = deep; at != "d"; at.resize(at.size() - 2)) place.Put(at + "/z");
+  for (int i = 0; i < 12; ++i) place.Put(std::to_string(i));
+  EXPECT_TRUE(isEnough(enough));
+}
+
 TEST(ImageBuilderFailure, CancelStopsTheBuild) {
   const Place place;
   for (int i = 0; i < 100; ++i) place.Put(std::to_string(i));

@@ -134,21 +134,28 @@ void SourceWalk::LeaveOutFailed(const std::string& name, int error, SourceItem* 
   LeaveOut(name, isOther ? kChanged : SystemReason(error), item);
 }
 
-// Opens an item of the current folder, once more where that gave descriptors back.
+// Calls `open` once more where it had no descriptor and some were given back.
 template <typename Open>
-platform::ScopedDescriptor SourceWalk::OpenWith(Open open, const std::string& name) const {
-  const int folder = m_frames.back().folder.Get();
-  platform::ScopedDescriptor opened(open(folder, name.c_str()));
+auto SourceWalk::WithRelief(Open open) const {
+  auto opened = open();
   const bool isShort = !opened && (errno == EMFILE || errno == ENFILE);
   if (!isShort) return opened;
   const int reason = errno;
-  if (m_relief && m_relief()) return platform::ScopedDescriptor(open(folder, name.c_str()));
+  if (m_relief && m_relief()) return open();
   errno = reason;
   return opened;
 }
 
+platform::ScopedDescriptor SourceWalk::OpenFolder(const platform::ScopedDescriptor& from,
+                                                  const char* name) const {
+  return WithRelief(
+      [&] { return platform::ScopedDescriptor(platform::OpenFolderIn(from.Get(), name)); });
+}
+
 void SourceWalk::OpenFile(const std::string& name, SourceItem* item) {
-  item->file = OpenWith(platform::OpenFileIn, name);
+  const int folder = m_frames.back().folder.Get();
+  item->file = WithRelief(
+      [&] { return platform::ScopedDescriptor(platform::OpenFileIn(folder, name.c_str())); });
   const auto status = item->file ? platform::StatusOf(item->file.Get()) : std::nullopt;
   if (!status) return LeaveOutFailed(name, errno, item);
   if (status->kind != platform::FileKind::Regular) return LeaveOut(name, kChanged, item);
@@ -157,7 +164,7 @@ void SourceWalk::OpenFile(const std::string& name, SourceItem* item) {
 }
 
 void SourceWalk::Enter(const std::string& name, SourceItem* item) {
-  platform::ScopedDescriptor folder = OpenWith(platform::OpenFolderIn, name);
+  platform::ScopedDescriptor folder = OpenFolder(m_frames.back().folder, name.c_str());
   const auto status = folder ? platform::StatusOf(folder.Get()) : std::nullopt;
   if (!status) return LeaveOutFailed(name, errno, item);
   item->status = *status;
@@ -169,13 +176,13 @@ void SourceWalk::Enter(const std::string& name, SourceItem* item) {
 // Closes the folder above the current one, where there is a way back to it.
 void SourceWalk::CloseAbove() {
   Frame& above = m_frames[m_frames.size() - 2];
-  const platform::ScopedDescriptor back(platform::OpenFolderIn(m_frames.back().folder.Get(), ".."));
+  const platform::ScopedDescriptor back = OpenFolder(m_frames.back().folder, "..");
   if (IsAbove(back, above)) above.folder.Close();
 }
 
 // Lists the folder, which becomes the current one; false with errno when it cannot.
 bool SourceWalk::Push(platform::ScopedDescriptor folder, const platform::FileStatus& status) {
-  auto items = platform::ListItems(folder.Get());
+  auto items = WithRelief([&] { return platform::ListItems(folder.Get()); });
   if (!items) return false;
   for (platform::ListedItem& item : *items) {
     if (item.kind) continue;
@@ -194,7 +201,7 @@ void SourceWalk::Leave() {
   m_frames.pop_back();
   m_relative.resize(left.pathLength);
   if (m_frames.empty() || m_frames.back().folder) return;
-  platform::ScopedDescriptor above(platform::OpenFolderIn(left.folder.Get(), ".."));
+  platform::ScopedDescriptor above = OpenFolder(left.folder, "..");
   if (!above) ThrowIfShort(m_root, "cannot be read", errno);
   if (IsAbove(above, m_frames.back())) m_frames.back().folder = std::move(above);
 }

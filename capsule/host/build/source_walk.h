@@ -88,7 +88,9 @@ class SourceWalk : public ItemWalk {
   void Examine(const platform::ListedItem& listed, SourceItem* item);
   void OpenFile(const std::string& name, SourceItem* item);
   template <typename Open>
-  platform::ScopedDescriptor OpenWith(Open open, const std::string& name) const;
+  auto WithRelief(Open open) const;
+  platform::ScopedDescriptor OpenFolder(const platform::ScopedDescriptor& from,
+                                        const char* name) const;
   void Look(const std::string& name, SourceItem* item) const;
   void LeaveOut(const std::string& name, std::string reason, SourceItem* item) const;
   void LeaveOutFailed(const std::string& name, int error, SourceItem* item) const;
