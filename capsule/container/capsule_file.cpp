@@ -76,6 +76,7 @@ int CapsuleFile::CreateCapsuleFile(const char* path) {
   m_nSectorCount = 0;
   m_nWriteOffset = 0;
   m_nCurrentPartition = -1;
+  m_OpenItem.path.clear();
   m_pRawHeader = nullptr;
   m_pszImagePath = nullptr;
   ReleaseImageHeader();

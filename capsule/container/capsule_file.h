@@ -92,7 +92,9 @@ class CAPSULE_API CapsuleFile {
   int BeginItem(const char* path, bool isDirectory, int* zeroEntries);
 
   // Takes up the item that was begun last, zero entries and all: `bytes` from the write offset on,
-  // which moves behind them. `sourceLength`: of a file. -1 when the image would grow too long.
+  // which moves behind them. `sourceLength`: of a file. -1 when the image would grow too long; then
+  // the item is still begun. An item that is not ended is in nobody's way: another BeginItem takes
+  // its place, and InsertFile or BeginPartition forget it.
   int EndItem(int64_t bytes, uint32_t sourceLength);
 
   // Whether so many bytes more leave room for all that must follow them.
@@ -184,7 +186,7 @@ class CAPSULE_API CapsuleFile {
   int AllOrNothing(Step step);
   void RollBack(const InsertionStart& start);
 
-  // The item that was begun, and not ended.
+  // The item that was begun, and not ended; without a path, none.
   struct OpenItem {
     CString path;
     CString directory;

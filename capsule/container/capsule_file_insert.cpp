@@ -93,7 +93,10 @@ int CapsuleFile::AllOrNothing(Step step) {
   const InsertionStart start{platform::FileLength(m_hImageFile), m_nWriteOffset,
                              m_nCurrentPartition, m_pCurrentPartition};
   try {
-    if (step() == 0) return 0;
+    if (step() == 0) {
+      m_OpenItem.path.clear();
+      return 0;
+    }
   } catch (const std::bad_alloc&) {
     errno = ENOMEM;
   }
@@ -161,22 +164,24 @@ int CapsuleFile::LevelsToClose(const CString& directory) {
 }
 
 int CapsuleFile::BeginItem(const char* path, bool isDirectory, int* zeroEntries) {
-  if (path == nullptr || zeroEntries == nullptr || m_pCurrentPartition == nullptr) return -1;
+  const bool isPossible = m_hImageFile != 0 && m_pCurrentPartition != nullptr;
+  if (!isPossible || path == nullptr || *path == '\0' || zeroEntries == nullptr) return -1;
   return platform::OrOutOfMemory(-1, [&] {
     const auto directory = DirectoryOf(path, isDirectory);
-    if (!directory) return -1;
-    *zeroEntries = LevelsToClose(*directory);
+    const int levels = directory ? LevelsToClose(*directory) : -1;
+    if (levels < 0) return -1;
     m_OpenItem = {path, *directory, isDirectory};
-    return *zeroEntries < 0 ? -1 : 0;
+    *zeroEntries = levels;
+    return 0;
   });
 }
 
 int CapsuleFile::EndItem(int64_t bytes, uint32_t sourceLength) {
-  const OpenItem item = std::exchange(m_OpenItem, {});
-  if (item.path.empty() || bytes < 0 || !HasRoomFor(bytes)) return -1;
-  const int levels = CapsulePartition::HierarchyLevelOf(item.path.c_str());
-  const int64_t closing = item.isDirectory ? int64_t{levels} * kDirRecordSize : 0;
+  if (m_hImageFile == 0 || m_OpenItem.path.empty() || !HasRoomFor(bytes)) return -1;
+  const int levels = CapsulePartition::HierarchyLevelOf(m_OpenItem.path.c_str());
+  const int64_t closing = m_OpenItem.isDirectory ? int64_t{levels} * kDirRecordSize : 0;
   if (!FitsImage(int64_t{m_nWriteOffset} + bytes, closing)) return -1;
+  const OpenItem item = std::exchange(m_OpenItem, {});
   return platform::OrOutOfMemory(-1, [&] {
     CurrentLibraryState().previousInsertDir = item.directory;
     CurrentLibraryState().dirLevelsToClose = 0;
@@ -188,7 +193,8 @@ int CapsuleFile::EndItem(int64_t bytes, uint32_t sourceLength) {
 
 bool CapsuleFile::HasRoomFor(int64_t bytes) const {
   const int levels = m_pCurrentPartition == nullptr ? 0 : m_pCurrentPartition->GetHierarchyLevel();
-  return FitsImage(int64_t{m_nWriteOffset} + bytes, int64_t{levels} * kDirRecordSize);
+  return FitsImage(0, bytes) &&
+         FitsImage(int64_t{m_nWriteOffset} + bytes, int64_t{levels} * kDirRecordSize);
 }
 
 int CapsuleFile::WriteItem(const CString& path, bool directory, InsertObserver* observer) {

@@ -302,6 +302,57 @@ TEST(Misuse, CapsuleFile) {
   EXPECT_EQ(test::ReadFile(image), bytes);
 }
 
+TEST(Misuse, ItemsOfTheCaller) {
+  SourceTree tree;
+  const std::string image = tree.Beside("image");
+  const std::string file = tree.AddFile("a.txt", "text");
+  constexpr int64_t kMost = std::numeric_limits<int64_t>::max();
+  int zeros = 7;
+  CapsuleFile writer;
+  const auto expectRefused = [&](CapsuleFile& refusing) {
+    const int before = refusing.GetWriteOffset();
+    EXPECT_EQ(refusing.BeginItem("0:\\a", false, &zeros), -1);
+    EXPECT_EQ(refusing.EndItem(0, 0), -1);
+    EXPECT_EQ(refusing.GetWriteOffset(), before);
+  };
+  expectRefused(writer);
+  ASSERT_EQ(writer.CreateCapsuleFile(image.c_str()), 0);
+  ASSERT_EQ(writer.WriteImageFileHeader("Capsulate"), 0);
+  expectRefused(writer);
+  ASSERT_EQ(writer.BeginPartition(0), 0);
+  const int begin = writer.GetWriteOffset();
+  EXPECT_EQ(writer.BeginItem(nullptr, true, &zeros), -1);
+  EXPECT_EQ(writer.BeginItem("", true, &zeros), -1);
+  EXPECT_EQ(writer.BeginItem("a", false, &zeros), -1) << "a file without a directory";
+  EXPECT_EQ(writer.BeginItem("0:\\a", false, nullptr), -1);
+  EXPECT_EQ(zeros, 7);
+  EXPECT_EQ(writer.EndItem(100, 0), -1) << "none was begun";
+  EXPECT_EQ(writer.BeginItem("0:\\a", true, &zeros), 0);
+  for (const int64_t bytes : {int64_t{-1}, -kMost - 1, kMost, int64_t{kHuge}}) {
+    EXPECT_FALSE(writer.HasRoomFor(bytes)) << bytes;
+    EXPECT_EQ(writer.EndItem(bytes, 0), -1) << bytes;
+  }
+  EXPECT_EQ(writer.EndItem(0, 0), 0);
+  EXPECT_EQ(writer.EndItem(0, 0), -1) << "twice";
+  EXPECT_EQ(writer.GetWriteOffset(), begin);
+  EXPECT_EQ(writer.BeginItem("0:\\a\\b", false, &zeros), 0);
+  EXPECT_EQ(zeros, 0);
+  ASSERT_EQ(writer.BeginPartition(1), 0);
+  EXPECT_EQ(writer.EndItem(0, 0), -1) << "begun in the partition before";
+  EXPECT_EQ(writer.BeginItem("1:\\b", false, &zeros), 0);
+  ASSERT_EQ(writer.InsertFile(file.c_str(), 1), 0);
+  EXPECT_EQ(writer.EndItem(0, 0), -1) << "its place is taken";
+  EXPECT_EQ(writer.BeginItem("1:\\b", true, &zeros), 0);
+  EXPECT_EQ(writer.CloseImageFile(), 0);
+  expectRefused(writer);
+  CapsuleFile reader(image.c_str());
+  EXPECT_EQ(reader.ReadImage(1), 0);
+  expectRefused(reader);
+  EXPECT_TRUE(reader.CloseImageFileHandle());
+  EXPECT_EQ(writer.CreateCapsuleFile(image.c_str()), 0);
+  expectRefused(writer);
+}
+
 TEST(Misuse, Codec) {
   unsigned char area[32] = {};
   unsigned char bytes[64] = {1, 2, 3};
