@@ -159,6 +159,7 @@ struct ImageBuilder::Impl {
   void RequireLabel(const std::string& label) const;
   void RefuseEleventh(const std::string& source) const;
   SourceWalk::Filter Filter() const;
+  Relief Relieving();
   SourceWalk Walk(const std::string& folder);
   void CountInserted(const SourceItem& item);
   void Complete();
@@ -258,8 +259,12 @@ SourceWalk::Filter ImageBuilder::Impl::Filter() const {
 }
 
 // Where descriptors run out, those of files that are under way are given back first.
+Relief ImageBuilder::Impl::Relieving() {
+  return [this] { return draft.Settle(); };
+}
+
 SourceWalk ImageBuilder::Impl::Walk(const std::string& folder) {
-  return SourceWalk(folder, Filter(), [this] { return draft.Settle(); });
+  return SourceWalk(folder, Filter(), Relieving());
 }
 
 // Adds the sizes of the files that AddPartition will find to the total.
@@ -341,7 +346,9 @@ void ImageBuilder::AddDirectory(const fs::path& directory, const std::string& la
 void ImageBuilder::AddItems(const std::vector<BuildItem>& items, const std::string& label) {
   m_impl->RefuseEleventh(m_impl->name);
   m_impl->RequireLabel(label);
-  const auto walk = [&] { return ItemTree(m_impl->name, items, m_impl->Filter()); };
+  const auto walk = [&] {
+    return ItemTree(m_impl->name, items, m_impl->Filter(), m_impl->Relieving());
+  };
   if (m_impl->options.countFirst) m_impl->AddToTotal(walk());
   m_impl->AddPartition(label, walk());
 }

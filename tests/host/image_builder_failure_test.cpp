@@ -91,10 +91,14 @@ TEST(ImageBuilderFailure, FilesUnderWayLeaveTheWalkItsDescriptors) {
   std::string deep = "d";
   for (int i = 0; i < 40; ++i) deep += "/d";
   fs::create_directories(place.source + "/" + deep);
+  std::vector<BuildItem> items{{.path = "z", .source = place.source}};
   const auto isEnough = [&](rlim_t descriptors) {
     const test::ProcessLimit limit(RLIMIT_NOFILE, descriptors);
     try {
-      return place.Build({.level = 0, .jobs = 1}).problems.empty();
+      ImageBuilder builder(place.image, {.level = 0, .jobs = 1});
+      builder.AddDirectory(place.source);
+      builder.AddItems(items);
+      return builder.Finish().problems.empty();
     } catch (const ShortageError&) {
       return false;
     }
@@ -102,7 +106,11 @@ TEST(ImageBuilderFailure, FilesUnderWayLeaveTheWalkItsDescriptors) {
   rlim_t enough = 1;
   while (!isEnough(enough)) ++enough;
   for (std::string at = deep; at != "d"; at.resize(at.size() - 2)) place.Put(at + "/z");
-  for (int i = 0; i < 12; ++i) place.Put(std::to_string(i));
+  for (int i = 0; i < 12; ++i) {
+    const std::string name = std::to_string(i);
+    place.Put(name);
+    items.push_back({.path = name, .source = place.source + "/" + name});
+  }
   EXPECT_TRUE(isEnough(enough));
 }
 

@@ -55,8 +55,8 @@ platform::FileStatus StatusFor(const BuildItem& item) {
 }  // namespace
 
 ItemTree::ItemTree(const std::string& image, const std::vector<BuildItem>& items,
-                   SourceWalk::Filter filter)
-    : m_image(image), m_filter(std::move(filter)) {
+                   SourceWalk::Filter filter, Relief relief)
+    : m_image(image), m_filter(std::move(filter)), m_relief(std::move(relief)) {
   for (const BuildItem& item : items) Put(item);
   for (const auto& [path, item] : m_items) {
     Path above = Above(path);
@@ -139,11 +139,14 @@ void ItemTree::OpenSystemItem(const BuildItem& from, SourceItem* item) {
   if (status->kind == platform::FileKind::Directory) {
     item->kind = SourceItem::Kind::Folder;
     m_below = item->relative + "/";
-    m_walk.emplace(item->path, [this](const std::string& name, const std::string& relative) {
+    const auto filter = [this](const std::string& name, const std::string& relative) {
       return m_filter && m_filter(name, m_below + relative);
-    });
+    };
+    m_walk.emplace(item->path, filter, m_relief);
   } else if (status->kind == platform::FileKind::Regular) {
-    item->file = platform::ScopedDescriptor(platform::OpenForReading(item->path.c_str()));
+    item->file = WithRelief(m_relief, [&] {
+      return platform::ScopedDescriptor(platform::OpenForReading(item->path.c_str()));
+    });
     const auto opened = item->file ? platform::StatusOf(item->file.Get()) : std::nullopt;
     if (!opened) ThrowSystemError(item->path, "", errno);
     item->status = *opened;

@@ -17,8 +17,8 @@ class ItemTree : public ItemWalk {
  public:
   // `image`: what errors call the image. Throws Error when items do not fit together, or an image
   // cannot hold one. `filter`: of what lies in folders of the system.
-  ItemTree(const std::string& image, const std::vector<BuildItem>& items,
-           SourceWalk::Filter filter);
+  ItemTree(const std::string& image, const std::vector<BuildItem>& items, SourceWalk::Filter filter,
+           Relief relief);
 
   bool Next(SourceItem* item) override;
 
@@ -36,6 +36,7 @@ class ItemTree : public ItemWalk {
 
   std::string m_image;
   SourceWalk::Filter m_filter;
+  Relief m_relief;
   std::map<Path, BuildItem> m_items;  // folders that are only implied, too
   std::map<Path, BuildItem>::const_iterator m_next;
   std::map<Path, Folder> m_folders;

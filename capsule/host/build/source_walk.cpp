@@ -72,7 +72,9 @@ const char* NameProblem(std::string_view name) {
 
 SourceWalk::SourceWalk(std::string root, Filter filter, Relief relief)
     : m_root(std::move(root)), m_filter(std::move(filter)), m_relief(std::move(relief)) {
-  platform::ScopedDescriptor folder(platform::OpenFolderBehind(m_root.c_str()));
+  auto folder = WithRelief(m_relief, [&] {
+    return platform::ScopedDescriptor(platform::OpenFolderBehind(m_root.c_str()));
+  });
   const auto status = folder ? platform::StatusOf(folder.Get()) : std::nullopt;
   if (!status || !Push(std::move(folder), *status)) ThrowSystemError(m_root, "", errno);
 }
@@ -134,28 +136,18 @@ void SourceWalk::LeaveOutFailed(const std::string& name, int error, SourceItem* 
   LeaveOut(name, isOther ? kChanged : SystemReason(error), item);
 }
 
-// Calls `open` once more where it had no descriptor and some were given back.
-template <typename Open>
-auto SourceWalk::WithRelief(Open open) const {
-  auto opened = open();
-  const bool isShort = !opened && (errno == EMFILE || errno == ENFILE);
-  if (!isShort) return opened;
-  const int reason = errno;
-  if (m_relief && m_relief()) return open();
-  errno = reason;
-  return opened;
-}
-
 platform::ScopedDescriptor SourceWalk::OpenFolder(const platform::ScopedDescriptor& from,
                                                   const char* name) const {
-  return WithRelief(
-      [&] { return platform::ScopedDescriptor(platform::OpenFolderIn(from.Get(), name)); });
+  return WithRelief(m_relief, [&] {
+    return platform::ScopedDescriptor(platform::OpenFolderIn(from.Get(), name));
+  });
 }
 
 void SourceWalk::OpenFile(const std::string& name, SourceItem* item) {
   const int folder = m_frames.back().folder.Get();
-  item->file = WithRelief(
-      [&] { return platform::ScopedDescriptor(platform::OpenFileIn(folder, name.c_str())); });
+  item->file = WithRelief(m_relief, [&] {
+    return platform::ScopedDescriptor(platform::OpenFileIn(folder, name.c_str()));
+  });
   const auto status = item->file ? platform::StatusOf(item->file.Get()) : std::nullopt;
   if (!status) return LeaveOutFailed(name, errno, item);
   if (status->kind != platform::FileKind::Regular) return LeaveOut(name, kChanged, item);
@@ -182,7 +174,7 @@ void SourceWalk::CloseAbove() {
 
 // Lists the folder, which becomes the current one; false with errno when it cannot.
 bool SourceWalk::Push(platform::ScopedDescriptor folder, const platform::FileStatus& status) {
-  auto items = WithRelief([&] { return platform::ListItems(folder.Get()); });
+  auto items = WithRelief(m_relief, [&] { return platform::ListItems(folder.Get()); });
   if (!items) return false;
   for (platform::ListedItem& item : *items) {
     if (item.kind) continue;

@@ -11,6 +11,7 @@
 // Error. One thread uses a walk.
 #pragma once
 
+#include <cerrno>
 #include <cstdint>
 #include <functional>
 #include <memory>
@@ -61,13 +62,25 @@ class ItemWalk {
 // Why an image cannot hold an item of this name; null when it can.
 const char* NameProblem(std::string_view name);
 
+// Gives descriptors back where they have run out; whether there were any to give.
+using Relief = std::function<bool()>;
+
+// Calls `open` once more where it had no descriptor and some were given back.
+template <typename Open>
+auto WithRelief(const Relief& relief, Open open) {
+  auto opened = open();
+  const bool isShort = !opened && (errno == EMFILE || errno == ENFILE);
+  if (!isShort) return opened;
+  const int reason = errno;
+  if (relief && relief()) return open();
+  errno = reason;
+  return opened;
+}
+
 class SourceWalk : public ItemWalk {
  public:
   // Whether an item is left out, by name and by path below the root.
   using Filter = std::function<bool(const std::string& name, const std::string& relative)>;
-
-  // Gives descriptors back where they have run out; whether there were any to give.
-  using Relief = std::function<bool()>;
 
   // Throws Error when `root` cannot be listed.
   SourceWalk(std::string root, Filter filter, Relief relief = {});
@@ -87,8 +100,6 @@ class SourceWalk : public ItemWalk {
 
   void Examine(const platform::ListedItem& listed, SourceItem* item);
   void OpenFile(const std::string& name, SourceItem* item);
-  template <typename Open>
-  auto WithRelief(Open open) const;
   platform::ScopedDescriptor OpenFolder(const platform::ScopedDescriptor& from,
                                         const char* name) const;
   void Look(const std::string& name, SourceItem* item) const;
