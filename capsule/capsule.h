@@ -4,7 +4,6 @@
 #include "capsule/blocks/buffer.h"
 #include "capsule/blocks/data_block.h"
 #include "capsule/blocks/file_block.h"
-#include "capsule/blocks/insert_observer.h"
 #include "capsule/compression/lzs.h"
 #include "capsule/compression/stream_compressor.h"
 #include "capsule/container/capsule_file.h"

@@ -27,7 +27,6 @@ namespace capsule {
 class CapsuleFile;
 class CapsuleFileDataBlock;
 class CapsulePartition;
-class InsertObserver;
 struct FileExtraction;
 
 class CAPSULE_API CapsuleFileBlock {
@@ -54,9 +53,8 @@ class CAPSULE_API CapsuleFileBlock {
   int WriteFile(int fd, int offset, int* pTotal, int level, char* history);
 
   // The same bytes as ReadAndChunk and WriteFile, one chunk in memory at a time. The file must
-  // have the size that its entry states and not be written to meanwhile. `observer`: null for none.
-  int StreamFile(const char* path, int fd, int offset, int* pTotal, int level,
-                 InsertObserver* observer = nullptr);
+  // have the size that its entry states and not be written to meanwhile.
+  int StreamFile(const char* path, int fd, int offset, int* pTotal, int level);
 
   // --- Reading (file_block_read.cpp) ---
 
@@ -186,8 +184,7 @@ class CAPSULE_API CapsuleFileBlock {
 
   // Writing (file_block_write.cpp).
   int AppendChunks(const char* path);
-  int StreamRecords(const char* path, int fd, int offset, int* pTotal, int level,
-                    InsertObserver* observer);
+  int StreamRecords(const char* path, int fd, int offset, int* pTotal, int level);
 
   // Decoding in order (file_block_extract.cpp).
   int FillExtractionBuffer(CapsuleFile* file, int64_t start, int len);

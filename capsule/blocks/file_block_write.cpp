@@ -6,7 +6,6 @@
 #include "capsule/blocks/data_block.h"
 #include "capsule/blocks/data_record.h"
 #include "capsule/blocks/file_block.h"
-#include "capsule/blocks/insert_observer.h"
 #include "capsule/blocks/record_encoder.h"
 #include "capsule/partition/record_format.h"
 #include "capsule/platform/file.h"
@@ -36,11 +35,6 @@ class RecordWriter {
     return true;
   }
 
-  // What comes next: the chunk at `position` of the file, behind `before`.
-  InsertObserver::Chunk Next(uint32_t position, std::span<const unsigned char> before) const {
-    return {m_nOffset, position, before, m_Encoder.Compresses()};
-  }
-
   int64_t Written() const { return m_nWritten; }
 
  private:
@@ -50,12 +44,9 @@ class RecordWriter {
   int64_t m_nWritten = 0;
 };
 
-bool StreamChunks(int source, uint32_t size, RecordWriter& writer, InsertObserver* observer) {
+bool StreamChunks(int source, uint32_t size, RecordWriter& writer) {
   std::array<unsigned char, kChunkSize> chunk;
-  std::span<const unsigned char> before;
   for (uint32_t position = 0; position < size;) {
-    if (observer != nullptr && !observer->OnChunk(writer.Next(position, before))) return false;
-    before = chunk;
     const uint32_t length = std::min(size - position, kChunkSize);
     if (platform::ReadAt(source, chunk.data(), length, position) != int64_t{length}) return false;
     const uint32_t padded = PaddedChunkLength(length);
@@ -122,22 +113,20 @@ int CapsuleFileBlock::WriteFile(int fd, int offset, int* pTotal, int level, char
   return Advance(pTotal, writer.Written()) ? 0 : -1;
 }
 
-int CapsuleFileBlock::StreamFile(const char* path, int fd, int offset, int* pTotal, int level,
-                                 InsertObserver* observer) {
+int CapsuleFileBlock::StreamFile(const char* path, int fd, int offset, int* pTotal, int level) {
   if (pTotal == nullptr) return -1;
-  return platform::OrOutOfMemory(
-      -1, [&] { return StreamRecords(path, fd, offset, pTotal, level, observer); });
+  return platform::OrOutOfMemory(-1,
+                                 [&] { return StreamRecords(path, fd, offset, pTotal, level); });
 }
 
-int CapsuleFileBlock::StreamRecords(const char* path, int fd, int offset, int* pTotal, int level,
-                                    InsertObserver* observer) {
+int CapsuleFileBlock::StreamRecords(const char* path, int fd, int offset, int* pTotal, int level) {
   const platform::HostView& view = CurrentLibraryState().hostView;
   const uint32_t size = m_DirectoryEntry.EntryFor(m_DirectoryType).FileSize;
   RecordWriter writer(fd, offset, level);
   const platform::ScopedDescriptor source = view.OpenFile(path);
   const auto before = platform::Stamp(source.Get());
   if (!before || before->length != int64_t{size}) return -1;
-  if (!StreamChunks(source.Get(), size, writer, observer)) return -1;
+  if (!StreamChunks(source.Get(), size, writer)) return -1;
   // Written to meanwhile, the file may never have had the content that was read.
   if (platform::Stamp(source.Get()) != before) return -1;
   return Advance(pTotal, writer.Written()) ? 0 : -1;

@@ -32,8 +32,6 @@ class RecordEncoder {
   // encoded.
   bool Append(std::span<const unsigned char> chunk, bool isLast, std::vector<unsigned char>* out);
 
-  bool Compresses() const { return m_compresses; }
-
  private:
   std::span<unsigned char> Payload() { return std::span(m_record).subspan(kMiniHeaderSize); }
 

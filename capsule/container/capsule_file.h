@@ -38,7 +38,6 @@
 namespace capsule {
 
 class CapsulePartition;
-class InsertObserver;
 struct _ListNode;
 
 class CAPSULE_API CapsuleFile {
@@ -69,7 +68,7 @@ class CAPSULE_API CapsuleFile {
 
   // Adds the file or directory at `path` to partition `partition` (0 to 9, never lower than in the
   // call before). A path that ends in '?' is skipped. A failed insertion leaves the write offset,
-  // all bytes before it, and the current partition as they were. `observer`: null for none.
+  // all bytes before it, and the current partition as they were.
   //
   // Only the last component of a path is stored. A directory is inserted before what it holds, and
   // all of that before anything else; the components that a path shares with the one before tell
@@ -80,7 +79,7 @@ class CAPSULE_API CapsuleFile {
   // A root like "C:\", or a directory with a separator behind it, is stored as three entries ".",
   // "." and "..", and what follows lies beside them. A name that is its own 8.3 alias but for case
   // is stored in capitals alone; any other keeps its spelling beside its alias.
-  int InsertFile(const char* path, int partition, InsertObserver* observer = nullptr);
+  int InsertFile(const char* path, int partition);
 
   // Makes `partition` the current one: closes the section before and begins a new one. InsertFile
   // does so by itself; this is for a partition that may stay empty. Same rules and failures.
@@ -177,10 +176,10 @@ class CAPSULE_API CapsuleFile {
     int partition;
     CapsulePartition* current;
   };
-  int Insert(const CString& path, const CString& trimmed, int partition, InsertObserver* observer);
+  int Insert(const CString& path, const CString& trimmed, int partition);
   int SwitchPartition(int partition);
   int LevelsToClose(const CString& directory);
-  int WriteItem(const CString& path, bool directory, InsertObserver* observer);
+  int WriteItem(const CString& path, bool directory);
   // Runs `step`; when it does not give 0, takes back what it wrote.
   template <typename Step>
   int AllOrNothing(Step step);

@@ -74,13 +74,13 @@ struct SegmentList {
 
 }  // namespace
 
-int CapsuleFile::InsertFile(const char* path, int partition, InsertObserver* observer) {
+int CapsuleFile::InsertFile(const char* path, int partition) {
   if (path == nullptr) return -1;
   return platform::OrOutOfMemory(-1, [&] {
     TraceInsertion(CurrentLibraryState(), path);
     const CString trimmed(platform::TrimRight(path));
     if (!trimmed.empty() && trimmed.back() == kSkipMark) return 0;
-    return AllOrNothing([&] { return Insert(path, trimmed, partition, observer); });
+    return AllOrNothing([&] { return Insert(path, trimmed, partition); });
   });
 }
 
@@ -106,8 +106,7 @@ int CapsuleFile::AllOrNothing(Step step) {
   return -1;
 }
 
-int CapsuleFile::Insert(const CString& path, const CString& trimmed, int partition,
-                        InsertObserver* observer) {
+int CapsuleFile::Insert(const CString& path, const CString& trimmed, int partition) {
   LibraryState& state = CurrentLibraryState();
   auto found = state.hostView.Find(path);
   const bool isDirectory = found && IsDirectory(*found);
@@ -128,7 +127,7 @@ int CapsuleFile::Insert(const CString& path, const CString& trimmed, int partiti
 
   if (trimmed != path) found = state.hostView.Find(trimmed);
   if (!found) return -1;
-  return WriteItem(trimmed, IsDirectory(*found), observer);
+  return WriteItem(trimmed, IsDirectory(*found));
 }
 
 int CapsuleFile::SwitchPartition(int partition) {
@@ -197,7 +196,7 @@ bool CapsuleFile::HasRoomFor(int64_t bytes) const {
          FitsImage(int64_t{m_nWriteOffset} + bytes, int64_t{levels} * kDirRecordSize);
 }
 
-int CapsuleFile::WriteItem(const CString& path, bool directory, InsertObserver* observer) {
+int CapsuleFile::WriteItem(const CString& path, bool directory) {
   int written = 0;
   int levels = m_pCurrentPartition->GetHierarchyLevel();
   if (directory) {
@@ -207,8 +206,8 @@ int CapsuleFile::WriteItem(const CString& path, bool directory, InsertObserver* 
     if (result != 0) return -1;
   } else {
     const int level = IsStoredByName(path) ? 0 : m_nCompressionLevel;
-    const int result = m_pCurrentPartition->WriteFile(m_hImageFile, path.c_str(), m_nWriteOffset,
-                                                      &written, level, observer);
+    const int result =
+        m_pCurrentPartition->WriteFile(m_hImageFile, path.c_str(), m_nWriteOffset, &written, level);
     if (result != 0) return -1;
   }
   // What closes the levels must fit, too, or the image could never be closed.

@@ -30,7 +30,6 @@ class CapsuleFile;
 class CapsuleFileBlock;
 class DirectorySupport;
 class ImageIndex;
-class InsertObserver;
 
 class CAPSULE_API CapsulePartition {
  public:
@@ -99,9 +98,8 @@ class CAPSULE_API CapsulePartition {
   int WriteDirectories(int fd, const char* path, int offset, int* written);
 
   // A file's record group and data block records at `offset`; adds their bytes to `*written`.
-  // `compress`: level 0 (stored), 1-3 fast, 4-6 medium, other maximum. `observer`: null for none.
-  int WriteFile(int fd, const char* path, int offset, int* written, int compress,
-                InsertObserver* observer = nullptr);
+  // `compress`: level 0 (stored), 1-3 fast, 4-6 medium, other maximum.
+  int WriteFile(int fd, const char* path, int offset, int* written, int compress);
 
   // --- Reading (partition_read.cpp) ---
 

@@ -95,8 +95,7 @@ int CapsulePartition::WriteGroups(int fd, const char* path, int offset, int* wri
   return 0;
 }
 
-int CapsulePartition::WriteFile(int fd, const char* path, int offset, int* written, int compress,
-                                InsertObserver* observer) {
+int CapsulePartition::WriteFile(int fd, const char* path, int offset, int* written, int compress) {
   if (path == nullptr || written == nullptr) return -1;
   return platform::OrOutOfMemory(-1, [&] {
     RefreshInsertedNames();
@@ -106,8 +105,7 @@ int CapsulePartition::WriteFile(int fd, const char* path, int offset, int* writt
     int total = 0;
     if (file.WriteDirEntry(kWrittenType, path, fd, offset, &total) != 0) return -1;
     const bool hasData = file.GetDirectoryEntry().EntryFor(kWrittenType).FileSize != 0;
-    if (hasData && file.StreamFile(path, fd, offset + total, &total, compress, observer) != 0)
-      return -1;
+    if (hasData && file.StreamFile(path, fd, offset + total, &total, compress) != 0) return -1;
     return Advance(written, total) ? 0 : -1;
   });
 }
