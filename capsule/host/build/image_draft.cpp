@@ -192,7 +192,7 @@ void ImageDraft::Put(std::span<const unsigned char> bytes) {
 void ImageDraft::Lay(SpanJob& span) {
   LongFile& file = span.File();
   if (span.Begin() == 0) BeginLong(file.item);
-  if (m_long->problem.empty()) TakeSpan(span);
+  if (m_long->problem.empty()) TakeSpan(file, span.Begin(), span.Encoded());
   if (span.IsLast()) EndLong(file);
 }
 
@@ -202,35 +202,56 @@ void ImageDraft::BeginLong(const SourceItem& item) {
   m_long->place = BeginItem(item);
 }
 
-void ImageDraft::TakeSpan(SpanJob& span) {
-  EncodedSpan& encoded = span.Encoded();
-  if (span.Begin() != 0 && encoded.problem.empty() && encoded.begin) {
+void ImageDraft::TakeSpan(LongFile& file, uint64_t begin, EncodedSpan& encoded) {
+  if (begin != 0 && encoded.problem.empty() && encoded.begin) {
     ++m_seams;
     if (!m_long->state->GoesOnLike(*encoded.begin)) {
       ++m_seamsRedone;
-      encoded = m_encoders.Own().EncodeSpan(span.File(), span.Begin(), *m_long->state);
+      encoded = m_encoders.Own().EncodeSpan(file, begin, *m_long->state);
     }
   }
   m_long->problem = encoded.problem;
   if (!encoded.problem.empty()) return;
-  if (span.Begin() != 0) {
-    IndexRecord point = RestartRecord(m_output.Position(), span.Begin(), encoded.history);
+  if (begin == 0) {
+    m_long->groupBytes = encoded.groupBytes;
+  } else {
+    IndexRecord point = RestartRecord(m_output.Position(), begin, encoded.history);
     point.length = encoded.firstRecord;
     m_long->restarts.push_back(std::move(point));
   }
   Put(encoded.bytes);
   m_long->check.Update(encoded.bytes);
   m_long->state = std::move(encoded.end);
-  m_settings.onBytes(span.File().item, span.End());
+  m_settings.onBytes(file.item, std::min<uint64_t>(begin + kSpan, file.item.status.size));
 }
 
-void ImageDraft::EndLong(const LongFile& file) {
+// Samples do not tell all of a file: one that has got larger is laid down once more, stored.
+void ImageDraft::StoreIfSmaller(LongFile& file) {
+  const uint64_t size = file.item.status.size;
+  const uint64_t bytes = m_output.Position() - m_long->place.offset - m_long->groupBytes;
+  if (file.level == 0 || bytes < StoredSize(size)) return;
+  GoBack(*m_long);
+  file.level = 0;
+  BeginLong(file.item);
+  for (uint64_t at = 0; at < size && m_long->problem.empty(); at += kSpan) {
+    Check();
+    EncodedSpan encoded = m_encoders.Own().EncodeSpan(file, at);
+    TakeSpan(file, at, encoded);
+  }
+}
+
+void ImageDraft::GoBack(const OpenFile& file) {
+  m_output.GoTo(file.place.begin);
+  m_index.GoBack(file.section);
+}
+
+void ImageDraft::EndLong(LongFile& file) {
+  if (m_long->problem.empty()) StoreIfSmaller(file);
   OpenFile open = std::move(*m_long);
   m_long.reset();
   if (open.problem.empty()) open.problem = ChangeOf(file.item);
   if (!open.problem.empty()) {
-    m_output.GoTo(open.place.begin);
-    m_index.GoBack(open.section);
+    GoBack(open);
   } else {
     EndItem(file.item, open.place);
     const uint64_t offset = open.place.offset;

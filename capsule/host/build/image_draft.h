@@ -86,6 +86,7 @@ class ImageDraft {
   struct OpenFile {
     Place place;
     RunningChecksum section;  // before it
+    uint64_t groupBytes = 0;
     RunningChecksum check;
     std::vector<IndexRecord> restarts;
     std::optional<CompressorState> state;
@@ -100,8 +101,10 @@ class ImageDraft {
   void Lay(const SourceItem& item, const EncodedItem& encoded);
   void Lay(SpanJob& span);
   void BeginLong(const SourceItem& item);
-  void TakeSpan(SpanJob& span);
-  void EndLong(const LongFile& file);
+  void TakeSpan(LongFile& file, uint64_t begin, EncodedSpan& encoded);
+  void StoreIfSmaller(LongFile& file);
+  void GoBack(const OpenFile& file);
+  void EndLong(LongFile& file);
   Place BeginItem(const SourceItem& item);
   void EndItem(const SourceItem& item, const Place& place);
   void Put(std::span<const unsigned char> bytes);

@@ -24,13 +24,6 @@ constexpr auto kEntryType = CapsuleDirectoryEntry::DirTypeFat32;
 // practically always all of it.
 constexpr uint64_t kWarmUp = uint64_t{4} * kChunkSize;
 
-// What records of a file of `size` bytes take when they are stored.
-uint64_t StoredSize(uint64_t size) {
-  const uint64_t chunks = (size + kChunkSize - 1) / kChunkSize;
-  return chunks * kMiniHeaderSize +
-         (size + kChunkAlignment - 1) / kChunkAlignment * kChunkAlignment;
-}
-
 // The opened item while it is encoded.
 class OpenedScope {
  public:
@@ -46,6 +39,12 @@ class OpenedScope {
 };
 
 }  // namespace
+
+uint64_t StoredSize(uint64_t size) {
+  const uint64_t chunks = (size + kChunkSize - 1) / kChunkSize;
+  return chunks * kMiniHeaderSize +
+         (size + kChunkAlignment - 1) / kChunkAlignment * kChunkAlignment;
+}
 
 std::string ItemPath(int partition, const std::string& relative) {
   std::string path = std::to_string(partition) + ":\\" + relative;
@@ -173,6 +172,7 @@ EncodedSpan ItemEncoder::EncodeRead(LongFile& file, uint64_t begin, const Compre
     EncodedItem groups;
     AppendGroups(file.item, file.partition, &groups);
     out.bytes = std::move(groups.bytes);
+    out.groupBytes = out.bytes.size();
   }
   if (!out.problem.empty()) return out;
   StreamCompressor& compressor = *m_state.compressor;

@@ -48,6 +48,7 @@ struct EncodedSpan {
   std::vector<unsigned char> bytes;      // of the first span, from the record group on
   std::vector<unsigned char> history;    // what its first record may refer back to
   uint32_t firstRecord = 0;              // length of that, with its header
+  uint64_t groupBytes = 0;               // of the record group
   std::optional<CompressorState> begin;  // of a compressed file
   std::optional<CompressorState> end;
   std::string problem;
@@ -81,6 +82,9 @@ class ItemEncoder {
   LibraryState m_state;
   std::vector<unsigned char> m_content;
 };
+
+// What records of a file of `size` bytes take when they are stored.
+uint64_t StoredSize(uint64_t size);
 
 // What an item is called while it is inserted: "0:\folder\file".
 std::string ItemPath(int partition, const std::string& relative);

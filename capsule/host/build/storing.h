@@ -1,5 +1,6 @@
 // Whether a file is worth compressing, decided from its content alone: so that it is the same
-// wherever and beside whatever it lies, and no file gets larger by it.
+// wherever and beside whatever it lies. Samples may err: what they call worth it is stored all the
+// same when it has not got smaller; what would have got smaller where no sample was is not.
 #pragma once
 
 #include <cstdint>
