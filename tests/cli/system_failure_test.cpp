@@ -86,10 +86,10 @@ class SystemFailureTest : public CommandTest {
     return {"create", "-q", At("dir/x.cap"), At("in")};
   }
 
-  std::vector<std::string> ExtractArguments() {
+  std::vector<std::string> ExtractArguments(const char* jobs = "1") {
     fs::remove_all(At("dir"));
     fs::create_directory(At("dir"));
-    return {"extract", "-q", At("new"), "-C", At("dir")};
+    return {"extract", "-q", "-j", jobs, At("new"), "-C", At("dir")};
   }
 
   // The old image or a new one; with a status of 0 all of it.
@@ -142,6 +142,22 @@ TEST_F(SystemFailureTest, EveryCallFailsInTurn) {
     }
     std::printf("%s: %d calls; ended by 0: %d, 1: %d, 2: %d\n", isCreate ? "create" : "extract",
                 calls, ends[0], ends[1], ends[2]);
+  }
+}
+
+// Which call comes when is not the same in every run.
+TEST_F(SystemFailureTest, ThreadsThatExtractEndWell) {
+  const int calls = Count("calls", ExtractArguments("3"));
+  for (int n = 1; n <= calls; ++n) {
+    for (const std::string& action :
+         {"fail " + std::to_string(n) + " 5", "fail " + std::to_string(n) + " 24",
+          "after " + std::to_string(n) + " 15"}) {
+      const int status = Run("calls " + action, ExtractArguments("3"));
+      SCOPED_TRACE(action + ": " + Said());
+      EXPECT_TRUE((status >= 0 && status <= 2) || status == -SIGTERM) << status;
+      ExpectNoHarm(false, status, true);
+      if (HasFailure()) return;
+    }
   }
 }
 

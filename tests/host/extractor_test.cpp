@@ -3,11 +3,14 @@
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <sys/file.h>
+#include <sys/resource.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
 #include <map>
+#include <thread>
 
+#include "capsule/host/image_builder.h"
 #include "tests/host/small_image.h"
 
 namespace capsule::host {
@@ -176,6 +179,14 @@ TEST_F(ExtractorTest, WhatKilledRunsLeftIsRemoved) {
   EXPECT_EQ(left.size(), 8u);
   EXPECT_FALSE(left.contains(".capsule-tmp-abcdefghijkl"));
   EXPECT_FALSE(left.contains("SUB/.x.capsule-tmp-abcdefghijkl"));
+  // Who holds the lock of the folder has files in it that are not locked.
+  const int folder = ::open(Out("SUB").c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+  ASSERT_EQ(::flock(folder, LOCK_EX), 0);
+  EXPECT_EQ(Reasons(Extract(true)), "");
+  EXPECT_TRUE(fs::exists(live));
+  ::close(folder);
+  EXPECT_EQ(Reasons(Extract(true)), "");
+  EXPECT_FALSE(fs::exists(live));
 }
 
 TEST_F(ExtractorTest, TimesAndPermissionsComeBack) {
@@ -215,6 +226,180 @@ TEST_F(ExtractorTest, DeepFoldersEndWhereTheLimitIs) {
   EXPECT_EQ(report.directories, static_cast<uint64_t>(kMaxExtractDepth));
   ASSERT_EQ(report.problems.size(), 1u);
   EXPECT_EQ(report.problems[0].reason, "folders are nested too deep");
+}
+
+// A real tree, in an image of its own: long files of every kind, short ones, and odd names.
+class ExtractorJobsTest : public ExtractorTest {
+ protected:
+  ExtractorJobsTest() {
+    fs::create_directories(m_directory / "in/folder/below");
+    fs::create_directory(m_directory / "in/empty");
+    std::string text;
+    for (uint32_t i = 0; text.size() < 4500000; ++i) text += std::to_string(i * i) + " words\n";
+    text.replace(3000000, 400000, 400000, '\0');
+    Make("long", text);
+    Make("folder/zeros", std::string(600000, '\0'));
+    Make("folder/middle", text.substr(7, 1234567));
+    Make("none", "");
+    Make("\n\xff odd", "odd");
+    for (int i = 0; i < 400; ++i) {
+      Make((i % 3 != 0 ? "folder/below/" : "") + std::to_string(i),
+           text.substr(static_cast<size_t>(i), static_cast<size_t>(i * 7)));
+    }
+    fs::permissions(m_directory / "in/folder/below/1", fs::perms(0444));
+    ImageBuilder builder(m_directory / "image", {.jobs = 1});
+    builder.AddDirectories({m_directory / "in"});
+    static_cast<void>(builder.Finish());
+  }
+
+  void Make(const std::string& name, const std::string& bytes) const {
+    test::WriteFile(m_directory / ("in/" + name), bytes);
+  }
+
+  void Damage(const std::vector<std::string>& paths) const {
+    std::string bytes = test::ReadFile(m_directory / "image");
+    const Image image(m_directory / "image");
+    for (const std::string& path : paths) {
+      const Entry entry = image.Find(path).value();
+      bytes[entry.Offset() + 400 + entry.Size() / 12] ^= 0x55;
+    }
+    test::WriteFile(m_directory / "image", bytes);
+  }
+
+  // All that is told, and all that is there afterwards.
+  std::map<std::string, std::string> Run(ExtractOptions options, const std::string& existing) {
+    fs::remove_all(m_directory / "out");
+    fs::create_directory(m_directory / "out");
+    if (!existing.empty()) test::WriteFile(Out(existing), "existing");
+    std::string told;
+    options.onLost = [&](const std::string& path, const LostRange& lost) {
+      told += path + " " + std::to_string(lost.offset) + " " + lost.reason + "\n";
+    };
+    options.onProgress = [&](const Progress& at) {
+      told +=
+          at.path + " " + std::to_string(at.files) + " " + std::to_string(at.directories) + "\n";
+    };
+    const Image image(m_directory / "image", Opening::Salvage);
+    const ExtractReport report = Extractor(image, m_directory / "out", options).Run();
+    auto all = Snapshot(m_directory / "out");
+    if (!existing.empty() && !options.force) all[existing] = test::ReadFile(Out(existing));
+    std::erase(told, '\0');
+    // Long files may be told of in other steps.
+    std::string lines;
+    for (size_t at = 0; at < told.size(); at = told.find('\n', at) + 1) {
+      const std::string line = told.substr(at, told.find('\n', at) + 1 - at);
+      if (!lines.ends_with(line)) lines += line;
+    }
+    all["/told"] = lines;
+    all["/report"] = Reasons(report) + std::to_string(report.files) + " " +
+                     std::to_string(report.directories) + " " + std::to_string(report.bytes) + " " +
+                     std::to_string(report.damagedFiles);
+    return all;
+  }
+
+  // Whole files and no others.
+  void ExpectNothingHalfDone() const {
+    for (const auto& entry : fs::recursive_directory_iterator(m_directory / "out")) {
+      const fs::path name = entry.path().lexically_relative(m_directory / "out");
+      EXPECT_TRUE(fs::exists(m_directory / "in" / name)) << name;
+      if (!entry.is_regular_file()) continue;
+      EXPECT_TRUE(test::ReadFile(entry.path()) == test::ReadFile(m_directory / "in" / name))
+          << name;
+    }
+  }
+};
+
+TEST_F(ExtractorJobsTest, EveryNumberOfThemGivesTheSame) {
+  const auto compare = [&](const std::string& what, ExtractOptions options,
+                           const std::string& existing) {
+    options.jobs = 1;
+    const auto alone = Run(options, existing);
+    for (const int jobs : {2, 8}) {
+      SCOPED_TRACE(what + ", jobs: " + std::to_string(jobs));
+      options.jobs = jobs;
+      const auto together = Run(options, existing);
+      for (const auto& [name, facts] : alone) {
+        EXPECT_TRUE(together.contains(name) && together.at(name) == facts)
+            << name << (name[0] == '/' ? ":\n" + facts + "\n\n" + together.at(name) : "");
+      }
+      EXPECT_EQ(together.size(), alone.size());
+    }
+    return alone;
+  };
+  compare("plain", {}, "");
+  ExpectNothingHalfDone();
+  EXPECT_EQ(Snapshot(m_directory / "out").size(), Snapshot(m_directory / "in").size());
+  compare("existing", {}, "long");
+  compare("replaced", {.force = true}, "33");
+  struct stat status {};
+  ASSERT_EQ(stat(Out("folder/zeros").c_str(), &status), 0);
+  EXPECT_LT(status.st_blocks * 512, 200000);
+  Damage({"0:/long", "0:/folder/below/77", "0:/folder/below/4", "0:/300"});
+  for (const OnDamage onDamage : {OnDamage::Stop, OnDamage::Zero, OnDamage::Skip}) {
+    const auto seen = compare("damaged", {.onDamage = onDamage}, "33");
+    const auto lines = std::count(seen.at("/report").begin(), seen.at("/report").end(), '\n');
+    EXPECT_EQ(lines, onDamage == OnDamage::Stop ? 5 : 1) << seen.at("/report");
+  }
+}
+
+TEST_F(ExtractorJobsTest, WhatEndsThemLeavesWholeFiles) {
+  for (uint64_t last = 1; last < 406; last = last * 4 + 9) {
+    for (const bool throws : {false, true}) {
+      fs::remove_all(m_directory / "out");
+      fs::create_directory(m_directory / "out");
+      std::stop_source stop;
+      const auto onProgress = [&](const Progress& at) {
+        if (at.files < last) return;
+        if (throws) throw std::runtime_error("enough");
+        stop.request_stop();
+      };
+      const Image image(m_directory / "image");
+      Extractor extractor(image, m_directory / "out",
+                          {.onProgress = onProgress, .stop = stop.get_token(), .jobs = 4});
+      EXPECT_THROW(static_cast<void>(extractor.Run()), std::runtime_error);
+      ExpectNothingHalfDone();
+    }
+  }
+}
+
+TEST_F(ExtractorJobsTest, FewDescriptorsAreEnoughOrSaid) {
+  const Image image(m_directory / "image");
+  const int next = ::dup(0);
+  ::close(next);
+  rlimit before{};
+  ASSERT_EQ(::getrlimit(RLIMIT_NOFILE, &before), 0);
+  size_t whole = 0;
+  for (rlim_t more = 0; more < 24; more += 2) {
+    const rlimit few = {static_cast<rlim_t>(next) + more, before.rlim_max};
+    fs::remove_all(m_directory / "out");
+    fs::create_directory(m_directory / "out");
+    ASSERT_EQ(::setrlimit(RLIMIT_NOFILE, &few), 0);
+    try {
+      whole += Extractor(image, m_directory / "out", {.jobs = 4}).Run().files == 405 ? 1 : 0;
+    } catch (const ShortageError&) {
+    }
+    ASSERT_EQ(::setrlimit(RLIMIT_NOFILE, &before), 0);
+    ExpectNothingHalfDone();
+  }
+  EXPECT_GE(whole, 5u);
+}
+
+TEST_F(ExtractorJobsTest, TwoRunsAtOnceDoNotHarmEachOther) {
+  const Image image(m_directory / "image");
+  for (int i = 0; i < 2; ++i) {
+    fs::remove_all(m_directory / "out");
+    fs::create_directory(m_directory / "out");
+    std::string reasons[2];
+    const auto run = [&](size_t n) {
+      const ExtractOptions options = {.force = true, .jobs = 2};
+      reasons[n] = Reasons(Extractor(image, m_directory / "out", options).Run());
+    };
+    std::thread other(run, 1);
+    run(0);
+    other.join();
+    EXPECT_EQ(reasons[0] + reasons[1], "");
+    ExpectNothingHalfDone();
+  }
 }
 
 }  // namespace
