@@ -3,7 +3,7 @@
 //
 // Calling order: the constructor, then BeginPartition and Add as often as wanted, then Complete. A
 // draft that is not completed leaves nothing behind. Failures throw Error about the target. One
-// thread uses a draft; everything that is the host's is called on it.
+// thread uses a draft, and calls what is the host's, but for ByteSources, which workers read.
 #pragma once
 
 #include <cstdint>

@@ -11,7 +11,6 @@
 #include <string>
 #include <vector>
 
-#include "capsule/host/build/item_encoder.h"
 #include "capsule/host/file/checksum.h"
 #include "capsule/host/indexing/index_record_queue.h"
 #include "capsule/host/indexing/index_stream.h"
