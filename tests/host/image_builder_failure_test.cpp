@@ -93,8 +93,8 @@ TEST(ImageBuilderFailure, FilesUnderWayLeaveTheWalkItsDescriptors) {
   fs::create_directories(place.source + "/" + deep);
   std::vector<BuildItem> items{{.path = "z", .source = place.source}};
   const auto isEnough = [&](rlim_t descriptors) {
-    const test::ProcessLimit limit(RLIMIT_NOFILE, descriptors);
     try {
+      const test::ProcessLimit limit(RLIMIT_NOFILE, descriptors);
       ImageBuilder builder(place.image, {.level = 0, .jobs = 1});
       builder.AddDirectory(place.source);
       builder.AddItems(items);
@@ -103,6 +103,9 @@ TEST(ImageBuilderFailure, FilesUnderWayLeaveTheWalkItsDescriptors) {
       return false;
     }
   };
+  // Sanitizers need descriptors of their own to look at a type for the first time.
+  EXPECT_THROW(FileSource(place.source + "/none"), Error);
+  ASSERT_TRUE(isEnough(256));
   rlim_t enough = 1;
   while (!isEnough(enough)) ++enough;
   for (std::string at = deep; at != "d"; at.resize(at.size() - 2)) place.Put(at + "/z");
