@@ -303,15 +303,19 @@ template <typename Steps, bool kHasHistory>
 
 // A round of one, then a round of the other: while one waits, the processor goes on with the other.
 template <typename Steps, bool kHaveHistory>
-[[gnu::always_inline]] inline void DecodePair(DecodeState& a, DecodeState& b) {
+[[gnu::always_inline]] inline Stopped DecodePair(DecodeState& a, DecodeState& b) {
   Lane<Steps, kHaveHistory> first(a);
   Lane<Steps, kHaveHistory> second(b);
+  Stopped stopped{false, false};
   while (first.GoesOn() && second.GoesOn()) {
-    if (!first.Round(a)) break;
-    if (!second.Round(b)) break;
+    stopped.a = !first.Round(a);
+    if (stopped.a) break;
+    stopped.b = !second.Round(b);
+    if (stopped.b) break;
   }
   first.Leave(a);
   second.Leave(b);
+  return {stopped.a || !first.GoesOn(), stopped.b || !second.GoesOn()};
 }
 
 // Without a whole history the loop ends when there is one, and is entered anew.
@@ -322,9 +326,9 @@ template <typename Steps>
 }
 
 template <typename Steps>
-[[gnu::always_inline]] inline void DecodePairWith(DecodeState& a, DecodeState& b) {
+[[gnu::always_inline]] inline Stopped DecodePairWith(DecodeState& a, DecodeState& b) {
   if (HasHistory(a) && HasHistory(b)) return DecodePair<Steps, true>(a, b);
-  DecodePair<Steps, false>(a, b);
+  return DecodePair<Steps, false>(a, b);
 }
 
 #ifdef __x86_64__
@@ -355,12 +359,14 @@ struct Bmi2Steps {
   }
 };
 [[gnu::target("bmi,bmi2")]] void DecodeBmi2(DecodeState& state) { DecodeWith<Bmi2Steps>(state); }
-[[gnu::target("bmi,bmi2")]] void DecodePairBmi2(DecodeState& a, DecodeState& b) {
-  DecodePairWith<Bmi2Steps>(a, b);
+[[gnu::target("bmi,bmi2")]] Stopped DecodePairBmi2(DecodeState& a, DecodeState& b) {
+  return DecodePairWith<Bmi2Steps>(a, b);
 }
 #endif
 void DecodePortable(DecodeState& state) { DecodeWith<PortableSteps>(state); }
-void DecodePairPortable(DecodeState& a, DecodeState& b) { DecodePairWith<PortableSteps>(a, b); }
+Stopped DecodePairPortable(DecodeState& a, DecodeState& b) {
+  return DecodePairWith<PortableSteps>(a, b);
+}
 
 }  // namespace
 
@@ -371,11 +377,11 @@ void DecodeFast(DecodeState& state) {
   DecodePortable(state);
 }
 
-void DecodeFastPair(DecodeState& a, DecodeState& b) {
+Stopped DecodeFastPair(DecodeState& a, DecodeState& b) {
 #ifdef __x86_64__
   if (HasBmi2()) return DecodePairBmi2(a, b);
 #endif
-  DecodePairPortable(a, b);
+  return DecodePairPortable(a, b);
 }
 
 }  // namespace capsule::lzs

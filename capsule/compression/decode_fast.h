@@ -25,8 +25,12 @@ static_assert(kFastOutput >= 8);
 
 void DecodeFast(DecodeState& state);
 
-// As DecodeFast of both, side by side, until one of them stops; the other then stands before any
-// token, or behind a part of a match, as well.
-void DecodeFastPair(DecodeState& a, DecodeState& b);
+// As DecodeFast of both, side by side, until at least one of them stops. The other stands before a
+// token at which it may go on.
+struct Stopped {
+  bool a;
+  bool b;
+};
+Stopped DecodeFastPair(DecodeState& a, DecodeState& b);
 
 }  // namespace capsule::lzs

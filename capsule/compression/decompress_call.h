@@ -29,6 +29,12 @@ class DecompressCall {
   // Up to where the inner loop comes next; false at the end of the call.
   bool Advance();
   DecodeState& State() { return m_state; }
+  // The inner loop was left where it may go on, so no step is needed. One might enter a long match,
+  // which the loop copies far faster.
+  void StayInLoop() {
+    m_source = m_state.in;
+    m_isInLoop = false;
+  }
   void End(DecompressHandles& handles);
   bool CopyStored(DecompressHandles& handles);
 

@@ -34,7 +34,7 @@ class Series {
     }
     return false;
   }
-  DecodeState& State() { return m_call->State(); }
+  DecompressCall& Call() { return *m_call; }
 
  private:
   // False, without a call, if it is refused or has nothing to do.
@@ -59,10 +59,13 @@ void DecompressPair(std::span<DecompressHandles> a, std::span<DecompressHandles>
   bool firstGoesOn = first.Advance();
   bool secondGoesOn = second.Advance();
   while (firstGoesOn || secondGoesOn) {
-    if (firstGoesOn && secondGoesOn)
-      DecodeFastPair(first.State(), second.State());
-    else
-      DecodeFast(firstGoesOn ? first.State() : second.State());
+    if (firstGoesOn && secondGoesOn) {
+      const Stopped stopped = DecodeFastPair(first.Call().State(), second.Call().State());
+      if (!stopped.a) first.Call().StayInLoop();
+      if (!stopped.b) second.Call().StayInLoop();
+    } else {
+      DecodeFast((firstGoesOn ? first : second).Call().State());
+    }
     firstGoesOn = firstGoesOn && first.Advance();
     secondGoesOn = secondGoesOn && second.Advance();
   }
