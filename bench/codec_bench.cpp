@@ -12,9 +12,12 @@
 #include <fstream>
 #include <iterator>
 #include <map>
+#include <span>
 
 #include "bench/coder.h"
 #include "bench/worst_cases.h"
+#include "capsule/compression/decompress_pair.h"
+#include "capsule/compression/lzs.h"
 
 namespace capsule::bench {
 namespace {
@@ -88,6 +91,64 @@ void BenchDecompress(benchmark::State& state, const CoderKind* kind, const std::
   state.SetBytesProcessed(state.iterations() * static_cast<int64_t>(plain.size()));
 }
 
+// One half of an input: its chunks as units of one history, and the calls that decode them.
+struct Half {
+  Half(Coder& coder, std::span<const unsigned char> part)
+      : plain(part.begin(), part.end()),
+        out(plain.size(), 1),
+        coded{std::vector<unsigned char>(RoomFor(plain.size()), 1), {}},
+        history(LzsSizeOfDecompressionHistory()) {
+    isGood = CompressAll(coder, plain, coded);
+  }
+  void Begin() {
+    LzsInitDecompressionHistory(history.data());
+    calls.clear();
+    size_t at = 0;
+    const unsigned char* source = coded.bytes.data();
+    for (const uint32_t count : coded.sizes) {
+      const auto size = static_cast<uint32_t>(std::min<size_t>(kChunkSize, plain.size() - at));
+      calls.push_back({source, out.data() + at, count, size, history.data(), 0});
+      at += size;
+      source += count;
+    }
+  }
+  std::vector<unsigned char> plain;
+  std::vector<unsigned char> out;
+  Coded coded;
+  std::vector<unsigned char> history;
+  std::vector<lzs::DecompressHandles> calls;
+  bool isGood;
+};
+
+bool GoesOn(const lzs::DecompressHandles& call) { return (call.result & LzsUnitComplete) != 0; }
+
+// The two halves of an input by turns, `unitsAtOnce` of each side by side, or with 0 each alone.
+void BenchHalves(benchmark::State& state, const CoderKind* kind, const std::string& path,
+                 size_t unitsAtOnce) {
+  const std::vector<unsigned char> plain = ReadFile(path);
+  const std::unique_ptr<Coder> coder = kind->make(kind->level);
+  const size_t middle = plain.size() / 2 / kChunkSize * kChunkSize;
+  Half first(*coder, std::span(plain).first(middle));
+  Half second(*coder, std::span(plain).subspan(middle, middle));
+  if (!first.isGood || !second.isGood || middle == 0) state.SkipWithError("no such input");
+  for (auto _ : state) {
+    first.Begin();
+    second.Begin();
+    const size_t step = std::max<size_t>(unitsAtOnce, 1);
+    for (size_t at = 0; at < first.calls.size(); at += step) {
+      const size_t count = std::min(step, first.calls.size() - at);
+      const auto a = std::span(first.calls).subspan(at, count);
+      const auto b = std::span(second.calls).subspan(at, count);
+      lzs::DecompressPair(a, unitsAtOnce == 0 ? b.first(0) : b, GoesOn);
+      if (unitsAtOnce == 0) lzs::DecompressPair(a.first(0), b, GoesOn);
+    }
+    benchmark::ClobberMemory();
+  }
+  if (first.out != first.plain || second.out != second.plain)
+    state.SkipWithError("what came out is not what went in");
+  state.SetBytesProcessed(state.iterations() * static_cast<int64_t>(2 * middle));
+}
+
 void BenchWorstCompress(benchmark::State& state, const WorstInput* input, const CoderKind* kind) {
   const std::vector<unsigned char> plain = input->make();
   const std::unique_ptr<Coder> coder = kind->make(kind->level);
@@ -147,6 +208,7 @@ class TableReporter : public benchmark::BenchmarkReporter {
   void PrintSpeeds(const char* verb, bool decodersOnly) const;
   void PrintSizes() const;
   void PrintRatios() const;
+  void PrintPairs() const;
   void PrintWorst() const;
   std::map<std::string, double> m_best;
   std::map<std::string, double> m_values;
@@ -211,6 +273,13 @@ const Ratio kOwnRatios[] = {
     {"decompress zeros : memcpy", "decompress/capsule 255/zeros", "decompress/memcpy/zeros", 0.5},
 };
 
+struct PairKind {
+  const char* verb;
+  size_t unitsAtOnce;
+};
+const PairKind kPairs[] = {
+    {"decompress in turn", 0}, {"decompress 1 beside 1", 1}, {"decompress 16 beside 16", 16}};
+
 void TableReporter::PrintRatios() const {
   std::printf("\n| ratio | wanted | text | executables | mixed |\n|---|---:|---:|---:|---:|\n");
   for (const Ratio& ratio : kRatios) {
@@ -243,8 +312,27 @@ void TableReporter::PrintWorst() const {
   }
 }
 
+// Speeds of units side by side, and their ratio to the same units in turn.
+void TableReporter::PrintPairs() const {
+  std::printf("\n| units of two histories, MB/s (ratio) |");
+  for (const char* corpus : kCorpora) std::printf(" %s |", corpus);
+  std::printf("\n|---|---:|---:|---:|---:|---:|\n");
+  for (const CoderKind& kind : AllCoders()) {
+    if (kind.isPeer) continue;
+    for (const PairKind& pair : kPairs) {
+      std::printf("| %s, %s |", kind.name.c_str(), pair.verb);
+      for (const char* corpus : kCorpora) {
+        const double speed = Best(NameOf(pair.verb, kind, corpus));
+        std::printf(" %.0f (%.2f) |", speed, speed / Best(NameOf(kPairs[0].verb, kind, corpus)));
+      }
+      std::printf("\n");
+    }
+  }
+}
+
 void TableReporter::PrintTables() const {
   PrintRatios();
+  PrintPairs();
   PrintSpeeds("compress", false);
   PrintSpeeds("decompress", true);
   PrintSizes();
@@ -257,6 +345,10 @@ void Register(const std::string& directory) {
     for (const CoderKind& kind : AllCoders()) {
       benchmark::RegisterBenchmark(NameOf("compress", kind, corpus).c_str(), BenchCompress, &kind,
                                    path);
+      for (const PairKind& pair : kPairs)
+        if (!kind.isPeer)
+          benchmark::RegisterBenchmark(NameOf(pair.verb, kind, corpus).c_str(), BenchHalves, &kind,
+                                       path, pair.unitsAtOnce);
       if (kind.decodes)
         benchmark::RegisterBenchmark(NameOf("decompress", kind, corpus).c_str(), BenchDecompress,
                                      &kind, path);
