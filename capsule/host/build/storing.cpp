@@ -1,5 +1,6 @@
 #include "capsule/host/build/storing.h"
 
+#include <algorithm>
 #include <array>
 #include <vector>
 
@@ -8,25 +9,25 @@
 namespace capsule::host {
 namespace {
 
-constexpr uint64_t kSamples = 16;
-constexpr uint32_t kSampleSize = uint32_t{1} << 13;
-static_assert(kSampleSize % kChunkSize == 0);
+// One chunk in so many bytes is a sample, within bounds.
+constexpr uint64_t kSampled = uint64_t{128} << 10;
+constexpr uint64_t kFewestSamples = 16;
+constexpr uint64_t kMostSamples = 128;
 
 }  // namespace
 
 bool SamplesShrink(const ReadBytes& read, uint64_t size, int level, StreamCompressor& compressor) {
+  const uint64_t samples = std::clamp(size / kSampled, kFewestSamples, kMostSamples);
   RecordEncoder encoder(compressor, level);
-  std::array<unsigned char, kSampleSize> sample;
+  std::array<unsigned char, kChunkSize> sample;
   std::vector<unsigned char> records;
-  for (uint64_t i = 0; i < kSamples; ++i) {
-    const uint64_t offset = (size - kSampleSize) * i / (kSamples - 1) / kChunkSize * kChunkSize;
+  for (uint64_t i = 0; i < samples; ++i) {
+    const uint64_t offset = (size - kChunkSize) * i / (samples - 1) / kChunkSize * kChunkSize;
     if (!read(offset, sample)) return true;
     compressor.ResetCompressionHistory();
-    for (uint32_t at = 0; at < kSampleSize; at += kChunkSize) {
-      if (!encoder.Append(std::span(sample).subspan(at, kChunkSize), false, &records)) return false;
-    }
+    if (!encoder.Append(sample, false, &records)) return false;
   }
-  return records.size() < kSamples * kSampleSize;
+  return records.size() < samples * kChunkSize;
 }
 
 }  // namespace capsule::host
