@@ -4,7 +4,6 @@
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
-#include <iterator>
 #include <stdexcept>
 #include <string>
 #include <string_view>
@@ -39,8 +38,12 @@ inline void WriteFile(const std::string& path, std::string_view bytes) {
 }
 
 inline std::string ReadFile(const std::string& path) {
-  std::ifstream file(path, std::ios::binary);
-  return {std::istreambuf_iterator<char>(file), {}};
+  std::ifstream file(path, std::ios::binary | std::ios::ate);
+  const auto size = static_cast<std::streamoff>(file.tellg());
+  std::string bytes(size > 0 ? static_cast<size_t>(size) : 0, '\0');
+  file.seekg(0).read(bytes.data(), static_cast<std::streamsize>(bytes.size()));
+  bytes.resize(static_cast<size_t>(file.gcount()));
+  return bytes;
 }
 
 }  // namespace capsule::test
