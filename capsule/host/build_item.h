@@ -23,8 +23,8 @@
 
 namespace capsule::host {
 
-// An item is a folder unless it has a source or bytes. Bytes are read on threads of the builder, and
-// are asked for more than once.
+// An item is a folder unless it has a source or bytes. Bytes are read on threads of the builder,
+// and are asked for more than once.
 struct BuildItem {
   std::string
       path{};  // in the partition, '/' between segments; folders above it come by themselves
