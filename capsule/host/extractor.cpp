@@ -164,7 +164,7 @@ void Extractor::Impl::Leave() {
   if ((level.isNew || options.force) && !level.folder.IsRoot()) work->Left(level.folder, current);
   above->isNew = levels.back().isNew;
   const SharedFolder stillOpen = levels.back().open.lock();
-  current = stillOpen ? stillOpen : std::move(above);
+  current = stillOpen ? stillOpen : SharedFolder(std::move(above));
   levels.back().open = current;
 }
 

@@ -145,7 +145,7 @@ void ImageDraft::Lay(ItemBatch& batch) {
 }
 
 void ImageDraft::Lay(const SourceItem& item, const EncodedItem& encoded) {
-  const Place place = BeginItem(item);
+  const ItemPlace place = BeginItem(item);
   Put(encoded.bytes);
   EndItem(item, place);
   if (item.kind == SourceItem::Kind::Folder) {
@@ -157,9 +157,9 @@ void ImageDraft::Lay(const SourceItem& item, const EncodedItem& encoded) {
 }
 
 // Lays down what closes levels before an item.
-ImageDraft::Place ImageDraft::BeginItem(const SourceItem& item) {
+ItemPlace ImageDraft::BeginItem(const SourceItem& item) {
   const ScopedLibraryState scope(m_state);
-  Place place{m_output.Position()};
+  ItemPlace place{m_output.Position()};
   const bool isFolder = item.kind == SourceItem::Kind::Folder;
   const std::string path = ItemPath(m_partition, item.relative);
   if (m_image.BeginItem(path.c_str(), isFolder, &place.zeroEntries) != 0) {
@@ -170,7 +170,7 @@ ImageDraft::Place ImageDraft::BeginItem(const SourceItem& item) {
   return place;
 }
 
-void ImageDraft::EndItem(const SourceItem& item, const Place& place) {
+void ImageDraft::EndItem(const SourceItem& item, const ItemPlace& place) {
   const ScopedLibraryState scope(m_state);
   const auto bytes = static_cast<int64_t>(m_output.Position() - place.begin);
   if (m_image.EndItem(bytes, static_cast<uint32_t>(item.status.size)) != 0) FailAsTooLarge();
@@ -240,14 +240,14 @@ void ImageDraft::StoreIfSmaller(LongFile& file) {
   }
 }
 
-void ImageDraft::GoBack(const OpenFile& file) {
+void ImageDraft::GoBack(const OpenLongFile& file) {
   m_output.GoTo(file.place.begin);
   m_index.GoBack(file.section);
 }
 
 void ImageDraft::EndLong(LongFile& file) {
   if (m_long->problem.empty()) StoreIfSmaller(file);
-  OpenFile open = std::move(*m_long);
+  OpenLongFile open = std::move(*m_long);
   m_long.reset();
   if (open.problem.empty()) open.problem = ChangeOf(file.item);
   if (!open.problem.empty()) {

@@ -42,6 +42,24 @@ struct DraftSettings {
   std::function<void(const SourceItem& item, uint64_t bytes)> onBytes;
 };
 
+// Where an item lies in a draft.
+struct ItemPlace {
+  uint64_t begin = 0;  // of the zero entries before it
+  int zeroEntries = 0;
+  uint64_t offset = 0;  // of its records
+};
+
+// A long file that is being laid down.
+struct OpenLongFile {
+  ItemPlace place;
+  RunningChecksum section;  // before it
+  uint64_t groupBytes = 0;
+  RunningChecksum check;
+  std::vector<IndexRecord> restarts;
+  std::optional<CompressorState> state;
+  std::string problem;
+};
+
 class ImageDraft {
  public:
   // `target`: absolute. `name`: what errors call it.
@@ -75,24 +93,6 @@ class ImageDraft {
   uint64_t SeamsRedone() const { return m_seamsRedone; }
 
  private:
-  // Where an item lies.
-  struct Place {
-    uint64_t begin = 0;  // of the zero entries before it
-    int zeroEntries = 0;
-    uint64_t offset = 0;  // of its records
-  };
-
-  // The long file that is being laid down.
-  struct OpenFile {
-    Place place;
-    RunningChecksum section;  // before it
-    uint64_t groupBytes = 0;
-    RunningChecksum check;
-    std::vector<IndexRecord> restarts;
-    std::optional<CompressorState> state;
-    std::string problem;
-  };
-
   void AddLong(SourceItem item);
   void SubmitBatch();
   void MakeRoom();
@@ -103,10 +103,10 @@ class ImageDraft {
   void BeginLong(const SourceItem& item);
   void TakeSpan(LongFile& file, uint64_t begin, EncodedSpan& encoded);
   void StoreIfSmaller(LongFile& file);
-  void GoBack(const OpenFile& file);
+  void GoBack(const OpenLongFile& file);
   void EndLong(LongFile& file);
-  Place BeginItem(const SourceItem& item);
-  void EndItem(const SourceItem& item, const Place& place);
+  ItemPlace BeginItem(const SourceItem& item);
+  void EndItem(const SourceItem& item, const ItemPlace& place);
   void Put(std::span<const unsigned char> bytes);
   void EndSection();
   uint64_t AppendIndex();
@@ -132,7 +132,7 @@ class ImageDraft {
   std::vector<std::string> m_labels;  // of partitions
   EncoderPool m_encoders;
   std::unique_ptr<ItemBatch> m_batch;  // to be pushed when it is full
-  std::optional<OpenFile> m_long;
+  std::optional<OpenLongFile> m_long;
   uint64_t m_seams = 0;
   uint64_t m_seamsRedone = 0;
   OrderedWork m_work;  // goes first: its jobs use the encoders

@@ -26,7 +26,8 @@ class ReadAhead : public ByteSource {
   // Everything outside of what is held is read when it is asked for.
   size_t ReadAt(uint64_t offset, std::span<unsigned char> out) const override {
     if (!Holds(offset, offset + out.size())) return m_image.ReadAt(offset, out);
-    std::copy_n(m_bytes.data() + (offset - m_begin), out.size(), out.begin());
+    const auto held = std::span(m_bytes).subspan(static_cast<size_t>(offset - m_begin), out.size());
+    std::copy(held.begin(), held.end(), out.begin());
     return out.size();
   }
 

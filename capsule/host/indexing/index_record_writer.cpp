@@ -39,19 +39,20 @@ void IndexRecordWriter::Add(const SectionItem& item, const std::string& damage,
   const uint64_t end = CheckedEnd(item);
   Take(item.offset, end, item.kind == SectionItem::Kind::File ? &m_file : nullptr);
   ItemNotes notes{damage, label};
-  if (IsSoundFile(item, damage)) {
-    notes.check = m_file.Value();
-    m_source.begin = item.dataOffset;
-    m_source.limit = item.offset + item.length;
-    m_source.size = item.entry.FileSize;
-    m_source.rules.kind = item.Records();
-    if (m_restartPoints) {
-      notes.restarts = [source = m_source](const auto& take) { FindRestartPoints(source, take); };
-    }
-  }
+  if (IsSoundFile(item, damage)) NoteFile(item, &notes);
   m_records.Add(item, std::move(notes));
   m_ended = EndsSection(item);
   if (m_ended) m_records.EndSection(m_section.Value(), end);
+}
+
+void IndexRecordWriter::NoteFile(const SectionItem& item, ItemNotes* notes) {
+  notes->check = m_file.Value();
+  m_source.begin = item.dataOffset;
+  m_source.limit = item.offset + item.length;
+  m_source.size = item.entry.FileSize;
+  m_source.rules.kind = item.Records();
+  if (!m_restartPoints) return;
+  notes->restarts = [source = m_source](const auto& take) { FindRestartPoints(source, take); };
 }
 
 uint64_t IndexRecordWriter::Finish() {

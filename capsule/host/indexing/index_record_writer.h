@@ -39,6 +39,7 @@ class IndexRecordWriter {
   uint64_t RestartBytes() const { return m_records.RestartBytes(); }
 
  private:
+  void NoteFile(const SectionItem& item, ItemNotes* notes);
   void Take(uint64_t at, uint64_t end, RunningChecksum* file);
 
   RecordSource m_source;

@@ -109,7 +109,7 @@ void VerifySteps::AddRegion(CheckedRegion region, const std::string& path) {
   step.region = std::make_unique<CheckedRegion>(std::move(region));
 }
 
-void VerifySteps::AddFile(RecordSource source) {
+void VerifySteps::AddFile(const RecordSource& source) {
   std::optional<size_t> from;
   for (const size_t seam : SeamsOf(source, m_restarts)) {
     AddPart(source, from, m_restarts[seam].record);
@@ -176,20 +176,24 @@ void VerifySteps::TellFile(Step& step) {
     step.file = std::move(m_part);
     step.thrown = nullptr;
   }
-  FileDecoding& file = *step.file;
-  for (;; file.Run(1)) {
-    for (const FileDecoding::Event& event : file.TakeEvents()) {
+  TellEvents(step);
+  if (step.file->IsSound()) m_telling.report.bytes += step.file->Source().size;
+  m_part = std::move(step.file);
+}
+
+// What decoding has found out, and all that is left to find out.
+void VerifySteps::TellEvents(Step& step) {
+  for (;; step.file->Run(1)) {
+    for (const FileDecoding::Event& event : step.file->TakeEvents()) {
       if (event.fault.empty()) {
-        watch.TellWithin(event.offset, step.path);
+        m_telling.watch.TellWithin(event.offset, step.path);
       } else {
         m_telling.Tell(event.offset, step.path, event.fault);
       }
     }
     if (step.thrown) std::rethrow_exception(step.thrown);
-    if (file.HasStopped()) break;
+    if (step.file->HasStopped()) return;
   }
-  if (file.IsSound()) m_telling.report.bytes += file.Source().size;
-  m_part = std::move(step.file);
 }
 
 }  // namespace capsule::host

@@ -29,8 +29,8 @@ class VerifySteps {
   // Each of these only comes after all that were called before it.
   void AddPlace(uint64_t offset, const std::string& path);  // for progress
   void AddFault(uint64_t offset, const std::string& path, std::string reason);
-  void AddUnreadFile();               // it is counted, and no more
-  void AddFile(RecordSource source);  // to be decoded
+  void AddUnreadFile();                      // it is counted, and no more
+  void AddFile(const RecordSource& source);  // to be decoded
   void AddRegion(CheckedRegion region, const std::string& path);
 
   // Tells what is ready, and waits where too much is under way or the host wants an end. To be
@@ -55,6 +55,7 @@ class VerifySteps {
   void TellFirst();
   void Tell(Step& step);
   void TellFile(Step& step);
+  void TellEvents(Step& step);
 
   ImageFile m_image;
   const std::vector<RestartPoint>& m_restarts;
