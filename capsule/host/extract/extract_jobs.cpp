@@ -125,6 +125,9 @@ bool ExtractSpan::Extract(Workspace& workspace) {
   m_stored->Hold(StoredBegin(), storedEnd);
   source.image = ImageFile(m_stored, source.image.Name());
   source.check.reset();
+  // No other point may lead to the same byte of the file: this one is what the span before compares.
+  source.restarts = std::span(m_file->points).subspan(m_number == 0 ? 0 : m_number - 1);
+  source.restarts = source.restarts.first(m_number == 0 ? 0 : 1);
   RecordStream records(source);
   const uint64_t begin = m_number == 0 ? 0 : m_file->points[m_number - 1].fileOffset;
   records.Seek(begin);
