@@ -64,6 +64,9 @@ bool Sync(int descriptor);
 // Device and inode of an open file; none on failure.
 std::optional<FileIdentity> Identify(int descriptor);
 
+// How many descriptors the process may have.
+size_t MostDescriptors();
+
 // 0 or -1. Never retried: after EINTR the descriptor is gone all the same.
 int Close(int descriptor);
 

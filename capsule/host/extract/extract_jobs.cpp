@@ -14,7 +14,6 @@ namespace {
 
 // So that a job is worth the change of threads, and neither descriptors nor memory run short.
 constexpr size_t kMostSteps = 128;
-constexpr size_t kMostFolders = 8;
 constexpr uint64_t kMostBytes = uint64_t{1} << 20;
 
 constexpr uint64_t kMostAhead = uint64_t{512} << 10;
@@ -30,13 +29,15 @@ uint64_t StoredBegin(const RecordSource& source) {
 }  // namespace
 
 void ExtractSteps::Add(ExtractStep step) {
-  if (step.kind == ExtractStep::Kind::Left) ++m_folders;
+  if (step.folder && step.folder.get() != m_folder) ++m_folders;
+  if (step.folder) m_folder = step.folder.get();
   if (step.kind == ExtractStep::Kind::Short) m_bytes += step.entry.Size();
   m_steps.push_back(std::move(step));
 }
 
 bool ExtractSteps::IsFull() const {
-  return m_steps.size() >= kMostSteps || m_folders >= kMostFolders || m_bytes >= kMostBytes;
+  return m_steps.size() >= kMostSteps || m_folders >= m_context.mostFolders ||
+         m_bytes >= kMostBytes;
 }
 
 // Reads the records of file `first`, and of those that lie behind it, as far as that is one read.
@@ -125,7 +126,8 @@ bool ExtractSpan::Extract(Workspace& workspace) {
   m_stored->Hold(StoredBegin(), storedEnd);
   source.image = ImageFile(m_stored, source.image.Name());
   source.check.reset();
-  // No other point may lead to the same byte of the file: this one is what the span before compares.
+  // No other point may lead to the same byte of the file: this one is what the span before
+  // compares.
   source.restarts = std::span(m_file->points).subspan(m_number == 0 ? 0 : m_number - 1);
   source.restarts = source.restarts.first(m_number == 0 ? 0 : 1);
   RecordStream records(source);

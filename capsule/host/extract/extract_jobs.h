@@ -48,6 +48,7 @@ class ExtractJob : public OrderedWork::Job {
 struct ExtractContext {
   FileExtraction files;
   std::vector<Workspace> workspaces;  // by worker
+  size_t mostFolders = 1;             // that a job has open
 };
 
 class ExtractSteps : public ExtractJob {
@@ -70,6 +71,7 @@ class ExtractSteps : public ExtractJob {
   ExtractContext& m_context;
   std::vector<ExtractStep> m_steps;
   size_t m_folders = 0;
+  const TargetFolder* m_folder = nullptr;  // of the last step that has one
   uint64_t m_bytes = 0;
 };
 

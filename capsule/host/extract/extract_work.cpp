@@ -10,15 +10,30 @@
 #include "capsule/host/extract/piece_writer.h"
 #include "capsule/host/file/reason.h"
 #include "capsule/host/parallel/workers.h"
+#include "capsule/platform/file.h"
 #include "capsule/platform/folder.h"
 
 namespace capsule::host {
 namespace {
 
-constexpr size_t kMostFolders = 64;  // whose times are to be set yet, and which are open till then
+// Below so many descriptors there are no threads, so that none of theirs runs short.
+constexpr size_t kFewDescriptors = 64;
+
+// Folders whose times are to be set yet, and which are open till then.
+size_t MostLeft() { return platform::MostDescriptors() < kFewDescriptors ? 1 : 64; }
 
 size_t Workers(const ExtractOptions& options) {
-  return options.onDamage == OnDamage::Stop ? WorkersFor(options.jobs) : 1;
+  const bool isAlone =
+      options.onDamage != OnDamage::Stop || platform::MostDescriptors() < kFewDescriptors;
+  return isAlone ? 1 : WorkersFor(options.jobs);
+}
+
+// Of the folders that each of the jobs under way has open.
+size_t FoldersEach(size_t workers) {
+  constexpr size_t kMost = 8;
+  const size_t most = platform::MostDescriptors();
+  if (most < kFewDescriptors) return 1;
+  return std::clamp<size_t>(most / 4 / (3 * workers + 1), 1, kMost);
 }
 
 }  // namespace
@@ -29,6 +44,7 @@ ExtractWork::ExtractWork(const Image& image, const ExtractOptions& options, Watc
       m_context{FileExtraction(image, options), {}},
       m_work(Workers(options)) {
   m_context.workspaces.resize(m_work.Workers());
+  m_context.mostFolders = FoldersEach(m_work.Workers());
 }
 
 void ExtractWork::Entered(const Entry& folder, bool isNew) {
@@ -42,7 +58,7 @@ void ExtractWork::Problem(const Entry& entry, std::string reason) {
 void ExtractWork::Left(const Entry& entry, const SharedFolder& folder) {
   ++m_folders;
   Add({.kind = ExtractStep::Kind::Left, .entry = entry, .folder = folder});
-  while (m_folders > kMostFolders && !m_work.IsEmpty()) TakeFirst();
+  while (m_folders > MostLeft() && !m_work.IsEmpty()) TakeFirst();
 }
 
 void ExtractWork::File(const Entry& file, const SharedFolder& folder) {

@@ -183,14 +183,12 @@ void VerifySteps::TellFile(Step& step) {
 
 // What decoding has found out, and all that is left to find out.
 void VerifySteps::TellEvents(Step& step) {
+  const auto tell = [&](const FileDecoding::Event& event) {
+    if (!event.fault.empty()) return m_telling.Tell(event.offset, step.path, event.fault);
+    m_telling.watch.TellWithin(event.offset, step.path);
+  };
   for (;; step.file->Run(1)) {
-    for (const FileDecoding::Event& event : step.file->TakeEvents()) {
-      if (event.fault.empty()) {
-        m_telling.watch.TellWithin(event.offset, step.path);
-      } else {
-        m_telling.Tell(event.offset, step.path, event.fault);
-      }
-    }
+    for (const FileDecoding::Event& event : step.file->TakeEvents()) tell(event);
     if (step.thrown) std::rethrow_exception(step.thrown);
     if (step.file->HasStopped()) return;
   }

@@ -3,6 +3,7 @@
 #include "capsule/platform/file.h"
 
 #include <fcntl.h>
+#include <sys/resource.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -150,5 +151,12 @@ std::optional<FileIdentity> Identify(int descriptor) {
 }
 
 int Close(int descriptor) { return IsOpen(descriptor) ? ::close(descriptor) : -1; }
+
+size_t MostDescriptors() {
+  struct rlimit limit {};
+  constexpr size_t kUsual = 1024;
+  if (::getrlimit(RLIMIT_NOFILE, &limit) != 0 || limit.rlim_cur > kUsual) return kUsual;
+  return static_cast<size_t>(limit.rlim_cur);
+}
 
 }  // namespace capsule::platform
