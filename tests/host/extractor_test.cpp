@@ -10,6 +10,7 @@
 #include <map>
 #include <thread>
 
+#include "capsule/host/file/reason.h"
 #include "capsule/host/image_builder.h"
 #include "tests/host/small_image.h"
 
@@ -368,6 +369,14 @@ TEST_F(ExtractorJobsTest, FewDescriptorsAreEnoughOrSaid) {
   ::close(next);
   rlimit before{};
   ASSERT_EQ(::getrlimit(RLIMIT_NOFILE, &before), 0);
+  // Checks of types need descriptors of their own when they meet a type for the first time.
+  for (const int jobs : {1, 4}) {
+    fs::create_directory(m_directory / "out");
+    static_cast<void>(Extractor(image, m_directory / "out", {.jobs = jobs}).Run());
+    fs::remove_all(m_directory / "out");
+  }
+  EXPECT_THROW(ThrowSystemError("", "", EMFILE), ShortageError);
+  EXPECT_THROW(Extractor(image, m_directory / "out").Run(), Error);
   size_t whole = 0;
   for (rlim_t more = 0; more < 24; more += 2) {
     const rlimit few = {static_cast<rlim_t>(next) + more, before.rlim_max};
