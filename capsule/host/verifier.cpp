@@ -145,7 +145,7 @@ class VerifyRun {
     source.limit = m_file.end;
     source.size = m_file.size;
     source.entryPath = m_file.path;
-    m_steps.AddFile(std::move(source));
+    m_steps.AddFile(source);
   }
 
   // The reason without the path that it begins with.
