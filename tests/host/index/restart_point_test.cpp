@@ -7,6 +7,7 @@
 
 #include "capsule/container/header_format.h"
 #include "capsule/container/index_format.h"
+#include "capsule/host/extractor.h"
 #include "capsule/host/file/checksum.h"
 #include "capsule/host/image.h"
 #include "capsule/host/image_builder.h"
@@ -193,6 +194,35 @@ TEST_F(RestartPoints, AreWhereFilesArePartedWhenVerified) {
     others += Faults().find("has another history than the file") == std::string::npos ? 0 : 1;
   }
   EXPECT_GT(others, 5U);
+}
+
+// Whatever they tell, all of the file comes out: a span that begins at a wrong one does not count.
+TEST_F(RestartPoints, NeverChangeWhatIsExtracted) {
+  Build(6);
+  const auto extracted = [&](const std::string& bytes) {
+    SaveWithNewCheckValue(bytes);
+    std::filesystem::remove_all(m_folder / "out");
+    std::filesystem::create_directory(m_folder / "out");
+    const Image image(m_path);
+    const ExtractReport report = Extractor(image, m_folder / "out", {.jobs = 8}).Run();
+    EXPECT_EQ(report.files, 1U);
+    return test::ReadFile(m_folder / "out/long.txt");
+  };
+  EXPECT_TRUE(extracted(m_bytes) == m_text);
+  for (const size_t at : {size_t{9}, size_t{1000}, size_t{2050}, m_notes[3].length - 8}) {
+    std::string bytes = m_bytes;
+    bytes[m_notes[3].offset + at] ^= 1;
+    EXPECT_TRUE(extracted(bytes) == m_text) << at;
+  }
+  // Two for one place, of which only the second is forged.
+  ASSERT_EQ(m_notes[3].length, m_notes[4].length);
+  for (size_t back = 20; back < 2000; back += 90) {
+    std::string bytes = m_bytes;
+    bytes.replace(m_notes[4].offset, m_notes[4].length, m_bytes, m_notes[3].offset,
+                  m_notes[3].length);
+    bytes[m_notes[4].offset + m_notes[4].length - back] ^= 1;
+    EXPECT_TRUE(extracted(bytes) == m_text) << back;
+  }
 }
 
 }  // namespace
